@@ -1,0 +1,56 @@
+// The activity thread's run queue, and counters of what entities do.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace Korm {
+
+// Work that is done later rather than now, on the one activity thread, in the order in which it was
+// deferred. Nothing runs by itself: the host calls run() when it is otherwise idle.
+class Activity {
+ public:
+  void defer(std::function<void()> work) { queue_.push_back(std::move(work)); }
+
+  // Runs until nothing waits, including what the work itself defers. An exception leaves with the work
+  // behind it still queued.
+  void run() {
+    while (!queue_.empty()) {
+      const std::function<void()> work = std::move(queue_.front());
+      queue_.pop_front();
+      work();
+    }
+  }
+
+  [[nodiscard]] bool idle() const noexcept { return queue_.empty(); }
+  void clear() noexcept { queue_.clear(); }
+
+ private:
+  std::deque<std::function<void()>> queue_;
+};
+
+// The run queue of the process.
+[[nodiscard]] Activity& activity() noexcept;
+
+// Counts of an entity's activity, by name. A counter's address is good for the set's life.
+class ActivityCounters {
+ public:
+  using Counter = std::uint64_t;
+
+  [[nodiscard]] Counter& counter(const std::string& name) { return counters_[name]; }
+  // 0 for a counter that is not registered.
+  [[nodiscard]] Counter value(std::string_view name) const {
+    const auto found = counters_.find(name);
+    return found == counters_.end() ? 0 : found->second;
+  }
+  [[nodiscard]] const auto& all() const noexcept { return counters_; }
+
+ private:
+  std::map<std::string, Counter, std::less<>> counters_;
+};
+
+}  // namespace Korm

@@ -1,0 +1,97 @@
+#include "platform/Korm/Address.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <ostream>
+
+namespace Korm {
+namespace {
+
+template <class Octets>
+std::string presentation(int family, const Octets& octets) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  inet_ntop(family, octets.data(), text.data(), text.size());
+  return text.data();
+}
+
+}  // namespace
+
+std::string EthAddr::text() const {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  for (const std::uint8_t octet : octets) {
+    if (!text.empty()) {
+      text += ':';
+    }
+    text += digits[octet >> 4U];
+    text += digits[octet & 0xFU];
+  }
+  return text;
+}
+
+std::string Ip4Addr::text() const { return presentation(AF_INET, octets); }
+
+std::string Ip6Addr::text() const { return presentation(AF_INET6, octets); }
+
+IpAddr IpAddr::prefixMask(AddressFamily family, unsigned length) {
+  IpAddr mask;
+  mask.family_ = family;
+  for (unsigned at = 0; at < mask.octets_.size() && length > 0; ++at) {
+    const unsigned bits = std::min(length, 8U);
+    mask.octets_[at] = static_cast<std::uint8_t>(0xFF00U >> bits);
+    length -= bits;
+  }
+  return mask;
+}
+
+std::string IpAddr::text() const {
+  switch (family_) {
+    case AddressFamily::ipv4_:
+      return ip4().text();
+    case AddressFamily::ipv6_:
+      return ip6().text();
+    case AddressFamily::none_:
+      break;
+  }
+  return "-";
+}
+
+std::ostream& operator<<(std::ostream& out, const EthAddr& address) { return out << address.text(); }
+std::ostream& operator<<(std::ostream& out, const Ip4Addr& address) { return out << address.text(); }
+std::ostream& operator<<(std::ostream& out, const Ip6Addr& address) { return out << address.text(); }
+std::ostream& operator<<(std::ostream& out, const IpAddr& address) { return out << address.text(); }
+
+std::optional<EthAddr> parseEthAddr(std::string_view text) {
+  constexpr std::size_t length = 17;
+  if (text.size() != length) {
+    return std::nullopt;
+  }
+  EthAddr address;
+  for (std::size_t at = 0; at < address.octets.size(); ++at) {
+    const char* const digits = text.data() + at * 3;
+    const auto [end, error] = std::from_chars(digits, digits + 2, address.octets[at], 16);
+    if (error != std::errc{} || end != digits + 2 ||
+        (at + 1 < address.octets.size() && *end != ':')) {
+      return std::nullopt;
+    }
+  }
+  return address;
+}
+
+std::optional<IpAddr> parseIpAddr(std::string_view text) {
+  const std::string terminated{text};
+  if (terminated.size() != std::string_view{terminated.c_str()}.size()) {
+    return std::nullopt;
+  }
+  if (Ip4Addr address; inet_pton(AF_INET, terminated.c_str(), address.octets.data()) == 1) {
+    return IpAddr{address};
+  }
+  if (Ip6Addr address; inet_pton(AF_INET6, terminated.c_str(), address.octets.data()) == 1) {
+    return IpAddr{address};
+  }
+  return std::nullopt;
+}
+
+}  // namespace Korm

@@ -1,0 +1,39 @@
+// Small integers with limits.
+#pragma once
+
+#include "platform/Korm/Exceptions.h"
+
+#include <compare>
+#include <ostream>
+
+namespace Korm {
+
+// An integer that refuses to be built outside its limits. `Limits` supplies `min`, `max` (both
+// accepted) and `message`, the whole text of the range exception.
+template <class Int, class Limits>
+class BoundedValue {
+ public:
+  static constexpr Int min = Limits::min;
+  static constexpr Int max = Limits::max;
+
+  constexpr BoundedValue() noexcept = default;
+
+  // Takes a wider integer, so that no value is truncated into the limits.
+  constexpr explicit BoundedValue(long long value) : value_{static_cast<Int>(value)} {
+    if (value < static_cast<long long>(min) || value > static_cast<long long>(max)) [[unlikely]] {
+      throwRangeException(Limits::message);
+    }
+  }
+
+  [[nodiscard]] constexpr Int value() const noexcept { return value_; }
+
+  friend constexpr auto operator<=>(const BoundedValue&, const BoundedValue&) noexcept = default;
+  friend std::ostream& operator<<(std::ostream& out, const BoundedValue& value) {
+    return out << static_cast<long long>(value.value_);
+  }
+
+ private:
+  Int value_{};
+};
+
+}  // namespace Korm

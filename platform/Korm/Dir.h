@@ -1,0 +1,44 @@
+// Directories: named entities, in the order of their names.
+#pragma once
+
+#include "platform/Korm/Entity.h"
+
+#include <map>
+
+namespace Korm {
+
+// Holds a reference to each entity. Reactors hear the name of each one added, replaced or removed.
+class Dir final : public NamedEntity {
+ public:
+  explicit Dir(Name name = {}) : NamedEntity{std::move(name)} {}
+
+  // Adds or replaces; the entity that is there already is left alone and nobody is told. A null entity
+  // removes. The entity hears of its parent before the reactors hear of it.
+  void entityIs(const Name& name, Ptr<Entity> entity);
+  // The entity removed, or null.
+  Ptr<Entity> entityDel(const Name& name);
+
+  // Null when there is none of that name or it is of another type.
+  template <class T = Entity>
+  [[nodiscard]] Ptr<T> entityPtr(const Name& name) const {
+    const auto found = entities_.find(name);
+    return found == entities_.end() ? Ptr<T>{} : dynamicPtrCast<T>(found->second);
+  }
+
+  // Name and entity of each, by name. Changes to the directory end the walk's validity only for the
+  // element removed.
+  [[nodiscard]] const std::map<Name, Ptr<Entity>>& entities() const noexcept { return entities_; }
+
+  [[nodiscard]] NotifieeList<const Name&>& notifiees() const noexcept { return notifiees_; }
+
+  // The names from the root, joined with '/'.
+  [[nodiscard]] std::string path() const;
+  void handleParent(Dir& parent) override { parent_ = &parent; }
+
+ private:
+  std::map<Name, Ptr<Entity>> entities_;
+  mutable NotifieeList<const Name&> notifiees_;
+  const Dir* parent_ = nullptr;  // the parent holds a reference to this directory, not the reverse
+};
+
+}  // namespace Korm

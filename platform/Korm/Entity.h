@@ -1,0 +1,50 @@
+// The bases of the framework's objects: counted, notifying, and perhaps named.
+#pragma once
+
+#include "platform/Korm/Notification.h"
+#include "platform/Korm/Ptr.h"
+
+#include <string>
+
+namespace Korm {
+
+class Dir;
+
+using String = std::string;
+using Name = std::string;
+
+// A counted object whose notifications can be switched on and off as a whole.
+class Entity : public Counted {
+ public:
+  // Off from construction; a factory switches it on once the object is whole.
+  [[nodiscard]] bool hasNotificationActive() const noexcept { return notificationActive_; }
+  virtual void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
+
+  // Told, in attachment order, when the last outside reference has gone. An observer that takes a
+  // reference then keeps the entity alive until that reference goes, and is asked again.
+  [[nodiscard]] NotifieeList<>& zeroReferencesNotifiees() noexcept { return zeroReferences_; }
+
+  // Called by a directory on the entity that was placed in it.
+  virtual void handleParent(Dir& parent);
+
+ protected:
+  Entity() = default;
+  ~Entity() override = default;
+
+  void onZeroReferences() override { zeroReferences_.notify(); }
+
+ private:
+  NotifieeList<> zeroReferences_;
+  bool notificationActive_ = false;
+};
+
+class NamedEntity : public Entity {
+ public:
+  explicit NamedEntity(Name name) : name_{std::move(name)} {}
+  [[nodiscard]] const Name& name() const noexcept { return name_; }
+
+ private:
+  const Name name_;
+};
+
+}  // namespace Korm

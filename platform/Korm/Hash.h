@@ -1,0 +1,51 @@
+// Hashing for the framework's keyed collections and for the shared-memory tables.
+//
+// The hashes are stable within one process and its readers on one machine; they are not meant to be
+// stored for longer.
+#pragma once
+
+#include <concepts>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Korm {
+
+// A well mixed 64-bit hash of `size` bytes at `data`.
+[[nodiscard]] std::uint64_t hashBytes(const void* data, std::size_t size,
+                                      std::uint64_t seed) noexcept;
+
+// The finalizer of splitmix64: every input bit moves every output bit.
+[[nodiscard]] constexpr std::uint64_t hashMix(std::uint64_t value) noexcept {
+  value += 0x9E3779B97F4A7C15U;
+  value = (value ^ (value >> 30)) * 0xBF58476D1CE4E5B9U;
+  value = (value ^ (value >> 27)) * 0x94D049BB133111EBU;
+  return value ^ (value >> 31);
+}
+
+// The 32-bit hash under which a key stands in a keyed collection: the key's own `hash(seed)` with
+// seed 0 where it has one, otherwise a hash of its integer or of its characters.
+template <class Key>
+struct Hash {
+  [[nodiscard]] std::uint32_t operator()(const Key& key) const noexcept {
+    if constexpr (requires { key.hash(std::uint32_t{0}); }) {
+      return key.hash(std::uint32_t{0});
+    } else if constexpr (std::is_enum_v<Key> || std::is_integral_v<Key>) {
+      return static_cast<std::uint32_t>(hashMix(static_cast<std::uint64_t>(key)) >> 32);
+    } else {
+      const std::string_view text{key};
+      return static_cast<std::uint32_t>(hashBytes(text.data(), text.size(), 0) >> 32);
+    }
+  }
+};
+
+template <>
+struct Hash<std::string> {
+  [[nodiscard]] std::uint32_t operator()(std::string_view text) const noexcept {
+    return static_cast<std::uint32_t>(hashBytes(text.data(), text.size(), 0) >> 32);
+  }
+};
+
+}  // namespace Korm
