@@ -1,0 +1,345 @@
+#include "platform/Brisklog/RingReader.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cctype>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "platform/Brisklog/RingWriter.h"
+#include "platform/Brisklog/Segment.h"
+#include "platform/Brisklog/TextFormat.h"
+
+namespace Brisklog {
+
+using detail::loadShared;
+using detail::Word;
+
+struct RingReader::RawRecord {
+  Word ticket = 0;
+  std::array<Word, detail::recordWords> words{};
+};
+
+namespace {
+
+// Takes the words of a record apart, whatever is in them.
+class PayloadReader {
+ public:
+  explicit PayloadReader(std::span<const Word> payload) noexcept : payload_(payload) {}
+
+  [[nodiscard]] std::string argument(ArgumentKind kind) {
+    if (payload_.empty()) {
+      return "?";
+    }
+    switch (kind) {
+      case ArgumentKind::bool_:
+        return detail::textOf(word() != 0);
+      case ArgumentKind::signed_:
+        return detail::textOf(static_cast<std::int64_t>(word()));
+      case ArgumentKind::unsigned_:
+        return detail::textOf(word());
+      case ArgumentKind::double_:
+        return detail::textOf(std::bit_cast<double>(word()));
+      case ArgumentKind::text_:
+      case ArgumentKind::bytes_:
+        return bytes(kind);
+      case ArgumentKind::none_:
+        break;
+    }
+    return "?";
+  }
+
+ private:
+  [[nodiscard]] Word word() noexcept {
+    const Word value = payload_.front();
+    payload_ = payload_.subspan(1);
+    return value;
+  }
+
+  [[nodiscard]] std::string bytes(ArgumentKind kind) {
+    const auto* const start = reinterpret_cast<const char*>(payload_.data());
+    const auto head = static_cast<unsigned char>(start[0]);
+    const std::size_t size =
+        std::min<std::size_t>(head & (detail::cutMark - 1U), payload_.size_bytes() - 1);
+    std::string text = kind == ArgumentKind::text_ ? std::string(start + 1, size)
+                                                   : detail::textOf(Bytes{start + 1, size});
+    if ((head & detail::cutMark) != 0) {
+      text += "...";
+    }
+    payload_ = payload_.subspan(size / sizeof(Word) + 1);
+    return text;
+  }
+
+  std::span<const Word> payload_;
+};
+
+// Control characters, which a text from outside may well hold, as "\x" and two digits.
+void appendPrintable(std::string& line, std::string_view text) {
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte < 0x20 || byte == 0x7f) {
+      line += "\\x" + detail::textOf(Bytes{&character, 1});
+    } else {
+      line += character;
+    }
+  }
+}
+
+void checkRing(const std::string& name, const detail::Segment& segment) {
+  const auto fail = [&](const std::string& why) {
+    throw RingError("trace ring '" + name + "': " + why);
+  };
+  const Word* const header = segment.words();
+  const Word magic = loadShared(header[detail::magicWord]);
+  if (magic != detail::ringMagic) {
+    fail(magic == 0 ? "not ready yet" : "not a trace ring");
+  }
+  if (loadShared(header[detail::layoutWord]) != detail::ringLayout) {
+    fail("written by a program with another layout of it");
+  }
+  const Word records = loadShared(header[detail::recordCountWord]);
+  const Word dictionaryWords = loadShared(header[detail::dictionaryWordsWord]);
+  const Word words = segment.bytes() / sizeof(Word);
+  if (!std::has_single_bit(records) || records > words || dictionaryWords > words ||
+      detail::RingWriter::bytes(records, dictionaryWords) > segment.bytes()) {
+    fail("shorter than its header says");
+  }
+}
+
+}  // namespace
+
+std::string DecodedRecord::text() const {
+  return detail::messageText(scope, function, format, arguments);
+}
+
+std::string DecodedRecord::printedLine() const {
+  std::array<char, 512> seconds;
+  const int length = std::snprintf(seconds.data(), seconds.size(), "%.6f", time);
+  std::string line_(seconds.data(), static_cast<std::size_t>(length));
+  line_ += ' ' + std::to_string(level) + ' ';
+  appendPrintable(line_, unit);
+  line_ += ':' + std::to_string(line) + ' ';
+  appendPrintable(line_, text());
+  return line_;
+}
+
+RingReader RingReader::attach(const std::string& shmName) {
+  auto segment = detail::Segment::openReadOnly(shmName);
+  checkRing(shmName, *segment);
+  const Word* const base = segment->words();
+  return {shmName, std::move(segment), base};
+}
+
+RingReader RingReader::attach(const Ring& ring) {
+  return {ring.shmName(), nullptr, ring.segment_->words()};
+}
+
+RingReader::RingReader(std::string shmName, std::unique_ptr<detail::Segment> segment,
+                       const Word* base)
+    : shmName_(std::move(shmName)),
+      segment_(std::move(segment)),
+      header_(base),
+      records_(base + detail::headerWords),
+      recordCount_(loadShared(base[detail::recordCountWord])),
+      dictionaryWords_(loadShared(base[detail::dictionaryWordsWord])) {
+  dictionary_ = records_ + recordCount_ * detail::recordWords;
+}
+
+RingReader::~RingReader() = default;
+RingReader::RingReader(RingReader&&) noexcept = default;
+RingReader& RingReader::operator=(RingReader&&) noexcept = default;
+
+RingReader::Owner RingReader::owner() const {
+  if (segment_ == nullptr) {
+    return Owner::alive_;
+  }
+  if (!segment_->hasName() && detail::Segment::exists(shmName_)) {
+    return Owner::replaced_;
+  }
+  return segment_->ownerLives() ? Owner::alive_ : Owner::gone_;
+}
+
+pid_t RingReader::ownerProcess() const noexcept {
+  return static_cast<pid_t>(loadShared(header_[detail::ownerWord]));
+}
+
+const Word* RingReader::slot(Word ticket) const noexcept {
+  return records_ + (ticket & (recordCount_ - 1)) * detail::recordWords;
+}
+
+// False if the record was overwritten meanwhile. Whoever sees a word of the next record also sees its
+// sequence, because payload is stored with release and loaded with acquire.
+bool RingReader::copy(Word ticket, RawRecord& raw) const noexcept {
+  const Word* const from = slot(ticket);
+  raw.ticket = ticket;
+  for (std::size_t i = 0; i < detail::recordWords; ++i) {
+    raw.words[i] = loadShared(from[i]);
+  }
+  const Word complete = detail::sequenceComplete(ticket);
+  return raw.words[detail::sequenceWord] == complete &&
+         loadShared(from[detail::sequenceWord]) == complete;
+}
+
+std::vector<DecodedRecord> RingReader::newest(std::size_t count) {
+  std::vector<Word> tickets;
+  for (std::size_t i = 0; i < recordCount_; ++i) {
+    const Word sequence = loadShared(slot(i)[detail::sequenceWord]);
+    if (sequence != 0 && !detail::isWriting(sequence)) {
+      tickets.push_back(detail::ticketOf(sequence));
+    }
+  }
+  std::sort(tickets.begin(), tickets.end());
+  const std::size_t wanted = std::min(count, tickets.size());
+  std::vector<DecodedRecord> decoded;
+  RawRecord raw;
+  for (auto ticket = tickets.end() - static_cast<std::ptrdiff_t>(wanted); ticket != tickets.end();
+       ++ticket) {
+    if (copy(*ticket, raw)) {
+      decoded.push_back(decode(raw));
+    }
+  }
+  return decoded;
+}
+
+// Counted back from the newest one: a slot that a suspended writer kept may hold one that is far older.
+Word RingReader::oldest() const noexcept {
+  Word end = 0;
+  for (std::size_t i = 0; i < recordCount_; ++i) {
+    const Word sequence = loadShared(slot(i)[detail::sequenceWord]);
+    end = std::max(end, sequence == 0 ? 0 : detail::ticketOf(sequence) + 1);
+  }
+  return end > recordCount_ ? end - recordCount_ : 0;
+}
+
+bool RingReader::abandoned(Word ticket) const {
+  const Word head = loadShared(header_[detail::headWord]);
+  return head > ticket + recordCount_ / 2 || owner() != Owner::alive_;
+}
+
+std::vector<DecodedRecord> RingReader::follow(RingCursor& cursor) {
+  const Word instance = loadShared(header_[detail::instanceWord]);
+  if (cursor.instance != instance) {
+    cursor = {.instance = instance, .next = oldest(), .lost = cursor.lost};
+  }
+  std::vector<DecodedRecord> decoded;
+  RawRecord raw;
+  while (decoded.size() < recordCount_) {
+    // The head first: what it counts has left its mark in the slots by then.
+    const Word head = loadShared(header_[detail::headWord]);
+    const Word sequence = loadShared(slot(cursor.next)[detail::sequenceWord]);
+    if (sequence > detail::sequenceComplete(cursor.next)) {
+      // Lapped: nothing that is older by a round than the record found here is left.
+      const Word next = detail::ticketOf(sequence) - recordCount_ + 1;
+      cursor.lost += next - cursor.next;
+      cursor.next = next;
+    } else if (sequence == detail::sequenceComplete(cursor.next)) {
+      if (copy(cursor.next, raw)) {
+        decoded.push_back(decode(raw));
+        ++cursor.next;
+      }
+    } else if (sequence == detail::sequenceWriting(cursor.next)) {
+      if (!abandoned(cursor.next)) {
+        break;
+      }
+      ++cursor.lost;
+      ++cursor.next;
+    } else if (head > cursor.next) {
+      // A ticket that nobody used, because its slot was still held by a suspended writer.
+      ++cursor.next;
+    } else {
+      break;
+    }
+  }
+  return decoded;
+}
+
+DecodedRecord RingReader::decode(const RawRecord& raw) {
+  const Word control = raw.words[detail::controlWord];
+  DecodedRecord record;
+  record.number = raw.ticket;
+  record.time = decodeTime(raw);
+  if (const PointText* const text = point(static_cast<std::uint32_t>(control))) {
+    record.level = text->level;
+    record.unit = text->unit;
+    record.line = text->line;
+    record.handle = text->handle;
+    record.scope = text->scope;
+    record.function = text->function;
+    record.format = text->format;
+  } else {
+    record.described = false;
+    record.unit = "?";
+    record.function = "?";
+  }
+  PayloadReader payload(std::span(raw.words).subspan(detail::payloadWord));
+  for (Word kinds = control >> detail::kindsShift; kinds != 0; kinds >>= detail::kindBits) {
+    constexpr Word kindMask = (Word{1} << detail::kindBits) - 1;
+    record.arguments.push_back(payload.argument(static_cast<ArgumentKind>(kinds & kindMask)));
+  }
+  return record;
+}
+
+double RingReader::decodeTime(const RawRecord& raw) const noexcept {
+  const Word time = raw.words[detail::timeWord];
+  if ((raw.words[detail::controlWord] >> detail::flagsShift & detail::timeIsTicks) == 0) {
+    return std::bit_cast<double>(time);
+  }
+  for (;;) {
+    const Word version = loadShared(header_[detail::clockVersionWord]);
+    const Word* const cell =
+        header_ + detail::clockCellsWord + (version & 1) * detail::clockCellWords;
+    const Word ticks = loadShared(cell[0]);
+    const Word nanoseconds = loadShared(cell[1]);
+    const auto rate = std::bit_cast<double>(loadShared(cell[2]));
+    if (loadShared(header_[detail::clockVersionWord]) == version) {
+      const double since = static_cast<double>(static_cast<std::int64_t>(time - ticks)) * rate;
+      const auto whole = static_cast<std::int64_t>(nanoseconds) + static_cast<std::int64_t>(since);
+      return static_cast<double>(whole) / 1e9;
+    }
+  }
+}
+
+const RingReader::PointText* RingReader::point(std::uint32_t id) {
+  if (const auto known = points_.find(id); known != points_.end()) {
+    return &known->second;
+  }
+  PointText text;
+  return readPoint(id, text) ? &points_.emplace(id, std::move(text)).first->second : nullptr;
+}
+
+bool RingReader::readPoint(std::uint32_t id, PointText& text) const {
+  if (id == 0 || id + detail::entryTextWord > dictionaryWords_) {
+    return false;
+  }
+  const Word* const entry = dictionary_ + id;
+  const Word size = loadShared(entry[detail::entrySizeWord]);
+  if (size < detail::entryTextWord || size > dictionaryWords_ - id) {
+    return false;
+  }
+  const Word place = loadShared(entry[detail::entryPlaceWord]);
+  text.level = static_cast<int>(static_cast<std::uint32_t>(place >> 32));
+  text.line = static_cast<int>(static_cast<std::uint32_t>(place));
+
+  std::string joined((size - detail::entryTextWord) * sizeof(Word), '\0');
+  for (std::size_t i = detail::entryTextWord; i < size; ++i) {
+    const Word word = loadShared(entry[i]);
+    std::memcpy(joined.data() + (i - detail::entryTextWord) * sizeof(Word), &word, sizeof word);
+  }
+  const Word lengths = loadShared(entry[detail::entryLengthsWord]);
+  std::size_t from = 0;
+  const auto take = [&](std::string& part, Word length) {
+    part = joined.substr(std::min(from, joined.size()), length);
+    from += length;
+  };
+  take(text.scope, lengths & 0xffff);
+  take(text.function, lengths >> 16 & 0xffff);
+  take(text.format, lengths >> 32 & 0xffff);
+  take(text.unit, lengths >> 48);
+  take(text.handle, loadShared(entry[detail::entryHandleWord]));
+  return true;
+}
+
+}  // namespace Brisklog

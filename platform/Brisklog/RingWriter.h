@@ -1,0 +1,61 @@
+// The writing side of a ring: claiming records, the dictionary, the clock. For Brisklog's own use.
+//
+// Thread and process rule: any thread. Writers claim records without waiting for each other; entering a
+// trace point in the dictionary and renewing the calibration take a lock of the process.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/Brisklog/RingLayout.h"
+#include "platform/Brisklog/TraceClock.h"
+#include "platform/Brisklog/TracePoint.h"
+
+namespace Brisklog::detail {
+
+struct RingWriter {
+  // Lays out a ring in zeroed memory and opens it to readers.
+  RingWriter(Word* memory, std::size_t recordCount, std::size_t dictionaryWords);
+
+  // Never matches a trace point: stands for the ring that does not exist yet.
+  constexpr RingWriter() noexcept : generation(~std::uint32_t{0}) {}
+
+  [[nodiscard]] static constexpr std::size_t bytes(std::size_t recordCount,
+                                                   std::size_t dictionaryWords) noexcept {
+    return (headerWords + recordCount * recordWords + dictionaryWords) * sizeof(Word);
+  }
+
+  [[nodiscard]] ClaimedRecord claim() noexcept;
+  [[nodiscard]] Word now() noexcept;
+
+  // The id of a new dictionary entry for the point, 0 when the dictionary is full.
+  [[nodiscard]] std::uint32_t enter(const TracePoint& point) noexcept;
+
+  void calibrate() noexcept;
+
+  // Constant after construction.
+  const std::uint32_t generation;  // differs between any two rings of the process
+  Word* header = nullptr;
+  Word* records = nullptr;
+  Word* dictionary = nullptr;
+  Word ticketMask = 0;
+  bool usesTicks = false;
+
+  std::atomic<std::uint64_t> calibrationDue = 0;  // ticks
+};
+
+// The writer of the current ring, never null.
+extern constinit std::atomic<RingWriter*> currentWriter;
+
+// The current writer in a place of its own, so that the pair belongs together.
+struct Registration {
+  RingWriter* writer;
+  std::uint64_t word;  // as TracePoint keeps it
+};
+
+// Enters the point into the current ring, which it makes if need be.
+[[nodiscard]] Registration registerPoint(const TracePoint& point,
+                                         std::atomic<std::uint64_t>& registration);
+
+}  // namespace Brisklog::detail

@@ -1,0 +1,57 @@
+#include "platform/Brisklog/TextFormat.h"
+
+#include <array>
+#include <charconv>
+
+namespace Brisklog::detail {
+namespace {
+
+template <class Number>
+std::string number(Number value) {
+  std::array<char, 32> buffer;
+  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value);
+  return {buffer.data(), result.ptr};
+}
+
+}  // namespace
+
+std::string textOf(bool value) { return value ? "true" : "false"; }
+std::string textOf(std::int64_t value) { return number(value); }
+std::string textOf(std::uint64_t value) { return number(value); }
+std::string textOf(double value) { return number(value); }
+std::string textOf(std::string_view value) { return std::string(value); }
+
+std::string textOf(Bytes value) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  text.reserve(2 * value.size);
+  for (std::size_t i = 0; i < value.size; ++i) {
+    const unsigned byte = static_cast<const unsigned char*>(value.data)[i];
+    text += digits[byte >> 4];
+    text += digits[byte & 0xf];
+  }
+  return text;
+}
+
+std::string messageText(std::string_view scope, std::string_view function, std::string_view format,
+                        std::span<const std::string> arguments) {
+  constexpr std::string_view placeholder = "%s";
+  std::string text;
+  text += scope;
+  text += function;
+  for (const std::string& argument : arguments) {
+    const std::size_t place = format.find(placeholder);
+    text += format.substr(0, place);
+    if (place == format.npos) {
+      format = "";
+      text += ' ';
+    } else {
+      format.remove_prefix(place + placeholder.size());
+    }
+    text += argument;
+  }
+  text += format;
+  return text;
+}
+
+}  // namespace Brisklog::detail

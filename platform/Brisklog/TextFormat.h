@@ -1,0 +1,27 @@
+// The text of values and messages, the same in the text trace and in what a reader decodes. For
+// Brisklog's own use.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "platform/Brisklog/Argument.h"
+
+namespace Brisklog::detail {
+
+[[nodiscard]] std::string textOf(bool value);
+[[nodiscard]] std::string textOf(std::int64_t value);
+[[nodiscard]] std::string textOf(std::uint64_t value);
+[[nodiscard]] std::string textOf(double value);  // the shortest that reads back as the same value
+[[nodiscard]] std::string textOf(std::string_view value);
+[[nodiscard]] std::string textOf(Bytes value);
+
+// scope, function, and format with its "%s" replaced in turn. Arguments left over are appended, each after
+// a space; a "%s" left over stays.
+[[nodiscard]] std::string messageText(std::string_view scope, std::string_view function,
+                                      std::string_view format,
+                                      std::span<const std::string> arguments);
+
+}  // namespace Brisklog::detail

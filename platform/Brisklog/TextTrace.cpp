@@ -1,0 +1,87 @@
+#include "platform/Brisklog/TextTrace.h"
+
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/Brisklog/TextFormat.h"
+#include "platform/Brisklog/TracePoint.h"
+
+namespace Brisklog {
+namespace {
+
+// Never destroyed: trace points may be passed until the very end.
+struct SinkHolder {
+  std::mutex mutex;
+  std::shared_ptr<const TextSink> sink;
+};
+
+SinkHolder& holder() {
+  static SinkHolder& theHolder = *new SinkHolder;
+  return theHolder;
+}
+
+// Set while this thread is in the sink.
+constinit thread_local bool isEmitting = false;
+
+std::string argumentText(const detail::TextArgument& argument) {
+  switch (argument.kind) {
+    case ArgumentKind::bool_:
+      return detail::textOf(*static_cast<const bool*>(argument.value));
+    case ArgumentKind::signed_:
+      return detail::textOf(*static_cast<const std::int64_t*>(argument.value));
+    case ArgumentKind::unsigned_:
+      return detail::textOf(*static_cast<const std::uint64_t*>(argument.value));
+    case ArgumentKind::double_:
+      return detail::textOf(*static_cast<const double*>(argument.value));
+    case ArgumentKind::text_:
+      return detail::textOf(*static_cast<const std::string_view*>(argument.value));
+    case ArgumentKind::bytes_:
+      return detail::textOf(*static_cast<const Bytes*>(argument.value));
+    case ArgumentKind::none_:
+      break;
+  }
+  std::ostringstream stream;
+  argument.print(stream, argument.value);
+  return std::move(stream).str();
+}
+
+}  // namespace
+
+void textSinkIs(TextSink sink) {
+  auto next = sink ? std::make_shared<const TextSink>(std::move(sink)) : nullptr;
+  // The old sink is destroyed after the lock: it may trace in its destructor.
+  const std::scoped_lock lock(holder().mutex);
+  holder().sink.swap(next);
+}
+
+void TracePoint::emitText(std::span<const detail::TextArgument> arguments) const noexcept {
+  if (isEmitting) {
+    return;
+  }
+  const auto sink = [] {
+    const std::scoped_lock lock(holder().mutex);
+    return holder().sink;
+  }();
+  if (sink == nullptr) {
+    return;
+  }
+  isEmitting = true;
+  std::vector<std::string> texts;
+  for (const detail::TextArgument& argument : arguments) {
+    texts.push_back(argumentText(argument));
+  }
+  const std::string text = detail::messageText(scope_, function_, format_, texts);
+  (*sink)({.handle = handle_.name(),
+           .level = level_,
+           .unit = unit_,
+           .line = line_,
+           .function = function_,
+           .text = text});
+  isEmitting = false;
+}
+
+}  // namespace Brisklog
