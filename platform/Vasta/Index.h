@@ -1,0 +1,170 @@
+// The index of a table: open addressing over words of {hash of the key, row}.
+//
+// Each generation is one segment: a few words that describe it, then a power of two of entries. A
+// generation that fills is replaced by the next one, which is allocated and filled a little with every
+// change so that no single change has to wait; until it is complete, changes go to both. Then it is
+// published by its number in the table's header.
+//
+// Readers look up while the writer changes the index. An entry never moves within a generation, and
+// no entry becomes empty that lies between where a key's search begins and where its entry stands:
+// a removed entry is only marked, unless an empty one follows it. So a reader finds every key that was
+// there for the whole of its search, or sees afterwards that the generation has changed.
+//
+// Thread and process rule: IndexView::find by any thread or process; Index by the table's writer only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Vasta/Layout.h"
+#include "platform/Vasta/SegmentSource.h"
+
+namespace Vasta {
+
+namespace IndexEntry {
+inline constexpr std::uint64_t empty_ = 0;
+inline constexpr std::uint64_t removed_ = 1;
+inline constexpr std::uint64_t firstRow_ = 2;  // what stands for row 0
+
+[[nodiscard]] constexpr std::uint64_t of(std::uint32_t tag, std::uint32_t row) noexcept {
+  return (std::uint64_t{tag} << 32U) | (row + firstRow_);
+}
+[[nodiscard]] constexpr bool isLive(std::uint64_t entry) noexcept {
+  return static_cast<std::uint32_t>(entry) >= firstRow_;
+}
+[[nodiscard]] constexpr std::uint32_t tagOf(std::uint64_t entry) noexcept {
+  return static_cast<std::uint32_t>(entry >> 32U);
+}
+[[nodiscard]] constexpr std::uint32_t rowOf(std::uint64_t entry) noexcept {
+  return static_cast<std::uint32_t>(entry) - static_cast<std::uint32_t>(firstRow_);
+}
+}  // namespace IndexEntry
+
+inline constexpr std::uint32_t maximumRows = 0xFFFF'FFF0U;
+
+struct IndexPosition {
+  std::size_t slot;
+  std::uint32_t row;
+};
+
+// One generation, mapped; for look-ups by anyone.
+class IndexView {
+ public:
+  IndexView() = default;
+  // `capacity` entries at `entries`, a power of two of at least 2.
+  IndexView(std::uint64_t* entries, std::size_t capacity) noexcept;
+  // The view of a complete segment. Throws AttachError when it is not an index of the table whose rows
+  // segment has that identity.
+  IndexView(const Segment& segment, std::uint64_t generation, std::uint64_t identity,
+            const std::string& table);
+
+  [[nodiscard]] std::size_t capacity() const noexcept { return mask_ + 1; }
+  [[nodiscard]] std::uint64_t& entry(std::size_t slot) const noexcept { return entries_[slot]; }
+  [[nodiscard]] std::size_t next(std::size_t slot) const noexcept { return (slot + 1) & mask_; }
+  [[nodiscard]] std::size_t previous(std::size_t slot) const noexcept { return (slot - 1) & mask_; }
+  // Where the search for a hash begins.
+  [[nodiscard]] std::size_t home(std::uint32_t tag) const noexcept {
+    return static_cast<std::size_t>((tag * 0x9E3779B97F4A7C15U) >> shift_);
+  }
+
+  // The first entry with this hash of which `matches(row)` says that it is the one.
+  template <class Matches>
+  [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
+    std::size_t slot = home(tag);
+    for (std::size_t probes = 0; probes <= mask_; ++probes, slot = next(slot)) {
+      const std::uint64_t word = loadWord(entries_[slot]);
+      if (word == IndexEntry::empty_) {
+        return std::nullopt;
+      }
+      if (IndexEntry::tagOf(word) == tag && IndexEntry::isLive(word) &&
+          matches(IndexEntry::rowOf(word))) {
+        return IndexPosition{slot, IndexEntry::rowOf(word)};
+      }
+    }
+    return std::nullopt;
+  }
+
+ private:
+  std::uint64_t* entries_ = nullptr;
+  std::size_t mask_ = 0;
+  unsigned shift_ = 63;
+};
+
+// The writer's side. Owns the generation in force and the one being built.
+class Index {
+ public:
+  struct Place {
+    std::optional<SegmentNames> names;  // none: anonymous segments
+    std::shared_ptr<LocalSegments> local;
+    std::uint64_t* header;  // the table's header words
+    std::string table;
+  };
+
+  // An empty index, not published yet, for at least `rows` rows. Throws std::system_error.
+  Index(Place place, std::uint64_t generation, std::size_t rows);
+
+  // Makes this generation the one in force, for new look-ups everywhere.
+  void publish() noexcept;
+
+  template <class Matches>
+  [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
+    return current_.view.find(tag, matches);
+  }
+
+  // Throws std::system_error when there is neither room for one more entry nor memory to make some.
+  void prepareInsert();
+  // After prepareInsert(), for a key that is not there.
+  void insert(std::uint32_t tag, std::uint32_t row) noexcept;
+  void erase(std::size_t slot) noexcept;
+  // For a row whose key is damaged, so that its hash is unknown. Looks at every entry.
+  void eraseRow(std::uint32_t row) noexcept;
+  // A bounded piece of the work on the next generation and on the release of the previous one; called
+  // once per insertion and removal. Memory that runs out here only delays the next generation.
+  void advance() noexcept;
+
+  [[nodiscard]] std::size_t size() const noexcept { return current_.live; }
+  // The first violated invariant of the index itself, in words; whether the entries belong to the
+  // rows is for the table to know.
+  [[nodiscard]] std::optional<std::string> verify() const;
+
+ private:
+  struct Generation {
+    std::uint64_t number = 0;
+    std::string name;  // of the segment; empty: anonymous
+    std::shared_ptr<Segment> segment;
+    IndexView view;
+    std::size_t live = 0;
+    std::size_t used = 0;  // live and removed entries
+  };
+
+  [[nodiscard]] static std::size_t segmentBytes(std::size_t capacity) noexcept;
+  [[nodiscard]] Generation makeGeneration(std::uint64_t number, std::size_t capacity) const;
+  static void complete(Generation& generation, std::uint64_t identity) noexcept;
+  static void put(Generation& generation, std::uint64_t word) noexcept;
+  static void remove(Generation& generation, std::size_t slot) noexcept;
+  [[nodiscard]] bool isCopying() const noexcept {
+    return next_.has_value() && next_->view.capacity() == nextCapacity_;
+  }
+  [[nodiscard]] std::size_t capacityWanted() const noexcept;
+  void allocateStep();
+  void copyStep() noexcept;
+  void replaceCurrent() noexcept;
+  void releaseStep() noexcept;
+  [[nodiscard]] static std::optional<std::string> verify(const Generation& generation);
+
+  // Constant after construction.
+  const Place place_;
+  // The writer's thread.
+  Generation current_;
+  std::optional<Generation> next_;
+  std::size_t nextCapacity_ = 0;  // entries that next_ will have once it is allocated
+  std::size_t copied_ = 0;        // entries of current_ below this are in next_ too
+  std::uint64_t steps_ = 0;
+  std::vector<std::shared_ptr<Segment>> replaced_;
+};
+
+}  // namespace Vasta

@@ -1,0 +1,96 @@
+#include "platform/Vasta/Layout.h"
+
+#include <bit>
+#include <string_view>
+#include <vector>
+
+#include "platform/Vasta/Errors.h"
+
+namespace Vasta {
+namespace {
+
+constexpr std::uint32_t cacheLineWords = 8;
+
+// FNV-1a: independent of the framework's hash, which is one of the things to be checked.
+class Fingerprint {
+ public:
+  void add(std::string_view text) {
+    for (const char c : text) {
+      value_ = (value_ ^ static_cast<unsigned char>(c)) * 0x100000001B3U;
+    }
+  }
+  void add(std::uint64_t number) {
+    for (unsigned shift = 0; shift < 64; shift += 8) {
+      value_ = (value_ ^ ((number >> shift) & 0xFFU)) * 0x100000001B3U;
+    }
+  }
+  [[nodiscard]] std::uint64_t value() const { return value_; }
+
+ private:
+  std::uint64_t value_ = 0xCBF29CE484222325U;
+};
+
+std::string shapeOf(std::uint64_t recordSize, std::uint64_t keyOffset, std::uint64_t keySize) {
+  return "records of " + std::to_string(recordSize) + " bytes with " + std::to_string(keySize) +
+         "-byte keys at " + std::to_string(keyOffset);
+}
+
+}  // namespace
+
+RowGeometry::RowGeometry(std::uint32_t recordBytes, std::uint32_t keyStart,
+                         std::uint32_t keyBytes) noexcept
+    : recordSize{recordBytes},
+      keyOffset{keyStart},
+      keySize{keyBytes},
+      recordWords{static_cast<std::uint32_t>((recordBytes + wordSize - 1) / wordSize)},
+      cellWords{recordWords + 3},
+      rowWords{(1 + 2 * cellWords + cacheLineWords - 1) / cacheLineWords * cacheLineWords} {}
+
+std::uint64_t layoutHash(const RecordLayout& layout) {
+  const RowGeometry geometry{layout.recordSize, layout.keyOffset, layout.keySize};
+  Fingerprint fingerprint;
+  fingerprint.add(formatVersion);
+  fingerprint.add(std::uint64_t{std::endian::native == std::endian::little});
+  fingerprint.add(layout.recordSize);
+  fingerprint.add(layout.keyOffset);
+  fingerprint.add(layout.keySize);
+  fingerprint.add(geometry.cellWords);
+  fingerprint.add(geometry.rowWords);
+  fingerprint.add(layout.typeName);
+  // Two programs that hash keys differently would miss each other's records.
+  const std::vector<std::uint64_t> zeroKey(layout.keySize / wordSize + 1);
+  fingerprint.add(layout.hashOfKey(zeroKey.data()));
+  return fingerprint.value();
+}
+
+void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout* expected,
+                 const std::string& table) {
+  if (headerSize < headerBytes(minimumFeedCapacity) || loadWord(header[Header::magic_]) == 0) {
+    throw AttachError{AttachFailure::notReady, table, "its writer has not finished to create it"};
+  }
+  if (loadWord(header[Header::magic_]) != tableMagic) {
+    throw AttachError{AttachFailure::foreign, table, "its segment is not a table"};
+  }
+  if (const std::uint64_t version = loadWord(header[Header::formatVersion_]);
+      version != formatVersion) {
+    throw AttachError{AttachFailure::version, table,
+                      "it has format version " + std::to_string(version) + ", not " +
+                          std::to_string(formatVersion)};
+  }
+  const std::uint64_t capacity = loadWord(header[Header::feedCapacity_]);
+  if (capacity > maximumFeedCapacity || !std::has_single_bit(capacity) ||
+      headerSize < headerBytes(capacity)) {
+    throw AttachError{AttachFailure::truncated, table, "its header segment is too short"};
+  }
+  if (expected != nullptr && loadWord(header[Header::layoutHash_]) != layoutHash(*expected)) {
+    throw AttachError{
+        AttachFailure::layout, table,
+        "it holds " +
+            shapeOf(loadWord(header[Header::recordSize_]), loadWord(header[Header::keyOffset_]),
+                    loadWord(header[Header::keySize_])) +
+            ", which does not match the '" + std::string{expected->typeName} + "' " +
+            shapeOf(expected->recordSize, expected->keyOffset, expected->keySize) + " expected"};
+  }
+}
+
+}  // namespace Vasta

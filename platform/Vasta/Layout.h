@@ -1,0 +1,120 @@
+// The shared format: where everything lies in the segments of a table, and how a word is accessed.
+//
+// A table is three kinds of segments:
+// - the header: the words of `Header` below, then the ring of the change feed;
+// - the rows: one after the other, each a version word and two cells; row n never moves;
+// - the index, one segment per generation: see Index.h.
+//
+// A cell is {record words, live, change sequence, checksum}. The low bit of the version selects the
+// cell in force; version 0 means that neither ever was. The writer fills the other cell and then
+// publishes it by adding one to the version, so a writer that dies at any instant leaves the record
+// as it was. A reader copies the cell in force and looks at the version again: unchanged, the copy is
+// the record, because the writer touches a cell only after it has moved the version away from it.
+//
+// Thread and process rule: every word that two threads or processes may share is read by loadWord and
+// written by storeWord. A word stored with release that a reader sees by its acquiring load brings
+// with it everything stored before.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "platform/Vasta/Crc32c.h"
+#include "platform/Vasta/Record.h"
+
+namespace Vasta {
+
+[[nodiscard]] inline std::uint64_t loadWord(const std::uint64_t& word) noexcept {
+  return std::atomic_ref<std::uint64_t>{const_cast<std::uint64_t&>(word)}.load(
+      std::memory_order_acquire);
+}
+
+inline void storeWord(std::uint64_t& word, std::uint64_t value) noexcept {
+  std::atomic_ref<std::uint64_t>{word}.store(value, std::memory_order_release);
+}
+
+inline constexpr std::size_t wordSize = sizeof(std::uint64_t);
+inline constexpr std::uint64_t tableMagic = 0x5641'5354'4154'424CU;
+inline constexpr std::uint64_t formatVersion = 1;
+
+// Word offsets in the header segment. Words that change at different rates lie in different cache
+// lines, so that a change does not take from a looking-up reader what it needs.
+namespace Header {
+// Constant once the table is there. The magic is stored last of all.
+inline constexpr std::size_t magic_ = 0;
+inline constexpr std::size_t formatVersion_ = 1;
+inline constexpr std::size_t layoutHash_ = 2;
+inline constexpr std::size_t recordSize_ = 3;
+inline constexpr std::size_t keyOffset_ = 4;
+inline constexpr std::size_t keySize_ = 5;
+inline constexpr std::size_t feedCapacity_ = 6;  // entries, a power of two
+inline constexpr std::size_t identity_ = 7;      // of the rows segment
+// Seldom changed.
+inline constexpr std::size_t epoch_ = 8;            // counts the writers so far
+inline constexpr std::size_t indexGeneration_ = 9;  // the generation in force
+inline constexpr std::size_t removed_ = 10;         // not 0: the writer removes the table
+// Changed when the table grows.
+inline constexpr std::size_t rowCount_ = 16;
+// Changed by every write.
+inline constexpr std::size_t changeSequence_ = 24;  // of the latest change
+inline constexpr std::size_t size_ = 25;            // live records
+inline constexpr std::size_t feed_ = 512;
+}  // namespace Header
+
+inline constexpr std::size_t minimumFeedCapacity = 16;
+inline constexpr std::size_t maximumFeedCapacity = std::size_t{1} << 20U;
+[[nodiscard]] constexpr std::size_t headerBytes(std::size_t feedCapacity) noexcept {
+  return (Header::feed_ + feedCapacity) * wordSize;
+}
+inline constexpr std::size_t headerReservation = headerBytes(maximumFeedCapacity);
+inline constexpr std::size_t rowsReservation = std::size_t{64} << 30U;
+
+// An entry of the change feed is one word: the row, and the low half of the change sequence by which a
+// reader tells an entry from the one that overwrote it.
+[[nodiscard]] constexpr std::uint64_t feedEntry(std::uint64_t sequence,
+                                                std::uint32_t row) noexcept {
+  return (sequence << 32U) | row;
+}
+
+// The sizes of a record, a cell and a row.
+struct RowGeometry {
+  RowGeometry(std::uint32_t recordBytes, std::uint32_t keyStart, std::uint32_t keyBytes) noexcept;
+
+  std::uint32_t recordSize;   // bytes
+  std::uint32_t keyOffset;    // bytes
+  std::uint32_t keySize;      // bytes
+  std::uint32_t recordWords;  // the last one filled up with zeros
+  std::uint32_t cellWords;
+  std::uint32_t rowWords;  // a whole number of cache lines
+
+  [[nodiscard]] std::size_t liveWord() const noexcept { return recordWords; }
+  [[nodiscard]] std::size_t sequenceWord() const noexcept { return recordWords + 1; }
+  [[nodiscard]] std::size_t checksumWord() const noexcept { return recordWords + 2; }
+  [[nodiscard]] std::size_t bytesForRows(std::size_t rows) const noexcept {
+    return rows * rowWords * wordSize;
+  }
+};
+
+// What a cell's checksum word must be: the sum of all its other words, begun with the row's number so
+// that a record in the wrong row is found out too. `cell` is contiguous and not written meanwhile.
+[[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
+                                                const RowGeometry& geometry) noexcept {
+  return crc32c(cell, geometry.checksumWord() * wordSize, row);
+}
+
+[[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,
+                                                 const RowGeometry& geometry) noexcept {
+  return row + 1 + ((version & 1U) != 0 ? geometry.cellWords : 0);
+}
+
+// Differs between two programs that would not read the same thing from the same bytes.
+[[nodiscard]] std::uint64_t layoutHash(const RecordLayout& layout);
+
+// The end of the table when it is attached, shared by the writer and the readers: throws AttachError
+// unless `header` is a table's header in this format and, where `expected` is given, for its layout.
+void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout* expected,
+                 const std::string& table);
+
+}  // namespace Vasta

@@ -1,0 +1,46 @@
+#include "platform/Vasta/SegmentSource.h"
+
+#include <utility>
+
+#include "platform/Vasta/Layout.h"
+
+namespace Vasta {
+
+NamedSegments::NamedSegments(std::string shmName)
+    : shmName_{std::move(shmName)}, names_{shmName_} {}
+
+std::shared_ptr<Segment> NamedSegments::header() {
+  return Segment::open(names_.header(), Segment::Access::readOnly_, 0, shmName_);
+}
+
+std::shared_ptr<Segment> NamedSegments::rows() {
+  return Segment::open(names_.rows(), Segment::Access::readOnly_, rowsReservation, shmName_);
+}
+
+std::shared_ptr<Segment> NamedSegments::index(std::uint64_t generation) {
+  std::shared_ptr<Segment> segment =
+      Segment::open(names_.index(generation), Segment::Access::readOnly_, 0, shmName_);
+  // The writer takes a replaced index apart once it holds the lock alone: whoever gets a share of the
+  // lock first may read for as long as it likes, and whoever comes later asks for the new one.
+  if (segment != nullptr && !segment->tryLockShared()) {
+    return nullptr;
+  }
+  return segment;
+}
+
+LocalSegments::LocalSegments(std::string table, std::shared_ptr<Segment> header,
+                             std::shared_ptr<Segment> rows)
+    : table_{std::move(table)}, header_{std::move(header)}, rows_{std::move(rows)} {}
+
+std::shared_ptr<Segment> LocalSegments::index(std::uint64_t generation) {
+  const std::scoped_lock lock{mutex_};
+  return generation == generation_ ? index_ : nullptr;
+}
+
+void LocalSegments::indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment) {
+  const std::scoped_lock lock{mutex_};
+  generation_ = generation;
+  index_ = std::move(segment);
+}
+
+}  // namespace Vasta

@@ -1,0 +1,67 @@
+// How a reader comes by the segments of a table: by name from another process, or straight from the
+// writer in the same process.
+//
+// Thread and process rule: LocalSegments may be asked by any thread while its writer works;
+// NamedSegments belong to one reader.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "platform/Vasta/Segment.h"
+
+namespace Vasta {
+
+class SegmentSource {
+ public:
+  virtual ~SegmentSource() = default;
+
+  [[nodiscard]] virtual const std::string& name() const noexcept = 0;
+  // Null when there is no such segment. May throw std::system_error.
+  [[nodiscard]] virtual std::shared_ptr<Segment> header() = 0;
+  [[nodiscard]] virtual std::shared_ptr<Segment> rows() = 0;
+  // Null also when this generation was replaced meanwhile. The writer leaves the segment alone for as
+  // long as the pointer is held.
+  [[nodiscard]] virtual std::shared_ptr<Segment> index(std::uint64_t generation) = 0;
+};
+
+// Opens the segments read-only by their names.
+class NamedSegments : public SegmentSource {
+ public:
+  explicit NamedSegments(std::string shmName);
+  [[nodiscard]] const std::string& name() const noexcept override { return shmName_; }
+  [[nodiscard]] std::shared_ptr<Segment> header() override;
+  [[nodiscard]] std::shared_ptr<Segment> rows() override;
+  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t generation) override;
+
+ private:
+  const std::string shmName_;
+  const SegmentNames names_;
+};
+
+// The segments of a writer, which keeps this up to date for the readers in its process.
+class LocalSegments : public SegmentSource {
+ public:
+  LocalSegments(std::string table, std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows);
+  [[nodiscard]] const std::string& name() const noexcept override { return table_; }
+  [[nodiscard]] std::shared_ptr<Segment> header() override { return header_; }
+  [[nodiscard]] std::shared_ptr<Segment> rows() override { return rows_; }
+  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t generation) override;
+
+  // From now on `segment` is the index; the previous one is handed out no more.
+  void indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment);
+
+ private:
+  // Constant after construction.
+  const std::string table_;
+  const std::shared_ptr<Segment> header_;
+  const std::shared_ptr<Segment> rows_;
+  // Guarded by mutex_.
+  std::mutex mutex_;
+  std::uint64_t generation_ = 0;
+  std::shared_ptr<Segment> index_;
+};
+
+}  // namespace Vasta

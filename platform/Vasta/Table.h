@@ -1,0 +1,148 @@
+// The writing side of a table of records R. See TableWriter.h for what a table promises, and the same
+// rules of threads and processes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "platform/Vasta/Errors.h"
+#include "platform/Vasta/Record.h"
+#include "platform/Vasta/TableWriter.h"
+
+namespace Vasta {
+
+// What an owner hears from its table; see TableWriter::Listener.
+template <Record R>
+class TableObserver {
+ public:
+  virtual ~TableObserver() = default;
+  // After every committed insertion, overwrite or removal of the record of `key`.
+  virtual void recordChanged(const typename R::Key& key) = 0;
+  // The table has become busy (false) or quiet (true).
+  virtual void quiescedChanged([[maybe_unused]] bool quiesced) {}
+  virtual void mountStateChanged() {}
+};
+
+template <Record R>
+class Table : private TableWriter::Listener {
+ public:
+  using Key = typename R::Key;
+  using CorruptionHandler = TableWriter::CorruptionHandler;
+
+  // Creates the table or takes it over. Throws AttachError or std::system_error.
+  explicit Table(TableOptions options) : writer_{recordLayout<R>(), std::move(options)} {
+    writer_.listenerIs(this);
+  }
+
+  // Where a hash is given it must be hashOf(key).
+  [[nodiscard]] static std::uint32_t hashOf(const Key& key) noexcept { return hashOfKey<R>(key); }
+
+  // The committed record in place, or null. It stays readable, and as it is, until the second next
+  // change of its row. Throws Corruption.
+  [[nodiscard]] const R* find(const Key& key) const { return find(key, hashOf(key)); }
+  [[nodiscard]] const R* find(const Key& key, std::uint32_t hash) const {
+    return asRecord(writer_.find(&key, hash));
+  }
+
+  // Inserts or overwrites. Throws std::system_error when memory runs out, unchanged then.
+  void is(const R& record) { is(record, hashOf(record.key())); }
+  void is(const R& record, std::uint32_t hash) { writer_.is(bytesOf(record), hash); }
+
+  // Removes the record and returns it; nothing when there is none. Throws Corruption, unchanged then.
+  std::optional<R> del(const Key& key) {
+    Storage removed;
+    return writer_.del(&key, hashOf(key), removed.bytes) ? std::optional<R>{removed.record()}
+                                                         : std::nullopt;
+  }
+  // Removes the record, into `removed` unless that is null; false when there is none. Throws Corruption
+  // when `removed` is wanted; with null a corrupt record goes like any other.
+  bool del(const Key& key, R* removed) {
+    return writer_.del(&key, hashOf(key), reinterpret_cast<std::byte*>(removed));
+  }
+  // Removes what lies in a row, for a corrupt record: see Corruption::row().
+  bool discard(std::uint32_t row) { return writer_.discard(row); }
+  void delAll() { writer_.delAll(); }
+
+  // The writer's private copy to change, key excepted, and commit; null when there is no such record.
+  // The next edit() takes it over. Throws Corruption.
+  [[nodiscard]] R* edit(const Key& key) {
+    return reinterpret_cast<R*>(writer_.edit(&key, hashOf(key)));
+  }
+  // False, and no change, when the record has gone since edit().
+  bool commit(const R* staging) {
+    return writer_.commit(reinterpret_cast<const std::byte*>(staging));
+  }
+
+  // The next record of a walk, null at the end; see TableWriter::next().
+  [[nodiscard]] const R* next(Hint& hint) const { return asRecord(writer_.next(hint)); }
+
+  [[nodiscard]] std::size_t size() const noexcept { return writer_.size(); }
+  [[nodiscard]] std::uint64_t epoch() const noexcept { return writer_.epoch(); }
+  [[nodiscard]] std::uint64_t changeSequence() const noexcept { return writer_.changeSequence(); }
+  [[nodiscard]] const std::string& name() const noexcept { return writer_.name(); }
+  [[nodiscard]] std::shared_ptr<SegmentSource> segments() const noexcept {
+    return writer_.segments();
+  }
+
+  // Not owned; outlives its use here. Null for none.
+  void observerIs(TableObserver<R>* observer) noexcept { observer_ = observer; }
+
+  void quiesce() { writer_.quiesce(); }
+  [[nodiscard]] bool isQuiesced() const noexcept { return writer_.isQuiesced(); }
+  void mountStateIs(MountState state) { writer_.mountStateIs(state); }
+  [[nodiscard]] MountState mountState() const noexcept { return writer_.mountState(); }
+
+  void corruptionHandlerIs(CorruptionHandler handler) {
+    writer_.corruptionHandlerIs(std::move(handler));
+  }
+  void reportCorruption(const std::string& message) { writer_.reportCorruption(message); }
+  [[nodiscard]] std::uint64_t corruptionCount() const noexcept { return writer_.corruptionCount(); }
+  [[nodiscard]] const std::string& lastCorruption() const noexcept {
+    return writer_.lastCorruption();
+  }
+
+  // The first violated invariant in words.
+  [[nodiscard]] std::optional<std::string> verify() const { return writer_.verify(); }
+
+ private:
+  // Room for a record that need not have a default constructor.
+  struct Storage {
+    alignas(R) std::byte bytes[sizeof(R)];
+    [[nodiscard]] const R& record() const noexcept { return *reinterpret_cast<const R*>(bytes); }
+  };
+
+  [[nodiscard]] static const R* asRecord(const std::byte* bytes) noexcept {
+    return reinterpret_cast<const R*>(bytes);
+  }
+  [[nodiscard]] static const std::byte* bytesOf(const R& record) noexcept {
+    return reinterpret_cast<const std::byte*>(&record);
+  }
+
+  void recordChanged(const void* key) override {
+    if (observer_ != nullptr) {
+      // The observer may change the row that the key stands in.
+      const Key copy = *static_cast<const Key*>(key);
+      observer_->recordChanged(copy);
+    }
+  }
+  void quiescedChanged(bool quiesced) override {
+    if (observer_ != nullptr) {
+      observer_->quiescedChanged(quiesced);
+    }
+  }
+  void mountStateChanged() override {
+    if (observer_ != nullptr) {
+      observer_->mountStateChanged();
+    }
+  }
+
+  TableWriter writer_;
+  TableObserver<R>* observer_ = nullptr;
+};
+
+}  // namespace Vasta

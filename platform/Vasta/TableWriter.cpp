@@ -1,0 +1,304 @@
+#include "platform/Vasta/TableWriter.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "platform/Korm/Exceptions.h"
+#include "platform/Vasta/Errors.h"
+
+namespace Vasta {
+namespace {
+
+// Rows are allocated a little at a time, so that no insertion waits for more than one such piece.
+constexpr std::size_t smallestGrowth = std::size_t{16} << 10U;
+constexpr std::size_t largestGrowth = std::size_t{64} << 10U;
+
+constexpr std::size_t cacheLine = 64;
+
+}  // namespace
+
+std::uint64_t TableWriter::epoch() const noexcept { return loadWord(header_[Header::epoch_]); }
+
+std::uint64_t* TableWriter::rowWords(std::uint32_t row) const noexcept {
+  return rows_ + std::size_t{row} * geometry_.rowWords;
+}
+
+const std::uint64_t* TableWriter::activeCell(std::uint32_t row) const noexcept {
+  const std::uint64_t* words = rowWords(row);
+  return cellOf(words, loadWord(words[0]), geometry_);
+}
+
+const std::byte* TableWriter::recordOf(std::uint32_t row) const noexcept {
+  return reinterpret_cast<const std::byte*>(activeCell(row));
+}
+
+const std::byte* TableWriter::keyOf(std::uint32_t row) const noexcept {
+  return recordOf(row) + geometry_.keyOffset;
+}
+
+TableWriter::RowState TableWriter::inspect(std::uint32_t row) const noexcept {
+  if (loadWord(rowWords(row)[0]) == 0) {
+    return RowState::vacant_;
+  }
+  const std::uint64_t* cell = activeCell(row);
+  if (cell[geometry_.checksumWord()] != cellChecksum(cell, row, geometry_) ||
+      cell[geometry_.liveWord()] > 1) {
+    return RowState::corrupt_;
+  }
+  return cell[geometry_.liveWord()] == 1 ? RowState::live_ : RowState::vacant_;
+}
+
+void TableWriter::requireIntact(std::uint32_t row) const {
+  if (inspect(row) != RowState::live_) [[unlikely]] {
+    const std::uint64_t* cell = activeCell(row);
+    throw Corruption{options_.name, row, cell[geometry_.checksumWord()],
+                     cellChecksum(cell, row, geometry_)};
+  }
+}
+
+// The version says which cell counts, but to wait for it before the cell is fetched would cost a look-up
+// a second trip to memory.
+void TableWriter::prefetch(std::uint32_t row) const noexcept {
+  const std::uint64_t* words = rowWords(row);
+  __builtin_prefetch(words);
+  const auto* cell =
+      reinterpret_cast<const std::byte*>(cellOf(words, active_[row] ? 1 : 0, geometry_));
+  const std::size_t bytes = geometry_.cellWords * wordSize;
+  for (std::size_t offset = 0; offset < bytes; offset += cacheLine) {
+    __builtin_prefetch(cell + offset);
+  }
+  __builtin_prefetch(cell + bytes - 1);
+}
+
+bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
+  return std::memcmp(keyOf(row), key, geometry_.keySize) == 0;
+}
+
+std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash) const {
+  // A corrupt row under the whole hash of the key is taken for the key's, though its own key may be
+  // what is damaged: a look-up reports it and a write heals it.
+  return index_->find(hash, [this, key](std::uint32_t row) {
+    prefetch(row);
+    return hasKey(row, key) || inspect(row) == RowState::corrupt_;
+  });
+}
+
+const std::byte* TableWriter::find(const void* key, std::uint32_t hash) const {
+  const auto position = locate(key, hash);
+  if (!position) {
+    return nullptr;
+  }
+  requireIntact(position->row);
+  return recordOf(position->row);
+}
+
+void TableWriter::is(const std::byte* record, std::uint32_t hash) {
+  const std::byte* key = record + geometry_.keyOffset;
+  if (const auto position = locate(key, hash)) {
+    overwrite(position->row, record);
+  } else {
+    insert(record, hash);
+  }
+  notify(key);
+}
+
+void TableWriter::overwrite(std::uint32_t row, const std::byte* record) {
+  commitRow(row, record, true);
+  publishChange(row);
+}
+
+void TableWriter::insert(const std::byte* record, std::uint32_t hash) {
+  index_->prepareInsert();
+  const std::uint32_t row = takeRow();
+  commitRow(row, record, true);
+  occupied_[row] = true;
+  ++size_;
+  index_->insert(hash, row);
+  publishChange(row);
+  index_->advance();
+}
+
+std::uint32_t TableWriter::takeRow() {
+  if (!freeRows_.empty()) {
+    const std::uint32_t row = freeRows_.back();
+    freeRows_.pop_back();
+    return row;
+  }
+  const std::uint32_t row = rowCount_;
+  if (row >= maximumRows) {
+    throwSystemError(ENOSPC, options_.name, "add a row");
+  }
+  const std::size_t size = rowsSegment_->size();
+  if (const std::size_t needed = geometry_.bytesForRows(std::size_t{row} + 1); needed > size) {
+    rowsSegment_->grow(std::max(needed, size + std::clamp(size, smallestGrowth, largestGrowth)));
+  }
+  occupied_.resize(std::size_t{row} + 1);
+  active_.resize(std::size_t{row} + 1);
+  // Counted before it is filled: a row that a dying writer leaves unfilled is vacant.
+  ++rowCount_;
+  storeWord(header_[Header::rowCount_], rowCount_);
+  return row;
+}
+
+void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept {
+  std::uint64_t* words = rowWords(row);
+  const std::uint64_t version = loadWord(words[0]) + 1;
+  auto* cell = const_cast<std::uint64_t*>(cellOf(words, version, geometry_));
+  const std::size_t wholeWords = geometry_.recordSize / wordSize;
+  for (std::size_t i = 0; i < wholeWords; ++i) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, record + i * wordSize, wordSize);
+    storeWord(cell[i], word);
+  }
+  if (const std::size_t rest = geometry_.recordSize % wordSize; rest != 0) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, record + wholeWords * wordSize, rest);
+    storeWord(cell[wholeWords], word);
+  }
+  storeWord(cell[geometry_.liveWord()], live ? 1 : 0);
+  storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
+  storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, geometry_));
+  storeWord(words[0], version);
+  active_[row] = (version & 1U) != 0;
+  // The words change under records that the caller reads in place through another type.
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+void TableWriter::publishChange(std::uint32_t row) noexcept {
+  storeWord(header_[Header::feed_ + (changeSequence_ & feedMask_)],
+            feedEntry(changeSequence_, row));
+  storeWord(header_[Header::size_], size_);
+  storeWord(header_[Header::changeSequence_], changeSequence_);
+}
+
+void TableWriter::notify(const void* key) {
+  if (quiesced_) {
+    quiesced_ = false;
+    if (listener_ != nullptr) {
+      listener_->quiescedChanged(false);
+    }
+  }
+  if (listener_ != nullptr && key != nullptr) {
+    listener_->recordChanged(key);
+  }
+}
+
+bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
+  const auto position = locate(key, hash);
+  if (!position) {
+    return false;
+  }
+  if (removed != nullptr) {
+    requireIntact(position->row);
+    std::memcpy(removed, recordOf(position->row), geometry_.recordSize);
+  }
+  removeRow(position->row, position->slot);
+  notify(key);
+  return true;
+}
+
+// The record stays in the row's new cell, no longer live, so that a follower still sees its key.
+void TableWriter::removeRow(std::uint32_t row, std::optional<std::size_t> slot) {
+  freeRows_.push_back(row);
+  commitRow(row, recordOf(row), false);
+  if (slot) {
+    index_->erase(*slot);
+  } else {
+    index_->eraseRow(row);
+  }
+  occupied_[row] = false;
+  --size_;
+  publishChange(row);
+  index_->advance();
+}
+
+bool TableWriter::discard(std::uint32_t row) {
+  if (row >= rowCount_ || !occupied_[row]) {
+    return false;
+  }
+  const bool intact = inspect(row) == RowState::live_;
+  std::optional<std::size_t> slot;
+  if (intact) {
+    const auto position = index_->find(layout_.hashOfKey(keyOf(row)),
+                                       [row](std::uint32_t candidate) { return candidate == row; });
+    slot = position ? std::optional{position->slot} : std::nullopt;
+  }
+  removeRow(row, slot);
+  notify(intact ? keyOf(row) : nullptr);
+  return true;
+}
+
+void TableWriter::delAll() {
+  const std::uint32_t end = rowCount_;
+  for (std::uint32_t row = 0; row < end; ++row) {
+    discard(row);
+  }
+}
+
+std::byte* TableWriter::edit(const void* key, std::uint32_t hash) {
+  const auto position = locate(key, hash);
+  if (!position) {
+    return nullptr;
+  }
+  requireIntact(position->row);
+  auto* staging = reinterpret_cast<std::byte*>(staging_.data());
+  const std::byte* record = recordOf(position->row);
+  std::memcpy(staging, record, geometry_.recordSize);
+  std::memcpy(staging + geometry_.recordWords * wordSize, record + geometry_.keyOffset,
+              geometry_.keySize);
+  stagedRow_ = position->row;
+  return staging;
+}
+
+bool TableWriter::commit(const std::byte* staging) {
+  Korm::assertTrue(
+      staging == reinterpret_cast<const std::byte*>(staging_.data()) && stagedRow_.has_value(),
+      "what is committed is what edit() gave");
+  const std::byte* key = staging + geometry_.keyOffset;
+  Korm::assertTrue(
+      std::memcmp(key, staging + geometry_.recordWords * wordSize, geometry_.keySize) == 0,
+      "an edit leaves the key alone");
+  const std::uint32_t row = *std::exchange(stagedRow_, std::nullopt);
+  if (!occupied_[row] || !hasKey(row, key)) {
+    return false;
+  }
+  overwrite(row, staging);
+  notify(key);
+  return true;
+}
+
+const std::byte* TableWriter::next(Hint& hint) const {
+  while (hint.row < rowCount_) {
+    const std::uint32_t row = hint.row++;
+    if (occupied_[row]) {
+      requireIntact(row);
+      return recordOf(row);
+    }
+  }
+  return nullptr;
+}
+
+void TableWriter::quiesce() {
+  if (!std::exchange(quiesced_, true) && listener_ != nullptr) {
+    listener_->quiescedChanged(true);
+  }
+}
+
+void TableWriter::mountStateIs(MountState state) {
+  if (std::exchange(mountState_, state) != state && listener_ != nullptr) {
+    listener_->mountStateChanged();
+  }
+}
+
+void TableWriter::reportCorruption(const std::string& message) {
+  ++corruptionCount_;
+  lastCorruption_ = message;
+  if (corruptionHandler_) {
+    corruptionHandler_(message);
+  }
+}
+
+}  // namespace Vasta

@@ -1,0 +1,201 @@
+// The writing side of a table, on records as bytes. Table<R> in Table.h is its typed face.
+//
+// A table is a set of records, one per key, in shared memory. Rows are the truth: a record lies in one
+// row from its insertion to its removal, and a row once there is there for good, to be used again for
+// another record. The index is a cache of the rows and can be rebuilt from them.
+//
+// Thread and process rule: one writer in all of the system, held by a lock that goes with its
+// process; all calls on one thread. Readers never wait for it, whatever it does and wherever it dies.
+// A child made by fork() without exec holds the lock too until it ends.
+//
+// Ownership and invariants: owns its mappings. A call that throws has changed nothing, unless it says
+// otherwise. A change is durable for every reader, and for the next writer, when the call returns.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/Vasta/Index.h"
+#include "platform/Vasta/Layout.h"
+#include "platform/Vasta/Record.h"
+#include "platform/Vasta/SegmentSource.h"
+
+namespace Vasta {
+
+enum class MountState { unmounted_, mounting_, mounted_, failed_ };
+
+struct TableOptions {
+  std::string name;     // the table's own name, for messages
+  std::string shmName;  // by which other processes find it; empty: an anonymous table
+  // Changes that a follower may be behind before it has to look at all rows. Rounded up to a power of
+  // two, within 16 and 2^20. A table that is taken over keeps the capacity it has.
+  std::size_t feedCapacity = 8192;
+  // Whether the shared memory goes with the writer. A writer that dies leaves it in any case.
+  bool unlinkOnClose = false;
+  MountState mountState = MountState::mounted_;
+};
+
+class TableWriter {
+ public:
+  // What the table tells its owner. Called on the writer's thread, within the call that caused it and
+  // after the change is committed; the table may be changed meanwhile. An exception leaves that call,
+  // the change stays.
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    virtual void recordChanged(const void* key) = 0;
+    virtual void quiescedChanged(bool quiesced) = 0;
+    virtual void mountStateChanged() = 0;
+  };
+  using CorruptionHandler = std::function<void(const std::string& message)>;
+
+  // Creates the table, or takes it over from the writer before: bumps the epoch, checks every row,
+  // rebuilds the index, and reports the rows that are corrupt (corruptionCount()). Throws AttachError
+  // when another writer has the table or when it is another record's table, std::system_error when
+  // memory runs out.
+  TableWriter(const RecordLayout& layout, TableOptions options);
+  ~TableWriter();
+  TableWriter(const TableWriter&) = delete;
+  TableWriter& operator=(const TableWriter&) = delete;
+
+  // The committed record of this key, in place, or null. It stays readable, and as it is, until the
+  // second next change of the same record; its key's row is reused after a removal. Throws Corruption.
+  [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
+
+  // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that. Throws
+  // std::system_error when memory runs out.
+  void is(const std::byte* record, std::uint32_t hash);
+
+  // Removes the record of this key; false when there is none. Copies it to `removed` unless that is
+  // null. Throws Corruption when it is to be copied and is corrupt; without a copy a corrupt record is
+  // removed like any other.
+  bool del(const void* key, std::uint32_t hash, std::byte* removed);
+
+  // Removes whatever record lies in this row, corrupt or not; false when there is none. The listener
+  // hears the key if it is intact.
+  bool discard(std::uint32_t row);
+
+  // Removes all records, corrupt ones too; the listener hears the key of each that is intact. An
+  // exception of the listener ends it, with the records after that one still there.
+  void delAll();
+
+  // The record of this key in the writer's private staging, for the caller to change and commit; null
+  // when there is none. The next edit() takes the staging over. Throws Corruption.
+  [[nodiscard]] std::byte* edit(const void* key, std::uint32_t hash);
+  // Overwrites the record with what edit() gave, whose key must be unchanged. False, and no change,
+  // when the record has gone meanwhile.
+  bool commit(const std::byte* staging);
+
+  // The next record of a walk in the order of rows, in place as for find(); null at the end. A record
+  // that is there for the whole walk is met exactly once, whatever else changes. Throws Corruption for
+  // a corrupt record with the hint already past it, so that the walk can go on.
+  [[nodiscard]] const std::byte* next(Hint& hint) const;
+
+  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+  [[nodiscard]] std::uint64_t epoch() const noexcept;
+  // Of the latest change.
+  [[nodiscard]] std::uint64_t changeSequence() const noexcept { return changeSequence_; }
+  [[nodiscard]] const std::string& name() const noexcept { return options_.name; }
+  // For readers in this process, on other threads too.
+  [[nodiscard]] std::shared_ptr<SegmentSource> segments() const noexcept { return local_; }
+
+  // Not owned; null for none.
+  void listenerIs(Listener* listener) noexcept { listener_ = listener; }
+
+  // A table is quiet at first, busy from its first change on, and quiet again when its owner says so.
+  // The listener hears of each transition.
+  void quiesce();
+  [[nodiscard]] bool isQuiesced() const noexcept { return quiesced_; }
+
+  // The listener hears when it becomes another one.
+  void mountStateIs(MountState state);
+  [[nodiscard]] MountState mountState() const noexcept { return mountState_; }
+
+  // Replaces the default, which does nothing.
+  void corruptionHandlerIs(CorruptionHandler handler) { corruptionHandler_ = std::move(handler); }
+  // Counts and keeps the message, then calls the handler.
+  void reportCorruption(const std::string& message);
+  [[nodiscard]] std::uint64_t corruptionCount() const noexcept { return corruptionCount_; }
+  [[nodiscard]] const std::string& lastCorruption() const noexcept { return lastCorruption_; }
+
+  // Checks every invariant of the table and describes the first violation. Looks at everything.
+  [[nodiscard]] std::optional<std::string> verify() const;
+
+ private:
+  enum class RowState { vacant_, live_, corrupt_ };
+
+  void openNamed();
+  void create(std::shared_ptr<Segment> header);
+  void createNamed(std::shared_ptr<Segment> header);
+  void formatHeader();
+  void takeOver(std::shared_ptr<Segment> header);
+  void takeOverRows();
+  void takeOverRow(std::uint32_t row);
+  void attachSegments(std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows);
+  [[nodiscard]] Index makeIndex(std::uint64_t generation) const;
+
+  [[nodiscard]] std::uint64_t* rowWords(std::uint32_t row) const noexcept;
+  [[nodiscard]] const std::uint64_t* activeCell(std::uint32_t row) const noexcept;
+  [[nodiscard]] const std::byte* recordOf(std::uint32_t row) const noexcept;
+  [[nodiscard]] const std::byte* keyOf(std::uint32_t row) const noexcept;
+  [[nodiscard]] RowState inspect(std::uint32_t row) const noexcept;
+  void requireIntact(std::uint32_t row) const;
+  void prefetch(std::uint32_t row) const noexcept;
+  [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash) const;
+  [[nodiscard]] bool hasKey(std::uint32_t row, const void* key) const noexcept;
+
+  [[nodiscard]] std::uint32_t takeRow();
+  void commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept;
+  void publishChange(std::uint32_t row) noexcept;
+  void overwrite(std::uint32_t row, const std::byte* record);
+  void insert(const std::byte* record, std::uint32_t hash);
+  void removeRow(std::uint32_t row, std::optional<std::size_t> slot);
+  void notify(const void* key);
+
+  [[nodiscard]] std::optional<std::string> verifyRow(std::uint32_t row) const;
+  [[nodiscard]] std::optional<std::string> verifyRows() const;
+  [[nodiscard]] std::optional<std::string> verifyFeed() const;
+
+  // Constant after construction.
+  const RecordLayout layout_;
+  const RowGeometry geometry_;
+  const TableOptions options_;
+  std::optional<SegmentNames> names_;
+  std::size_t feedMask_ = 0;
+
+  // Shared memory.
+  std::shared_ptr<Segment> headerSegment_;
+  std::shared_ptr<Segment> rowsSegment_;
+  std::shared_ptr<LocalSegments> local_;
+  std::uint64_t* header_ = nullptr;
+  std::uint64_t* rows_ = nullptr;
+  std::optional<Index> index_;
+
+  // The writer's thread.
+  std::uint32_t rowCount_ = 0;
+  std::size_t size_ = 0;
+  std::uint64_t changeSequence_ = 0;
+  std::vector<bool> occupied_;  // by row: holds a record, intact or corrupt
+  std::vector<bool> active_;    // by row: the low bit of its version, to fetch the right cell early
+  std::deque<std::uint32_t> freeRows_;
+  std::vector<std::uint64_t> staging_;  // the record, then its key as edit() found it
+  std::optional<std::uint32_t> stagedRow_;
+  Listener* listener_ = nullptr;
+  CorruptionHandler corruptionHandler_;
+  std::uint64_t corruptionCount_ = 0;
+  std::string lastCorruption_;
+  bool quiesced_ = true;
+  MountState mountState_;
+};
+
+// Removes what is left of a table that no writer has; false when a writer has it. For a table whose
+// records have got another shape, which no writer can take over.
+bool removeTable(const std::string& shmName);
+
+}  // namespace Vasta
