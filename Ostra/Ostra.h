@@ -1,0 +1,145 @@
+// The library's root object and its factory: what an integrator calls.
+//
+//   auto context = Ostra::ostraContextFactory(tables, vrfs, ports, batchStatus, telemetry, handles,
+//                                             validation, counters);
+//   context->doMounts(mountGroup);
+//   ... the platform makes the mounts ...
+//   context->doMountsComplete(status, entityManager);
+//
+// From then on the library is driven by changes of its inputs, until the context goes.
+//
+// Thread and process rule: the hosting service's activity thread.
+// Ownership: the service owns the context; the context holds references to its inputs and owns the state
+// machines.
+#pragma once
+
+#include "Ostra/OstraTypes.h"
+#include "platform/Korm/Entity.h"
+#include "platform/Tessel/Tessel.h"
+
+#include <cstdint>
+#include <map>
+
+namespace CorvexConfig {
+class Config;
+}
+namespace NexthopGroup {
+class L2NexthopGroupEncapTable;
+}
+namespace OpenFlowTable {
+class CorvexHwConfig;
+}
+namespace P4Runtime {
+class BatchStatus;
+class P4HandleMgr;
+class P4RuntimeCounterHelper;
+class Telemetry;
+class ValidationHelper;
+class VrfIdCollection;
+}  // namespace P4Runtime
+namespace P4RuntimeConfig {
+class PortMappingStatus;
+}
+
+namespace Ostra {
+
+class OstraEcmpGroupSm;
+class OstraSm;
+class OstraStatusDirSm;
+class OstraStatusInfo;
+
+class OstraContext final : public Korm::Entity {
+ public:
+  using OstraSmColl = std::map<std::uint8_t, Korm::Ptr<OstraSm>>;
+
+  // Stores the inputs and does nothing else. Any may be null.
+  OstraContext(Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl,
+               Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
+               Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
+               Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
+               Korm::Ptr<P4Runtime::Telemetry> telemetry,
+               Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr,
+               Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
+               Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper);
+  // Takes the library down: the status side first, then ECMP, then the flow state machines. What was
+  // written to Corvex stays.
+  ~OstraContext() override;
+
+  // Declares the four mounts, in order.
+  void doMounts(Tessel::MountGroup& mountGroup);
+
+  // Builds the library on the mounted entities. A second call builds it again: a status or ECMP state
+  // machine whose inputs are the same objects is kept. The mount status is not examined; what is missing
+  // shows as null, and asserts where the library cannot run without it. An exception of the framework (a
+  // stored entry with a value out of range) leaves what was built so far in place.
+  void doMountsComplete(Tessel::MountStatus status,
+                        const Korm::Ptr<Tessel::EntityManager>& entityManager);
+
+  [[nodiscard]] const OstraSmColl& ostraSmColl() const noexcept { return ostraSmColl_; }
+  // Inserts or replaces; a null state machine removes.
+  void ostraSmCollIs(std::uint8_t index, Korm::Ptr<OstraSm> sm);
+  // The state machine removed, or null.
+  Korm::Ptr<OstraSm> ostraSmCollDel(std::uint8_t index);
+  void ostraSmCollDelAll();
+
+  [[nodiscard]] const Korm::Ptr<OstraStatusDirSm>& ostraStatusDirSm() const noexcept {
+    return ostraStatusDirSm_;
+  }
+  // Keeps the state machine whose inputs are these, or replaces it; returns the one stored then.
+  Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmIs(
+      const Korm::Ptr<const Korm::Dir>& cxHwStatusDir,
+      const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
+      const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
+      const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
+      const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable);
+  // Detaches the state machine and switches it off; the caller drops the last reference.
+  Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmDel();
+
+  [[nodiscard]] const Korm::Ptr<OstraEcmpGroupSm>& ostraEcmpGroupSm() const noexcept {
+    return ostraEcmpGroupSm_;
+  }
+  Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmIs(
+      const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& cxHwConfig,
+      const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
+      const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable,
+      const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable>& ipv4EncapTable,
+      const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus>& p4RtPortMappingStatus,
+      const Korm::Ptr<P4Runtime::ValidationHelper>& validationHelper,
+      const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
+      const Korm::Ptr<P4Runtime::P4HandleMgr>& p4HandleMgr);
+  Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmDel();
+
+  [[nodiscard]] const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable>& ipv4EncapTable()
+      const noexcept {
+    return ipv4EncapTable_;
+  }
+
+ private:
+  // Inputs, constant after construction.
+  Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl_;
+  Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection_;
+  Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus_;
+  Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
+  Korm::Ptr<P4Runtime::Telemetry> telemetry_;
+  Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr_;
+  Korm::Ptr<P4Runtime::ValidationHelper> validationHelper_;
+  Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper_;
+
+  // Built by doMountsComplete.
+  OstraSmColl ostraSmColl_;
+  Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable_;
+  Korm::Ptr<OstraStatusDirSm> ostraStatusDirSm_;
+  Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSm_;
+};
+
+// A context with its notifications on.
+[[nodiscard]] Korm::Ptr<OstraContext> ostraContextFactory(
+    Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl,
+    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::Telemetry> telemetry,
+    Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr,
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
+    Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper);
+
+}  // namespace Ostra

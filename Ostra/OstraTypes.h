@@ -1,0 +1,257 @@
+// The types that the library shares with the service: the flow key, the flow entries and their tables.
+//
+// Thread and process rule: keys and entries are values that stand in shared memory, trivially copyable and
+// without padding, so that equality and hash are exact over their bytes. The tables are the service's to
+// write, on the activity thread.
+#pragma once
+
+#include "Ostra/MatchFields.h"
+#include "platform/Interface/Interface.h"
+#include "platform/Korm/Address.h"
+#include "platform/Korm/BoundedValue.h"
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/Hash.h"
+#include "platform/KormVasta/TableEntity.h"
+#include "platform/OpenFlowTable/Actions.h"
+#include "platform/OpenFlowTable/Types.h"
+#include "platform/P4Runtime/Types.h"
+#include "platform/P4RuntimeRouting/Ecmp.h"
+#include "platform/Vrf/Vrf.h"
+
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+namespace Ostra {
+
+namespace detail {
+
+struct FlowTableIndexLimits {
+  static constexpr std::uint8_t min = 0;
+  static constexpr std::uint8_t max = 15;
+  static constexpr const char* message =
+      "FlowTableIndex::value < 0 or > FlowTableIndex::max not allowed";
+};
+
+// Whether a mask leaves everything open: zero, for an address also no family, for a flag false.
+template <class T>
+[[nodiscard]] constexpr bool isWildcardMask(const T& mask) noexcept {
+  if constexpr (requires { mask.isZero(); }) {
+    return mask.isZero();
+  } else {
+    return mask == T{};
+  }
+}
+
+// A value and a mask at any offset, so that fields of all widths stand side by side without padding.
+template <class T>
+struct PackedMatch {
+  [[nodiscard]] T value() const noexcept { return load(0); }
+  [[nodiscard]] T mask() const noexcept { return load(sizeof(T)); }
+  void set(const T& value, const T& mask) noexcept {
+    std::memcpy(bytes.data(), &value, sizeof(T));
+    std::memcpy(bytes.data() + sizeof(T), &mask, sizeof(T));
+  }
+
+  std::array<std::byte, 2 * sizeof(T)> bytes{};
+
+ private:
+  [[nodiscard]] T load(std::size_t at) const noexcept {
+    std::array<std::byte, sizeof(T)> raw;
+    std::memcpy(raw.data(), bytes.data() + at, sizeof(T));
+    return std::bit_cast<T>(raw);
+  }
+};
+
+}  // namespace detail
+
+// The place of one flow table among the status tables.
+using FlowTableIndex = Korm::BoundedValue<std::uint8_t, detail::FlowTableIndexLimits>;
+
+// One field of a match as a reader sees it.
+template <class T>
+struct MatchField {
+  T value{};
+  T mask{};
+  bool given = false;  // whether the entry gave the field at all
+
+  // Given, with a mask that is not a wildcard.
+  [[nodiscard]] constexpr bool constrained() const noexcept {
+    return given && !detail::isWildcardMask(mask);
+  }
+};
+
+// The match fields by number, in the order of the key.
+#define OSTRA_FIELD_NUMBER(member, Type, name, ...) member##_,
+enum class MatchFieldId : std::uint8_t { OSTRA_MATCH_FIELDS(OSTRA_FIELD_NUMBER) count_ };
+#undef OSTRA_FIELD_NUMBER
+
+// Identifies one flow entry by its whole match and its placement. Two entries with the same match and
+// placement are the same flow. The default key is all zero: nothing is given.
+//
+// For each line of OSTRA_MATCH_FIELDS there is an accessor `member()`, which returns the MatchField, and a
+// mutator `memberIs(value, mask)`, after which the field is given.
+class OstraKey {
+ public:
+  OstraKey() noexcept = default;
+  // Reads the text form, and moves `current` behind it. Throws Korm::ParseException for anything that
+  // the text form would not print.
+  OstraKey(std::string::const_iterator& current, std::string::const_iterator end);
+
+  [[nodiscard]] std::int32_t tableType() const noexcept { return tableType_; }
+  void tableTypeIs(std::int32_t type) noexcept { tableType_ = type; }
+  [[nodiscard]] std::uint32_t priorityGroupType() const noexcept { return priorityGroupType_; }
+  void priorityGroupTypeIs(std::uint32_t type) noexcept { priorityGroupType_ = type; }
+  // As the controller gave it; the translation checks it.
+  [[nodiscard]] std::int32_t priority() const noexcept { return priority_; }
+  void priorityIs(std::int32_t priority) noexcept { priority_ = priority; }
+
+#define OSTRA_FIELD_ACCESSORS(member, Type, name, ...)                             \
+  [[nodiscard]] MatchField<Type> member() const noexcept {                         \
+    return {member##_.value(), member##_.mask(), given(MatchFieldId::member##_)};  \
+  }                                                                                \
+  void member##Is(const Type& value, const Type& mask) noexcept {                  \
+    member##_.set(value, mask);                                                    \
+    givenIs(MatchFieldId::member##_, true);                                        \
+  }
+  OSTRA_MATCH_FIELDS(OSTRA_FIELD_ACCESSORS)
+#undef OSTRA_FIELD_ACCESSORS
+
+  [[nodiscard]] bool given(MatchFieldId field) const noexcept {
+    return (given_ >> static_cast<unsigned>(field) & 1U) != 0;
+  }
+  void givenIs(MatchFieldId field, bool given) noexcept {
+    const std::uint32_t bit = 1U << static_cast<unsigned>(field);
+    given_ = given ? given_ | bit : given_ & ~bit;
+  }
+
+  friend bool operator==(const OstraKey& a, const OstraKey& b) noexcept {
+    return std::memcmp(&a, &b, sizeof(OstraKey)) == 0;
+  }
+  // An order of no meaning, for sorted containers.
+  friend bool operator<(const OstraKey& a, const OstraKey& b) noexcept {
+    return std::memcmp(&a, &b, sizeof(OstraKey)) < 0;
+  }
+  [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
+    return static_cast<std::uint32_t>(Korm::hashBytes(this, sizeof(OstraKey), seed) >> 32);
+  }
+
+  // "Value('Ostra::OstraKey', ** {'tableType': 0, ..., 'hdr.icmp.type': '8&255'})": the placement, then
+  // the fields that are given, each as value and mask. A field that is not given but not zero either
+  // stands with a '!' before the quote.
+  [[nodiscard]] std::string valueToStrep() const;
+  friend std::ostream& operator<<(std::ostream& out, const OstraKey& key);
+  // In the binary trace a key is its hash.
+  friend std::uint32_t brisklogArgument(const OstraKey& key) noexcept { return key.hash(0); }
+
+  // Calls visit(name, field) for each match field, in the order of the key.
+  template <class Visit>
+  void forEachField(Visit&& visit) const {
+#define OSTRA_FIELD_VISIT(member, Type, name, ...) visit(std::string_view{name}, member());
+    OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
+#undef OSTRA_FIELD_VISIT
+  }
+  // Calls visit(name, field, put) for each; put(value, mask) writes the field and makes it given. For
+  // those who fill a key by name.
+  template <class Visit>
+  void forEachField(Visit&& visit) {
+#define OSTRA_FIELD_VISIT(member, Type, name, ...)     \
+  visit(std::string_view{name}, member(),              \
+        [this](const Type& value, const Type& mask) { member##Is(value, mask); });
+    OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
+#undef OSTRA_FIELD_VISIT
+  }
+
+ private:
+#define OSTRA_FIELD_SIZE(member, Type, name, ...) +sizeof(detail::PackedMatch<Type>)
+  static constexpr std::size_t matchBytes = 0 OSTRA_MATCH_FIELDS(OSTRA_FIELD_SIZE);
+#undef OSTRA_FIELD_SIZE
+
+  std::int32_t tableType_ = 0;
+  std::uint32_t priorityGroupType_ = 0;
+  std::int32_t priority_ = 0;
+  std::uint32_t given_ = 0;  // a bit per MatchFieldId
+#define OSTRA_FIELD_STORAGE(member, Type, name, ...) detail::PackedMatch<Type> member##_;
+  OSTRA_MATCH_FIELDS(OSTRA_FIELD_STORAGE)
+#undef OSTRA_FIELD_STORAGE
+  std::array<std::byte, 4 - matchBytes % 4> reserved_{};
+};
+static_assert(std::is_trivially_copyable_v<OstraKey>);
+static_assert(std::has_unique_object_representations_v<OstraKey>);
+static_assert(static_cast<unsigned>(MatchFieldId::count_) <= 32, "a bit of given_ per field");
+
+// One flow entry as the service stores it. Actions stand as the controller gave them: the output action
+// as a P4 port in `outputPort` (present when the action set says so), VRF, VLAN and the ECMP reference
+// beside the action set.
+struct OstraConfigEntry {
+  using Key = OstraKey;
+  static constexpr std::string_view vastaName = "Ostra::OstraConfigEntry";
+
+  [[nodiscard]] const OstraKey& key() const noexcept { return flowKey; }
+  [[nodiscard]] const OpenFlowTable::ActionSet& actionSet() const noexcept {
+    return actions.actionSet();
+  }
+  void outputPortIs(P4Runtime::P4PortId port) noexcept {
+    outputPort = port;
+    actions.outputIntfIs({}, true);
+  }
+
+  P4Runtime::EntryHandle entryHandle;
+  OpenFlowTable::Actions actions;
+  std::uint32_t entryId = 0;
+  P4Runtime::P4PortId outputPort = 0;
+  Vrf::VrfIdMap::VrfId vrfId = 0;
+  P4Runtime::MemberOrGroupId memberId = 0;
+  P4Runtime::MemberOrGroupId groupId = 0;
+  OstraKey flowKey;
+  std::uint16_t vlanId = 0;
+  bool vrfGiven = false;
+  bool vlanGiven = false;
+  bool memberGiven = false;
+  bool groupGiven = false;
+  // Fills up to eight bytes, whatever the size of the key.
+  std::array<std::byte, 8 - (sizeof(OpenFlowTable::Actions) + 34 + sizeof(OstraKey)) % 8> reserved{};
+};
+static_assert(std::has_unique_object_representations_v<OstraConfigEntry>);
+
+// One flow configuration table.
+class OstraConfig final : public KormVasta::TableEntity<OstraConfigEntry> {
+ public:
+  using TableEntity::TableEntity;
+};
+
+// The service's configuration tables: flow tables by index, and the ECMP tables. Any may be null.
+class OstraConfigTableColl final : public Korm::Entity {
+ public:
+  [[nodiscard]] const Korm::Ptr<OstraConfig>& ostraConfig(FlowTableIndex index) const noexcept {
+    return ostraConfig_[index.value()];
+  }
+  void ostraConfigIs(FlowTableIndex index, Korm::Ptr<OstraConfig> table) noexcept {
+    ostraConfig_[index.value()] = std::move(table);
+  }
+  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable() const noexcept {
+    return p4rtEcmpGroupTable_;
+  }
+  void p4rtEcmpGroupTableIs(Korm::Ptr<P4RuntimeRouting::EcmpGroup> table) noexcept {
+    p4rtEcmpGroupTable_ = std::move(table);
+  }
+  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable()
+      const noexcept {
+    return p4rtEcmpMemberTable_;
+  }
+  void p4rtEcmpMemberTableIs(Korm::Ptr<P4RuntimeRouting::EcmpMember> table) noexcept {
+    p4rtEcmpMemberTable_ = std::move(table);
+  }
+
+ private:
+  std::array<Korm::Ptr<OstraConfig>, FlowTableIndex::max + 1> ostraConfig_;
+  Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable_;
+  Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable_;
+};
+
+}  // namespace Ostra

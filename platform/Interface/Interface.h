@@ -1,0 +1,47 @@
+// Interfaces of the switch.
+#pragma once
+
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/Hash.h"
+
+#include <array>
+#include <compare>
+#include <cstdint>
+#include <ostream>
+#include <string_view>
+
+namespace Interface {
+
+// The name of an interface, held inline so that it can stand in shared memory. The default is the
+// empty id, no interface.
+class IntfId {
+ public:
+  static constexpr std::size_t maxLength = 23;
+
+  constexpr IntfId() noexcept = default;
+  // Raises the range exception for a name longer than maxLength.
+  explicit IntfId(std::string_view name);
+
+  [[nodiscard]] std::string_view name() const noexcept { return {name_.data(), length_}; }
+  // The first two letters and the number: "Et1" for "Ethernet1". A name of another shape as it is.
+  [[nodiscard]] IntfId shortName() const;
+  [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
+
+  friend auto operator<=>(const IntfId&, const IntfId&) noexcept = default;
+  friend std::ostream& operator<<(std::ostream& out, const IntfId& intf) {
+    return out << intf.name();
+  }
+  friend std::string_view brisklogArgument(const IntfId& intf) noexcept { return intf.name(); }
+
+ private:
+  std::array<char, maxLength> name_{};
+  std::uint8_t length_ = 0;
+};
+
+// The status of all interfaces, by name.
+class AllIntfStatusDir final : public Korm::NamedEntity {
+ public:
+  using NamedEntity::NamedEntity;
+};
+
+}  // namespace Interface

@@ -1,0 +1,121 @@
+// The binding of a shared-memory table to the entity that owns it.
+//
+// Thread and process rule: the activity thread of the writing process.
+// Ownership: the entity owns the binding, the binding the table. The entity outlives it.
+#pragma once
+
+#include "platform/Korm/Activity.h"
+#include "platform/Korm/Dir.h"
+#include "platform/Korm/Entity.h"
+#include "platform/KormVasta/SharedMemory.h"
+#include "platform/Vasta/Table.h"
+
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace KormVasta {
+
+// What the table service tells the entity that owns a table.
+template <class Key>
+class TableOwner {
+ public:
+  // A row was inserted, overwritten or removed; the change is committed.
+  virtual void tableNotify(const Key& key) = 0;
+  // The table became quiet (true), or busy with a first change after that (false).
+  virtual void tableNotifyQuiesced(bool quiesced) = 0;
+  // The table's mount state is another one.
+  virtual void tableNotifyMountStatus() = 0;
+
+ protected:
+  ~TableOwner() = default;
+};
+
+// A writable table of records. It lives in anonymous memory until its entity is placed in the tree while
+// the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the segment
+// named after its place. It turns quiet when the activity has nothing else to do.
+template <Vasta::Record R>
+class TableBinding final : private Vasta::TableWriter::Listener {
+ public:
+  using Key = typename R::Key;
+  using Table = Vasta::Table<R>;
+
+  TableBinding(std::string name, TableOwner<Key>& owner)
+      : name_{std::move(name)}, owner_{owner}, table_{makeTable(name_, {})} {
+    table_->listenerIs(this);
+  }
+  TableBinding(const TableBinding&) = delete;
+  TableBinding& operator=(const TableBinding&) = delete;
+  ~TableBinding() { table_->listenerIs(nullptr); }
+
+  [[nodiscard]] Table& table() noexcept { return *table_; }
+  [[nodiscard]] const Table& table() const noexcept { return *table_; }
+
+  // Stays with the binding when the table moves.
+  void corruptionHandlerIs(Vasta::TableWriter::CorruptionHandler handler) {
+    corruptionHandler_ = std::move(handler);
+    table_->corruptionHandlerIs(corruptionHandler_);
+  }
+
+  // Gives the table its place, from the position of its entity. Throws what the table service throws
+  // when the named segment cannot be had; the table then stays where it was, its mount failed.
+  void handleParent(const Korm::Dir& parent, const Korm::Name& entity) {
+    const std::string path = parent.path() + "/" + entity + "/" + name_;
+    table_->mountStateIs(Vasta::MountState::mounting_);
+    try {
+      if (const std::string segment = prepareSegment(path); !segment.empty()) {
+        moveTo(path, segment);
+      }
+    } catch (...) {
+      table_->mountStateIs(Vasta::MountState::failed_);
+      throw;
+    }
+    table_->mountStateIs(Vasta::MountState::mounted_);
+  }
+
+ private:
+  [[nodiscard]] static std::unique_ptr<Table> makeTable(const std::string& name,
+                                                        const std::string& segment) {
+    return std::make_unique<Table>(
+        Vasta::TableOptions{.name = name,
+                            .shmName = segment,
+                            .unlinkOnClose = true,
+                            .mountState = Vasta::MountState::unmounted_});
+  }
+
+  void moveTo(const std::string& path, const std::string& segment) {
+    auto named = makeTable(path, segment);
+    Vasta::Hint hint;
+    while (const R* record = table_->next(hint)) {
+      named->is(*record);
+    }
+    named->mountStateIs(table_->mountState());
+    table_->listenerIs(nullptr);
+    table_ = std::move(named);
+    table_->listenerIs(this);
+    table_->corruptionHandlerIs(corruptionHandler_);
+  }
+
+  void recordChanged(const void* key) override {
+    owner_.tableNotify(*static_cast<const Key*>(key));
+  }
+  void quiescedChanged(bool quiesced) override {
+    if (!quiesced) {
+      Korm::activity().defer([this, alive = std::weak_ptr<void>{alive_}] {
+        if (!alive.expired()) {
+          table_->quiesce();
+        }
+      });
+    }
+    owner_.tableNotifyQuiesced(quiesced);
+  }
+  void mountStateChanged() override { owner_.tableNotifyMountStatus(); }
+
+  const std::string name_;
+  TableOwner<Key>& owner_;
+  std::unique_ptr<Table> table_;
+  Vasta::TableWriter::CorruptionHandler corruptionHandler_;
+  const std::shared_ptr<void> alive_ = std::make_shared<char>();
+};
+
+}  // namespace KormVasta

@@ -1,0 +1,32 @@
+// The shared-memory table service's mount on a state database.
+//
+// Thread and process rule: the activity thread.
+#pragma once
+
+#include "platform/Korm/Ptr.h"
+#include "platform/Tessel/Tessel.h"
+
+#include <string_view>
+
+namespace KormVasta {
+
+// Gives access to the tables in the tree of an entity manager, of which it holds a reference.
+class TableMount final : public Korm::Entity {
+ public:
+  explicit TableMount(Korm::Ptr<Tessel::EntityManager> manager) : manager_{std::move(manager)} {}
+
+  // Finishes the mount; before that no table is found.
+  void handleInitialized() noexcept { initialized_ = true; }
+
+  // The table at a path; null when it is missing or of another type.
+  template <class Table>
+  [[nodiscard]] Korm::Ptr<Table> table(std::string_view path) const {
+    return initialized_ && manager_ ? manager_->entity<Table>(path) : nullptr;
+  }
+
+ private:
+  Korm::Ptr<Tessel::EntityManager> manager_;
+  bool initialized_ = false;
+};
+
+}  // namespace KormVasta

@@ -1,0 +1,169 @@
+// The hardware configuration of the static-flow feature: what its writers want programmed.
+//
+// Thread and process rule: the activity thread.
+// Ownership: the configuration owns its entries; a reference to one stays good until that entry goes.
+#pragma once
+
+#include "platform/Korm/Attribute.h"
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/HashMap.h"
+#include "platform/OpenFlowTable/Actions.h"
+#include "platform/OpenFlowTable/Match.h"
+
+#include <vector>
+
+namespace OpenFlowTable {
+
+// One static flow.
+class FlowEntry {
+ public:
+  [[nodiscard]] const Match& match() const noexcept { return match_; }
+  [[nodiscard]] const Actions& actions() const noexcept { return actions_; }
+  [[nodiscard]] Priority priority() const noexcept { return priority_; }
+  [[nodiscard]] PriorityGroupType priorityGroupType() const noexcept { return priorityGroupType_; }
+  [[nodiscard]] TableType tableType() const noexcept { return tableType_; }
+  [[nodiscard]] std::uint64_t cookie() const noexcept { return cookie_; }
+  [[nodiscard]] double idleTimeout() const noexcept { return idleTimeout_; }
+  [[nodiscard]] double hardTimeout() const noexcept { return hardTimeout_; }
+  [[nodiscard]] bool sendFlowRemoved() const noexcept { return sendFlowRemoved_; }
+  [[nodiscard]] bool persistent() const noexcept { return persistent_; }
+  // The service's id of the entry that this flow carries.
+  [[nodiscard]] std::uint32_t entryId() const noexcept { return entryId_; }
+  // Seconds since the epoch of the last modification, 0 for none.
+  [[nodiscard]] double changeCount() const noexcept { return changeCount_; }
+
+  // These two accompany a flowEntryIs(), which tells of the flow; by themselves they tell nobody.
+  void entryIdIs(std::uint32_t id) noexcept { entryId_ = id; }
+  void changeCountIs(double count) noexcept { changeCount_ = count; }
+
+ private:
+  friend class FlowHwConfig;
+
+  Match match_;
+  Actions actions_;
+  std::uint64_t cookie_ = 0;
+  double idleTimeout_ = 0;
+  double hardTimeout_ = 0;
+  double changeCount_ = 0;
+  Priority priority_;
+  PriorityGroupType priorityGroupType_ = 0;
+  TableType tableType_{};
+  std::uint32_t entryId_ = 0;
+  bool sendFlowRemoved_ = false;
+  bool persistent_ = false;
+};
+
+// One bucket of a group.
+struct Bucket {
+  Actions actions;
+  friend bool operator==(const Bucket&, const Bucket&) noexcept = default;
+};
+
+class FlowHwConfig;
+
+// One group. A writer changes its attributes and then its change count, which tells the group's
+// reactors in the configuration that it changed.
+class GroupEntry {
+ public:
+  GroupEntry(FlowHwConfig& config, GroupId id) : config_{config}, id_{id} {}
+
+  [[nodiscard]] GroupId id() const noexcept { return id_; }
+  [[nodiscard]] GroupType groupType() const noexcept { return groupType_; }
+  [[nodiscard]] bool deleted() const noexcept { return deleted_; }
+  [[nodiscard]] bool ready() const noexcept { return ready_; }
+  [[nodiscard]] double changeCount() const noexcept { return changeCount_; }
+  [[nodiscard]] std::size_t buckets() const noexcept { return buckets_.size(); }
+  [[nodiscard]] const std::vector<Bucket>& bucket() const noexcept { return buckets_; }
+
+  void groupTypeIs(GroupType type) noexcept { groupType_ = type; }
+  // Keeps the memory of the buckets for those that follow.
+  void bucketDelAll() noexcept { buckets_.clear(); }
+  // Appends a copy.
+  void bucketEnq(const Bucket& bucket) { buckets_.push_back(bucket); }
+  void bucketReserve(std::size_t count) { buckets_.reserve(count); }
+  void deletedIs(bool deleted) noexcept { deleted_ = deleted; }
+  void readyIs(bool ready) noexcept { ready_ = ready; }
+  // Seconds since the epoch. Written last: tells the reactors on groups.
+  void changeCountIs(double count);
+
+ private:
+  FlowHwConfig& config_;
+  const GroupId id_;
+  std::vector<Bucket> buckets_;
+  double changeCount_ = 0;
+  GroupType groupType_ = GroupType::all_;
+  bool deleted_ = false;
+  bool ready_ = false;
+};
+
+class FlowHwConfig : public Korm::NamedEntity {
+ public:
+  using Flows = Korm::HashMap<Korm::Name, FlowEntry>;
+  using Groups = Korm::HashMap<GroupId, GroupEntry>;
+
+  using NamedEntity::NamedEntity;
+
+  // Creates the flow or replaces all of its contents, and tells the reactors its name. A new flow's
+  // entry id and change count are 0; a replaced one keeps them.
+  // `cookie` is opaque to the switch; the timeouts are seconds of idleness and of life after which the
+  // hardware withdraws the flow, 0 for never; `sendFlowRemoved` asks to be told when it does;
+  // `persistent` keeps the flow when its writer restarts.
+  FlowEntry& flowEntryIs(const Korm::Name& name, const Match& match, const Actions& actions,
+                         Priority priority, PriorityGroupType priorityGroupType,
+                         TableType tableType, std::uint64_t cookie, double idleTimeout,
+                         double hardTimeout, bool sendFlowRemoved, bool persistent);
+  // Whether there was such a flow; only then are the reactors told.
+  bool flowEntryDel(const Korm::Name& name);
+  [[nodiscard]] const FlowEntry* flowEntry(const Korm::Name& name) const noexcept {
+    const auto* const found = flows_.find(name);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
+  [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_; }
+  [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowEntryNotifiees() const noexcept {
+    return flowNotifiees_;
+  }
+
+  // The group, created if it is not there; the reactors are told of a creation.
+  GroupEntry& groupEntryIs(GroupId id);
+  bool groupEntryDel(GroupId id);
+  [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept {
+    const auto* const found = groups_.find(id);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] GroupEntry* groupEntry(GroupId id) noexcept {
+    auto* const found = groups_.find(id);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] const Groups& groupEntries() const noexcept { return groups_; }
+  // Told of creation, deletion and every change count of a group.
+  [[nodiscard]] Korm::NotifieeList<const GroupId&>& groupEntryNotifiees() const noexcept {
+    return groupNotifiees_;
+  }
+
+ private:
+  Flows flows_;
+  Groups groups_;
+  mutable Korm::NotifieeList<const Korm::Name&> flowNotifiees_;
+  mutable Korm::NotifieeList<const GroupId&> groupNotifiees_;
+};
+
+// The configuration of the Corvex feature.
+class CorvexHwConfig final : public FlowHwConfig {
+ public:
+  static constexpr const char* typeName = "OpenFlowTable::CorvexHwConfig";
+
+  using FlowHwConfig::FlowHwConfig;
+
+  // Whether the hardware agent reads the flows' counters. Off at first.
+  [[nodiscard]] bool counterPollEnable() const noexcept { return counterPollEnable_(); }
+  void counterPollEnableIs(bool enable) { counterPollEnable_.is(enable); }
+  [[nodiscard]] Korm::NotifieeList<>& counterPollEnableNotifiees() const noexcept {
+    return counterPollEnable_.notifiees();
+  }
+
+ private:
+  Korm::Attribute<bool> counterPollEnable_;
+};
+
+}  // namespace OpenFlowTable

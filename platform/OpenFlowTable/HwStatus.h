@@ -1,0 +1,115 @@
+// The hardware status of the static-flow feature: what the hardware says of flows and groups.
+//
+// Thread and process rule: the activity thread.
+// Ownership: the status owns its statistics; a reference to one stays good until that element goes.
+#pragma once
+
+#include "platform/Korm/Attribute.h"
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/HashMap.h"
+#include "platform/OpenFlowTable/Types.h"
+
+namespace OpenFlowTable {
+
+// What the hardware says of one flow. The status and the change count notify separately; a count
+// that is written is a change, whatever its value.
+class FlowStats {
+ public:
+  explicit FlowStats(Korm::Name name, FlowStatus status) : name_{std::move(name)}, status_{status} {}
+
+  [[nodiscard]] const Korm::Name& name() const noexcept { return name_; }
+  [[nodiscard]] FlowStatus status() const noexcept { return status_(); }
+  [[nodiscard]] double changeCount() const noexcept { return changeCount_(); }
+  [[nodiscard]] std::uint64_t packets() const noexcept { return packets_; }
+  [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
+
+  void statusIs(FlowStatus status) { status_.is(status); }
+  void changeCountIs(double count) { changeCount_.touch(count); }
+  // Counters are read, not watched.
+  void countersIs(std::uint64_t packets, std::uint64_t bytes) noexcept {
+    packets_ = packets;
+    bytes_ = bytes;
+  }
+
+  [[nodiscard]] Korm::NotifieeList<>& statusNotifiees() const noexcept {
+    return status_.notifiees();
+  }
+  [[nodiscard]] Korm::NotifieeList<>& changeCountNotifiees() const noexcept {
+    return changeCount_.notifiees();
+  }
+
+ private:
+  const Korm::Name name_;
+  Korm::Attribute<FlowStatus> status_;
+  Korm::Attribute<double> changeCount_;
+  std::uint64_t packets_ = 0;
+  std::uint64_t bytes_ = 0;
+};
+
+// What the hardware says of one group.
+class GroupStats {
+ public:
+  GroupStats(GroupId id, GroupStatus status) : id_{id}, status_{status} {}
+
+  [[nodiscard]] GroupId id() const noexcept { return id_; }
+  [[nodiscard]] GroupStatus status() const noexcept { return status_(); }
+  [[nodiscard]] double changeCount() const noexcept { return changeCount_(); }
+
+  void statusIs(GroupStatus status) { status_.is(status); }
+  void changeCountIs(double count) { changeCount_.touch(count); }
+
+  [[nodiscard]] Korm::NotifieeList<>& statusNotifiees() const noexcept {
+    return status_.notifiees();
+  }
+  [[nodiscard]] Korm::NotifieeList<>& changeCountNotifiees() const noexcept {
+    return changeCount_.notifiees();
+  }
+
+ private:
+  const GroupId id_;
+  Korm::Attribute<GroupStatus> status_;
+  Korm::Attribute<double> changeCount_;
+};
+
+// The status that one hardware unit, or one writer's agent, publishes.
+class HwStatus final : public Korm::NamedEntity {
+ public:
+  static constexpr const char* typeName = "OpenFlowTable::HwStatus";
+  using Flows = Korm::HashMap<Korm::Name, FlowStats>;
+  using Groups = Korm::HashMap<GroupId, GroupStats>;
+
+  using NamedEntity::NamedEntity;
+
+  // The statistics of a flow, made with `status` if they are not there. The reactors are told the name
+  // of new ones; those that are there are returned as they are.
+  FlowStats& flowStatsIs(const Korm::Name& name, FlowStatus status = FlowStatus::pending_);
+  bool flowStatsDel(const Korm::Name& name);
+  template <class N>
+  [[nodiscard]] const FlowStats* flowStats(const N& name) const noexcept {
+    const auto* const found = flows_.find(name);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] const Flows& flowStats() const noexcept { return flows_; }
+  [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowStatsNotifiees() const noexcept {
+    return flowNotifiees_;
+  }
+
+  GroupStats& groupStatsIs(GroupId id, GroupStatus status = GroupStatus::ready_);
+  bool groupStatsDel(GroupId id);
+  [[nodiscard]] const GroupStats* groupStats(GroupId id) const noexcept {
+    const auto* const found = groups_.find(id);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] const Groups& groupStats() const noexcept { return groups_; }
+  [[nodiscard]] Korm::NotifieeList<const GroupId&>& groupStatsNotifiees() const noexcept {
+    return groupNotifiees_;
+  }
+
+ private:
+  Flows flows_;
+  Groups groups_;
+  mutable Korm::NotifieeList<const Korm::Name&> flowNotifiees_;
+  mutable Korm::NotifieeList<const GroupId&> groupNotifiees_;
+};
+
+}  // namespace OpenFlowTable

@@ -1,0 +1,47 @@
+// Time stamps of transactions.
+#pragma once
+
+#include "platform/Korm/Clock.h"
+#include "platform/Korm/Entity.h"
+#include "platform/P4Runtime/Types.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+
+namespace P4Runtime {
+
+// The stations of a transaction, in their order.
+enum class TelemetryTimestampType : std::uint8_t {
+  received_ = 0,
+  stored_ = 1,
+  configured_ = 2,  // handed to the static-flow feature
+  programmed_ = 3,
+};
+
+// Keeps the newest `capacity` time stamps. The activity thread's.
+class Telemetry final : public Korm::Entity {
+ public:
+  static constexpr std::size_t capacity = 4096;
+
+  struct Timestamp {
+    EntryHandle handle;
+    TelemetryTimestampType type{};
+    double time = 0;  // seconds since the epoch
+  };
+
+  void newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
+    stamps_[total_++ % capacity] = {handle, type, Korm::currentTime()};
+  }
+  // How many have ever been taken.
+  [[nodiscard]] std::uint64_t total() const noexcept { return total_; }
+  // The newest of that handle and type, if it is still kept.
+  [[nodiscard]] std::optional<Timestamp> newest(EntryHandle handle,
+                                                TelemetryTimestampType type) const;
+
+ private:
+  std::array<Timestamp, capacity> stamps_{};
+  std::uint64_t total_ = 0;
+};
+
+}  // namespace P4Runtime

@@ -1,0 +1,57 @@
+#include "platform/P4Runtime/Types.h"
+
+#include "platform/Korm/Exceptions.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <ostream>
+#include <utility>
+
+namespace P4Runtime {
+namespace {
+
+constexpr std::array<std::pair<ErrorCode, std::string_view>, 10> codeNames{{
+    {ErrorCode::success_, "success"},
+    {ErrorCode::hardwareResourceExhausted_, "hardwareResourceExhausted"},
+    {ErrorCode::actionNotSupported_, "actionNotSupported"},
+    {ErrorCode::matchNotSupported_, "matchNotSupported"},
+    {ErrorCode::undefinedBehavior_, "undefinedBehavior"},
+    {ErrorCode::notAllowed_, "notAllowed"},
+    {ErrorCode::invalidArgument_, "invalidArgument"},
+    {ErrorCode::notFound_, "notFound"},
+    {ErrorCode::invalidMask_, "invalidMask"},
+    {ErrorCode::hardwareError_, "hardwareError"},
+}};
+
+}  // namespace
+
+std::ostream& operator<<(std::ostream& out, EntryHandle handle) {
+  return out << static_cast<std::uint64_t>(handle);
+}
+
+std::string errorCodeText(ErrorCode code) {
+  for (const auto& [named, name] : codeNames) {
+    if (named == code) {
+      return std::string{name};
+    }
+  }
+  return std::to_string(static_cast<std::uint32_t>(code));
+}
+
+ErrorCode parseErrorCode(std::string::const_iterator& current, std::string::const_iterator end) {
+  const auto stop = std::find_if_not(
+      current, end, [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
+  const std::string text{current, stop};
+  for (std::uint32_t number = 0; number <= maxErrorCode; ++number) {
+    if (errorCodeText(ErrorCode{number}) == text) {
+      current = stop;
+      return ErrorCode{number};
+    }
+  }
+  Korm::throwRangeException("ErrorCode::value '" + text + "' not allowed");
+}
+
+std::ostream& operator<<(std::ostream& out, ErrorCode code) { return out << errorCodeText(code); }
+
+}  // namespace P4Runtime

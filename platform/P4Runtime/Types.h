@@ -1,0 +1,63 @@
+// Identifiers and error codes of the P4Runtime service.
+#pragma once
+
+#include "platform/Korm/Hash.h"
+
+#include <compare>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+
+namespace P4Runtime {
+
+// The service's handle of one written entry; 0 is none. Converts to and from its number.
+class EntryHandle {
+ public:
+  constexpr EntryHandle() noexcept = default;
+  constexpr EntryHandle(std::uint64_t number) noexcept  // NOLINT(google-explicit-constructor)
+      : number_{number} {}
+  constexpr operator std::uint64_t() const noexcept {  // NOLINT(google-explicit-constructor)
+    return number_;
+  }
+  [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const noexcept {
+    return static_cast<std::uint32_t>(Korm::hashMix(number_ ^ seed) >> 32);
+  }
+  friend std::uint64_t brisklogArgument(EntryHandle handle) noexcept { return handle.number_; }
+
+ private:
+  std::uint64_t number_ = 0;
+};
+
+std::ostream& operator<<(std::ostream& out, EntryHandle handle);
+
+// A port of the P4 program.
+using P4PortId = std::uint32_t;
+
+// An action-profile member or group.
+using MemberOrGroupId = std::uint32_t;
+
+// Results of a write. 0 is success; 1, 6, 7 and 19 come from the hardware, the others from validation.
+enum class ErrorCode : std::uint32_t {
+  success_ = 0,
+  hardwareResourceExhausted_ = 1,
+  actionNotSupported_ = 6,
+  matchNotSupported_ = 7,
+  undefinedBehavior_ = 13,
+  notAllowed_ = 14,
+  invalidArgument_ = 15,
+  notFound_ = 16,
+  invalidMask_ = 17,
+  hardwareError_ = 19,
+};
+inline constexpr std::uint32_t maxErrorCode = 19;
+
+// The name of a named code, "invalidArgument"; otherwise the number.
+[[nodiscard]] std::string errorCodeText(ErrorCode code);
+// Reads what errorCodeText prints, from the front of the text, and moves `current` behind it. Raises
+// the range exception for anything else.
+[[nodiscard]] ErrorCode parseErrorCode(std::string::const_iterator& current,
+                                       std::string::const_iterator end);
+std::ostream& operator<<(std::ostream& out, ErrorCode code);
+
+}  // namespace P4Runtime

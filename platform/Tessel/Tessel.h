@@ -1,0 +1,102 @@
+// The state database: entities by path, and the two-phase mount protocol.
+//
+// Thread and process rule: the activity thread.
+#pragma once
+
+#include "platform/Korm/Dir.h"
+#include "platform/Korm/Entity.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tessel {
+
+// The mode of a mount, parsed from its letters into bits.
+enum class MountFlag : std::uint32_t {
+  writable_ = 1,   // w
+  read_ = 2,       // r
+  create_ = 4,     // c: made when missing
+  immediate_ = 8,  // i: whole when the mount completes
+};
+
+struct MountFlags {
+  std::uint32_t bits = 0;
+
+  // Adds the letters' flags to those already there. Throws Korm::ParseException for a letter that is
+  // none, and leaves the flags as they were.
+  void parse(std::string_view letters);
+  [[nodiscard]] bool has(MountFlag flag) const noexcept {
+    return (bits & static_cast<std::uint32_t>(flag)) != 0;
+  }
+  friend bool operator==(const MountFlags&, const MountFlags&) noexcept = default;
+};
+
+// One path that a client needs.
+struct Mount {
+  std::string path;
+  std::string typeName;
+  MountFlags flags;
+  bool filter = false;  // whether only named attributes are mounted
+};
+
+enum class MountStatus : std::uint8_t { success_, failure_ };
+
+class EntityManager;
+
+// The mounts that a client declares before they are made, in the order of declaration.
+class MountGroup {
+ public:
+  void mountIs(Mount mount) { mounts_.push_back(std::move(mount)); }
+  [[nodiscard]] const std::vector<Mount>& mounts() const noexcept { return mounts_; }
+
+ private:
+  std::vector<Mount> mounts_;
+};
+
+// Makes an entity of one type under a name.
+using EntityFactory = std::function<Korm::Ptr<Korm::Entity>(const Korm::Name&)>;
+
+// The tree of entities. Paths are names joined with '/'; empty names are passed over, so that a path
+// with a trailing '/' is the path without it.
+class EntityManager final : public Korm::Entity {
+ public:
+  EntityManager() : root_{Korm::makePtr<Korm::Dir>()} {}
+
+  // The entity, or null.
+  [[nodiscard]] Korm::Ptr<Korm::Entity> entity(std::string_view path) const;
+  // The entity as a T; null when it is missing or of another type.
+  template <class T>
+  [[nodiscard]] Korm::Ptr<T> entity(std::string_view path) const {
+    return Korm::dynamicPtrCast<T>(entity(path));
+  }
+  // Places an entity, making the directories on the way. Throws Korm::RangeException when something
+  // on the way is no directory, or the path is empty.
+  void entityIs(std::string_view path, Korm::Ptr<Korm::Entity> entity);
+  // The entity removed, or null.
+  Korm::Ptr<Korm::Entity> entityDel(std::string_view path);
+  [[nodiscard]] Korm::Dir& root() const noexcept { return *root_; }
+
+  // Teaches the manager to create entities of a type for mounts that ask for it.
+  void typeIs(const std::string& typeName, EntityFactory factory);
+  template <class T>
+  void typeIs() {
+    typeIs(T::typeName, [](const Korm::Name& name) {
+      return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)};
+    });
+  }
+
+  // Makes the mounts of the group: creates what is missing where the mode says so. Success when every
+  // mounted path is then there with a type that the manager knows how to make, or that is not created
+  // by mounting.
+  MountStatus complete(const MountGroup& group);
+
+ private:
+  Korm::Ptr<Korm::Dir> root_;
+  std::map<std::string, EntityFactory> factories_;
+};
+
+}  // namespace Tessel
