@@ -46,7 +46,7 @@ concept Customized = requires(const T& value) {
 };
 
 template <class T>
-concept TextLike = std::is_convertible_v<const T&, std::string_view>;
+concept TextLike = std::is_convertible_v<const T&, std::string_view> && !std::is_null_pointer_v<T>;
 
 template <class T>
 concept ExplicitInteger = std::is_class_v<T> && requires(const T& value) {
@@ -61,9 +61,9 @@ concept Traceable = Customized<T> || std::is_arithmetic_v<T> || std::is_enum_v<T
 // must not depend on whether <ostream> has been included. A type that converts to char would match the
 // stream's own operators for characters.
 template <class T>
-concept Streamable = (std::is_class_v<T> || std::is_enum_v<T>)&&!TextLike<T> &&
-                     !std::is_convertible_v<const T&, char> &&
-                     requires(std::ostream & stream, const T& value) {
+concept Streamable =
+    !std::is_arithmetic_v<T> && !std::is_pointer_v<T> && !TextLike<T> &&
+    !std::is_convertible_v<const T&, char> && requires(std::ostream & stream, const T& value) {
   operator<<(stream, value);
 };
 

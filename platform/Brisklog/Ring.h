@@ -15,8 +15,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/Brisklog/RingLayout.h"
-
 namespace Brisklog {
 
 // A ring could not be made or attached; the message names it and says why.
@@ -26,7 +24,7 @@ class RingError : public std::runtime_error {
 };
 
 struct RingOptions {
-  std::string shmName;                       // empty: anonymous, seen by this process alone
+  std::string shmName{};                     // empty: anonymous, seen by this process alone
   std::size_t records = 16384;               // rounded up to a power of two, at least 64
   std::size_t dictionaryBytes = 256 * 1024;  // about 2000 trace points
 };

@@ -240,14 +240,10 @@ std::vector<DecodedRecord> RingReader::follow(RingCursor& cursor) {
         decoded.push_back(decode(raw));
         ++cursor.next;
       }
-    } else if (sequence == detail::sequenceWriting(cursor.next)) {
-      if (!abandoned(cursor.next)) {
-        break;
-      }
+    } else if (sequence == detail::sequenceWriting(cursor.next) ? abandoned(cursor.next)
+                                                                : head > cursor.next) {
+      // Never completed, or never used because its slot was still held by a suspended writer.
       ++cursor.lost;
-      ++cursor.next;
-    } else if (head > cursor.next) {
-      // A ticket that nobody used, because its slot was still held by a suspended writer.
       ++cursor.next;
     } else {
       break;

@@ -15,12 +15,13 @@
 #include <vector>
 
 #include "platform/Brisklog/Ring.h"
+#include "platform/Brisklog/RingLayout.h"
 
 namespace Brisklog {
 
 // A record in readable form.
 struct DecodedRecord {
-  std::uint64_t number = 0;  // position in the order of writing
+  std::uint64_t number = 0;  // position in the order of writing; some may be left unused
   double time = 0;  // seconds since 1970-01-01 00:00:00 UTC, or as the host's own clock had it
   int level = 0;
   std::string unit;
@@ -45,7 +46,9 @@ struct DecodedRecord {
 struct RingCursor {
   std::uint64_t instance = 0;  // the ring that `next` counts in
   std::uint64_t next = 0;
-  std::uint64_t lost = 0;  // records that were overwritten or abandoned before they could be read
+  // Records that were overwritten or abandoned before they could be read. Numbers that writers left unused
+  // because of a suspended one count too.
+  std::uint64_t lost = 0;
 };
 
 class RingReader {

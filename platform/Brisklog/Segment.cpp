@@ -89,6 +89,17 @@ File createOwned(const std::string& name, const std::string& path) {
   }
 }
 
+// Memory that is not there must be found out now and not by a signal in the middle of a trace.
+void allocate(const std::string& name, std::size_t bytes, const File& file) {
+  int error = EINTR;
+  while (error == EINTR) {
+    error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(bytes));
+  }
+  if (error != 0) {
+    fail(name, "memory cannot be allocated", error);
+  }
+}
+
 void* map(const std::string& name, std::size_t bytes, int protection, int flags, int file) {
   void* const address = ::mmap(nullptr, bytes, protection, flags, file, 0);
   if (address == MAP_FAILED) {
@@ -110,9 +121,7 @@ std::unique_ptr<Segment> Segment::createNamed(const std::string& name, std::size
   const std::string path = shmPath(name);
   File file = createOwned(name, path);
   try {
-    if (const int error = ::posix_fallocate(file.get(), 0, static_cast<off_t>(bytes)); error != 0) {
-      fail(name, "memory cannot be allocated", error);
-    }
+    allocate(name, bytes, file);
     void* const address =
         map(name, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, file.get());
     return std::unique_ptr<Segment>(new Segment(address, bytes, file.release()));

@@ -1,5 +1,6 @@
 #include "platform/Brisklog/TextTrace.h"
 
+#include <locale>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -45,6 +46,8 @@ std::string argumentText(const detail::TextArgument& argument) {
       break;
   }
   std::ostringstream stream;
+  // Whatever locale the host has chosen for its users, a trace reads the same everywhere.
+  stream.imbue(std::locale::classic());
   argument.print(stream, argument.value);
   return std::move(stream).str();
 }

@@ -12,7 +12,8 @@
 // writing into a named ring of its parent until it sets a ring of its own.
 // Ownership: handles and points are objects of static storage that live as long as the program traces. The
 // texts that they are given are not copied and must live as long: string literals.
-// Invariant: a call never throws and never changes what it is given.
+// Invariant: a call never throws and never changes what it is given. Where no ring was set and there is
+// no memory for one, the first call ends the process.
 #pragma once
 
 #include <array>
@@ -167,9 +168,10 @@ class TracePoint {
   template <class... Values>
   void record(Values... values) const noexcept {
     const detail::ClaimedRecord claimed = claim(detail::kindsOf<Values...>());
-    detail::Word* next = claimed.words + detail::payloadWord;
+    [[maybe_unused]] detail::Word* next = claimed.words + detail::payloadWord;
     // One word stays reserved for each argument still to come, so that a long text takes nobody's place.
-    const detail::Word* end = claimed.words + detail::recordWords - sizeof...(values);
+    [[maybe_unused]] const detail::Word* end =
+        claimed.words + detail::recordWords - sizeof...(values);
     ((next = detail::storeArgument(next, ++end, values)), ...);
     detail::storeShared(claimed.words[detail::sequenceWord], claimed.complete);
   }

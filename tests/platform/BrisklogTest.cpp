@@ -1,0 +1,620 @@
+// The trace: its text, its ring, and its readers in this and in other processes.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <ostream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Brisklog/Ring.h"
+#include "platform/Brisklog/RingReader.h"
+#include "platform/Brisklog/TextTrace.h"
+#include "platform/Brisklog/TracePoint.h"
+#include "platform/Korm/Clock.h"
+
+// A value type of some library: a number in the ring, a name in the text.
+namespace Shapes {
+enum class Color { red_, green_ };
+int printed = 0;
+std::ostream& operator<<(std::ostream& stream, Color color) {
+  ++printed;
+  return stream << (color == Color::red_ ? "red" : "green");
+}
+
+struct Label {
+  std::string name;
+};
+std::string_view brisklogArgument(const Label& label) { return label.name; }
+
+struct Port {
+  explicit operator std::uint64_t() const { return number; }
+  std::uint16_t number;
+};
+}  // namespace Shapes
+
+namespace {
+
+using namespace Brisklog;
+using Shapes::Color;
+using Strings = std::vector<std::string>;
+
+constinit TraceHandle handle{"Shapes"};
+constinit TracePoint plain{handle, 5, "Drawer::", "draw"};
+constinit TracePoint flowPoint{
+    handle, 5, "OstraSm::", "handleFlowConfigImpl", " insert flow:%s", "Ostra/OstraSm", 123};
+constinit TracePoint pairPoint{handle, 7, "Drawer::", "pair", " %s then %s"};
+constinit TracePoint countedPoint{handle, 7, "Writer::", "run", " %s %s %s"};
+
+double hostTime = 1;
+
+class BrisklogTest : public testing::Test {
+ protected:
+  BrisklogTest() { useRing({.records = 64}); }
+  ~BrisklogTest() override {
+    Korm::clockIs(nullptr);
+    handle.levelIs(-1);
+    textSinkIs(nullptr);
+    useRing({.records = 64});
+  }
+
+  static void useRing(const RingOptions& options) {
+    const auto previous = ringIs(Ring::create(options));
+  }
+
+  static void useHostClock(double time) {
+    hostTime = time;
+    Korm::clockIs([] { return hostTime; });
+  }
+
+  // What the sink is given from now on.
+  void collectText(int level) {
+    handle.levelIs(level);
+    textSinkIs([this](const TextMessage& message) { texts_.emplace_back(message.text); });
+  }
+
+  static DecodedRecord last() {
+    const auto records = RingReader::attach(ring()).newest(1);
+    return records.empty() ? DecodedRecord{} : records.front();
+  }
+
+  static std::string shmName(const std::string& tag = "") {
+    return "/brisklog-test-" + std::to_string(::getpid()) + tag;
+  }
+
+  Strings texts_;
+};
+
+TEST_F(BrisklogTest, TextAndRingSayTheSame) {
+  collectText(7);
+  const char* const nothing = nullptr;
+  plain();
+  pairPoint(true, false);
+  pairPoint(std::int8_t{-128}, ~std::uint64_t{0});
+  pairPoint(0.1, 1e300);
+  pairPoint(2.0F, -0.0);
+  pairPoint("100%s sure", std::string("%s"));
+  pairPoint(nothing, std::string_view());
+  pairPoint(Shapes::Label{"x"}, Shapes::Port{65535});
+  pairPoint(Bytes{"\x00\x7f\xff", 3}, Bytes{});
+  plain(1, "two");
+  pairPoint("alone");
+  countedPoint(1, 2, 3, 4, 5, 6, 7, 8);
+
+  const Strings expected{"Drawer::draw",
+                         "Drawer::pair true then false",
+                         "Drawer::pair -128 then 18446744073709551615",
+                         "Drawer::pair 0.1 then 1e+300",
+                         "Drawer::pair 2 then -0",
+                         "Drawer::pair 100%s sure then %s",
+                         "Drawer::pair (null) then ",
+                         "Drawer::pair x then 65535",
+                         "Drawer::pair 007fff then ",
+                         "Drawer::draw 1 two",
+                         "Drawer::pair alone then %s",
+                         "Writer::run 1 2 3 4 5 6 7 8"};
+  EXPECT_EQ(texts_, expected);
+  Strings decoded;
+  for (const DecodedRecord& record : RingReader::attach(ring()).newest(64)) {
+    decoded.push_back(record.text());
+  }
+  EXPECT_EQ(decoded, expected);
+}
+
+TEST_F(BrisklogTest, LevelOfTheHandleDecidesAboutTextAndNeverAboutTheRing) {
+  collectText(-1);
+  Shapes::printed = 0;
+  static constinit TracePoint failure{handle, 0, "Drawer::", "fail", " %s"};
+  for (const int level : {-1, 0, 4, 5}) {
+    handle.levelIs(level);
+    failure(Color::green_);
+    plain(level);
+    pairPoint(Color::red_, level);
+  }
+  EXPECT_EQ(texts_, (Strings{"Drawer::fail green", "Drawer::fail green", "Drawer::fail green",
+                             "Drawer::draw 5"}));
+  EXPECT_EQ(Shapes::printed, 3) << "values are formatted only when their text is wanted";
+
+  const auto records = RingReader::attach(ring()).newest(64);
+  ASSERT_EQ(records.size(), 12U);
+  EXPECT_EQ(records[0].arguments, Strings{"1"}) << "an enumeration is its integer in the ring";
+  EXPECT_EQ(records[11].text(), "Drawer::pair 0 then 5");
+}
+
+TEST_F(BrisklogTest, SinkLearnsWhereTheMessageComesFrom) {
+  handle.levelIs(7);
+  Strings seen;
+  textSinkIs([&](const TextMessage& message) {
+    seen.push_back(std::string(message.handle) + '|' + std::to_string(message.level) + '|' +
+                   std::string(message.unit) + ':' + std::to_string(message.line) + '|' +
+                   std::string(message.function));
+    plain("from the sink");
+  });
+  flowPoint("flow-1");
+  static constinit TracePoint here{handle, 0, "", "here"};
+  constexpr int hereLine = __LINE__ - 1;
+  here();
+  textSinkIs(nullptr);
+  here();
+  EXPECT_EQ(seen,
+            (Strings{"Shapes|5|Ostra/OstraSm:123|handleFlowConfigImpl",
+                     "Shapes|0|platform/BrisklogTest:" + std::to_string(hereLine) + "|here"}));
+
+  const auto records = RingReader::attach(ring()).newest(64);
+  ASSERT_EQ(records.size(), 5U)
+      << "what a sink traces is recorded, and is not sent to the sink again";
+  EXPECT_EQ(records[1].text(), "Drawer::draw from the sink");
+}
+
+TEST_F(BrisklogTest, HostsOwnClockIsRecordedExactly) {
+  for (const double time : {0.1, 1.0, -3.5, 1e300, 1700000000.123456789}) {
+    useHostClock(time);
+    plain();
+    EXPECT_EQ(last().time, time);
+  }
+  useHostClock(1);
+  flowPoint("flow-1");
+  EXPECT_EQ(last().printedLine(),
+            "1.000000 5 Ostra/OstraSm:123 OstraSm::handleFlowConfigImpl insert flow:flow-1");
+  plain("a\nb\x1b");
+  EXPECT_TRUE(last().printedLine().ends_with(" Drawer::draw a\\x0ab\\x1b"));
+}
+
+TEST_F(BrisklogTest, SystemClockIsRecordedAsItRuns) {
+  for (int i = 0; i < 20; ++i) {
+    const double before = Korm::currentTime();
+    plain();
+    const double after = Korm::currentTime();
+    const double recorded = last().time;
+    EXPECT_GE(recorded, before - 1e-3);
+    EXPECT_LE(recorded, after + 1e-3);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
+TEST_F(BrisklogTest, LongTextIsCutWithAMarkAndTakesNobodysPlace) {
+  const std::string longText = "0123456789" + std::string(300, 'x');
+  plain(longText);
+  EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103) + "..."});
+  plain(longText.substr(0, 103));
+  EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103)}) << "fits to the byte";
+
+  countedPoint(1, longText, -1.5, longText, true, Bytes{longText.data(), 100});
+  EXPECT_EQ(last().arguments,
+            (Strings{"1", longText.substr(0, 8 * 8 - 1) + "...", "-1.5",
+                     longText.substr(0, 7) + "...", "true", "30313233343536..."}));
+  countedPoint(longText, longText, longText, longText, longText, longText, longText, longText);
+  const auto all = last().arguments;
+  ASSERT_EQ(all.size(), 8U);
+  EXPECT_EQ(all.back(), "0123456...");
+
+  collectText(7);
+  plain(longText);
+  EXPECT_EQ(texts_, Strings{"Drawer::draw " + longText}) << "the text trace is never cut";
+}
+
+TEST_F(BrisklogTest, FullDictionaryCostsTheDescriptionAndNotTheRecord) {
+  useRing({.records = 64, .dictionaryBytes = 128});
+  plain(1);
+  flowPoint("unknown");
+  plain(2);
+  const auto records = RingReader::attach(ring()).newest(64);
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_EQ(records[0].text(), "Drawer::draw 1");
+  EXPECT_FALSE(records[1].described);
+  EXPECT_EQ(records[1].text(), "? unknown");
+  EXPECT_EQ(records[2].text(), "Drawer::draw 2");
+}
+
+TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
+  RingReader reader = RingReader::attach(ring());
+  RingCursor cursor;
+  EXPECT_TRUE(reader.newest(10).empty());
+  EXPECT_TRUE(reader.follow(cursor).empty());
+  for (int i = 0; i < 50; ++i) {
+    plain(i);
+  }
+  EXPECT_EQ(reader.follow(cursor).size(), 50U);
+  EXPECT_TRUE(reader.follow(cursor).empty());
+  EXPECT_EQ(cursor.lost, 0U);
+  for (int i = 50; i < 200; ++i) {
+    plain(i);
+  }
+  const auto rest = reader.follow(cursor);
+  ASSERT_EQ(rest.size(), 64U);
+  EXPECT_EQ(rest.front().text(), "Drawer::draw 136");
+  EXPECT_EQ(rest.back().text(), "Drawer::draw 199");
+  EXPECT_EQ(cursor.lost, 136U - 50U);
+
+  const auto newest = reader.newest(3);
+  ASSERT_EQ(newest.size(), 3U);
+  EXPECT_EQ(newest.front().text(), "Drawer::draw 197");
+  EXPECT_EQ(newest.back().number, 199U);
+}
+
+TEST_F(BrisklogTest, SwitchingTheRingTakesTheTracePointsAlong) {
+  plain("first");
+  auto second = Ring::create({.records = 100});
+  EXPECT_EQ(second->records(), 128U);
+  const auto first = ringIs(std::move(second));
+  plain("second");
+  flowPoint("flow-2");
+  auto back = ringIs(nullptr);
+  plain("made on first use");
+  EXPECT_EQ(ring().records(), RingOptions{}.records);
+  EXPECT_EQ(last().text(), "Drawer::draw made on first use");
+  EXPECT_EQ(RingReader::attach(*first).newest(9).size(), 1U);
+  EXPECT_EQ(RingReader::attach(*back).newest(9).back().text(),
+            "OstraSm::handleFlowConfigImpl insert flow:flow-2");
+
+  const auto made = ringIs(std::move(back));
+  plain("third");
+  EXPECT_EQ(last().text(), "Drawer::draw third");
+}
+
+// Writes records whose parts must agree with each other; `text` makes some short and some long.
+std::string textFor(std::uint64_t i) { return std::to_string(i) + std::string(i % 90, '.'); }
+
+void writeCounted(std::uint64_t from, std::uint64_t end) {
+  for (std::uint64_t i = from; i < end; ++i) {
+    countedPoint(i, textFor(i), ~i);
+  }
+}
+
+void expectWhole(const DecodedRecord& record) {
+  ASSERT_TRUE(record.described);
+  ASSERT_EQ(record.arguments.size(), 3U) << record.printedLine();
+  const std::uint64_t i = std::stoull(record.arguments[0]);
+  const std::string& text = record.arguments[1];
+  EXPECT_EQ(record.arguments[2], std::to_string(~i));
+  EXPECT_EQ(record.function, "run");
+  EXPECT_EQ(text, text.ends_with("...") && text.size() == 90 ? textFor(i).substr(0, 87) + "..."
+                                                             : textFor(i));
+}
+
+TEST_F(BrisklogTest, ConcurrentWritersAndAReaderNeverShowATornRecord) {
+  constexpr std::uint64_t perThread = 40'000;
+  constexpr std::uint64_t threads = 3;
+  RingReader reader = RingReader::attach(ring());
+  RingCursor cursor;
+  ASSERT_TRUE(reader.follow(cursor).empty());
+  std::atomic<std::uint64_t> running = threads;
+  std::vector<std::thread> writers;
+  for (std::uint64_t t = 0; t < threads; ++t) {
+    writers.emplace_back([&, t] {
+      writeCounted(t << 32, (t << 32) + perThread);
+      --running;
+    });
+  }
+  std::map<std::uint64_t, std::uint64_t> next;  // by thread
+  std::uint64_t seen = 0;
+  for (bool done = false; !done;) {
+    done = running == 0;
+    for (const DecodedRecord& record : reader.follow(cursor)) {
+      ASSERT_NO_FATAL_FAILURE(expectWhole(record));
+      const std::uint64_t i = std::stoull(record.arguments[0]);
+      ASSERT_GE(i, next[i >> 32]) << "a thread's records keep their order";
+      next[i >> 32] = i + 1;
+      ++seen;
+    }
+    for (const DecodedRecord& record : reader.newest(64)) {
+      ASSERT_NO_FATAL_FAILURE(expectWhole(record));
+    }
+  }
+  for (std::thread& writer : writers) {
+    writer.join();
+  }
+  EXPECT_GE(seen, 64U);
+  EXPECT_GE(seen + cursor.lost, threads * perThread);
+  EXPECT_EQ(reader.newest(64).size(), 64U);
+}
+
+// The clock is read in the middle of a record, which lets a test stop a writer there.
+std::atomic<int> inClock = 0;
+thread_local bool stopsInClock = false;
+
+double stoppingClock() {
+  if (stopsInClock) {
+    inClock = 1;
+    inClock.notify_all();
+    inClock.wait(1);
+  }
+  return 1;
+}
+
+TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
+  Korm::clockIs(stoppingClock);
+  inClock = 0;
+  RingReader reader = RingReader::attach(ring());
+  RingCursor cursor;
+  plain("before");
+  std::thread suspended([] {
+    stopsInClock = true;
+    plain("suspended");
+  });
+  inClock.wait(0);
+
+  plain("after");
+  EXPECT_EQ(reader.follow(cursor).size(), 1U) << "it may be complete in an instant";
+  EXPECT_EQ(reader.newest(9).size(), 2U);
+  writeCounted(0, 40);
+  EXPECT_EQ(reader.follow(cursor).size(), 41U) << "half a ring is long enough to wait";
+  EXPECT_EQ(cursor.lost, 1U);
+  writeCounted(40, 300);
+  EXPECT_EQ(reader.newest(64).size(), 63U) << "the others leave it its slot";
+  cursor = {};
+  EXPECT_EQ(reader.follow(cursor).size(), 63U);
+
+  inClock = 2;
+  inClock.notify_all();
+  suspended.join();
+  const auto all = reader.newest(64);
+  ASSERT_EQ(all.size(), 64U);
+  EXPECT_EQ(all.front().text(), "Drawer::draw suspended");
+  for (std::size_t i = 1; i < all.size(); ++i) {
+    expectWhole(all[i]);
+  }
+  RingCursor late;
+  EXPECT_EQ(reader.follow(late).size(), 63U) << "it belongs to a round that is long over";
+  EXPECT_EQ(late.lost, 1U);
+  writeCounted(300, 400);
+  EXPECT_EQ(reader.follow(late).size(), 64U);
+  EXPECT_EQ(late.lost, 1 + 100U - 64U);
+}
+
+// A process that does one thing and then ends or is killed.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& work) : process_(::fork()) {
+    if (process_ == 0) {
+      work();
+      ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+  }
+  ~Child() { kill(); }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  void kill() {
+    if (process_ > 0) {
+      ::kill(process_, SIGKILL);
+      end();
+    }
+  }
+
+  // The wait status of waitpid.
+  int end() {
+    int status = -1;
+    ::waitpid(std::exchange(process_, -1), &status, 0);
+    return status;
+  }
+
+  [[nodiscard]] pid_t process() const { return process_; }
+
+ private:
+  pid_t process_;
+};
+
+// Waits for the owner to have come so far.
+RingReader attachSoon(const std::string& name) {
+  for (int attempt = 0;; ++attempt) {
+    try {
+      return RingReader::attach(name);
+    } catch (const RingError&) {
+      if (attempt == 5000) {
+        throw;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+}
+
+std::string attachError(const std::string& name) {
+  try {
+    const RingReader reader = RingReader::attach(name);
+    return "";
+  } catch (const RingError& error) {
+    return error.what();
+  }
+}
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != text.npos;
+}
+
+TEST_F(BrisklogTest, AnotherProcessDecodesWhileTheOwnerWrites) {
+  const std::string name = shmName();
+  useRing({.shmName = name, .records = 256});
+  Child child([&] {
+    RingReader reader = RingReader::attach(name);
+    EXPECT_EQ(reader.ownerProcess(), ::getppid());
+    RingCursor cursor;
+    for (std::uint64_t last = 0; last != 99;) {
+      for (const DecodedRecord& record : reader.follow(cursor)) {
+        ASSERT_NO_FATAL_FAILURE(expectWhole(record));
+        EXPECT_EQ(record.handle, "Shapes");
+        EXPECT_EQ(record.unit, "platform/BrisklogTest");
+        EXPECT_EQ(record.level, 7);
+        EXPECT_EQ(record.line, countedPoint.line());
+        EXPECT_LT(std::abs(record.time - Korm::currentTime()), 60);
+        last = std::stoull(record.arguments[0]);
+      }
+    }
+    EXPECT_EQ(reader.owner(), RingReader::Owner::alive_);
+  });
+  for (int round = 0; round < 20; ++round) {
+    writeCounted(1000, 2000);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  writeCounted(99, 100);
+  EXPECT_EQ(child.end(), 0);
+}
+
+TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
+  const std::string name = shmName();
+  std::minstd_rand random(1);
+  for (int round = 0; round < 60; ++round) {
+    Child owner([&] {
+      useRing({.shmName = name, .records = 64});
+      std::thread other([] { writeCounted(std::uint64_t{1} << 32, ~std::uint64_t{0}); });
+      writeCounted(0, ~std::uint64_t{0});
+    });
+    RingReader reader = attachSoon(name);
+    while (reader.ownerProcess() != owner.process()) {
+      reader = attachSoon(name);
+    }
+    RingCursor cursor;
+    static_cast<void>(reader.follow(cursor));
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+    owner.kill();
+
+    EXPECT_EQ(reader.owner(), RingReader::Owner::gone_);
+    const auto newest = reader.newest(64);
+    for (const DecodedRecord& record : newest) {
+      ASSERT_NO_FATAL_FAILURE(expectWhole(record));
+    }
+    std::uint64_t followed = 0;
+    for (const DecodedRecord& record : reader.follow(cursor)) {
+      ASSERT_NO_FATAL_FAILURE(expectWhole(record));
+      followed = record.number;
+    }
+    if (!newest.empty() && followed != 0) {
+      EXPECT_EQ(followed, newest.back().number) << "a dead writer holds nothing back";
+    }
+  }
+  useRing({.shmName = name});
+}
+
+TEST_F(BrisklogTest, OwnerKilledInsideARecordNeverShowsIt) {
+  const std::string name = shmName();
+  Child owner([&] {
+    useRing({.shmName = name, .records = 64});
+    useHostClock(5);
+    plain("whole");
+    Korm::clockIs([] {
+      ::kill(::getpid(), SIGKILL);
+      return 5.0;
+    });
+    plain("half");
+  });
+  RingReader reader = attachSoon(name);
+  owner.end();
+  RingCursor cursor;
+  const auto records = reader.follow(cursor);
+  ASSERT_EQ(records.size(), 1U);
+  EXPECT_EQ(
+      records.front().printedLine(),
+      "5.000000 5 platform/BrisklogTest:" + std::to_string(plain.line()) + " Drawer::draw whole");
+  EXPECT_EQ(cursor.lost, 1U);
+  EXPECT_EQ(reader.newest(9).size(), 1U);
+  useRing({.shmName = name});
+}
+
+TEST_F(BrisklogTest, RestartedOwnerReplacesTheSegmentAndReadersCanTell) {
+  const std::string name = shmName();
+  Child first([&] {
+    useRing({.shmName = name, .records = 64});
+    plain("of the first");
+    ::pause();
+  });
+  RingReader reader = attachSoon(name);
+  RingCursor cursor;
+  while (reader.follow(cursor).empty()) {
+    std::this_thread::yield();
+  }
+  EXPECT_THROW(static_cast<void>(Ring::create({.shmName = name})), RingError)
+      << "a ring that is in use is nobody else's";
+  first.kill();
+  EXPECT_EQ(reader.owner(), RingReader::Owner::gone_);
+
+  useRing({.shmName = name});
+  plain("of the second");
+  EXPECT_EQ(reader.owner(), RingReader::Owner::replaced_);
+  EXPECT_EQ(reader.newest(9).back().text(), "Drawer::draw of the first");
+
+  reader = RingReader::attach(name);
+  EXPECT_EQ(reader.owner(), RingReader::Owner::alive_);
+  const auto records = reader.follow(cursor);
+  ASSERT_EQ(records.size(), 1U) << "a cursor of the old ring starts over";
+  EXPECT_EQ(records.front().text(), "Drawer::draw of the second");
+
+  useRing({});
+  EXPECT_EQ(reader.owner(), RingReader::Owner::gone_);
+  EXPECT_TRUE(contains(attachError(name), name)) << "a clean end removes the name";
+}
+
+TEST_F(BrisklogTest, NameGoesWithItsOwnerAndNotWithAForkedChild) {
+  const std::string name = shmName();
+  Child owner([&] {
+    useRing({.shmName = name});
+    Child([] { std::exit(0); }).end();
+    EXPECT_EQ(attachError(name), "");
+    std::exit(testing::Test::HasFailure() ? 1 : 0);
+  });
+  EXPECT_EQ(owner.end(), 0);
+  EXPECT_NE(attachError(name), "");
+}
+
+TEST_F(BrisklogTest, WhatIsNotARingOfThisLayoutIsRefused) {
+  const std::string name = shmName();
+  EXPECT_TRUE(contains(attachError(name), "No such file"));
+  EXPECT_NE(attachError(""), "");
+
+  const auto ringOfThatName = Ring::create({.shmName = name, .records = 64});
+  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
+  ASSERT_GE(file, 0);
+  const auto errorWith = [&](std::size_t word, std::uint64_t value) {
+    const auto offset = static_cast<off_t>(word * sizeof value);
+    std::uint64_t old = 0;
+    EXPECT_EQ(::pread(file, &old, sizeof old, offset), 8);
+    EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), 8);
+    std::string error = attachError(name);
+    EXPECT_EQ(::pwrite(file, &old, sizeof old, offset), 8);
+    return error;
+  };
+  EXPECT_TRUE(contains(errorWith(detail::magicWord, 0), "not ready"));
+  EXPECT_TRUE(contains(errorWith(detail::magicWord, 42), "not a trace ring"));
+  EXPECT_TRUE(contains(errorWith(detail::layoutWord, 42), "layout"));
+  for (const std::uint64_t records : {0UL, 63UL, 1UL << 20, 1UL << 63}) {
+    EXPECT_TRUE(contains(errorWith(detail::recordCountWord, records), "shorter")) << records;
+  }
+  EXPECT_EQ(attachError(name), "");
+  EXPECT_EQ(::ftruncate(file, 100), 0);
+  EXPECT_TRUE(contains(attachError(name), "too short"));
+  ::close(file);
+}
+
+}  // namespace
