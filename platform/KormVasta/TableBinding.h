@@ -35,18 +35,18 @@ class TableOwner {
 // the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the segment
 // named after its place. It turns quiet when the activity has nothing else to do.
 template <Vasta::Record R>
-class TableBinding final : private Vasta::TableWriter::Listener {
+class TableBinding final : private Vasta::TableObserver<R> {
  public:
   using Key = typename R::Key;
   using Table = Vasta::Table<R>;
 
   TableBinding(std::string name, TableOwner<Key>& owner)
       : name_{std::move(name)}, owner_{owner}, table_{makeTable(name_, {})} {
-    table_->listenerIs(this);
+    table_->observerIs(this);
   }
   TableBinding(const TableBinding&) = delete;
   TableBinding& operator=(const TableBinding&) = delete;
-  ~TableBinding() { table_->listenerIs(nullptr); }
+  ~TableBinding() { table_->observerIs(nullptr); }
 
   [[nodiscard]] Table& table() noexcept { return *table_; }
   [[nodiscard]] const Table& table() const noexcept { return *table_; }
@@ -90,15 +90,13 @@ class TableBinding final : private Vasta::TableWriter::Listener {
       named->is(*record);
     }
     named->mountStateIs(table_->mountState());
-    table_->listenerIs(nullptr);
+    table_->observerIs(nullptr);
     table_ = std::move(named);
-    table_->listenerIs(this);
+    table_->observerIs(this);
     table_->corruptionHandlerIs(corruptionHandler_);
   }
 
-  void recordChanged(const void* key) override {
-    owner_.tableNotify(*static_cast<const Key*>(key));
-  }
+  void recordChanged(const Key& key) override { owner_.tableNotify(key); }
   void quiescedChanged(bool quiesced) override {
     if (!quiesced) {
       Korm::activity().defer([this, alive = std::weak_ptr<void>{alive_}] {

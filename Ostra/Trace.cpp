@@ -1,0 +1,7 @@
+#include "Ostra/Trace.h"
+
+namespace Ostra {
+
+constinit Brisklog::TraceHandle traceHandle{"Ostra"};
+
+}  // namespace Ostra
