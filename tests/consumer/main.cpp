@@ -1,3 +1,4 @@
-#include "platform/Korm/Clock.h"
+#include "Ostra/FlowUtil.h"
+#include "Ostra/Ostra.h"
 
-int main() { return Korm::currentTime() > 0 ? 0 : 1; }
+int main() { return Ostra::flowIdFromName(Ostra::buildFlowName(42)) == 42 ? 0 : 1; }
