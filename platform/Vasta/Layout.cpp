@@ -11,6 +11,10 @@ namespace {
 
 constexpr std::uint32_t cacheLineWords = 8;
 
+constexpr std::uint32_t wholeCacheLines(std::uint32_t words) {
+  return (words + cacheLineWords - 1) / cacheLineWords * cacheLineWords;
+}
+
 // FNV-1a: independent of the framework's hash, which is one of the things to be checked.
 class Fingerprint {
  public:
@@ -44,7 +48,8 @@ RowGeometry::RowGeometry(std::uint32_t recordBytes, std::uint32_t keyStart,
       keySize{keyBytes},
       recordWords{static_cast<std::uint32_t>((recordBytes + wordSize - 1) / wordSize)},
       cellWords{recordWords + 3},
-      rowWords{(1 + 2 * cellWords + cacheLineWords - 1) / cacheLineWords * cacheLineWords} {}
+      secondCell{wholeCacheLines(1 + cellWords)},
+      rowWords{secondCell + wholeCacheLines(cellWords)} {}
 
 std::uint64_t layoutHash(const RecordLayout& layout) {
   const RowGeometry geometry{layout.recordSize, layout.keyOffset, layout.keySize};

@@ -87,7 +87,8 @@ struct RowGeometry {
   std::uint32_t keySize;      // bytes
   std::uint32_t recordWords;  // the last one filled up with zeros
   std::uint32_t cellWords;
-  std::uint32_t rowWords;  // a whole number of cache lines
+  std::uint32_t secondCell;  // words from the start of the row; begins a cache line
+  std::uint32_t rowWords;    // a whole number of cache lines
 
   [[nodiscard]] std::size_t liveWord() const noexcept { return recordWords; }
   [[nodiscard]] std::size_t sequenceWord() const noexcept { return recordWords + 1; }
@@ -106,7 +107,7 @@ struct RowGeometry {
 
 [[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,
                                                  const RowGeometry& geometry) noexcept {
-  return row + 1 + ((version & 1U) != 0 ? geometry.cellWords : 0);
+  return row + ((version & 1U) != 0 ? geometry.secondCell : 1);
 }
 
 // Differs between two programs that would not read the same thing from the same bytes.

@@ -17,7 +17,7 @@ std::shared_ptr<Segment> NamedSegments::rows() {
   return Segment::open(names_.rows(), Segment::Access::readOnly_, rowsReservation, shmName_);
 }
 
-std::shared_ptr<Segment> NamedSegments::index(std::uint64_t generation) {
+std::shared_ptr<Segment> NamedSegments::index(std::uint64_t& generation) {
   std::shared_ptr<Segment> segment =
       Segment::open(names_.index(generation), Segment::Access::readOnly_, 0, shmName_);
   // The writer takes a replaced index apart once it holds the lock alone: whoever gets a share of the
@@ -32,9 +32,10 @@ LocalSegments::LocalSegments(std::string table, std::shared_ptr<Segment> header,
                              std::shared_ptr<Segment> rows)
     : table_{std::move(table)}, header_{std::move(header)}, rows_{std::move(rows)} {}
 
-std::shared_ptr<Segment> LocalSegments::index(std::uint64_t generation) {
+std::shared_ptr<Segment> LocalSegments::index(std::uint64_t& generation) {
   const std::scoped_lock lock{mutex_};
-  return generation == generation_ ? index_ : nullptr;
+  generation = generation_;
+  return index_;
 }
 
 void LocalSegments::indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment) {

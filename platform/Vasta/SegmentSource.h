@@ -22,9 +22,9 @@ class SegmentSource {
   // Null when there is no such segment. May throw std::system_error.
   [[nodiscard]] virtual std::shared_ptr<Segment> header() = 0;
   [[nodiscard]] virtual std::shared_ptr<Segment> rows() = 0;
-  // Null also when this generation was replaced meanwhile. The writer leaves the segment alone for as
-  // long as the pointer is held.
-  [[nodiscard]] virtual std::shared_ptr<Segment> index(std::uint64_t generation) = 0;
+  // The index of this generation, or a later one, which `generation` becomes; null when it was replaced
+  // meanwhile. The writer leaves the segment alone for as long as the pointer is held.
+  [[nodiscard]] virtual std::shared_ptr<Segment> index(std::uint64_t& generation) = 0;
 };
 
 // Opens the segments read-only by their names.
@@ -34,7 +34,7 @@ class NamedSegments : public SegmentSource {
   [[nodiscard]] const std::string& name() const noexcept override { return shmName_; }
   [[nodiscard]] std::shared_ptr<Segment> header() override;
   [[nodiscard]] std::shared_ptr<Segment> rows() override;
-  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t generation) override;
+  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
 
  private:
   const std::string shmName_;
@@ -48,7 +48,7 @@ class LocalSegments : public SegmentSource {
   [[nodiscard]] const std::string& name() const noexcept override { return table_; }
   [[nodiscard]] std::shared_ptr<Segment> header() override { return header_; }
   [[nodiscard]] std::shared_ptr<Segment> rows() override { return rows_; }
-  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t generation) override;
+  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
 
   // From now on `segment` is the index; the previous one is handed out no more.
   void indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment);

@@ -1,0 +1,712 @@
+#include <sys/resource.h>
+
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <system_error>
+#include <thread>
+#include <unordered_map>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "VastaTestRecords.h"
+#include "platform/Vasta/Crc32c.h"
+
+namespace VastaTest {
+namespace {
+
+using Vasta::AttachError;
+using Vasta::AttachFailure;
+using Vasta::Corruption;
+using Vasta::Hint;
+using Vasta::Reader;
+using Vasta::Table;
+
+constexpr std::size_t pageSize = 4096;
+
+template <class R>
+std::string violation(const Table<R>& table) {
+  return table.verify().value_or("none");
+}
+
+void fill(Table<Route>& table, std::uint64_t count, std::uint64_t version = 1) {
+  for (std::uint64_t prefix = 0; prefix < count; ++prefix) {
+    table.is(Route::of(prefix, version));
+  }
+}
+
+TEST(VastaChecksum, AgreesWithPublishedSumsInEveryImplementation) {
+  std::vector<Vasta::Crc32cFunction> functions{&Vasta::crc32cByTable};
+  if (Vasta::crc32cInstruction() != nullptr) {
+    functions.push_back(Vasta::crc32cInstruction());
+  }
+  std::array<std::uint8_t, 32> rising{};
+  for (std::size_t i = 0; i < rising.size(); ++i) {
+    rising[i] = static_cast<std::uint8_t>(i);
+  }
+  const std::vector<std::uint8_t> zeros(32, 0);
+  const std::vector<std::uint8_t> ones(32, 0xFF);
+  for (const auto function : functions) {
+    EXPECT_EQ(function("123456789", 9, 0), 0xE3069283U);
+    // RFC 3720, appendix B.4.
+    EXPECT_EQ(function(zeros.data(), 32, 0), 0x8A9136AAU);
+    EXPECT_EQ(function(ones.data(), 32, 0), 0x62A8AB43U);
+    EXPECT_EQ(function(rising.data(), 32, 0), 0x46DD794EU);
+  }
+  std::vector<std::uint8_t> noise(6000);
+  std::mt19937 random{7};
+  std::generate(noise.begin(), noise.end(), [&] { return static_cast<std::uint8_t>(random()); });
+  for (std::size_t size = 0; size + 8 < noise.size(); size += size < 700 ? 1 : 97) {
+    const std::uint8_t* data = noise.data() + size % 8;
+    const std::uint32_t sum = Vasta::crc32cByTable(data, size, 0);
+    ASSERT_EQ(Vasta::crc32c(data, size), sum) << size;
+    ASSERT_EQ(Vasta::crc32c(data + size / 3, size - size / 3, Vasta::crc32c(data, size / 3)), sum);
+  }
+}
+
+// Random changes, compared with a map; few keys make for churn, many for growth.
+template <class R, class Make>
+void behaveLikeAMap(Table<R>& table, std::size_t steps, std::uint64_t keys, Make make) {
+  std::map<std::uint64_t, R> model;
+  std::mt19937_64 random{keys};
+  for (std::size_t step = 0; step < steps; ++step) {
+    const std::uint64_t number = random() % keys;
+    const R record = make(number, random());
+    switch (random() % 8) {
+      case 0:
+      case 1:
+        ASSERT_EQ(table.del(record.key(), nullptr), model.erase(number) == 1);
+        break;
+      case 2: {
+        R* staging = table.edit(record.key());
+        ASSERT_EQ(staging != nullptr, model.contains(number));
+        if (staging != nullptr) {
+          ASSERT_EQ(std::memcmp(staging, &model.at(number), sizeof(R)), 0);
+          *staging = record;
+          ASSERT_TRUE(table.commit(staging));
+          model.at(number) = record;
+        }
+        break;
+      }
+      default:
+        table.is(record);
+        model.insert_or_assign(number, record);
+    }
+    if (step % (steps / 8) == 0) {
+      ASSERT_EQ(violation(table), "none");
+    }
+  }
+  ASSERT_EQ(violation(table), "none");
+  ASSERT_EQ(table.size(), model.size());
+  for (std::uint64_t number = 0; number < keys; ++number) {
+    const R* found = table.find(make(number, 0).key());
+    ASSERT_EQ(found != nullptr, model.contains(number)) << number;
+    if (found != nullptr) {
+      ASSERT_EQ(std::memcmp(found, &model.at(number), sizeof(R)), 0) << number;
+    }
+  }
+  table.delAll();
+  EXPECT_EQ(table.size(), 0U);
+  EXPECT_EQ(violation(table), "none");
+}
+
+TEST(Vasta, BehavesLikeAMapThroughGrowthAndChurn) {
+  constexpr std::size_t steps = threadSanitized ? 40'000 : 200'000;
+  for (const std::uint64_t keys : {std::uint64_t{5}, std::uint64_t{700}, std::uint64_t{60'000}}) {
+    Table<Route> routes{{.name = "routes", .shmName = {}}};
+    behaveLikeAMap(routes, steps, keys, &Route::of);
+    Table<Label> labels{{.name = "labels", .shmName = {}}};
+    behaveLikeAMap(labels, steps / 4, keys, [](std::uint64_t number, std::uint64_t content) {
+      Label label;
+      std::memcpy(label.name.label.data(), &number, 7);
+      std::memcpy(label.before.data(), &content, 3);
+      std::memcpy(label.after.data(), &content, 8);
+      return label;
+    });
+  }
+  Table<Crowded> crowded{{.name = "crowded", .shmName = {}}};
+  behaveLikeAMap(crowded, 4'000, 300, [](std::uint64_t number, std::uint64_t content) {
+    return Crowded{{number}, content};
+  });
+}
+
+TEST(Vasta, AFoundRecordStaysAsItIsUntilItsSecondNextChange) {
+  Table<Route> table{{.name = "routes", .shmName = {}}};
+  table.is(Route::of(1, 1));
+  const Route* first = table.find(1);
+  ASSERT_EQ(*first, Route::of(1, 1));
+  for (std::uint64_t prefix = 2; prefix < 5'000; ++prefix) {
+    table.is(Route::of(prefix, 1));
+  }
+  EXPECT_EQ(*first, Route::of(1, 1)) << "growth moves no row";
+  table.is(Route::of(1, 2));
+  EXPECT_EQ(*first, Route::of(1, 1));
+  EXPECT_EQ(*table.find(1), Route::of(1, 2));
+  table.is(*table.find(1));
+  EXPECT_EQ(*table.find(1), Route::of(1, 2)) << "a record may be written back from its own place";
+  const Route* removed = table.find(2);
+  EXPECT_TRUE(table.del(removed->key(), nullptr)) << "nor is the key copied before it goes";
+  EXPECT_EQ(*removed, Route::of(2, 1));
+}
+
+TEST(Vasta, AnEditShowsOnlyOnceItIsCommitted) {
+  Table<Route> table{{.name = "routes", .shmName = {}}};
+  EXPECT_EQ(table.edit(1), nullptr);
+  table.is(Route::of(1, 1));
+  Route* staging = table.edit(1);
+  ASSERT_NE(staging, nullptr);
+  *staging = Route::of(1, 2);
+  EXPECT_EQ(*table.find(1), Route::of(1, 1));
+  EXPECT_TRUE(table.commit(staging));
+  EXPECT_EQ(*table.find(1), Route::of(1, 2));
+
+  staging = table.edit(1);
+  const auto removed = table.del(1);
+  ASSERT_TRUE(removed.has_value());
+  EXPECT_EQ(*removed, Route::of(1, 2));
+  table.is(Route::of(7, 1));
+  EXPECT_FALSE(table.commit(staging)) << "a record that has gone does not come back";
+  EXPECT_EQ(table.find(1), nullptr);
+  EXPECT_EQ(*table.find(7), Route::of(7, 1)) << "nor does its edit go to the row's next record";
+  EXPECT_EQ(table.del(1), std::nullopt);
+}
+
+TEST(VastaDeathTest, AnEditThatChangesTheKeyIsAnAssertion) {
+  Table<Route> table{{.name = "routes", .shmName = {}}};
+  table.is(Route::of(1, 1));
+  EXPECT_DEATH(
+      {
+        Route* staging = table.edit(1);
+        staging->prefix = 2;
+        table.commit(staging);
+      },
+      "an edit leaves the key alone");
+}
+
+TEST(Vasta, AWalkMeetsEveryStayingRecordOnceWhateverElseChanges) {
+  Table<Route> table{{.name = "routes", .shmName = {}}};
+  constexpr std::uint64_t staying = 1'000;
+  fill(table, 2 * staying);
+  std::mt19937_64 random{3};
+  std::map<std::uint64_t, int> met;
+  Hint hint;
+  while (const Route* route = table.next(hint)) {
+    if (route->prefix < staying) {
+      ++met[route->prefix];
+    }
+    const std::uint64_t prefix = route->prefix;
+    if (prefix >= staying) {
+      table.del(prefix);  // also the record the walk stands on
+    }
+    table.del(staying + random() % staying);
+    table.is(Route::of(random() % staying, 2));
+    if (met.size() % 3 == 0 && table.size() < 5 * staying) {
+      table.is(Route::of(100'000 + random() % 100'000, 1));
+    }
+  }
+  EXPECT_EQ(met.size(), staying);
+  for (const auto& [prefix, times] : met) {
+    EXPECT_EQ(times, 1) << prefix;
+  }
+  EXPECT_EQ(table.next(hint), nullptr);
+  EXPECT_EQ(violation(table), "none");
+}
+
+class Recorder : public Vasta::TableObserver<Route> {
+ public:
+  void recordChanged(const std::uint64_t& key) override { events.push_back(std::to_string(key)); }
+  void quiescedChanged(bool quiesced) override { events.push_back(quiesced ? "quiet" : "busy"); }
+  void mountStateChanged() override { events.emplace_back("mount"); }
+  std::vector<std::string> take() { return std::exchange(events, {}); }
+  std::vector<std::string> events;
+};
+
+TEST(Vasta, TheOwnerHearsOfChangesQuietAndMounting) {
+  using Events = std::vector<std::string>;
+  Table<Route> table{{.name = "routes", .shmName = {}, .mountState = Vasta::MountState::mounting_}};
+  Recorder recorder;
+  table.observerIs(&recorder);
+  EXPECT_TRUE(table.isQuiesced());
+  table.quiesce();
+  EXPECT_EQ(recorder.take(), Events{}) << "already quiet";
+  table.is(Route::of(4, 1));
+  table.is(Route::of(5, 1));
+  EXPECT_EQ(recorder.take(), (Events{"busy", "4", "5"}));
+  table.quiesce();
+  EXPECT_TRUE(table.isQuiesced());
+  table.del(9);
+  EXPECT_EQ(recorder.take(), Events{"quiet"}) << "no change, nothing to tell";
+  table.commit(table.edit(5));
+  table.del(4);
+  table.is(Route::of(6, 1));
+  table.delAll();
+  Events events = recorder.take();
+  ASSERT_EQ(events.size(), 6U);
+  std::sort(events.begin() + 4, events.end());
+  EXPECT_EQ(events, (Events{"busy", "5", "4", "6", "5", "6"}));
+  EXPECT_FALSE(table.isQuiesced());
+  table.mountStateIs(Vasta::MountState::mounted_);
+  table.mountStateIs(Vasta::MountState::mounted_);
+  EXPECT_EQ(recorder.take(), Events{"mount"});
+}
+
+TEST(Vasta, AnObserverMayChangeTheTableItHearsFrom) {
+  class Remover : public Vasta::TableObserver<Route> {
+   public:
+    explicit Remover(Table<Route>& table) : table_{table} {}
+    void recordChanged(const std::uint64_t& key) override {
+      if (table_.find(key) != nullptr && key % 2 == 1) {
+        table_.del(key);
+        table_.is(Route::of(key + 1, 1));
+        table_.is(Route::of(key + 1, 2));
+        EXPECT_EQ(table_.find(key), nullptr) << "the key told is not the row's";
+      }
+    }
+
+   private:
+    Table<Route>& table_;
+  };
+  Table<Route> table{{.name = "routes", .shmName = {}}};
+  Remover remover{table};
+  table.observerIs(&remover);
+  table.is(Route::of(1, 1));
+  ASSERT_NE(table.find(2), nullptr);
+  EXPECT_EQ(table.find(2)->version, 2U);
+  EXPECT_EQ(table.size(), 1U);
+  EXPECT_EQ(violation(table), "none");
+}
+
+class VastaNamed : public testing::Test {
+ protected:
+  [[nodiscard]] Vasta::SegmentNames names() const { return Vasta::SegmentNames{*name_}; }
+  // Damages the record of this prefix, by its payload or by its key.
+  void damage(const Route& route, bool key = false) {
+    Tampering rows{names().rows()};
+    rows.flip(key ? static_cast<const void*>(&route) : &route.payload, 16);
+  }
+  [[nodiscard]] AttachFailure readerFailure() const {
+    try {
+      Reader<Route> reader{*name_};
+    } catch (const AttachError& error) {
+      EXPECT_NE(std::string{error.what()}.find(*name_), std::string::npos);
+      return error.failure();
+    }
+    ADD_FAILURE() << "attached";
+    return {};
+  }
+  [[nodiscard]] AttachFailure writerFailure() const {
+    try {
+      Table<Route> table{name_.options()};
+    } catch (const AttachError& error) {
+      EXPECT_NE(std::string{error.what()}.find("routes"), std::string::npos);
+      return error.failure();
+    }
+    ADD_FAILURE() << "attached";
+    return {};
+  }
+
+  TableName name_;
+};
+
+TEST_F(VastaNamed, ACorruptRecordIsReportedWalkedPastAndHealed) {
+  Table<Route> table{name_.options()};
+  Reader<Route> reader{*name_};
+  fill(table, 10);
+  damage(Route::of(4, 1));
+  std::string message;
+  try {
+    static_cast<void>(table.find(4));
+    FAIL() << "not noticed";
+  } catch (const Corruption& corruption) {
+    message = corruption.what();
+    EXPECT_EQ(corruption.row(), 4U);
+  }
+  EXPECT_NE(message.find("'routes': row 4"), std::string::npos) << message;
+  EXPECT_NE(message.find("stored checksum 0x"), std::string::npos) << message;
+  EXPECT_NE(message.find("computed 0x"), std::string::npos) << message;
+  EXPECT_EQ(violation(table), message);
+  EXPECT_THROW(static_cast<void>(table.edit(4)), Corruption);
+  EXPECT_THROW(table.del(4), Corruption);
+  EXPECT_THROW(static_cast<void>(reader.find(4)), Corruption);
+  EXPECT_TRUE(reader.find(5).has_value());
+
+  const auto walk = [](auto step) {
+    std::size_t met = 0;
+    std::size_t corrupt = 0;
+    for (bool more = true; more;) {
+      try {
+        more = step();
+        met += more ? 1 : 0;
+      } catch (const Corruption&) {
+        ++corrupt;
+      }
+    }
+    return std::pair{met, corrupt};
+  };
+  Hint hint;
+  EXPECT_EQ(walk([&] { return table.next(hint) != nullptr; }), (std::pair{9UL, 1UL}));
+  Hint readerHint;
+  Route route;
+  EXPECT_EQ(walk([&] { return reader.next(readerHint, route); }), (std::pair{9UL, 1UL}));
+  Vasta::FeedCursor cursor;
+  std::size_t told = 0;
+  EXPECT_THROW(reader.follow(cursor, [&](const auto&, const Route&) { ++told; }), Corruption);
+  reader.follow(cursor, [&](const auto&, const Route&) { ++told; });
+  EXPECT_EQ(told, 9U);
+
+  std::vector<std::string> reports;
+  table.reportCorruption(message);
+  table.corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  table.reportCorruption("again");
+  EXPECT_EQ(reports, std::vector<std::string>{"again"});
+  EXPECT_EQ(table.corruptionCount(), 2U);
+  EXPECT_EQ(table.lastCorruption(), "again");
+
+  table.is(Route::of(4, 2));
+  EXPECT_EQ(*table.find(4), Route::of(4, 2));
+  EXPECT_EQ(*reader.find(4), Route::of(4, 2));
+  EXPECT_EQ(violation(table), "none");
+}
+
+TEST_F(VastaNamed, ADamagedKeyIsNoticedAndDoesNotHideFromRemoval) {
+  Table<Route> table{name_.options()};
+  fill(table, 10);
+  damage(Route::of(4, 1), true);
+  EXPECT_THROW(static_cast<void>(table.find(4)), Corruption);
+  EXPECT_TRUE(table.del(4, nullptr)) << "removed without being wanted back";
+  damage(Route::of(5, 1), true);
+  table.is(Route::of(5, 2));
+  EXPECT_EQ(violation(table), "none");
+  damage(Route::of(6, 1), true);
+  Hint hint;
+  const auto corruptRow = [&]() -> std::uint32_t {
+    try {
+      while (table.next(hint) != nullptr) {
+      }
+    } catch (const Corruption& corruption) {
+      return corruption.row();
+    }
+    return ~0U;
+  };
+  EXPECT_TRUE(table.discard(corruptRow()));
+  EXPECT_FALSE(table.discard(6));
+  EXPECT_EQ(table.size(), 8U);
+  EXPECT_EQ(violation(table), "none");
+  damage(Route::of(7, 1), true);
+  table.delAll();
+  EXPECT_EQ(table.size(), 0U);
+  EXPECT_EQ(violation(table), "none");
+}
+
+TEST_F(VastaNamed, ASuccessorKeepsTheRecordsAndReportsTheCorruptOnes) {
+  {
+    Table<Route> table{name_.options()};
+    fill(table, 3'000);
+    table.del(17);
+    EXPECT_EQ(table.epoch(), 1U);
+  }
+  damage(Route::of(4, 1), true);
+  Reader<Route> reader{*name_};
+  Vasta::FeedCursor cursor;
+  EXPECT_THROW(reader.follow(cursor, [](const auto&, const Route&) {}), Corruption);
+  Table<Route> table{name_.options()};
+  EXPECT_EQ(table.epoch(), 2U);
+  EXPECT_EQ(table.corruptionCount(), 1U);
+  EXPECT_NE(table.lastCorruption().find("row 4"), std::string::npos);
+  EXPECT_EQ(table.find(17), nullptr);
+  EXPECT_EQ(*table.find(2'999), Route::of(2'999, 1));
+  EXPECT_TRUE(table.discard(4));
+  EXPECT_EQ(table.size(), 2'998U);
+  EXPECT_EQ(violation(table), "none");
+  table.is(Route::of(4, 3));
+  EXPECT_EQ(*reader.find(4), Route::of(4, 3)) << "a reader goes on with the successor's index";
+  EXPECT_EQ(reader.epoch(), 2U);
+  EXPECT_TRUE(reader.follow(cursor, [](const auto&, const Route&) {}).writerChanged);
+}
+
+TEST_F(VastaNamed, MemoryThatRunsOutIsAnErrorAndTheTableGoesOn) {
+  Table<Route> table{name_.options()};
+  Reader<Route> reader{*name_};
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  std::uint64_t count = 0;
+  for (const std::size_t limit : {std::size_t{256} << 10U, std::size_t{1} << 20U}) {
+    rlimit limited = before;
+    limited.rlim_cur = limit;
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+    try {
+      for (;;) {
+        table.is(Route::of(count, 1));
+        ++count;
+      }
+    } catch (const std::system_error& error) {
+      EXPECT_EQ(error.code().value(), EFBIG);
+      EXPECT_NE(std::string{error.what()}.find("'routes'"), std::string::npos) << error.what();
+    }
+    EXPECT_EQ(violation(table), "none");
+    EXPECT_EQ(table.size(), count);
+    EXPECT_EQ(table.find(count), nullptr);
+    table.is(Route::of(0, 2));
+    EXPECT_TRUE(table.del(1).has_value());
+    table.is(Route::of(1, 2));
+    EXPECT_THROW(table.is(Route::of(count, 1)), std::system_error);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  }
+  fill(table, 2 * count);
+  EXPECT_EQ(violation(table), "none");
+  EXPECT_EQ(*reader.find(2 * count - 1), Route::of(2 * count - 1, 1));
+}
+
+TEST_F(VastaNamed, AnIndexThatCannotGrowRefusesInsertionsOnlyWhenItIsFull) {
+  Table<Crowded> table{name_.options()};
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &before), 0);
+  rlimit limited = before;
+  limited.rlim_cur = 2 * pageSize;  // the first generation and no larger one
+  std::uint64_t count = 0;
+  for (; count < 120; ++count) {
+    table.is({{count}, 1});
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limited), 0);
+  // Removal gives rows back, so only the index is short of room: its entries stay used.
+  bool refused = false;
+  for (std::uint64_t step = 0; step < 2'000 && !refused; ++step) {
+    try {
+      table.del({step}, nullptr);
+      table.is({{count}, 1});
+      ++count;
+    } catch (const std::system_error&) {
+      refused = true;
+    }
+  }
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+  EXPECT_TRUE(refused) << count;
+  EXPECT_EQ(violation(table), "none");
+  table.is({{count}, 7});
+  EXPECT_EQ(table.find({count})->content, 7U);
+}
+
+TEST_F(VastaNamed, WhatIsNoTableOfTheseRecordsIsRefused) {
+  EXPECT_EQ(readerFailure(), AttachFailure::missing);
+  { Table<Label> other{name_.options()}; }
+  EXPECT_EQ(readerFailure(), AttachFailure::layout);
+  EXPECT_EQ(writerFailure(), AttachFailure::layout);
+  EXPECT_TRUE(Vasta::removeTable(*name_));
+  EXPECT_EQ(readerFailure(), AttachFailure::missing);
+  { Table<Route> table{name_.options()}; }
+  Tampering header{names().header()};
+  header.flipByte(Vasta::Header::formatVersion_ * 8);
+  EXPECT_EQ(readerFailure(), AttachFailure::version);
+  EXPECT_EQ(writerFailure(), AttachFailure::version);
+  header.flipByte(Vasta::Header::formatVersion_ * 8);
+  header.flipByte(Vasta::Header::feedCapacity_ * 8 + 4);
+  EXPECT_EQ(readerFailure(), AttachFailure::truncated);
+  header.flipByte(Vasta::Header::feedCapacity_ * 8 + 4);
+  header.flipByte(Vasta::Header::magic_ * 8);
+  EXPECT_EQ(readerFailure(), AttachFailure::foreign);
+  EXPECT_EQ(writerFailure(), AttachFailure::foreign);
+  header.flipByte(Vasta::Header::magic_ * 8);
+  { Reader<Route> reader{*name_}; }
+  Vasta::unlinkSegment(names().rows());
+  EXPECT_EQ(readerFailure(), AttachFailure::missing);
+  EXPECT_EQ(writerFailure(), AttachFailure::truncated);
+}
+
+TEST_F(VastaNamed, WhatADyingCreatorLeftIsReplaced) {
+  const int descriptor = ::shm_open(names().header().c_str(), O_RDWR | O_CREAT, 0644);
+  ASSERT_GE(descriptor, 0);
+  EXPECT_EQ(readerFailure(), AttachFailure::notReady);
+  ASSERT_EQ(::ftruncate(descriptor, 100 * pageSize), 0);
+  ::close(descriptor);
+  EXPECT_EQ(readerFailure(), AttachFailure::notReady);
+  Table<Route> table{name_.options()};
+  table.is(Route::of(1, 1));
+  EXPECT_EQ(*Reader<Route>{*name_}.find(1), Route::of(1, 1));
+  EXPECT_EQ(table.epoch(), 1U);
+}
+
+TEST_F(VastaNamed, ASecondWriterIsRefusedUntilTheFirstIsGone) {
+  auto first = std::make_unique<Table<Route>>(name_.options());
+  first->is(Route::of(1, 1));
+  EXPECT_EQ(writerFailure(), AttachFailure::writerBusy);
+  EXPECT_FALSE(Vasta::removeTable(*name_));
+  EXPECT_EQ(violation(*first), "none");
+  first.reset();
+  const Table<Route> second{name_.options()};
+  EXPECT_EQ(*second.find(1), Route::of(1, 1));
+}
+
+TEST_F(VastaNamed, ARemovedTableStaysReadableToWhoeverHasIt) {
+  auto table = std::make_unique<Table<Route>>(name_.options(true));
+  fill(*table, 100);
+  Reader<Route> reader{*name_};
+  EXPECT_FALSE(reader.isRemoved());
+  table.reset();
+  EXPECT_TRUE(reader.isRemoved());
+  EXPECT_EQ(*reader.find(99), Route::of(99, 1));
+  EXPECT_EQ(readerFailure(), AttachFailure::missing);
+  for (const std::string& segment : {names().header(), names().rows(), names().index(1)}) {
+    EXPECT_LT(::shm_open(segment.c_str(), O_RDONLY, 0), 0) << segment;
+  }
+  Table<Route> fresh{name_.options(true)};
+  EXPECT_EQ(fresh.epoch(), 1U);
+  EXPECT_EQ(fresh.size(), 0U);
+  EXPECT_EQ(reader.size(), 100U) << "the old table, not the new one of its name";
+}
+
+TEST(VastaNames, DifferentNamesAreDifferentTables) {
+  const TableName name;
+  Table<Route> slash{{.name = "a", .shmName = *name + "/b", .unlinkOnClose = true}};
+  Table<Route> escape{{.name = "b", .shmName = *name + "%2Fb", .unlinkOnClose = true}};
+  Table<Route> suffix{{.name = "c", .shmName = *name + "#rows", .unlinkOnClose = true}};
+  slash.is(Route::of(1, 1));
+  EXPECT_EQ(Reader<Route>{*name + "/b"}.size(), 1U);
+  EXPECT_EQ(Reader<Route>{*name + "%2Fb"}.size(), 0U);
+  EXPECT_THROW((Table<Route>{{.name = "d", .shmName = std::string(300, 'x')}}),
+               std::invalid_argument);
+}
+
+// What a follower of the feed knows: the record in each row.
+class Mirror {
+ public:
+  Vasta::FollowResult follow(Reader<Route>& reader) {
+    return reader.follow(cursor_, [this](const Vasta::RowChange& change, const Route& route) {
+      if (change.live) {
+        rows_[change.row] = route;
+      } else {
+        rows_.erase(change.row);
+      }
+    });
+  }
+  [[nodiscard]] bool equals(Reader<Route>& reader) const {
+    std::set<std::uint64_t> mine;
+    for (const auto& [row, route] : rows_) {
+      mine.insert(route.prefix);
+      if (reader.find(route.prefix) != route) {
+        return false;
+      }
+    }
+    return mine.size() == rows_.size() && rows_.size() == reader.size();
+  }
+
+ private:
+  Vasta::FeedCursor cursor_;
+  std::map<std::uint32_t, Route> rows_;
+};
+
+TEST_F(VastaNamed, AFollowerKnowsWhatTheTableHoldsAlsoAfterItFellBehind) {
+  Vasta::TableOptions options = name_.options();
+  options.feedCapacity = 64;
+  Table<Route> table{options};
+  Reader<Route> reader{*name_};
+  Mirror mirror;
+  std::mt19937_64 random{11};
+  int behind = 0;
+  for (int round = 0; round < 300; ++round) {
+    const std::uint64_t before = table.changeSequence();
+    for (std::uint64_t steps = random() % 100; steps > 0; --steps) {
+      if (random() % 3 == 0) {
+        table.del(random() % 200, nullptr);
+      } else {
+        table.is(Route::of(random() % 200, random() % 1000));
+      }
+    }
+    const Vasta::FollowResult result = mirror.follow(reader);
+    behind += result.fellBehind ? 1 : 0;
+    ASSERT_EQ(result.fellBehind, table.changeSequence() - before > 64);
+    ASSERT_LE(result.told, 200U);
+    ASSERT_TRUE(mirror.equals(reader)) << round;
+    ASSERT_EQ(mirror.follow(reader).told, 0U);
+  }
+  EXPECT_GT(behind, 20);
+  EXPECT_LT(behind, 200);
+}
+
+TEST_F(VastaNamed, AChangeThatAFollowerCouldNotTakeIsToldAgain) {
+  Table<Route> table{name_.options()};
+  fill(table, 3);
+  Reader<Route> reader{*name_};
+  Vasta::FeedCursor cursor;
+  std::vector<std::uint64_t> told;
+  const auto take = [&](const Vasta::RowChange&, const Route& route) {
+    if (route.prefix == 1 && told.size() == 1) {
+      told.push_back(99);
+      throw std::runtime_error{"not now"};
+    }
+    told.push_back(route.prefix);
+  };
+  EXPECT_THROW(reader.follow(cursor, take), std::runtime_error);
+  reader.follow(cursor, take);
+  EXPECT_EQ(told, (std::vector<std::uint64_t>{0, 99, 1, 2}));
+}
+
+TEST_F(VastaNamed, AnUntypedReaderSeesTheBytes) {
+  Table<Route> table{name_.options()};
+  fill(table, 20);
+  Vasta::TableReader reader{*name_};
+  ASSERT_EQ(reader.geometry().recordSize, sizeof(Route));
+  EXPECT_EQ(reader.geometry().keyOffset, 0U);
+  Route route;
+  std::size_t count = 0;
+  for (Hint hint; reader.next(hint, reinterpret_cast<std::byte*>(&route)); ++count) {
+    EXPECT_TRUE(route.isWhole());
+  }
+  EXPECT_EQ(count, 20U);
+}
+
+// Readers on the writer's own mapping, so that the thread sanitizer sees both sides of every word.
+TEST(VastaThreads, ReadersSeeWholeRecordsAndMissNoneWhileTheTableGrows) {
+  Table<Route> table{{.name = "routes", .shmName = {}, .feedCapacity = 256}};
+  constexpr std::uint64_t staying = 64;
+  constexpr std::uint64_t keys = threadSanitized ? 6'000 : 30'000;
+  fill(table, staying);
+  std::atomic<bool> stop{false};
+  std::atomic<std::uint64_t> faults{0};
+  std::atomic<std::uint64_t> looks{0};
+  const auto read = [&](std::uint64_t seed) {
+    Reader<Route> reader{table};
+    Mirror mirror;
+    std::mt19937_64 random{seed};
+    std::array<std::uint64_t, staying> seen{};
+    while (!stop) {
+      for (std::uint64_t prefix = 0; prefix < staying; ++prefix) {
+        const auto route = reader.find(prefix);
+        const bool good = route && route->isWhole() && route->version >= seen[prefix];
+        faults += good ? 0 : 1;
+        seen[prefix] = route ? route->version : 0;
+      }
+      const auto other = reader.find(staying + random() % keys);
+      faults += other && !other->isWhole() ? 1 : 0;
+      mirror.follow(reader);
+      ++looks;
+    }
+    mirror.follow(reader);
+    faults += mirror.equals(reader) ? 0 : 1;
+  };
+  std::thread first{read, 1};
+  std::thread second{read, 2};
+  std::mt19937_64 random{5};
+  for (std::uint64_t step = 0; step < keys || looks < 20; ++step) {
+    table.is(Route::of(staying + step % keys, step));
+    table.is(Route::of(random() % staying, 2 + step));
+    if (step % 3 == 0) {
+      table.del(staying + random() % keys, nullptr);
+    }
+    if (step == keys / 2) {
+      for (std::uint64_t prefix = 0; prefix < keys / 3; ++prefix) {
+        table.del(staying + prefix, nullptr);
+      }
+    }
+  }
+  stop = true;
+  first.join();
+  second.join();
+  EXPECT_EQ(faults, 0U);
+  EXPECT_EQ(violation(table), "none");
+}
+
+}  // namespace
+}  // namespace VastaTest

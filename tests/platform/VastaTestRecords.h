@@ -1,0 +1,140 @@
+// Records and helpers shared by the tests of the shared tables.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "platform/Korm/Hash.h"
+#include "platform/Vasta/Reader.h"
+#include "platform/Vasta/Segment.h"
+#include "platform/Vasta/Table.h"
+
+namespace VastaTest {
+
+#if defined(__SANITIZE_THREAD__)
+inline constexpr bool threadSanitized = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+inline constexpr bool threadSanitized = true;
+#else
+inline constexpr bool threadSanitized = false;
+#endif
+#else
+inline constexpr bool threadSanitized = false;
+#endif
+
+// A record that says of itself whether it is whole: all of its payload follows from key and version.
+struct Route {
+  using Key = std::uint64_t;
+  static constexpr std::string_view vastaName = "Route";
+
+  Key prefix = 0;
+  std::uint64_t version = 0;
+  std::array<std::uint64_t, 24> payload{};
+
+  static Route of(Key prefix, std::uint64_t version) {
+    Route route{.prefix = prefix, .version = version};
+    for (std::size_t i = 0; i < route.payload.size(); ++i) {
+      route.payload[i] = Korm::hashMix(prefix * 1000003 + version * 31 + i);
+    }
+    return route;
+  }
+
+  [[nodiscard]] const Key& key() const { return prefix; }
+  [[nodiscard]] bool isWhole() const { return *this == of(prefix, version); }
+  bool operator==(const Route&) const = default;
+};
+
+// A key in the middle of the record, and sizes that are no multiple of a word.
+struct LabelKey {
+  std::array<std::uint8_t, 7> label{};
+  [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const {
+    return static_cast<std::uint32_t>(Korm::hashBytes(label.data(), label.size(), seed));
+  }
+  auto operator<=>(const LabelKey&) const = default;
+};
+struct Label {
+  using Key = LabelKey;
+
+  std::array<std::uint8_t, 3> before{};
+  LabelKey name;
+  std::array<std::uint8_t, 9> after{};
+
+  [[nodiscard]] const Key& key() const { return name; }
+  bool operator==(const Label&) const = default;
+};
+
+// All keys in one search chain.
+struct Crowded {
+  struct Key {
+    std::uint64_t value = 0;
+    [[nodiscard]] std::uint32_t hash(std::uint32_t) const {
+      return static_cast<std::uint32_t>(value % 3);
+    }
+  };
+  Key name;
+  std::uint64_t content = 0;
+  [[nodiscard]] const Key& key() const { return name; }
+};
+
+// A name that no other run of the tests uses; its table goes at the end.
+class TableName {
+ public:
+  TableName() : name_{"test/" + std::to_string(::getpid()) + "." + std::to_string(++counter_)} {}
+  ~TableName() { Vasta::removeTable(name_); }
+  TableName(const TableName&) = delete;
+  TableName& operator=(const TableName&) = delete;
+  [[nodiscard]] const std::string& operator*() const { return name_; }
+  [[nodiscard]] Vasta::TableOptions options(bool unlinkOnClose = false) const {
+    return {.name = "routes", .shmName = name_, .unlinkOnClose = unlinkOnClose};
+  }
+
+ private:
+  static inline int counter_ = 0;
+  const std::string name_;
+};
+
+// What a fault in memory, or a stranger with write access, does to a segment.
+class Tampering {
+ public:
+  explicit Tampering(const std::string& segment) {
+    const int descriptor = ::shm_open(segment.c_str(), O_RDWR, 0);
+    struct stat status {};
+    if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+      throw std::runtime_error{"no segment " + segment};
+    }
+    size_ = static_cast<std::size_t>(status.st_size);
+    bytes_ = static_cast<std::uint8_t*>(
+        ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
+    ::close(descriptor);
+  }
+  ~Tampering() { ::munmap(bytes_, size_); }
+  Tampering(const Tampering&) = delete;
+  Tampering& operator=(const Tampering&) = delete;
+
+  // Flips a bit in every place where these bytes stand.
+  void flip(const void* pattern, std::size_t size) {
+    const auto* begin = static_cast<const std::uint8_t*>(pattern);
+    for (auto* at = std::search(bytes_, bytes_ + size_, begin, begin + size); at != bytes_ + size_;
+         at = std::search(at, bytes_ + size_, begin, begin + size)) {
+      *at ^= 0x10U;
+    }
+  }
+  void flipByte(std::size_t offset) { bytes_[offset] ^= 0x10U; }
+
+ private:
+  std::uint8_t* bytes_ = nullptr;
+  std::size_t size_ = 0;
+};
+
+}  // namespace VastaTest
