@@ -1,19 +1,23 @@
 #include "Ostra/FlowUtil.h"
 
-#include "Ostra/Trace.h"
-
 #include <array>
 #include <charconv>
 #include <cstdio>
+
+#include "Ostra/Trace.h"
 
 namespace Ostra {
 namespace {
 
 constexpr std::string_view prefix = "flow-";
 
-constinit Brisklog::TracePoint invalidName{
-    traceHandle,  TraceLevel::failure,       "Ostra::", "flowIdFromName", " Invalid flow Name: %s",
-    "Ostra/FlowUtil", 19};
+constinit Brisklog::TracePoint invalidName{traceHandle,
+                                           TraceLevel::failure,
+                                           "Ostra::",
+                                           "flowIdFromName",
+                                           " Invalid flow Name: %s",
+                                           "Ostra/FlowUtil",
+                                           19};
 
 }  // namespace
 

@@ -3,9 +3,9 @@
 // Thread and process rule: free functions without state.
 #pragma once
 
-#include "platform/Korm/Entity.h"
-
 #include <cstdint>
+
+#include "platform/Korm/Entity.h"
 
 namespace Ostra {
 

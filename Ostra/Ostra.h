@@ -13,12 +13,12 @@
 // machines.
 #pragma once
 
+#include <cstdint>
+#include <map>
+
 #include "Ostra/OstraTypes.h"
 #include "platform/Korm/Entity.h"
 #include "platform/Tessel/Tessel.h"
-
-#include <cstdint>
-#include <map>
 
 namespace CorvexConfig {
 class Config;

@@ -1,9 +1,9 @@
 #include "Ostra/OstraTypes.h"
 
-#include "platform/Korm/Strep.h"
-
 #include <limits>
 #include <ostream>
+
+#include "platform/Korm/Strep.h"
 
 namespace Ostra {
 namespace {
@@ -70,22 +70,24 @@ OstraKey::OstraKey(std::string::const_iterator& current, std::string::const_iter
       reader.unsignedAttribute("priorityGroupType", std::numeric_limits<std::uint32_t>::max()));
   reader.literal(", 'priority': ");
   priority_ = static_cast<std::int32_t>(reader.signedAttribute("priority", least, most));
-#define OSTRA_FIELD_READ(member, Type, name, ...)                        \
-  if (reader.maybeLiteral(", '" name "': ")) {                           \
-    const bool isGiven = !reader.maybeLiteral("!");                      \
-    reader.literal("'");                                                 \
-    const Type value = read<Type>(reader, name);                         \
-    reader.literal("&");                                                 \
-    const Type mask = read<Type>(reader, name);                          \
-    reader.literal("'");                                                 \
-    member##Is(value, mask);                                             \
-    givenIs(MatchFieldId::member##_, isGiven);                           \
+#define OSTRA_FIELD_READ(member, Type, name, ...)   \
+  if (reader.maybeLiteral(", '" name "': ")) {      \
+    const bool isGiven = !reader.maybeLiteral("!"); \
+    reader.literal("'");                            \
+    const Type value = read<Type>(reader, name);    \
+    reader.literal("&");                            \
+    const Type mask = read<Type>(reader, name);     \
+    reader.literal("'");                            \
+    member##Is(value, mask);                        \
+    givenIs(MatchFieldId::member##_, isGiven);      \
   }
   OSTRA_MATCH_FIELDS(OSTRA_FIELD_READ)
 #undef OSTRA_FIELD_READ
   reader.literal("})");
-  if (const std::string printed = valueToStrep(); !std::equal(start, current, printed.begin(), printed.end())) {
-    throw Korm::ParseException{"expected '" + printed + "', the only spelling of this key, found '" +
+  if (const std::string printed = valueToStrep();
+      !std::equal(start, current, printed.begin(), printed.end())) {
+    throw Korm::ParseException{"expected '" + printed +
+                               "', the only spelling of this key, found '" +
                                std::string{start, current} + "'"};
   }
 }

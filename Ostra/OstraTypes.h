@@ -5,6 +5,15 @@
 // write, on the activity thread.
 #pragma once
 
+#include <array>
+#include <bit>
+#include <cstdint>
+#include <cstring>
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
 #include "Ostra/MatchFields.h"
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Address.h"
@@ -17,15 +26,6 @@
 #include "platform/P4Runtime/Types.h"
 #include "platform/P4RuntimeRouting/Ecmp.h"
 #include "platform/Vrf/Vrf.h"
-
-#include <array>
-#include <bit>
-#include <cstdint>
-#include <cstring>
-#include <iosfwd>
-#include <string>
-#include <string_view>
-#include <type_traits>
 
 namespace Ostra {
 
@@ -91,6 +91,14 @@ struct MatchField {
 enum class MatchFieldId : std::uint8_t { OSTRA_MATCH_FIELDS(OSTRA_FIELD_NUMBER) count_ };
 #undef OSTRA_FIELD_NUMBER
 
+// The field's name in the P4 program.
+[[nodiscard]] constexpr const char* matchFieldName(MatchFieldId field) noexcept {
+#define OSTRA_FIELD_NAME(member, Type, name, ...) name,
+  constexpr std::array names{OSTRA_MATCH_FIELDS(OSTRA_FIELD_NAME)};
+#undef OSTRA_FIELD_NAME
+  return names[static_cast<std::size_t>(field)];
+}
+
 // Identifies one flow entry by its whole match and its placement. Two entries with the same match and
 // placement are the same flow. The default key is all zero: nothing is given.
 //
@@ -111,13 +119,13 @@ class OstraKey {
   [[nodiscard]] std::int32_t priority() const noexcept { return priority_; }
   void priorityIs(std::int32_t priority) noexcept { priority_ = priority; }
 
-#define OSTRA_FIELD_ACCESSORS(member, Type, name, ...)                             \
-  [[nodiscard]] MatchField<Type> member() const noexcept {                         \
-    return {member##_.value(), member##_.mask(), given(MatchFieldId::member##_)};  \
-  }                                                                                \
-  void member##Is(const Type& value, const Type& mask) noexcept {                  \
-    member##_.set(value, mask);                                                    \
-    givenIs(MatchFieldId::member##_, true);                                        \
+#define OSTRA_FIELD_ACCESSORS(member, Type, name, ...)                            \
+  [[nodiscard]] MatchField<Type> member() const noexcept {                        \
+    return {member##_.value(), member##_.mask(), given(MatchFieldId::member##_)}; \
+  }                                                                               \
+  void member##Is(const Type& value, const Type& mask) noexcept {                 \
+    member##_.set(value, mask);                                                   \
+    givenIs(MatchFieldId::member##_, true);                                       \
   }
   OSTRA_MATCH_FIELDS(OSTRA_FIELD_ACCESSORS)
 #undef OSTRA_FIELD_ACCESSORS
@@ -160,8 +168,8 @@ class OstraKey {
   // those who fill a key by name.
   template <class Visit>
   void forEachField(Visit&& visit) {
-#define OSTRA_FIELD_VISIT(member, Type, name, ...)     \
-  visit(std::string_view{name}, member(),              \
+#define OSTRA_FIELD_VISIT(member, Type, name, ...) \
+  visit(std::string_view{name}, member(),          \
         [this](const Type& value, const Type& mask) { member##Is(value, mask); });
     OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
 #undef OSTRA_FIELD_VISIT
@@ -215,7 +223,8 @@ struct OstraConfigEntry {
   bool memberGiven = false;
   bool groupGiven = false;
   // Fills up to eight bytes, whatever the size of the key.
-  std::array<std::byte, 8 - (sizeof(OpenFlowTable::Actions) + 34 + sizeof(OstraKey)) % 8> reserved{};
+  std::array<std::byte, 8 - (sizeof(OpenFlowTable::Actions) + 34 + sizeof(OstraKey)) % 8>
+      reserved{};
 };
 static_assert(std::has_unique_object_representations_v<OstraConfigEntry>);
 
