@@ -71,6 +71,9 @@ template <class T>
 [[nodiscard]] constexpr auto argumentOf(const T& value) noexcept {
   static_assert(Traceable<T>, "give this type a brisklogArgument(const T&)");
   if constexpr (Customized<T>) {
+    using Result = decltype(brisklogArgument(value));
+    static_assert(std::is_trivially_destructible_v<Result>,
+                  "brisklogArgument must not return an owner: only a view of it would be kept");
     return argumentOf(brisklogArgument(value));
   } else if constexpr (std::same_as<T, bool> || std::same_as<T, Bytes>) {
     return value;

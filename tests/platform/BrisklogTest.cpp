@@ -57,6 +57,7 @@ constinit TracePoint plain{handle, 5, "Drawer::", "draw"};
 constinit TracePoint flowPoint{
     handle, 5, "OstraSm::", "handleFlowConfigImpl", " insert flow:%s", "Ostra/OstraSm", 123};
 constinit TracePoint pairPoint{handle, 7, "Drawer::", "pair", " %s then %s"};
+constinit TracePoint boxedPoint{handle, 7, "Drawer::", "box", " [%s]"};
 constinit TracePoint countedPoint{handle, 7, "Writer::", "run", " %s %s %s"};
 
 double hostTime = 1;
@@ -112,6 +113,7 @@ TEST_F(BrisklogTest, TextAndRingSayTheSame) {
   pairPoint(Bytes{"\x00\x7f\xff", 3}, Bytes{});
   plain(1, "two");
   pairPoint("alone");
+  boxedPoint(1.25, 'A');
   countedPoint(1, 2, 3, 4, 5, 6, 7, 8);
 
   const Strings expected{"Drawer::draw",
@@ -125,6 +127,7 @@ TEST_F(BrisklogTest, TextAndRingSayTheSame) {
                          "Drawer::pair 007fff then ",
                          "Drawer::draw 1 two",
                          "Drawer::pair alone then %s",
+                         "Drawer::box [1.25] 65",
                          "Writer::run 1 2 3 4 5 6 7 8"};
   EXPECT_EQ(texts_, expected);
   Strings decoded;
