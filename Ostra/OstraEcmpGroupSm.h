@@ -1,0 +1,169 @@
+// Turns action-profile members and groups into Corvex groups, and keeps these current.
+//
+// A member becomes an indirect group of one bucket, its next hop. A group becomes a select group with a copy
+// of the bucket of each of its members, in their order. A change of a member, or of the encapsulation entry
+// that it uses, rewrites the member's group and then every select group that has a copy of it.
+//
+// Thread and process rule: the hosting service's activity thread.
+// Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex stays
+// when it goes.
+// Invariants: it keeps no copy of groups or members; the service's tables and the Corvex groups are all the
+// state there is, and each handler works from what they hold at that moment. A select group is written only
+// when each of its members has a group of its own.
+#pragma once
+
+#include <optional>
+
+#include "platform/Korm/Entity.h"
+#include "platform/NexthopGroup/Encap.h"
+#include "platform/OpenFlowTable/HwConfig.h"
+#include "platform/P4Runtime/BatchStatus.h"
+#include "platform/P4Runtime/HandleMgr.h"
+#include "platform/P4Runtime/Validation.h"
+#include "platform/P4RuntimeConfig/PortMappingStatus.h"
+#include "platform/P4RuntimeRouting/Ecmp.h"
+
+namespace Ostra {
+
+// An input may be null. Without a table there is nothing to react to, and nothing is found in it; without
+// the port mapping no port is mapped; without the batch status or the handle manager nobody is told of
+// deletes; without the Corvex configuration or the validation helper members and groups are not written.
+class OstraEcmpGroupSm final : public Korm::Entity {
+ public:
+  // Attaches to the tables and then processes all that they hold: encapsulation entries, members, groups.
+  // Throws Korm::RangeException for a group whose stored list is damaged, as every handler does.
+  OstraEcmpGroupSm(Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
+                   Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
+                   Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
+                   Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
+                   Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
+                   Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
+                   Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
+                   Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
+
+  // Switches the reactors with the state machine; the value that it has reaches none of them.
+  void hasNotificationActiveIs(bool active) override;
+
+  [[nodiscard]] const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& cxHwConfig() const noexcept {
+    return cxHwConfig_;
+  }
+  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable() const noexcept {
+    return p4rtEcmpGroupTable_;
+  }
+  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable()
+      const noexcept {
+    return p4rtEcmpMemberTable_;
+  }
+  [[nodiscard]] const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable>& ipv4EncapTable()
+      const noexcept {
+    return ipv4EncapTable_;
+  }
+  [[nodiscard]] const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus>& p4RtPortMappingStatus()
+      const noexcept {
+    return p4RtPortMappingStatus_;
+  }
+  [[nodiscard]] const Korm::Ptr<P4Runtime::ValidationHelper>& validationHelper() const noexcept {
+    return validationHelper_;
+  }
+  [[nodiscard]] const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus() const noexcept {
+    return batchStatus_;
+  }
+  [[nodiscard]] const Korm::Ptr<P4Runtime::P4HandleMgr>& p4HandleMgr() const noexcept {
+    return p4HandleMgr_;
+  }
+  // Whether the first processing of the tables has begun.
+  [[nodiscard]] bool initialized() const noexcept { return initialized_; }
+
+  // Detach from one table, for good. The Corvex groups stay as they are, and the table is still read.
+  void p4rtEcmpGroupTableDel() noexcept { groupReactor_.reset(); }
+  void p4rtEcmpMemberTableDel() noexcept { memberReactor_.reset(); }
+  void ipv4EncapTableDel() noexcept { encapReactor_.reset(); }
+
+  // Process one key, whether its row is there or gone. An entry error is reported against its entry and
+  // goes no further; a corrupt row is reported to its table and taken for gone. A group whose stored list
+  // is damaged is a Korm::RangeException, also from the member handlers, which read the lists of all groups.
+  void handleEcmpGroup(P4Runtime::MemberOrGroupId groupId);
+  void handleNexthopInfo(P4Runtime::MemberOrGroupId memberId);
+  // Processes the members that use the encapsulation entry.
+  void handleEncapEntry(NexthopGroup::EncapId encapId);
+
+  // Process all keys of a table, up to a corrupt row, which is reported to the table.
+  void handleEcmpGroup();
+  void handleNexthopInfo();
+  void handleEncapEntry();
+
+ private:
+  template <class Key>
+  using Handler = void (OstraEcmpGroupSm::*)(Key);
+  template <class Key, Handler<Key> handler>
+  using TableReactor = Korm::MemberNotifiee<OstraEcmpGroupSm, handler, const Key&>;
+
+  void handleInitialized();
+  // The per-key handlers for a walk that stands on the row: a look-up of a group sums 8 KiB.
+  void handleEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
+  void handleNexthopInfo(const P4RuntimeRouting::NexthopInfo& row);
+  // Whether it has what it takes to check and write the Corvex group; traces the group otherwise.
+  [[nodiscard]] bool canProgram(OpenFlowTable::GroupId corvexId) const noexcept;
+
+  // Throw an entry error against the row's entry. What a valid next hop is encapsulated with.
+  void validateGroup(const P4RuntimeRouting::EcmpMemberList& row) const;
+  [[nodiscard]] const NexthopGroup::EncapEntry& validateNexthop(
+      const P4RuntimeRouting::NexthopInfo& row) const;
+
+  void addEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
+  void deleteEcmpGroup(P4Runtime::MemberOrGroupId groupId);
+  void handleNexthopInfoUpdate(const P4RuntimeRouting::NexthopInfo& row);
+  void handleNexthopInfoDelete(P4Runtime::MemberOrGroupId memberId);
+  void maybeUpdateGroupOnMemberChange(P4Runtime::MemberOrGroupId memberId);
+
+  [[nodiscard]] OpenFlowTable::Bucket memberBucket(const P4RuntimeRouting::NexthopInfo& row,
+                                                   const NexthopGroup::EncapEntry& encap) const;
+  void copyMemberBuckets(const P4RuntimeRouting::EcmpMemberList& row,
+                         OpenFlowTable::GroupEntry& group) const;
+  [[nodiscard]] const OpenFlowTable::GroupEntry* groupEntry(
+      OpenFlowTable::GroupId id) const noexcept;
+  void acknowledgeDelete(P4Runtime::EntryHandle handle) const;
+
+  // Inputs, constant after construction.
+  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig_;
+  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable_;
+  const Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable_;
+  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable_;
+  const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus_;
+  const Korm::Ptr<P4Runtime::ValidationHelper> validationHelper_;
+  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
+  const Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr_;
+
+  // Activity thread.
+  bool initialized_ = false;
+
+  // Each there while its table is watched; released before the tables.
+  std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleEcmpGroup>>
+      groupReactor_;
+  std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleNexthopInfo>>
+      memberReactor_;
+  std::optional<TableReactor<NexthopGroup::EncapId, &OstraEcmpGroupSm::handleEncapEntry>>
+      encapReactor_;
+};
+
+// A new state machine with its notifications on.
+[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(
+    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
+    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
+    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
+    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
+
+// The same, under the name by which the context calls it.
+[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmFactory(
+    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
+    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
+    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
+    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
+
+}  // namespace Ostra
