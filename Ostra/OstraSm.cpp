@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "Ostra/FlowUtil.h"
+#include "Ostra/GroupNumbering.h"
 #include "Ostra/MatchTranslation.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
@@ -55,9 +56,6 @@ constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChang
 
 const Korm::String ingressPortName = "ingress port-id";
 const Korm::String egressPortName = "egress port-id";
-
-// An action-profile member stands under its id with bit 32 set, apart from all groups.
-constexpr OpenFlowTable::GroupId memberBit = std::uint64_t{1} << 32U;
 
 }  // namespace
 
@@ -274,10 +272,10 @@ void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraC
     actions.cpuTrafficClassIs(OpenFlowTable::TrafficClass{given.cpuTrafficClass()}, true);
   }
   if (entry.memberGiven) {
-    actions.groupIs(memberBit | entry.memberId, true);
+    actions.groupIs(memberGroupId(entry.memberId), true);
   }
   if (entry.groupGiven) {
-    actions.groupIs(entry.groupId, true);
+    actions.groupIs(ecmpGroupId(entry.groupId), true);
   }
 }
 

@@ -1,9 +1,9 @@
 // VLAN ids.
 #pragma once
 
-#include "platform/Korm/BoundedValue.h"
-
 #include <cstdint>
+
+#include "platform/Korm/BoundedValue.h"
 
 namespace Bridging {
 

@@ -1,9 +1,9 @@
 #include "platform/Interface/Interface.h"
 
-#include "platform/Korm/Exceptions.h"
-
 #include <algorithm>
 #include <string>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace Interface {
 

@@ -1,14 +1,14 @@
 // Interfaces of the switch.
 #pragma once
 
-#include "platform/Korm/Entity.h"
-#include "platform/Korm/Hash.h"
-
 #include <array>
 #include <compare>
 #include <cstdint>
 #include <ostream>
 #include <string_view>
+
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/Hash.h"
 
 namespace Interface {
 

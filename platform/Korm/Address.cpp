@@ -58,9 +58,15 @@ std::string IpAddr::text() const {
   return "-";
 }
 
-std::ostream& operator<<(std::ostream& out, const EthAddr& address) { return out << address.text(); }
-std::ostream& operator<<(std::ostream& out, const Ip4Addr& address) { return out << address.text(); }
-std::ostream& operator<<(std::ostream& out, const Ip6Addr& address) { return out << address.text(); }
+std::ostream& operator<<(std::ostream& out, const EthAddr& address) {
+  return out << address.text();
+}
+std::ostream& operator<<(std::ostream& out, const Ip4Addr& address) {
+  return out << address.text();
+}
+std::ostream& operator<<(std::ostream& out, const Ip6Addr& address) {
+  return out << address.text();
+}
 std::ostream& operator<<(std::ostream& out, const IpAddr& address) { return out << address.text(); }
 
 std::optional<EthAddr> parseEthAddr(std::string_view text) {

@@ -1,9 +1,9 @@
 // Plain attributes of entities.
 #pragma once
 
-#include "platform/Korm/Notification.h"
-
 #include <utility>
+
+#include "platform/Korm/Notification.h"
 
 namespace Korm {
 

@@ -1,10 +1,10 @@
 // Small integers with limits.
 #pragma once
 
-#include "platform/Korm/Exceptions.h"
-
 #include <compare>
 #include <ostream>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace Korm {
 

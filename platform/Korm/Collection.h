@@ -1,11 +1,11 @@
 // Keyed collection attributes of entities.
 #pragma once
 
-#include "platform/Korm/HashMap.h"
-#include "platform/Korm/Notification.h"
-
 #include <optional>
 #include <utility>
+
+#include "platform/Korm/HashMap.h"
+#include "platform/Korm/Notification.h"
 
 namespace Korm {
 

@@ -1,9 +1,9 @@
 // Directories: named entities, in the order of their names.
 #pragma once
 
-#include "platform/Korm/Entity.h"
-
 #include <map>
+
+#include "platform/Korm/Entity.h"
 
 namespace Korm {
 

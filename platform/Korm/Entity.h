@@ -1,10 +1,10 @@
 // The bases of the framework's objects: counted, notifying, and perhaps named.
 #pragma once
 
+#include <string>
+
 #include "platform/Korm/Notification.h"
 #include "platform/Korm/Ptr.h"
-
-#include <string>
 
 namespace Korm {
 

@@ -132,9 +132,8 @@ void HashIndex::verify(std::size_t count) const {
       if (words[at] != 0) {
         ++here;
         assertTrue(segment(hashOf(words[at])) == words, "a word stands in the segment of its hash");
-        assertTrue(find(hashOf(words[at]), [&](std::uint32_t slot) {
-                     return slot == slotOf(words[at]);
-                   }) != none,
+        assertTrue(find(hashOf(words[at]),
+                        [&](std::uint32_t slot) { return slot == slotOf(words[at]); }) != none,
                    "no gap stands before a word");
       }
     }

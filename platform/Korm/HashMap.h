@@ -11,9 +11,6 @@
 // cut into segments of 512 words under a directory, and a segment that fills splits in two.
 #pragma once
 
-#include "platform/Korm/Exceptions.h"
-#include "platform/Korm/Hash.h"
-
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -24,6 +21,9 @@
 #include <type_traits>
 #include <utility>
 #include <vector>
+
+#include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Hash.h"
 
 namespace Korm {
 

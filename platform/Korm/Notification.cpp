@@ -58,9 +58,7 @@ void NotifieeListBase::detachReactor(Reactor& reactor) noexcept {
 }
 
 NotifieeListBase::Delivery::Delivery(const NotifieeListBase& list) noexcept
-    : next_{list.first_},
-      last_{list.first_->previous_},
-      outer_{static_cast<Delivery*>(innermost)} {
+    : next_{list.first_}, last_{list.first_->previous_}, outer_{static_cast<Delivery*>(innermost)} {
   innermost = this;
 }
 

@@ -1,14 +1,14 @@
 // Bounded arrays inside fixed-size records.
 #pragma once
 
-#include "platform/Korm/Exceptions.h"
-
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
 #include <type_traits>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace Korm {
 

@@ -58,8 +58,7 @@ class Counted {
     if (threadSafePtr()) {
       references_.fetch_add(1, std::memory_order_relaxed);
     } else {
-      references_.store(references_.load(std::memory_order_relaxed) + 1,
-                        std::memory_order_relaxed);
+      references_.store(references_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     }
   }
 
@@ -90,18 +89,18 @@ class Ptr {
   using element_type = T;
 
   constexpr Ptr() noexcept = default;
-  constexpr Ptr(std::nullptr_t) noexcept {}  // NOLINT(google-explicit-constructor)
+  constexpr Ptr(std::nullptr_t) noexcept {}    // NOLINT(google-explicit-constructor)
   Ptr(T* object) noexcept : object_{object} {  // NOLINT(google-explicit-constructor)
     retain();
   }
   Ptr(const Ptr& other) noexcept : object_{other.object_} { retain(); }
   Ptr(Ptr&& other) noexcept : object_{std::exchange(other.object_, nullptr)} {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& other) noexcept : Ptr{other.get()} {}  // NOLINT(google-explicit-constructor)
+    requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
+  noexcept : Ptr{other.get()} {}  // NOLINT(google-explicit-constructor)
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
+    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
+  noexcept  // NOLINT(google-explicit-constructor)
       : object_{std::exchange(other.object_, nullptr)} {}
   ~Ptr() {
     if (object_ != nullptr) {

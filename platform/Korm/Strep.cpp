@@ -46,8 +46,8 @@ std::int64_t StrepReader::signedAttribute(std::string_view attribute, std::int64
       rest().substr(0, std::min(rest().find_first_not_of("-0123456789"), rest().size()));
   std::int64_t number = 0;
   if (!readNumber(text, number) || number < min || number > max) {
-    failAttribute(attribute, "expected a number from " + std::to_string(min) + " to " +
-                                 std::to_string(max));
+    failAttribute(attribute,
+                  "expected a number from " + std::to_string(min) + " to " + std::to_string(max));
   }
   current_ += static_cast<std::ptrdiff_t>(text.size());
   return number;

@@ -5,8 +5,6 @@
 // accepts what the printer prints and nothing else.
 #pragma once
 
-#include "platform/Korm/Exceptions.h"
-
 #include <concepts>
 #include <cstdint>
 #include <functional>
@@ -14,6 +12,8 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace Korm {
 

@@ -1,8 +1,8 @@
 #include "platform/KormVasta/SharedMemory.h"
 
-#include "platform/Vasta/TableWriter.h"
-
 #include <algorithm>
+
+#include "platform/Vasta/TableWriter.h"
 
 namespace KormVasta {
 namespace {

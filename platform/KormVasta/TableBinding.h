@@ -4,15 +4,15 @@
 // Ownership: the entity owns the binding, the binding the table. The entity outlives it.
 #pragma once
 
+#include <memory>
+#include <string>
+#include <utility>
+
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Dir.h"
 #include "platform/Korm/Entity.h"
 #include "platform/KormVasta/SharedMemory.h"
 #include "platform/Vasta/Table.h"
-
-#include <memory>
-#include <string>
-#include <utility>
 
 namespace KormVasta {
 

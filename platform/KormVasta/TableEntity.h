@@ -4,10 +4,10 @@
 // its segment name (SharedMemory.h).
 #pragma once
 
+#include <string>
+
 #include "platform/Korm/Entity.h"
 #include "platform/KormVasta/TableBinding.h"
-
-#include <string>
 
 namespace KormVasta {
 

@@ -3,10 +3,10 @@
 // Thread and process rule: the activity thread.
 #pragma once
 
+#include <string_view>
+
 #include "platform/Korm/Ptr.h"
 #include "platform/Tessel/Tessel.h"
-
-#include <string_view>
 
 namespace KormVasta {
 

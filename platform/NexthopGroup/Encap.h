@@ -1,11 +1,11 @@
 // Encapsulation entries of the routing feature.
 #pragma once
 
-#include "platform/Korm/Address.h"
-#include "platform/KormVasta/TableEntity.h"
-
 #include <array>
 #include <cstdint>
+
+#include "platform/Korm/Address.h"
+#include "platform/KormVasta/TableEntity.h"
 
 namespace NexthopGroup {
 

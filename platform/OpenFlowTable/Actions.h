@@ -3,15 +3,15 @@
 // Trivially copyable without padding: the service stores actions in shared memory.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <type_traits>
+
 #include "platform/Bridging/Bridging.h"
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Address.h"
 #include "platform/OpenFlowTable/Types.h"
 #include "platform/Vrf/Vrf.h"
-
-#include <array>
-#include <cstdint>
-#include <type_traits>
 
 namespace OpenFlowTable {
 
@@ -58,8 +58,8 @@ class ActionSet {
 enum class PolicerColor : std::uint8_t { green_ = 0, yellow_ = 1, red_ = 2 };
 
 struct PolicerConfig {
-  std::uint64_t rate = 0;   // kbit/s
-  std::uint64_t burst = 0;  // bytes
+  std::uint64_t rate = 0;                     // kbit/s
+  std::uint64_t burst = 0;                    // bytes
   std::array<std::uint8_t, 8> dropByColor{};  // by PolicerColor: 1 drops packets of that colour
 
   friend bool operator==(const PolicerConfig&, const PolicerConfig&) noexcept = default;

@@ -4,13 +4,13 @@
 // Ownership: the configuration owns its entries; a reference to one stays good until that entry goes.
 #pragma once
 
+#include <vector>
+
 #include "platform/Korm/Attribute.h"
 #include "platform/Korm/Entity.h"
 #include "platform/Korm/HashMap.h"
 #include "platform/OpenFlowTable/Actions.h"
 #include "platform/OpenFlowTable/Match.h"
-
-#include <vector>
 
 namespace OpenFlowTable {
 

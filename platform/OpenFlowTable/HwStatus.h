@@ -15,7 +15,8 @@ namespace OpenFlowTable {
 // that is written is a change, whatever its value.
 class FlowStats {
  public:
-  explicit FlowStats(Korm::Name name, FlowStatus status) : name_{std::move(name)}, status_{status} {}
+  explicit FlowStats(Korm::Name name, FlowStatus status)
+      : name_{std::move(name)}, status_{status} {}
 
   [[nodiscard]] const Korm::Name& name() const noexcept { return name_; }
   [[nodiscard]] FlowStatus status() const noexcept { return status_(); }

@@ -1,12 +1,12 @@
 // What a flow matches.
 #pragma once
 
+#include <cstdint>
+#include <tuple>
+
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Address.h"
 #include "platform/OpenFlowTable/Types.h"
-
-#include <cstdint>
-#include <tuple>
 
 namespace OpenFlowTable {
 

@@ -1,9 +1,9 @@
 // Small types of the flow tables.
 #pragma once
 
-#include "platform/Korm/BoundedValue.h"
-
 #include <cstdint>
+
+#include "platform/Korm/BoundedValue.h"
 
 namespace OpenFlowTable {
 

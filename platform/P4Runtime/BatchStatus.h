@@ -6,14 +6,14 @@
 // Thread and process rule: the activity thread.
 #pragma once
 
-#include "platform/Korm/Entity.h"
-#include "platform/Korm/HashMap.h"
-#include "platform/P4Runtime/Types.h"
-
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/HashMap.h"
+#include "platform/P4Runtime/Types.h"
 
 namespace P4Runtime {
 

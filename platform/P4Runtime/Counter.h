@@ -1,10 +1,10 @@
 // Counter readers and their registry.
 #pragma once
 
-#include "platform/Korm/Entity.h"
-
 #include <cstdint>
 #include <map>
+
+#include "platform/Korm/Entity.h"
 
 namespace P4Runtime {
 

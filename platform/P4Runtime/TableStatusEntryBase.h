@@ -1,10 +1,10 @@
 // What the status records of all tables have in common.
 #pragma once
 
-#include "platform/P4Runtime/Types.h"
-
 #include <array>
 #include <cstdint>
+
+#include "platform/P4Runtime/Types.h"
 
 namespace P4Runtime {
 
@@ -15,8 +15,8 @@ struct TableStatusEntryBase {
   bool deleted = false;
   std::array<std::uint8_t, 3> reserved{};  // records in shared memory have no padding
 
-  friend bool operator==(const TableStatusEntryBase&, const TableStatusEntryBase&) noexcept =
-      default;
+  friend bool operator==(const TableStatusEntryBase&,
+                         const TableStatusEntryBase&) noexcept = default;
 };
 
 }  // namespace P4Runtime

@@ -1,13 +1,13 @@
 // Time stamps of transactions.
 #pragma once
 
-#include "platform/Korm/Clock.h"
-#include "platform/Korm/Entity.h"
-#include "platform/P4Runtime/Types.h"
-
 #include <array>
 #include <cstdint>
 #include <optional>
+
+#include "platform/Korm/Clock.h"
+#include "platform/Korm/Entity.h"
+#include "platform/P4Runtime/Types.h"
 
 namespace P4Runtime {
 

@@ -1,12 +1,12 @@
 #include "platform/P4Runtime/Types.h"
 
-#include "platform/Korm/Exceptions.h"
-
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <ostream>
 #include <utility>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace P4Runtime {
 namespace {

@@ -1,13 +1,13 @@
 // Identifiers and error codes of the P4Runtime service.
 #pragma once
 
-#include "platform/Korm/Hash.h"
-
 #include <compare>
 #include <cstdint>
 #include <iosfwd>
 #include <string>
 #include <string_view>
+
+#include "platform/Korm/Hash.h"
 
 namespace P4Runtime {
 

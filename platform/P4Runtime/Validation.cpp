@@ -41,9 +41,8 @@ void DefaultValidationHelper::validatePortId(EntryHandle handle, P4PortId portId
                                              const Korm::String& fieldName) {
   if (portId < minPortId || portId > maxPortId) {
     throwEntryErrorException(handle, ErrorCode::invalidArgument_,
-                             fieldName + ": port id " + std::to_string(portId) +
-                                 " is outside " + std::to_string(minPortId) + " to " +
-                                 std::to_string(maxPortId));
+                             fieldName + ": port id " + std::to_string(portId) + " is outside " +
+                                 std::to_string(minPortId) + " to " + std::to_string(maxPortId));
   }
 }
 

@@ -3,12 +3,12 @@
 // Thread and process rule: the activity thread.
 #pragma once
 
+#include <exception>
+#include <string>
+
 #include "platform/Korm/Entity.h"
 #include "platform/P4Runtime/BatchStatus.h"
 #include "platform/P4Runtime/Types.h"
-
-#include <exception>
-#include <string>
 
 namespace P4Runtime {
 

@@ -1,13 +1,13 @@
 // The VRFs that entries use.
 #pragma once
 
+#include <cstdint>
+#include <optional>
+
 #include "platform/Korm/Collection.h"
 #include "platform/Korm/Entity.h"
 #include "platform/P4Runtime/Types.h"
 #include "platform/Vrf/Vrf.h"
-
-#include <cstdint>
-#include <optional>
 
 namespace P4Runtime {
 

@@ -1,15 +1,15 @@
 // The service's tables of ECMP action-profile groups and members.
 #pragma once
 
+#include <array>
+#include <cstdint>
+
 #include "platform/Korm/Address.h"
 #include "platform/Korm/BoundedValue.h"
 #include "platform/Korm/PodArray.h"
 #include "platform/KormVasta/TableEntity.h"
 #include "platform/NexthopGroup/Encap.h"
 #include "platform/P4Runtime/Types.h"
-
-#include <array>
-#include <cstdint>
 
 namespace P4RuntimeRouting {
 
@@ -56,8 +56,8 @@ using LinkLayerWords = std::array<std::uint16_t, 3>;
 [[nodiscard]] constexpr LinkLayerWords toLinkLayerWords(const Korm::EthAddr& address) noexcept {
   LinkLayerWords words{};
   for (std::size_t at = 0; at < words.size(); ++at) {
-    words[at] = static_cast<std::uint16_t>(address.octets[at * 2] << 8U |
-                                           address.octets[at * 2 + 1]);
+    words[at] =
+        static_cast<std::uint16_t>(address.octets[at * 2] << 8U | address.octets[at * 2 + 1]);
   }
   return words;
 }

@@ -1,8 +1,8 @@
 #include "platform/Tessel/Tessel.h"
 
-#include "platform/Korm/Exceptions.h"
-
 #include <algorithm>
+
+#include "platform/Korm/Exceptions.h"
 
 namespace Tessel {
 namespace {

@@ -3,15 +3,15 @@
 // Thread and process rule: the activity thread.
 #pragma once
 
-#include "platform/Korm/Dir.h"
-#include "platform/Korm/Entity.h"
-
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/Korm/Dir.h"
+#include "platform/Korm/Entity.h"
 
 namespace Tessel {
 
@@ -84,9 +84,8 @@ class EntityManager final : public Korm::Entity {
   void typeIs(const std::string& typeName, EntityFactory factory);
   template <class T>
   void typeIs() {
-    typeIs(T::typeName, [](const Korm::Name& name) {
-      return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)};
-    });
+    typeIs(T::typeName,
+           [](const Korm::Name& name) { return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)}; });
   }
 
   // Makes the mounts of the group: creates what is missing where the mode says so. Success when every
