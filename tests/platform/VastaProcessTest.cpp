@@ -1,0 +1,330 @@
+// Writers, readers and followers in processes of their own, with writers killed at any instant.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <map>
+#include <new>
+#include <optional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "VastaTestRecords.h"
+
+namespace VastaTest {
+namespace {
+
+using Vasta::AttachError;
+using Vasta::Reader;
+using Vasta::Table;
+
+// A process of the test; it fails when its work throws.
+class Process {
+ public:
+  explicit Process(const std::function<void()>& work) : id_{::fork()} {
+    if (id_ == 0) {
+      try {
+        work();
+        ::_exit(0);
+      } catch (const std::exception& error) {
+        std::fprintf(stderr, "process %d: %s\n", static_cast<int>(::getpid()), error.what());
+        ::_exit(1);
+      }
+    }
+  }
+  ~Process() {
+    if (id_ > 0) {
+      kill();
+    }
+  }
+  Process(Process&& other) noexcept : id_{std::exchange(other.id_, -1)} {}
+  Process& operator=(Process&&) = delete;
+
+  // Whether it was still there to be killed.
+  bool kill() {
+    ::kill(id_, SIGKILL);
+    return !join();
+  }
+  // Whether it ended well by itself.
+  bool join() {
+    int status = 0;
+    ::waitpid(std::exchange(id_, -1), &status, 0);
+    failed_ = WIFEXITED(status) && WEXITSTATUS(status) != 0;
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+  [[nodiscard]] bool failed() const { return failed_; }
+
+ private:
+  pid_t id_;
+  bool failed_ = false;
+};
+
+void require(bool condition, const std::string& what) {
+  if (!condition) {
+    throw std::runtime_error{what};
+  }
+}
+
+// What the processes know of each other. A key's version counts its changes; it is absent at version 0
+// and at every fourth one after.
+constexpr std::uint64_t keys = 6'000;
+struct Journal {
+  std::atomic<bool> stop{false};
+  std::atomic<bool> drained{false};
+  std::atomic<std::uint64_t> commits{0};
+  std::atomic<std::uint64_t> looks{0};
+  std::atomic<std::uint64_t> opened{0};
+  std::array<std::atomic<std::uint64_t>, keys> started{};
+  std::array<std::atomic<std::uint64_t>, keys> done{};
+
+  static bool isAbsentAt(std::uint64_t version) { return version % 4 == 0; }
+};
+
+class SharedJournal {
+ public:
+  SharedJournal()
+      : memory_{::mmap(nullptr, sizeof(Journal), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                       -1, 0)},
+        journal_{new (memory_) Journal} {}
+  ~SharedJournal() { ::munmap(memory_, sizeof(Journal)); }
+  SharedJournal(const SharedJournal&) = delete;
+  SharedJournal& operator=(const SharedJournal&) = delete;
+  Journal* operator->() const { return journal_; }
+  Journal& operator*() const { return *journal_; }
+
+ private:
+  void* const memory_;
+  Journal* const journal_;
+};
+
+// Every committed change must be there, and nothing but the one under way may be besides.
+void reconcile(const Table<Route>& table, Journal& journal) {
+  int underWay = 0;
+  std::uint64_t present = 0;
+  for (std::uint64_t prefix = 0; prefix < keys; ++prefix) {
+    const std::uint64_t started = journal.started[prefix];
+    std::uint64_t done = journal.done[prefix];
+    const Route* route = table.find(prefix);
+    const auto matches = [&](std::uint64_t version) {
+      return Journal::isAbsentAt(version) ? route == nullptr
+                                          : route != nullptr && route->version == version;
+    };
+    underWay += started != done ? 1 : 0;
+    if (started != done && !matches(done)) {
+      done = started;
+    }
+    require(matches(done), "key " + std::to_string(prefix) + " is not at version " +
+                               std::to_string(done) + " but " +
+                               (route != nullptr ? std::to_string(route->version) : "absent"));
+    require(route == nullptr || route->isWhole(), "a torn record");
+    journal.started[prefix] = done;
+    journal.done[prefix] = done;
+    present += route != nullptr ? 1 : 0;
+  }
+  require(underWay <= 1, "more than one change under way");
+  require(present == table.size(), "the size is wrong");
+}
+
+void changeOne(Table<Route>& table, Journal& journal, std::uint64_t prefix) {
+  const std::uint64_t version = journal.done[prefix] + 1;
+  journal.started[prefix] = version;
+  if (Journal::isAbsentAt(version)) {
+    require(table.del(prefix, nullptr), "a record to be removed is missing");
+  } else if (version % 4 == 2) {
+    Route* staging = table.edit(prefix);
+    require(staging != nullptr, "a record to be edited is missing");
+    *staging = Route::of(prefix, version);
+    require(table.commit(staging), "an edit was not committed");
+  } else {
+    table.is(Route::of(prefix, version));
+  }
+  journal.done[prefix] = version;
+  ++journal.commits;
+}
+
+// Opens the table, whoever had it before, and changes it until it is killed or told to stop. The keys
+// in use become more and more, so that rows and index grow.
+void write(const TableName& name, Journal& journal, std::uint64_t seed) {
+  Table<Route> table{{.name = "routes", .shmName = *name, .feedCapacity = 512}};
+  require(table.corruptionCount() == 0, table.lastCorruption());
+  const auto violation = table.verify();
+  require(!violation, violation.value_or(""));
+  reconcile(table, journal);
+  ++journal.opened;
+  std::mt19937_64 random{seed};
+  while (!journal.stop) {
+    const std::uint64_t inUse = std::min(keys, 64 + journal.commits / 2);
+    changeOne(table, journal, random() % inUse);
+  }
+  require(!table.verify(), "the table is broken at the end");
+}
+
+// Retries while there is no table yet.
+std::optional<Reader<Route>> attach(const TableName& name, const Journal& journal) {
+  while (!journal.stop) {
+    try {
+      return std::optional<Reader<Route>>{std::in_place, *name};
+    } catch (const AttachError& error) {
+      require(error.failure() == Vasta::AttachFailure::missing ||
+                  error.failure() == Vasta::AttachFailure::notReady,
+              error.what());
+    }
+  }
+  return std::nullopt;
+}
+
+// Looks keys up: what was committed before a look must show in it, and versions never go back.
+void lookUp(const TableName& name, Journal& journal, std::uint64_t seed) {
+  auto reader = attach(name, journal);
+  std::mt19937_64 random{seed};
+  std::array<std::uint64_t, keys> seen{};
+  while (reader && !journal.stop) {
+    const std::uint64_t prefix = random() % std::min(keys, 64 + journal.commits.load() / 2);
+    const std::uint64_t least = std::max<std::uint64_t>(journal.done[prefix], seen[prefix]);
+    const auto route = reader->find(prefix);
+    const std::uint64_t most = journal.started[prefix];
+    if (route) {
+      require(route->isWhole() && route->prefix == prefix, "a reader saw a torn record");
+      require(least <= route->version && route->version <= most,
+              "key " + std::to_string(prefix) + " read at version " +
+                  std::to_string(route->version) + ", committed " + std::to_string(least) +
+                  ", begun " + std::to_string(most));
+      seen[prefix] = route->version;
+    } else {
+      bool mayBeAbsent = false;
+      for (std::uint64_t version = least; version <= most; ++version) {
+        mayBeAbsent = mayBeAbsent || Journal::isAbsentAt(version);
+      }
+      require(mayBeAbsent, "key " + std::to_string(prefix) + " was missed");
+    }
+    ++journal.looks;
+  }
+}
+
+// Mirrors the table by its feed, and compares at the end.
+void follow(const TableName& name, Journal& journal) {
+  auto reader = attach(name, journal);
+  require(reader.has_value(), "no table to follow");
+  Vasta::FeedCursor cursor;
+  std::map<std::uint32_t, Route> rows;
+  const auto take = [&rows](const Vasta::RowChange& change, const Route& route) {
+    require(route.isWhole(), "a follower saw a torn record");
+    if (change.live) {
+      rows[change.row] = route;
+    } else {
+      rows.erase(change.row);
+    }
+  };
+  int fellBehind = 0;
+  while (!journal.drained) {
+    fellBehind += reader->follow(cursor, take).fellBehind ? 1 : 0;
+    std::this_thread::sleep_for(std::chrono::microseconds{cursor.sequence % 7 == 0 ? 3'000 : 50});
+  }
+  reader->follow(cursor, take);
+  std::map<std::uint64_t, Route> mirrored;
+  for (const auto& [row, route] : rows) {
+    mirrored[route.prefix] = route;
+  }
+  std::map<std::uint64_t, Route> present;
+  reader->forEach([&present](const Route& route) { present[route.prefix] = route; });
+  require(mirrored == present && rows.size() == present.size(), "the mirror differs");
+  require(fellBehind > 0, "the follower never fell behind");
+}
+
+void waitFor(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{20};
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::microseconds{100});
+  }
+}
+
+TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
+  constexpr int rounds = threadSanitized ? 3 : 6;
+  constexpr int killsPerRound = threadSanitized ? 10 : 20;
+  std::mt19937_64 random{1234};
+  int kills = 0;
+  for (int round = 0; round < rounds; ++round) {
+    const TableName name;
+    const SharedJournal journal;
+    std::vector<Process> readers;
+    for (const std::uint64_t seed : {1, 2}) {
+      readers.emplace_back([&, seed] { lookUp(name, *journal, seed); });
+    }
+    readers.emplace_back([&] { follow(name, *journal); });
+    for (int kill = 0; kill < killsPerRound; ++kill) {
+      const std::uint64_t opened = journal->opened;
+      Process writer{[&] { write(name, *journal, random()); }};
+      // Some die while they open the table, most while they change it.
+      if (kill % 4 != 3) {
+        waitFor([&] { return journal->opened != opened; });
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds{random() % 12'000});
+      kills += writer.kill() ? 1 : 0;
+      ASSERT_FALSE(writer.failed());
+    }
+    const std::uint64_t opened = journal->opened;
+    Process writer{[&] { write(name, *journal, 7); }};
+    waitFor([&] { return journal->opened != opened; });
+    journal->stop = true;
+    EXPECT_TRUE(writer.join());
+    journal->drained = true;
+    for (Process& reader : readers) {
+      EXPECT_TRUE(reader.join());
+    }
+    EXPECT_GT(journal->looks, 100U);
+    Table<Route> table{name.options()};
+    EXPECT_EQ(table.verify().value_or("none"), "none");
+    EXPECT_NO_THROW(reconcile(table, *journal));
+  }
+  EXPECT_EQ(kills, rounds * killsPerRound);
+}
+
+TEST(VastaProcesses, AWriterKilledWhileItCreatesOrRemovesLeavesNothingInTheWay) {
+  const TableName name;
+  std::mt19937_64 random{99};
+  for (int kill = 0; kill < (threadSanitized ? 15 : 60); ++kill) {
+    Process writer{[&] {
+      for (;;) {
+        Table<Route> table{name.options(true)};
+        require(table.size() == 0 && !table.find(1), "not the table that was created");
+        table.is(Route::of(1, 1));
+      }
+    }};
+    std::this_thread::sleep_for(std::chrono::microseconds{random() % 3'000});
+    ASSERT_TRUE(writer.kill());
+    Table<Route> table{name.options(true)};
+    ASSERT_EQ(table.verify().value_or("none"), "none");
+    table.is(Route::of(1, 1));
+    ASSERT_EQ(Reader<Route>{*name}.find(1), Route::of(1, 1));
+  }
+}
+
+TEST(VastaProcesses, TheWriterOfAnotherProcessKeepsThisOneOut) {
+  const TableName name;
+  const SharedJournal journal;
+  Process writer{[&] {
+    const Table<Route> table{name.options()};
+    ++journal->opened;
+    waitFor([&] { return journal->stop.load(); });
+  }};
+  waitFor([&] { return journal->opened != 0; });
+  EXPECT_THROW(Table<Route>{name.options()}, AttachError);
+  EXPECT_FALSE(Vasta::removeTable(*name));
+  ASSERT_TRUE(writer.kill());
+  EXPECT_EQ(Table<Route>{name.options()}.epoch(), 2U);
+}
+
+}  // namespace
+}  // namespace VastaTest
