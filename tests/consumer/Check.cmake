@@ -28,11 +28,10 @@ if(PLATFORM)
   file(COPY_FILE "${PLATFORM}" "${vendor}/libvendor-platform.a")
   list(APPEND options "-DVendorPlatform_DIR=${vendor}")
 
-  run("${CMAKE_COMMAND}" -S "${SOURCE}" -B "${WORK}/ostra" ${options}
-      -DOSTRA_PLATFORM_TARGET=vendor::platform -DOSTRA_PLATFORM_PACKAGE=VendorPlatform
-      -DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O0)
-  run("${CMAKE_COMMAND}" --build "${WORK}/ostra" --parallel 2)
-  set(BUILD "${WORK}/ostra")
+  run("${CMAKE_COMMAND}" -S "${consumer}/integrator" -B "${WORK}/integrator" ${options}
+      "-DOSTRA_SOURCE=${SOURCE}" "-DVENDOR=${vendor}" -DCMAKE_CXX_FLAGS=-O0)
+  run("${CMAKE_COMMAND}" --build "${WORK}/integrator" --parallel 2)
+  set(BUILD "${WORK}/integrator")
 endif()
 
 run("${CMAKE_COMMAND}" --install "${BUILD}" --prefix "${prefix}" --component Development)
