@@ -1,0 +1,222 @@
+#include "Ostra/OstraStatus.h"
+
+#include <ostream>
+#include <utility>
+
+namespace Ostra {
+namespace {
+
+using Korm::StrepReader;
+
+P4Runtime::ErrorCode readErrorCode(StrepReader& reader) {
+  return reader.attribute("errorCode", P4Runtime::parseErrorCode);
+}
+
+// Writes one attribute from a text that holds its value and nothing else.
+template <auto member, auto read>
+void write(OstraStatusEntry& entry, const std::string& text) {
+  auto current = text.begin();
+  StrepReader reader{current, text.end()};
+  const auto value = read(reader);
+  if (!reader.atEnd()) {
+    reader.fail("the end of the value");
+  }
+  entry.*member = value;
+}
+
+constexpr std::array<Korm::GenericAttribute<OstraStatusEntry>, 5> attributes{{
+    {"genId", [](const OstraStatusEntry& entry) { return Korm::strep(entry.genId); },
+     write<&OstraStatusEntry::genId,
+           [](StrepReader& reader) { return reader.unsignedAttribute("genId"); }>},
+    {"entryHandle",
+     [](const OstraStatusEntry& entry) { return Korm::strep(std::uint64_t{entry.entryHandle}); },
+     write<&OstraStatusEntry::entryHandle,
+           [](StrepReader& reader) { return reader.unsignedAttribute("entryHandle"); }>},
+    {"errorCode",
+     [](const OstraStatusEntry& entry) { return P4Runtime::errorCodeText(entry.errorCode); },
+     write<&OstraStatusEntry::errorCode, readErrorCode>},
+    {"deleted", [](const OstraStatusEntry& entry) { return Korm::strep(entry.deleted); },
+     write<&OstraStatusEntry::deleted,
+           [](StrepReader& reader) { return reader.boolAttribute("deleted"); }>},
+    {"key", [](const OstraStatusEntry& entry) { return entry.key().valueToStrep(); }, nullptr},
+}};
+
+}  // namespace
+
+OstraStatusEntry::OstraStatusEntry(std::string::const_iterator& current,
+                                   std::string::const_iterator end) {
+  StrepReader reader{current, end};
+  reader.literal("Value('Ostra::OstraStatusEntry', ** {");
+  reader.literal("'genId': ");
+  genId = reader.unsignedAttribute("genId");
+  reader.literal(", 'entryHandle': ");
+  entryHandle = reader.unsignedAttribute("entryHandle");
+  reader.literal(", 'errorCode': ");
+  errorCode = readErrorCode(reader);
+  reader.literal(", 'deleted': ");
+  deleted = reader.boolAttribute("deleted");
+  reader.literal(", 'key': ");
+  key_ = reader.attribute("key", [](auto& at, auto stop) { return OstraKey{at, stop}; });
+  reader.literal("})");
+}
+
+std::string OstraStatusEntry::valueToStrep() const {
+  std::string text = "Value('Ostra::OstraStatusEntry', ** ";
+  const char* separator = "{'";
+  for (const auto& attribute : attributes) {
+    text.append(separator).append(attribute.name).append("': ").append(attribute.read(*this));
+    separator = ", '";
+  }
+  return text + "})";
+}
+
+std::ostream& operator<<(std::ostream& out, const OstraStatusEntry& entry) {
+  return out << entry.valueToStrep();
+}
+
+std::span<const Korm::GenericAttribute<OstraStatusEntry>>
+OstraStatusEntry::genericAttributes() noexcept {
+  return attributes;
+}
+
+OstraStatusZeroReferencesNotifiee::OstraStatusZeroReferencesNotifiee(OstraStatus& status)
+    : status_{status} {
+  status.zeroReferencesNotifiees().attach(*this);
+}
+
+void OstraStatusZeroReferencesNotifiee::onAttribute() {
+  if (const auto& control = status_.tableControl()) {
+    control->entityIs(&status_);
+    // The control goes here unless somebody else holds it, and with it the reference that it was given.
+    status_.tableControlIs(nullptr);
+  }
+  detach();
+}
+
+OstraStatus::OstraStatus(Korm::Name name)
+    : NamedEntity{std::move(name)},
+      tableIsCount_{counters_.counter("tableIs")},
+      tableDelCount_{counters_.counter("tableDel")},
+      tableNotifyCount_{counters_.counter("tableNotify")},
+      binding_{"table", *this},
+      tableControl_{Korm::makePtr<KormVasta::CollectionControl>()},
+      zeroReferencesNotifiee_{*this} {}
+
+// Makes a change whose corruption goes to the corruption handler. A corruption that an observer throws once
+// it has been told is no concern of this table and leaves.
+template <class Change>
+void OstraStatus::changeTable(Change change) {
+  const auto told = tableNotifyCount_;
+  try {
+    change(binding_.table());
+  } catch (const Vasta::Corruption& corruption) {
+    if (tableNotifyCount_ != told) {
+      throw;
+    }
+    binding_.table().reportCorruption(corruption.what());
+  }
+}
+
+void OstraStatus::tableIs(const OstraStatusEntry& entry) {
+  ++tableIsCount_;
+  changeTable([&entry](Table& table) { table.is(entry); });
+}
+
+OstraStatusEntry OstraStatus::tableDel(const OstraKey& key) {
+  ++tableDelCount_;
+  OstraStatusEntry removed;
+  changeTable([&key, &removed](Table& table) { table.del(key, &removed); });
+  return removed;
+}
+
+void OstraStatus::tableDelAll() {
+  Vasta::Hint hint;
+  for (bool more = true; more;) {
+    changeTable([this, &hint, &more](Table& table) {
+      const OstraStatusEntry* const row = table.next(hint);
+      more = row != nullptr;
+      if (more) {
+        tableDel(OstraKey{row->key()});
+      }
+    });
+  }
+}
+
+OstraStatusEntry* OstraStatus::tableEdit(const OstraKey& key) {
+  OstraStatusEntry* staging = nullptr;
+  changeTable([&key, &staging](Table& table) { staging = table.edit(key); });
+  return staging;
+}
+
+void OstraStatus::tableCommit(const OstraStatusEntry* entry) {
+  ++tableIsCount_;
+  changeTable([entry](Table& table) { table.commit(entry); });
+}
+
+void OstraStatus::tableNotify(const OstraKey& key) {
+  ++tableNotifyCount_;
+  notifiees_.notify(key);
+}
+
+void OstraStatus::tableNotifyQuiesced(bool quiesced) {
+  if (tableControl_) {
+    tableControl_->quiescedIs(quiesced);
+  }
+}
+
+void OstraStatus::tableNotifyMountStatus() {
+  if (tableControl_) {
+    tableControl_->mountStateIs(binding_.table().mountState());
+  }
+}
+
+void OstraStatus::tableControlIs(Korm::Ptr<KormVasta::CollectionControl> control) {
+  if (tableControl_ != control) {
+    tableControl_ = std::move(control);
+  }
+}
+
+const Korm::Ptr<OstraStatus>& OstraStatusTableColl::ostraStatus(std::uint8_t index) const noexcept {
+  Korm::assertTrue(index < slots, "a status table slot is less than 16");
+  return ostraStatus_[index];
+}
+
+void OstraStatusTableColl::ostraStatusIs(std::uint8_t index, Korm::Ptr<OstraStatus> status) {
+  Korm::assertTrue(index < slots, "a status table slot is less than 16");
+  if (ostraStatus_[index] != status) {
+    ostraStatus_[index] = std::move(status);
+    ostraStatusNotifiees_.notify(FlowTableIndex{index});
+  }
+}
+
+Korm::Ptr<OstraStatus> OstraStatusTableColl::ostraStatusDel(std::uint8_t index) {
+  Korm::Ptr<OstraStatus> removed = ostraStatus(index);
+  ostraStatusIs(index, nullptr);
+  return removed;
+}
+
+void OstraStatusTableColl::ostraStatusDelAll() {
+  for (std::uint8_t index = 0; index < slots; ++index) {
+    ostraStatusIs(index, nullptr);
+  }
+}
+
+Korm::Ptr<OstraStatus> ostraStatusFactory(Korm::Name name) {
+  auto status = Korm::makePtr<OstraStatus>(std::move(name));
+  status->hasNotificationActiveIs(true);
+  return status;
+}
+
+Korm::Ptr<OstraStatusTableColl> ostraStatusTableCollFactory(Korm::Name name) {
+  auto coll = Korm::makePtr<OstraStatusTableColl>(std::move(name));
+  coll->hasNotificationActiveIs(true);
+  return coll;
+}
+
+Korm::Ptr<OstraStatusInfo> ostraStatusInfoFactory() {
+  auto info = Korm::makePtr<OstraStatusInfo>();
+  info->hasNotificationActiveIs(true);
+  return info;
+}
+
+}  // namespace Ostra
