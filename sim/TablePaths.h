@@ -1,0 +1,35 @@
+// Where the service's tables stand in the state database, and thereby under which segment names another
+// process finds them: KormVasta::segmentName(prefix, path).
+//
+// Thread and process rule: constants and functions without state.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "Ostra/OstraTypes.h"
+
+namespace Sim {
+
+// The flow tables that have a state machine in the library: indexes 0 to flowTables - 1. The last slot of
+// the collection of tables stays empty.
+inline constexpr std::uint8_t flowTables = Ostra::FlowTableIndex::max;
+
+// The directories of the tables, under each of which an entity is named after its index in decimal.
+inline constexpr std::string_view flowTableDir = "p4runtime/flowTable";
+inline constexpr std::string_view flowStatusDir = "p4runtime/flowStatus";
+// The tables' entities.
+inline constexpr std::string_view memberTableEntity = "p4runtime/ecmpMember";
+inline constexpr std::string_view groupTableEntity = "p4runtime/ecmpGroup";
+inline constexpr std::string_view encapTableEntity = "routing/l2nexthopgroup/ipv4EncapTable";
+
+// The paths of the tables of those entities: records of Ostra::OstraConfigEntry, Ostra::OstraStatusEntry,
+// P4RuntimeRouting::NexthopInfo, P4RuntimeRouting::EcmpMemberList and NexthopGroup::EncapEntry.
+[[nodiscard]] std::string flowTablePath(std::uint8_t index);
+[[nodiscard]] std::string flowStatusTablePath(std::uint8_t index);
+[[nodiscard]] std::string memberTablePath();
+[[nodiscard]] std::string groupTablePath();
+[[nodiscard]] std::string encapTablePath();
+
+}  // namespace Sim
