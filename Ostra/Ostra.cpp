@@ -87,7 +87,7 @@ OstraContext::~OstraContext() {
 void OstraContext::doMounts(Tessel::MountGroup& mountGroup) {
   traceMounts();
   for (const MountRecord& record : mounts) {
-    Tessel::Mount mount{.path = record.path, .typeName = record.typeName};
+    Tessel::Mount mount{.path = record.path, .typeName = record.typeName, .flags = {}};
     mount.flags.parse(record.mode);
     mountGroup.mountIs(std::move(mount));
   }
