@@ -25,6 +25,9 @@ struct RingReader::RawRecord {
 
 namespace {
 
+// Stands for what the dictionary does not tell.
+constexpr char unknownMark = '?';
+
 // Takes the words of a record apart, whatever is in them.
 class PayloadReader {
  public:
@@ -267,8 +270,8 @@ DecodedRecord RingReader::decode(const RawRecord& raw) {
     record.format = text->format;
   } else {
     record.described = false;
-    record.unit = "?";
-    record.function = "?";
+    record.unit.assign(1, unknownMark);
+    record.function.assign(1, unknownMark);
   }
   PayloadReader payload(std::span(raw.words).subspan(detail::payloadWord));
   for (Word kinds = control >> detail::kindsShift; kinds != 0; kinds >>= detail::kindBits) {
