@@ -123,7 +123,7 @@ void Segment::refreshSize() {
 
 void Segment::map(Access access, std::size_t reserve) {
   const int protection = access == Access::readOnly_ ? PROT_READ : PROT_READ | PROT_WRITE;
-  const std::size_t least = roundUpToPage(std::max(size_, pageSize));
+  const std::size_t least = roundUpToPage(std::max(size(), pageSize));
   for (std::size_t bytes = std::max(roundUpToPage(reserve), least);;
        bytes = std::max(roundUpToPage(bytes / 2), least)) {
     void* address = ::mmap(nullptr, bytes, protection, MAP_SHARED | MAP_NORESERVE, descriptor_, 0);
@@ -144,23 +144,24 @@ Segment::~Segment() {
 }
 
 void Segment::grow(std::size_t bytes) {
+  const std::size_t present = size();
   const std::size_t target = roundUpToPage(bytes);
-  if (target <= size_) {
+  if (target <= present) {
     return;
   }
   if (target > mapped_) {
     throwSystemError(ENOMEM, table_, "grow shared memory");
   }
-  if (const int error = allocate(descriptor_, size_, target); error != 0) {
+  if (const int error = allocate(descriptor_, present, target); error != 0) {
     throwSystemError(error, table_, "grow shared memory");
   }
   // Only saves the page faults of the first writes: a system that cannot do it is no worse off.
-  ::madvise(reinterpret_cast<std::byte*>(words_) + size_, target - size_, MADV_POPULATE_WRITE);
+  ::madvise(reinterpret_cast<std::byte*>(words_) + present, target - present, MADV_POPULATE_WRITE);
   size_ = target;
 }
 
 void Segment::shrink(std::size_t bytes) noexcept {
-  if (bytes < size_ && ::ftruncate(descriptor_, static_cast<off_t>(bytes)) == 0) {
+  if (bytes < size() && ::ftruncate(descriptor_, static_cast<off_t>(bytes)) == 0) {
     size_ = bytes;
   }
 }

@@ -8,6 +8,7 @@
 // size() may be touched although it may be mapped.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -60,7 +61,7 @@ class Segment {
   Segment& operator=(const Segment&) = delete;
 
   [[nodiscard]] std::uint64_t* words() const noexcept { return words_; }
-  [[nodiscard]] std::size_t size() const noexcept { return size_; }
+  [[nodiscard]] std::size_t size() const noexcept { return size_.load(std::memory_order_relaxed); }
   [[nodiscard]] std::size_t mapped() const noexcept { return mapped_; }
   // size() is what it was at open() while another process grows the object; this looks again.
   void refreshSize();
@@ -90,8 +91,9 @@ class Segment {
   const int descriptor_;
   std::uint64_t* words_ = nullptr;
   std::size_t mapped_ = 0;
-  std::size_t size_ = 0;
   std::uint64_t identity_ = 0;
+  // The owner's thread; readers in its process look at it.
+  std::atomic<std::size_t> size_{0};
 };
 
 }  // namespace Vasta

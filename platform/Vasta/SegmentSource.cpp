@@ -13,8 +13,10 @@ std::shared_ptr<Segment> NamedSegments::header() {
   return Segment::open(names_.header(), Segment::Access::readOnly_, 0, shmName_);
 }
 
-std::shared_ptr<Segment> NamedSegments::rows() {
-  return Segment::open(names_.rows(), Segment::Access::readOnly_, rowsReservation, shmName_);
+std::shared_ptr<Segment> NamedSegments::rows(std::size_t least) {
+  std::shared_ptr<Segment> segment =
+      Segment::open(names_.rows(), Segment::Access::readOnly_, rowsReservation, shmName_);
+  return segment != nullptr && segment->size() >= least ? segment : nullptr;
 }
 
 std::shared_ptr<Segment> NamedSegments::index(std::uint64_t& generation) {

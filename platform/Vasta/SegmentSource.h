@@ -5,6 +5,7 @@
 // NamedSegments belong to one reader.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -21,7 +22,8 @@ class SegmentSource {
   [[nodiscard]] virtual const std::string& name() const noexcept = 0;
   // Null when there is no such segment. May throw std::system_error.
   [[nodiscard]] virtual std::shared_ptr<Segment> header() = 0;
-  [[nodiscard]] virtual std::shared_ptr<Segment> rows() = 0;
+  // Null also when it is shorter than `least` bytes.
+  [[nodiscard]] virtual std::shared_ptr<Segment> rows(std::size_t least) = 0;
   // The index of this generation, or a later one, which `generation` becomes; null when it was replaced
   // meanwhile. The writer leaves the segment alone for as long as the pointer is held.
   [[nodiscard]] virtual std::shared_ptr<Segment> index(std::uint64_t& generation) = 0;
@@ -33,7 +35,7 @@ class NamedSegments : public SegmentSource {
   explicit NamedSegments(std::string shmName);
   [[nodiscard]] const std::string& name() const noexcept override { return shmName_; }
   [[nodiscard]] std::shared_ptr<Segment> header() override;
-  [[nodiscard]] std::shared_ptr<Segment> rows() override;
+  [[nodiscard]] std::shared_ptr<Segment> rows(std::size_t least) override;
   [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
 
  private:
@@ -47,7 +49,7 @@ class LocalSegments : public SegmentSource {
   LocalSegments(std::string table, std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows);
   [[nodiscard]] const std::string& name() const noexcept override { return table_; }
   [[nodiscard]] std::shared_ptr<Segment> header() override { return header_; }
-  [[nodiscard]] std::shared_ptr<Segment> rows() override { return rows_; }
+  [[nodiscard]] std::shared_ptr<Segment> rows(std::size_t) override { return rows_; }
   [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
 
   // From now on `segment` is the index; the previous one is handed out no more.

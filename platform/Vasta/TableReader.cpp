@@ -52,13 +52,12 @@ TableReader::TableReader(std::shared_ptr<SegmentSource> source, const RecordLayo
 }
 
 void TableReader::attachRows() {
-  rows_ = source_->rows();
+  // The writer allocates rows before it counts them, so there are at least as many as are counted.
+  rows_ = source_->rows(geometry_.bytesForRows(header(Header::rowCount_)));
   if (rows_ == nullptr || rows_->identity() != header(Header::identity_)) {
     throw AttachError{AttachFailure::missing, source_->name(),
-                      "it was removed while it was being attached"};
+                      "its rows are missing, or were removed while it was being attached"};
   }
-  // The writer allocates rows before it counts them.
-  rows_->refreshSize();
 }
 
 std::uint64_t TableReader::header(std::size_t word) const noexcept {
