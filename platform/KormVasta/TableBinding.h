@@ -90,6 +90,9 @@ class TableBinding final : private Vasta::TableObserver<R> {
       named->is(*record);
     }
     named->mountStateIs(table_->mountState());
+    if (table_->isQuiesced()) {
+      named->quiesce();
+    }
     table_->observerIs(nullptr);
     table_ = std::move(named);
     table_->observerIs(this);
