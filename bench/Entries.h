@@ -1,0 +1,79 @@
+// Flow entries for the benchmarks: realistic, varied, and the same in every run.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <numeric>
+#include <random>
+#include <vector>
+
+#include "Ostra/OstraTypes.h"
+
+namespace Bench {
+
+inline constexpr std::uint32_t vrfs = 64;
+inline constexpr std::uint32_t ports = 128;
+
+// The n-th entry: a mix of IPv4 prefixes, IPv6 hosts, layer-2 stations and transport flows, some of
+// which are placed in a VRF. Entries differ in their match.
+inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
+  using Korm::Ip4Addr;
+  using Korm::Ip6Addr;
+  using Korm::IpAddr;
+  const auto byte = [n](unsigned at) { return static_cast<std::uint8_t>(n >> (8 * at)); };
+  Ostra::OstraConfigEntry entry;
+  Ostra::OstraKey& key = entry.flowKey;
+  key.priorityIs(static_cast<std::int32_t>(n % 1000));
+  switch (n % 4) {
+    case 0:
+      key.etherTypeIs(0x0800, 0xFFFF);
+      key.ip4DstIs(IpAddr{Ip4Addr{{byte(0), byte(1), byte(2), byte(3)}}},
+                   IpAddr::prefixMask(Korm::AddressFamily::ipv4_, 32));
+      key.dscpIs(static_cast<std::uint8_t>(n % 64), 0x3F);
+      break;
+    case 1:
+      key.etherTypeIs(0x86DD, 0xFFFF);
+      key.ip6SrcIs(IpAddr{Ip6Addr{{0x20, 0x01, 0x0D, 0xB8, byte(0), byte(1), byte(2), byte(3)}}},
+                   IpAddr::prefixMask(Korm::AddressFamily::ipv6_, 128));
+      key.nextHeaderIs(6, 0xFF);
+      break;
+    case 2:
+      key.ethDstIs({{2, 0, byte(0), byte(1), byte(2), byte(3)}}, Korm::EthAddr::allOnes());
+      key.vlanIdIs(static_cast<std::uint16_t>(n % 4095), 0x0FFF);
+      break;
+    default:
+      key.etherTypeIs(0x0800, 0xFFFF);
+      key.ip4SrcIs(IpAddr{Ip4Addr{{10, byte(2), byte(3), 0}}},
+                   IpAddr::prefixMask(Korm::AddressFamily::ipv4_, 24));
+      key.ip4ProtocolIs(17, 0xFF);
+      key.l4DstPortIs(static_cast<std::uint16_t>(n), 0xFFFF);
+      key.l4SrcPortIs(static_cast<std::uint16_t>(n >> 16), 0xFFFF);
+      break;
+  }
+  entry.entryHandle = std::uint64_t{n} + 1;
+  entry.entryId = n + 1;
+  entry.outputPortIs(1 + n % ports);
+  entry.actions.uncheckedTrafficClassIs(static_cast<std::uint8_t>(n % 8), n % 2 == 0);
+  entry.vrfGiven = n % 4 == 0;
+  entry.vrfId = n % vrfs;
+  return entry;
+}
+
+// 0 to count - 1 in a random order that is the same in every run.
+inline std::vector<std::uint32_t> shuffled(std::size_t count, std::uint32_t seed = 1) {
+  std::vector<std::uint32_t> order(count);
+  std::iota(order.begin(), order.end(), 0U);
+  std::shuffle(order.begin(), order.end(), std::mt19937{seed});
+  return order;
+}
+
+inline std::vector<Ostra::OstraConfigEntry> makeEntries(std::size_t count) {
+  std::vector<Ostra::OstraConfigEntry> entries;
+  entries.reserve(count);
+  for (std::uint32_t n = 0; n < count; ++n) {
+    entries.push_back(makeEntry(n));
+  }
+  return entries;
+}
+
+}  // namespace Bench

@@ -1,0 +1,112 @@
+// The floor: bare bookkeeping of the same flows in two standard hash maps.
+
+#include <array>
+#include <cstring>
+#include <string>
+#include <unordered_map>
+
+#include "Ostra/FlowUtil.h"
+#include "bench/Entries.h"
+#include "bench/Measure.h"
+#include "platform/Korm/Hash.h"
+
+namespace Bench {
+namespace {
+
+struct Record {
+  std::array<std::byte, 320> bytes{};
+};
+
+struct Key {
+  std::array<std::byte, 256> bytes{};
+  friend bool operator==(const Key& a, const Key& b) noexcept {
+    return std::memcmp(&a, &b, sizeof(Key)) == 0;
+  }
+};
+struct KeyHash {
+  std::size_t operator()(const Key& key) const noexcept {
+    return Korm::hashBytes(&key, sizeof(key), 0);
+  }
+};
+
+struct Flow {
+  std::string name;
+  Key key;
+};
+
+struct Floor {
+  explicit Floor(std::size_t count) : order{shuffled(count)} {
+    flows.reserve(count);
+    for (std::uint32_t n = 0; n < count; ++n) {
+      const Ostra::OstraConfigEntry entry = makeEntry(n);
+      Flow flow{Ostra::buildFlowName(entry.entryHandle), {}};
+      // The match alone: the placement before it is the same, or follows from it.
+      const auto* const end = reinterpret_cast<const std::byte*>(&entry.flowKey + 1);
+      std::memcpy(flow.key.bytes.data(), end - sizeof(flow.key), sizeof(flow.key));
+      flows.push_back(flow);
+    }
+  }
+  void write(std::uint32_t n, const Record& record) {
+    records.insert_or_assign(flows[n].name, record);
+    handles.insert_or_assign(flows[n].key, n);
+  }
+  void writeAll(const std::vector<std::uint32_t>& in, const Record& record) {
+    for (const std::uint32_t n : in) {
+      write(n, record);
+    }
+  }
+
+  std::vector<std::uint32_t> order;
+  std::vector<Flow> flows;
+  std::unordered_map<std::string, Record> records;
+  std::unordered_map<Key, std::uint64_t, KeyHash> handles;
+};
+
+void floorInsert(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    Floor floor{count};
+    timeEach(state, count, [&] { floor.writeAll(floor.order, {}); });
+    require(floor.records.size() == count && floor.handles.size() == count, "floor insert");
+  }
+}
+
+void floorOverwrite(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto order = shuffled(count, 2);
+  Record changed;
+  changed.bytes[7] = std::byte{1};
+  for (auto _ : state) {
+    Floor floor{count};
+    floor.writeAll(floor.order, {});
+    timeEach(state, count, [&] { floor.writeAll(order, changed); });
+    require(floor.records.at(floor.flows[count / 2].name).bytes[7] == std::byte{1},
+            "floor overwrite");
+  }
+}
+
+void floorDelete(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto order = shuffled(count, 2);
+  for (auto _ : state) {
+    Floor floor{count};
+    floor.writeAll(floor.order, {});
+    timeEach(state, count, [&] {
+      for (const std::uint32_t n : order) {
+        floor.records.erase(floor.flows[n].name);
+        floor.handles.erase(floor.flows[n].key);
+      }
+    });
+    require(floor.records.empty() && floor.handles.empty(), "floor delete");
+  }
+}
+
+const bool registered = [] {
+  registerSizes("BM_FloorInsert", floorInsert);
+  registerSizes("BM_FloorOverwrite", floorOverwrite);
+  registerSizes("BM_FloorDelete", floorDelete);
+  return true;
+}();
+
+}  // namespace
+}  // namespace Bench

@@ -1,0 +1,204 @@
+// The library's share of a flow write: from the changed key, whose row is in the table already, to the
+// return of handleFlowConfig.
+
+#include "Ostra/FlowUtil.h"
+#include "bench/Library.h"
+#include "bench/Measure.h"
+
+namespace Bench {
+namespace {
+
+// A state machine over a table whose changes it is told one by one, by the benchmark.
+struct FlowSide {
+  explicit FlowSide(std::size_t count)
+      : entries{makeEntries(count)}, order{shuffled(count)}, sm{library.makeSm()} {
+    sm->hasNotificationActiveIs(false);
+  }
+
+  void store() {
+    for (const auto& entry : entries) {
+      library.table->entryIs(entry);
+    }
+  }
+  void handle(const std::vector<std::uint32_t>& in) {
+    for (const std::uint32_t n : in) {
+      sm->handleFlowConfig(entries[n].flowKey);
+    }
+  }
+  [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
+
+  Library library;
+  std::vector<Ostra::OstraConfigEntry> entries;
+  std::vector<std::uint32_t> order;
+  Korm::Ptr<Ostra::OstraSm> sm;
+};
+
+void flowInsert(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    FlowSide side{count};
+    side.store();
+    timeEach(state, count, [&] { side.handle(side.order); });
+    require(side.flows() == count, "every entry has its flow");
+  }
+}
+
+void flowModify(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    FlowSide side{count};
+    side.store();
+    side.handle(side.order);
+    for (auto& entry : side.entries) {
+      entry.actions.setDscpIs(9, true);
+    }
+    side.store();
+    const auto order = shuffled(count, 2);
+    timeEach(state, count, [&] { side.handle(order); });
+    const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
+    require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
+            "every flow is rewritten");
+  }
+}
+
+void flowDelete(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    FlowSide side{count};
+    side.store();
+    side.handle(side.order);
+    side.library.table->entryDelAll();
+    const auto order = shuffled(count, 2);
+    timeEach(state, count, [&] { side.handle(order); });
+    require(side.flows() == 0, "every flow is gone");
+  }
+}
+
+// Grows from nothing and reports the slowest single insert: the service's table write and the library's
+// work together.
+void worstInsert(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  for (auto _ : state) {
+    FlowSide side{count};
+    side.sm->hasNotificationActiveIs(true);
+    using Clock = std::chrono::steady_clock;
+    Clock::duration worst{};
+    for (const std::uint32_t n : side.order) {
+      const auto start = Clock::now();
+      side.library.table->entryIs(side.entries[n]);
+      worst = std::max(worst, Clock::now() - start);
+    }
+    require(side.flows() == count, "every entry has its flow");
+    state.SetIterationTime(std::chrono::duration<double>(worst).count());
+  }
+}
+
+// A way to spoil an entry, one for each kind of check.
+struct Refusal {
+  const char* name;
+  void (*spoil)(Ostra::OstraConfigEntry&);
+};
+constexpr Refusal refusals[] = {
+    {"port", [](Ostra::OstraConfigEntry& entry) { entry.flowKey.ingressPortIs(0, 0xFFFFFFFF); }},
+    {"etherTypeMask", [](Ostra::OstraConfigEntry& entry) { entry.flowKey.etherTypeIs(0, 0xFF00); }},
+    {"contradiction",
+     [](Ostra::OstraConfigEntry& entry) {
+       entry.flowKey.etherTypeIs(0x0800, 0xFFFF);
+       entry.flowKey.isIpPacketIs(false, true);
+     }},
+    {"notIp",
+     [](Ostra::OstraConfigEntry& entry) {
+       entry.flowKey.etherTypeIs(0x88CC, 0xFFFF);
+       entry.flowKey.givenIs(Ostra::MatchFieldId::ip4Dst_, false);
+       entry.flowKey.givenIs(Ostra::MatchFieldId::ip4Src_, false);
+       entry.flowKey.givenIs(Ostra::MatchFieldId::ip6Src_, false);
+       entry.flowKey.dscpIs(1, 0x3F);
+     }},
+    {"outputPort", [](Ostra::OstraConfigEntry& entry) { entry.outputPortIs(0); }},
+    {"group",
+     [](Ostra::OstraConfigEntry& entry) {
+       entry.groupGiven = true;
+       entry.groupId = 7;
+     }},
+};
+
+void flowRefused(benchmark::State& state, const Refusal& refusal) {
+  constexpr std::size_t count = 10'000;
+  for (auto _ : state) {
+    FlowSide side{count};
+    for (auto& entry : side.entries) {
+      refusal.spoil(entry);
+    }
+    side.store();
+    timeEach(state, count, [&] { side.handle(side.order); });
+    require(side.flows() == 0, "every entry is refused");
+  }
+}
+
+// A thrown and caught exception of the same size and depth of handling: what refusing costs at least.
+void exceptionFloor(benchmark::State& state) {
+  const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
+  const Korm::Ptr<P4Runtime::ValidationHelper> helper =
+      Korm::makePtr<P4Runtime::DefaultValidationHelper>(batchStatus);
+  for (auto _ : state) {
+    try {
+      helper->throwEntryErrorException(1, P4Runtime::ErrorCode::notFound_, "Group id: 7 is not found");
+    } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
+      error.report();
+    }
+  }
+}
+
+// The construction of one state machine over N rows and N Corvex flows, of which 1 % are stale and 1 %
+// missing.
+void reconcile(benchmark::State& state) {
+  const auto count = static_cast<std::uint32_t>(state.range(0));
+  for (auto _ : state) {
+    FlowSide side{count};
+    side.store();
+    side.handle(side.order);
+    side.sm = nullptr;
+    side.library.vrfCollection->delAll();
+    const std::uint32_t hundredth = std::max(count / 100, 1U);
+    for (std::uint32_t n = 0; n < hundredth; ++n) {
+      side.library.hwConfig->flowEntryDel(Ostra::buildFlowName(n * 100 + 1));
+      side.library.hwConfig->flowEntryIs(Ostra::buildFlowName(std::uint64_t{count} + n + 1), {}, {},
+                                         {}, 0, {}, 0, 0, 0, false, true);
+    }
+    const auto start = std::chrono::steady_clock::now();
+    side.sm = side.library.makeSm();
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    state.SetIterationTime(took.count());
+    require(side.flows() == count, "the stale flows are gone and the missing ones there");
+  }
+}
+
+const bool registered = [] {
+  registerSizes("BM_FlowInsert", flowInsert);
+  registerSizes("BM_FlowModify", flowModify);
+  registerSizes("BM_FlowDelete", flowDelete);
+  benchmark::RegisterBenchmark("BM_WorstInsert", worstInsert)
+      ->Arg(100'000)
+      ->Arg(1'000'000)
+      ->Iterations(1)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+  for (const Refusal& refusal : refusals) {
+    benchmark::RegisterBenchmark((std::string{"BM_FlowRefused/"} + refusal.name).c_str(),
+                                 [&refusal](benchmark::State& state) { flowRefused(state, refusal); })
+        ->Iterations(5)
+        ->UseManualTime();
+  }
+  benchmark::RegisterBenchmark("BM_FloorException", exceptionFloor);
+  for (const int count : {1'000, 10'000, 100'000, 1'000'000}) {
+    benchmark::RegisterBenchmark("BM_Reconcile", reconcile)
+        ->Arg(count)
+        ->Iterations(1)
+        ->UseManualTime()
+        ->Unit(benchmark::kMillisecond);
+  }
+  return true;
+}();
+
+}  // namespace
+}  // namespace Bench

@@ -1,0 +1,47 @@
+// How the benchmarks measure.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+
+namespace Bench {
+
+// Ends the program when a benchmark did not do what it claims to measure.
+inline void require(bool condition, const char* what) {
+  if (!condition) {
+    std::fprintf(stderr, "benchmark failed: %s\n", what);
+    std::abort();
+  }
+}
+
+// Times `operations` operations made by `work` and reports the time of one.
+template <class Work>
+void timeEach(benchmark::State& state, std::size_t operations, Work&& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+  state.SetIterationTime(took.count() / static_cast<double>(operations));
+}
+
+
+// Registers a benchmark at each size, with a number of passes that keeps the whole run short.
+template <class Function>
+void registerSizes(const char* name, Function function) {
+  struct Size {
+    int flows;
+    int passes;
+  };
+  for (const Size size : {Size{1'000, 100}, Size{10'000, 20}, Size{100'000, 3}, Size{1'000'000, 1}}) {
+    benchmark::RegisterBenchmark(name, function)
+        ->Arg(size.flows)
+        ->Iterations(size.passes)
+        ->UseManualTime()
+        ->Unit(benchmark::kNanosecond);
+  }
+}
+
+}  // namespace Bench

@@ -1,0 +1,126 @@
+// The shared-memory table and the trace.
+
+#include "bench/Entries.h"
+#include "bench/Measure.h"
+#include "platform/Brisklog/TextTrace.h"
+#include "platform/Brisklog/TracePoint.h"
+#include "platform/Vasta/Reader.h"
+#include "platform/Vasta/Table.h"
+
+namespace Bench {
+namespace {
+
+using Table = Vasta::Table<Ostra::OstraConfigEntry>;
+
+Vasta::TableOptions anonymous() {
+  Vasta::TableOptions options;
+  options.name = "bench";
+  return options;
+}
+
+void tableInsert(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto entries = makeEntries(count);
+  const auto order = shuffled(count);
+  for (auto _ : state) {
+    Table table{anonymous()};
+    timeEach(state, count, [&] {
+      for (const std::uint32_t n : order) {
+        table.is(entries[n]);
+      }
+    });
+    require(table.size() == count, "every record is in the table");
+  }
+}
+
+void tableOverwrite(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  auto entries = makeEntries(count);
+  const auto order = shuffled(count);
+  Table table{anonymous()};
+  for (const auto& entry : entries) {
+    table.is(entry);
+    table.is(entry);  // both cells of a row are in memory, as in a table that lives
+  }
+  std::uint32_t generation = 0;
+  for (auto _ : state) {
+    ++generation;
+    for (auto& entry : entries) {
+      entry.entryId = generation;
+    }
+    timeEach(state, count, [&] {
+      for (const std::uint32_t n : order) {
+        table.is(entries[n]);
+      }
+    });
+    const auto* const found = table.find(entries[count / 2].flowKey);
+    require(found != nullptr && found->entryId == generation, "every record is overwritten");
+  }
+}
+
+template <class Lookup>
+void lookUpAll(benchmark::State& state, const std::vector<Ostra::OstraConfigEntry>& entries,
+               Lookup lookup) {
+  const auto order = shuffled(entries.size(), 2);
+  for (auto _ : state) {
+    std::uint64_t sum = 0;
+    timeEach(state, entries.size(), [&] {
+      for (const std::uint32_t n : order) {
+        sum += lookup(entries[n].flowKey);
+      }
+    });
+    require(sum == entries.size() * (entries.size() + 1) / 2, "every record is found");
+  }
+}
+
+void tableFind(benchmark::State& state) {
+  const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
+  Table table{anonymous()};
+  for (const auto& entry : entries) {
+    table.is(entry);
+  }
+  lookUpAll(state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; });
+}
+
+void tableReaderCopy(benchmark::State& state) {
+  const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
+  Table table{anonymous()};
+  for (const auto& entry : entries) {
+    table.is(entry);
+  }
+  Vasta::Reader<Ostra::OstraConfigEntry> reader{table};
+  Ostra::OstraConfigEntry copy;
+  lookUpAll(state, entries, [&](const Ostra::OstraKey& key) {
+    return reader.find(key, copy) ? copy.entryId : 0;
+  });
+}
+
+constinit Brisklog::TraceHandle traceHandle{"Bench"};
+constinit Brisklog::TracePoint traceTwo{traceHandle, 5, "Bench::", "trace", " value:%s name:%s"};
+
+void traceRing(benchmark::State& state) {
+  std::uint64_t value = 0;
+  for (auto _ : state) {
+    traceTwo(++value, 7U);
+  }
+}
+
+// What the text part of a trace point costs when its level is off: the check alone.
+void traceTextOff(benchmark::State& state) {
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(traceHandle.enabled(5));
+  }
+}
+
+const bool registered = [] {
+  registerSizes("BM_TableIs", tableOverwrite);
+  registerSizes("BM_TableInsert", tableInsert);
+  registerSizes("BM_TableFind", tableFind);
+  registerSizes("BM_TableReaderCopy", tableReaderCopy);
+  benchmark::RegisterBenchmark("BM_TraceRing", traceRing);
+  benchmark::RegisterBenchmark("BM_TraceTextOff", traceTextOff);
+  return true;
+}();
+
+}  // namespace
+}  // namespace Bench

@@ -1,0 +1,96 @@
+// From what the hardware says to the batch status, and counter reads.
+
+#include <string>
+
+#include "Ostra/FlowUtil.h"
+#include "Ostra/OstraCounter.h"
+#include "Ostra/OstraStatusSm.h"
+#include "bench/Entries.h"
+#include "bench/Measure.h"
+#include "platform/OpenFlowTable/HwStatus.h"
+
+namespace Bench {
+namespace {
+
+using OpenFlowTable::FlowStatus;
+
+class ResultCounter final : public Korm::Notifiee<const P4Runtime::TransactionResult&> {
+ public:
+  explicit ResultCounter(P4Runtime::BatchStatus& batchStatus) {
+    batchStatus.resultNotifiees().attach(*this);
+  }
+  void onAttribute(const P4Runtime::TransactionResult& result) override {
+    ++results;
+    failures += result.code == P4Runtime::ErrorCode::success_ ? 0 : 1;
+  }
+  std::size_t results = 0;
+  std::size_t failures = 0;
+};
+
+// A status change of each of N flows, in random order, to its result in the batch status.
+void flowStatus(benchmark::State& state) {
+  const auto count = static_cast<std::uint32_t>(state.range(0));
+  const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
+  const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
+  std::vector<OpenFlowTable::FlowStats*> stats;
+  for (std::uint32_t n = 0; n < count; ++n) {
+    stats.push_back(&hwStatus->flowStatsIs(Ostra::buildFlowName(n + 1), FlowStatus::pending_));
+    batchStatus->batchStatusEntryIs(n + 1);
+  }
+  const auto sm = Ostra::ostraStatusSmFactory(hwStatus, batchStatus,
+                                              Ostra::ostraStatusInfoFactory(), nullptr, nullptr);
+  const auto order = shuffled(count);
+  FlowStatus next = FlowStatus::programmed_;
+  for (auto _ : state) {
+    ResultCounter counter{*batchStatus};
+    timeEach(state, count, [&] {
+      for (const std::uint32_t n : order) {
+        stats[n]->statusIs(next);
+      }
+    });
+    const bool failing = next == FlowStatus::hardwareFull_;
+    require(counter.results == count && counter.failures == (failing ? count : 0),
+            "every change has its result");
+    next = failing ? FlowStatus::programmed_ : FlowStatus::hardwareFull_;
+  }
+}
+
+// One direct counter over several hardware units that hold 100,000 flows each.
+void counterRead(benchmark::State& state) {
+  constexpr std::uint32_t count = 100'000;
+  const auto units = static_cast<std::size_t>(state.range(0));
+  const auto dir = Korm::makePtr<Korm::Dir>("corvexhwstatusdir");
+  for (std::size_t unit = 0; unit < units; ++unit) {
+    const std::string name = "unit" + std::to_string(unit);
+    const auto status = Korm::makePtr<OpenFlowTable::HwStatus>(name);
+    for (std::uint32_t n = 0; n < count; ++n) {
+      status->flowStatsIs(Ostra::buildFlowName(n + 1) + "-p4rt").countersIs(n, 2 * std::uint64_t{n});
+    }
+    dir->entityIs(name, status);
+  }
+  const auto counters = Korm::makePtr<Ostra::FlowDirectCounterImpl>(dir);
+  const auto order = shuffled(count);
+  for (auto _ : state) {
+    std::uint64_t packets = 0;
+    timeEach(state, count * units, [&] {
+      for (const std::uint32_t n : order) {
+        packets += counters->getCounters(n + 1).packets;
+      }
+    });
+    require(packets == units * (std::uint64_t{count} * (count - 1) / 2), "all counts are read");
+  }
+}
+
+const bool registered = [] {
+  registerSizes("BM_FlowStatus", flowStatus);
+  benchmark::RegisterBenchmark("BM_CounterRead", counterRead)
+      ->Arg(1)
+      ->Arg(4)
+      ->Arg(16)
+      ->Iterations(2)
+      ->UseManualTime();
+  return true;
+}();
+
+}  // namespace
+}  // namespace Bench
