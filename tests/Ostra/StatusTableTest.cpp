@@ -1,0 +1,333 @@
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Ostra/OstraStatus.h"
+#include "platform/Vasta/Reader.h"
+#include "tests/Ostra/StatusTestSupport.h"
+
+namespace {
+
+using KormVasta::CollectionControl;
+using Ostra::FlowTableIndex;
+using Ostra::OstraKey;
+using Ostra::OstraStatus;
+using Ostra::OstraStatusEntry;
+using Ostra::OstraStatusTableColl;
+using StatusTest::Keys;
+using StatusTest::portKey;
+
+OstraStatusEntry entry(std::uint16_t port, std::uint64_t handle) {
+  return {{.entryHandle = handle}, portKey(port)};
+}
+
+class StatusTable : public testing::Test {
+ protected:
+  // What a fault in memory does to a row.
+  void damage(std::uint16_t port) {
+    const_cast<OstraStatusEntry*>(status_->table().find(portKey(port)))->genId ^= 1U;
+  }
+  [[nodiscard]] std::uint64_t count(const char* counter) const {
+    return status_->activityCounters().value(counter);
+  }
+
+  Korm::Ptr<OstraStatus> status_ = Ostra::ostraStatusFactory("table-3");
+  Keys<OstraKey> told_{status_->notifieeList()};
+  using Told = std::vector<OstraKey>;
+};
+
+TEST_F(StatusTable, TellsTheKeyOfEveryChangeAndCountsThem) {
+  status_->tableIs(entry(1, 10));
+  status_->tableIs(entry(1, 10));
+  status_->tableIs(entry(2, 20));
+  EXPECT_EQ(told_.take(), (Told{portKey(1), portKey(1), portKey(2)}));
+
+  OstraStatusEntry* const staged = status_->tableEdit(portKey(2));
+  ASSERT_NE(staged, nullptr);
+  staged->deleted = true;
+  EXPECT_FALSE(status_->table().find(portKey(2))->deleted) << "not before it is committed";
+  status_->tableCommit(staged);
+  EXPECT_TRUE(status_->table().find(portKey(2))->deleted);
+  EXPECT_EQ(told_.take(), Told{portKey(2)});
+
+  EXPECT_EQ(status_->tableDel(portKey(1)), entry(1, 10));
+  EXPECT_EQ(told_.take(), Told{portKey(1)});
+  EXPECT_TRUE(!status_->tableDel(portKey(1)));
+  EXPECT_EQ(status_->tableEdit(portKey(1)), nullptr);
+  EXPECT_EQ(told_.take(), Told{}) << "nothing was removed";
+
+  status_->tableIs(entry(3, 30));
+  told_.take();
+  status_->tableDelAll();
+  EXPECT_EQ(told_.take().size(), 2U);
+  EXPECT_EQ(status_->table().size(), 0U);
+
+  EXPECT_EQ(count("tableIs"), 5U);
+  EXPECT_EQ(count("tableDel"), 4U);
+  EXPECT_EQ(count("tableNotify"), 8U);
+  EXPECT_EQ(status_->table().verify(), std::nullopt);
+}
+
+TEST_F(StatusTable, AnEditWhoseRowHasGoneIsNotCommitted) {
+  status_->tableIs(entry(1, 10));
+  const OstraStatusEntry* const staged = status_->tableEdit(portKey(1));
+  status_->tableDel(portKey(1));
+  told_.take();
+  status_->tableCommit(staged);
+  EXPECT_EQ(told_.take(), Told{});
+  EXPECT_EQ(status_->table().size(), 0U);
+}
+
+TEST_F(StatusTable, ACorruptRowGoesToTheHandlerAndToNobodyElse) {
+  std::vector<std::string> reports;
+  status_->corruptionHandlerIs([&](const std::string& text) { reports.push_back(text); });
+  for (std::uint16_t port = 1; port <= 3; ++port) {
+    status_->tableIs(entry(port, port));
+  }
+  damage(2);
+  told_.take();
+  std::string text;
+  try {
+    static_cast<void>(status_->table().find(portKey(2)));
+  } catch (const Vasta::Corruption& corruption) {
+    text = corruption.what();
+  }
+
+  EXPECT_TRUE(!status_->tableDel(portKey(2)));
+  EXPECT_EQ(status_->tableEdit(portKey(2)), nullptr);
+  EXPECT_EQ(reports, (std::vector{text, text}));
+  EXPECT_EQ(told_.take(), Told{});
+
+  status_->tableDelAll();
+  EXPECT_EQ(reports.size(), 3U);
+  EXPECT_EQ(told_.take(), (Told{portKey(1), portKey(3)}));
+
+  status_->tableIs(entry(2, 22));
+  EXPECT_EQ(told_.take(), Told{portKey(2)}) << "a write heals the row";
+  EXPECT_EQ(status_->table().verify(), std::nullopt);
+}
+
+TEST_F(StatusTable, AnObserversExceptionLeavesWithTheChangeMade) {
+  struct Failing final : Korm::Notifiee<const OstraKey&> {
+    void onAttribute(const OstraKey&) override {
+      throw Vasta::Corruption{"another table", 1, 2, 3};
+    }
+  } failing;
+  status_->notifieeList().attach(failing);
+  EXPECT_THROW(status_->tableIs(entry(1, 10)), Vasta::Corruption);
+  EXPECT_EQ(status_->table().corruptionCount(), 0U) << "it is not this table that is corrupt";
+  EXPECT_EQ(status_->table().size(), 1U);
+}
+
+TEST_F(StatusTable, TheControlFollowsTheTable) {
+  const auto control = status_->tableControl();
+  EXPECT_EQ(control->mountState(), Vasta::MountState::unmounted_);
+  EXPECT_TRUE(control->quiesced());
+  status_->tableIs(entry(1, 10));
+  EXPECT_FALSE(control->quiesced());
+  Korm::activity().run();
+  EXPECT_TRUE(control->quiesced());
+  const auto dir = Korm::makePtr<Korm::Dir>("status");
+  dir->entityIs(status_->name(), status_);
+  EXPECT_EQ(control->mountState(), Vasta::MountState::mounted_);
+
+  const auto other = Korm::makePtr<CollectionControl>();
+  status_->tableControlIs(other);
+  EXPECT_EQ(status_->tableControl(), other);
+  status_->tableIs(entry(2, 20));
+  EXPECT_FALSE(other->quiesced());
+  EXPECT_TRUE(control->quiesced());
+  Korm::activity().clear();
+}
+
+// Whether an entity is still there shows in what is attached to it.
+TEST_F(StatusTable, GoesWithItsLastOutsideReference) {
+  struct Watch final : Korm::Notifiee<> {
+    void onAttribute() override { ++asked; }
+    int asked = 0;
+  } watch;
+  status_->zeroReferencesNotifiees().attach(watch);
+  status_->tableControlIs(status_->tableControl());
+  status_->tableIs(entry(1, 10));
+  Korm::Ptr<OstraStatus> another = status_;
+  status_ = nullptr;
+  EXPECT_EQ(watch.asked, 0);
+  another = nullptr;
+  EXPECT_EQ(watch.asked, 1);
+  EXPECT_FALSE(watch.attached());
+  EXPECT_FALSE(told_.attached());
+  Korm::activity().run();  // what the table put off is void
+}
+
+TEST_F(StatusTable, LivesOnWithAControlThatSomebodyHolds) {
+  Korm::Ptr<CollectionControl> control = status_->tableControl();
+  status_->tableIs(entry(1, 10));
+  told_.take();
+  OstraStatus& kept = *status_;
+  status_ = nullptr;
+  ASSERT_TRUE(told_.attached());
+  EXPECT_EQ(control->entity().get(), &kept);
+  EXPECT_EQ(kept.tableControl(), nullptr);
+  EXPECT_TRUE(kept.zeroReferencesNotifiees().empty()) << "its observer has left";
+
+  kept.tableIs(entry(2, 20));
+  EXPECT_EQ(told_.take(), Told{portKey(2)});
+  Korm::activity().run();  // the table becomes quiet, and there is no control to tell
+  { const Korm::Ptr<OstraStatus> visitor{&kept}; }
+  EXPECT_TRUE(told_.attached());
+  control = nullptr;
+  EXPECT_FALSE(told_.attached());
+}
+
+// A process of its own that answers each request with what it reads in a table.
+class ReaderProcess {
+ public:
+  explicit ReaderProcess(const std::string& segment) {
+    if (::pipe(requests_.data()) != 0 || ::pipe(answers_.data()) != 0) {
+      throw std::runtime_error{"no pipe"};
+    }
+    child_ = ::fork();
+    if (child_ == 0) {
+      ::close(requests_[1]);
+      Vasta::Reader<OstraStatusEntry> reader{segment};
+      for (char request = 0; ::read(requests_[0], &request, 1) == 1;) {
+        std::string text;
+        reader.forEach([&text](const OstraStatusEntry& row) { text += row.valueToStrep() + "\n"; });
+        text += '\0';
+        if (::write(answers_[1], text.data(), text.size()) < 0) {
+          ::_exit(1);
+        }
+      }
+      ::_exit(0);
+    }
+  }
+  ~ReaderProcess() {
+    ::close(requests_[1]);
+    int result = -1;
+    ::waitpid(child_, &result, 0);
+    EXPECT_EQ(result, 0);
+    for (const int descriptor : {requests_[0], answers_[0], answers_[1]}) {
+      ::close(descriptor);
+    }
+  }
+  ReaderProcess(const ReaderProcess&) = delete;
+  ReaderProcess& operator=(const ReaderProcess&) = delete;
+
+  [[nodiscard]] std::string read() const {
+    std::string text;
+    EXPECT_EQ(::write(requests_[1], "?", 1), 1);
+    for (char c = 0; ::read(answers_[0], &c, 1) == 1 && c != '\0';) {
+      text += c;
+    }
+    return text;
+  }
+
+ private:
+  std::array<int, 2> requests_{};
+  std::array<int, 2> answers_{};
+  ::pid_t child_ = -1;
+};
+
+TEST_F(StatusTable, AReaderProcessSeesWhatIsCommitted) {
+  const std::string prefix = "ostra-status-test." + std::to_string(::getpid());
+  KormVasta::sharedMemoryIs({.prefix = prefix});
+  status_->tableIs(entry(1, 10));
+  Korm::activity().run();
+  const auto dir = Korm::makePtr<Korm::Dir>("status");
+  dir->entityIs(status_->name(), status_);
+  KormVasta::sharedMemoryIs({});
+  {
+    const ReaderProcess reader{KormVasta::segmentName(prefix, "status/table-3/table")};
+    const auto lines = [](std::initializer_list<OstraStatusEntry> rows) {
+      std::string text;
+      for (const OstraStatusEntry& row : rows) {
+        text += row.valueToStrep() + "\n";
+      }
+      return text;
+    };
+    EXPECT_EQ(reader.read(), lines({entry(1, 10)})) << "rows move with the table";
+    EXPECT_TRUE(status_->tableControl()->quiesced());
+    status_->tableIs(entry(2, 20));
+    EXPECT_FALSE(status_->tableControl()->quiesced());
+    OstraStatusEntry* const staged = status_->tableEdit(portKey(1));
+    staged->errorCode = P4Runtime::ErrorCode::hardwareError_;
+    EXPECT_EQ(reader.read(), lines({entry(1, 10), entry(2, 20)}));
+    const OstraStatusEntry changed = *staged;
+    status_->tableCommit(staged);
+    EXPECT_EQ(reader.read(), lines({changed, entry(2, 20)}));
+    status_->tableDel(portKey(1));
+    EXPECT_EQ(reader.read(), lines({entry(2, 20)}));
+  }
+  Korm::activity().clear();
+}
+
+TEST(StatusTableColl, TellsTheSlotsThatGetAnotherTable) {
+  const auto coll = Ostra::ostraStatusTableCollFactory("tables");
+  Keys<FlowTableIndex> told{coll->ostraStatusNotifiees()};
+  using Told = std::vector<FlowTableIndex>;
+  const auto a = Ostra::ostraStatusFactory("a");
+  const auto b = Ostra::ostraStatusFactory("b");
+
+  coll->ostraStatusIs(15, a);
+  coll->ostraStatusIs(15, a);
+  coll->ostraStatusIs(3, b);
+  EXPECT_EQ(told.take(), (Told{FlowTableIndex{15}, FlowTableIndex{3}}));
+  coll->ostraStatusIs(15, b);
+  EXPECT_EQ(a->references(), 1U);
+  EXPECT_EQ(told.take(), Told{FlowTableIndex{15}});
+
+  std::vector<std::pair<int, Korm::Ptr<OstraStatus>>> slots;
+  for (const auto& [index, status] : *coll) {
+    slots.emplace_back(index.value(), status);
+  }
+  EXPECT_EQ(slots, (decltype(slots){{3, b}, {15, b}}));
+  slots.clear();
+  EXPECT_EQ((*coll->from(4)).index, FlowTableIndex{15});
+  EXPECT_EQ(coll->ostraStatusDel(0), nullptr);
+  EXPECT_EQ(told.take(), Told{});
+  EXPECT_EQ(coll->ostraStatusDel(15), b);
+  EXPECT_EQ(coll->from(4), coll->end());
+  coll->ostraStatusIs(0, a);
+  told.take();
+  coll->ostraStatusDelAll();
+  EXPECT_EQ(told.take(), (Told{FlowTableIndex{0}, FlowTableIndex{3}}));
+  EXPECT_EQ(a->references() + b->references(), 2U);
+}
+
+TEST(StatusTableColl, HasSixteenSlots) {
+  const auto coll = Ostra::ostraStatusTableCollFactory("tables");
+  EXPECT_DEATH(coll->ostraStatusIs(16, nullptr), "Assertion failed: .*Ostra/OstraStatus");
+  EXPECT_DEATH(coll->ostraStatusDel(255), "Assertion failed");
+  try {
+    static_cast<void>(coll->from(16));
+    FAIL() << "no exception";
+  } catch (const Korm::RangeException& error) {
+    EXPECT_STREQ(error.what(), "FlowTableIndex::value < 0 or > FlowTableIndex::max not allowed");
+  }
+  EXPECT_THROW(static_cast<void>(coll->from(-1)), Korm::RangeException);
+}
+
+TEST(StatusInfo, RemembersTheVrfsThatEntriesWaitFor) {
+  const auto info = Ostra::ostraStatusInfoFactory();
+  Keys<P4Runtime::EntryHandle> told{info->dependentHandleToVrfMap().notifiees()};
+  info->dependentHandleToVrfMapIs(1, 5);
+  info->dependentHandleToVrfMapIs(1, 6);
+  info->dependentHandleToVrfMapIs(2, 7);
+  EXPECT_EQ(info->dependentHandleToVrfMap(1), 6U);
+  EXPECT_EQ(info->dependentHandleToVrfMap(3), std::nullopt);
+  EXPECT_EQ(told.take(), (std::vector<P4Runtime::EntryHandle>{1, 1, 2}));
+  EXPECT_EQ(info->dependentHandleToVrfMapDel(1), 6U);
+  EXPECT_EQ(info->dependentHandleToVrfMapDel(1), 0xFFFFFFU);
+  info->dependentHandleToVrfMapDelAll();
+  EXPECT_EQ(told.take(), (std::vector<P4Runtime::EntryHandle>{1, 2}));
+  EXPECT_TRUE(info->dependentHandleToVrfMap().empty());
+}
+
+}  // namespace
