@@ -1,0 +1,251 @@
+// What is refused, what a refusal leaves behind, and what corrupt rows do.
+#include <stdexcept>
+
+#include "EcmpFixture.h"
+
+namespace EcmpTest {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+class EcmpFailure : public Ecmp {
+ protected:
+  EcmpFailure() {
+    writeEncap({});
+    start();
+  }
+
+  // Stores a group's row with a count that no list can have. The text of the exception that comes of it.
+  enum class Damage { members_, weights_ };
+  std::string writeDamagedGroup(Id id, const Ids& list, Damage damage,
+                                std::uint32_t count = P4RuntimeRouting::maxMembers + 1) {
+    auto row = groupRow(id, list);
+    if (damage == Damage::members_) {
+      row->memberIds.storedCountIs(count);
+    } else {
+      row->weights.storedCountIs(count);
+    }
+    return rangeError([&] { groups->entryIs(*row); });
+  }
+
+  template <class Step>
+  static std::string rangeError(Step step) {
+    try {
+      step();
+    } catch (const Korm::RangeException& error) {
+      return error.what();
+    }
+    return "none";
+  }
+};
+
+TEST_F(EcmpFailure, AMemberWithoutItsEncapsulationEntryIsRefused) {
+  writeMember({.id = 5, .encap = 65535});
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(),
+              ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 65535"));
+}
+
+TEST_F(EcmpFailure, ABadPortIsReportedBeforeABadEncapsulation) {
+  writeMember({.id = 4000000000, .port = 0, .encap = 8});
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(),
+              ElementsAre(StartsWith("4000001000 15 Action profile member 4000000000: port id 0")));
+}
+
+TEST_F(EcmpFailure, ARefusedMemberKeepsItsOldBucketAndSoDoItsGroups) {
+  writeMembers({5});
+  writeGroup(3, {5});
+  const OpenFlowTable::Actions before = memberActions(5);
+  forgetWhatHappened();
+  now += 1;
+  writeMember({.id = 5, .port = 2, .encap = 8});
+  writeMember({.id = 5, .port = 0});
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_EQ(memberActions(5), before);
+  EXPECT_TRUE(groupCopies(3, {5}));
+  EXPECT_EQ(results().size(), 2U);
+}
+
+TEST_F(EcmpFailure, ARemovedEncapsulationEntryFailsItsMembersAndLeavesWhatTheyHave) {
+  writeMembers({5, 6});
+  writeGroup(3, {5, 6});
+  forgetWhatHappened();
+  encaps->entryDel(9);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 9",
+                                     "1006 15 Action profile member: 6 has invalid encapId: 9"));
+  EXPECT_TRUE(groupCopies(3, {5, 6}));
+  writeGroup(3, {6});
+  EXPECT_TRUE(groupCopies(3, {6})) << "its member's group is still there";
+}
+
+TEST_F(EcmpFailure, AGroupIsRefusedForItsFirstMissingMemberAndLeftAsItWas) {
+  writeMembers({5, 6});
+  writeGroup(3, {5, 8, 7});
+  EXPECT_EQ(corvexGroup(3), nullptr);
+  EXPECT_THAT(results(), ElementsAre("2003 15 Action profile group: 3 member 8 not found"));
+
+  writeGroup(3, {5, 6});
+  forgetWhatHappened();
+  now += 1;
+  writeGroup(3, {6, 4294967295});
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_TRUE(groupCopies(3, {5, 6}));
+  EXPECT_THAT(results(),
+              ElementsAre("2003 15 Action profile group: 3 member 4294967295 not found"));
+}
+
+TEST_F(EcmpFailure, AListLongerThanItsArrayIsARangeErrorAndNothingIsWritten) {
+  writeMembers({5});
+  writeGroup(3, {5});
+  forgetWhatHappened();
+  now += 1;
+  const std::string error = writeDamagedGroup(3, {5, 5}, Damage::members_);
+  EXPECT_THAT(error, StartsWith("PodArray::set expected size <= 1024, instead got 1025. Buffer is "
+                                "at address: 0x"));
+  EXPECT_THAT(error, HasSubstr(" with contents: 0500000005000000"));
+  EXPECT_THAT(writeDamagedGroup(3, {5, 5}, Damage::members_, 0xFFFFFFFF),
+              HasSubstr("instead got 4294967295."));
+  EXPECT_THAT(writeDamagedGroup(3, {5, 5}, Damage::weights_), HasSubstr("instead got 1025."));
+  EXPECT_THAT(writeDamagedGroup(3, {}, Damage::weights_), HasSubstr("instead got 1025."));
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_TRUE(groupCopies(3, {5}));
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+TEST_F(EcmpFailure, ADamagedListStopsAMemberChangeAtThatGroup) {
+  writeMembers({5});
+  for (const Id id : {1U, 2U, 3U}) {
+    writeGroup(id, {5});
+  }
+  EXPECT_NE(writeDamagedGroup(2, {5}, Damage::members_), "none");
+  forgetWhatHappened();
+  EXPECT_THAT(rangeError([&] { writeMember({.id = 5, .port = 2}); }),
+              StartsWith("PodArray::set expected size <= 1024, instead got 1025."));
+  EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 1"));
+  groups->entryDel(2);
+  writeMember({.id = 5, .port = 2});
+  EXPECT_TRUE(groupCopies(3, {5}));
+}
+
+// Refuses ports in its own way.
+class StubbornHelper final : public P4Runtime::ValidationHelper {
+ public:
+  [[noreturn]] void throwEntryErrorException(P4Runtime::EntryHandle, P4Runtime::ErrorCode,
+                                             const Korm::String&) override {
+    throw std::logic_error{"entry"};
+  }
+  [[noreturn]] void throwUndefinedEntryBehavior(P4Runtime::EntryHandle, const Korm::String&,
+                                                const Korm::String&) override {
+    throw std::logic_error{"undefined"};
+  }
+  [[noreturn]] void throwNotAllowedEntryBehavior(P4Runtime::EntryHandle, const Korm::String&,
+                                                 const Korm::String&) override {
+    throw std::logic_error{"not allowed"};
+  }
+  void validatePortIdMask(P4Runtime::EntryHandle, P4Runtime::P4PortId,
+                          const Korm::String&) override {
+    throw std::logic_error{"mask"};
+  }
+  void validatePortId(P4Runtime::EntryHandle handle, P4Runtime::P4PortId port,
+                      const Korm::String& context) override {
+    throw std::logic_error{std::to_string(handle) + " " + std::to_string(port) + " " + context};
+  }
+};
+
+TEST_F(EcmpFailure, OnlyEntryErrorsAreContained) {
+  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports,
+                                 Korm::makePtr<StubbornHelper>(), batch, handles);
+  std::string error;
+  try {
+    writeMember({.id = 5, .port = 3});
+  } catch (const std::logic_error& thrown) {
+    error = thrown.what();
+  }
+  EXPECT_EQ(error, "1005 3 Action profile member 5");
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+// The dying child shares the tables with its parent, so the rows are written before it is born.
+using EcmpDeathTest = EcmpFailure;
+
+TEST_F(EcmpDeathTest, AnEncapsulationOtherThanIpInIpStopsTheProcess) {
+  writeEncap({.id = 8, .type = NexthopGroup::L2NhgEncapType::encapGre_});
+  sm->p4rtEcmpMemberTableDel();
+  writeMember({.id = 5, .encap = 8});
+  EXPECT_DEATH(sm->handleNexthopInfo(5),
+               "encapInfo\\.encapType\\(\\) == NexthopGroup::L2NhgEncapType::encapIpInIp_ "
+               "\\(Ostra/OstraEcmpGroupSm:");
+}
+
+TEST_F(EcmpDeathTest, AMemberGroupOfOtherThanOneBucketStopsTheProcess) {
+  writeMembers({5});
+  sm->p4rtEcmpGroupTableDel();
+  writeGroup(3, {5});
+  auto* const member = cxHwConfig->groupEntry(memberBase + 5);
+  member->bucketEnq({});
+  const char* const text = "cxEntry->buckets\\(\\) == 1 \\(Ostra/OstraEcmpGroupSm:";
+  EXPECT_DEATH(sm->handleEcmpGroup(3), text);
+  member->bucketDelAll();
+  EXPECT_DEATH(sm->handleEcmpGroup(3), text);
+}
+
+TEST_F(EcmpFailure, ACorruptRowOfOneKeyIsReportedAndTakenForGone) {
+  writeMembers({5, 6});
+  writeGroup(3, {5});
+  forgetWhatHappened();
+  corrupt(groups, 3);
+  sm->handleEcmpGroup(3);
+  EXPECT_THAT(corruptions(), ElementsAre("groups"));
+  EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
+  EXPECT_THAT(results(), ElementsAre("2003 0"));
+
+  corrupt(members, 5);
+  sm->handleNexthopInfo(5);
+  EXPECT_THAT(corruptions(), ElementsAre("members"));
+  EXPECT_THAT(writes(), ElementsAre("deleted member 5"));
+  EXPECT_THAT(results(), ElementsAre("1005 0"));
+
+  corrupt(encaps, 9);
+  writeMember({.id = 6});
+  EXPECT_THAT(corruptions(), ElementsAre("encaps"));
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(), ElementsAre("1006 15 Action profile member: 6 has invalid encapId: 9"));
+}
+
+TEST_F(EcmpFailure, ACorruptRowEndsAPassOverItsTableAndNoOther) {
+  writeEncap({.id = 10});
+  writeMembers({4, 5});
+  writeMember({.id = 6, .encap = 10});
+  writeMember({.id = 7, .encap = 10});
+  for (const Id id : {1U, 2U, 3U}) {
+    writeGroup(id, {4});
+  }
+  corrupt(groups, 2);
+  forgetWhatHappened();
+  writeMember({.id = 4, .port = 2});
+  EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1"));
+  EXPECT_THAT(corruptions(), ElementsAre("groups"));
+
+  corrupt(members, 5);
+  writeEncap({.lastOctet = 2});
+  EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1"));
+  EXPECT_THAT(corruptions(), ElementsAre("groups", "members"));
+
+  writeGroup(2, {4});  // heals the row
+  corrupt(encaps, 10);
+  forgetWhatHappened();
+  start();
+  EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1", "written group 2",
+                                    "written group 3", "written member 4", "written group 1",
+                                    "written group 2", "written group 3", "written group 1",
+                                    "written group 2", "written group 3"));
+  EXPECT_THAT(corruptions(), ElementsAre("members", "encaps", "members"));
+}
+
+}  // namespace
+}  // namespace EcmpTest

@@ -1,0 +1,214 @@
+// How the ECMP state machine starts, is switched, is detached and goes.
+#include "EcmpFixture.h"
+
+namespace EcmpTest {
+namespace {
+
+using Ostra::OstraEcmpGroupSm;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class EcmpLifecycle : public Ecmp {
+ protected:
+  void writeAll() {
+    writeEncap({});
+    writeMembers({5, 6});
+    writeGroup(3, {5, 6});
+  }
+};
+
+TEST_F(EcmpLifecycle, StartWritesMembersTwiceAndBeforeTheGroupsOfThem) {
+  writeGroup(3, {5, 6});
+  writeMembers({5, 6});
+  writeEncap({});
+  start();
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_TRUE(sm->hasNotificationActive());
+  EXPECT_THAT(writes(), ElementsAre("created member 5", "written member 5", "created member 6",
+                                    "written member 6", "written member 5", "written member 6",
+                                    "created group 3", "written group 3"));
+  EXPECT_TRUE(groupCopies(3, {5, 6}));
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+TEST_F(EcmpLifecycle, StartOnWhatAnEarlierOneWroteRebuildsItInPlaceAndDeletesNothing) {
+  writeAll();
+  start();
+  stop();
+  members->entryDel(6);
+  cxHwConfig->groupEntryIs(88);
+  forgetWhatHappened();
+  start();
+  EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3", "written member 5",
+                                    "written group 3", "written group 3"));
+  EXPECT_NE(corvexMember(6), nullptr) << "nobody told that it went";
+  EXPECT_NE(corvexGroup(88), nullptr);
+}
+
+TEST_F(EcmpLifecycle, StartGoesOnBehindRowsInError) {
+  writeEncap({});
+  writeMembers({4, 6});
+  writeMember({.id = 5, .encap = 8});
+  writeMember({.id = 7});
+  writeGroup(1, {5});
+  writeGroup(2, {4, 7});
+  start();
+  EXPECT_EQ(corvexMember(5), nullptr);
+  EXPECT_NE(corvexMember(7), nullptr);
+  EXPECT_TRUE(groupCopies(2, {4, 7}));
+  EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 8",
+                                     "2001 15 Action profile group: 1 member 5 not found"));
+}
+
+TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
+  writeAll();
+  const auto without = [this](const auto& groupTable, const auto& memberTable,
+                              const auto& encapTable) {
+    forgetWhatHappened();
+    sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groupTable, memberTable, encapTable, ports, helper,
+                                   batch, handles);
+  };
+  without(groups, nullptr, encaps);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(), ElementsAre("2003 15 Action profile group: 3 member 5 not found"));
+  writeMember({.id = 5});
+  EXPECT_THAT(writes(), IsEmpty());
+
+  without(groups, members, nullptr);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 9",
+                                     "1006 15 Action profile member: 6 has invalid encapId: 9",
+                                     "2003 15 Action profile group: 3 member 5 not found"));
+
+  without(nullptr, members, encaps);
+  EXPECT_NE(corvexMember(5), nullptr);
+  EXPECT_EQ(corvexGroup(3), nullptr);
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
+  writeAll();
+  sm = Ostra::OstraEcmpGroupSmIs(nullptr, groups, members, encaps, nullptr, nullptr, nullptr,
+                                 nullptr);
+  members->entryDel(6);
+  groups->entryDel(3);
+  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, nullptr, helper, batch,
+                                 nullptr);
+  EXPECT_TRUE(memberActions(5).outputIntf().empty());
+  EXPECT_TRUE(memberActions(5).has(Action::outputIntf_));
+  members->entryDel(5);
+  EXPECT_EQ(corvexMember(5), nullptr);
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+TEST_F(EcmpLifecycle, InputsAreThoseGiven) {
+  start();
+  EXPECT_EQ(sm->cxHwConfig(), cxHwConfig);
+  EXPECT_EQ(sm->p4rtEcmpGroupTable(), groups);
+  EXPECT_EQ(sm->p4rtEcmpMemberTable(), members);
+  EXPECT_EQ(sm->ipv4EncapTable(), encaps);
+  EXPECT_EQ(sm->p4RtPortMappingStatus().get(), ports.get());
+  EXPECT_EQ(sm->validationHelper(), helper);
+  EXPECT_EQ(sm->batchStatus(), batch);
+  EXPECT_EQ(sm->p4HandleMgr(), handles);
+}
+
+TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {
+  sm = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig, groups, members, encaps, ports, helper, batch,
+                                       handles);
+  EXPECT_FALSE(sm->hasNotificationActive());
+  sm->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
+  writeAll();
+  EXPECT_TRUE(groupCopies(3, {5, 6}));
+
+  sm->hasNotificationActiveIs(true);
+  sm->hasNotificationActiveIs(false);
+  forgetWhatHappened();
+  writeEncap({.lastOctet = 2});
+  writeMember({.id = 7});
+  groups->entryDel(3);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_THAT(results(), IsEmpty());
+
+  sm->hasNotificationActiveIs(true);
+  writeMember({.id = 6, .port = 2});
+  EXPECT_THAT(writes(), ElementsAre("written member 6"));
+}
+
+TEST_F(EcmpLifecycle, ADetachedTableIsStillReadButNoLongerWatched) {
+  writeAll();
+  start();
+  forgetWhatHappened();
+
+  sm->ipv4EncapTableDel();
+  writeEncap({.lastOctet = 2});
+  EXPECT_THAT(writes(), IsEmpty());
+  writeMember({.id = 5});
+  EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3"));
+  EXPECT_EQ(memberActions(5).encap().src.octets[3], 2);
+
+  sm->p4rtEcmpGroupTableDel();
+  writeGroup(4, {5});
+  groups->entryDel(3);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_NE(corvexGroup(3), nullptr);
+
+  sm->p4rtEcmpMemberTableDel();
+  members->entryDel(5);
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_NE(corvexMember(5), nullptr);
+
+  sm->p4rtEcmpMemberTableDel();
+  sm->hasNotificationActiveIs(false);
+  EXPECT_THAT(results(), IsEmpty());
+}
+
+TEST_F(EcmpLifecycle, AReactorMayBeDetachedByWhatItCauses) {
+  struct Detacher {
+    void result(const P4Runtime::TransactionResult&) { sm.p4rtEcmpGroupTableDel(); }
+    OstraEcmpGroupSm& sm;
+  };
+  writeAll();
+  start();
+  Detacher detacher{*sm};
+  const Korm::MemberNotifiee<Detacher, &Detacher::result, const P4Runtime::TransactionResult&>
+      reactor{detacher, batch->resultNotifiees()};
+  forgetWhatHappened();
+  groups->entryDel(3);
+  EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
+  writeGroup(3, {5, 6});
+  EXPECT_THAT(writes(), IsEmpty());
+}
+
+TEST_F(EcmpLifecycle, WhatWasWrittenStaysWhenTheStateMachineGoes) {
+  writeAll();
+  start();
+  forgetWhatHappened();
+  stop();
+  writeMember({.id = 5, .port = 2});
+  members->entryDel(6);
+  groups->entryDel(3);
+  writeEncap({.lastOctet = 2});
+  EXPECT_THAT(writes(), IsEmpty());
+  EXPECT_EQ(corvexGroup(3)->buckets(), 2U);
+  EXPECT_EQ(groups->references(), 1U);
+}
+
+TEST_F(EcmpLifecycle, AStartThatRaisesLeavesNoStateMachineBehind) {
+  writeEncap({});
+  writeMember({.id = 5});
+  auto damaged = groupRow(3, {5});
+  damaged->memberIds.storedCountIs(P4RuntimeRouting::maxMembers + 1);
+  groups->entryIs(*damaged);
+  EXPECT_THROW(start(), Korm::RangeException);
+  EXPECT_EQ(sm, nullptr);
+  EXPECT_TRUE(groups->entryNotifiees().empty());
+  EXPECT_TRUE(members->entryNotifiees().empty());
+  EXPECT_TRUE(encaps->entryNotifiees().empty());
+  EXPECT_EQ(cxHwConfig->references(), 1U);
+  EXPECT_EQ(batch->references(), 2U) << "the fixture's and the validation helper's";
+  EXPECT_NE(corvexMember(5), nullptr);
+}
+
+}  // namespace
+}  // namespace EcmpTest
