@@ -1,0 +1,116 @@
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <random>
+
+#include "FlowFixture.h"
+
+namespace OstraTest {
+namespace {
+
+using Ostra::buildFlowName;
+using Ostra::flowIdFromName;
+
+constexpr std::uint64_t largest = std::numeric_limits<std::uint64_t>::max();
+
+TEST(FlowName, IsThePrefixAndThePlainDecimalHandle) {
+  EXPECT_EQ(buildFlowName(0), "flow-0");
+  EXPECT_EQ(buildFlowName(42), "flow-42");
+  EXPECT_EQ(buildFlowName(largest), "flow-18446744073709551615");
+  for (unsigned bit = 0; bit < 64; ++bit) {
+    const std::uint64_t handle = std::uint64_t{1} << bit;
+    EXPECT_EQ(flowIdFromName(buildFlowName(handle)), handle);
+    EXPECT_EQ(flowIdFromName(buildFlowName(handle - 1)), handle - 1);
+  }
+  EXPECT_EQ(flowIdFromName(buildFlowName(largest)), largest);
+}
+
+TEST(FlowName, ReadsWhatFormattedInputWouldRead) {
+  struct Case {
+    std::string name;
+    std::uint64_t handle;
+  };
+  const Case cases[] = {
+      {"flow-0", 0},
+      {"flow-007", 7},
+      {"flow-42xyz", 42},
+      {"flow-12-3", 12},
+      {"flow-1 2", 1},
+      {"flow-0x10", 0},
+      {"flow- 42", 42},
+      {"flow- \t\n 42", 42},
+      {"flow-+7", 7},
+      {"flow- +7", 7},
+      {"flow--5", largest - 4},
+      {"flow--0", 0},
+      {"flow--18446744073709551615", 1},
+      {"flow-18446744073709551615", largest},
+      {"flow-18446744073709551616", largest},
+      {"flow-99999999999999999999999999", largest},
+      {"flow--99999999999999999999999999", largest},
+      {"flow-00000000000000000000000000012", 12},
+      {std::string{"flow-5\0006", 8}, 5},
+  };
+  TextTrace trace{0};
+  for (const Case& name : cases) {
+    EXPECT_EQ(flowIdFromName(name.name), name.handle) << name.name;
+  }
+  EXPECT_EQ(trace.take(), Texts{}) << "each of them parses";
+}
+
+TEST(FlowName, ThatDoesNotParseIsTracedAndGivesZero) {
+  TextTrace trace{0};
+  const std::string names[] = {"",        "flow",    "flow-",    "flow- ",
+                               "flow-x",  "flow-+",  "Flow-1",   "fl-1",
+                               " flow-1", "flow -1", "flow-- 5", "flow-+-5",
+                               "1",       "flow_1",  "mine",     std::string{"flow-\0005", 7}};
+  for (const std::string& name : names) {
+    EXPECT_EQ(flowIdFromName(name), 0U) << name;
+    EXPECT_EQ(trace.places(), Texts{"Ostra/FlowUtil:19"}) << name;
+    EXPECT_EQ(trace.take(), Texts{"0 Ostra::flowIdFromName Invalid flow Name: " + name});
+  }
+}
+
+TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
+  std::mt19937 random{20240611};
+  constexpr std::string_view letters = "flow- +0123456789\tF";
+  for (int round = 0; round < 20'000; ++round) {
+    std::string name = random() % 8 == 0 ? "" : "flow-";
+    for (auto length = random() % 24; length > 0; --length) {
+      name += random() % 3 == 0 ? letters[random() % letters.size()]
+                                : static_cast<char>('0' + random() % 10);
+    }
+    unsigned long expected = 0;
+    if (std::sscanf(name.c_str(), "flow-%lu", &expected) <= 0) {
+      expected = 0;
+    }
+    ASSERT_EQ(flowIdFromName(name), expected) << name;
+  }
+}
+
+// Accepts both limits and refuses what is next to them, and values that would fit only when truncated.
+template <class Bounded>
+void expectLimits(long long least, long long most, const std::string& message) {
+  for (const long long value : {least, most}) {
+    EXPECT_EQ(static_cast<long long>(Bounded{value}.value()), value);
+  }
+  for (const long long value :
+       {least - 1, most + 1, most + 0x1'0000, 0x1'0000'0000LL + least, -0x1'0000'0000LL + most,
+        std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max()}) {
+    EXPECT_EQ(raised([&] { static_cast<void>(Bounded{value}); }), message) << value;
+  }
+}
+
+TEST(ValueLimits, AreInclusiveAndSaySoInTheirOwnWords) {
+  expectLimits<Bridging::VlanIdOrNone>(0, 4094, "VlanIdOrNone::value > 4094 not allowed");
+  expectLimits<Bridging::VlanIdOrAnyOrNone>(0, 4095, "VlanIdOrAnyOrNone::value > 4095 not allowed");
+  expectLimits<OpenFlowTable::TrafficClass>(
+      0, 16, "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed");
+  expectLimits<OpenFlowTable::Priority>(-1, 65536,
+                                        "Priority::value < -1 or > Priority::max not allowed");
+  expectLimits<Ostra::FlowTableIndex>(
+      0, 15, "FlowTableIndex::value < 0 or > FlowTableIndex::max not allowed");
+}
+
+}  // namespace
+}  // namespace OstraTest
