@@ -87,13 +87,14 @@ static_assert(flowResults.size() == static_cast<std::size_t>(FlowStatus::deletin
 struct GroupFailure {
   GroupStatus status;
   ErrorCode code;
-  std::string_view message;
+  std::string_view message;  // followed by what it is and its id
 };
 constexpr std::array<GroupFailure, 3> groupFailures{{
-    {GroupStatus::actionNotSupported_, ErrorCode::actionNotSupported_, "Action not supported"},
+    {GroupStatus::actionNotSupported_, ErrorCode::actionNotSupported_,
+     "Action not supported for profile"},
     {GroupStatus::hardwareFull_, ErrorCode::hardwareResourceExhausted_,
-     "Hardware resource exhausted"},
-    {GroupStatus::hardwareError_, ErrorCode::hardwareError_, "Unknown error to program"},
+     "Hardware resource exhausted for profile"},
+    {GroupStatus::hardwareError_, ErrorCode::hardwareError_, "Unknown error to program profile"},
 }};
 
 // What stands for a group of the hardware on the controller's side.
@@ -112,7 +113,7 @@ void reportGroupFailure(P4Runtime::BatchStatusEntry& entry, const Profile& profi
                    [status](const GroupFailure& row) { return row.status == status; });
   if (failure != groupFailures.end()) {
     std::string message{failure->message};
-    message += profile.isMember ? " for profile member " : " for profile group ";
+    message += profile.isMember ? " member " : " group ";
     message += std::to_string(profile.id);
     entry.messageIs(message);
     entry.errorCodeIs(failure->code);
