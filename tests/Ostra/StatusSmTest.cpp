@@ -12,8 +12,7 @@
 
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraStatusSm.h"
-#include "Ostra/Trace.h"
-#include "platform/Brisklog/TextTrace.h"
+#include "tests/Ostra/FlowFixture.h"
 #include "tests/Ostra/StatusTestSupport.h"
 
 namespace {
@@ -401,11 +400,7 @@ TEST_F(StatusSm, KeepsUpWithAnyHistory) {
 }
 
 TEST_F(StatusSm, TracesInItsOwnWords) {
-  std::vector<std::string> texts;
-  Brisklog::textSinkIs([&texts](const Brisklog::TextMessage& message) {
-    texts.push_back(std::to_string(message.level) + " " + std::string{message.text});
-  });
-  Ostra::traceHandle.levelIs(7);
+  OstraTest::TextTrace trace{7};
   start();
   flow("flow-7", 3);
   info_->dependentHandleToVrfMapIs(7, 5);
@@ -416,31 +411,30 @@ TEST_F(StatusSm, TracesInItsOwnWords) {
   hw_->groupStatsDel(5);
   hw_->groupStatsIs(9, GroupStatus::ready_);
   dir_->entityDel("p4rt");
-  Ostra::traceHandle.levelIs(-1);
-  Brisklog::textSinkIs(nullptr);
-  EXPECT_EQ(texts, (std::vector<std::string>{
-                       "5 OstraStatusDirSm::handleInitialized",
-                       "5 OstraStatusDirSm::handleStatusDir",
-                       "5 OstraStatusDirSm::handleStatusDir p4rt",
-                       "5 OstraStatusDirSm create statusSm",
-                       "5 OstraStatusSm::handleInitialized",
-                       "5 OstraStatusSm::handleFlowHwStatus",
-                       "5 OstraStatusSm::handleGroupHwStatus",
-                       "5 OstraStatusSm::handleFlowHwStatus Modify/insert status update for flow: "
-                       "flow-7 status: 3",
-                       "5 OstraStatusSm::handleFlowHwStatusDelete status update for flow: flow-7",
-                       "5 handleFlowHwStatus dependentHandle:7 vrfId:5",
-                       "5 OstraStatusSm::handleGroupHwStatus groupId: 5",
-                       "7 group status update for flow: 5 status: 3",
-                       "5 OstraStatusSm::handleGroupHwStatus groupId: 4294967302",
-                       "7 member not in p4rt table for OF groupId: 4294967302",
-                       "5 OstraStatusSm::handleGroupHwStatus groupId: 5",
-                       "7  group status deleted for group: 5",
-                       "5 OstraStatusSm::handleGroupHwStatus groupId: 9",
-                       "7 group not in p4rt table for OF groupId: 9",
-                       "5 OstraStatusDirSm::handleStatusDir p4rt",
-                       "5 OstraStatusDirSm delete statusSm",
-                   }));
+  EXPECT_EQ(trace.take(),
+            (OstraTest::Texts{
+                "5 OstraStatusDirSm::handleInitialized",
+                "5 OstraStatusDirSm::handleStatusDir",
+                "5 OstraStatusDirSm::handleStatusDir p4rt",
+                "5 OstraStatusDirSm create statusSm",
+                "5 OstraStatusSm::handleInitialized",
+                "5 OstraStatusSm::handleFlowHwStatus",
+                "5 OstraStatusSm::handleGroupHwStatus",
+                "5 OstraStatusSm::handleFlowHwStatus Modify/insert status update for flow: "
+                "flow-7 status: 3",
+                "5 OstraStatusSm::handleFlowHwStatusDelete status update for flow: flow-7",
+                "5 handleFlowHwStatus dependentHandle:7 vrfId:5",
+                "5 OstraStatusSm::handleGroupHwStatus groupId: 5",
+                "7 group status update for flow: 5 status: 3",
+                "5 OstraStatusSm::handleGroupHwStatus groupId: 4294967302",
+                "7 member not in p4rt table for OF groupId: 4294967302",
+                "5 OstraStatusSm::handleGroupHwStatus groupId: 5",
+                "7  group status deleted for group: 5",
+                "5 OstraStatusSm::handleGroupHwStatus groupId: 9",
+                "7 group not in p4rt table for OF groupId: 9",
+                "5 OstraStatusDirSm::handleStatusDir p4rt",
+                "5 OstraStatusDirSm delete statusSm",
+            }));
 }
 
 }  // namespace
