@@ -72,7 +72,7 @@ class HwAgent {
   // Programs all that is waiting, now and in either mode.
   void run();
   // How many flows and groups wait.
-  [[nodiscard]] std::size_t waiting() const noexcept { return queue_.size(); }
+  [[nodiscard]] std::size_t waiting() const noexcept { return queue_.size() - next_; }
 
   // The hardware's room; nothing for no limit. Lowering it below what is programmed takes nothing away.
   void flowCapacityIs(std::optional<std::size_t> capacity) noexcept { flows_.capacity = capacity; }
@@ -158,7 +158,8 @@ class HwAgent {
   void programGroup(GroupId id);
   void answerDelete(const Korm::Name& name);
 
-  [[nodiscard]] OpenFlowTable::HwStatus& unit(const Korm::Name& name);
+  // Added when it is not there.
+  OpenFlowTable::HwStatus& unit(const Korm::Name& name);
 
   // Constant after construction.
   const Korm::Ptr<OpenFlowTable::CorvexHwConfig> config_;
@@ -171,6 +172,7 @@ class HwAgent {
   bool published_ = true;
   bool scheduled_ = false;
   std::vector<Waiting> queue_;
+  std::size_t next_ = 0;  // in the queue; what stands before it is done
   Side<Korm::Name> flows_;
   Side<GroupId> groups_;
   std::vector<Korm::Name> unanswered_;  // withdrawn while nobody could see it

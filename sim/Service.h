@@ -43,7 +43,7 @@
 
 namespace Sim {
 
-class ServiceObjects;
+struct ServiceObjects;
 class Transactions;
 
 // The range exception's text when one left the library; nothing when all went well.

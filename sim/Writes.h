@@ -78,9 +78,9 @@ struct Result {
   Kind kind = Kind::flow_;
   State state = State::done_;
   P4Runtime::ErrorCode code = P4Runtime::ErrorCode::success_;  // of a done_ one
-  P4Runtime::EntryHandle handle;                               // 0, none, of a rejected_ one
+  P4Runtime::EntryHandle handle{};                             // 0, none, of a rejected_ one
   P4Runtime::MemberOrGroupId id = 0;                           // of a member or group
-  std::string message;                                         // empty when there is nothing to say
+  std::string message{};                                       // empty when there is nothing to say
 
   [[nodiscard]] bool succeeded() const noexcept {
     return state == State::done_ && code == P4Runtime::ErrorCode::success_;

@@ -1,0 +1,305 @@
+#include "sim/HwAgent.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <utility>
+
+#include "platform/Korm/Activity.h"
+#include "platform/Korm/Clock.h"
+#include "sim/NameOrder.h"
+
+namespace Sim {
+namespace {
+
+using OpenFlowTable::FlowStats;
+using OpenFlowTable::FlowStatus;
+using OpenFlowTable::GroupId;
+using OpenFlowTable::GroupStats;
+using OpenFlowTable::GroupStatus;
+using OpenFlowTable::HwStatus;
+
+// Flows and groups are published alike; these name the operations of the one and the other alike.
+constexpr FlowStatus held(const Korm::Name& /*flow*/) noexcept { return FlowStatus::programmed_; }
+constexpr GroupStatus held(GroupId /*group*/) noexcept { return GroupStatus::ready_; }
+constexpr FlowStatus full(const Korm::Name& /*flow*/) noexcept { return FlowStatus::hardwareFull_; }
+constexpr GroupStatus full(GroupId /*group*/) noexcept { return GroupStatus::hardwareFull_; }
+
+const FlowStats* find(const HwStatus& status, const Korm::Name& flow) {
+  return status.flowStats(flow);
+}
+const GroupStats* find(const HwStatus& status, GroupId group) { return status.groupStats(group); }
+FlowStats& obtain(HwStatus& status, const Korm::Name& flow, FlowStatus value) {
+  return status.flowStatsIs(flow, value);
+}
+GroupStats& obtain(HwStatus& status, GroupId group, GroupStatus value) {
+  return status.groupStatsIs(group, value);
+}
+bool drop(HwStatus& status, const Korm::Name& flow) { return status.flowStatsDel(flow); }
+bool drop(HwStatus& status, GroupId group) { return status.groupStatsDel(group); }
+
+// Whether the hardware holds it, as far as it says.
+template <class Key>
+bool holds(const HwStatus& status, const Key& key) {
+  const auto* const stats = find(status, key);
+  return stats != nullptr && stats->status() == held(key);
+}
+
+double newerThan(double count) {
+  return std::max(Korm::currentTime(),
+                  std::nextafter(count, std::numeric_limits<double>::infinity()));
+}
+
+// `used` is how much room is taken by keys of this kind.
+template <class Key, class Status>
+void publish(HwStatus& status, std::size_t& used, const Key& key, Status value) {
+  used -= holds(status, key) ? 1U : 0U;
+  used += value == held(key) ? 1U : 0U;
+  const bool known = find(status, key) != nullptr;
+  auto& stats = obtain(status, key, value);
+  if (known) {
+    stats.statusIs(value);
+    stats.changeCountIs(newerThan(stats.changeCount()));
+  }
+}
+
+template <class Key>
+bool withdraw(HwStatus& status, std::size_t& used, const Key& key) {
+  used -= holds(status, key) ? 1U : 0U;
+  return drop(status, key);
+}
+
+// Gives room to a key that has it already or finds some.
+template <class Side, class Key>
+void program(HwStatus& status, Side& side, const Key& key) {
+  const bool room = holds(status, key) || !side.capacity.has_value() || side.used < *side.capacity;
+  publish(status, side.used, key, room ? held(key) : full(key));
+}
+
+Korm::Name nameInUnit(const Korm::Name& flow) { return flow + Korm::Name{HwAgent::unitSuffix}; }
+
+template <class Counts>
+void publishCounts(HwStatus& unit, const Korm::Name& flow, const Counts& counts) {
+  unit.flowStatsIs(nameInUnit(flow), FlowStatus::programmed_)
+      .countersIs(counts.packets, counts.bytes);
+}
+
+}  // namespace
+
+HwAgent::HwAgent(Korm::Ptr<OpenFlowTable::CorvexHwConfig> config, Korm::Ptr<Korm::Dir> statusDir,
+                 Korm::Ptr<Korm::Dir> unitDir)
+    : config_{std::move(config)},
+      statusDir_{std::move(statusDir)},
+      unitDir_{std::move(unitDir)},
+      status_{Korm::makePtr<HwStatus>(Korm::Name{statusName})},
+      flowNotifiee_{*this, config_->flowEntryNotifiees()},
+      groupNotifiee_{*this, config_->groupEntryNotifiees()},
+      pollNotifiee_{*this, config_->counterPollEnableNotifiees()},
+      alive_{std::make_shared<char>()} {
+  statusDir_->entityIs(status_->name(), status_);
+  unit(Korm::Name{firstUnit});
+  for (const auto& group : config_->groupEntries()) {
+    handleGroup(group.key);
+  }
+  for (const auto& flow : config_->flowEntries()) {
+    handleFlow(flow.key);
+  }
+}
+
+HwAgent::~HwAgent() = default;
+
+void HwAgent::automaticIs(bool automatic) {
+  automatic_ = automatic;
+  schedule();
+}
+
+void HwAgent::handleFlow(const Korm::Name& name) {
+  if (flows_.queued.tryEmplace(name).second) {
+    queue_.push_back({.flow = name});
+    schedule();
+  }
+}
+
+void HwAgent::handleGroup(const GroupId& id) {
+  if (groups_.queued.tryEmplace(id).second) {
+    queue_.push_back({.flow = {}, .group = id, .isGroup = true});
+    schedule();
+  }
+}
+
+void HwAgent::schedule() {
+  if (!automatic_ || scheduled_ || waiting() == 0) {
+    return;
+  }
+  scheduled_ = true;
+  Korm::activity().defer([this, alive = std::weak_ptr<void>{alive_}] {
+    if (alive.expired()) {
+      return;
+    }
+    scheduled_ = false;
+    if (automatic_) {
+      run();
+    }
+  });
+}
+
+void HwAgent::run() {
+  while (next_ < queue_.size()) {
+    // The reactors to what is published may queue more, and the queue may move.
+    const Waiting waiting = std::move(queue_[next_++]);
+    if (waiting.isGroup) {
+      groups_.queued.erase(waiting.group);
+      programGroup(waiting.group);
+    } else {
+      flows_.queued.erase(waiting.flow);
+      programFlow(waiting.flow);
+    }
+  }
+  queue_.clear();
+  next_ = 0;
+}
+
+void HwAgent::programFlow(const Korm::Name& name) {
+  if (config_->flowEntry(name) != nullptr) {
+    program(*status_, flows_, name);
+    return;
+  }
+  if (!withdraw(*status_, flows_.used, name)) {
+    answerDelete(name);
+  } else if (!published_) {
+    unanswered_.push_back(name);
+  }
+}
+
+void HwAgent::programGroup(GroupId id) {
+  const OpenFlowTable::GroupEntry* const group = std::as_const(*config_).groupEntry(id);
+  if (group == nullptr || group->deleted()) {
+    withdraw(*status_, groups_.used, id);
+  } else if (group->ready()) {
+    program(*status_, groups_, id);
+  }
+}
+
+// For a flow of which nobody sees a status that could be withdrawn.
+void HwAgent::answerDelete(const Korm::Name& name) {
+  if (!published_) {
+    unanswered_.push_back(name);
+    return;
+  }
+  status_->flowStatsIs(name, FlowStatus::pending_);
+  status_->flowStatsDel(name);
+}
+
+void HwAgent::flowStatusIs(const Korm::Name& name, FlowStatus status) {
+  publish(*status_, flows_.used, name, status);
+}
+
+void HwAgent::groupStatusIs(GroupId id, GroupStatus status) {
+  publish(*status_, groups_.used, id, status);
+}
+
+bool HwAgent::flowStatusDel(const Korm::Name& name) {
+  return withdraw(*status_, flows_.used, name);
+}
+
+bool HwAgent::groupStatusDel(GroupId id) { return withdraw(*status_, groups_.used, id); }
+
+void HwAgent::publishedIs(bool published) {
+  if (published == published_) {
+    return;
+  }
+  published_ = published;
+  if (!published) {
+    statusDir_->entityDel(status_->name());
+    return;
+  }
+  statusDir_->entityIs(status_->name(), status_);
+  for (const Korm::Name& name : std::exchange(unanswered_, {})) {
+    if (status_->flowStats(name) == nullptr) {
+      answerDelete(name);
+    }
+  }
+}
+
+OpenFlowTable::HwStatus& HwAgent::unit(const Korm::Name& name) {
+  auto unit = unitDir_->entityPtr<HwStatus>(name);
+  if (!unit) {
+    unit = Korm::makePtr<HwStatus>(name);
+    unitDir_->entityIs(name, unit);
+  }
+  return *unit;  // the directory holds it
+}
+
+void HwAgent::countersAdd(const Korm::Name& flow, std::uint64_t packets, std::uint64_t bytes,
+                          const Korm::Name& unitName) {
+  OpenFlowTable::HwStatus& status = unit(unitName);
+  Counts& counts = counts_[unitName][flow];
+  counts.packets += packets;
+  counts.bytes += bytes;
+  if (counterPoll()) {
+    publishCounts(status, flow, counts);
+  }
+}
+
+void HwAgent::handleCounterPoll() {
+  for (const auto& [unitName, flows] : counts_) {
+    OpenFlowTable::HwStatus& status = unit(unitName);
+    for (const auto& [flow, counts] : flows) {
+      if (counterPoll()) {
+        publishCounts(status, flow, counts);
+      } else {
+        status.flowStatsDel(nameInUnit(flow));
+      }
+    }
+  }
+}
+
+std::vector<Korm::Name> HwAgent::units() const {
+  std::vector<Korm::Name> names;
+  for (const auto& [name, entity] : unitDir_->entities()) {
+    if (Korm::dynamicPtrCast<const HwStatus>(entity)) {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end(), numberedBefore);
+  return names;
+}
+
+std::vector<HwAgent::FlowView> HwAgent::publishedFlows() const {
+  std::vector<FlowView> views;
+  if (published_) {
+    for (const auto& flow : status_->flowStats()) {
+      views.push_back({&flow.key, flow.value.status()});
+    }
+  }
+  std::sort(views.begin(), views.end(),
+            [](const FlowView& a, const FlowView& b) { return numberedBefore(*a.name, *b.name); });
+  return views;
+}
+
+std::vector<HwAgent::GroupView> HwAgent::publishedGroups() const {
+  std::vector<GroupView> views;
+  if (published_) {
+    for (const auto& group : status_->groupStats()) {
+      views.push_back({group.key, group.value.status()});
+    }
+  }
+  std::sort(views.begin(), views.end(),
+            [](const GroupView& a, const GroupView& b) { return a.id < b.id; });
+  return views;
+}
+
+void HwAgent::verify() const {
+  flows_.queued.verify();
+  groups_.queued.verify();
+  Korm::assertTrue(flows_.queued.size() + groups_.queued.size() == waiting(),
+                   "each flow or group waits once");
+  const auto programmed = [this](const auto& all) {
+    return static_cast<std::size_t>(std::count_if(
+        all.begin(), all.end(), [this](const auto& one) { return holds(*status_, one.key); }));
+  };
+  Korm::assertTrue(programmed(status_->flowStats()) == flows_.used, "flows take their room");
+  Korm::assertTrue(programmed(status_->groupStats()) == groups_.used, "groups take their room");
+}
+
+}  // namespace Sim

@@ -1,0 +1,165 @@
+#include "sim/Service.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Ostra/OstraSm.h"
+#include "platform/Korm/Activity.h"
+#include "sim/RowWriter.h"
+#include "sim/ServiceObjects.h"
+#include "sim/Transactions.h"
+
+namespace Sim {
+namespace {
+
+// Under which the library registers the reader of direct counters.
+constexpr std::uint32_t directCounter = 0;
+
+// Makes a change that the library reacts to.
+template <class Change>
+Failure guarded(Change change) {
+  try {
+    change();
+  } catch (const Korm::RangeException& refused) {
+    return refused.what();
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+Service::Service()
+    : objects_{std::make_unique<ServiceObjects>()},
+      transactions_{std::make_unique<Transactions>(*objects_)} {}
+
+Service::~Service() = default;
+
+const Korm::Ptr<Tessel::EntityManager>& Service::entityManager() const noexcept {
+  return objects_->entityManager;
+}
+const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& Service::hwConfig() const noexcept {
+  return objects_->hwConfig;
+}
+const Korm::Ptr<Korm::Dir>& Service::hwStatusDir() const noexcept { return objects_->hwStatusDir; }
+const Korm::Ptr<Korm::Dir>& Service::hwUnitDir() const noexcept { return objects_->hwUnitDir; }
+
+void Service::settle() { Korm::activity().run(); }
+
+Announcement Service::create(bool announceRows) {
+  if (running()) {
+    return {.failure = "the library is running already", .results = {}};
+  }
+  RowWriter writer{*objects_, *transactions_, nullptr};
+  transactions_->begin(writer.storedRows(), true);
+  writer.enterAnnouncements();
+  if (Failure failure = createContext()) {
+    transactions_->forget();
+    settle();
+    return {.failure = std::move(failure), .results = {}};
+  }
+  if (announceRows) {
+    writer.announce();
+  }
+  return announcement();
+}
+
+Failure Service::createContext() {
+  const ServiceObjects& has = *objects_;
+  auto context =
+      Ostra::ostraContextFactory(has.configTables, has.vrfs, has.ports, has.batchStatus,
+                                 has.telemetry, has.handles, has.validation, has.counters);
+  Tessel::MountGroup mounts;
+  context->doMounts(mounts);
+  const Tessel::MountStatus status = has.entityManager->complete(mounts);
+  if (Failure failure = guarded([&] { context->doMountsComplete(status, has.entityManager); })) {
+    return failure;
+  }
+  context_ = std::move(context);
+  return std::nullopt;
+}
+
+Announcement Service::resync() {
+  if (!running()) {
+    return {.failure = "the library is stopped", .results = {}};
+  }
+  RowWriter writer{*objects_, *transactions_, context_.get()};
+  transactions_->begin(writer.storedRows(), true);
+  writer.enterAnnouncements();
+  writer.announce();
+  return announcement();
+}
+
+Announcement Service::announcement() {
+  settle();
+  Announcement announced{.failure = std::nullopt, .results = transactions_->finish()};
+  std::erase_if(announced.results, [](const Result& result) { return result.succeeded(); });
+  return announced;
+}
+
+void Service::stop() {
+  context_ = nullptr;
+  transactions_->forget();
+  settle();
+}
+
+std::vector<Result> Service::apply(std::span<const Update> batch) {
+  RowWriter writer{*objects_, *transactions_, context_.get()};
+  transactions_->begin(batch.size(), running());
+  for (const Update& update : batch) {
+    writer.apply(update);
+  }
+  settle();
+  return transactions_->finish();
+}
+
+std::vector<Report> Service::takeReports() { return transactions_->takeReports(); }
+
+std::optional<P4Runtime::P4CounterData> Service::counter(P4Runtime::EntryHandle handle) const {
+  const auto reader = objects_->counters->counterImplMap(directCounter);
+  return reader ? std::optional{reader->getCounters(handle)} : std::nullopt;
+}
+
+void Service::portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf) {
+  objects_->ports->portIs(port, intf);
+}
+
+bool Service::portDel(P4Runtime::P4PortId port) { return objects_->ports->portDel(port); }
+
+Failure Service::encapIs(const NexthopGroup::EncapEntry& entry) {
+  Failure failure = guarded([&] { objects_->encapTable->entryIs(entry); });
+  settle();
+  return failure;
+}
+
+bool Service::hasEncap(NexthopGroup::EncapId id) const {
+  return objects_->encapTable->entry(id) != nullptr;
+}
+
+Failure Service::encapDel(NexthopGroup::EncapId id) {
+  Failure failure = guarded([&] { objects_->encapTable->entryDel(id); });
+  settle();
+  return failure;
+}
+
+void Service::corvexFlowIs(const Korm::Name& name) {
+  objects_->hwConfig->flowEntryIs(name, {}, {}, OpenFlowTable::Priority{}, 0,
+                                  OpenFlowTable::TableType::l2_, 0, 0.0, 0.0, false, true);
+  settle();
+}
+
+bool Service::corvexFlowDel(const Korm::Name& name) {
+  const bool was = objects_->hwConfig->flowEntryDel(name);
+  settle();
+  return was;
+}
+
+void Service::verify() const {
+  transactions_->verify();
+  if (context_) {
+    for (const auto& [index, machine] : context_->ostraSmColl()) {
+      machine->verify();
+    }
+  }
+}
+
+}  // namespace Sim
