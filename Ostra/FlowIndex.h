@@ -75,6 +75,10 @@ class FlowIndex {
     }
   }
 
+  // See Korm::HashMap.
+  void prefetchIndex(std::uint32_t hash) const noexcept { map_.prefetchIndex(hash); }
+  void prefetchElement(std::uint32_t hash) const noexcept { map_.prefetchElement(hash); }
+
   void clear() noexcept { map_.clear(); }
 
   // Asserts every invariant.

@@ -163,6 +163,7 @@ void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
     traceNoConfig(key);
     return;
   }
+  index_.prefetchIndex(hash);
   const OstraConfigEntry* stored = nullptr;
   if (reactor_) {
     try {
@@ -184,9 +185,12 @@ void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
 void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry) {
   const P4Runtime::EntryHandle handle = entry.entryHandle;
   const Korm::String name = buildFlowName(handle);
+  cxHwConfig_->flowEntryExpected(name);
   traceInsert(name);
   OpenFlowTable::Match match;
   buildMatch(key, handle, match);
+  cxHwConfig_->flowEntryExpectedSoon(name);
+  index_.prefetchElement(hash);
   OpenFlowTable::Actions actions;
   buildActions(key, hash, entry, actions);
   validateFlowAction(actions, actions.actionSet(), entry);

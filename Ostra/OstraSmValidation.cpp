@@ -65,22 +65,49 @@ const IpVerdict& ipVerdict(const MatchField<std::uint16_t>& etherType,
   Korm::assertionFailed("false", Korm::sourceUnit(__builtin_FILE()), __builtin_LINE());
 }
 
-// A field that may be constrained only under a condition.
+// What must be exact for a field to be constrained.
+enum class Needs : std::uint8_t { ip4_, ip6_, arp_, ip4OrIp6_, ipOnly_ };
+
 struct FieldCheck {
   MatchFieldId field;
-  bool constrained;
-  bool allowed;
+  bool (*constrained)(const OstraKey& key);
+  Needs needs;
 };
 
-// The name of the first field that breaks its condition, or null.
-template <std::size_t count>
-const char* firstForbidden(const std::array<FieldCheck, count>& checks) noexcept {
-  for (const FieldCheck& check : checks) {
-    if (check.constrained && !check.allowed) {
-      return matchFieldName(check.field);
-    }
+template <auto accessor>
+bool isConstrained(const OstraKey& key) {
+  return (key.*accessor)().constrained();
+}
+
+// In the order of the checks: the first field that breaks its condition is the one reported. The flag
+// alone does not do for those that need an ether type: the hardware must know which header it looks at.
+constexpr std::array<FieldCheck, 9> fieldChecks{{
+    {MatchFieldId::ip6Dst_, isConstrained<&OstraKey::ip6Dst>, Needs::ip6_},
+    {MatchFieldId::ip6Src_, isConstrained<&OstraKey::ip6Src>, Needs::ip6_},
+    {MatchFieldId::ip4Dst_, isConstrained<&OstraKey::ip4Dst>, Needs::ip4_},
+    {MatchFieldId::ip4Src_, isConstrained<&OstraKey::ip4Src>, Needs::ip4_},
+    {MatchFieldId::arpTarget_, isConstrained<&OstraKey::arpTarget>, Needs::arp_},
+    {MatchFieldId::icmpType_, isConstrained<&OstraKey::icmpType>, Needs::ip4OrIp6_},
+    {MatchFieldId::dscp_, isConstrained<&OstraKey::dscp>, Needs::ipOnly_},
+    {MatchFieldId::hopLimit_, isConstrained<&OstraKey::hopLimit>, Needs::ipOnly_},
+    {MatchFieldId::nextHeader_, isConstrained<&OstraKey::nextHeader>, Needs::ipOnly_},
+}};
+
+bool isMet(Needs needs, const MatchField<std::uint16_t>& etherType, bool isIp) noexcept {
+  const bool exact = etherType.constrained();
+  switch (needs) {
+    case Needs::ip4_:
+      return exact && etherType.value == EtherType::ipv4;
+    case Needs::ip6_:
+      return exact && etherType.value == EtherType::ipv6;
+    case Needs::arp_:
+      return exact && etherType.value == EtherType::arp;
+    case Needs::ip4OrIp6_:
+      return exact && EtherType::isIp(etherType.value);
+    case Needs::ipOnly_:
+      break;
   }
-  return nullptr;
+  return isIp;
 }
 
 }  // namespace
@@ -97,31 +124,16 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
   if (verdict.reason == nullptr) {
     validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, isIpPacketName);
   }
-  const auto isExactly = [&etherType](std::uint16_t type) {
-    return etherType.constrained() && etherType.value == type;
-  };
-  const bool isIp4 = isExactly(EtherType::ipv4);
-  const bool isIp6 = isExactly(EtherType::ipv6);
-  // The flag alone does not do for these: the hardware needs to know which header it looks at.
-  const std::array needEtherType{
-      FieldCheck{MatchFieldId::ip6Dst_, key.ip6Dst().constrained(), isIp6},
-      FieldCheck{MatchFieldId::ip6Src_, key.ip6Src().constrained(), isIp6},
-      FieldCheck{MatchFieldId::ip4Dst_, key.ip4Dst().constrained(), isIp4},
-      FieldCheck{MatchFieldId::ip4Src_, key.ip4Src().constrained(), isIp4},
-      FieldCheck{MatchFieldId::arpTarget_, key.arpTarget().constrained(),
-                 isExactly(EtherType::arp)},
-      FieldCheck{MatchFieldId::icmpType_, key.icmpType().constrained(), isIp4 || isIp6},
-  };
-  if (const char* const field = firstForbidden(needEtherType)) {
+  for (const FieldCheck& check : fieldChecks) {
+    if (!key.given(check.field) || !check.constrained(key) ||
+        isMet(check.needs, etherType, verdict.isIp)) {
+      continue;
+    }
+    const char* const field = matchFieldName(check.field);
+    if (check.needs == Needs::ipOnly_) {
+      validationHelper_->throwNotAllowedEntryBehavior(handle, verdict.reason, field);
+    }
     validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, field);
-  }
-  const std::array needIp{
-      FieldCheck{MatchFieldId::dscp_, key.dscp().constrained(), verdict.isIp},
-      FieldCheck{MatchFieldId::hopLimit_, key.hopLimit().constrained(), verdict.isIp},
-      FieldCheck{MatchFieldId::nextHeader_, key.nextHeader().constrained(), verdict.isIp},
-  };
-  if (const char* const field = firstForbidden(needIp)) {
-    validationHelper_->throwNotAllowedEntryBehavior(handle, verdict.reason, field);
   }
 }
 

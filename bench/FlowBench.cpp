@@ -1,5 +1,7 @@
 // The library's share of a flow write: from the changed key, whose row is in the table already, to the
-// return of handleFlowConfig.
+// return of handleFlowConfig. As in the system, the service has just written the row.
+
+#include <span>
 
 #include "Ostra/FlowUtil.h"
 #include "bench/Library.h"
@@ -15,15 +17,30 @@ struct FlowSide {
     sm->hasNotificationActiveIs(false);
   }
 
-  void store() {
-    for (const auto& entry : entries) {
-      library.table->entryIs(entry);
+  // Has the service write rows with `write(entry)` and the library handle them, a block of a few at a
+  // time so that the clock is read seldom; returns the time of the library's part.
+  template <class Write>
+  double run(const std::vector<std::uint32_t>& in, Write write) {
+    constexpr std::size_t block = 64;
+    double took = 0;
+    for (std::size_t done = 0; done < in.size(); done += block) {
+      const auto now = std::span{in}.subspan(done, std::min(block, in.size() - done));
+      for (const std::uint32_t n : now) {
+        write(entries[n]);
+      }
+      const double start = processorTime();
+      for (const std::uint32_t n : now) {
+        sm->handleFlowConfig(entries[n].flowKey);
+      }
+      took += processorTime() - start;
     }
+    return took / static_cast<double>(in.size());
   }
-  void handle(const std::vector<std::uint32_t>& in) {
-    for (const std::uint32_t n : in) {
-      sm->handleFlowConfig(entries[n].flowKey);
-    }
+  double writeAll(const std::vector<std::uint32_t>& in) {
+    return run(in, [this](const auto& entry) { library.table->entryIs(entry); });
+  }
+  double deleteAll(const std::vector<std::uint32_t>& in) {
+    return run(in, [this](const auto& entry) { library.table->entryDel(entry.flowKey); });
   }
   [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
 
@@ -37,8 +54,7 @@ void flowInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.store();
-    timeEach(state, count, [&] { side.handle(side.order); });
+    state.SetIterationTime(side.writeAll(side.order));
     require(side.flows() == count, "every entry has its flow");
   }
 }
@@ -47,14 +63,11 @@ void flowModify(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.store();
-    side.handle(side.order);
+    side.writeAll(side.order);
     for (auto& entry : side.entries) {
       entry.actions.setDscpIs(9, true);
     }
-    side.store();
-    const auto order = shuffled(count, 2);
-    timeEach(state, count, [&] { side.handle(order); });
+    state.SetIterationTime(side.writeAll(shuffled(count, 2)));
     const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
     require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
             "every flow is rewritten");
@@ -65,11 +78,8 @@ void flowDelete(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.store();
-    side.handle(side.order);
-    side.library.table->entryDelAll();
-    const auto order = shuffled(count, 2);
-    timeEach(state, count, [&] { side.handle(order); });
+    side.writeAll(side.order);
+    state.SetIterationTime(side.deleteAll(shuffled(count, 2)));
     require(side.flows() == 0, "every flow is gone");
   }
 }
@@ -81,15 +91,14 @@ void worstInsert(benchmark::State& state) {
   for (auto _ : state) {
     FlowSide side{count};
     side.sm->hasNotificationActiveIs(true);
-    using Clock = std::chrono::steady_clock;
-    Clock::duration worst{};
+    double worst = 0;
     for (const std::uint32_t n : side.order) {
-      const auto start = Clock::now();
+      const double start = processorTime();
       side.library.table->entryIs(side.entries[n]);
-      worst = std::max(worst, Clock::now() - start);
+      worst = std::max(worst, processorTime() - start);
     }
     require(side.flows() == count, "every entry has its flow");
-    state.SetIterationTime(std::chrono::duration<double>(worst).count());
+    state.SetIterationTime(worst);
   }
 }
 
@@ -129,8 +138,7 @@ void flowRefused(benchmark::State& state, const Refusal& refusal) {
     for (auto& entry : side.entries) {
       refusal.spoil(entry);
     }
-    side.store();
-    timeEach(state, count, [&] { side.handle(side.order); });
+    state.SetIterationTime(side.writeAll(side.order));
     require(side.flows() == 0, "every entry is refused");
   }
 }
@@ -142,7 +150,8 @@ void exceptionFloor(benchmark::State& state) {
       Korm::makePtr<P4Runtime::DefaultValidationHelper>(batchStatus);
   for (auto _ : state) {
     try {
-      helper->throwEntryErrorException(1, P4Runtime::ErrorCode::notFound_, "Group id: 7 is not found");
+      helper->throwEntryErrorException(1, P4Runtime::ErrorCode::notFound_,
+                                       "Group id: 7 is not found");
     } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
       error.report();
     }
@@ -155,8 +164,7 @@ void reconcile(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.store();
-    side.handle(side.order);
+    side.writeAll(side.order);
     side.sm = nullptr;
     side.library.vrfCollection->delAll();
     const std::uint32_t hundredth = std::max(count / 100, 1U);
@@ -165,10 +173,7 @@ void reconcile(benchmark::State& state) {
       side.library.hwConfig->flowEntryIs(Ostra::buildFlowName(std::uint64_t{count} + n + 1), {}, {},
                                          {}, 0, {}, 0, 0, 0, false, true);
     }
-    const auto start = std::chrono::steady_clock::now();
-    side.sm = side.library.makeSm();
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    state.SetIterationTime(took.count());
+    timeEach(state, 1, [&] { side.sm = side.library.makeSm(); });
     require(side.flows() == count, "the stale flows are gone and the missing ones there");
   }
 }
@@ -184,8 +189,9 @@ const bool registered = [] {
       ->UseManualTime()
       ->Unit(benchmark::kMicrosecond);
   for (const Refusal& refusal : refusals) {
-    benchmark::RegisterBenchmark((std::string{"BM_FlowRefused/"} + refusal.name).c_str(),
-                                 [&refusal](benchmark::State& state) { flowRefused(state, refusal); })
+    benchmark::RegisterBenchmark(
+        (std::string{"BM_FlowRefused/"} + refusal.name).c_str(),
+        [&refusal](benchmark::State& state) { flowRefused(state, refusal); })
         ->Iterations(5)
         ->UseManualTime();
   }

@@ -27,8 +27,7 @@ struct Library {
   Korm::Ptr<CorvexConfig::Config> config = Korm::makePtr<CorvexConfig::Config>("p4rt");
   Korm::Ptr<Korm::Dir> hwStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus");
   Korm::Ptr<Ostra::OstraConfig> table = Korm::makePtr<Ostra::OstraConfig>("0");
-  Korm::Ptr<P4Runtime::VrfIdCollection> vrfCollection =
-      Korm::makePtr<P4Runtime::VrfIdCollection>();
+  Korm::Ptr<P4Runtime::VrfIdCollection> vrfCollection = Korm::makePtr<P4Runtime::VrfIdCollection>();
   Korm::Ptr<P4RuntimeConfig::PortMappingStatus> portMapping =
       Korm::makePtr<P4RuntimeConfig::PortMappingStatus>();
   Korm::Ptr<P4Runtime::BatchStatus> batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();

@@ -90,9 +90,8 @@ void tableReaderCopy(benchmark::State& state) {
   }
   Vasta::Reader<Ostra::OstraConfigEntry> reader{table};
   Ostra::OstraConfigEntry copy;
-  lookUpAll(state, entries, [&](const Ostra::OstraKey& key) {
-    return reader.find(key, copy) ? copy.entryId : 0;
-  });
+  lookUpAll(state, entries,
+            [&](const Ostra::OstraKey& key) { return reader.find(key, copy) ? copy.entryId : 0; });
 }
 
 constinit Brisklog::TraceHandle traceHandle{"Bench"};

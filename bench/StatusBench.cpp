@@ -64,7 +64,8 @@ void counterRead(benchmark::State& state) {
     const std::string name = "unit" + std::to_string(unit);
     const auto status = Korm::makePtr<OpenFlowTable::HwStatus>(name);
     for (std::uint32_t n = 0; n < count; ++n) {
-      status->flowStatsIs(Ostra::buildFlowName(n + 1) + "-p4rt").countersIs(n, 2 * std::uint64_t{n});
+      status->flowStatsIs(Ostra::buildFlowName(n + 1) + "-p4rt")
+          .countersIs(n, 2 * std::uint64_t{n});
     }
     dir->entityIs(name, status);
   }

@@ -5,7 +5,11 @@
 // hash a key once for several look-ups. The figures are in docs/performance.md.
 //
 // Elements never move: a reference to one stays good until that element is erased. An iterator stays
-// good across every change but clear(), and the erasure of the element that it stands on.
+// good across every change but clear(), also when the element that it stands on is erased. An element's
+// destructor may look at the map and, except during clear(), change it.
+//
+// The upper bits of a hash choose the segment, so hashes are to be well mixed: at most 448 keys may
+// agree in the upper 22 bits of theirs. One more is a std::length_error that leaves the map as it is.
 //
 // Shape: elements live in chunks that double in size. An index of {hash, slot} words finds them; it is
 // cut into segments of 512 words under a directory, and a segment that fills splits in two.
@@ -55,10 +59,15 @@ class HashIndex {
   void insert(std::uint32_t hash, std::uint32_t slot) noexcept;
   void erase(std::uint32_t hash, std::uint32_t slot) noexcept;
   void clear() noexcept;
+  // Asks for the first word that find() will read.
   void prefetch(std::uint32_t hash) const noexcept {
     if (!directory_.empty()) {
       __builtin_prefetch(segment(hash) + (hash & mask_));
     }
+  }
+  // The slot that find() most likely ends at, or `none`.
+  [[nodiscard]] std::uint32_t likely(std::uint32_t hash) const noexcept {
+    return find(hash, [](std::uint32_t) { return true; });
   }
 
   // Asserts every invariant of the index; `count` is the number of elements it should hold.
@@ -142,6 +151,19 @@ class HashMap {
     return const_cast<HashMap*>(this)->find(key, hash);
   }
 
+  // Two steps ahead of a look-up by a caller with other work to do between: the first asks memory for the
+  // index word, the second, once that may have come, for the element.
+  void prefetchIndex(std::uint32_t hash) const noexcept { index_.prefetch(hash); }
+  void prefetchElement(std::uint32_t hash) const noexcept {
+    if (const std::uint32_t slot = index_.likely(hash); slot != HashIndex::none) {
+      constexpr std::size_t line = 64;
+      const auto* const at = reinterpret_cast<const std::byte*>(&node(slot));
+      for (std::size_t offset = 0; offset < sizeof(Node); offset += line) {
+        __builtin_prefetch(at + offset);
+      }
+    }
+  }
+
   // The element with this key, made from `args` if there is none; true when it was made.
   template <class K, class... Args>
   std::pair<Entry&, bool> tryEmplace(const K& key, Args&&... args) {
@@ -181,23 +203,26 @@ class HashMap {
       return false;
     }
     index_.erase(hash, slot);
-    node(slot).entry().~Entry();
-    free(slot);
     --size_;
+    Node& gone = node(slot);
+    gone.state = noFree;  // before the destructor runs, which may come back here
+    gone.entry().~Entry();
+    free(slot);
     return true;
   }
 
   void clear() noexcept {
+    index_.clear();
+    size_ = 0;
     for (std::uint32_t slot = 0; slot < slots_; ++slot) {
-      if (node(slot).state == live) {
-        node(slot).entry().~Entry();
+      if (Node& gone = node(slot); gone.state == live) {
+        gone.state = noFree;
+        gone.entry().~Entry();
       }
     }
-    index_.clear();
     chunks_.clear();
     slots_ = 0;
     freeList_ = noFree;
-    size_ = 0;
   }
 
   template <bool isConst>
@@ -254,6 +279,10 @@ class HashMap {
       assertTrue(find(entry.key) == &entry, "every element is found under its key");
     }
     assertTrue(count == size_, "the size is the number of elements");
+    for (std::uint32_t slot = freeList_; slot != noFree; slot = node(slot).state) {
+      assertTrue(node(slot).state != live && ++count <= slots_, "free slots hold no element");
+    }
+    assertTrue(count == slots_, "a slot holds an element or is free");
   }
 
  private:

@@ -104,7 +104,8 @@ class FlowHwConfig : public Korm::NamedEntity {
   using NamedEntity::NamedEntity;
 
   // Creates the flow or replaces all of its contents, and tells the reactors its name. A new flow's
-  // entry id and change count are 0; a replaced one keeps them.
+  // entry id and change count are 0; a replaced one keeps them. The flow returned is gone if a reactor has
+  // deleted it by then.
   // `cookie` is opaque to the switch; the timeouts are seconds of idleness and of life after which the
   // hardware withdraws the flow, 0 for never; `sendFlowRemoved` asks to be told when it does;
   // `persistent` keeps the flow when its writer restarts.
@@ -118,13 +119,22 @@ class FlowHwConfig : public Korm::NamedEntity {
     const auto* const found = flows_.find(name);
     return found == nullptr ? nullptr : &found->value;
   }
+  // Hints, in this order, that the flow of that name is about to be looked up or written: for a caller with
+  // other work to do between. They change nothing.
+  void flowEntryExpected(const Korm::Name& name) const noexcept {
+    flows_.prefetchIndex(Flows::hash(name));
+  }
+  void flowEntryExpectedSoon(const Korm::Name& name) const noexcept {
+    flows_.prefetchElement(Flows::hash(name));
+  }
   // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
   [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_; }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowEntryNotifiees() const noexcept {
     return flowNotifiees_;
   }
 
-  // The group, created if it is not there; the reactors are told of a creation.
+  // The group, created if it is not there; the reactors are told of a creation. The group returned is gone
+  // if a reactor has deleted it by then.
   GroupEntry& groupEntryIs(GroupId id);
   bool groupEntryDel(GroupId id);
   [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept {
