@@ -1,0 +1,368 @@
+#include <unistd.h>
+
+#include <set>
+#include <stdexcept>
+
+#include "FlowFixture.h"
+#include "tests/platform/VastaTestRecords.h"
+
+namespace OstraTest {
+namespace {
+
+class FlowLifecycle : public FlowFixture {
+ protected:
+  // Stores a row that no state machine hears of yet.
+  void store(const OstraConfigEntry& entry) {
+    batchStatus->batchStatusEntryIs(entry.entryHandle);
+    table->entryIs(entry);
+  }
+  [[nodiscard]] std::set<std::string> cxFlows() const {
+    std::set<std::string> names;
+    for (const auto& flow : cxHwConfig->flowEntries()) {
+      names.insert(flow.key);
+    }
+    return names;
+  }
+  // Of everything that a state machine is given.
+  [[nodiscard]] std::vector<std::uint32_t> inputReferences() const {
+    return {cxHwConfig->references(), cxConfig->references(),   cxHwStatusDir->references(),
+            table->references(),      vrfs->references(),       ports->references(),
+            validation->references(), statusInfo->references(), batchStatus->references(),
+            telemetry->references()};
+  }
+};
+
+using Names = std::set<std::string>;
+
+TEST_F(FlowLifecycle, StartUpDeletesTheFlowsWhoseHandleTheTableDoesNotHold) {
+  store(flow(7, plainKey(1)));
+  store(flow(18446744073709551611U, plainKey(2)));
+  for (const char* const name : {"flow-7", "flow-8", "flow-07", "flow-7 (mine)", "flow--5",
+                                 "flow-70", "flow-0", "Flow-7", "mine", "flow-", ""}) {
+    placeCxFlow(name);
+  }
+  TextTrace trace{0};
+  start();
+  EXPECT_EQ(cxFlows(),
+            (Names{"flow-7", "flow-07", "flow-7 (mine)", "flow--5", "flow-18446744073709551611"}))
+      << "what counts is the number that is read from the name";
+  EXPECT_EQ(trace.take().size(), 4U) << "each name that does not parse is traced";
+}
+
+TEST_F(FlowLifecycle, AnEntryOfHandleZeroKeepsTheFlowsWithoutANumber) {
+  store(flow(0, plainKey(1)));
+  for (const char* const name : {"mine", "flow-0", "flow-", "flow-7"}) {
+    placeCxFlow(name);
+  }
+  start();
+  EXPECT_EQ(cxFlows(), (Names{"mine", "flow-0", "flow-"}));
+}
+
+TEST_F(FlowLifecycle, StartUpWalksOverManyFlowsWhileDeletingThem) {
+  for (std::uint16_t number = 1; number <= 1000; ++number) {
+    placeCxFlow("flow-" + std::to_string(number));
+    if (number % 3 == 0) {
+      store(flow(number, plainKey(number)));
+    }
+  }
+  start();
+  EXPECT_EQ(cxHwConfig->flowEntries().size(), 333U);
+  for (std::uint16_t number = 3; number <= 1000; number += 3) {
+    ASSERT_TRUE(theFlow(number).match().has(OpenFlowTable::Match::Field::l4DstPort_));
+    ASSERT_EQ(sm->flowKeyToEntryHandle(plainKey(number)), number);
+    ASSERT_GT(theFlow(number).changeCount(), 0.0) << "it was there, so it is a change";
+  }
+  sm->verify();
+}
+
+TEST_F(FlowLifecycle, StartUpTranslatesEveryEntryAndGoesOnAfterABadOne) {
+  for (std::uint16_t number = 1; number <= 9; ++number) {
+    OstraConfigEntry entry = flow(number, plainKey(number));
+    if (number % 3 == 2) {
+      entry.outputPortIs(0);
+    }
+    store(entry);
+    placeCxFlow("flow-" + std::to_string(number));
+  }
+  TextTrace trace{5};
+  start();
+  EXPECT_EQ(trace.places().at(0), "Ostra/OstraSm:685");
+  EXPECT_EQ(trace.take().at(0), "5 OstraSm::handleInitialized");
+  EXPECT_TRUE(sm->initialized());
+  const std::string told = results.take();
+  for (std::uint16_t number = 1; number <= 9; ++number) {
+    const bool bad = number % 3 == 2;
+    EXPECT_EQ(told.find(std::to_string(number) + " invalidArgument") != std::string::npos, bad);
+    EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(number)).has_value(), !bad);
+    EXPECT_NE(cxFlow(number), nullptr) << "the flow of a refused entry stays as it was";
+    EXPECT_EQ(theFlow(number).changeCount() > 0, !bad);
+  }
+}
+
+TEST_F(FlowLifecycle, StartUpEnablesCorvexOnce) {
+  bool staleFlowThere = false;
+  Listener<> told{cxConfig->enabledNotifiees(), [&] { staleFlowThere = cxFlow(3) != nullptr; }};
+  placeCxFlow("flow-3");
+  start();
+  EXPECT_TRUE(cxConfig->enabled());
+  EXPECT_EQ(told.take(), 1);
+  EXPECT_TRUE(staleFlowThere) << "before it looks at the flows";
+  EXPECT_EQ(cxFlow(3), nullptr);
+  start();
+  EXPECT_TRUE(cxConfig->enabled());
+  EXPECT_EQ(told.take(), 0);
+  cxConfig->enabledIs(false);
+  EXPECT_EQ(write(flow(1, plainKey(1))), "");
+  EXPECT_FALSE(cxConfig->enabled()) << "only the start does it";
+}
+
+TEST_F(FlowLifecycle, WithoutATableItTreatsItAsEmptyAndNeverSeesAChange) {
+  const auto watched = std::exchange(table, nullptr);
+  placeCxFlow("flow-7");
+  placeCxFlow("flow-8");
+  start();
+  EXPECT_EQ(cxHwConfig->flowEntries().size(), 0U);
+  EXPECT_FALSE(sm->ostraConfigTable());
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_TRUE(sm->hasNotificationActive());
+  sm->hasNotificationActiveIs(false);
+  watched->entryIs(flow(1, plainKey(1)));
+  EXPECT_EQ(cxHwConfig->flowEntries().size(), 0U);
+}
+
+TEST_F(FlowLifecycle, WithoutACorvexConfigurationNothingIsWrittenAnywhere) {
+  store(flowInVrf(7, 1, 5));
+  sm = Ostra::ostraSmFactory(nullptr, nullptr, nullptr, table, vrfs, ports, validation, statusInfo,
+                             batchStatus, telemetry);
+  EXPECT_EQ(write(flowInVrf(8, 2, 5)), "");
+  EXPECT_EQ(remove(flowInVrf(7, 1, 5)), "");
+  EXPECT_EQ(books(5), neverUsed);
+  EXPECT_EQ(telemetry->total(), 0U);
+}
+
+TEST_F(FlowLifecycle, NotificationsReachItOnlyWhileTheyAreOn) {
+  start();
+  EXPECT_TRUE(sm->hasNotificationActive());
+  EXPECT_EQ(sm->ostraConfigTable(), table);
+  sm->hasNotificationActiveIs(false);
+  write(flow(1, plainKey(1)));
+  EXPECT_EQ(cxFlow(1), nullptr);
+  sm->hasNotificationActiveIs(false);
+  sm->hasNotificationActiveIs(true);
+  EXPECT_EQ(cxFlow(1), nullptr) << "what it missed is not told again";
+  write(flow(2, plainKey(2)));
+  EXPECT_NE(cxFlow(2), nullptr);
+  table->entryNotifiees().notify(plainKey(1));
+  EXPECT_NE(cxFlow(1), nullptr) << "until somebody does";
+}
+
+TEST_F(FlowLifecycle, GoingItLeavesCorvexAndTheBooksAndLetsGoOfItsInputs) {
+  const auto before = inputReferences();
+  start();
+  write(flowInVrf(7, 1, 5));
+  EXPECT_FALSE(table->entryNotifiees().empty());
+  sm = nullptr;
+  EXPECT_TRUE(table->entryNotifiees().empty());
+  batchStatus->batchStatusEntryDelAll();
+  EXPECT_EQ(inputReferences(), before);
+  EXPECT_EQ(cxFlows(), Names{"flow-7"});
+  EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
+  write(flow(8, plainKey(2)));
+  EXPECT_EQ(cxFlow(8), nullptr);
+}
+
+TEST_F(FlowLifecycle, ASuccessorTakesTheFlowsOver) {
+  start();
+  write(flowInVrf(7, 1, 5));
+  write(flow(8, plainKey(2)));
+  sm = nullptr;
+  vrfs->delAll();  // the service restarts with it
+  table->entryDel(plainKey(2));
+  start();
+  EXPECT_EQ(cxFlows(), Names{"flow-7"});
+  EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
+  EXPECT_EQ(sm->vrfId(plainKey(1)), 5U);
+  EXPECT_EQ(remove(flow(7, plainKey(1))), "");
+  EXPECT_EQ(cxFlows(), Names{});
+}
+
+TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
+  OstraConfigEntry bad = flow(2, plainKey(2));
+  bad.flowKey.priorityIs(65537);
+  store(flow(1, plainKey(1)));
+  store(bad);
+  store(flow(3, plainKey(3)));
+  placeCxFlow("flow-9");
+  const auto before = inputReferences();
+  EXPECT_EQ(raised([&] { start(); }), "Priority::value < -1 or > Priority::max not allowed");
+  EXPECT_FALSE(sm);
+  EXPECT_TRUE(table->entryNotifiees().empty());
+  EXPECT_EQ(inputReferences(), before);
+  EXPECT_EQ(cxFlow(9), nullptr) << "what was done stays done";
+  EXPECT_TRUE(cxConfig->enabled());
+  store(flow(4, plainKey(4)));
+  EXPECT_EQ(cxFlow(4), nullptr) << "nobody hears";
+  table->entryDel(bad.key());
+  start();
+  EXPECT_EQ(cxFlows(), (Names{"flow-1", "flow-3", "flow-4"}));
+}
+
+TEST_F(FlowLifecycle, AChangeMadeWhileOneIsUnderWayIsSeenToo) {
+  start();
+  OstraConfigEntry entry = flow(7, plainKey(1));
+  OstraConfigEntry newer = entry;
+  newer.actions.setDscpIs(9, true);
+  const OstraConfigEntry other = flow(8, plainKey(2));
+  bool done = false;
+  Listener<const Korm::Name&> reentering{cxHwConfig->flowEntryNotifiees(), [&](const Korm::Name&) {
+                                           if (!std::exchange(done, true)) {
+                                             table->entryIs(newer);
+                                             table->entryIs(other);
+                                             table->entryDel(other.key());
+                                           }
+                                         }};
+  EXPECT_EQ(write(entry), "");
+  EXPECT_EQ(cxFlows(), Names{"flow-7"});
+  EXPECT_EQ(theFlow(7).actions().setDscp(), 9U);
+  EXPECT_FALSE(sm->flowKeyToEntryHandle(other.key()).has_value());
+  sm->verify();
+}
+
+TEST_F(FlowLifecycle, TwoTablesShareCorvexAndTheBooks) {
+  start();
+  write(flowInVrf(1, 1, 5));
+  const auto secondTable = Korm::makePtr<Ostra::OstraConfig>("1");
+  const auto second = Ostra::ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir, secondTable, vrfs,
+                                            ports, validation, statusInfo, batchStatus, telemetry);
+  EXPECT_EQ(cxFlow(1), nullptr) << "a flow of another table is unknown to this one";
+  batchStatus->batchStatusEntryIs(2);
+  secondTable->entryIs(flowInVrf(2, 1, 5));
+  EXPECT_EQ(books(5), "2 users, creator 1, deletor none");
+  EXPECT_EQ(second->flowKeyToEntryHandle(plainKey(1)), 2U);
+  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(1)), 1U) << "the same key in each";
+}
+
+// A service's rules of its own, with an error of its own.
+class Refusing final : public P4Runtime::ValidationHelper {
+ public:
+  class Error final : public P4Runtime::P4RuntimeExceptionBase {
+   public:
+    explicit Error(int& reported) : reported_{reported} {}
+    void report() const override { ++reported_; }
+
+   private:
+    int& reported_;
+  };
+
+  [[noreturn]] void throwEntryErrorException(P4Runtime::EntryHandle, P4Runtime::ErrorCode,
+                                             const Korm::String&) override {
+    throw Error{reported};
+  }
+  [[noreturn]] void throwUndefinedEntryBehavior(P4Runtime::EntryHandle, const Korm::String&,
+                                                const Korm::String&) override {
+    throw Error{reported};
+  }
+  [[noreturn]] void throwNotAllowedEntryBehavior(P4Runtime::EntryHandle, const Korm::String&,
+                                                 const Korm::String&) override {
+    throw Error{reported};
+  }
+  void validatePortIdMask(P4Runtime::EntryHandle, P4Runtime::P4PortId,
+                          const Korm::String&) override {
+    throw Error{reported};
+  }
+  void validatePortId(P4Runtime::EntryHandle, P4Runtime::P4PortId, const Korm::String&) override {
+    throw std::logic_error{"not an entry error"};
+  }
+
+  int reported = 0;
+};
+
+TEST_F(FlowLifecycle, EveryErrorOfTheServiceReportsItselfAndOthersPassOn) {
+  const auto rules = Korm::makePtr<Refusing>();
+  sm = Ostra::ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir, table, vrfs, ports, rules,
+                             statusInfo, batchStatus, telemetry);
+  OstraKey badPort;
+  badPort.ingressPortIs(1, 0xFFFFFFFF);
+  EXPECT_EQ(write(flow(1, badPort)), "");
+  EXPECT_EQ(rules->reported, 1);
+  OstraConfigEntry noGroup = flow(2, plainKey(2));
+  noGroup.groupGiven = true;
+  EXPECT_EQ(write(noGroup), "");
+  EXPECT_EQ(rules->reported, 2);
+  OstraConfigEntry output = flow(3, plainKey(3));
+  output.outputPortIs(1);
+  EXPECT_THROW(table->entryIs(output), std::logic_error);
+  EXPECT_EQ(rules->reported, 2);
+  EXPECT_EQ(write(flow(4, plainKey(4))), "");
+  EXPECT_EQ(cxFlows(), Names{"flow-4"});
+}
+
+// A flow table in a named segment, whose rows can be damaged from outside.
+class FlowCorruption : public FlowLifecycle {
+ protected:
+  FlowCorruption() {
+    KormVasta::sharedMemoryIs({.prefix = prefix_});
+    dir_->entityIs(table->name(), table);
+    table->corruptionHandlerIs([this](const std::string& message) { reports.push_back(message); });
+  }
+  ~FlowCorruption() override {
+    sm = nullptr;
+    KormVasta::sharedMemoryIs({});
+  }
+
+  void damage(const OstraKey& key) {
+    const OstraConfigEntry copy = *table->entry(key);
+    VastaTest::Tampering rows{Vasta::SegmentNames{
+        KormVasta::segmentName(prefix_, dir_->path() + "/" + table->name() + "/entry")}
+                                  .rows()};
+    rows.flip(&copy, sizeof(copy));
+    EXPECT_THROW(static_cast<void>(table->entry(key)), Vasta::Corruption);
+  }
+
+  Texts reports;
+
+ private:
+  const std::string prefix_ = "flow-test-" + std::to_string(::getpid());
+  const Korm::Ptr<Korm::Dir> dir_ = Korm::makePtr<Korm::Dir>("tables");
+};
+
+TEST_F(FlowCorruption, OfOneRowIsReportedAndLeavesItsFlowAsItIs) {
+  start();
+  for (std::uint16_t number = 1; number <= 3; ++number) {
+    write(flowInVrf(number, number, 5));
+  }
+  damage(plainKey(2));
+  table->entryNotifiees().notify(plainKey(2));
+  ASSERT_EQ(reports.size(), 1U);
+  EXPECT_NE(reports[0].find("row 1"), std::string::npos) << reports[0];
+  EXPECT_NE(cxFlow(2), nullptr);
+  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(2)), 2U);
+  EXPECT_EQ(books(5), "3 users, creator 1, deletor none");
+  EXPECT_EQ(results.take(), "");
+
+  EXPECT_EQ(write(flowInVrf(4, 4, 5)), "") << "the others go on";
+  OstraConfigEntry healed = flowInVrf(2, 2, 6);
+  EXPECT_EQ(write(healed), "") << "and a write heals the row";
+  EXPECT_EQ(theFlow(2).actions().vrf(), 6U);
+  EXPECT_EQ(reports.size(), 1U);
+}
+
+TEST_F(FlowCorruption, OfARowDoesNotStopTheStart) {
+  for (std::uint16_t number = 1; number <= 5; ++number) {
+    store(flow(number, plainKey(number)));
+    placeCxFlow("flow-" + std::to_string(number));
+  }
+  damage(plainKey(1));
+  damage(plainKey(3));
+  start();
+  EXPECT_EQ(reports.size(), 4U) << "two rows, in the walk over handles and in that over entries";
+  EXPECT_EQ(cxFlows(), (Names{"flow-2", "flow-4", "flow-5"}))
+      << "the handles of the corrupt rows are not known";
+  for (const std::uint16_t number : std::initializer_list<std::uint16_t>{2, 4, 5}) {
+    EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(number)), number);
+    EXPECT_GT(theFlow(number).changeCount(), 0.0);
+  }
+}
+
+}  // namespace
+}  // namespace OstraTest
