@@ -98,11 +98,15 @@ struct RowGeometry {
   }
 };
 
-// What a cell's checksum word must be: the sum of all its other words, begun with the row's number so
-// that a record in the wrong row is found out too. `cell` is contiguous and not written meanwhile.
+// What the checksum word of the cell in force must be: the sum of all its other words, begun with the
+// row's number and version, so that a record in the wrong row is found out too, and so is a damaged
+// version unless the damage makes it exactly the one before, whose cell may still be whole.
+// `cell` is contiguous and not written meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
+                                                std::uint64_t version,
                                                 const RowGeometry& geometry) noexcept {
-  return crc32c(cell, geometry.checksumWord() * wordSize, row);
+  const auto scattered = static_cast<std::uint32_t>((version * 0x9E3779B97F4A7C15U) >> 32U);
+  return crc32c(cell, geometry.checksumWord() * wordSize, row ^ scattered);
 }
 
 [[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,

@@ -107,8 +107,9 @@ const std::uint64_t* TableReader::rowWords(std::uint32_t row) const {
 
 TableReader::RowState TableReader::copyRow(std::uint32_t row) {
   const std::uint64_t* words = rowWords(row);
+  std::uint64_t version = 0;
   for (;;) {
-    const std::uint64_t version = loadWord(words[0]);
+    version = loadWord(words[0]);
     if (version == 0) {
       return RowState::vacant_;
     }
@@ -121,7 +122,7 @@ TableReader::RowState TableReader::copyRow(std::uint32_t row) {
     }
   }
   const std::uint64_t stored = cell_[geometry_.checksumWord()];
-  const std::uint64_t computed = cellChecksum(cell_.data(), row, geometry_);
+  const std::uint64_t computed = cellChecksum(cell_.data(), row, version, geometry_);
   if (stored != computed) [[unlikely]] {
     throw Corruption{source_->name(), row, stored, computed};
   }

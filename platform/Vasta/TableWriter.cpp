@@ -39,23 +39,28 @@ const std::byte* TableWriter::keyOf(std::uint32_t row) const noexcept {
   return recordOf(row) + geometry_.keyOffset;
 }
 
+std::uint64_t TableWriter::checksumOf(std::uint32_t row) const noexcept {
+  return cellChecksum(activeCell(row), row, loadWord(rowWords(row)[0]), geometry_);
+}
+
 TableWriter::RowState TableWriter::inspect(std::uint32_t row) const noexcept {
   if (loadWord(rowWords(row)[0]) == 0) {
     return RowState::vacant_;
   }
   const std::uint64_t* cell = activeCell(row);
-  if (cell[geometry_.checksumWord()] != cellChecksum(cell, row, geometry_) ||
-      cell[geometry_.liveWord()] > 1) {
+  if (cell[geometry_.checksumWord()] != checksumOf(row) || cell[geometry_.liveWord()] > 1) {
     return RowState::corrupt_;
   }
   return cell[geometry_.liveWord()] == 1 ? RowState::live_ : RowState::vacant_;
 }
 
+Corruption TableWriter::corruptionOf(std::uint32_t row) const {
+  return {options_.name, row, activeCell(row)[geometry_.checksumWord()], checksumOf(row)};
+}
+
 void TableWriter::requireIntact(std::uint32_t row) const {
   if (inspect(row) != RowState::live_) [[unlikely]] {
-    const std::uint64_t* cell = activeCell(row);
-    throw Corruption{options_.name, row, cell[geometry_.checksumWord()],
-                     cellChecksum(cell, row, geometry_)};
+    throw corruptionOf(row);
   }
 }
 
@@ -160,7 +165,7 @@ void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool liv
   }
   storeWord(cell[geometry_.liveWord()], live ? 1 : 0);
   storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
-  storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, geometry_));
+  storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
   storeWord(words[0], version);
   active_[row] = (version & 1U) != 0;
   // The words change under records that the caller reads in place through another type.

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Vasta/Errors.h"
 #include "platform/Vasta/Index.h"
 #include "platform/Vasta/Layout.h"
 #include "platform/Vasta/Record.h"
@@ -132,7 +133,7 @@ class TableWriter {
 
   void openNamed();
   void create(std::shared_ptr<Segment> header);
-  void createNamed(std::shared_ptr<Segment> header);
+  void createNamed(const std::shared_ptr<Segment>& header);
   void formatHeader();
   void takeOver(std::shared_ptr<Segment> header);
   void takeOverRows();
@@ -144,6 +145,8 @@ class TableWriter {
   [[nodiscard]] const std::uint64_t* activeCell(std::uint32_t row) const noexcept;
   [[nodiscard]] const std::byte* recordOf(std::uint32_t row) const noexcept;
   [[nodiscard]] const std::byte* keyOf(std::uint32_t row) const noexcept;
+  [[nodiscard]] std::uint64_t checksumOf(std::uint32_t row) const noexcept;
+  [[nodiscard]] Corruption corruptionOf(std::uint32_t row) const;
   [[nodiscard]] RowState inspect(std::uint32_t row) const noexcept;
   void requireIntact(std::uint32_t row) const;
   void prefetch(std::uint32_t row) const noexcept;

@@ -73,7 +73,7 @@ void TableWriter::openNamed() {
     }
     header->refreshSize();
     if (header->size() == 0) {
-      createNamed(std::move(header));
+      createNamed(header);
       return;
     }
     if (!isRemnant(*header)) {
@@ -85,7 +85,7 @@ void TableWriter::openNamed() {
   }
 }
 
-void TableWriter::createNamed(std::shared_ptr<Segment> header) {
+void TableWriter::createNamed(const std::shared_ptr<Segment>& header) {
   unlinkIndexes(*names_, firstGeneration);
   unlinkSegment(names_->rows());
   try {
@@ -189,10 +189,7 @@ void TableWriter::takeOverRow(std::uint32_t row) {
   occupied_[row] = true;
   ++size_;
   if (state == RowState::corrupt_) {
-    const std::uint64_t* cell = activeCell(row);
-    reportCorruption(Corruption{options_.name, row, cell[geometry_.checksumWord()],
-                                cellChecksum(cell, row, geometry_)}
-                         .what());
+    reportCorruption(corruptionOf(row).what());
     return;
   }
   index_->insert(layout_.hashOfKey(keyOf(row)), row);

@@ -56,9 +56,7 @@ std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
   const RowState state = inspect(row);
   const std::uint64_t* cell = activeCell(row);
   if (state == RowState::corrupt_) {
-    return Corruption{options_.name, row, cell[geometry_.checksumWord()],
-                      cellChecksum(cell, row, geometry_)}
-        .what();
+    return corruptionOf(row).what();
   }
   if (occupied_[row] != (state == RowState::live_)) {
     return name + " is " + (occupied_[row] ? "occupied but not live" : "live but not occupied");

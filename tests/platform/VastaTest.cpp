@@ -218,7 +218,7 @@ TEST(Vasta, AWalkMeetsEveryStayingRecordOnceWhateverElseChanges) {
 class Recorder : public Vasta::TableObserver<Route> {
  public:
   void recordChanged(const std::uint64_t& key) override { events.push_back(std::to_string(key)); }
-  void quiescedChanged(bool quiesced) override { events.push_back(quiesced ? "quiet" : "busy"); }
+  void quiescedChanged(bool quiesced) override { events.emplace_back(quiesced ? "quiet" : "busy"); }
   void mountStateChanged() override { events.emplace_back("mount"); }
   std::vector<std::string> take() { return std::exchange(events, {}); }
   std::vector<std::string> events;
@@ -401,6 +401,21 @@ TEST_F(VastaNamed, ADamagedKeyIsNoticedAndDoesNotHideFromRemoval) {
   EXPECT_EQ(violation(table), "none");
 }
 
+TEST_F(VastaNamed, ADamagedVersionDoesNotBringAnOldRecordBack) {
+  Table<Route> table{name_.options()};
+  for (std::uint64_t version = 1; version <= 8; ++version) {
+    table.is(Route::of(0, version));
+  }
+  for (std::size_t bit = 0; bit < 3; ++bit) {
+    Tampering rows{names().rows()};
+    rows.flipByte(0, static_cast<std::uint8_t>(1U << bit));
+    EXPECT_THROW(static_cast<void>(table.find(0)), Corruption);
+    EXPECT_THROW(static_cast<void>(Reader<Route>{*name_}.find(0)), Corruption);
+    rows.flipByte(0, static_cast<std::uint8_t>(1U << bit));
+    EXPECT_EQ(table.find(0)->version, 8U);
+  }
+}
+
 TEST_F(VastaNamed, ASuccessorKeepsTheRecordsAndReportsTheCorruptOnes) {
   {
     Table<Route> table{name_.options()};
@@ -548,6 +563,34 @@ TEST_F(VastaNamed, ARemovedTableStaysReadableToWhoeverHasIt) {
   EXPECT_EQ(fresh.epoch(), 1U);
   EXPECT_EQ(fresh.size(), 0U);
   EXPECT_EQ(reader.size(), 100U) << "the old table, not the new one of its name";
+}
+
+TEST_F(VastaNamed, WhereAddressSpaceIsShortTheTableIsSmallerButWorks) {
+  const auto work = [this] {
+    std::size_t pages = 0;
+    FILE* status = std::fopen("/proc/self/statm", "r");
+    if (status == nullptr || std::fscanf(status, "%zu", &pages) != 1) {
+      std::_Exit(2);
+    }
+    std::fclose(status);
+    rlimit limited{};
+    limited.rlim_cur = limited.rlim_max = pages * pageSize + (std::size_t{64} << 20U);
+    ::setrlimit(RLIMIT_AS, &limited);
+    Table<Route> table{name_.options(true)};
+    std::uint64_t count = 0;
+    try {
+      for (;; ++count) {
+        table.is(Route::of(count, 1));
+      }
+    } catch (const std::system_error&) {
+    }
+    const bool good = count > 1'000 && !table.verify() && table.find(0)->isWhole();
+    std::_Exit(good ? 0 : 1);
+  };
+  if (threadSanitized) {
+    GTEST_SKIP() << "the sanitizer needs address space of its own";
+  }
+  EXPECT_EXIT(work(), testing::ExitedWithCode(0), "");
 }
 
 TEST(VastaNames, DifferentNamesAreDifferentTables) {

@@ -130,7 +130,7 @@ class Tampering {
       *at ^= 0x10U;
     }
   }
-  void flipByte(std::size_t offset) { bytes_[offset] ^= 0x10U; }
+  void flipByte(std::size_t offset, std::uint8_t bits = 0x10U) { bytes_[offset] ^= bits; }
 
  private:
   std::uint8_t* bytes_ = nullptr;
