@@ -207,7 +207,7 @@ class FlowFixture : public testing::Test {
   }
   static constexpr VrfId noVrf = 0xFFFFFF;
 
-  [[nodiscard]] Korm::Ptr<OpenFlowTable::HwStatus> publishHwStatus() const {
+  Korm::Ptr<OpenFlowTable::HwStatus> publishHwStatus() const {
     auto status = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
     cxHwStatusDir->entityIs("p4rt", status);
     return status;
