@@ -4,19 +4,35 @@ namespace Korm {
 
 void Entity::handleParent(Dir& /*parent*/) {}
 
+Dir::~Dir() {
+  for (const auto& [name, entity] : entities_) {
+    release(*entity);
+  }
+}
+
+// An entity that leaves may outlive this directory.
+void Dir::release(Entity& entity) const noexcept {
+  if (auto* const dir = dynamic_cast<Dir*>(&entity); dir != nullptr && dir->parent_ == this) {
+    dir->parent_ = nullptr;
+  }
+}
+
 void Dir::entityIs(const Name& name, Ptr<Entity> entity) {
   if (!entity) {
     entityDel(name);
     return;
   }
-  Ptr<Entity>& place = entities_[name];
-  if (place == entity) {
+  if (const auto found = entities_.find(name);
+      found != entities_.end() && found->second == entity) {
     return;
   }
-  const Ptr<Entity> replaced = std::exchange(place, entity);  // goes once everybody has been told
-  entity->handleParent(*this);
   const Name copy = name;
-  notifiees_.notify(copy);
+  entity->handleParent(*this);
+  const Ptr<Entity> replaced = std::exchange(entities_[copy], std::move(entity));
+  if (replaced) {
+    release(*replaced);
+  }
+  notifiees_.notify(copy);  // what was replaced goes once everybody has been told
 }
 
 Ptr<Entity> Dir::entityDel(const Name& name) {
@@ -25,9 +41,7 @@ Ptr<Entity> Dir::entityDel(const Name& name) {
     return nullptr;
   }
   auto node = entities_.extract(found);
-  if (auto* const dir = dynamic_cast<Dir*>(node.mapped().get()); dir != nullptr) {
-    dir->parent_ = nullptr;
-  }
+  release(*node.mapped());
   notifiees_.notify(node.key());
   return std::move(node.mapped());
 }

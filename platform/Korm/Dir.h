@@ -11,9 +11,11 @@ namespace Korm {
 class Dir final : public NamedEntity {
  public:
   explicit Dir(Name name = {}) : NamedEntity{std::move(name)} {}
+  ~Dir() override;
 
   // Adds or replaces; the entity that is there already is left alone and nobody is told. A null entity
-  // removes. The entity hears of its parent before the reactors hear of it.
+  // removes. The entity hears of its parent first; when that throws, nothing has changed. A named entity is
+  // to bear the name under which it is placed.
   void entityIs(const Name& name, Ptr<Entity> entity);
   // The entity removed, or null.
   Ptr<Entity> entityDel(const Name& name);
@@ -31,11 +33,13 @@ class Dir final : public NamedEntity {
 
   [[nodiscard]] NotifieeList<const Name&>& notifiees() const noexcept { return notifiees_; }
 
-  // The names from the root, joined with '/'.
+  // The names from the root, joined with '/'. A directory that is in no other is a root.
   [[nodiscard]] std::string path() const;
   void handleParent(Dir& parent) override { parent_ = &parent; }
 
  private:
+  void release(Entity& entity) const noexcept;
+
   std::map<Name, Ptr<Entity>> entities_;
   mutable NotifieeList<const Name&> notifiees_;
   const Dir* parent_ = nullptr;  // the parent holds a reference to this directory, not the reverse
