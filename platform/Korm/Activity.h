@@ -27,7 +27,8 @@ class Activity {
   }
 
   [[nodiscard]] bool idle() const noexcept { return queue_.empty(); }
-  void clear() noexcept { queue_.clear(); }
+  // Drops what waits, but for what the dropped work defers as it goes.
+  void clear() noexcept { std::deque<std::function<void()>>{}.swap(queue_); }
 
  private:
   std::deque<std::function<void()>> queue_;

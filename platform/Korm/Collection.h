@@ -1,6 +1,7 @@
 // Keyed collection attributes of entities.
 #pragma once
 
+#include <exception>
 #include <optional>
 #include <utility>
 
@@ -22,7 +23,10 @@ class Collection {
     if (!inserted) {
       entry.value = std::move(value);  // tryEmplace leaves it alone when the key is present
     }
-    notifiees_.notify(key);
+    if (!notifiees_.empty()) {
+      const Key copy = key;  // `key` may stand in an element that a reactor removes
+      notifiees_.notify(copy);
+    }
   }
 
   // The value removed, if there was one; only then are the reactors told.
@@ -38,10 +42,21 @@ class Collection {
     return removed;
   }
 
-  // Removes the elements one by one, telling each.
+  // Removes the elements one by one, telling each. An exception from a reactor leaves when all have
+  // gone. The collection must not be destroyed meanwhile.
   void delAll() {
+    std::exception_ptr first;
     for (auto& entry : map_) {
-      del(entry.key);
+      try {
+        del(entry.key);
+      } catch (...) {
+        if (!first) {
+          first = std::current_exception();
+        }
+      }
+    }
+    if (first) {
+      std::rethrow_exception(std::move(first));
     }
   }
 
