@@ -14,6 +14,7 @@ void Counted::zeroReferences() {
   retain();
   onZeroReferences();
   if (dropReference()) {
+    retain();  // so that pointers which destructors make and drop do not destroy it a second time
     delete this;
   }
 }

@@ -47,7 +47,8 @@ class Counted {
   virtual ~Counted() = default;
 
   // Called when the last reference has gone, with one reference held for the length of the call. The
-  // object is destroyed afterwards unless somebody has taken a reference.
+  // object is destroyed afterwards unless somebody has taken a reference. Must not throw: it is called
+  // from a pointer's destructor.
   virtual void onZeroReferences() {}
 
  private:
@@ -83,6 +84,10 @@ class Counted {
   mutable std::atomic<std::uint32_t> references_{0};
 };
 
+// A U that a pointer to T may point at.
+template <class U, class T>
+concept PointableBy = std::is_convertible_v<U*, T*>;
+
 template <class T>
 class Ptr {
  public:
@@ -95,12 +100,11 @@ class Ptr {
   }
   Ptr(const Ptr& other) noexcept : object_{other.object_} { retain(); }
   Ptr(Ptr&& other) noexcept : object_{std::exchange(other.object_, nullptr)} {}
-  template <class U>
-    requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& other)
-  noexcept : Ptr{other.get()} {}  // NOLINT(google-explicit-constructor)
-  template <class U>
-    requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& other)
-  noexcept  // NOLINT(google-explicit-constructor)
+  template <PointableBy<T> U>
+  Ptr(const Ptr<U>& other) noexcept  // NOLINT(google-explicit-constructor)
+      : Ptr{other.get()} {}
+  template <PointableBy<T> U>
+  Ptr(Ptr<U>&& other) noexcept  // NOLINT(google-explicit-constructor)
       : object_{std::exchange(other.object_, nullptr)} {}
   ~Ptr() {
     if (object_ != nullptr) {
