@@ -6,6 +6,8 @@
 #include <charconv>
 #include <ostream>
 
+#include "platform/Korm/Exceptions.h"
+
 namespace Korm {
 namespace {
 
@@ -36,6 +38,13 @@ std::string Ip4Addr::text() const { return presentation(AF_INET, octets); }
 std::string Ip6Addr::text() const { return presentation(AF_INET6, octets); }
 
 IpAddr IpAddr::prefixMask(AddressFamily family, unsigned length) {
+  const unsigned width = family == AddressFamily::ipv4_   ? 32
+                         : family == AddressFamily::ipv6_ ? 128
+                                                          : 0;
+  if (length > width) {
+    throwRangeException("IpAddr::prefixMask length " + std::to_string(length) + " > " +
+                        std::to_string(width) + " not allowed");
+  }
   IpAddr mask;
   mask.family_ = family;
   for (unsigned at = 0; at < mask.octets_.size() && length > 0; ++at) {

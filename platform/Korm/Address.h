@@ -56,7 +56,8 @@ class IpAddr {
   constexpr explicit IpAddr(const Ip6Addr& address) noexcept
       : family_{AddressFamily::ipv6_}, octets_{address.octets} {}
 
-  // The mask of `length` leading ones; the length is at most 32 or 128.
+  // The mask of `length` leading ones. Raises the range exception for a length above the family's width:
+  // 32, 128, or 0 for no family.
   [[nodiscard]] static IpAddr prefixMask(AddressFamily family, unsigned length);
 
   [[nodiscard]] constexpr AddressFamily family() const noexcept { return family_; }

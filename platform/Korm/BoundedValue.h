@@ -2,7 +2,9 @@
 #pragma once
 
 #include <compare>
+#include <concepts>
 #include <ostream>
+#include <utility>
 
 #include "platform/Korm/Exceptions.h"
 
@@ -18,9 +20,10 @@ class BoundedValue {
 
   constexpr BoundedValue() noexcept = default;
 
-  // Takes a wider integer, so that no value is truncated into the limits.
-  constexpr explicit BoundedValue(long long value) : value_{static_cast<Int>(value)} {
-    if (value < static_cast<long long>(min) || value > static_cast<long long>(max)) [[unlikely]] {
+  // Takes an integer of any width and sign, so that no value is converted into the limits.
+  template <std::integral Wide>
+  constexpr explicit BoundedValue(Wide value) : value_{static_cast<Int>(value)} {
+    if (std::cmp_less(value, min) || std::cmp_greater(value, max)) [[unlikely]] {
       throwRangeException(Limits::message);
     }
   }
