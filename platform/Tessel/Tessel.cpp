@@ -82,6 +82,18 @@ void EntityManager::entityIs(std::string_view path, Korm::Ptr<Korm::Entity> enti
   dir->entityIs(way.back(), std::move(entity));
 }
 
+bool EntityManager::isPlaceable(std::string_view path) const {
+  const std::vector<Korm::Name> way = names(path);
+  Korm::Ptr<Korm::Dir> dir = root_;
+  for (std::size_t at = 0; at + 1 < way.size() && dir->entityPtr(way[at]); ++at) {
+    dir = dir->entityPtr<Korm::Dir>(way[at]);
+    if (!dir) {
+      return false;
+    }
+  }
+  return true;
+}
+
 Korm::Ptr<Korm::Entity> EntityManager::entityDel(std::string_view path) {
   const std::vector<Korm::Name> way = names(path);
   if (way.empty()) {
@@ -103,11 +115,17 @@ MountStatus EntityManager::complete(const MountGroup& group) {
       continue;
     }
     const auto factory = factories_.find(mount.typeName);
-    if (!mount.flags.has(MountFlag::create_) || factory == factories_.end()) {
+    if (!mount.flags.has(MountFlag::create_) || factory == factories_.end() ||
+        !isPlaceable(mount.path)) {
       status = MountStatus::failure_;
       continue;
     }
-    entityIs(mount.path, factory->second(names(mount.path).back()));
+    auto made = factory->second(names(mount.path).back());
+    if (!made) {
+      status = MountStatus::failure_;
+      continue;
+    }
+    entityIs(mount.path, std::move(made));
   }
   return status;
 }

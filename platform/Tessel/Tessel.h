@@ -88,12 +88,15 @@ class EntityManager final : public Korm::Entity {
            [](const Korm::Name& name) { return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)}; });
   }
 
-  // Makes the mounts of the group: creates what is missing where the mode says so. Success when every
-  // mounted path is then there with a type that the manager knows how to make, or that is not created
-  // by mounting.
+  // Makes the mounts of the group: creates what is missing where the mode says so and the type is known.
+  // Success when there is then an entity at every path, of whatever type. A failed mount does not keep the
+  // others from being made.
   MountStatus complete(const MountGroup& group);
 
  private:
+  // Whether everything on the way to the path, as far as it is there, is a directory.
+  [[nodiscard]] bool isPlaceable(std::string_view path) const;
+
   Korm::Ptr<Korm::Dir> root_;
   std::map<std::string, EntityFactory> factories_;
 };
