@@ -1,0 +1,240 @@
+// The hash map under keyed collections.
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Korm/Hash.h"
+#include "platform/Korm/HashMap.h"
+
+namespace Korm {
+namespace {
+
+// Hashes that leave little or nothing to tell keys apart.
+struct CrowdedHash {
+  std::uint32_t operator()(std::uint64_t key) const noexcept {
+    return static_cast<std::uint32_t>(key % 5) * 0x20000007U;
+  }
+};
+struct OneHash {
+  std::uint32_t operator()(std::uint64_t) const noexcept { return 0xFFFFFFFFU; }
+};
+
+template <class HashOf>
+void compareWithStandardMap(std::uint32_t seed, std::uint64_t keys, int steps) {
+  using Map = HashMap<std::uint64_t, std::string, HashOf>;
+  std::mt19937 random{seed};
+  Map map;
+  std::unordered_map<std::uint64_t, std::string> model;
+  std::unordered_map<std::uint64_t, const std::string*> places;
+  const auto same = [&] {
+    map.verify();
+    ASSERT_EQ(map.size(), model.size());
+    for (const auto& entry : std::as_const(map)) {
+      ASSERT_EQ(model.at(entry.key), entry.value);
+      ASSERT_EQ(places.at(entry.key), &entry.value) << "an element has moved";
+    }
+  };
+  for (int step = 0; step < steps; ++step) {
+    const std::uint64_t key = random() % keys;
+    switch (random() % 8) {
+      case 0:
+      case 1:
+      case 2:
+      case 3: {
+        const std::string value = std::to_string(step);
+        const auto [entry, created] = map.tryEmplace(key, value);
+        ASSERT_EQ(created, model.try_emplace(key, value).second);
+        places[key] = &entry.value;
+        break;
+      }
+      case 4:
+      case 5:
+        ASSERT_EQ(map.erase(key), model.erase(key) == 1);
+        break;
+      default:
+        ASSERT_EQ(map.find(key) != nullptr, model.contains(key));
+    }
+    if (random() % 400 == 0) {
+      std::set<std::uint64_t> met;
+      for (const auto& entry : map) {
+        ASSERT_TRUE(met.insert(entry.key).second) << "met twice";
+        if (random() % 3 == 0) {
+          const std::uint64_t gone = entry.key;
+          model.erase(gone);
+          ASSERT_TRUE(map.erase(gone));
+        }
+      }
+      same();
+    }
+    if (random() % 5'000 == 0) {
+      map.clear();
+      model.clear();
+      ASSERT_TRUE(map.begin() == map.end());
+    }
+  }
+  same();
+}
+
+TEST(HashMap, AgreesWithTheStandardMap) {
+  compareWithStandardMap<Hash<std::uint64_t>>(1, 40, 20'000);
+  compareWithStandardMap<Hash<std::uint64_t>>(2, 5'000, 60'000);
+}
+
+TEST(HashMap, AgreesWithTheStandardMapWhenHashesCollide) {
+  compareWithStandardMap<CrowdedHash>(3, 300, 20'000);
+  compareWithStandardMap<OneHash>(4, 60, 10'000);
+}
+
+TEST(HashMap, GrowsWithoutMovingAnElement) {
+  HashMap<std::uint64_t, std::uint64_t> map;
+  std::vector<const std::uint64_t*> places;
+  constexpr std::uint64_t count = 100'000;
+  for (std::uint64_t key = 0; key < count; ++key) {
+    places.push_back(&map.tryEmplace(key, key * 3).first.value);
+  }
+  map.verify();
+  for (std::uint64_t key = 0; key < count; ++key) {
+    ASSERT_EQ(&map.find(key, map.hash(key))->value, places[key]);
+    ASSERT_EQ(*places[key], key * 3);
+  }
+  for (std::uint64_t key = 0; key < count; key += 2) {
+    ASSERT_TRUE(map.erase(key));
+  }
+  map.verify();
+  for (std::uint64_t key = 0; key < count; key += 2) {
+    map.tryEmplace(key + count, key);
+  }
+  map.verify();
+  EXPECT_EQ(*places[1], 3U);
+  EXPECT_EQ(map.size(), count);
+}
+
+TEST(HashMap, RefusesMoreKeysOfOneHashThanASegmentHoldsAndStaysAsItIs) {
+  HashMap<std::uint64_t, int, OneHash> map;
+  constexpr std::uint64_t most = 448;
+  for (std::uint64_t key = 0; key < most; ++key) {
+    map.tryEmplace(key, 1);
+  }
+  EXPECT_THROW(map.tryEmplace(most, 1), std::length_error);
+  map.verify();
+  EXPECT_EQ(map.size(), most);
+  EXPECT_EQ(map.find(most), nullptr);
+  EXPECT_TRUE(map.erase(std::uint64_t{7}));
+  EXPECT_TRUE(map.tryEmplace(most, 1).second);
+  map.verify();
+}
+
+TEST(HashMap, WalksMeetWhatIsThereThroughoutOnceWhateverElseChanges) {
+  std::mt19937 random{5};
+  for (int round = 0; round < 50; ++round) {
+    HashMap<std::uint32_t, int> map;
+    for (std::uint32_t key = 0; key < 200; ++key) {
+      map.tryEmplace(key, 0);
+    }
+    std::uint32_t fresh = 1'000;
+    std::vector<std::uint32_t> met;
+    for (auto at = map.begin(); at != map.end(); ++at) {
+      met.push_back(at->key);
+      if (fresh < 1'300) {  // keys below 100 stay; the rest comes and goes
+        map.erase(100 + static_cast<std::uint32_t>(random() % 100));
+        map.tryEmplace(fresh++, 0);
+      }
+      if (at->key >= 100) {
+        map.erase(std::uint32_t{at->key});
+      }
+    }
+    std::sort(met.begin(), met.end());
+    ASSERT_EQ(std::adjacent_find(met.begin(), met.end()), met.end());
+    for (std::uint32_t key = 0; key < 100; ++key) {
+      ASSERT_TRUE(std::binary_search(met.begin(), met.end(), key)) << key;
+    }
+    map.verify();
+  }
+}
+
+TEST(HashMap, StaysAsItWasWhenAnElementCannotBeMade) {
+  struct Picky {
+    explicit Picky(int given) : value{given} {
+      if (given < 0) {
+        throw std::invalid_argument{"negative"};
+      }
+    }
+    int value;
+  };
+  HashMap<std::string, Picky> map;
+  for (int key = 0; key < 20; ++key) {
+    map.tryEmplace(std::to_string(key), key);
+    EXPECT_THROW(map.tryEmplace("bad" + std::to_string(key), -1), std::invalid_argument);
+  }
+  map.verify();
+  EXPECT_EQ(map.size(), 20U);
+  EXPECT_EQ(map.find(std::string_view{"7"})->value.value, 7);
+  EXPECT_EQ(map.find(std::string_view{"bad7"}), nullptr);
+}
+
+TEST(HashMap, LetsAnElementThatGoesLookAtTheMapAndChangeIt) {
+  struct Chained {
+    std::function<void()> atEnd;
+    explicit Chained(std::function<void()> then) : atEnd{std::move(then)} {}
+    Chained(const Chained&) = delete;
+    Chained& operator=(const Chained&) = delete;
+    ~Chained() { atEnd(); }
+  };
+  HashMap<int, Chained> map;
+  int walked = -1;
+  const auto count = [&] {
+    walked = 0;
+    for (const auto& entry : map) {
+      walked += entry.key > 0 ? 1 : 0;
+    }
+  };
+  map.tryEmplace(1, [&] {
+    EXPECT_EQ(map.find(1), nullptr);
+    EXPECT_FALSE(map.erase(1));
+    map.erase(2);
+    map.tryEmplace(1, count);
+  });
+  map.tryEmplace(2, count);
+  map.tryEmplace(3, count);
+  EXPECT_TRUE(map.erase(1));
+  EXPECT_EQ(walked, 1);
+  EXPECT_EQ(map.size(), 2U);
+  map.verify();
+  map.clear();
+  EXPECT_EQ(walked, 0);
+  EXPECT_EQ(map.find(3), nullptr);
+}
+
+TEST(Hash, TellsApartWhatDiffersInAnyByte) {
+  std::mt19937 random{6};
+  std::set<std::uint64_t> hashes;
+  std::string text(70, 'x');
+  std::size_t expected = 0;
+  for (std::size_t length = 0; length <= text.size(); ++length) {
+    hashes.insert(hashBytes(text.data(), length, 0));
+    hashes.insert(hashBytes(text.data(), length, 1));
+    expected += 2;
+    for (std::size_t at = 0; at < length; ++at) {
+      text[at] ^= 1;
+      hashes.insert(hashBytes(text.data(), length, 0));
+      ++expected;
+      text[at] ^= 1;
+    }
+  }
+  EXPECT_EQ(hashes.size(), expected);
+  EXPECT_EQ(hashBytes(text.data(), 9, 4), hashBytes(std::string(9, 'x').data(), 9, 4));
+}
+
+}  // namespace
+}  // namespace Korm

@@ -1,0 +1,218 @@
+// Reference counting: plain and atomic counts, the switch between them, and entities that come back.
+#include <atomic>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Korm/Entity.h"
+#include "platform/Korm/Ptr.h"
+
+namespace Korm {
+namespace {
+
+class Thing : public Entity {
+ public:
+  explicit Thing(int& alive) : alive_{alive} { ++alive_; }
+  ~Thing() override { --alive_; }
+
+ private:
+  int& alive_;
+};
+class SpecialThing final : public Thing {
+ public:
+  using Thing::Thing;
+};
+
+TEST(Ptr, KeepsTheObjectUntilTheLastReferenceGoes) {
+  int alive = 0;
+  {
+    auto special = makePtr<SpecialThing>(alive);
+    EXPECT_EQ(special->references(), 1U);
+    Ptr<Thing> thing = special;
+    Ptr<const Entity> entity{thing};
+    EXPECT_EQ(special->references(), 3U);
+    EXPECT_EQ(special.get(), thing.get());
+    Ptr<Thing> moved = std::move(special);
+    EXPECT_EQ(special, nullptr);
+    EXPECT_EQ(moved->references(), 3U);
+    const auto& alias = moved;
+    moved = alias;
+    EXPECT_EQ(moved->references(), 3U);
+    thing = makePtr<Thing>(alive);
+    EXPECT_EQ(alive, 2);
+    moved = nullptr;
+    EXPECT_EQ(entity->references(), 1U);
+    entity = thing;
+    EXPECT_EQ(alive, 1);
+    std::swap(thing, moved);
+    EXPECT_FALSE(thing);
+  }
+  EXPECT_EQ(alive, 0);
+}
+
+TEST(Ptr, CastsOnlyToTheTypeThatTheObjectHas) {
+  int alive = 0;
+  const Ptr<Thing> plain = makePtr<Thing>(alive);
+  const Ptr<Thing> special = makePtr<SpecialThing>(alive);
+  EXPECT_EQ(dynamicPtrCast<SpecialThing>(plain), nullptr);
+  EXPECT_EQ(dynamicPtrCast<SpecialThing>(special).get(), special.get());
+  EXPECT_EQ(dynamicPtrCast<SpecialThing>(Ptr<Thing>{}), nullptr);
+  EXPECT_EQ(std::hash<Ptr<Thing>>{}(special), std::hash<Ptr<Thing>>{}(Ptr<Thing>{special}));
+  EXPECT_EQ(plain->references(), 1U);
+}
+
+TEST(Ptr, LeavesNothingBehindWhenAConstructorThrows) {
+  struct Unmade : Entity {
+    explicit Unmade(const Ptr<Entity>& given) : held{given} { throw 1; }
+    Ptr<Entity> held;
+  };
+  int alive = 0;
+  const Ptr<Entity> input = makePtr<Thing>(alive);
+  EXPECT_THROW(makePtr<Unmade>(input), int);
+  EXPECT_EQ(input->references(), 1U);
+}
+
+TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
+  struct SelfReferring final : Entity {
+    explicit SelfReferring(int& count) : destroyed{count} {}
+    ~SelfReferring() override {
+      ++destroyed;
+      const Ptr<Entity> self{this};
+      const Ptr<Entity> another = self;
+    }
+    int& destroyed;
+  };
+  int destroyed = 0;
+  makePtr<SelfReferring>(destroyed) = nullptr;
+  EXPECT_EQ(destroyed, 1);
+}
+
+// A reactor that takes the reference, or looks on.
+class Rescuer final : public Notifiee<> {
+ public:
+  Rescuer(Entity& entity, Ptr<Entity>* place) : entity_{entity}, place_{place} {
+    entity.zeroReferencesNotifiees().attach(*this);
+  }
+  void onAttribute() override {
+    ++asked_;
+    if (place_ != nullptr) {
+      *place_ = &entity_;
+    }
+  }
+  void placeIs(Ptr<Entity>* place) { place_ = place; }
+  [[nodiscard]] int asked() const { return asked_; }
+
+ private:
+  Entity& entity_;
+  Ptr<Entity>* place_;
+  int asked_ = 0;
+};
+
+TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
+  int alive = 0;
+  Ptr<Entity> place;
+  Ptr<Entity> entity = makePtr<Thing>(alive);
+  Rescuer onlooker{*entity, nullptr};
+  Rescuer rescuer{*entity, &place};
+  entity = nullptr;
+  EXPECT_EQ(alive, 1);
+  EXPECT_EQ(place->references(), 1U);
+  for (int time = 2; time < 4; ++time) {
+    const Ptr<Entity> gone = std::exchange(place, nullptr);
+    EXPECT_EQ(rescuer.asked(), time - 1);
+  }
+  EXPECT_EQ(rescuer.asked(), 3);
+  rescuer.placeIs(nullptr);
+  place = nullptr;
+  EXPECT_EQ(alive, 0);
+  EXPECT_EQ(onlooker.asked(), 4);
+  EXPECT_FALSE(rescuer.attached());
+}
+
+TEST(ZeroReferences, AnObserverMayTakeAndDropReferencesWithoutBeingAskedAgain) {
+  int alive = 0;
+  Ptr<Entity> entity = makePtr<Thing>(alive);
+  struct Borrower final : Notifiee<> {
+    explicit Borrower(Entity& lent) : entity{lent} { lent.zeroReferencesNotifiees().attach(*this); }
+    void onAttribute() override {
+      ++asked;
+      const Ptr<Entity> borrowed{&entity};
+    }
+    Entity& entity;
+    int asked = 0;
+  } borrower{*entity};
+  entity = nullptr;
+  EXPECT_EQ(alive, 0);
+  EXPECT_EQ(borrower.asked, 1);
+}
+
+// The switch is the whole process's, so each of these has a process of its own, which starts afresh.
+class PtrSwitchDeathTest : public testing::Test {
+ protected:
+  PtrSwitchDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+TEST_F(PtrSwitchDeathTest, IsRefusedOnceThereHasBeenAnEntity) {
+  EXPECT_DEATH(
+      {
+        int alive = 0;
+        makePtr<Thing>(alive) = nullptr;
+        threadSafePtrIs(false);
+        threadSafePtrIs(true);
+      },
+      "Assertion failed: the thread-safe pointer switch is set before the first entity exists "
+      "\\(Korm/Ptr:[0-9]+\\)");
+}
+
+void hammerFromThreads() {
+  threadSafePtrIs(true);
+  threadSafePtrIs(false);
+  threadSafePtrIs(true);
+  static std::atomic<int> destroyed{0};
+  struct Shared final : Entity {
+    ~Shared() override { destroyed += payload; }
+    int payload = 0;
+  };
+  constexpr int rounds = 200;
+  for (int round = 0; round < rounds; ++round) {
+    std::vector<std::thread> threads;
+    {
+      auto shared = makePtr<Shared>();
+      shared->payload = 1;
+      for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([mine = shared]() mutable {
+          for (int copy = 0; copy < 50; ++copy) {
+            const Ptr<Entity> other = mine;
+            const Ptr<Entity> third{other};
+          }
+          mine = nullptr;
+        });
+      }
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+  }
+  std::exit(destroyed == rounds ? 0 : 1);
+}
+
+TEST_F(PtrSwitchDeathTest, LetsThreadsShareEntities) {
+  EXPECT_EXIT(hammerFromThreads(), testing::ExitedWithCode(0), "");
+}
+
+TEST(Entity, HasItsNotificationsOffUntilSomebodySwitchesThemOn) {
+  int alive = 0;
+  const auto thing = makePtr<Thing>(alive);
+  EXPECT_FALSE(thing->hasNotificationActive());
+  thing->hasNotificationActiveIs(true);
+  EXPECT_TRUE(thing->hasNotificationActive());
+}
+
+}  // namespace
+}  // namespace Korm

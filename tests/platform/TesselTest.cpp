@@ -1,0 +1,127 @@
+// The state database: entities by path, and mounts.
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "platform/CorvexConfig/Config.h"
+#include "platform/Korm/Exceptions.h"
+#include "platform/Tessel/Tessel.h"
+
+namespace Tessel {
+namespace {
+
+using CorvexConfig::Config;
+
+TEST(MountFlags, AreAddedByTheirLettersOrNotAtAll) {
+  MountFlags flags;
+  EXPECT_EQ(flags.bits, 0U);
+  flags.parse("wc");
+  EXPECT_TRUE(flags.has(MountFlag::writable_) && flags.has(MountFlag::create_));
+  EXPECT_FALSE(flags.has(MountFlag::read_) || flags.has(MountFlag::immediate_));
+  flags.parse("");
+  flags.parse("ri");
+  EXPECT_EQ(flags.bits, 15U);
+  MountFlags untouched;
+  untouched.parse("r");
+  const MountFlags before = untouched;
+  EXPECT_THROW(untouched.parse("wx"), Korm::ParseException);
+  EXPECT_THROW(untouched.parse("W"), Korm::ParseException);
+  EXPECT_EQ(untouched, before);
+}
+
+class EntityManagerTest : public testing::Test {
+ protected:
+  Korm::Ptr<EntityManager> manager_ = Korm::makePtr<EntityManager>();
+
+  static Mount mount(const std::string& path, const std::string& type, const char* mode) {
+    Mount made{.path = path, .typeName = type, .flags = {}};
+    made.flags.parse(mode);
+    return made;
+  }
+  MountStatus complete(const Mount& wanted) {
+    MountGroup group;
+    group.mountIs(wanted);
+    return manager_->complete(group);
+  }
+};
+
+TEST_F(EntityManagerTest, FindsWhatStandsAtAPathWithTheTypeAskedFor) {
+  const auto config = Korm::makePtr<Config>("p4rt");
+  manager_->entityIs("corvex/configDir/p4rt", config);
+  EXPECT_EQ(manager_->entity("corvex/configDir/p4rt"), config);
+  EXPECT_EQ(manager_->entity<Config>("corvex/configDir/p4rt"), config);
+  EXPECT_EQ(manager_->entity<Korm::Dir>("corvex/configDir/p4rt"), nullptr);
+  EXPECT_EQ(manager_->entity<Korm::Dir>("corvex/configDir")->path(), "corvex/configDir");
+  EXPECT_EQ(manager_->entity("corvex/configdir/p4rt"), nullptr);
+  EXPECT_EQ(manager_->entity("corvex/configDir/p4rt/below"), nullptr);
+  EXPECT_EQ(manager_->entity("corvex/configDir/p4rt2"), nullptr);
+}
+
+TEST_F(EntityManagerTest, PassesOverEmptyNamesInPaths) {
+  const auto config = Korm::makePtr<Config>("p4rt");
+  manager_->entityIs("/corvex//p4rt/", config);
+  for (const char* path : {"corvex/p4rt", "corvex/p4rt/", "/corvex/p4rt", "//corvex///p4rt//"}) {
+    EXPECT_EQ(manager_->entity<Config>(path), config) << path;
+  }
+  EXPECT_EQ(manager_->entity("").get(), &manager_->root());
+  EXPECT_EQ(manager_->entity("/").get(), &manager_->root());
+  EXPECT_EQ(manager_->entityDel("corvex/p4rt/"), config);
+  EXPECT_EQ(manager_->entity("corvex/p4rt"), nullptr);
+  EXPECT_NE(manager_->entity("corvex"), nullptr);
+}
+
+TEST_F(EntityManagerTest, RemovesExactlyTheEntityAtThePath) {
+  for (const char* path : {"a/a/a", "a/ab", "ab/a"}) {
+    manager_->entityIs(path, Korm::makePtr<Config>("x"));
+  }
+  EXPECT_NE(manager_->entityDel("a/a/a"), nullptr);
+  EXPECT_NE(manager_->entity("a/a"), nullptr);
+  EXPECT_NE(manager_->entityDel("a/a"), nullptr);
+  EXPECT_NE(manager_->entity("a/ab"), nullptr);
+  EXPECT_NE(manager_->entityDel("ab/a"), nullptr);
+  EXPECT_EQ(manager_->entityDel("ab/a"), nullptr);
+  EXPECT_EQ(manager_->entityDel("no/such"), nullptr);
+  EXPECT_EQ(manager_->entityDel("a/ab/below"), nullptr);
+  EXPECT_EQ(manager_->entityDel(""), nullptr);
+}
+
+TEST_F(EntityManagerTest, RefusesToPlaceAnythingBelowWhatIsNoDirectory) {
+  manager_->entityIs("a", Korm::makePtr<Config>("a"));
+  EXPECT_THROW(manager_->entityIs("a/b", Korm::makePtr<Config>("b")), Korm::RangeException);
+  EXPECT_THROW(manager_->entityIs("", Korm::makePtr<Config>("b")), Korm::RangeException);
+  EXPECT_NE(manager_->entity<Config>("a"), nullptr);
+}
+
+TEST_F(EntityManagerTest, CreatesWhatIsMissingOnlyWhereTheModeAndTheTypeAllowIt) {
+  manager_->typeIs<Config>();
+  EXPECT_EQ(complete(mount("config/p4rt", Config::typeName, "wc")), MountStatus::success_);
+  const auto made = manager_->entity<Config>("config/p4rt");
+  ASSERT_NE(made, nullptr);
+  EXPECT_EQ(made->name(), "p4rt");
+  EXPECT_EQ(complete(mount("config/p4rt", Config::typeName, "wc")), MountStatus::success_);
+  EXPECT_EQ(manager_->entity<Config>("config/p4rt"), made) << "what is there stays";
+  EXPECT_EQ(complete(mount("config/p4rt/", Config::typeName, "ri")), MountStatus::success_);
+
+  EXPECT_EQ(complete(mount("config/other", Config::typeName, "ri")), MountStatus::failure_);
+  EXPECT_EQ(complete(mount("config/other", "No::SuchType", "wc")), MountStatus::failure_);
+  EXPECT_EQ(complete(mount("config/p4rt/below", Config::typeName, "wc")), MountStatus::failure_);
+  manager_->typeIs("No::Entity", [](const Korm::Name&) { return nullptr; });
+  EXPECT_EQ(complete(mount("config/other", "No::Entity", "wc")), MountStatus::failure_);
+  EXPECT_EQ(manager_->entity("config/other"), nullptr);
+}
+
+TEST_F(EntityManagerTest, MakesTheOtherMountsOfAGroupWhenOneFails) {
+  manager_->typeIs<Config>();
+  MountGroup group;
+  group.mountIs(mount("first", Config::typeName, "ri"));
+  group.mountIs(mount("second", Config::typeName, "wc"));
+  EXPECT_EQ(group.mounts().size(), 2U);
+  EXPECT_EQ(group.mounts().front().path, "first");
+  EXPECT_FALSE(group.mounts().front().filter);
+  EXPECT_EQ(manager_->complete(group), MountStatus::failure_);
+  EXPECT_NE(manager_->entity<Config>("second"), nullptr);
+  EXPECT_EQ(manager_->complete(MountGroup{}), MountStatus::success_);
+}
+
+}  // namespace
+}  // namespace Tessel
