@@ -14,7 +14,7 @@ namespace {
 
 // Rows are allocated a little at a time, so that no insertion waits for more than one such piece.
 constexpr std::size_t smallestGrowth = std::size_t{16} << 10U;
-constexpr std::size_t largestGrowth = std::size_t{64} << 10U;
+constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
 
 constexpr std::size_t cacheLine = 64;
 
