@@ -86,7 +86,7 @@ void noPort(Interpreter& interpreter, Words& words) {
 }
 
 void encap(Interpreter& interpreter, Words& words) {
-  interpreter.check(interpreter.service().encapIs(parseEncap(words)));
+  interpreter.check("encap", interpreter.service().encapIs(parseEncap(words)));
 }
 void noEncap(Interpreter& interpreter, Words& words) {
   const auto id = takeNumber<NexthopGroup::EncapId>(words, "the id of an encapsulation");
@@ -95,7 +95,7 @@ void noEncap(Interpreter& interpreter, Words& words) {
     interpreter.printer().note("there was no encapsulation " + std::to_string(id));
     return;
   }
-  interpreter.check(interpreter.service().encapDel(id));
+  interpreter.check("no encap", interpreter.service().encapDel(id));
 }
 
 void corvexFlow(Interpreter& interpreter, Words& words) {
@@ -200,7 +200,7 @@ void start(Interpreter& interpreter, Words& words) {
     throw CommandError{"read 'start', expected 'stop' first: the library is running"};
   }
   const Announcement announcement = bare ? service.startBare() : service.start();
-  interpreter.print(announcement);
+  interpreter.print("start", announcement);
   interpreter.printer().note(service.running() ? "the library is running"
                                                : "the library stays stopped");
 }
@@ -210,7 +210,7 @@ void resync(Interpreter& interpreter, Words& words) {
   if (!interpreter.service().running()) {
     throw CommandError{"read 'resync', expected 'start' first: the library is stopped"};
   }
-  interpreter.print(interpreter.service().resync());
+  interpreter.print("resync", interpreter.service().resync());
 }
 
 // What there is to see.

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <concepts>
+#include <limits>
 #include <string>
 #include <type_traits>
 
+#include "platform/Bridging/Bridging.h"
 #include "sim/ValueWords.h"
 
 namespace Sim {
@@ -119,6 +122,13 @@ Korm::AddressFamily familyOf(std::string_view field) {
                                                       : Korm::AddressFamily::ipv6_;
 }
 
+// All ones, and no more of them than the field has bits: a VLAN id has twelve in its sixteen.
+template <std::unsigned_integral T>
+T exactMaskOf(std::string_view field) {
+  return field == "local_metadata.vlan_id" ? static_cast<T>(Bridging::VlanIdOrAnyOrNone::max)
+                                           : std::numeric_limits<T>::max();
+}
+
 template <class T>
 ValueAndMask<T> parseField(std::string_view text, std::string_view name) {
   if constexpr (std::is_same_v<T, bool>) {
@@ -128,7 +138,7 @@ ValueAndMask<T> parseField(std::string_view text, std::string_view name) {
   } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
     return parseMaskedIp(text, name, familyOf(name));
   } else {
-    return parseMaskedNumber<T>(text, name);
+    return parseMaskedNumber<T>(text, name, exactMaskOf<T>(name));
   }
 }
 

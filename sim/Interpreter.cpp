@@ -133,17 +133,17 @@ void Interpreter::commitBatch() {
 
 void Interpreter::settle() { Service::settle(); }
 
-void Interpreter::check(const Failure& failure) {
+void Interpreter::check(std::string_view command, const Failure& failure) {
   if (failure) {
-    printer_.failure(where_, *failure);
+    printer_.failure(where_, command, *failure);
   }
 }
 
-void Interpreter::print(const Announcement& announcement) {
+void Interpreter::print(std::string_view command, const Announcement& announcement) {
   for (const Result& result : announcement.results) {
     printer_.result(result);
   }
-  check(announcement.failure);
+  check(command, announcement.failure);
 }
 
 void Interpreter::apply(const std::vector<Update>& updates) {

@@ -60,8 +60,8 @@ class Interpreter {
   // The hardware has been told something: lets it act.
   void settle();
   // Says so if a command that was understood has failed.
-  void check(const Failure& failure);
-  void print(const Announcement& announcement);
+  void check(std::string_view command, const Failure& failure);
+  void print(std::string_view command, const Announcement& announcement);
 
  private:
   struct Batch {

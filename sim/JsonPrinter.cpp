@@ -70,7 +70,8 @@ void JsonPrinter::error(std::string_view where, std::string_view message) {
   print(out_, line);
 }
 
-void JsonPrinter::failure(std::string_view where, std::string_view message) {
+void JsonPrinter::failure(std::string_view where, std::string_view /*command*/,
+                          std::string_view message) {
   error(where, message);
 }
 

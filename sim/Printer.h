@@ -36,7 +36,8 @@ class Printer {
   // A command that makes no sense; `where` is FILE:LINE.
   virtual void error(std::string_view where, std::string_view message) = 0;
   // A command that was understood and failed.
-  virtual void failure(std::string_view where, std::string_view message) = 0;
+  virtual void failure(std::string_view where, std::string_view command,
+                       std::string_view message) = 0;
   // Something that only a person wants to know.
   virtual void note(std::string_view text) = 0;
   virtual void echo(std::string_view text) = 0;

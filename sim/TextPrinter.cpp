@@ -101,8 +101,10 @@ void TextPrinter::error(std::string_view where, std::string_view message) {
   errors_.flush();
 }
 
-void TextPrinter::failure(std::string_view /*where*/, std::string_view message) {
-  out_ << colored(Color::bad_, "failed") << ": " << message << '\n';
+void TextPrinter::failure(std::string_view /*where*/, std::string_view command,
+                          std::string_view message) {
+  out_ << command << ": " << colored(Color::bad_, "failed") << " in the library: " << message
+       << '\n';
 }
 
 void TextPrinter::note(std::string_view text) { out_ << text << '\n'; }

@@ -23,7 +23,7 @@ class TextPrinter final : public Printer {
   void result(const Result& result) override;
   void report(const Report& report) override;
   void error(std::string_view where, std::string_view message) override;
-  void failure(std::string_view where, std::string_view message) override;
+  void failure(std::string_view where, std::string_view command, std::string_view message) override;
   void note(std::string_view text) override;
   void echo(std::string_view text) override;
   void help(std::span<const HelpEntry> commands, bool grammar) override;

@@ -105,8 +105,8 @@ std::string valueText(OpenFlowTable::L3PacketType type) {
   return number < names.size() ? std::string{names[number]} : std::to_string(number);
 }
 std::string valueText(const OpenFlowTable::EncapInfo& encap) {
-  return encapTypeText(encap.type) + "," + encap.src.text() + "," + encap.dst.text() +
-         ",ttl=" + std::to_string(encap.ttl) + ",dscp=" + std::to_string(encap.dscp);
+  return encapTypeText(encap.type) + "(" + encap.src.text() + "->" + encap.dst.text() +
+         ",ttl=" + std::to_string(encap.ttl) + ",dscp=" + std::to_string(encap.dscp) + ")";
 }
 std::string valueText(const OpenFlowTable::PolicerConfig& policer) {
   std::string text = std::to_string(policer.rate) + "," + std::to_string(policer.burst);
@@ -116,9 +116,15 @@ std::string valueText(const OpenFlowTable::PolicerConfig& policer) {
   return text;
 }
 
-// Ether types are known by their hexadecimal numbers.
-bool isEtherType(std::string_view name) {
-  return name == "etherType" || name == "hdr.ethernet.ether_type";
+// Ether types are known by their hexadecimal numbers, and a VLAN id has twelve bits.
+std::string maskedWordText(std::string_view name, std::uint16_t value, std::uint16_t mask) {
+  if (mask == 0xFFFF && (name == "etherType" || name == "hdr.ethernet.ether_type")) {
+    return hexNumber(value);
+  }
+  if (mask == 0x0FFF && (name == "vlanId" || name == "local_metadata.vlan_id")) {
+    return std::to_string(value);
+  }
+  return maskedText(value, mask);
 }
 
 class Assignments {
@@ -153,12 +159,10 @@ std::string matchText(const OpenFlowTable::Match& match) {
   Assignments result{"any"};
   forEachMatchField(match, [&result](const char* name, const auto& field) {
     if constexpr (std::is_same_v<std::remove_cvref_t<decltype(field)>, Masked<std::uint16_t>>) {
-      if (isEtherType(name) && field.mask == 0xFFFF) {
-        result.add(name, hexNumber(field.value));
-        return;
-      }
+      result.add(name, maskedWordText(name, field.value, field.mask));
+    } else {
+      result.add(name, valueText(field));
     }
-    result.add(name, valueText(field));
   });
   return result.text();
 }
@@ -177,12 +181,10 @@ std::string keyText(const Ostra::OstraKey& key) {
     }
     using T = std::remove_cvref_t<decltype(field.value)>;
     if constexpr (std::is_same_v<T, std::uint16_t>) {
-      if (isEtherType(name) && field.mask == 0xFFFF) {
-        result.add(name, hexNumber(field.value));
-        return;
-      }
+      result.add(name, maskedWordText(name, field.value, field.mask));
+    } else {
+      result.add(name, maskedText(field.value, field.mask));
     }
-    result.add(name, maskedText(field.value, field.mask));
   });
   return result.text();
 }

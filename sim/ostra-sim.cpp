@@ -61,6 +61,8 @@ void traceTo(std::ostream& errors, int level) {
 
 void shareMemory(const std::string& name) {
   KormVasta::sharedMemoryIs({.prefix = name, .takeOver = false});
+  // Before the ring, whose coming tells readers to look: they shall not see what a dead process left.
+  Sim::clearTables();
   // No trace has been written yet that the ring it replaces could hold.
   (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = Sim::traceSegment(name)}));
 }
