@@ -193,7 +193,7 @@ void OstraEcmpGroupSm::handleInitialized() {
 
 void OstraEcmpGroupSm::handleEncapEntry() {
   traceAllEncaps();
-  walk(ipv4EncapTable_, [this](const EncapEntry& row) { handleEncapEntry(EncapId{row.encapId}); });
+  walk(ipv4EncapTable_, [this](const EncapEntry& row) { handleEncapEntry(row.encapId); });
 }
 
 void OstraEcmpGroupSm::handleNexthopInfo() {
@@ -275,7 +275,8 @@ const EncapEntry& OstraEcmpGroupSm::validateNexthop(const NexthopInfo& row) cons
 
 void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
   const MemberOrGroupId groupId = row.groupId;
-  if (!canProgram(ecmpGroupId(groupId))) {
+  const GroupId corvexId = ecmpGroupId(groupId);
+  if (!canProgram(corvexId)) {
     return;
   }
   validateGroup(row);
@@ -285,12 +286,12 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
     traceEmptyGroup(groupId);
     return;
   }
-  GroupEntry& group = cxHwConfig_->groupEntryIs(ecmpGroupId(groupId));
+  GroupEntry& group = cxHwConfig_->groupEntryIs(corvexId);
   group.groupTypeIs(GroupType::select_);
   group.bucketDelAll();
   copyMemberBuckets(row, group);
   announce(group);
-  traceGroupAdded(group.id(), groupId);
+  traceGroupAdded(corvexId, groupId);
 }
 
 void OstraEcmpGroupSm::copyMemberBuckets(const EcmpMemberList& row, GroupEntry& group) const {

@@ -99,7 +99,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   using TableReactor = Korm::MemberNotifiee<OstraEcmpGroupSm, handler, const Key&>;
 
   void handleInitialized();
-  // The per-key handlers for a walk that stands on the row: a look-up of a group sums 8 KiB.
+  // The same for a walk that stands on the row: to look a group's row up again would check its 8 KiB twice.
   void handleEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
   void handleNexthopInfo(const P4RuntimeRouting::NexthopInfo& row);
   // Whether it has what it takes to check and write the Corvex group; traces the group otherwise.
