@@ -1,0 +1,86 @@
+// Resident memory per flow, by holder.
+
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "Ostra/FlowIndex.h"
+#include "Ostra/FlowUtil.h"
+#include "Ostra/OstraStatusSm.h"
+#include "bench/Library.h"
+#include "bench/Measure.h"
+#include "platform/OpenFlowTable/HwStatus.h"
+
+namespace Bench {
+namespace {
+
+// Bytes of memory that this process has in the machine, shared ones included.
+double residentBytes() {
+  std::ifstream statm{"/proc/self/statm"};
+  double total = 0;
+  double resident = 0;
+  statm >> total >> resident;
+  return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
+}
+
+// What `fill` adds to the resident memory, for each of `count` flows.
+template <class Fill>
+double bytesEach(std::size_t count, Fill fill) {
+  const double before = residentBytes();
+  fill();
+  return (residentBytes() - before) / static_cast<double>(count);
+}
+
+void memory(benchmark::State& state) {
+  const auto count = static_cast<std::uint32_t>(state.range(0));
+  const auto entries = makeEntries(count);
+  for (auto _ : state) {
+    Library library;
+    const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
+    const auto row = bytesEach(count, [&] {
+      for (const auto& entry : entries) {
+        library.table->entryIs(entry);
+        library.table->entryIs(entry);  // a row that has been modified, with both its cells in memory
+      }
+    });
+    // The state machine fills its indexes and Corvex at once; an index of the same keys tells them apart.
+    Ostra::FlowIndex index;
+    const auto indexes = bytesEach(count, [&] {
+      for (const auto& entry : entries) {
+        index.handleIs(entry.flowKey, entry.flowKey.hash(0), entry.entryHandle);
+      }
+    });
+    Korm::Ptr<Ostra::OstraSm> sm;
+    const auto library_ = bytesEach(count, [&] { sm = library.makeSm(); });
+    const auto published = bytesEach(count, [&] {
+      for (const auto& entry : entries) {
+        hwStatus->flowStatsIs(Ostra::buildFlowName(entry.entryHandle));
+      }
+    });
+    Korm::Ptr<Ostra::OstraStatusSm> statusSm;
+    const auto reactors = bytesEach(count, [&] {
+      statusSm = Ostra::ostraStatusSmFactory(hwStatus, library.batchStatus, library.statusInfo,
+                                             nullptr, nullptr);
+    });
+    require(library.hwConfig->flowEntries().size() == count, "every entry has its flow");
+    require(statusSm->flowReactors() == count, "every flow is watched");
+    state.counters["row"] = row;
+    state.counters["indexes"] = indexes;
+    state.counters["corvex"] = library_ - indexes;
+    state.counters["status"] = published;
+    state.counters["reactors"] = reactors;
+    state.counters["total"] = row + library_ + published + reactors;
+  }
+}
+
+const bool registered = [] {
+  for (const int count : {100'000, 1'000'000}) {
+    benchmark::RegisterBenchmark("BM_Memory", memory)->Arg(count)->Iterations(1);
+  }
+  return true;
+}();
+
+}  // namespace
+}  // namespace Bench
