@@ -33,7 +33,9 @@ class TableOwner {
 
 // A writable table of records. It lives in anonymous memory until its entity is placed in the tree while
 // the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the segment
-// named after its place. It turns quiet when the activity has nothing else to do.
+// named after its place, and references to the table and to its rows end. Rows that it takes over there
+// are told to nobody; the last of those that are corrupt goes to the corruption handler. It turns quiet
+// when the activity has nothing else to do.
 template <Vasta::Record R>
 class TableBinding final : private Vasta::TableObserver<R> {
  public:
@@ -60,10 +62,12 @@ class TableBinding final : private Vasta::TableObserver<R> {
   // Gives the table its place, from the position of its entity. Throws what the table service throws
   // when the named segment cannot be had; the table then stays where it was, its mount failed.
   void handleParent(const Korm::Dir& parent, const Korm::Name& entity) {
-    const std::string path = parent.path() + "/" + entity + "/" + name_;
+    const std::string above = parent.path();
+    const std::string path = (above.empty() ? entity : above + "/" + entity) + "/" + name_;
     table_->mountStateIs(Vasta::MountState::mounting_);
     try {
-      if (const std::string segment = prepareSegment(path); !segment.empty()) {
+      const std::string segment = prepareSegment(path);
+      if (!segment.empty() && segment != segment_) {
         moveTo(path, segment);
       }
     } catch (...) {
@@ -93,10 +97,18 @@ class TableBinding final : private Vasta::TableObserver<R> {
     if (table_->isQuiesced()) {
       named->quiesce();
     }
+    const bool wasBusy = !table_->isQuiesced();
     table_->observerIs(nullptr);
     table_ = std::move(named);
+    segment_ = segment;
     table_->observerIs(this);
     table_->corruptionHandlerIs(corruptionHandler_);
+    if (wasBusy && table_->isQuiesced()) {
+      owner_.tableNotifyQuiesced(true);
+    }
+    if (corruptionHandler_ && table_->corruptionCount() > 0) {
+      corruptionHandler_(table_->lastCorruption());
+    }
   }
 
   void recordChanged(const Key& key) override { owner_.tableNotify(key); }
@@ -115,6 +127,7 @@ class TableBinding final : private Vasta::TableObserver<R> {
   const std::string name_;
   TableOwner<Key>& owner_;
   std::unique_ptr<Table> table_;
+  std::string segment_;  // in which the table is; empty while it is anonymous
   Vasta::TableWriter::CorruptionHandler corruptionHandler_;
   const std::shared_ptr<void> alive_ = std::make_shared<char>();
 };

@@ -4,6 +4,7 @@
 // its segment name (SharedMemory.h).
 #pragma once
 
+#include <exception>
 #include <string>
 
 #include "platform/Korm/Entity.h"
@@ -32,7 +33,26 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
   void entryIs(const R& record) { binding_.table().is(record); }
   // Whether there was such a row; only then are the reactors told.
   bool entryDel(const Key& key) { return binding_.table().del(key).has_value(); }
-  void entryDelAll() { binding_.table().delAll(); }
+  // Removes row by row, corrupt ones too, telling the key of each that is intact. An exception from a
+  // reactor leaves when all have gone. The entity must not be destroyed meanwhile.
+  void entryDelAll() {
+    std::exception_ptr first;
+    for (bool done = false; !done;) {
+      const std::uint64_t sequence = table().changeSequence();
+      try {
+        table().delAll();
+        done = true;
+      } catch (...) {
+        if (!first) {
+          first = std::current_exception();
+        }
+        done = table().changeSequence() == sequence;  // it was the table that could not go on
+      }
+    }
+    if (first) {
+      std::rethrow_exception(std::move(first));
+    }
+  }
   [[nodiscard]] std::size_t entries() const noexcept { return binding_.table().size(); }
 
   // Walks the rows; the hint stays good whatever changes. Throws Vasta::Corruption with the hint past
