@@ -24,7 +24,10 @@ FlowEntry& FlowHwConfig::flowEntryIs(const Korm::Name& name, const Match& match,
   flow.hardTimeout_ = hardTimeout;
   flow.sendFlowRemoved_ = sendFlowRemoved;
   flow.persistent_ = persistent;
-  flowNotifiees_.notify(name);
+  if (!flowNotifiees_.empty()) {
+    const Korm::Name copy = name;  // `name` may be the key of a flow that a reactor deletes
+    flowNotifiees_.notify(copy);
+  }
   return flow;
 }
 

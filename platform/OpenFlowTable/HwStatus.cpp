@@ -4,8 +4,9 @@ namespace OpenFlowTable {
 
 FlowStats& HwStatus::flowStatsIs(const Korm::Name& name, FlowStatus status) {
   const auto [entry, created] = flows_.tryEmplace(name, name, status);
-  if (created) {
-    flowNotifiees_.notify(name);
+  if (created && !flowNotifiees_.empty()) {
+    const Korm::Name copy = name;
+    flowNotifiees_.notify(copy);
   }
   return entry.value;
 }

@@ -82,7 +82,8 @@ class HwStatus final : public Korm::NamedEntity {
   using NamedEntity::NamedEntity;
 
   // The statistics of a flow, made with `status` if they are not there. The reactors are told the name
-  // of new ones; those that are there are returned as they are.
+  // of new ones; those that are there are returned as they are. What is returned is gone if a reactor has
+  // deleted it by then.
   FlowStats& flowStatsIs(const Korm::Name& name, FlowStatus status = FlowStatus::pending_);
   bool flowStatsDel(const Korm::Name& name);
   template <class N>

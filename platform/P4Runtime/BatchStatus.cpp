@@ -64,7 +64,11 @@ void BatchStatus::resultIs(EntryHandle handle, ErrorCode code, std::string_view 
     open->value->errorCodeIs(code);
     open->value->messageIs(message);
   }
-  notifiees_.notify(TransactionResult{handle, code, message, dependent});
+  if (!notifiees_.empty()) {
+    // A reactor may close the entry, or write it again, in which the message stands.
+    const std::string copy{message};
+    notifiees_.notify(TransactionResult{handle, code, copy, dependent});
+  }
 }
 
 }  // namespace P4Runtime
