@@ -1,0 +1,432 @@
+// Shared tables bound to entities: notification, placement in named memory, take-over, other processes.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "VastaTestRecords.h"
+#include "platform/Korm/Activity.h"
+#include "platform/KormVasta/CollectionControl.h"
+#include "platform/KormVasta/SharedMemory.h"
+#include "platform/KormVasta/TableBinding.h"
+#include "platform/KormVasta/TableEntity.h"
+#include "platform/KormVasta/TableMount.h"
+#include "platform/NexthopGroup/Encap.h"
+#include "platform/P4RuntimeRouting/Ecmp.h"
+#include "platform/Tessel/Tessel.h"
+
+namespace KormVasta {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Vasta::MountState;
+using VastaTest::Route;
+
+class RouteTable final : public TableEntity<Route> {
+ public:
+  using TableEntity::TableEntity;
+};
+
+class Keys final : public Korm::Notifiee<const std::uint64_t&> {
+ public:
+  explicit Keys(RouteTable& table) { table.entryNotifiees().attach(*this); }
+  void onAttribute(const std::uint64_t& key) override {
+    told_.push_back(key);
+    if (const auto action = action_) {
+      action(key);
+    }
+  }
+  std::vector<std::uint64_t> take() { return std::exchange(told_, {}); }
+  void actionIs(std::function<void(std::uint64_t)> action) { action_ = std::move(action); }
+
+ private:
+  std::vector<std::uint64_t> told_;
+  std::function<void(std::uint64_t)> action_;
+};
+
+TEST(TableEntity, TellsTheKeyOfEveryChangeOnceItIsMade) {
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  Keys keys{*table};
+  std::vector<std::uint64_t> versions;
+  keys.actionIs([&](std::uint64_t key) {
+    const Route* const route = table->entry(key);
+    versions.push_back(route == nullptr ? 0 : route->version);
+  });
+  table->entryIs(Route::of(7, 1));
+  table->entryIs(Route::of(8, 1));
+  table->entryIs(Route::of(7, 2));
+  EXPECT_TRUE(table->entryDel(8));
+  EXPECT_FALSE(table->entryDel(8));
+  EXPECT_THAT(keys.take(), ElementsAre(7, 8, 7, 8));
+  EXPECT_THAT(versions, ElementsAre(1, 1, 2, 0));
+  EXPECT_EQ(table->entries(), 1U);
+  EXPECT_EQ(table->entry(7, Vasta::hashOfKey<Route>(7))->version, 2U);
+  EXPECT_EQ(table->entry(8), nullptr);
+}
+
+TEST(TableEntity, MayBeChangedByItsReactorsAndKeepsWhatTheyThrowAbout) {
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  Keys first{*table};
+  Keys second{*table};
+  first.actionIs([&](std::uint64_t key) {
+    if (key == 1 && table->entry(1) != nullptr) {
+      table->entryDel(table->entry(1)->key());
+    }
+    if (key == 2) {
+      throw 2;
+    }
+  });
+  table->entryIs(Route::of(1, 1));
+  EXPECT_EQ(table->entries(), 0U);
+  EXPECT_THAT(second.take(), ElementsAre(1, 1));
+  EXPECT_THROW(table->entryIs(Route::of(2, 1)), int);
+  EXPECT_NE(table->entry(2), nullptr);
+  EXPECT_THAT(second.take(), ElementsAre(2));
+}
+
+TEST(TableEntity, IsEmptiedToTheLastRowThoughReactorsThrow) {
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  for (std::uint64_t key = 0; key < 5; ++key) {
+    table->entryIs(Route::of(key, 1));
+  }
+  Keys thrower{*table};
+  Keys other{*table};
+  thrower.actionIs([](std::uint64_t key) {
+    if (key != 1) {
+      throw key;
+    }
+  });
+  try {
+    table->entryDelAll();
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (std::uint64_t key) {
+    EXPECT_EQ(key, 0U);
+  }
+  EXPECT_EQ(table->entries(), 0U);
+  EXPECT_THAT(other.take(), ElementsAre(0, 1, 2, 3, 4));
+  EXPECT_EQ(table->table().verify(), std::nullopt);
+}
+
+TEST(TableEntity, GoesWhenAReactorDropsItsLastReference) {
+  auto table = Korm::makePtr<RouteTable>("routes");
+  Keys keys{*table};
+  keys.actionIs([&](std::uint64_t) { table = nullptr; });
+  table->entryIs(Route::of(1, 1));
+  EXPECT_EQ(table, nullptr);
+  EXPECT_FALSE(keys.attached());
+  Korm::activity().run();
+}
+
+TEST(TableEntity, IsWalkedPastChangesByAHintThatStaysGood) {
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  for (std::uint64_t key = 0; key < 300; ++key) {
+    table->entryIs(Route::of(key, 1));
+  }
+  std::set<std::uint64_t> met;
+  Vasta::Hint hint;
+  while (const Route* const route = table->next(hint)) {
+    const std::uint64_t key = route->prefix;
+    EXPECT_TRUE(route->isWhole());
+    if (key < 1'000) {
+      EXPECT_TRUE(met.insert(key).second) << key;
+      table->entryDel(key);
+      if (key % 3 == 0) {
+        table->entryIs(Route::of(1'000 + key, 1));
+      }
+    }
+  }
+  EXPECT_EQ(met.size(), 300U);
+  EXPECT_EQ(table->entries(), 100U);
+}
+
+// What a table tells its entity besides keys.
+class Owner final : public TableOwner<std::uint64_t> {
+ public:
+  void tableNotify(const std::uint64_t& key) override { heard.push_back(std::to_string(key)); }
+  void tableNotifyQuiesced(bool quiesced) override { heard.push_back(quiesced ? "quiet" : "busy"); }
+  void tableNotifyMountStatus() override {
+    constexpr std::array<const char*, 4> names{"unmounted", "mounting", "mounted", "failed"};
+    heard.emplace_back(names.at(static_cast<std::size_t>(binding->table().mountState())));
+  }
+  std::vector<std::string> take() { return std::exchange(heard, {}); }
+
+  std::vector<std::string> heard;
+  std::unique_ptr<TableBinding<Route>> binding =
+      std::make_unique<TableBinding<Route>>("table", *this);
+};
+
+class Placed : public testing::Test {
+ protected:
+  Placed() : prefix_{"korm" + std::to_string(::getpid())} { Korm::activity().clear(); }
+  ~Placed() override {
+    sharedMemoryIs({});
+    for (const char* path : {"routes/entry", "dir/routes/entry", "dir/routes/table"}) {
+      Vasta::removeTable(segment(path));
+    }
+  }
+  [[nodiscard]] std::string segment(std::string_view path) const {
+    return segmentName(prefix_, path);
+  }
+  void named(bool takeOver = false) { sharedMemoryIs({.prefix = prefix_, .takeOver = takeOver}); }
+
+  const std::string prefix_;
+  Korm::Ptr<Tessel::EntityManager> manager_ = Korm::makePtr<Tessel::EntityManager>();
+  Korm::Ptr<Korm::Dir> dir_ = Korm::makePtr<Korm::Dir>("dir");
+};
+
+TEST_F(Placed, ATableTurnsBusyWithItsFirstChangeAndQuietOnTheActivity) {
+  Owner owner;
+  EXPECT_EQ(owner.binding->table().mountState(), MountState::unmounted_);
+  owner.binding->table().is(Route::of(1, 1));
+  owner.binding->table().is(Route::of(2, 1));
+  EXPECT_THAT(owner.take(), ElementsAre("busy", "1", "2"));
+  Korm::activity().run();
+  EXPECT_THAT(owner.take(), ElementsAre("quiet"));
+  Korm::activity().run();
+  owner.binding->table().del(2);
+  EXPECT_THAT(owner.take(), ElementsAre("busy", "2"));
+  owner.binding.reset();
+  Korm::activity().run();
+  EXPECT_THAT(owner.take(), ElementsAre());
+}
+
+TEST_F(Placed, ATableIsMountedWhereItsEntityStands) {
+  Owner owner;
+  owner.binding->handleParent(*dir_, "routes");
+  EXPECT_THAT(owner.take(), ElementsAre("mounting", "mounted"));
+  EXPECT_EQ(owner.binding->table().name(), "table") << "still anonymous";
+  named();
+  owner.binding->handleParent(*dir_, "routes");
+  EXPECT_THAT(owner.take(), ElementsAre("mounting", "mounted"));
+  EXPECT_EQ(owner.binding->table().name(), "dir/routes/table");
+  owner.binding->table().is(Route::of(1, 1));
+  owner.binding->handleParent(*dir_, "routes");
+  EXPECT_THAT(owner.take(), ElementsAre("busy", "1", "mounting", "mounted"));
+  EXPECT_NE(owner.binding->table().find(1), nullptr) << "placed again where it is";
+}
+
+TEST_F(Placed, ATableThatWasBusyIsToldQuietAfterTheMoveOnceAtMost) {
+  named();
+  Owner owner;
+  owner.binding->table().is(Route::of(1, 1));
+  owner.binding->table().del(1);
+  owner.take();
+  owner.binding->handleParent(*dir_, "routes");
+  Korm::activity().run();
+  EXPECT_THAT(owner.take(), ElementsAre("mounting", "quiet", "mounted"));
+}
+
+TEST_F(Placed, ASegmentThatCannotBeHadLeavesTheTableWhereItWas) {
+  named(true);
+  Vasta::Table<Route> other{{.name = "other", .shmName = segment("dir/routes/table")}};
+  Owner owner;
+  owner.binding->table().is(Route::of(1, 1));
+  owner.take();
+  try {
+    owner.binding->handleParent(*dir_, "routes");
+    ADD_FAILURE() << "placed";
+  } catch (const Vasta::AttachError& error) {
+    EXPECT_EQ(error.failure(), Vasta::AttachFailure::writerBusy);
+  }
+  EXPECT_THAT(owner.take(), ElementsAre("mounting", "failed"));
+  EXPECT_NE(owner.binding->table().find(1), nullptr);
+
+  sharedMemoryIs({.prefix = prefix_, .takeOver = false});
+  EXPECT_THROW(owner.binding->handleParent(*dir_, "routes"), Vasta::AttachError)
+      << "a table in use is not cleared";
+}
+
+TEST_F(Placed, AnEntityMovesItsRowsAndItsCorruptionHandlerToTheNamedSegment) {
+  named();
+  std::vector<std::string> corruptions;
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  table->corruptionHandlerIs([&](const std::string& message) { corruptions.push_back(message); });
+  for (std::uint64_t key = 0; key < 100; ++key) {
+    table->entryIs(Route::of(key, 3));
+  }
+  Keys keys{*table};
+  manager_->entityIs("dir/routes", table);
+  EXPECT_THAT(keys.take(), ElementsAre()) << "a move is no change";
+  Vasta::Reader<Route> reader{segment("dir/routes/entry")};
+  EXPECT_EQ(reader.size(), 100U);
+  EXPECT_TRUE(reader.find(99)->isWhole());
+  table->entryIs(Route::of(99, 4));
+  EXPECT_EQ(reader.find(99)->version, 4U);
+  EXPECT_THAT(keys.take(), ElementsAre(99));
+
+  const Route damaged = Route::of(50, 3);
+  VastaTest::Tampering{Vasta::SegmentNames{segment("dir/routes/entry")}.rows()}.flip(
+      &damaged.payload, 16);
+  try {
+    static_cast<void>(table->entry(50));
+    ADD_FAILURE() << "a damaged row was read";
+  } catch (const Vasta::Corruption& corruption) {
+    table->reportCorruption(corruption.what());
+  }
+  ASSERT_EQ(corruptions.size(), 1U);
+  EXPECT_THAT(corruptions.front(), HasSubstr("dir/routes/entry"));
+  std::size_t rows = 0;
+  int bad = 0;
+  for (Vasta::Hint hint;;) {
+    try {
+      if (table->next(hint) == nullptr) {
+        break;
+      }
+      ++rows;
+    } catch (const Vasta::Corruption&) {
+      ++bad;
+    }
+  }
+  EXPECT_EQ(rows, 99U);
+  EXPECT_EQ(bad, 1);
+}
+
+TEST_F(Placed, AnEntityAtTheRootHasTheSegmentOfItsPath) {
+  named();
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  manager_->entityIs("routes", table);
+  table->entryIs(Route::of(1, 1));
+  EXPECT_TRUE(Vasta::Reader<Route>{segment("routes/entry")}.find(1).has_value());
+  EXPECT_EQ(manager_->entityDel("routes"), table);
+  manager_->entityIs("routes", table);
+  EXPECT_NE(table->entry(1), nullptr);
+}
+
+class AfterADeadProcess : public Placed {
+ protected:
+  // A writer process that ends without tidying up, with these rows and one of them damaged.
+  void leaveRows() {
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+      named();
+      manager_->entityIs("dir/routes", Korm::makePtr<RouteTable>("routes"));
+      const auto table = manager_->entity<RouteTable>("dir/routes");
+      for (std::uint64_t key = 1; key <= 10; ++key) {
+        table->entryIs(Route::of(key, 1));
+      }
+      ::_exit(table->entries() == 10 ? 0 : 1);
+    }
+    int status = 0;
+    ::waitpid(writer, &status, 0);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    const Route damaged = Route::of(3, 1);
+    VastaTest::Tampering{Vasta::SegmentNames{segment("dir/routes/entry")}.rows()}.flip(
+        &damaged.payload, 16);
+  }
+};
+
+TEST_F(AfterADeadProcess, AnEntityTakesTheRowsOverWhenItIsTo) {
+  leaveRows();
+  named(true);
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  std::vector<std::string> corruptions;
+  table->corruptionHandlerIs([&](const std::string& message) { corruptions.push_back(message); });
+  table->entryIs(Route::of(10, 2));
+  table->entryIs(Route::of(11, 2));
+  manager_->entityIs("dir/routes", table);
+  EXPECT_EQ(table->entry(1)->version, 1U);
+  EXPECT_EQ(table->entry(10)->version, 2U) << "its own rows count more";
+  EXPECT_EQ(table->entry(11)->version, 2U);
+  EXPECT_EQ(table->entries(), 11U);
+  ASSERT_EQ(corruptions.size(), 1U);
+  EXPECT_EQ(table->entry(3), nullptr) << "what a damaged row was the row of, nobody can know";
+  table->entryDelAll();
+  EXPECT_EQ(table->entries(), 0U);
+  EXPECT_EQ(table->table().verify(), std::nullopt);
+}
+
+TEST_F(AfterADeadProcess, AnEntityStartsEmptyOtherwise) {
+  leaveRows();
+  named(false);
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  manager_->entityIs("dir/routes", table);
+  EXPECT_EQ(table->entries(), 0U);
+  EXPECT_EQ(table->table().verify(), std::nullopt);
+}
+
+TEST_F(Placed, AnotherProcessReadsByNameWhileTheOwnerWrites) {
+  named();
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  manager_->entityIs("dir/routes", table);
+  for (std::uint64_t key = 0; key < 50; ++key) {
+    table->entryIs(Route::of(key, 1));
+  }
+  const pid_t child = ::fork();
+  if (child == 0) {
+    Vasta::Reader<Route> reader{segment("dir/routes/entry")};
+    std::uint64_t newest = 0;
+    bool whole = true;
+    while (newest < 200 && whole) {
+      for (std::uint64_t key = 0; key < 50; ++key) {
+        const auto route = reader.find(key);
+        whole = whole && route && route->isWhole();
+        newest = whole ? std::max(newest, route->version) : newest;
+      }
+    }
+    ::_exit(whole ? 0 : 1);
+  }
+  int status = 0;
+  for (std::uint64_t version = 2; ::waitpid(child, &status, WNOHANG) == 0; ++version) {
+    for (std::uint64_t key = 0; key < 50; ++key) {
+      table->entryIs(Route::of(key, version));
+    }
+  }
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+TEST_F(Placed, AnEntitysSegmentGoesWithIt) {
+  named();
+  auto table = Korm::makePtr<RouteTable>("routes");
+  table->handleParent(*dir_);
+  const std::string name = segment("dir/routes/entry");
+  { const Vasta::Reader<Route> reader{name}; }
+  table = nullptr;
+  EXPECT_THROW(Vasta::Reader<Route>{name}, Vasta::AttachError);
+}
+
+TEST(SharedMemory, SegmentNamesAreThePathWithThePrefix) {
+  EXPECT_EQ(segmentName("ostra", "p4runtime/flowTable/0/entry"),
+            "ostra.p4runtime.flowTable.0.entry");
+  EXPECT_EQ(prepareSegment("any/path"), "") << "no prefix, no named memory";
+}
+
+TEST_F(Placed, AMountFindsTablesOfTheirTypeOnceItIsInitialized) {
+  using NexthopGroup::L2NexthopGroupEncapTable;
+  const auto encaps = Korm::makePtr<L2NexthopGroupEncapTable>("ipv4EncapTable");
+  manager_->entityIs("routing/ipv4EncapTable", encaps);
+  const auto mount = Korm::makePtr<TableMount>(manager_);
+  EXPECT_EQ(mount->table<L2NexthopGroupEncapTable>("routing/ipv4EncapTable"), nullptr);
+  mount->handleInitialized();
+  EXPECT_EQ(mount->table<L2NexthopGroupEncapTable>("routing/ipv4EncapTable"), encaps);
+  EXPECT_EQ(mount->table<P4RuntimeRouting::EcmpGroup>("routing/ipv4EncapTable"), nullptr);
+  EXPECT_EQ(mount->table<L2NexthopGroupEncapTable>("routing"), nullptr);
+  const auto nowhere = Korm::makePtr<TableMount>(nullptr);
+  nowhere->handleInitialized();
+  EXPECT_EQ(nowhere->table<L2NexthopGroupEncapTable>("routing/ipv4EncapTable"), nullptr);
+}
+
+TEST(CollectionControl, KeepsTheEntityThatItWasGiven) {
+  const auto control = Korm::makePtr<CollectionControl>();
+  EXPECT_TRUE(control->quiesced());
+  EXPECT_EQ(control->mountState(), MountState::unmounted_);
+  const auto table = Korm::makePtr<RouteTable>("routes");
+  control->entityIs(table);
+  EXPECT_EQ(table->references(), 2U);
+  EXPECT_EQ(control->entity(), table);
+}
+
+}  // namespace
+}  // namespace KormVasta
