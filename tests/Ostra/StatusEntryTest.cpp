@@ -113,7 +113,7 @@ TEST(StatusEntry, IsEqualInAllFieldsAndEmptyInNone) {
   others[1].entryHandle = 1;
   others[2].errorCode = ErrorCode::success_;
   others[3].deleted = false;
-  others.push_back({sample(), portKey(444)});
+  others.emplace_back(sample(), portKey(444));
   for (const OstraStatusEntry& other : others) {
     EXPECT_FALSE(other == sample()) << other;
   }

@@ -20,7 +20,6 @@ using Ostra::FlowTableIndex;
 using Ostra::OstraKey;
 using Ostra::OstraStatus;
 using Ostra::OstraStatusEntry;
-using Ostra::OstraStatusTableColl;
 using StatusTest::Keys;
 using StatusTest::portKey;
 
