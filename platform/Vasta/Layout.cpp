@@ -62,6 +62,7 @@ std::uint64_t layoutHash(const RecordLayout& layout) {
   fingerprint.add(geometry.cellWords);
   fingerprint.add(geometry.rowWords);
   fingerprint.add(layout.typeName);
+  fingerprint.add(std::uint64_t{layout.usedSize != nullptr});
   // Two programs that hash keys differently would miss each other's records.
   const std::vector<std::uint64_t> zeroKey(layout.keySize / wordSize + 1);
   fingerprint.add(layout.hashOfKey(zeroKey.data()));

@@ -5,7 +5,9 @@
 // - the rows: one after the other, each a version word and two cells; row n never moves;
 // - the index, one segment per generation: see Index.h.
 //
-// A cell is {record words, live, change sequence, checksum}. The low bit of the version selects the
+// A cell is {record words, live, change sequence, checksum}. The live word holds the number of record
+// words that are stored, from the first one on, in its upper half, and in its lowest bit whether the
+// record is there. The low bit of the version selects the
 // cell in force; version 0 means that neither ever was. The writer fills the other cell and then
 // publishes it by adding one to the version, so a writer that dies at any instant leaves the record
 // as it was. A reader copies the cell in force and looks at the version again: unchanged, the copy is
@@ -16,6 +18,7 @@
 // with it everything stored before.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -93,20 +96,31 @@ struct RowGeometry {
   [[nodiscard]] std::size_t liveWord() const noexcept { return recordWords; }
   [[nodiscard]] std::size_t sequenceWord() const noexcept { return recordWords + 1; }
   [[nodiscard]] std::size_t checksumWord() const noexcept { return recordWords + 2; }
+  [[nodiscard]] static std::uint64_t makeLiveWord(std::size_t storedWords, bool live) noexcept {
+    return std::uint64_t{storedWords} << 32U | (live ? 1U : 0U);
+  }
+  [[nodiscard]] static bool isLive(std::uint64_t live) noexcept { return (live & 1U) != 0; }
+  // As many as a live word says, and never more than there are.
+  [[nodiscard]] std::size_t storedWords(std::uint64_t live) const noexcept {
+    return std::min<std::uint64_t>(live >> 32U, recordWords);
+  }
   [[nodiscard]] std::size_t bytesForRows(std::size_t rows) const noexcept {
     return rows * rowWords * wordSize;
   }
 };
 
-// What the checksum word of the cell in force must be: the sum of all its other words, begun with the
-// row's number and version, so that a record in the wrong row is found out too, and so is a damaged
+// What the checksum word of the cell in force must be: the sum of its other words, less the record words
+// that are not stored, begun with the row's number and version, so that a record in the wrong row is found out too, and so is a damaged
 // version unless the damage makes it exactly the one before, whose cell may still be whole.
 // `cell` is contiguous and not written meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
                                                 std::uint64_t version,
                                                 const RowGeometry& geometry) noexcept {
   const auto scattered = static_cast<std::uint32_t>((version * 0x9E3779B97F4A7C15U) >> 32U);
-  return crc32c(cell, geometry.checksumWord() * wordSize, row ^ scattered);
+  const std::size_t stored = geometry.storedWords(cell[geometry.liveWord()]);
+  const std::uint32_t ofRecord = crc32c(cell, stored * wordSize, row ^ scattered);
+  return crc32c(cell + geometry.liveWord(),
+                (geometry.checksumWord() - geometry.liveWord()) * wordSize, ofRecord);
 }
 
 [[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,

@@ -20,6 +20,10 @@ namespace Vasta {
 // A fixed-size value with its key inside it. It is copied, compared and summed as bytes, so it has
 // neither pointers to itself nor padding; it lies on 8-byte boundaries, so it asks for no more. A
 // `static constexpr std::string_view vastaName` tells apart record types of equal shape.
+//
+// A record with a long array of which it mostly uses the front may say by `usedSize()` how many of its
+// bytes count, from the first one on, the key among them. The others are neither stored nor summed: a
+// copy has zeros there, and one looked at in place has anything.
 template <class R>
 concept Record = std::is_trivially_copyable_v<R> && std::has_unique_object_representations_v<R> &&
                  std::has_unique_object_representations_v<typename R::Key> &&(alignof(R) <= 8) &&
@@ -35,6 +39,7 @@ struct RecordLayout {
   std::uint32_t keySize = 0;     // bytes
   std::string_view typeName;     // empty where the type gives none
   std::uint32_t (*hashOfKey)(const void* key) = nullptr;
+  std::size_t (*usedSize)(const void* record) = nullptr;  // null: the whole record
 };
 
 template <Record R>
@@ -53,7 +58,13 @@ template <Record R>
       .keyOffset = static_cast<std::uint32_t>(offset),
       .keySize = sizeof(Key),
       .typeName = {},
-      .hashOfKey = [](const void* key) { return hashOfKey<R>(*static_cast<const Key*>(key)); }};
+      .hashOfKey = [](const void* key) { return hashOfKey<R>(*static_cast<const Key*>(key)); },
+      .usedSize = nullptr};
+  if constexpr (requires { probe.usedSize(); }) {
+    layout.usedSize = [](const void* record) -> std::size_t {
+      return static_cast<const R*>(record)->usedSize();
+    };
+  }
   if constexpr (requires { std::string_view{R::vastaName}; }) {
     layout.typeName = R::vastaName;
   }

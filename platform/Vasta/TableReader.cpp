@@ -108,25 +108,33 @@ const std::uint64_t* TableReader::rowWords(std::uint32_t row) const {
 TableReader::RowState TableReader::copyRow(std::uint32_t row) {
   const std::uint64_t* words = rowWords(row);
   std::uint64_t version = 0;
+  std::size_t stored = 0;
   for (;;) {
     version = loadWord(words[0]);
     if (version == 0) {
       return RowState::vacant_;
     }
     const std::uint64_t* cell = cellOf(words, version, geometry_);
-    for (std::size_t i = 0; i < geometry_.cellWords; ++i) {
+    stored = geometry_.storedWords(loadWord(cell[geometry_.liveWord()]));
+    for (std::size_t i = 0; i < stored; ++i) {
+      cell_[i] = loadWord(cell[i]);
+    }
+    used_ = std::max(used_, stored);
+    for (std::size_t i = geometry_.liveWord(); i < geometry_.cellWords; ++i) {
       cell_[i] = loadWord(cell[i]);
     }
     if (loadWord(words[0]) == version) {
       break;
     }
   }
-  const std::uint64_t stored = cell_[geometry_.checksumWord()];
+  std::fill_n(cell_.begin() + static_cast<std::ptrdiff_t>(stored), used_ - stored, 0);
+  used_ = stored;
+  const std::uint64_t expected = cell_[geometry_.checksumWord()];
   const std::uint64_t computed = cellChecksum(cell_.data(), row, version, geometry_);
-  if (stored != computed) [[unlikely]] {
-    throw Corruption{source_->name(), row, stored, computed};
+  if (expected != computed) [[unlikely]] {
+    throw Corruption{source_->name(), row, expected, computed};
   }
-  return cell_[geometry_.liveWord()] == 1 ? RowState::live_ : RowState::removed_;
+  return RowGeometry::isLive(cell_[geometry_.liveWord()]) ? RowState::live_ : RowState::removed_;
 }
 
 bool TableReader::lookUp(const void* key, std::uint32_t hash) {

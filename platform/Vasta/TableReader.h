@@ -120,6 +120,7 @@ class TableReader {
   IndexView indexView_;
   std::uint64_t generation_ = 0;
   std::vector<std::uint64_t> cell_;
+  std::size_t used_ = 0;  // record words in cell_; zeros behind them
 };
 
 }  // namespace Vasta

@@ -17,6 +17,7 @@ constexpr std::size_t smallestGrowth = std::size_t{16} << 10U;
 constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
 
 constexpr std::size_t cacheLine = 64;
+constexpr std::size_t longestPrefetch = 1024;
 
 }  // namespace
 
@@ -48,10 +49,10 @@ TableWriter::RowState TableWriter::inspect(std::uint32_t row) const noexcept {
     return RowState::vacant_;
   }
   const std::uint64_t* cell = activeCell(row);
-  if (cell[geometry_.checksumWord()] != checksumOf(row) || cell[geometry_.liveWord()] > 1) {
+  if (cell[geometry_.checksumWord()] != checksumOf(row)) {
     return RowState::corrupt_;
   }
-  return cell[geometry_.liveWord()] == 1 ? RowState::live_ : RowState::vacant_;
+  return RowGeometry::isLive(cell[geometry_.liveWord()]) ? RowState::live_ : RowState::vacant_;
 }
 
 Corruption TableWriter::corruptionOf(std::uint32_t row) const {
@@ -72,10 +73,10 @@ void TableWriter::prefetch(std::uint32_t row) const noexcept {
   const auto* cell =
       reinterpret_cast<const std::byte*>(cellOf(words, active_[row] ? 1 : 0, geometry_));
   const std::size_t bytes = geometry_.cellWords * wordSize;
-  for (std::size_t offset = 0; offset < bytes; offset += cacheLine) {
+  for (std::size_t offset = 0; offset < std::min(bytes, longestPrefetch); offset += cacheLine) {
     __builtin_prefetch(cell + offset);
   }
-  __builtin_prefetch(cell + bytes - 1);
+  __builtin_prefetch(cell + bytes - 1);  // the words behind the record
 }
 
 bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
@@ -148,22 +149,37 @@ std::uint32_t TableWriter::takeRow() {
   return row;
 }
 
+std::size_t TableWriter::usedSize(const std::byte* record) const noexcept {
+  return layout_.usedSize == nullptr
+             ? geometry_.recordSize
+             : std::min<std::size_t>(layout_.usedSize(record), geometry_.recordSize);
+}
+
+void TableWriter::copyRecord(std::uint32_t row, std::byte* out) const noexcept {
+  const std::size_t used = usedSize(recordOf(row));
+  std::memcpy(out, recordOf(row), used);
+  std::memset(out + used, 0, geometry_.recordSize - used);
+}
+
 void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept {
   std::uint64_t* words = rowWords(row);
   const std::uint64_t version = loadWord(words[0]) + 1;
   auto* cell = const_cast<std::uint64_t*>(cellOf(words, version, geometry_));
-  const std::size_t wholeWords = geometry_.recordSize / wordSize;
+  const std::size_t used = usedSize(record);
+  const std::size_t wholeWords = used / wordSize;
   for (std::size_t i = 0; i < wholeWords; ++i) {
     std::uint64_t word = 0;
     std::memcpy(&word, record + i * wordSize, wordSize);
     storeWord(cell[i], word);
   }
-  if (const std::size_t rest = geometry_.recordSize % wordSize; rest != 0) {
+  const std::size_t rest = used % wordSize;
+  if (rest != 0) {
     std::uint64_t word = 0;
     std::memcpy(&word, record + wholeWords * wordSize, rest);
     storeWord(cell[wholeWords], word);
   }
-  storeWord(cell[geometry_.liveWord()], live ? 1 : 0);
+  const std::size_t stored = wholeWords + (rest != 0 ? 1 : 0);
+  storeWord(cell[geometry_.liveWord()], RowGeometry::makeLiveWord(stored, live));
   storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
   storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
   storeWord(words[0], version);
@@ -198,7 +214,7 @@ bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
   }
   if (removed != nullptr) {
     requireIntact(position->row);
-    std::memcpy(removed, recordOf(position->row), geometry_.recordSize);
+    copyRecord(position->row, removed);
   }
   removeRow(position->row, position->slot);
   notify(key);
@@ -250,9 +266,8 @@ std::byte* TableWriter::edit(const void* key, std::uint32_t hash) {
   }
   requireIntact(position->row);
   auto* staging = reinterpret_cast<std::byte*>(staging_.data());
-  const std::byte* record = recordOf(position->row);
-  std::memcpy(staging, record, geometry_.recordSize);
-  std::memcpy(staging + geometry_.recordWords * wordSize, record + geometry_.keyOffset,
+  copyRecord(position->row, staging);
+  std::memcpy(staging + geometry_.recordWords * wordSize, staging + geometry_.keyOffset,
               geometry_.keySize);
   stagedRow_ = position->row;
   return staging;

@@ -154,6 +154,8 @@ class TableWriter {
   [[nodiscard]] bool hasKey(std::uint32_t row, const void* key) const noexcept;
 
   [[nodiscard]] std::uint32_t takeRow();
+  [[nodiscard]] std::size_t usedSize(const std::byte* record) const noexcept;
+  void copyRecord(std::uint32_t row, std::byte* out) const noexcept;
   void commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept;
   void publishChange(std::uint32_t row) noexcept;
   void overwrite(std::uint32_t row, const std::byte* record);
