@@ -38,10 +38,9 @@ GroupStats& obtain(HwStatus& status, GroupId group, GroupStatus value) {
 bool drop(HwStatus& status, const Korm::Name& flow) { return status.flowStatsDel(flow); }
 bool drop(HwStatus& status, GroupId group) { return status.groupStatsDel(group); }
 
-// Whether the hardware holds it, as far as it says.
-template <class Key>
-bool holds(const HwStatus& status, const Key& key) {
-  const auto* const stats = find(status, key);
+// Whether the hardware holds what these statistics, perhaps null, are of.
+template <class Stats, class Key>
+bool holds(const Stats* stats, const Key& key) {
   return stats != nullptr && stats->status() == held(key);
 }
 
@@ -50,14 +49,14 @@ double newerThan(double count) {
                   std::nextafter(count, std::numeric_limits<double>::infinity()));
 }
 
-// `used` is how much room is taken by keys of this kind.
-template <class Key, class Status>
-void publish(HwStatus& status, std::size_t& used, const Key& key, Status value) {
-  used -= holds(status, key) ? 1U : 0U;
+// `present` are the key's statistics, perhaps null, and `used` is how much room its kind takes.
+template <class Stats, class Key, class Status>
+void publish(HwStatus& status, std::size_t& used, const Stats* present, const Key& key,
+             Status value) {
+  used -= holds(present, key) ? 1U : 0U;
   used += value == held(key) ? 1U : 0U;
-  const bool known = find(status, key) != nullptr;
   auto& stats = obtain(status, key, value);
-  if (known) {
+  if (present != nullptr) {
     stats.statusIs(value);
     stats.changeCountIs(newerThan(stats.changeCount()));
   }
@@ -65,15 +64,17 @@ void publish(HwStatus& status, std::size_t& used, const Key& key, Status value) 
 
 template <class Key>
 bool withdraw(HwStatus& status, std::size_t& used, const Key& key) {
-  used -= holds(status, key) ? 1U : 0U;
-  return drop(status, key);
+  const auto* const present = find(status, key);
+  used -= holds(present, key) ? 1U : 0U;
+  return present != nullptr && drop(status, key);
 }
 
 // Gives room to a key that has it already or finds some.
 template <class Side, class Key>
 void program(HwStatus& status, Side& side, const Key& key) {
-  const bool room = holds(status, key) || !side.capacity.has_value() || side.used < *side.capacity;
-  publish(status, side.used, key, room ? held(key) : full(key));
+  const auto* const present = find(status, key);
+  const bool room = holds(present, key) || !side.capacity.has_value() || side.used < *side.capacity;
+  publish(status, side.used, present, key, room ? held(key) : full(key));
 }
 
 Korm::Name nameInUnit(const Korm::Name& flow) { return flow + Korm::Name{HwAgent::unitSuffix}; }
@@ -191,11 +192,11 @@ void HwAgent::answerDelete(const Korm::Name& name) {
 }
 
 void HwAgent::flowStatusIs(const Korm::Name& name, FlowStatus status) {
-  publish(*status_, flows_.used, name, status);
+  publish(*status_, flows_.used, find(*status_, name), name, status);
 }
 
 void HwAgent::groupStatusIs(GroupId id, GroupStatus status) {
-  publish(*status_, groups_.used, id, status);
+  publish(*status_, groups_.used, find(*status_, id), id, status);
 }
 
 bool HwAgent::flowStatusDel(const Korm::Name& name) {
@@ -294,9 +295,9 @@ void HwAgent::verify() const {
   groups_.queued.verify();
   Korm::assertTrue(flows_.queued.size() + groups_.queued.size() == waiting(),
                    "each flow or group waits once");
-  const auto programmed = [this](const auto& all) {
+  const auto programmed = [](const auto& all) {
     return static_cast<std::size_t>(std::count_if(
-        all.begin(), all.end(), [this](const auto& one) { return holds(*status_, one.key); }));
+        all.begin(), all.end(), [](const auto& one) { return holds(&one.value, one.key); }));
   };
   Korm::assertTrue(programmed(status_->flowStats()) == flows_.used, "flows take their room");
   Korm::assertTrue(programmed(status_->groupStats()) == groups_.used, "groups take their room");

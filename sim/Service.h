@@ -15,7 +15,8 @@
 // does so after every command.
 //
 // A range exception that leaves the library is a result (apply, start, resync) or a returned text (the
-// others); the service goes on. Any other exception leaves the operation.
+// others); the service goes on. Any other exception leaves the operation, and the service can then only be
+// destroyed.
 //
 // Thread and process rule: one thread, the activity thread. Named shared memory (KormVasta::sharedMemoryIs)
 // and the switch for thread-safe pointers are set before the service is made. There is one service at a
