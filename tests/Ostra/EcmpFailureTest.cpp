@@ -28,7 +28,7 @@ class EcmpFailure : public Ecmp {
     } else {
       row->weights.storedCountIs(count);
     }
-    return rangeError([&] { groups->entryIs(*row); });
+    return rangeError([&] { groups_->entryIs(*row); });
   }
 
   template <class Step>
@@ -74,7 +74,7 @@ TEST_F(EcmpFailure, ARemovedEncapsulationEntryFailsItsMembersAndLeavesWhatTheyHa
   writeMembers({5, 6});
   writeGroup(3, {5, 6});
   forgetWhatHappened();
-  encaps->entryDel(9);
+  encaps_->entryDel(9);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 9",
                                      "1006 15 Action profile member: 6 has invalid encapId: 9"));
@@ -127,7 +127,7 @@ TEST_F(EcmpFailure, ADamagedListStopsAMemberChangeAtThatGroup) {
   EXPECT_THAT(rangeError([&] { writeMember({.id = 5, .port = 2}); }),
               StartsWith("PodArray::set expected size <= 1024, instead got 1025."));
   EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 1"));
-  groups->entryDel(2);
+  groups_->entryDel(2);
   writeMember({.id = 5, .port = 2});
   EXPECT_TRUE(groupCopies(3, {5}));
 }
@@ -158,8 +158,8 @@ class StubbornHelper final : public P4Runtime::ValidationHelper {
 };
 
 TEST_F(EcmpFailure, OnlyEntryErrorsAreContained) {
-  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports,
-                                 Korm::makePtr<StubbornHelper>(), batch, handles);
+  sm_ = Ostra::OstraEcmpGroupSmIs(cxHwConfig_, groups_, members_, encaps_, ports_,
+                                  Korm::makePtr<StubbornHelper>(), batch_, handles_);
   std::string error;
   try {
     writeMember({.id = 5, .port = 3});
@@ -175,42 +175,42 @@ using EcmpDeathTest = EcmpFailure;
 
 TEST_F(EcmpDeathTest, AnEncapsulationOtherThanIpInIpStopsTheProcess) {
   writeEncap({.id = 8, .type = NexthopGroup::L2NhgEncapType::encapGre_});
-  sm->p4rtEcmpMemberTableDel();
+  sm_->p4rtEcmpMemberTableDel();
   writeMember({.id = 5, .encap = 8});
-  EXPECT_DEATH(sm->handleNexthopInfo(5),
+  EXPECT_DEATH(sm_->handleNexthopInfo(5),
                "encapInfo\\.encapType\\(\\) == NexthopGroup::L2NhgEncapType::encapIpInIp_ "
                "\\(Ostra/OstraEcmpGroupSm:");
 }
 
 TEST_F(EcmpDeathTest, AMemberGroupOfOtherThanOneBucketStopsTheProcess) {
   writeMembers({5});
-  sm->p4rtEcmpGroupTableDel();
+  sm_->p4rtEcmpGroupTableDel();
   writeGroup(3, {5});
-  auto* const member = cxHwConfig->groupEntry(memberBase + 5);
+  auto* const member = cxHwConfig_->groupEntry(memberBase + 5);
   member->bucketEnq({});
   const char* const text = "cxEntry->buckets\\(\\) == 1 \\(Ostra/OstraEcmpGroupSm:";
-  EXPECT_DEATH(sm->handleEcmpGroup(3), text);
+  EXPECT_DEATH(sm_->handleEcmpGroup(3), text);
   member->bucketDelAll();
-  EXPECT_DEATH(sm->handleEcmpGroup(3), text);
+  EXPECT_DEATH(sm_->handleEcmpGroup(3), text);
 }
 
 TEST_F(EcmpFailure, ACorruptRowOfOneKeyIsReportedAndTakenForGone) {
   writeMembers({5, 6});
   writeGroup(3, {5});
   forgetWhatHappened();
-  corrupt(groups, 3);
-  sm->handleEcmpGroup(3);
+  corrupt(groups_, 3);
+  sm_->handleEcmpGroup(3);
   EXPECT_THAT(corruptions(), ElementsAre("groups"));
   EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
   EXPECT_THAT(results(), ElementsAre("2003 0"));
 
-  corrupt(members, 5);
-  sm->handleNexthopInfo(5);
+  corrupt(members_, 5);
+  sm_->handleNexthopInfo(5);
   EXPECT_THAT(corruptions(), ElementsAre("members"));
   EXPECT_THAT(writes(), ElementsAre("deleted member 5"));
   EXPECT_THAT(results(), ElementsAre("1005 0"));
 
-  corrupt(encaps, 9);
+  corrupt(encaps_, 9);
   writeMember({.id = 6});
   EXPECT_THAT(corruptions(), ElementsAre("encaps"));
   EXPECT_THAT(writes(), IsEmpty());
@@ -225,19 +225,19 @@ TEST_F(EcmpFailure, ACorruptRowEndsAPassOverItsTableAndNoOther) {
   for (const Id id : {1U, 2U, 3U}) {
     writeGroup(id, {4});
   }
-  corrupt(groups, 2);
+  corrupt(groups_, 2);
   forgetWhatHappened();
   writeMember({.id = 4, .port = 2});
   EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1"));
   EXPECT_THAT(corruptions(), ElementsAre("groups"));
 
-  corrupt(members, 5);
+  corrupt(members_, 5);
   writeEncap({.lastOctet = 2});
   EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1"));
   EXPECT_THAT(corruptions(), ElementsAre("groups", "members"));
 
   writeGroup(2, {4});  // heals the row
-  corrupt(encaps, 10);
+  corrupt(encaps_, 10);
   forgetWhatHappened();
   start();
   EXPECT_THAT(writes(), ElementsAre("written member 4", "written group 1", "written group 2",

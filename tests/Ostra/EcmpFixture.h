@@ -54,19 +54,19 @@ class Ecmp : public testing::Test {
  protected:
   Ecmp() {
     Korm::clockIs([] { return now; });
-    groups->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("groups"); });
-    members->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("members"); });
-    encaps->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("encaps"); });
-    ports->portIs(1, Interface::IntfId{"Ethernet1"});
-    ports->portIs(2, Interface::IntfId{"Ethernet2"});
+    groups_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("groups"); });
+    members_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("members"); });
+    encaps_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("encaps"); });
+    ports_->portIs(1, Interface::IntfId{"Ethernet1"});
+    ports_->portIs(2, Interface::IntfId{"Ethernet2"});
   }
   ~Ecmp() override { Korm::clockIs(nullptr); }
 
   void start() {
-    sm = Ostra::ostraEcmpGroupSmFactory(cxHwConfig, groups, members, encaps, ports, helper, batch,
-                                        handles);
+    sm_ = Ostra::ostraEcmpGroupSmFactory(cxHwConfig_, groups_, members_, encaps_, ports_, helper_,
+                                         batch_, handles_);
   }
-  void stop() { sm = nullptr; }
+  void stop() { sm_ = nullptr; }
 
   // What the controller and the routing feature write.
   void writeMember(const Member& member) {
@@ -77,8 +77,8 @@ class Ecmp : public testing::Test {
     row.dstMac = P4RuntimeRouting::toLinkLayerWords(member.dstMac);
     row.srcMac = P4RuntimeRouting::toLinkLayerWords(member.srcMac);
     row.encapId = member.encap;
-    handles->memberIs(member.id, row.entryHandle);
-    members->entryIs(row);
+    handles_->memberIs(member.id, row.entryHandle);
+    members_->entryIs(row);
   }
   void writeMembers(const Ids& ids) {
     for (const Id id : ids) {
@@ -94,8 +94,8 @@ class Ecmp : public testing::Test {
     return row;
   }
   void writeGroup(Id id, const Ids& list) {
-    handles->groupIs(id, groupHandle(id));
-    groups->entryIs(*groupRow(id, list));
+    handles_->groupIs(id, groupHandle(id));
+    groups_->entryIs(*groupRow(id, list));
   }
   void writeEncap(const Encap& encap) {
     NexthopGroup::EncapEntry row;
@@ -105,7 +105,7 @@ class Ecmp : public testing::Test {
     row.dscp = 46;
     row.src = {{10, 0, 0, encap.lastOctet}};
     row.dst = {{10, 0, 1, encap.lastOctet}};
-    encaps->entryIs(row);
+    encaps_->entryIs(row);
   }
 
   // Changes a row behind the back of its table, as stray writes to shared memory do.
@@ -117,10 +117,10 @@ class Ecmp : public testing::Test {
   }
 
   [[nodiscard]] const OpenFlowTable::GroupEntry* corvexGroup(Id id) const {
-    return std::as_const(*cxHwConfig).groupEntry(id);
+    return std::as_const(*cxHwConfig_).groupEntry(id);
   }
   [[nodiscard]] const OpenFlowTable::GroupEntry* corvexMember(Id id) const {
-    return std::as_const(*cxHwConfig).groupEntry(memberBase + id);
+    return std::as_const(*cxHwConfig_).groupEntry(memberBase + id);
   }
   // The actions of a member's only bucket.
   [[nodiscard]] const OpenFlowTable::Actions& memberActions(Id id) const {
@@ -151,26 +151,26 @@ class Ecmp : public testing::Test {
 
   static inline double now = 100;
 
-  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig =
+  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig_ =
       Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
-  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups =
+  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups_ =
       Korm::makePtr<P4RuntimeRouting::EcmpGroup>("groups");
-  const Korm::Ptr<P4RuntimeRouting::EcmpMember> members =
+  const Korm::Ptr<P4RuntimeRouting::EcmpMember> members_ =
       Korm::makePtr<P4RuntimeRouting::EcmpMember>("members");
-  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> encaps =
+  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> encaps_ =
       Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
-  const Korm::Ptr<P4RuntimeConfig::PortMappingStatus> ports =
+  const Korm::Ptr<P4RuntimeConfig::PortMappingStatus> ports_ =
       Korm::makePtr<P4RuntimeConfig::PortMappingStatus>();
-  const Korm::Ptr<P4Runtime::BatchStatus> batch = Korm::makePtr<P4Runtime::BatchStatus>();
-  const Korm::Ptr<P4Runtime::ValidationHelper> helper =
-      Korm::makePtr<P4Runtime::DefaultValidationHelper>(batch);
-  const Korm::Ptr<P4Runtime::P4HandleMgr> handles = Korm::makePtr<P4Runtime::P4HandleMgr>();
-  Korm::Ptr<Ostra::OstraEcmpGroupSm> sm;
+  const Korm::Ptr<P4Runtime::BatchStatus> batch_ = Korm::makePtr<P4Runtime::BatchStatus>();
+  const Korm::Ptr<P4Runtime::ValidationHelper> helper_ =
+      Korm::makePtr<P4Runtime::DefaultValidationHelper>(batch_);
+  const Korm::Ptr<P4Runtime::P4HandleMgr> handles_ = Korm::makePtr<P4Runtime::P4HandleMgr>();
+  Korm::Ptr<Ostra::OstraEcmpGroupSm> sm_;
 
  private:
   // Also checks that a group is whole by the time its change is announced.
   void corvexGroupChanged(const GroupId& id) {
-    const auto* const group = std::as_const(*cxHwConfig).groupEntry(id);
+    const auto* const group = std::as_const(*cxHwConfig_).groupEntry(id);
     if (group == nullptr) {
       writes_.push_back("deleted " + groupName(id));
     } else if (group->changeCount() == 0) {
@@ -195,9 +195,9 @@ class Ecmp : public testing::Test {
   Lines results_;
   Lines corruptions_;
   Korm::MemberNotifiee<Ecmp, &Ecmp::corvexGroupChanged, const GroupId&> corvexReactor_{
-      *this, cxHwConfig->groupEntryNotifiees()};
+      *this, cxHwConfig_->groupEntryNotifiees()};
   Korm::MemberNotifiee<Ecmp, &Ecmp::resultKnown, const P4Runtime::TransactionResult&>
-      resultReactor_{*this, batch->resultNotifiees()};
+      resultReactor_{*this, batch_->resultNotifiees()};
 };
 
 }  // namespace EcmpTest

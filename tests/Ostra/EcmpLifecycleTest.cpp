@@ -22,8 +22,8 @@ TEST_F(EcmpLifecycle, StartWritesMembersTwiceAndBeforeTheGroupsOfThem) {
   writeMembers({5, 6});
   writeEncap({});
   start();
-  EXPECT_TRUE(sm->initialized());
-  EXPECT_TRUE(sm->hasNotificationActive());
+  EXPECT_TRUE(sm_->initialized());
+  EXPECT_TRUE(sm_->hasNotificationActive());
   EXPECT_THAT(writes(), ElementsAre("created member 5", "written member 5", "created member 6",
                                     "written member 6", "written member 5", "written member 6",
                                     "created group 3", "written group 3"));
@@ -35,8 +35,8 @@ TEST_F(EcmpLifecycle, StartOnWhatAnEarlierOneWroteRebuildsItInPlaceAndDeletesNot
   writeAll();
   start();
   stop();
-  members->entryDel(6);
-  cxHwConfig->groupEntryIs(88);
+  members_->entryDel(6);
+  cxHwConfig_->groupEntryIs(88);
   forgetWhatHappened();
   start();
   EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3", "written member 5",
@@ -65,22 +65,22 @@ TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
   const auto without = [this](const auto& groupTable, const auto& memberTable,
                               const auto& encapTable) {
     forgetWhatHappened();
-    sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groupTable, memberTable, encapTable, ports, helper,
-                                   batch, handles);
+    sm_ = Ostra::OstraEcmpGroupSmIs(cxHwConfig_, groupTable, memberTable, encapTable, ports_,
+                                    helper_, batch_, handles_);
   };
-  without(groups, nullptr, encaps);
+  without(groups_, nullptr, encaps_);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(results(), ElementsAre("2003 15 Action profile group: 3 member 5 not found"));
   writeMember({.id = 5});
   EXPECT_THAT(writes(), IsEmpty());
 
-  without(groups, members, nullptr);
+  without(groups_, members_, nullptr);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 9",
                                      "1006 15 Action profile member: 6 has invalid encapId: 9",
                                      "2003 15 Action profile group: 3 member 5 not found"));
 
-  without(nullptr, members, encaps);
+  without(nullptr, members_, encaps_);
   EXPECT_NE(corvexMember(5), nullptr);
   EXPECT_EQ(corvexGroup(3), nullptr);
   EXPECT_THAT(results(), IsEmpty());
@@ -88,49 +88,49 @@ TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
 
 TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   writeAll();
-  sm = Ostra::OstraEcmpGroupSmIs(nullptr, groups, members, encaps, nullptr, nullptr, nullptr,
-                                 nullptr);
-  members->entryDel(6);
-  groups->entryDel(3);
-  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, nullptr, helper, batch,
-                                 nullptr);
+  sm_ = Ostra::OstraEcmpGroupSmIs(nullptr, groups_, members_, encaps_, nullptr, nullptr, nullptr,
+                                  nullptr);
+  members_->entryDel(6);
+  groups_->entryDel(3);
+  sm_ = Ostra::OstraEcmpGroupSmIs(cxHwConfig_, groups_, members_, encaps_, nullptr, helper_, batch_,
+                                  nullptr);
   EXPECT_TRUE(memberActions(5).outputIntf().empty());
   EXPECT_TRUE(memberActions(5).has(Action::outputIntf_));
-  members->entryDel(5);
+  members_->entryDel(5);
   EXPECT_EQ(corvexMember(5), nullptr);
   EXPECT_THAT(results(), IsEmpty());
 }
 
 TEST_F(EcmpLifecycle, InputsAreThoseGiven) {
   start();
-  EXPECT_EQ(sm->cxHwConfig(), cxHwConfig);
-  EXPECT_EQ(sm->p4rtEcmpGroupTable(), groups);
-  EXPECT_EQ(sm->p4rtEcmpMemberTable(), members);
-  EXPECT_EQ(sm->ipv4EncapTable(), encaps);
-  EXPECT_EQ(sm->p4RtPortMappingStatus().get(), ports.get());
-  EXPECT_EQ(sm->validationHelper(), helper);
-  EXPECT_EQ(sm->batchStatus(), batch);
-  EXPECT_EQ(sm->p4HandleMgr(), handles);
+  EXPECT_EQ(sm_->cxHwConfig(), cxHwConfig_);
+  EXPECT_EQ(sm_->p4rtEcmpGroupTable(), groups_);
+  EXPECT_EQ(sm_->p4rtEcmpMemberTable(), members_);
+  EXPECT_EQ(sm_->ipv4EncapTable(), encaps_);
+  EXPECT_EQ(sm_->p4RtPortMappingStatus().get(), ports_.get());
+  EXPECT_EQ(sm_->validationHelper(), helper_);
+  EXPECT_EQ(sm_->batchStatus(), batch_);
+  EXPECT_EQ(sm_->p4HandleMgr(), handles_);
 }
 
 TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {
-  sm = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig, groups, members, encaps, ports, helper, batch,
-                                       handles);
-  EXPECT_FALSE(sm->hasNotificationActive());
-  sm->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
+  sm_ = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig_, groups_, members_, encaps_, ports_, helper_,
+                                        batch_, handles_);
+  EXPECT_FALSE(sm_->hasNotificationActive());
+  sm_->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
   writeAll();
   EXPECT_TRUE(groupCopies(3, {5, 6}));
 
-  sm->hasNotificationActiveIs(true);
-  sm->hasNotificationActiveIs(false);
+  sm_->hasNotificationActiveIs(true);
+  sm_->hasNotificationActiveIs(false);
   forgetWhatHappened();
   writeEncap({.lastOctet = 2});
   writeMember({.id = 7});
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(results(), IsEmpty());
 
-  sm->hasNotificationActiveIs(true);
+  sm_->hasNotificationActiveIs(true);
   writeMember({.id = 6, .port = 2});
   EXPECT_THAT(writes(), ElementsAre("written member 6"));
 }
@@ -140,26 +140,26 @@ TEST_F(EcmpLifecycle, ADetachedTableIsStillReadButNoLongerWatched) {
   start();
   forgetWhatHappened();
 
-  sm->ipv4EncapTableDel();
+  sm_->ipv4EncapTableDel();
   writeEncap({.lastOctet = 2});
   EXPECT_THAT(writes(), IsEmpty());
   writeMember({.id = 5});
   EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3"));
   EXPECT_EQ(memberActions(5).encap().src.octets[3], 2);
 
-  sm->p4rtEcmpGroupTableDel();
+  sm_->p4rtEcmpGroupTableDel();
   writeGroup(4, {5});
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_NE(corvexGroup(3), nullptr);
 
-  sm->p4rtEcmpMemberTableDel();
-  members->entryDel(5);
+  sm_->p4rtEcmpMemberTableDel();
+  members_->entryDel(5);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_NE(corvexMember(5), nullptr);
 
-  sm->p4rtEcmpMemberTableDel();
-  sm->hasNotificationActiveIs(false);
+  sm_->p4rtEcmpMemberTableDel();
+  sm_->hasNotificationActiveIs(false);
   EXPECT_THAT(results(), IsEmpty());
 }
 
@@ -170,11 +170,11 @@ TEST_F(EcmpLifecycle, AReactorMayBeDetachedByWhatItCauses) {
   };
   writeAll();
   start();
-  Detacher detacher{*sm};
+  Detacher detacher{*sm_};
   const Korm::MemberNotifiee<Detacher, &Detacher::result, const P4Runtime::TransactionResult&>
-      reactor{detacher, batch->resultNotifiees()};
+      reactor{detacher, batch_->resultNotifiees()};
   forgetWhatHappened();
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
   writeGroup(3, {5, 6});
   EXPECT_THAT(writes(), IsEmpty());
@@ -186,12 +186,12 @@ TEST_F(EcmpLifecycle, WhatWasWrittenStaysWhenTheStateMachineGoes) {
   forgetWhatHappened();
   stop();
   writeMember({.id = 5, .port = 2});
-  members->entryDel(6);
-  groups->entryDel(3);
+  members_->entryDel(6);
+  groups_->entryDel(3);
   writeEncap({.lastOctet = 2});
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_EQ(corvexGroup(3)->buckets(), 2U);
-  EXPECT_EQ(groups->references(), 1U);
+  EXPECT_EQ(groups_->references(), 1U);
 }
 
 TEST_F(EcmpLifecycle, AStartThatRaisesLeavesNoStateMachineBehind) {
@@ -199,14 +199,14 @@ TEST_F(EcmpLifecycle, AStartThatRaisesLeavesNoStateMachineBehind) {
   writeMember({.id = 5});
   auto damaged = groupRow(3, {5});
   damaged->memberIds.storedCountIs(P4RuntimeRouting::maxMembers + 1);
-  groups->entryIs(*damaged);
+  groups_->entryIs(*damaged);
   EXPECT_THROW(start(), Korm::RangeException);
-  EXPECT_EQ(sm, nullptr);
-  EXPECT_TRUE(groups->entryNotifiees().empty());
-  EXPECT_TRUE(members->entryNotifiees().empty());
-  EXPECT_TRUE(encaps->entryNotifiees().empty());
-  EXPECT_EQ(cxHwConfig->references(), 1U);
-  EXPECT_EQ(batch->references(), 2U) << "the fixture's and the validation helper's";
+  EXPECT_EQ(sm_, nullptr);
+  EXPECT_TRUE(groups_->entryNotifiees().empty());
+  EXPECT_TRUE(members_->entryNotifiees().empty());
+  EXPECT_TRUE(encaps_->entryNotifiees().empty());
+  EXPECT_EQ(cxHwConfig_->references(), 1U);
+  EXPECT_EQ(batch_->references(), 2U) << "the fixture's and the validation helper's";
   EXPECT_NE(corvexMember(5), nullptr);
 }
 

@@ -10,7 +10,6 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::UnorderedElementsAre;
 
 class EcmpProgramming : public Ecmp {
  protected:
@@ -26,7 +25,7 @@ TEST_F(EcmpProgramming, AMemberBecomesAnIndirectGroupWithItsNextHop) {
   now = 1234.5;
   writeMember({.id = 12, .port = 2, .dstMac = dstMac, .srcMac = srcMac});
   EXPECT_THAT(writes(), ElementsAre("created member 12", "written member 12"));
-  const auto* const group = std::as_const(*cxHwConfig).groupEntry(4294967308);
+  const auto* const group = std::as_const(*cxHwConfig_).groupEntry(4294967308);
   ASSERT_NE(group, nullptr);
   EXPECT_EQ(group->groupType(), GroupType{2});
   EXPECT_EQ(group->changeCount(), 1234.5);
@@ -49,7 +48,7 @@ TEST_F(EcmpProgramming, AMemberBecomesAnIndirectGroupWithItsNextHop) {
 
 TEST_F(EcmpProgramming, WhatAMemberDoesNotHaveIsEmptyOrAbsentInItsBucket) {
   writeMember({.id = 4294967295, .port = 77, .dstMac = {{0, 0, 0, 0, 0, 1}}});
-  const auto* const group = std::as_const(*cxHwConfig).groupEntry(8589934591);
+  const auto* const group = std::as_const(*cxHwConfig_).groupEntry(8589934591);
   ASSERT_NE(group, nullptr);
   const auto& actions = group->bucket().at(0).actions;
   EXPECT_TRUE(actions.outputIntf().empty());
@@ -89,7 +88,7 @@ TEST_F(EcmpProgramming, ABucketIsCopiedWhole) {
   OpenFlowTable::Bucket bucket = corvexMember(5)->bucket().at(0);
   bucket.actions.vlanIdIs(Bridging::VlanIdOrNone{100}, true);
   bucket.actions.ingrMirrorIntfIs(Interface::IntfId{"Mirror1"}, false);
-  auto* const member = cxHwConfig->groupEntry(memberBase + 5);
+  auto* const member = cxHwConfig_->groupEntry(memberBase + 5);
   member->bucketDelAll();
   member->bucketEnq(bucket);
   writeGroup(3, {5});
@@ -181,7 +180,7 @@ TEST_F(EcmpProgramming, ANewEncapsulationEntryProgramsTheMembersThatWaitedForIt)
 TEST_F(EcmpProgramming, APortMappingIsReadWhenAMemberIsWrittenAndNotWatched) {
   writeMembers({5});
   forgetWhatHappened();
-  ports->portIs(1, Interface::IntfId{"Ethernet9"});
+  ports_->portIs(1, Interface::IntfId{"Ethernet9"});
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_EQ(memberActions(5).outputIntf().name(), "Ethernet1");
   writeEncap({});
@@ -194,19 +193,19 @@ TEST_F(EcmpProgramming, DeletesAreAcknowledgedAlsoWhenNothingWasThere) {
   writeGroup(4, {6});
   writeMember({.id = 7, .encap = 8});
   forgetWhatHappened();
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
-  groups->entryDel(4);
-  members->entryDel(5);
+  groups_->entryDel(4);
+  members_->entryDel(5);
   EXPECT_THAT(writes(), ElementsAre("deleted member 5"));
-  members->entryDel(7);
+  members_->entryDel(7);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(results(), ElementsAre("2003 0", "2004 0", "1005 0", "1007 0"));
 
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(results(), IsEmpty()) << "no row, no change";
-  sm->handleEcmpGroup(33);
-  sm->handleNexthopInfo(33);
+  sm_->handleEcmpGroup(33);
+  sm_->handleNexthopInfo(33);
   EXPECT_THAT(results(), ElementsAre("0 0", "0 0")) << "ids that the service does not know";
 }
 
@@ -216,7 +215,7 @@ TEST_F(EcmpProgramming, AMemberDeleteLeavesTheGroupsThatListItUntilTheirOwnRowsC
   const std::vector<OpenFlowTable::Bucket> before = corvexGroup(3)->bucket();
   forgetWhatHappened();
   now += 1;
-  members->entryDel(5);
+  members_->entryDel(5);
   EXPECT_THAT(writes(), ElementsAre("deleted member 5"));
   EXPECT_EQ(corvexGroup(3)->bucket(), before);
   EXPECT_THAT(results(), ElementsAre("1005 0"));
@@ -270,11 +269,11 @@ TEST_F(EcmpTrace, HandlersTraceTheirEntryAtTheLowestLevelAndTheirStepsAtTheRouti
   writeGroup(4, {});
   EXPECT_THAT(texts(), ElementsAre("handleEcmpGroup groupId=4",
                                    "addEcmpGroup Action profile group: 4 has empty member"));
-  groups->entryDel(3);
+  groups_->entryDel(3);
   EXPECT_THAT(texts(), ElementsAre("handleEcmpGroup groupId=3",
                                    "deleteEcmpGroup ofGroup 3 deleted in CX config",
                                    "deleteEcmpGroup groupId: 3 deleted"));
-  members->entryDel(12);
+  members_->entryDel(12);
   EXPECT_THAT(texts(),
               ElementsAre("handleNexthopInfo memberId: 12",
                           "handleNexthopInfoDelete ofGroup 4294967308 deleted in CX config",

@@ -28,9 +28,8 @@ class Model {
 
   explicit Model(MemberOrder memberOrder) : memberOrder_{std::move(memberOrder)} {}
 
-  void portIs(P4Runtime::P4PortId port, std::optional<std::string> intf) {
-    ports_[port] = intf.value_or("");
-  }
+  void portIs(P4Runtime::P4PortId port, const std::string& intf) { ports_[port] = intf; }
+  void portDel(P4Runtime::P4PortId port) { ports_.erase(port); }
   void memberIs(const Member& member) {
     members_[member.id] = member;
     updateMember(member);
@@ -151,7 +150,7 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
       case 4:
       case 5: {
         const Id id = below(memberCount);
-        members->entryDel(id);
+        members_->entryDel(id);
         return model_.memberDel(id);
       }
       case 6:
@@ -161,7 +160,7 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
         return changeGroup();
       case 10: {
         const Id id = below(groupCount);
-        groups->entryDel(id);
+        groups_->entryDel(id);
         return model_.groupDel(id);
       }
       case 11:
@@ -172,7 +171,7 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
       }
       case 13: {
         const auto id = encapId();
-        encaps->entryDel(id);
+        encaps_->entryDel(id);
         return model_.encapDel(id);
       }
       case 14:
@@ -188,7 +187,7 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
   [[nodiscard]] testing::AssertionResult agrees() {
     std::map<Id, NextHop> memberGroups;
     std::map<Id, std::vector<NextHop>> corvexGroups;
-    for (const auto& [id, group] : cxHwConfig->groupEntries()) {
+    for (const auto& [id, group] : cxHwConfig_->groupEntries()) {
       for (const OpenFlowTable::Bucket& bucket : group.bucket()) {
         const NextHop nextHop = nextHopOf(bucket.actions);
         if (id < memberBase) {
@@ -258,18 +257,18 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
   void changePort() {
     const P4Runtime::P4PortId port = 1 + below(6);
     if (below(3) == 0) {
-      ports->portDel(port);
-      return model_.portIs(port, std::nullopt);
+      ports_->portDel(port);
+      return model_.portDel(port);
     }
     const std::string intf = "Ethernet" + std::to_string(below(100));
-    ports->portIs(port, Interface::IntfId{intf});
+    ports_->portIs(port, Interface::IntfId{intf});
     model_.portIs(port, intf);
   }
 
   Model model_{[this] {
     Ids order;
     Vasta::Hint hint;
-    while (const auto* const row = members->next(hint)) {
+    while (const auto* const row = members_->next(hint)) {
       order.push_back(row->memberId);
     }
     return order;
@@ -278,16 +277,16 @@ class EcmpRandom : public Ecmp, public testing::WithParamInterface<unsigned> {
 };
 
 TEST_P(EcmpRandom, CorvexFollowsEveryChange) {
-  ports->portDel(1);
-  ports->portDel(2);
+  ports_->portDel(1);
+  ports_->portDel(2);
   start();
   for (int step = 0; step < 10'000; ++step) {
     now += 1;
     change();
     ASSERT_TRUE(agrees()) << "step " << step;
   }
-  EXPECT_EQ(groups->table().verify(), std::nullopt);
-  EXPECT_EQ(members->table().verify(), std::nullopt);
+  EXPECT_EQ(groups_->table().verify(), std::nullopt);
+  EXPECT_EQ(members_->table().verify(), std::nullopt);
 }
 
 INSTANTIATE_TEST_SUITE_P(Seeds, EcmpRandom, testing::Values(1U, 2U));
