@@ -38,7 +38,7 @@ class BatchStatusEntry final : public Korm::Entity {
 };
 
 // The entry under which the results of dependent entries gather: those that a VRF's creation or
-// removal waits for.
+// removal waits for. Not to be used once the batch status has gone.
 class RootStatusEntry final : public Korm::Entity {
  public:
   RootStatusEntry(BatchStatus& batch, EntryHandle handle) : batch_{batch}, handle_{handle} {}

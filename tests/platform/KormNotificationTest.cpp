@@ -127,13 +127,18 @@ TEST_F(Delivery, PassesOverReactorsThatAreSwitchedOffOrLeaveMeanwhile) {
 
 TEST_F(Delivery, DoesNotReachReactorsThatAttachMeanwhile) {
   attachAll("ab");
-  probe('b').actionIs([this](int key) {
+  probe('a').actionIs([this](int key) {
     if (key == 0) {
       attach('c');
     }
   });
+  probe('b').actionIs([this](int key) {
+    if (key == 0) {
+      attach('d');
+    }
+  });
   EXPECT_EQ(told(0), "ab");
-  EXPECT_EQ(told(1), "abc");
+  EXPECT_EQ(told(1), "abcd");
 }
 
 TEST_F(Delivery, ReachesAReactorThatLeavesAndComesBackOnlyWithTheNextChange) {
