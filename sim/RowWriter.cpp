@@ -11,7 +11,6 @@ namespace Sim {
 
 using P4Runtime::EntryHandle;
 using P4Runtime::MemberOrGroupId;
-using P4Runtime::TelemetryTimestampType;
 
 // Each of the three has: the table, the id that a result shows, the name in messages, what an inserted row
 // gets beside its handle, and the books kept of an id.

@@ -56,6 +56,7 @@ class Agent : public testing::Test {
     return lines;
   }
 
+ public:
   Korm::Ptr<OpenFlowTable::CorvexHwConfig> config =
       Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
   Korm::Ptr<Korm::Dir> statuses = Korm::makePtr<Korm::Dir>();

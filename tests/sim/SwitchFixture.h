@@ -209,6 +209,7 @@ class Switch : public testing::Test {
     return lines;
   }
 
+ public:
   Sim::Service service;
   Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
 };
