@@ -7,14 +7,13 @@
 namespace Sim {
 namespace {
 
-constexpr std::uint64_t linesBetweenLooks = 64;
 constexpr std::chrono::milliseconds interval{200};
 constexpr std::string_view wipe = "\r\x1b[K";
 
 }  // namespace
 
 void Progress::at(std::uint64_t line, std::uint64_t position, std::uint64_t size) {
-  if (line % linesBetweenLooks != 0 || Clock::now() < next_) {
+  if (Clock::now() < next_) {
     return;
   }
   next_ = Clock::now() + interval;

@@ -59,13 +59,20 @@ void traceTo(std::ostream& errors, int level) {
   Ostra::traceHandle.levelIs(level);
 }
 
-void shareMemory(const std::string& name) {
-  KormVasta::sharedMemoryIs({.prefix = name, .takeOver = false});
-  // Before the ring, whose coming tells readers to look: they shall not see what a dead process left.
-  Sim::clearTables();
-  // No trace has been written yet that the ring it replaces could hold.
-  (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = Sim::traceSegment(name)}));
-}
+// The named shared memory of this process, from before its tables are made to after they are gone.
+class SharedMemory {
+ public:
+  explicit SharedMemory(const std::string& name) {
+    KormVasta::sharedMemoryIs({.prefix = name, .takeOver = false});
+    // Before the ring, whose coming tells readers to look: they shall not see what a dead process left.
+    Sim::clearTables();
+    // No trace has been written yet that the ring it replaces could hold.
+    (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = Sim::traceSegment(name)}));
+  }
+  ~SharedMemory() { (void)Brisklog::ringIs(nullptr); }
+  SharedMemory(const SharedMemory&) = delete;
+  SharedMemory& operator=(const SharedMemory&) = delete;
+};
 
 class Program {
  public:
@@ -80,8 +87,9 @@ class Program {
     if (options_.clockSteps) {
       Sim::StepClock::install();
     }
+    std::optional<SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
-      shareMemory(options_.shm);
+      sharedMemory.emplace(options_.shm);
     }
     if (options_.traceLevel) {
       traceTo(errors_, *options_.traceLevel);

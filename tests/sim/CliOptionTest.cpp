@@ -1,0 +1,197 @@
+// The command line of ostra-sim, and how it deals with its surroundings: files, pipes, terminals, signals.
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CliProgram.h"
+
+namespace {
+
+using CliTest::Arguments;
+using CliTest::Finished;
+using CliTest::Process;
+using CliTest::sim;
+using CliTest::simJson;
+using CliTest::TemporaryFile;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST(CliOption, HelpAndVersionNeedNoInput) {
+  const Finished help = sim({}, {"--help"});
+  EXPECT_EQ(help.status, 0);
+  for (const char* const option : {"--json", "--stopped", "--keep-going", "--trace N",
+                                   "--clock real|steps", "--shm NAME", "--help", "--version"}) {
+    EXPECT_THAT(help.out, HasSubstr(option));
+  }
+  const Finished version = sim({}, {"--version"});
+  EXPECT_EQ(version.status, 0);
+  EXPECT_THAT(version.out, testing::MatchesRegex("ostra-sim [0-9]+\\.[0-9]+\\.[0-9]+\n"));
+}
+
+TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
+  const struct {
+    Arguments arguments;
+    const char* says;
+  } mistakes[] = {
+      {{"--jsno"}, "did you mean '--json'?"},
+      {{"--json=yes"}, "expected --json"},
+      {{"-x"}, "'-x'"},
+      {{"--trace"}, "expected N"},
+      {{"--trace", "many"}, "'many'"},
+      {{"--trace", "-1"}, "'-1'"},
+      {{"--clock", "stops"}, "--clock steps"},
+      {{"--clock"}, "real|steps"},
+      {{"--shm", "a/b"}, "letters, digits"},
+      {{"--shm="}, "letters, digits"},
+      {{"/no/such/file"}, "cannot read '/no/such/file': No such file"},
+      {{"-", "/no/such/file"}, "cannot read '/no/such/file'"},
+      {{"/tmp"}, "cannot read '/tmp': Is a directory"},
+      {{"--", "--json"}, "cannot read '--json'"},
+  };
+  for (const auto& mistake : mistakes) {
+    const Finished finished = sim("echo played\n", mistake.arguments);
+    EXPECT_EQ(finished.status, 2) << mistake.says;
+    EXPECT_EQ(finished.out, "") << mistake.says;
+    EXPECT_THAT(finished.errors, HasSubstr(mistake.says));
+    EXPECT_THAT(finished.errors, testing::StartsWith("ostra-sim: "));
+  }
+}
+
+TEST(CliOption, FilesArePlayedInOrderAndADashIsStandardInput) {
+  const TemporaryFile first{"echo first"};
+  const TemporaryFile last{"echo last\n"};
+  EXPECT_EQ(sim("echo middle\n", {first.path(), "-", last.path()}).out, "first\nmiddle\nlast\n");
+  EXPECT_EQ(sim("echo input\n", {}).out, "input\n");
+  // A batch may go on in the next file; places are those of each file.
+  const TemporaryFile batch{"begin\ninsert flow priority=1 -> drop\n"};
+  const auto lines = simJson("commit\nbogus\n", 2, {batch.path(), "-"});
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_EQ(lines[0]["code"], 0);
+  EXPECT_EQ(lines[1]["where"], "-:2");
+}
+
+TEST(CliOption, StoppedWaitsForStart) {
+  const auto lines =
+      simJson("counter 1\ninsert flow priority=1 -> drop\nresync\nstop\nstart\nshow entries\n", 2,
+              {"--stopped", "-k"});
+  ASSERT_EQ(lines.size(), 5U);
+  EXPECT_THAT(lines[0]["message"], HasSubstr("'start' first"));
+  EXPECT_EQ(lines[1]["state"], "stored");
+  EXPECT_EQ(lines[2]["type"], "error");
+  EXPECT_EQ(lines[3]["type"], "error");
+  EXPECT_EQ(lines[4]["tables"][0]["entries"][0]["indexed"], true);
+}
+
+TEST(CliOption, TheTraceGoesToStandardErrorUpToItsLevel) {
+  const std::string script = "insert flow priority=1 -> drop\n";
+  const Finished five = sim(script, {"--trace", "5", "--clock", "steps"});
+  EXPECT_EQ(five.status, 0);
+  EXPECT_EQ(five.out, "insert flow (entry 1): done\n");
+  EXPECT_THAT(five.errors, HasSubstr("1.000000 5 Ostra/OstraSm:"));
+  EXPECT_THAT(five.errors, HasSubstr(" inserted  flow:flow-1 EntryId: 1"));
+  EXPECT_THAT(sim(script, {"--trace=0"}).errors, Not(HasSubstr("inserted")));
+  EXPECT_EQ(sim(script).errors, "");
+}
+
+TEST(CliOption, StepsOfTheClockMakeRunsRepeat) {
+  const std::string script =
+      "# not a command\n"
+      "insert flow priority=1 -> drop\n"
+      "\n"
+      "modify flow priority=1 -> drop\n"
+      "show flows\n"
+      "show trace 1000\n";
+  const Arguments arguments{"--json", "--clock=steps"};
+  const std::string once = sim(script, arguments).out;
+  EXPECT_EQ(sim(script, arguments).out, once);
+  EXPECT_THAT(once, HasSubstr(R"("changeCount":2)"));
+  const auto real = sim(script, {"--json", "--clock", "real"}).out;
+  EXPECT_THAT(real, Not(HasSubstr(R"("changeCount":2,)")));
+}
+
+TEST(CliOption, AReaderWhoLeavesEndsTheRun) {
+  std::string script;
+  for (int number = 0; number < 200000; ++number) {
+    script += "echo " + std::to_string(number) + "\n";
+  }
+  const TemporaryFile file{script};
+  Process process{OSTRA_SIM_PROGRAM, {file.path()}};
+  process.readUntil("\n");
+  process.closeOutput();
+  const Finished finished = process.finish();
+  EXPECT_EQ(finished.status, 1);
+  EXPECT_EQ(finished.errors, "");
+}
+
+TEST(CliOption, AFullDiskIsReported) {
+  Process process{"/bin/sh", {"-c", std::string{OSTRA_SIM_PROGRAM} + " > /dev/full"}};
+  const Finished finished = process.finish("echo x\n");
+  EXPECT_EQ(finished.status, 1);
+  EXPECT_THAT(finished.errors, HasSubstr("cannot write to standard output"));
+}
+
+TEST(CliOption, WhoeverDrivesItThroughPipesIsAnsweredAtOnce) {
+  Process process{OSTRA_SIM_PROGRAM, {"--json"}};
+  process.write("insert flow priority=1 -> drop\n");
+  process.readUntil(R"("handle":1)");
+  process.write("echo half a li");
+  process.write("ne\n");
+  process.readUntil("half a line");
+  EXPECT_EQ(process.finish("quit\n").status, 0);
+}
+
+TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
+  const std::string name = "ostra-signal-test-" + std::to_string(::getpid());
+  Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
+  process.write("echo ready\n");
+  process.readUntil("ready");
+  EXPECT_EQ(CliTest::show({name, "status"}).status, 0);
+  // A name is one process's.
+  const Finished second = sim("", {"--shm", name});
+  EXPECT_EQ(second.status, 1);
+  EXPECT_THAT(second.errors, HasSubstr(name));
+  process.kill(SIGTERM);
+  EXPECT_EQ(process.finish().status, -SIGTERM);
+  EXPECT_EQ(CliTest::show({name}).status, 1);
+}
+
+TEST(CliTerminal, HasAPromptForgivesMistakesAndUsesColor) {
+  ::setenv("TERM", "xterm", 1);
+  ::unsetenv("NO_COLOR");
+  Process process{Process::OnTerminal{}, OSTRA_SIM_PROGRAM, {}};
+  EXPECT_THAT(process.readUntil("ostra> "), HasSubstr("help"));
+  process.write("insert flow priority=1 -> drop\n");
+  EXPECT_THAT(process.readUntil("ostra> "), HasSubstr("\x1b[32mdone\x1b[0m"));
+  process.write("bogus\n");
+  EXPECT_THAT(process.readUntil("ostra> "), HasSubstr("error"));
+  process.write("begin\n");
+  process.readUntil("batch> ");
+  process.write("commit\n");
+  process.readUntil("ostra> ");
+  process.write("quit\n");
+  EXPECT_EQ(process.finish().status, 2);  // for the mistake
+}
+
+TEST(CliTerminal, ShowsProgressOfALongScript) {
+  std::string script;
+  for (int number = 0; number < 5000; ++number) {
+    script += "insert flow priority=" + std::to_string(number) + " -> drop\n";
+  }
+  for (int number = 0; number < 100; ++number) {
+    script += "show trace 16000\n";
+  }
+  const TemporaryFile file{script};
+  Process process{Process::OnTerminal{},
+                  "/bin/sh",
+                  {"-c", std::string{OSTRA_SIM_PROGRAM} + " " + file.path() + " > /dev/null"}};
+  EXPECT_THAT(process.readUntil("%"), HasSubstr(": line "));
+  EXPECT_EQ(process.finish().status, 0);
+}
+
+}  // namespace

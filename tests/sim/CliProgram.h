@@ -1,0 +1,81 @@
+// Runs ostra-sim and ostra-show as their users do: with arguments, an input, and what comes of it.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace CliTest {
+
+using Arguments = std::vector<std::string>;
+using Json = nlohmann::ordered_json;
+
+struct Finished {
+  int status = -1;  // the exit status, or minus the signal that ended it
+  std::string out;
+  std::string errors;
+};
+
+// A program that is running, with pipes for its three streams.
+class Process {
+ public:
+  // `program` is a path.
+  Process(const std::string& program, const Arguments& arguments);
+  // A program with a terminal of its own for all three streams.
+  struct OnTerminal {};
+  Process(OnTerminal, const std::string& program, const Arguments& arguments);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  void write(std::string_view text);
+  void closeInput();
+  void closeOutput();
+  // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when it does
+  // not come.
+  std::string readUntil(std::string_view text);
+  void kill(int signal) const;
+  // Feeds the input, closes it, and reads all until the program ends.
+  Finished finish(std::string_view input = {});
+
+  [[nodiscard]] pid_t id() const noexcept { return id_; }
+
+ private:
+  int wait();
+
+  pid_t id_ = -1;
+  int input_ = -1;
+  int output_ = -1;
+  int errors_ = -1;
+  std::string pending_;
+};
+
+[[nodiscard]] Finished sim(std::string_view input, const Arguments& arguments = {});
+[[nodiscard]] Finished show(const Arguments& arguments);
+// The lines of `ostra-sim --json`, which must have ended with `status`.
+[[nodiscard]] std::vector<Json> simJson(std::string_view input, int status = 0,
+                                        Arguments arguments = {});
+// Those lines as text, one each.
+[[nodiscard]] std::vector<std::string> simJsonLines(std::string_view input, int status = 0,
+                                                    Arguments arguments = {});
+
+[[nodiscard]] std::vector<std::string> linesOf(std::string_view text);
+
+// A file that goes with the test.
+class TemporaryFile {
+ public:
+  explicit TemporaryFile(std::string_view content);
+  ~TemporaryFile();
+  TemporaryFile(const TemporaryFile&) = delete;
+  TemporaryFile& operator=(const TemporaryFile&) = delete;
+  [[nodiscard]] const std::string& path() const noexcept { return path_; }
+
+ private:
+  std::string path_;
+};
+
+}  // namespace CliTest

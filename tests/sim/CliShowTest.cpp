@@ -1,0 +1,127 @@
+// ostra-show beside an ostra-sim that starts, stops and is killed.
+
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CliProgram.h"
+
+namespace {
+
+using CliTest::Finished;
+using CliTest::Process;
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string script =
+    "port 1 Ethernet1\n"
+    "encap 9 src=192.0.2.1 dst=198.51.100.7\n"
+    "insert member 5 port=1 encap=9 dst-mac=02:00:00:00:00:05\n"
+    "insert group 3 members=5 weights=7\n"
+    "insert flow table=2 priority=100 hdr.ethernet.ether_type=0x0800 -> group=3 vrf=5\n"
+    "insert flow priority=10 local_metadata.dscp=46 -> traffic-class=7\n"
+    "echo ready\n";
+
+class CliShow : public testing::Test {
+ protected:
+  const std::string name_ = "ostra-show-test-" + std::to_string(::getpid());
+
+  std::unique_ptr<Process> startSim() const {
+    auto process = std::make_unique<Process>(
+        OSTRA_SIM_PROGRAM, CliTest::Arguments{"--clock", "steps", "--shm", name_});
+    process->write(script);
+    process->readUntil("ready\n");
+    return process;
+  }
+};
+
+TEST_F(CliShow, PrintsTheTablesAndTheTraceOfARunningOne) {
+  const auto process = startSim();
+  const Finished all = CliTest::show({name_});
+  EXPECT_EQ(all.status, 0) << all.errors;
+  EXPECT_THAT(all.out, HasSubstr("process " + std::to_string(process->id()) + "\n"));
+  EXPECT_THAT(all.out, HasSubstr("flows: 2\n  table  entry  priority  match"));
+  EXPECT_THAT(all.out, HasSubstr("      2      3       100  hdr.ethernet.ether_type=0x800"));
+  EXPECT_THAT(all.out, HasSubstr("vrf=5 group=3\n"));
+  EXPECT_THAT(all.out, HasSubstr("members: 1\n"));
+  EXPECT_THAT(all.out, HasSubstr("   5      1     1      9  02:00:00:00:00:05  -\n"));
+  EXPECT_THAT(all.out, HasSubstr("groups: 1\n"));
+  EXPECT_THAT(all.out, HasSubstr("   3      2  5        7\n"));
+  EXPECT_THAT(all.out, HasSubstr("status: 2\n"));
+  EXPECT_THAT(all.out, HasSubstr("trace: 50\n"));
+  EXPECT_THAT(all.out, HasSubstr(" Ostra/OstraSm:"));
+
+  const Finished some = CliTest::show({name_, "groups", "groups"});
+  EXPECT_THAT(some.out, HasSubstr("groups: 1\n"));
+  EXPECT_THAT(some.out, Not(HasSubstr("flows:")));
+  EXPECT_EQ(process->finish("quit\n").status, 0);
+
+  const Finished after = CliTest::show({name_});
+  EXPECT_EQ(after.status, 1);
+  EXPECT_THAT(after.errors, HasSubstr("no 'ostra-sim --shm " + name_ + "' is running"));
+}
+
+TEST_F(CliShow, PrintsWhatAKilledOneHasLeft) {
+  const auto process = startSim();
+  process->kill(SIGKILL);
+  EXPECT_EQ(process->finish().status, -SIGKILL);
+  const Finished left = CliTest::show({name_, "flows"});
+  EXPECT_EQ(left.status, 0);
+  EXPECT_THAT(left.out, HasSubstr("which is gone; this is what it left\n"));
+  EXPECT_THAT(left.out, HasSubstr("flows: 2\n"));
+  // The next one of that name starts afresh, and clears up when it ends.
+  EXPECT_EQ(CliTest::sim("", {"--shm", name_}).status, 0);
+  EXPECT_EQ(CliTest::show({name_}).status, 1);
+}
+
+TEST_F(CliShow, FollowsThroughStartsStopsAndKills) {
+  Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "members", "trace"}};
+  viewer.readUntil("# waiting for '" + name_ + "'\n");
+  auto process = startSim();
+  std::string seen = viewer.readUntil("flows + table 2, entry 3, priority 100");
+  seen += viewer.readUntil("members + id 5, entry 1, port 1, encap 9");
+  seen += viewer.readUntil("flow-3");
+  EXPECT_THAT(seen, HasSubstr("# attached to '" + name_ + "', process " +
+                              std::to_string(process->id()) + "\n"));
+  process->write("delete flow table=2 priority=100 hdr.ethernet.ether_type=0x0800\n");
+  viewer.readUntil("flows - table 2, entry 3, priority 100");
+
+  process->kill(SIGKILL);
+  viewer.readUntil("# process " + std::to_string(process->id()) + " is gone\n");
+  viewer.readUntil("# waiting for");
+  process = startSim();
+  viewer.readUntil("# attached to '" + name_ + "', process " + std::to_string(process->id()));
+  viewer.readUntil("flows + table 2, entry 3, priority 100");
+
+  EXPECT_EQ(process->finish("quit\n").status, 0);
+  viewer.readUntil("is gone\n");
+  viewer.closeOutput();
+  process = startSim();  // something to say, to nobody
+  EXPECT_EQ(viewer.finish().status, 0);
+}
+
+TEST_F(CliShow, MistakesOnTheCommandLineAreNamed) {
+  const struct {
+    CliTest::Arguments arguments;
+    const char* says;
+  } mistakes[] = {
+      {{}, "NAME"},
+      {{"a/b"}, "letters, digits"},
+      {{"name", "flow"}, "did you mean 'flows'?"},
+      {{"name", "--folow"}, "did you mean '--follow'?"},
+  };
+  for (const auto& mistake : mistakes) {
+    const Finished finished = CliTest::show(mistake.arguments);
+    EXPECT_EQ(finished.status, 2);
+    EXPECT_THAT(finished.errors, HasSubstr(mistake.says));
+  }
+  EXPECT_THAT(CliTest::show({"--help"}).out, HasSubstr("--follow"));
+  EXPECT_THAT(CliTest::show({"--version"}).out, HasSubstr("ostra-show "));
+}
+
+}  // namespace
