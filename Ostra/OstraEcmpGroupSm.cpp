@@ -71,7 +71,7 @@ constinit TracePoint traceMemberGone{traceHandle, TraceLevel::routine, scope,
 constexpr OpenFlowTable::Actions::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00,
                                                          0x40, 0x00, 0x00, 0x00};
 
-static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::memberIds)::max);
+static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::lists)::max);
 
 // The row in place, or null: not there, or corrupt, which the table hears of.
 template <class Table>
@@ -247,7 +247,7 @@ bool OstraEcmpGroupSm::canProgram(GroupId corvexId) const noexcept {
 }
 
 void OstraEcmpGroupSm::validateGroup(const EcmpMemberList& row) const {
-  for (const MemberOrGroupId memberId : row.memberIds.items()) {
+  for (const MemberOrGroupId memberId : row.memberIds()) {
     if (groupEntry(memberGroupId(memberId)) == nullptr) {
       validationHelper_->throwEntryErrorException(
           row.entryHandle, ErrorCode::invalidArgument_,
@@ -281,8 +281,8 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
   }
   validateGroup(row);
   // Buckets have no weights, but a damaged list of them is refused all the same.
-  static_cast<void>(row.weights.items());
-  if (row.memberIds.items().empty()) {
+  static_cast<void>(row.weights());
+  if (row.memberIds().empty()) {
     traceEmptyGroup(groupId);
     return;
   }
@@ -295,7 +295,7 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
 }
 
 void OstraEcmpGroupSm::copyMemberBuckets(const EcmpMemberList& row, GroupEntry& group) const {
-  const std::span memberIds = row.memberIds.items();
+  const std::span memberIds = row.memberIds();
   group.bucketReserve(memberIds.size());
   for (std::size_t at = 0; at < memberIds.size(); ++at) {
     const MemberIndex index{static_cast<long long>(at)};
@@ -375,7 +375,7 @@ void OstraEcmpGroupSm::acknowledgeDelete(EntryHandle handle) const {
 void OstraEcmpGroupSm::maybeUpdateGroupOnMemberChange(MemberOrGroupId memberId) {
   traceMemberChange(memberId);
   walk(p4rtEcmpGroupTable_, [this, memberId](const EcmpMemberList& row) {
-    const std::span memberIds = row.memberIds.items();
+    const std::span memberIds = row.memberIds();
     if (!memberIds.empty() && groupEntry(ecmpGroupId(row.groupId)) != nullptr &&
         std::find(memberIds.begin(), memberIds.end(), memberId) != memberIds.end()) {
       handleEcmpGroup(row);

@@ -54,7 +54,7 @@ struct EcmpSide {
     EcmpMemberList row;
     row.entryHandle = id;
     row.groupId = id;
-    row.memberIds.set(list);
+    row.membersIs(list);
     groups->entryIs(row);
   }
   void start() {

@@ -94,8 +94,7 @@ EcmpMemberList parseGroup(Words& words) {
     throw CommandError{"read " + std::to_string(lists.weights.size()) + " weights, expected " +
                        std::to_string(lists.members.size()) + ", one for each member"};
   }
-  group.memberIds.set(lists.members);
-  group.weights.set(lists.weights);
+  group.membersIs(lists.members, lists.weights);
   return group;
 }
 

@@ -73,8 +73,8 @@ struct Columns<EcmpMemberList> {
   static inline const std::vector<std::string_view> titles{">id", ">entry", "members", "weights"};
   static std::uint64_t number(const EcmpMemberList& row) { return row.groupId; }
   static Cells cells(const EcmpMemberList& row) {
-    return {numberText(row.groupId), numberText(row.entryHandle), listText(row.memberIds.items()),
-            listText(row.weights.items())};
+    return {numberText(row.groupId), numberText(row.entryHandle), listText(row.memberIds()),
+            listText(row.weights())};
   }
 };
 

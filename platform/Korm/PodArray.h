@@ -1,4 +1,4 @@
-// Bounded arrays inside fixed-size records.
+// Bounded lists inside fixed-size records.
 #pragma once
 
 #include <algorithm>
@@ -13,38 +13,56 @@
 namespace Korm {
 
 namespace detail {
-// Raises the size error of PodArray::set.
+// Raises the size error "PodArray::set expected size <= ...", with the address and the first bytes of the
+// buffer.
 [[noreturn]] void throwPodArraySize(std::size_t limit, std::size_t count, const void* buffer,
                                     std::size_t bytes);
 }  // namespace detail
 
-// At most `capacity` items with their count. A record read from shared memory may hold any count, so
-// every access to the items checks it first; one above the capacity raises the range exception "PodArray::set
-// expected size <= ...", with the address and the first bytes of the buffer.
+// Two lists of at most `capacity` items each. They stand one behind the other, so that the bytes that
+// count are the front of the object; what is behind them means nothing.
+//
+// A record read from shared memory may hold any counts, so every access checks them first; one above the
+// capacity raises the range exception.
 template <class T, std::uint32_t capacity>
-class PodArray {
+class PodArrayPair {
   static_assert(std::is_trivially_copyable_v<T>);
 
  public:
   static constexpr std::uint32_t max = capacity;
 
-  // The items; those behind the last one become zero.
-  void set(std::span<const T> items) {
-    check(items.size(), items.data(), items.size_bytes());
-    const auto end = std::copy(items.begin(), items.end(), items_.begin());
+  // Neither span may be of this object's own items.
+  void set(std::span<const T> first, std::span<const T> second = {}) {
+    check(first.size(), first.data(), first.size_bytes());
+    check(second.size(), second.data(), second.size_bytes());
+    const auto middle = std::copy(first.begin(), first.end(), items_.begin());
+    const auto end = std::copy(second.begin(), second.end(), middle);
     std::fill(end, items_.end(), T{});
-    count_ = static_cast<std::uint32_t>(items.size());
+    storedCountsIs(static_cast<std::uint32_t>(first.size()),
+                   static_cast<std::uint32_t>(second.size()));
   }
-  [[nodiscard]] std::span<const T> items() const {
-    check(count_, items_.data(), sizeof(items_));
-    return {items_.data(), count_};
+  [[nodiscard]] std::span<const T> first() const {
+    check(firstCount_, items_.data(), sizeof(items_));
+    return {items_.data(), firstCount_};
   }
-  // As stored: of an unchecked record it may be above the capacity.
-  [[nodiscard]] std::uint32_t storedCount() const noexcept { return count_; }
-  // For tests of what an unchecked record does.
-  void storedCountIs(std::uint32_t count) noexcept { count_ = count; }
+  [[nodiscard]] std::span<const T> second() const {
+    const std::span<const T> before = first();
+    check(secondCount_, items_.data(), sizeof(items_));
+    return {items_.data() + before.size(), secondCount_};
+  }
+  // The size of the object's front that counts; by damaged counts, more than the object has.
+  [[nodiscard]] std::size_t usedSize() const noexcept {
+    return sizeof(PodArrayPair) - sizeof(items_) +
+           (std::size_t{firstCount_} + secondCount_) * sizeof(T);
+  }
 
-  friend bool operator==(const PodArray&, const PodArray&) noexcept = default;
+  // As stored, checked or not; setting them is for tests of what a damaged record does.
+  [[nodiscard]] std::uint32_t storedFirstCount() const noexcept { return firstCount_; }
+  [[nodiscard]] std::uint32_t storedSecondCount() const noexcept { return secondCount_; }
+  void storedCountsIs(std::uint32_t first, std::uint32_t second) noexcept {
+    firstCount_ = first;
+    secondCount_ = second;
+  }
 
  private:
   static void check(std::size_t count, const void* buffer, std::size_t bytes) {
@@ -53,8 +71,9 @@ class PodArray {
     }
   }
 
-  std::uint32_t count_ = 0;
-  std::array<T, capacity> items_{};
+  std::uint32_t firstCount_ = 0;
+  std::uint32_t secondCount_ = 0;
+  std::array<T, std::size_t{2} * capacity> items_{};
 };
 
 }  // namespace Korm

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "platform/Korm/Address.h"
 #include "platform/Korm/BoundedValue.h"
@@ -34,12 +36,24 @@ struct EcmpMemberList {
   static constexpr std::string_view vastaName = "P4RuntimeRouting::EcmpMemberList";
 
   [[nodiscard]] const Key& key() const noexcept { return groupId; }
+  [[nodiscard]] std::size_t usedSize() const noexcept {
+    return offsetof(EcmpMemberList, lists) + lists.usedSize();
+  }
+
+  // Both raise the range exception for more than maxMembers, also when a damaged row says so.
+  [[nodiscard]] std::span<const P4Runtime::MemberOrGroupId> memberIds() const {
+    return lists.first();
+  }
+  [[nodiscard]] std::span<const std::uint32_t> weights() const { return lists.second(); }
+  void membersIs(std::span<const P4Runtime::MemberOrGroupId> ids,
+                 std::span<const std::uint32_t> itsWeights = {}) {
+    lists.set(ids, itsWeights);
+  }
 
   P4Runtime::EntryHandle entryHandle;
   P4Runtime::MemberOrGroupId groupId = 0;
   std::uint32_t reserved = 0;
-  Korm::PodArray<P4Runtime::MemberOrGroupId, maxMembers> memberIds;
-  Korm::PodArray<std::uint32_t, maxMembers> weights;
+  Korm::PodArrayPair<std::uint32_t, maxMembers> lists;  // member ids, weights
 };
 
 // A link-layer address as the 16-bit words in which a member's row holds it, most significant first.

@@ -24,9 +24,9 @@ class EcmpFailure : public Ecmp {
                                 std::uint32_t count = P4RuntimeRouting::maxMembers + 1) {
     auto row = groupRow(id, list);
     if (damage == Damage::members_) {
-      row->memberIds.storedCountIs(count);
+      row->lists.storedCountsIs(count, 0);
     } else {
-      row->weights.storedCountIs(count);
+      row->lists.storedCountsIs(row->lists.storedFirstCount(), count);
     }
     return rangeError([&] { groups_->entryIs(*row); });
   }

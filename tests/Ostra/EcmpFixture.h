@@ -90,7 +90,7 @@ class Ecmp : public testing::Test {
     auto row = std::make_unique<P4RuntimeRouting::EcmpMemberList>();
     row->entryHandle = groupHandle(id);
     row->groupId = id;
-    row->memberIds.set(list);
+    row->membersIs(list);
     return row;
   }
   void writeGroup(Id id, const Ids& list) {
@@ -111,9 +111,12 @@ class Ecmp : public testing::Test {
   // Changes a row behind the back of its table, as stray writes to shared memory do.
   template <class Table>
   static void corrupt(const Korm::Ptr<Table>& table, const typename Table::Key& key) {
-    auto* const bytes =
-        const_cast<std::byte*>(reinterpret_cast<const std::byte*>(table->entry(key)));
-    bytes[sizeof(typename Table::Record) - 1] ^= std::byte{0xFF};
+    const typename Table::Record* const row = table->entry(key);
+    std::size_t size = sizeof(*row);
+    if constexpr (requires { row->usedSize(); }) {
+      size = row->usedSize();
+    }
+    const_cast<std::byte*>(reinterpret_cast<const std::byte*>(row))[size - 1] ^= std::byte{0xFF};
   }
 
   [[nodiscard]] const OpenFlowTable::GroupEntry* corvexGroup(Id id) const {

@@ -198,7 +198,7 @@ TEST_F(EcmpLifecycle, AStartThatRaisesLeavesNoStateMachineBehind) {
   writeEncap({});
   writeMember({.id = 5});
   auto damaged = groupRow(3, {5});
-  damaged->memberIds.storedCountIs(P4RuntimeRouting::maxMembers + 1);
+  damaged->lists.storedCountsIs(P4RuntimeRouting::maxMembers + 1, 0);
   groups_->entryIs(*damaged);
   EXPECT_THROW(start(), Korm::RangeException);
   EXPECT_EQ(sm_, nullptr);

@@ -265,8 +265,7 @@ TEST_F(StatusEndToEnd, AGroupThatTheHardwareRefusesFailsItsWrite) {
   static P4RuntimeRouting::EcmpMemberList row;
   row.entryHandle = 40;
   row.groupId = 4;
-  row.memberIds.set(std::array<P4Runtime::MemberOrGroupId, 1>{3});
-  row.weights.set(std::array<std::uint32_t, 1>{1});
+  row.membersIs(std::array<P4Runtime::MemberOrGroupId, 1>{3}, std::array<std::uint32_t, 1>{1});
   batch_->batchStatusEntryIs(40);
   handles_->groupIs(4, 40);
   groups_->entryIs(row);

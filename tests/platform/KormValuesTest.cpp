@@ -223,43 +223,47 @@ TEST(Generic, ComparesAndHashesByValue) {
 
 // Arrays in records.
 
-TEST(PodArray, KeepsItsItemsAndClearsThePlacesBehindThem) {
-  PodArray<std::uint32_t, 4> array;
-  EXPECT_TRUE(array.items().empty());
-  array.set(std::vector<std::uint32_t>{1, 2, 3, 4});
-  EXPECT_THAT(array.items(), testing::ElementsAre(1, 2, 3, 4));
-  array.set(std::vector<std::uint32_t>{9});
-  EXPECT_THAT(array.items(), testing::ElementsAre(9));
-  PodArray<std::uint32_t, 4> fresh;
-  fresh.set(std::vector<std::uint32_t>{9});
-  EXPECT_EQ(array, fresh);
-  array.set(array.items().subspan(1));
-  EXPECT_EQ(array, (PodArray<std::uint32_t, 4>{}));
+using Lists = PodArrayPair<std::uint32_t, 4>;
+
+TEST(PodArray, KeepsTwoListsOneBehindTheOther) {
+  Lists lists;
+  EXPECT_EQ(lists.usedSize(), 8U);
+  lists.set(std::vector<std::uint32_t>{1, 2, 3, 4}, std::vector<std::uint32_t>{7});
+  EXPECT_THAT(lists.first(), testing::ElementsAre(1, 2, 3, 4));
+  EXPECT_THAT(lists.second(), testing::ElementsAre(7));
+  EXPECT_EQ(lists.usedSize(), 28U);
+  lists.set(std::vector<std::uint32_t>{9});
+  EXPECT_THAT(lists.first(), testing::ElementsAre(9));
+  EXPECT_THAT(lists.second(), testing::IsEmpty());
 }
 
 TEST(PodArray, RefusesMoreItemsThanItHoldsWithTheBufferInTheMessage) {
-  PodArray<std::uint8_t, 2> array;
-  array.set(std::vector<std::uint8_t>{7});
+  PodArrayPair<std::uint8_t, 2> lists;
+  const std::vector<std::uint8_t> one{7};
+  lists.set(one, one);
   const std::vector<std::uint8_t> many{0x01, 0xAB, 0x02};
   std::ostringstream address;
   address << static_cast<const void*>(many.data());
-  EXPECT_EQ(messageOf<RangeException>([&] { array.set(many); }),
-            "PodArray::set expected size <= 2, instead got 3. Buffer is at address: " +
-                address.str() + " with contents: 01ab02");
-  EXPECT_THAT(array.items(), testing::ElementsAre(7));
+  const std::string message =
+      "PodArray::set expected size <= 2, instead got 3. Buffer is at address: " + address.str() +
+      " with contents: 01ab02";
+  EXPECT_EQ(messageOf<RangeException>([&] { lists.set(many, one); }), message);
+  EXPECT_EQ(messageOf<RangeException>([&] { lists.set(one, many); }), message);
+  EXPECT_THAT(lists.first(), testing::ElementsAre(7));
+  EXPECT_THAT(lists.second(), testing::ElementsAre(7));
 }
 
 TEST(PodArray, RefusesToShowItemsOfADamagedRecord) {
-  PodArray<std::uint32_t, 1024> array;
-  array.storedCountIs(1025);
-  EXPECT_EQ(array.storedCount(), 1025U);
-  const auto message = messageOf<RangeException>([&] { (void)array.items(); });
-  EXPECT_THAT(message,
-              StartsWith("PodArray::set expected size <= 1024, instead got 1025. Buffer is "
-                         "at address: 0x"));
+  PodArrayPair<std::uint32_t, 1024> lists;
+  lists.storedCountsIs(1025, 0);
+  const auto message = messageOf<RangeException>([&] { (void)lists.first(); });
+  EXPECT_THAT(message, StartsWith("PodArray::set expected size <= 1024, instead got 1025. Buffer "
+                                  "is at address: 0x"));
   EXPECT_THAT(message, HasSubstr(" with contents: 00000000"));
-  array.storedCountIs(1024);
-  EXPECT_EQ(array.items().size(), 1024U);
+  EXPECT_THROW((void)lists.second(), RangeException);
+  lists.storedCountsIs(1024, 0xFFFFFFFF);
+  EXPECT_EQ(lists.first().size(), 1024U);
+  EXPECT_THROW((void)lists.second(), RangeException);
 }
 
 // Addresses.
@@ -379,7 +383,7 @@ TEST(Address, HasMasksOfEveryLengthOfItsFamilyAndNoOther) {
 
 static_assert(std::has_unique_object_representations_v<EthAddr> &&
               std::has_unique_object_representations_v<IpAddr> &&
-              std::has_unique_object_representations_v<PodArray<std::uint32_t, 3>>);
+              std::has_unique_object_representations_v<PodArrayPair<std::uint32_t, 3>>);
 
 // Limits. Each type is built from integers that are wider than its own, of either sign.
 

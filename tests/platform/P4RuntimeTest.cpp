@@ -424,13 +424,13 @@ TEST(Ecmp, TablesKeepTheirRowsByIdAndRefuseDamagedLists) {
   const auto groups = Korm::makePtr<P4RuntimeRouting::EcmpGroup>("ecmpGroup");
   P4RuntimeRouting::EcmpMemberList group;
   group.groupId = 3;
-  group.memberIds.set(std::vector<MemberOrGroupId>{5, 6});
+  group.membersIs(std::vector<MemberOrGroupId>{5, 6});
   groups->entryIs(group);
   group.groupId = 4;
-  group.memberIds.storedCountIs(P4RuntimeRouting::maxMembers + 1);
+  group.lists.storedCountsIs(P4RuntimeRouting::maxMembers + 1, 0);
   groups->entryIs(group);
-  EXPECT_THAT(groups->entry(3)->memberIds.items(), ElementsAre(5, 6));
-  EXPECT_THROW((void)groups->entry(4)->memberIds.items(), Korm::RangeException);
+  EXPECT_THAT(groups->entry(3)->memberIds(), ElementsAre(5, 6));
+  EXPECT_THROW((void)groups->entry(4)->memberIds(), Korm::RangeException);
   const auto members = Korm::makePtr<P4RuntimeRouting::EcmpMember>("ecmpMember");
   P4RuntimeRouting::NexthopInfo member;
   member.memberId = 5;

@@ -102,9 +102,9 @@ struct Group {
 inline Update write(Op op, const Group& group) {
   P4RuntimeRouting::EcmpMemberList row;
   row.groupId = group.id;
-  row.memberIds.set(group.members);
+  row.membersIs(group.members);
   if (group.storedCount != 0) {
-    row.memberIds.storedCountIs(group.storedCount);
+    row.lists.storedCountsIs(group.storedCount, 0);
   }
   return Update::group(op, row);
 }
