@@ -21,7 +21,8 @@ class Collection {
   void is(const Key& key, Value value) {
     const auto [entry, inserted] = map_.tryEmplace(key, std::move(value));
     if (!inserted) {
-      entry.value = std::move(value);  // tryEmplace leaves it alone when the key is present
+      // tryEmplace leaves it alone when the key is present.
+      entry.value = std::move(value);  // NOLINT(bugprone-use-after-move)
     }
     if (!notifiees_.empty()) {
       const Key copy = key;  // `key` may stand in an element that a reactor removes

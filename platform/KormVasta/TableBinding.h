@@ -48,7 +48,7 @@ class TableBinding final : private Vasta::TableObserver<R> {
   }
   TableBinding(const TableBinding&) = delete;
   TableBinding& operator=(const TableBinding&) = delete;
-  ~TableBinding() { table_->observerIs(nullptr); }
+  ~TableBinding() override { table_->observerIs(nullptr); }
 
   [[nodiscard]] Table& table() noexcept { return *table_; }
   [[nodiscard]] const Table& table() const noexcept { return *table_; }

@@ -39,7 +39,7 @@ TEST(Ptr, KeepsTheObjectUntilTheLastReferenceGoes) {
     EXPECT_EQ(special->references(), 3U);
     EXPECT_EQ(special.get(), thing.get());
     Ptr<Thing> moved = std::move(special);
-    EXPECT_EQ(special, nullptr);
+    EXPECT_EQ(special, nullptr);  // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(moved->references(), 3U);
     const auto& alias = moved;
     moved = alias;
@@ -74,7 +74,7 @@ TEST(Ptr, LeavesNothingBehindWhenAConstructorThrows) {
   };
   int alive = 0;
   const Ptr<Entity> input = makePtr<Thing>(alive);
-  EXPECT_THROW(makePtr<Unmade>(input), int);
+  EXPECT_THROW((void)makePtr<Unmade>(input), int);
   EXPECT_EQ(input->references(), 1U);
 }
 

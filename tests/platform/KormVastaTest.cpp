@@ -155,7 +155,9 @@ TEST(TableEntity, IsWalkedPastChangesByAHintThatStaysGood) {
 class Owner final : public TableOwner<std::uint64_t> {
  public:
   void tableNotify(const std::uint64_t& key) override { heard.push_back(std::to_string(key)); }
-  void tableNotifyQuiesced(bool quiesced) override { heard.push_back(quiesced ? "quiet" : "busy"); }
+  void tableNotifyQuiesced(bool quiesced) override {
+    heard.emplace_back(quiesced ? "quiet" : "busy");
+  }
   void tableNotifyMountStatus() override {
     constexpr std::array<const char*, 4> names{"unmounted", "mounting", "mounted", "failed"};
     heard.emplace_back(names.at(static_cast<std::size_t>(binding->table().mountState())));
