@@ -42,7 +42,8 @@ void memory(benchmark::State& state) {
     const auto row = bytesEach(count, [&] {
       for (const auto& entry : entries) {
         library.table->entryIs(entry);
-        library.table->entryIs(entry);  // a row that has been modified, with both its cells in memory
+        library.table->entryIs(
+            entry);  // a row that has been modified, with both its cells in memory
       }
     });
     // The state machine fills its indexes and Corvex at once; an index of the same keys tells them apart.
