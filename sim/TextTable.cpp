@@ -11,7 +11,7 @@ std::size_t displayWidth(std::string_view text) noexcept {
   }));
 }
 
-TextTable::TextTable(std::vector<std::string_view> titles) {
+TextTable::TextTable(const std::vector<std::string_view>& titles) {
   for (std::string_view title : titles) {
     const bool right = title.starts_with('>');
     title.remove_prefix(right ? 1 : 0);

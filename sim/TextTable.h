@@ -13,7 +13,7 @@ namespace Sim {
 class TextTable {
  public:
   // A column whose title starts with '>' is aligned to the right.
-  explicit TextTable(std::vector<std::string_view> titles);
+  explicit TextTable(const std::vector<std::string_view>& titles);
 
   // As many cells as there are titles.
   void rowIs(std::vector<std::string> cells);

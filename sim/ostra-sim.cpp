@@ -157,7 +157,7 @@ class Program {
                                      : std::make_unique<Sim::LineReader>(file);
       // Whoever drives the program through pipes sees all results before it has to write again.
       input->beforeReadIs([this] { out_.flush(); });
-      if (input->isTerminal() && !options_.json) {
+      if (input->isTerminal() && ::isatty(STDOUT_FILENO) == 1 && !options_.json) {
         interpreter.prompt(*input, file, out_);
         return true;
       }

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <memory>
+#include <random>
 #include <string>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,6 +32,9 @@ const std::string script =
 
 class CliShow : public testing::Test {
  protected:
+  // The next process of a name clears what one that was killed has left of it.
+  ~CliShow() override { (void)CliTest::sim("", {"--shm", name_}); }
+
   const std::string name_ = "ostra-show-test-" + std::to_string(::getpid());
 
   std::unique_ptr<Process> startSim() const {
@@ -103,6 +109,32 @@ TEST_F(CliShow, FollowsThroughStartsStopsAndKills) {
   viewer.closeOutput();
   process = startSim();  // something to say, to nobody
   EXPECT_EQ(viewer.finish().status, 0);
+  EXPECT_EQ(process->finish("quit\n").status, 0);
+}
+
+TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
+  std::string inserts;
+  for (int number = 0; number < 5000; ++number) {
+    inserts += "insert flow priority=" + std::to_string(number) + " -> drop\n";
+  }
+  const CliTest::TemporaryFile file{inserts};
+  Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "status", "trace"}};
+  std::mt19937 random{1};
+  for (int round = 0; round < 20; ++round) {
+    Process victim{OSTRA_SIM_PROGRAM, {"--shm", name_, file.path(), "-"}};
+    std::this_thread::sleep_for(std::chrono::microseconds{random() % 40000});
+    const Finished once = CliTest::show({name_, "flows"});
+    EXPECT_TRUE(once.status == 0 || once.status == 1) << once.status << once.errors;
+    victim.kill(SIGKILL);
+    victim.finish();
+    EXPECT_EQ(CliTest::show({name_, "flows"}).errors.find("corrupt"), std::string::npos);
+  }
+  const auto process = startSim();
+  const std::string id = std::to_string(process->id());
+  viewer.readUntil("process " + id + "\n");
+  viewer.readUntil("flows + table 2, entry 3, priority 100");
+  EXPECT_EQ(process->finish("quit\n").status, 0);
+  viewer.readUntil("# process " + id + " is gone\n");
 }
 
 TEST_F(CliShow, MistakesOnTheCommandLineAreNamed) {
