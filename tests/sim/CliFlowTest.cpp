@@ -13,7 +13,6 @@ namespace {
 using CliTest::Json;
 using CliTest::simJson;
 using CliTest::simJsonLines;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 struct Translation {
@@ -25,8 +24,9 @@ struct Translation {
 void expectTranslations(const std::vector<Translation>& cases, const std::string& before,
                         const std::string& after, const char* member) {
   for (const Translation& one : cases) {
-    const auto lines = simJson("port 1 Ethernet1\nport 2 Ethernet2\n" + before + one.words + after +
-                               "\nshow flows\n");
+    std::string script = "port 1 Ethernet1\nport 2 Ethernet2\n";
+    script.append(before).append(one.words).append(after).append("\nshow flows\n");
+    const auto lines = simJson(script);
     ASSERT_EQ(lines.size(), 2U) << one.words;
     EXPECT_EQ(lines[0]["state"], "done") << one.words << lines[0];
     EXPECT_EQ(lines[0]["code"], 0) << one.words << lines[0];
