@@ -59,11 +59,19 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
   return entry;
 }
 
-// 0 to count - 1 in a random order that is the same in every run.
+// Puts what a benchmark goes through into a random order, the same in every run. What it goes through lies
+// in memory in that order, as requests do that have just been read: the benchmarks measure the way to what
+// is stored, not the way to what is asked for.
+template <class T>
+void shuffle(std::vector<T>& all, std::uint32_t seed = 1) {
+  std::shuffle(all.begin(), all.end(), std::mt19937{seed});
+}
+
+// 0 to count - 1 in such an order.
 inline std::vector<std::uint32_t> shuffled(std::size_t count, std::uint32_t seed = 1) {
   std::vector<std::uint32_t> order(count);
   std::iota(order.begin(), order.end(), 0U);
-  std::shuffle(order.begin(), order.end(), std::mt19937{seed});
+  shuffle(order, seed);
   return order;
 }
 
@@ -73,6 +81,7 @@ inline std::vector<Ostra::OstraConfigEntry> makeEntries(std::size_t count) {
   for (std::uint32_t n = 0; n < count; ++n) {
     entries.push_back(makeEntry(n));
   }
+  shuffle(entries);
   return entries;
 }
 

@@ -35,7 +35,7 @@ struct Flow {
 };
 
 struct Floor {
-  explicit Floor(std::size_t count) : order{shuffled(count)} {
+  explicit Floor(std::size_t count) {
     flows.reserve(count);
     for (std::uint32_t n = 0; n < count; ++n) {
       const Ostra::OstraConfigEntry entry = makeEntry(n);
@@ -45,18 +45,15 @@ struct Floor {
       std::memcpy(flow.key.bytes.data(), end - sizeof(flow.key), sizeof(flow.key));
       flows.push_back(flow);
     }
+    shuffle(flows);
   }
-  void write(std::uint32_t n, const Record& record) {
-    records.insert_or_assign(flows[n].name, record);
-    handles.insert_or_assign(flows[n].key, n);
-  }
-  void writeAll(const std::vector<std::uint32_t>& in, const Record& record) {
-    for (const std::uint32_t n : in) {
-      write(n, record);
+  void writeAll(const Record& record) {
+    for (const Flow& flow : flows) {
+      records.insert_or_assign(flow.name, record);
+      handles.insert_or_assign(flow.key, flows.size());
     }
   }
 
-  std::vector<std::uint32_t> order;
   std::vector<Flow> flows;
   std::unordered_map<std::string, Record> records;
   std::unordered_map<Key, std::uint64_t, KeyHash> handles;
@@ -66,20 +63,20 @@ void floorInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     Floor floor{count};
-    timeEach(state, count, [&] { floor.writeAll(floor.order, {}); });
+    timeEach(state, count, [&] { floor.writeAll({}); });
     require(floor.records.size() == count && floor.handles.size() == count, "floor insert");
   }
 }
 
 void floorOverwrite(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
-  const auto order = shuffled(count, 2);
   Record changed;
   changed.bytes[7] = std::byte{1};
   for (auto _ : state) {
     Floor floor{count};
-    floor.writeAll(floor.order, {});
-    timeEach(state, count, [&] { floor.writeAll(order, changed); });
+    floor.writeAll({});
+    shuffle(floor.flows, 2);
+    timeEach(state, count, [&] { floor.writeAll(changed); });
     require(floor.records.at(floor.flows[count / 2].name).bytes[7] == std::byte{1},
             "floor overwrite");
   }
@@ -87,14 +84,14 @@ void floorOverwrite(benchmark::State& state) {
 
 void floorDelete(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
-  const auto order = shuffled(count, 2);
   for (auto _ : state) {
     Floor floor{count};
-    floor.writeAll(floor.order, {});
+    floor.writeAll({});
+    shuffle(floor.flows, 2);
     timeEach(state, count, [&] {
-      for (const std::uint32_t n : order) {
-        floor.records.erase(floor.flows[n].name);
-        floor.handles.erase(floor.flows[n].key);
+      for (const Flow& flow : floor.flows) {
+        floor.records.erase(flow.name);
+        floor.handles.erase(flow.key);
       }
     });
     require(floor.records.empty() && floor.handles.empty(), "floor delete");

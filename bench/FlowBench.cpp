@@ -12,41 +12,39 @@ namespace {
 
 // A state machine over a table whose changes it is told one by one, by the benchmark.
 struct FlowSide {
-  explicit FlowSide(std::size_t count)
-      : entries{makeEntries(count)}, order{shuffled(count)}, sm{library.makeSm()} {
+  explicit FlowSide(std::size_t count) : entries{makeEntries(count)}, sm{library.makeSm()} {
     sm->hasNotificationActiveIs(false);
   }
 
   // Has the service write rows with `write(entry)` and the library handle them, a block of a few at a
   // time so that the clock is read seldom; returns the time of the library's part.
   template <class Write>
-  double run(const std::vector<std::uint32_t>& in, Write write) {
+  double run(Write write) {
     constexpr std::size_t block = 64;
     double took = 0;
-    for (std::size_t done = 0; done < in.size(); done += block) {
-      const auto now = std::span{in}.subspan(done, std::min(block, in.size() - done));
-      for (const std::uint32_t n : now) {
-        write(entries[n]);
+    for (std::size_t done = 0; done < entries.size(); done += block) {
+      const auto now = std::span{entries}.subspan(done, std::min(block, entries.size() - done));
+      for (const auto& entry : now) {
+        write(entry);
       }
       const double start = processorTime();
-      for (const std::uint32_t n : now) {
-        sm->handleFlowConfig(entries[n].flowKey);
+      for (const auto& entry : now) {
+        sm->handleFlowConfig(entry.flowKey);
       }
       took += processorTime() - start;
     }
-    return took / static_cast<double>(in.size());
+    return took / static_cast<double>(entries.size());
   }
-  double writeAll(const std::vector<std::uint32_t>& in) {
-    return run(in, [this](const auto& entry) { library.table->entryIs(entry); });
+  double writeAll() {
+    return run([this](const auto& entry) { library.table->entryIs(entry); });
   }
-  double deleteAll(const std::vector<std::uint32_t>& in) {
-    return run(in, [this](const auto& entry) { library.table->entryDel(entry.flowKey); });
+  double deleteAll() {
+    return run([this](const auto& entry) { library.table->entryDel(entry.flowKey); });
   }
   [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
 
   Library library;
   std::vector<Ostra::OstraConfigEntry> entries;
-  std::vector<std::uint32_t> order;
   Korm::Ptr<Ostra::OstraSm> sm;
 };
 
@@ -54,7 +52,7 @@ void flowInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    state.SetIterationTime(side.writeAll(side.order));
+    state.SetIterationTime(side.writeAll());
     require(side.flows() == count, "every entry has its flow");
   }
 }
@@ -63,11 +61,12 @@ void flowModify(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.writeAll(side.order);
+    side.writeAll();
     for (auto& entry : side.entries) {
       entry.actions.setDscpIs(9, true);
     }
-    state.SetIterationTime(side.writeAll(shuffled(count, 2)));
+    shuffle(side.entries, 2);
+    state.SetIterationTime(side.writeAll());
     const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
     require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
             "every flow is rewritten");
@@ -78,8 +77,9 @@ void flowDelete(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.writeAll(side.order);
-    state.SetIterationTime(side.deleteAll(shuffled(count, 2)));
+    side.writeAll();
+    shuffle(side.entries, 2);
+    state.SetIterationTime(side.deleteAll());
     require(side.flows() == 0, "every flow is gone");
   }
 }
@@ -92,9 +92,9 @@ void worstInsert(benchmark::State& state) {
     FlowSide side{count};
     side.sm->hasNotificationActiveIs(true);
     double worst = 0;
-    for (const std::uint32_t n : side.order) {
+    for (const auto& entry : side.entries) {
       const double start = processorTime();
-      side.library.table->entryIs(side.entries[n]);
+      side.library.table->entryIs(entry);
       worst = std::max(worst, processorTime() - start);
     }
     require(side.flows() == count, "every entry has its flow");
@@ -138,7 +138,7 @@ void flowRefused(benchmark::State& state, const Refusal& refusal) {
     for (auto& entry : side.entries) {
       refusal.spoil(entry);
     }
-    state.SetIterationTime(side.writeAll(side.order));
+    state.SetIterationTime(side.writeAll());
     require(side.flows() == 0, "every entry is refused");
   }
 }
@@ -164,7 +164,7 @@ void reconcile(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
-    side.writeAll(side.order);
+    side.writeAll();
     side.sm = nullptr;
     side.library.vrfCollection->delAll();
     const std::uint32_t hundredth = std::max(count / 100, 1U);

@@ -24,15 +24,15 @@ struct Switch {
   }
 
   // The time of one write.
-  double writeAll(Op op, const std::vector<std::uint32_t>& order) {
+  double writeAll(Op op) {
     constexpr std::size_t batchSize = 64;
     double took = 0;
     std::vector<Sim::Update> batch;
-    for (std::size_t done = 0; done < order.size(); done += batchSize) {
+    for (std::size_t done = 0; done < entries.size(); done += batchSize) {
       batch.clear();
-      for (const std::uint32_t n :
-           std::span{order}.subspan(done, std::min(batchSize, order.size() - done))) {
-        batch.push_back(Sim::Update::flow(op, 0, entries[n]));
+      for (const auto& entry :
+           std::span{entries}.subspan(done, std::min(batchSize, entries.size() - done))) {
+        batch.push_back(Sim::Update::flow(op, 0, entry));
       }
       const double start = processorTime();
       const auto results = service.apply(batch);
@@ -41,7 +41,7 @@ struct Switch {
                           [](const Sim::Result& result) { return result.succeeded(); }),
               "every write succeeds");
     }
-    return took / static_cast<double>(order.size());
+    return took / static_cast<double>(entries.size());
   }
   [[nodiscard]] std::size_t flows() const { return service.hwConfig()->flowEntries().size(); }
 
@@ -54,7 +54,7 @@ void writeInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     Switch side{count};
-    state.SetIterationTime(side.writeAll(Op::insert_, shuffled(count)));
+    state.SetIterationTime(side.writeAll(Op::insert_));
     require(side.flows() == count, "every entry has its flow");
   }
 }
@@ -63,11 +63,12 @@ void writeModify(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     Switch side{count};
-    side.writeAll(Op::insert_, shuffled(count));
+    side.writeAll(Op::insert_);
     for (auto& entry : side.entries) {
       entry.actions.setDscpIs(9, true);
     }
-    state.SetIterationTime(side.writeAll(Op::modify_, shuffled(count, 2)));
+    shuffle(side.entries, 2);
+    state.SetIterationTime(side.writeAll(Op::modify_));
     const auto flows = side.service.flows();
     require(flows.size() == count && flows.back().flow->actions().setDscp() == 9,
             "every flow is rewritten");
@@ -78,8 +79,9 @@ void writeDelete(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     Switch side{count};
-    side.writeAll(Op::insert_, shuffled(count));
-    state.SetIterationTime(side.writeAll(Op::delete_, shuffled(count, 2)));
+    side.writeAll(Op::insert_);
+    shuffle(side.entries, 2);
+    state.SetIterationTime(side.writeAll(Op::delete_));
     require(side.flows() == 0, "every flow is gone");
   }
 }
