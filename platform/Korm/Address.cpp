@@ -11,11 +11,24 @@
 namespace Korm {
 namespace {
 
-template <class Octets>
-std::string presentation(int family, const Octets& octets) {
-  std::array<char, INET6_ADDRSTRLEN> text{};
-  inet_ntop(family, octets.data(), text.data(), text.size());
-  return text.data();
+using Groups = std::array<unsigned, 8>;
+
+struct Run {
+  std::size_t first = 0;
+  std::size_t length = 0;
+};
+
+// The zero groups that "::" stands for: the first of the longest runs, if that is longer than one.
+Run longestZeroRun(const Groups& groups) {
+  Run longest;
+  Run current;
+  for (std::size_t at = 0; at < groups.size(); ++at) {
+    current = groups[at] != 0 ? Run{at + 1, 0} : Run{current.first, current.length + 1};
+    if (current.length > longest.length) {
+      longest = current;
+    }
+  }
+  return longest.length > 1 ? longest : Run{};
 }
 
 }  // namespace
@@ -33,9 +46,37 @@ std::string EthAddr::text() const {
   return text;
 }
 
-std::string Ip4Addr::text() const { return presentation(AF_INET, octets); }
+std::string Ip4Addr::text() const {
+  std::string text = std::to_string(octets[0]);
+  for (std::size_t at = 1; at < octets.size(); ++at) {
+    text += '.' + std::to_string(octets[at]);
+  }
+  return text;
+}
 
-std::string Ip6Addr::text() const { return presentation(AF_INET6, octets); }
+// Not inet_ntop, which prints the last 32 bits of "::1:2" as an IPv4 address.
+std::string Ip6Addr::text() const {
+  Groups groups{};
+  for (std::size_t at = 0; at < groups.size(); ++at) {
+    groups[at] = octets[at * 2] * 256U + octets[at * 2 + 1];
+  }
+  const Run zeros = longestZeroRun(groups);
+  std::string text;
+  for (std::size_t at = 0; at < groups.size(); ++at) {
+    if (zeros.length > 0 && at == zeros.first) {
+      text += "::";
+      at += zeros.length - 1;
+      continue;
+    }
+    if (!text.empty() && text.back() != ':') {
+      text += ':';
+    }
+    std::array<char, 4> digits{};
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), groups[at], 16);
+    text.append(digits.data(), end.ptr);
+  }
+  return text;
+}
 
 IpAddr IpAddr::prefixMask(AddressFamily family, unsigned length) {
   const unsigned width = family == AddressFamily::ipv4_   ? 32

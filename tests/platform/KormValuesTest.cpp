@@ -285,9 +285,10 @@ TEST(Address, OfEthernetIsPrintedInOneWayAndReadInEitherCase) {
 }
 
 TEST(Address, OfTheInternetIsReadAsItIsPrinted) {
-  for (const char* text : {"0.0.0.0", "10.1.0.255", "255.255.255.255", "::", "::1", "2001:db8::1",
-                           "fe80::1:0:0:1", "1:0:0:2::3", "1:2:3:4:5:6:7:8", "ff02::1:ff00:0",
-                           "1::", "0:1:0:1:0:1:0:1", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}) {
+  for (const char* text :
+       {"0.0.0.0", "10.1.0.255", "255.255.255.255", "::", "::1", "::1:2", "1::", "2001:db8::1",
+        "fe80::1:0:0:1", "1:0:0:2::3", "1:2:3:4:5:6:7:8", "ff02::1:ff00:0",
+        "1::", "0:1:0:1:0:1:0:1", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"}) {
     const auto address = parseIpAddr(text);
     ASSERT_TRUE(address) << text;
     EXPECT_EQ(address->text(), text);
