@@ -176,9 +176,13 @@ class OstraKey {
   }
 
  private:
-#define OSTRA_FIELD_SIZE(member, Type, name, ...) +sizeof(detail::PackedMatch<Type>)
-  static constexpr std::size_t matchBytes = 0 OSTRA_MATCH_FIELDS(OSTRA_FIELD_SIZE);
+  static constexpr std::size_t matchBytes = [] {
+    std::size_t bytes = 0;
+#define OSTRA_FIELD_SIZE(member, Type, name, ...) bytes += sizeof(detail::PackedMatch<Type>);
+    OSTRA_MATCH_FIELDS(OSTRA_FIELD_SIZE)
 #undef OSTRA_FIELD_SIZE
+    return bytes;
+  }();
 
   std::int32_t tableType_ = 0;
   std::uint32_t priorityGroupType_ = 0;

@@ -1,4 +1,6 @@
-// The library's trace handle. Private to the library.
+// The library's trace handle, by which a host sets how much text it wants.
+//
+// Thread and process rule: as Brisklog::TraceHandle, any thread.
 #pragma once
 
 #include "platform/Brisklog/TracePoint.h"
