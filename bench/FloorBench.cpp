@@ -98,7 +98,32 @@ void floorDelete(benchmark::State& state) {
   }
 }
 
+// What one trip to memory takes: each read of a record tells where the next one is. Whatever looks up one
+// flow among N makes at least one such trip, and most make several.
+void floorMiss(benchmark::State& state) {
+  struct Link {
+    std::uint32_t next = 0;
+    std::array<std::byte, 476> rest{};
+  };
+  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto order = shuffled(count);
+  std::vector<Link> links(count);
+  for (std::size_t at = 0; at < count; ++at) {
+    links[order[at]].next = order[(at + 1) % count];
+  }
+  for (auto _ : state) {
+    std::uint32_t at = order[0];
+    timeEach(state, count, [&] {
+      for (std::size_t step = 0; step < count; ++step) {
+        at = links[at].next;
+      }
+    });
+    require(at == order[0], "the chain is gone through");
+  }
+}
+
 const bool registered = [] {
+  registerSizes("BM_FloorMiss", floorMiss);
   registerSizes("BM_FloorInsert", floorInsert);
   registerSizes("BM_FloorOverwrite", floorOverwrite);
   registerSizes("BM_FloorDelete", floorDelete);
