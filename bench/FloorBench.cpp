@@ -47,10 +47,13 @@ struct Floor {
     }
     shuffle(flows);
   }
+  void write(const Flow& flow, const Record& record) {
+    records.insert_or_assign(flow.name, record);
+    handles.insert_or_assign(flow.key, flows.size());
+  }
   void writeAll(const Record& record) {
     for (const Flow& flow : flows) {
-      records.insert_or_assign(flow.name, record);
-      handles.insert_or_assign(flow.key, flows.size());
+      write(flow, record);
     }
   }
 
@@ -98,6 +101,21 @@ void floorDelete(benchmark::State& state) {
   }
 }
 
+// The slowest single insert while the maps grow from nothing: now and then they hash all anew.
+void floorWorstInsert(benchmark::State& state) {
+  for (auto _ : state) {
+    Floor floor{static_cast<std::size_t>(state.range(0))};
+    double worst = 0;
+    for (const Flow& flow : floor.flows) {
+      const double start = processorTime();
+      floor.write(flow, {});
+      worst = std::max(worst, processorTime() - start);
+    }
+    require(floor.records.size() == floor.flows.size(), "floor insert");
+    state.SetIterationTime(worst);
+  }
+}
+
 // What one trip to memory takes: each read of a record tells where the next one is. Whatever looks up one
 // flow among N makes at least one such trip, and most make several.
 void floorMiss(benchmark::State& state) {
@@ -127,6 +145,12 @@ const bool registered = [] {
   registerSizes("BM_FloorInsert", floorInsert);
   registerSizes("BM_FloorOverwrite", floorOverwrite);
   registerSizes("BM_FloorDelete", floorDelete);
+  benchmark::RegisterBenchmark("BM_FloorWorstInsert", floorWorstInsert)
+      ->Arg(100'000)
+      ->Arg(1'000'000)
+      ->Iterations(1)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
   return true;
 }();
 
