@@ -387,34 +387,4 @@ const GroupEntry* OstraEcmpGroupSm::groupEntry(GroupId id) const noexcept {
   return cxHwConfig_ ? cxHwConfig_->groupEntry(id) : nullptr;
 }
 
-Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr) {
-  auto sm = Korm::makePtr<OstraEcmpGroupSm>(
-      std::move(cxHwConfig), std::move(p4rtEcmpGroupTable), std::move(p4rtEcmpMemberTable),
-      std::move(ipv4EncapTable), std::move(p4RtPortMappingStatus), std::move(validationHelper),
-      std::move(batchStatus), std::move(p4HandleMgr));
-  sm->hasNotificationActiveIs(true);
-  return sm;
-}
-
-Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmFactory(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr) {
-  return OstraEcmpGroupSmIs(std::move(cxHwConfig), std::move(p4rtEcmpGroupTable),
-                            std::move(p4rtEcmpMemberTable), std::move(ipv4EncapTable),
-                            std::move(p4RtPortMappingStatus), std::move(validationHelper),
-                            std::move(batchStatus), std::move(p4HandleMgr));
-}
-
 }  // namespace Ostra

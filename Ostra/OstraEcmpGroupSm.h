@@ -13,6 +13,7 @@
 #pragma once
 
 #include <optional>
+#include <utility>
 
 #include "platform/Korm/Entity.h"
 #include "platform/NexthopGroup/Encap.h"
@@ -146,24 +147,16 @@ class OstraEcmpGroupSm final : public Korm::Entity {
       encapReactor_;
 };
 
-// A new state machine with its notifications on.
-[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
-
-// The same, under the name by which the context calls it.
-[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmFactory(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
+// A state machine with its notifications on; the inputs are the constructor's arguments.
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(Inputs&&... inputs) {
+  auto sm = Korm::makePtr<OstraEcmpGroupSm>(std::forward<Inputs>(inputs)...);
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmFactory(Inputs&&... inputs) {
+  return OstraEcmpGroupSmIs(std::forward<Inputs>(inputs)...);
+}
 
 }  // namespace Ostra

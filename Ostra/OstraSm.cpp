@@ -363,34 +363,4 @@ void OstraSm::markDependent(P4Runtime::EntryHandle handle) {
   }
 }
 
-Korm::Ptr<OstraSm> OstraSmIs(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig, Korm::Ptr<CorvexConfig::Config> cxConfig,
-    Korm::Ptr<const Korm::Dir> cxHwStatusDir, const Korm::Ptr<OstraConfig>& ostraConfigTable,
-    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<P4Runtime::Telemetry> telemetry) {
-  auto sm = Korm::makePtr<OstraSm>(
-      std::move(cxHwConfig), std::move(cxConfig), std::move(cxHwStatusDir), ostraConfigTable,
-      std::move(vrfIdCollection), std::move(p4RtPortMappingStatus), std::move(validationHelper),
-      std::move(ostraStatusInfo), std::move(batchStatus), std::move(telemetry));
-  sm->hasNotificationActiveIs(true);
-  return sm;
-}
-
-Korm::Ptr<OstraSm> ostraSmFactory(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig, Korm::Ptr<CorvexConfig::Config> cxConfig,
-    Korm::Ptr<const Korm::Dir> cxHwStatusDir, const Korm::Ptr<OstraConfig>& ostraConfigTable,
-    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<P4Runtime::Telemetry> telemetry) {
-  return OstraSmIs(std::move(cxHwConfig), std::move(cxConfig), std::move(cxHwStatusDir),
-                   ostraConfigTable, std::move(vrfIdCollection), std::move(p4RtPortMappingStatus),
-                   std::move(validationHelper), std::move(ostraStatusInfo), std::move(batchStatus),
-                   std::move(telemetry));
-}
-
 }  // namespace Ostra

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 #include "Ostra/FlowIndex.h"
 #include "Ostra/OstraTypes.h"
@@ -153,23 +154,16 @@ class OstraSm final : public Korm::Entity {
   bool initialized_ = false;
 };
 
-// A state machine with its notifications on; the arguments are those of the constructor.
-[[nodiscard]] Korm::Ptr<OstraSm> OstraSmIs(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig, Korm::Ptr<CorvexConfig::Config> cxConfig,
-    Korm::Ptr<const Korm::Dir> cxHwStatusDir, const Korm::Ptr<OstraConfig>& ostraConfigTable,
-    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<P4Runtime::Telemetry> telemetry);
-
-[[nodiscard]] Korm::Ptr<OstraSm> ostraSmFactory(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig, Korm::Ptr<CorvexConfig::Config> cxConfig,
-    Korm::Ptr<const Korm::Dir> cxHwStatusDir, const Korm::Ptr<OstraConfig>& ostraConfigTable,
-    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<P4Runtime::Telemetry> telemetry);
+// A state machine with its notifications on; the inputs are the constructor's arguments.
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraSm> OstraSmIs(Inputs&&... inputs) {
+  auto sm = Korm::makePtr<OstraSm>(std::forward<Inputs>(inputs)...);
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraSm> ostraSmFactory(Inputs&&... inputs) {
+  return OstraSmIs(std::forward<Inputs>(inputs)...);
+}
 
 }  // namespace Ostra
