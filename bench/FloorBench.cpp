@@ -145,12 +145,7 @@ const bool registered = [] {
   registerSizes("BM_FloorInsert", floorInsert);
   registerSizes("BM_FloorOverwrite", floorOverwrite);
   registerSizes("BM_FloorDelete", floorDelete);
-  benchmark::RegisterBenchmark("BM_FloorWorstInsert", floorWorstInsert)
-      ->Arg(100'000)
-      ->Arg(1'000'000)
-      ->Iterations(1)
-      ->UseManualTime()
-      ->Unit(benchmark::kMicrosecond);
+  registerWorst("BM_FloorWorstInsert", floorWorstInsert);
   return true;
 }();
 

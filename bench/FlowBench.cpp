@@ -182,12 +182,7 @@ const bool registered = [] {
   registerSizes("BM_FlowInsert", flowInsert);
   registerSizes("BM_FlowModify", flowModify);
   registerSizes("BM_FlowDelete", flowDelete);
-  benchmark::RegisterBenchmark("BM_WorstInsert", worstInsert)
-      ->Arg(100'000)
-      ->Arg(1'000'000)
-      ->Iterations(1)
-      ->UseManualTime()
-      ->Unit(benchmark::kMicrosecond);
+  registerWorst("BM_WorstInsert", worstInsert);
   for (const Refusal& refusal : refusals) {
     benchmark::RegisterBenchmark(
         (std::string{"BM_FlowRefused/"} + refusal.name).c_str(),

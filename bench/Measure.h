@@ -52,4 +52,14 @@ void registerSizes(const char* name, Function function) {
   }
 }
 
+// Registers a benchmark of the slowest single operation among N.
+inline void registerWorst(const char* name, void (*function)(benchmark::State&)) {
+  benchmark::RegisterBenchmark(name, function)
+      ->Arg(100'000)
+      ->Arg(1'000'000)
+      ->Iterations(1)
+      ->UseManualTime()
+      ->Unit(benchmark::kMicrosecond);
+}
+
 }  // namespace Bench

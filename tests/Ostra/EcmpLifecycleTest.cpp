@@ -101,18 +101,6 @@ TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   EXPECT_THAT(results(), IsEmpty());
 }
 
-TEST_F(EcmpLifecycle, InputsAreThoseGiven) {
-  start();
-  EXPECT_EQ(sm_->cxHwConfig(), cxHwConfig_);
-  EXPECT_EQ(sm_->p4rtEcmpGroupTable(), groups_);
-  EXPECT_EQ(sm_->p4rtEcmpMemberTable(), members_);
-  EXPECT_EQ(sm_->ipv4EncapTable(), encaps_);
-  EXPECT_EQ(sm_->p4RtPortMappingStatus().get(), ports_.get());
-  EXPECT_EQ(sm_->validationHelper(), helper_);
-  EXPECT_EQ(sm_->batchStatus(), batch_);
-  EXPECT_EQ(sm_->p4HandleMgr(), handles_);
-}
-
 TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {
   sm_ = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig_, groups_, members_, encaps_, ports_, helper_,
                                         batch_, handles_);
