@@ -1,14 +1,13 @@
 #include "Ostra/OstraSm.h"
 
 #include <algorithm>
-#include <vector>
+#include <array>
 
 #include "Ostra/FlowUtil.h"
 #include "Ostra/GroupNumbering.h"
 #include "Ostra/MatchTranslation.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
-#include "platform/Korm/Clock.h"
 
 namespace Ostra {
 namespace {
@@ -53,6 +52,9 @@ constinit Brisklog::TracePoint traceRootStatus{traceHandle, routine, scope, vrfC
                                                " adding rootStatus, entryVrf:%s entryHandle:%s"};
 constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChange,
                                            " no rootStatus for entryHandle:%s"};
+
+// How many flows are asked for at a time: as many as the near caches hold.
+constexpr std::size_t expectedAtOnce = 64;
 
 const Korm::String ingressPortName = "ingress port-id";
 const Korm::String egressPortName = "egress port-id";
@@ -128,10 +130,28 @@ void OstraSm::handleInitialized() {
     cxConfig_->enabledIs(true);
   }
   deleteStaleFlows();
-  forEachEntry([this](const OstraConfigEntry& entry) {
+  Vasta::Hint ahead;
+  std::size_t expected = 0;
+  forEachEntry([&](const OstraConfigEntry& entry) {
+    if (expected == 0) {
+      expected = nextExpected(ahead);
+    }
+    --expected;
     const OstraKey key = entry.key();
     handleFlowConfig(key);
   });
+}
+
+// Asks memory for what the next rows of a walk will need; how many there are to handle until the next time.
+std::size_t OstraSm::nextExpected(Vasta::Hint& hint) const noexcept {
+  std::array<const OstraKey*, expectedAtOnce> keys;
+  std::size_t count = 0;
+  for (const OstraConfigEntry* entry = nullptr;
+       count < keys.size() && (entry = reactor_->table->table().peek(hint)) != nullptr; ++count) {
+    keys[count] = &entry->flowKey;
+  }
+  flowConfigExpected(std::span{keys}.first(count));
+  return keys.size();
 }
 
 // Flows of other tables are stale to this one too: all fifteen state machines keep the rule that what the
@@ -140,11 +160,12 @@ void OstraSm::deleteStaleFlows() {
   if (!cxHwConfig_) {
     return;
   }
-  std::vector<std::uint64_t> handles;
-  forEachEntry([&handles](const OstraConfigEntry& entry) { handles.push_back(entry.entryHandle); });
-  std::sort(handles.begin(), handles.end());
+  struct Nothing {};
+  Korm::HashMap<std::uint64_t, Nothing> handles;
+  forEachEntry(
+      [&handles](const OstraConfigEntry& entry) { handles.tryEmplace(entry.entryHandle); });
   for (const auto& flow : cxHwConfig_->flowEntries()) {
-    if (!std::binary_search(handles.begin(), handles.end(), flowIdFromName(flow.key))) {
+    if (handles.find(flowIdFromName(flow.key)) == nullptr) {
       cxHwConfig_->flowEntryDel(flow.key);
     }
   }
@@ -155,6 +176,37 @@ void OstraSm::handleFlowConfig(const OstraKey& key) {
     handleFlowConfigImpl(key, key.hash(0));
   } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
     error.report();
+  }
+}
+
+// Pass by pass, each over all keys: a pass reads what the one before has asked for.
+void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept {
+  const auto* const table = reactor_ ? &reactor_->table->table() : nullptr;
+  if (!cxHwConfig_ || table == nullptr) {
+    return;
+  }
+  std::array<std::uint32_t, expectedAtOnce> hashes;
+  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), hashes.size()))) {
+    const std::size_t count = std::min(keys.size(), hashes.size());
+    for (std::size_t i = 0; i < count; ++i) {
+      hashes[i] = keys[i]->hash(0);
+      table->prefetchIndex(hashes[i]);
+      index_.prefetchIndex(hashes[i]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      index_.prefetchElement(hashes[i]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      std::uint64_t handle = index_.likelyHandle(hashes[i]);
+      if (const auto* const stored = handle == 0 ? table->likely(hashes[i]) : nullptr) {
+        handle = stored->entryHandle;
+      }
+      hashes[i] = Korm::HashedName{buildFlowName(handle)}.hash();
+      cxHwConfig_->flowEntryExpected(hashes[i]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      cxHwConfig_->flowEntryExpectedSoon(hashes[i]);
+    }
   }
 }
 
@@ -185,11 +237,12 @@ void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
 void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry) {
   const P4Runtime::EntryHandle handle = entry.entryHandle;
   const Korm::String name = buildFlowName(handle);
-  cxHwConfig_->flowEntryExpected(name);
+  const Korm::HashedName flowName{name};
+  cxHwConfig_->flowEntryExpected(flowName.hash());
   traceInsert(name);
   OpenFlowTable::Match match;
   buildMatch(key, handle, match);
-  cxHwConfig_->flowEntryExpectedSoon(name);
+  cxHwConfig_->flowEntryExpectedSoon(flowName.hash());
   index_.prefetchElement(hash);
   OpenFlowTable::Actions actions;
   buildActions(key, hash, entry, actions);
@@ -197,16 +250,17 @@ void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraCon
 
   const auto tableType = static_cast<OpenFlowTable::TableType>(key.tableType());
   const OpenFlowTable::PriorityGroupType priorityGroup = key.priorityGroupType();
-  const bool existed = cxHwConfig_->flowEntry(name) != nullptr;
+  const bool existed = cxHwConfig_->flowEntry(flowName) != nullptr;
   index_.handleIs(key, hash, handle);
   maybeUpdateFlowMatch(tableType, priorityGroup, match);
   const OpenFlowTable::Priority priority{key.priority()};
   OpenFlowTable::FlowEntry& flow = cxHwConfig_->flowEntryIs(
-      name, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
+      flowName, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
   flow.entryIdIs(entry.entryId);
-  telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
+  const double now =
+      telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
   if (existed) {
-    flow.changeCountIs(Korm::currentTime());
+    flow.changeCountIs(now);
   }
   (existed ? traceModified : traceInserted)(name, entry.entryId);
 }
@@ -292,14 +346,15 @@ void OstraSm::deleteFlow(const OstraKey& key, std::uint32_t hash) {
   }
   const P4Runtime::EntryHandle handle{*mapped};
   const Korm::String name = buildFlowName(handle);
-  if (cxHwConfig_->flowEntry(name) == nullptr) {
+  const Korm::HashedName flowName{name};
+  if (cxHwConfig_->flowEntry(flowName) == nullptr) {
     // The key stays mapped: whoever removed the flow behind our back did not release its VRF.
     traceNotPresent(name);
     batchStatus_->markTransactionSucceeded(handle);
     return;
   }
   traceDelete(name);
-  cxHwConfig_->flowEntryDel(name);
+  cxHwConfig_->flowEntryDel(flowName);
   telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
   handleVrfChange(key, hash, false, 0, handle);
   index_.handleDel(key, hash);

@@ -27,7 +27,11 @@ struct FlowSide {
       for (const auto& entry : now) {
         write(entry);
       }
+      std::array<const Ostra::OstraKey*, block> keys{};
+      std::transform(now.begin(), now.end(), keys.begin(),
+                     [](const auto& entry) { return &entry.flowKey; });
       const double start = processorTime();
+      sm->flowConfigExpected(std::span{keys}.first(now.size()));
       for (const auto& entry : now) {
         sm->handleFlowConfig(entry.flowKey);
       }

@@ -3,11 +3,14 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <span>
+#include <type_traits>
 #include <utility>
 
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Clock.h"
 #include "sim/NameOrder.h"
+#include "sim/Writes.h"
 
 namespace Sim {
 namespace {
@@ -19,29 +22,33 @@ using OpenFlowTable::GroupStats;
 using OpenFlowTable::GroupStatus;
 using OpenFlowTable::HwStatus;
 
-// Flows and groups are published alike; these name the operations of the one and the other alike.
-constexpr FlowStatus held(const Korm::Name& /*flow*/) noexcept { return FlowStatus::programmed_; }
-constexpr GroupStatus held(GroupId /*group*/) noexcept { return GroupStatus::ready_; }
-constexpr FlowStatus full(const Korm::Name& /*flow*/) noexcept { return FlowStatus::hardwareFull_; }
-constexpr GroupStatus full(GroupId /*group*/) noexcept { return GroupStatus::hardwareFull_; }
+// Flows and groups are published alike; these name what differs.
+template <class Stats>
+struct Verdicts;
+template <>
+struct Verdicts<FlowStats> {
+  static constexpr FlowStatus held = FlowStatus::programmed_;
+  static constexpr FlowStatus full = FlowStatus::hardwareFull_;
+};
+template <>
+struct Verdicts<GroupStats> {
+  static constexpr GroupStatus held = GroupStatus::ready_;
+  static constexpr GroupStatus full = GroupStatus::hardwareFull_;
+};
 
-const FlowStats* find(const HwStatus& status, const Korm::Name& flow) {
-  return status.flowStats(flow);
+FlowStats* find(HwStatus& status, const Korm::HashedName& flow) { return status.flowStats(flow); }
+GroupStats* find(HwStatus& status, GroupId group) { return status.groupStats(group); }
+void add(HwStatus& status, const Korm::HashedName& flow, FlowStatus value) {
+  status.flowStatsIs(flow, value);
 }
-const GroupStats* find(const HwStatus& status, GroupId group) { return status.groupStats(group); }
-FlowStats& obtain(HwStatus& status, const Korm::Name& flow, FlowStatus value) {
-  return status.flowStatsIs(flow, value);
-}
-GroupStats& obtain(HwStatus& status, GroupId group, GroupStatus value) {
-  return status.groupStatsIs(group, value);
-}
-bool drop(HwStatus& status, const Korm::Name& flow) { return status.flowStatsDel(flow); }
+void add(HwStatus& status, GroupId group, GroupStatus value) { status.groupStatsIs(group, value); }
+bool drop(HwStatus& status, const Korm::HashedName& flow) { return status.flowStatsDel(flow); }
 bool drop(HwStatus& status, GroupId group) { return status.groupStatsDel(group); }
 
 // Whether the hardware holds what these statistics, perhaps null, are of.
-template <class Stats, class Key>
-bool holds(const Stats* stats, const Key& key) {
-  return stats != nullptr && stats->status() == held(key);
+template <class Stats>
+bool holds(const Stats* stats) {
+  return stats != nullptr && stats->status() == Verdicts<Stats>::held;
 }
 
 double newerThan(double count) {
@@ -51,30 +58,31 @@ double newerThan(double count) {
 
 // `present` are the key's statistics, perhaps null, and `used` is how much room its kind takes.
 template <class Stats, class Key, class Status>
-void publish(HwStatus& status, std::size_t& used, const Stats* present, const Key& key,
-             Status value) {
-  used -= holds(present, key) ? 1U : 0U;
-  used += value == held(key) ? 1U : 0U;
-  auto& stats = obtain(status, key, value);
-  if (present != nullptr) {
-    stats.statusIs(value);
-    stats.changeCountIs(newerThan(stats.changeCount()));
+void publish(HwStatus& status, std::size_t& used, Stats* present, const Key& key, Status value) {
+  used -= holds(present) ? 1U : 0U;
+  used += value == Verdicts<Stats>::held ? 1U : 0U;
+  if (present == nullptr) {
+    add(status, key, value);
+    return;
   }
+  present->statusIs(value);
+  present->changeCountIs(newerThan(present->changeCount()));
 }
 
 template <class Key>
 bool withdraw(HwStatus& status, std::size_t& used, const Key& key) {
   const auto* const present = find(status, key);
-  used -= holds(present, key) ? 1U : 0U;
+  used -= holds(present) ? 1U : 0U;
   return present != nullptr && drop(status, key);
 }
 
 // Gives room to a key that has it already or finds some.
 template <class Side, class Key>
 void program(HwStatus& status, Side& side, const Key& key) {
-  const auto* const present = find(status, key);
-  const bool room = holds(present, key) || !side.capacity.has_value() || side.used < *side.capacity;
-  publish(status, side.used, present, key, room ? held(key) : full(key));
+  auto* const present = find(status, key);
+  using Outcome = Verdicts<std::remove_pointer_t<decltype(find(status, key))>>;
+  const bool room = holds(present) || !side.capacity.has_value() || side.used < *side.capacity;
+  publish(status, side.used, present, key, room ? Outcome::held : Outcome::full);
 }
 
 Korm::Name nameInUnit(const Korm::Name& flow) { return flow + Korm::Name{HwAgent::unitSuffix}; }
@@ -115,8 +123,9 @@ void HwAgent::automaticIs(bool automatic) {
 }
 
 void HwAgent::handleFlow(const Korm::Name& name) {
-  if (flows_.queued.tryEmplace(name).second) {
-    queue_.push_back({.flow = name});
+  const Korm::HashedName hashed{name};
+  if (flows_.queued.tryEmplaceHashed(hashed.hash(), name).second) {
+    queue_.push_back({.flow = name, .flowHash = hashed.hash()});
     schedule();
   }
 }
@@ -144,23 +153,41 @@ void HwAgent::schedule() {
   });
 }
 
+// Pass by pass: a pass reads what the one before has asked for.
+void HwAgent::expectNext() const {
+  const auto next =
+      std::span{queue_}.subspan(next_, std::min<std::size_t>(updatesAhead, waiting()));
+  for (const Waiting& waiting : next) {
+    status_->flowStatsExpected(waiting.flowHash);
+  }
+  for (const Waiting& waiting : next) {
+    status_->flowStatsExpectedSoon(waiting.flowHash);
+  }
+  for (const Waiting& waiting : next) {
+    status_->flowStatsReactorsExpected(waiting.flowHash);
+  }
+}
+
 void HwAgent::run() {
   while (next_ < queue_.size()) {
+    if (next_ % updatesAhead == 0) {
+      expectNext();
+    }
     // The reactors to what is published may queue more, and the queue may move.
     const Waiting waiting = std::move(queue_[next_++]);
     if (waiting.isGroup) {
       groups_.queued.erase(waiting.group);
       programGroup(waiting.group);
     } else {
-      flows_.queued.erase(waiting.flow);
-      programFlow(waiting.flow);
+      flows_.queued.erase(waiting.flow, waiting.flowHash);
+      programFlow({waiting.flow, waiting.flowHash});
     }
   }
   queue_.clear();
   next_ = 0;
 }
 
-void HwAgent::programFlow(const Korm::Name& name) {
+void HwAgent::programFlow(const Korm::HashedName& name) {
   if (config_->flowEntry(name) != nullptr) {
     program(*status_, flows_, name);
     return;
@@ -168,7 +195,7 @@ void HwAgent::programFlow(const Korm::Name& name) {
   if (!withdraw(*status_, flows_.used, name)) {
     answerDelete(name);
   } else if (!published_) {
-    unanswered_.push_back(name);
+    unanswered_.emplace_back(name.text());
   }
 }
 
@@ -182,9 +209,9 @@ void HwAgent::programGroup(GroupId id) {
 }
 
 // For a flow of which nobody sees a status that could be withdrawn.
-void HwAgent::answerDelete(const Korm::Name& name) {
+void HwAgent::answerDelete(const Korm::HashedName& name) {
   if (!published_) {
-    unanswered_.push_back(name);
+    unanswered_.emplace_back(name.text());
     return;
   }
   status_->flowStatsIs(name, FlowStatus::pending_);
@@ -192,7 +219,8 @@ void HwAgent::answerDelete(const Korm::Name& name) {
 }
 
 void HwAgent::flowStatusIs(const Korm::Name& name, FlowStatus status) {
-  publish(*status_, flows_.used, find(*status_, name), name, status);
+  const Korm::HashedName hashed{name};
+  publish(*status_, flows_.used, find(*status_, hashed), hashed, status);
 }
 
 void HwAgent::groupStatusIs(GroupId id, GroupStatus status) {
@@ -200,7 +228,7 @@ void HwAgent::groupStatusIs(GroupId id, GroupStatus status) {
 }
 
 bool HwAgent::flowStatusDel(const Korm::Name& name) {
-  return withdraw(*status_, flows_.used, name);
+  return withdraw(*status_, flows_.used, Korm::HashedName{name});
 }
 
 bool HwAgent::groupStatusDel(GroupId id) { return withdraw(*status_, groups_.used, id); }
@@ -296,8 +324,8 @@ void HwAgent::verify() const {
   Korm::assertTrue(flows_.queued.size() + groups_.queued.size() == waiting(),
                    "each flow or group waits once");
   const auto programmed = [](const auto& all) {
-    return static_cast<std::size_t>(std::count_if(
-        all.begin(), all.end(), [](const auto& one) { return holds(&one.value, one.key); }));
+    return static_cast<std::size_t>(
+        std::count_if(all.begin(), all.end(), [](const auto& one) { return holds(&one.value); }));
   };
   Korm::assertTrue(programmed(status_->flowStats()) == flows_.used, "flows take their room");
   Korm::assertTrue(programmed(status_->groupStats()) == groups_.used, "groups take their room");

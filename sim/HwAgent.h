@@ -135,6 +135,7 @@ class HwAgent {
   struct Waiting {
     Korm::Name flow;  // unless isGroup
     GroupId group = 0;
+    std::uint32_t flowHash = 0;  // of the flow's name
     bool isGroup = false;
   };
   struct Nothing {};
@@ -154,9 +155,11 @@ class HwAgent {
   void handleCounterPoll();
   void schedule();
 
-  void programFlow(const Korm::Name& name);
+  // Asks memory for what programming the next ones will need.
+  void expectNext() const;
+  void programFlow(const Korm::HashedName& name);
   void programGroup(GroupId id);
-  void answerDelete(const Korm::Name& name);
+  void answerDelete(const Korm::HashedName& name);
 
   // Added when it is not there.
   OpenFlowTable::HwStatus& unit(const Korm::Name& name);

@@ -1,7 +1,9 @@
 #include "sim/RowWriter.h"
 
+#include <array>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "Ostra/OstraSm.h"
 #include "platform/Korm/Exceptions.h"
@@ -33,15 +35,11 @@ struct RowWriter::FlowRows {
   void removed(const Record& /*row*/) const {}
   // The handle under which the library knows the key, if it is another than the row's.
   [[nodiscard]] EntryHandle alias(const Record& row) const {
-    if (writer.library_ == nullptr) {
+    const Ostra::OstraSm* const machine = writer.machine(index);
+    if (machine == nullptr) {
       return {};
     }
-    const auto& machines = writer.library_->ostraSmColl();
-    const auto machine = machines.find(index);
-    if (machine == machines.end()) {
-      return {};
-    }
-    const EntryHandle known{machine->second->flowKeyToEntryHandle(row.flowKey).value_or(0)};
+    const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey).value_or(0)};
     return known == row.entryHandle ? EntryHandle{} : known;
   }
 
@@ -92,6 +90,51 @@ struct RowWriter::GroupRows {
 
   RowWriter& writer;
 };
+
+const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
+  if (library_ == nullptr) {
+    return nullptr;
+  }
+  const auto found = library_->ostraSmColl().find(table);
+  return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
+}
+
+// Pass by pass, each over all flows: a pass reads what the one before has asked for.
+void RowWriter::expect(std::span<const Update> updates) const {
+  struct Flow {
+    const Vasta::Table<Ostra::OstraConfigEntry>* table;
+    std::uint32_t hash;
+    EntryHandle handle;
+  };
+  std::vector<Flow> flows;
+  std::array<std::vector<const Ostra::OstraKey*>, flowTables> keys;
+  for (const Update& update : updates) {
+    if (update.kind() == Kind::flow_ && update.table() < flowTables) {
+      const Ostra::OstraKey& key = update.flow().flowKey;
+      const auto& table = objects_.flowTable(update.table()).table();
+      flows.push_back({&table, table.hashOf(key), {}});
+      keys[update.table()].push_back(&key);
+      table.prefetchIndex(flows.back().hash);
+    }
+  }
+  for (const Flow& flow : flows) {
+    flow.table->prefetchRow(flow.hash, Vasta::TableWriter::Purpose::writing_);
+  }
+  for (std::uint8_t table = 0; table < flowTables; ++table) {
+    if (const Ostra::OstraSm* const library = keys[table].empty() ? nullptr : machine(table)) {
+      library->flowConfigExpected(keys[table]);
+    }
+  }
+  for (Flow& flow : flows) {
+    if (const Ostra::OstraConfigEntry* const stored = flow.table->likely(flow.hash)) {
+      flow.handle = stored->entryHandle;
+      transactions_.rowExpected(flow.handle);
+    }
+  }
+  for (const Flow& flow : flows) {
+    transactions_.rowExpectedSoon(flow.handle);
+  }
+}
 
 void RowWriter::apply(const Update& update) {
   const Op op = update.op();
@@ -148,7 +191,7 @@ void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& give
     return;
   }
   transactions_.enter(result, rows.alias(*stored));
-  perform([&] { table.table().del(given.key(), nullptr); });
+  perform([&] { table.table().del(given.key(), hash, nullptr); });
   rows.removed(given);  // not before: the library finds the handle by the id to acknowledge
 }
 

@@ -105,8 +105,13 @@ void Service::stop() {
 std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
   transactions_->begin(batch.size(), running());
-  for (const Update& update : batch) {
-    writer.apply(update);
+  for (std::span<const Update> rest = batch; !rest.empty();) {
+    const auto next = rest.first(std::min(updatesAhead, rest.size()));
+    writer.expect(next);
+    for (const Update& update : next) {
+      writer.apply(update);
+    }
+    rest = rest.subspan(next.size());
   }
   settle();
   return transactions_->finish();

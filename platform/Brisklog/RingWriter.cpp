@@ -11,11 +11,16 @@
 #include <string>
 
 #include "platform/Korm/Clock.h"
+#include "platform/Korm/Hash.h"
+#include "platform/Korm/Prefetch.h"
 
 namespace Brisklog::detail {
 namespace {
 
 constinit std::atomic<std::uint32_t> lastGeneration{0};
+
+// How far ahead the ring is asked for, being larger than the caches near the processor.
+constexpr Word recordsAhead = 8;
 
 Word newInstance() noexcept {
   timespec now{};
@@ -29,13 +34,13 @@ Word textWords(std::size_t bytes) noexcept { return (bytes + sizeof(Word) - 1) /
 
 // The bytes as words, the last one filled up with zeros.
 Word* storeWords(Word* next, const char* bytes, std::size_t size) noexcept {
-  for (; size > 0; ++next) {
-    const std::size_t part = std::min(size, sizeof(Word));
+  for (; size >= sizeof(Word); size -= sizeof(Word), bytes += sizeof(Word)) {
     Word word = 0;
-    std::memcpy(&word, bytes, part);
-    storeShared(*next, word);
-    bytes += part;
-    size -= part;
+    std::memcpy(&word, bytes, sizeof(Word));
+    storeShared(*next++, word);
+  }
+  if (size > 0) {
+    storeShared(*next++, Korm::loadPart(bytes, size));
   }
   return next;
 }
@@ -78,7 +83,7 @@ ClaimedRecord RingWriter::claim() noexcept {
                                                 std::memory_order_acq_rel,
                                                 std::memory_order_relaxed)) {
       storeShared(header[headWord], ticket + 1);
-      __builtin_prefetch(records + ((ticket + 1) & ticketMask) * recordWords, 1);
+      Korm::prefetch(records + ((ticket + recordsAhead) & ticketMask) * recordWords);
       return {.words = slot, .complete = sequenceComplete(ticket)};
     }
   }
@@ -140,12 +145,10 @@ std::uint32_t RingWriter::enter(const TracePoint& point) noexcept {
 Word* storeBytes(Word* next, const Word* end, const void* data, std::size_t size) noexcept {
   const std::size_t room = static_cast<std::size_t>(end - next) * sizeof(Word) - 1;
   const std::size_t stored = std::min(size, room);
-  std::array<char, payloadWords * sizeof(Word)> buffer;
-  buffer[0] = static_cast<char>(stored | (stored < size ? cutMark : 0));
-  if (stored > 0) {
-    std::memcpy(buffer.data() + 1, data, stored);
-  }
-  return storeWords(next, buffer.data(), stored + 1);
+  const std::size_t beside = std::min(stored, sizeof(Word) - 1);  // the length, in the first word
+  const auto* const bytes = static_cast<const char*>(data);
+  storeShared(*next, stored | (stored < size ? cutMark : 0) | Korm::loadPart(bytes, beside) << 8U);
+  return storeWords(next + 1, bytes + beside, stored - beside);
 }
 
 }  // namespace Brisklog::detail

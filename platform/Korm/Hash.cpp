@@ -17,9 +17,9 @@ std::uint64_t fold(std::uint64_t a, std::uint64_t b) noexcept {
   return static_cast<std::uint64_t>(product) ^ static_cast<std::uint64_t>(product >> 64);
 }
 
-std::uint64_t load(const unsigned char* at, std::size_t size = sizeof(std::uint64_t)) noexcept {
+std::uint64_t load(const unsigned char* at) noexcept {
   std::uint64_t word = 0;
-  std::memcpy(&word, at, size);
+  std::memcpy(&word, at, sizeof(word));
   return word;
 }
 
@@ -46,7 +46,7 @@ std::uint64_t hashBytes(const void* data, std::size_t size, std::uint64_t seed) 
     at += 8;
   }
   if (left > 0) {
-    first = fold(load(at, left) ^ laneA, first ^ laneB);
+    first = fold(loadPart(at, left) ^ laneA, first ^ laneB);
   }
   return fold(first ^ laneB, second ^ laneC);
 }

@@ -4,9 +4,11 @@
 // stored for longer.
 #pragma once
 
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -47,5 +49,40 @@ struct Hash<std::string> {
     return static_cast<std::uint32_t>(hashBytes(text.data(), text.size(), 0) >> 32);
   }
 };
+
+// A name with its hash, for a caller that looks it up several times. Refers to the text.
+class HashedName {
+ public:
+  template <class Text>
+    requires std::convertible_to<const Text&, std::string_view> HashedName(const Text& text)
+  noexcept : HashedName{text, Hash<std::string>{}(text)} {}
+  // `hash` is that of the name in a collection keyed by names.
+  HashedName(std::string_view text, std::uint32_t hash) noexcept : text_{text}, hash_{hash} {}
+
+  [[nodiscard]] std::string_view text() const noexcept { return text_; }
+  [[nodiscard]] std::uint32_t hash() const noexcept { return hash_; }
+
+ private:
+  std::string_view text_;
+  std::uint32_t hash_;
+};
+
+// Up to seven bytes as the low bytes of a word.
+static_assert(std::endian::native == std::endian::little);
+[[nodiscard]] inline std::uint64_t loadPart(const void* data, std::size_t size) noexcept {
+  const auto* const at = static_cast<const unsigned char*>(data);
+  if (size >= 4) {
+    std::uint32_t low = 0;
+    std::uint32_t high = 0;
+    std::memcpy(&low, at, sizeof(low));
+    std::memcpy(&high, at + size - 4, sizeof(high));
+    return low | std::uint64_t{high} << (8 * (size - 4));
+  }
+  std::uint64_t word = 0;
+  for (std::size_t i = 0; i < size; ++i) {
+    word |= std::uint64_t{at[i]} << (8 * i);
+  }
+  return word;
+}
 
 }  // namespace Korm

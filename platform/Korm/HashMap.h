@@ -28,6 +28,7 @@
 
 #include "platform/Korm/Exceptions.h"
 #include "platform/Korm/Hash.h"
+#include "platform/Korm/Prefetch.h"
 
 namespace Korm {
 
@@ -62,7 +63,7 @@ class HashIndex {
   // Asks for the first word that find() will read.
   void prefetch(std::uint32_t hash) const noexcept {
     if (!directory_.empty()) {
-      __builtin_prefetch(segment(hash) + (hash & mask_));
+      Korm::prefetch(segment(hash) + (hash & mask_));
     }
   }
   // The slot that find() most likely ends at, or `none`.
@@ -156,12 +157,13 @@ class HashMap {
   void prefetchIndex(std::uint32_t hash) const noexcept { index_.prefetch(hash); }
   void prefetchElement(std::uint32_t hash) const noexcept {
     if (const std::uint32_t slot = index_.likely(hash); slot != HashIndex::none) {
-      constexpr std::size_t line = 64;
-      const auto* const at = reinterpret_cast<const std::byte*>(&node(slot));
-      for (std::size_t offset = 0; offset < sizeof(Node); offset += line) {
-        __builtin_prefetch(at + offset);
-      }
+      prefetch(&node(slot), sizeof(Node));
     }
+  }
+  // The element that a look-up with this hash most likely ends at, or null. For hints only.
+  [[nodiscard]] const Entry* likely(std::uint32_t hash) const noexcept {
+    const std::uint32_t slot = index_.likely(hash);
+    return slot == HashIndex::none ? nullptr : &node(slot).entry();
   }
 
   // The element with this key, made from `args` if there is none; true when it was made.
@@ -318,6 +320,9 @@ class HashMap {
     if (freeList_ != noFree) {
       const std::uint32_t slot = freeList_;
       freeList_ = node(slot).state;
+      if (freeList_ != noFree) {
+        prefetch(&node(freeList_), sizeof(Node));  // for the next element
+      }
       return slot;
     }
     const std::uint32_t place = slots_ + firstChunk;

@@ -13,6 +13,8 @@
 #include <exception>
 #include <utility>
 
+#include "platform/Korm/Prefetch.h"
+
 namespace Korm {
 
 class NotifieeListBase;
@@ -55,6 +57,8 @@ class NotifieeListBase {
   ~NotifieeListBase();
 
   [[nodiscard]] bool empty() const noexcept { return first_ == nullptr; }
+  // Asks memory for the first reactor.
+  void prefetch() const noexcept { Korm::prefetch(first_, sizeof(Reactor)); }
 
  protected:
   void attachReactor(Reactor& reactor) noexcept;

@@ -8,12 +8,12 @@ void GroupEntry::changeCountIs(double count) {
   config_.groupEntryNotifiees().notify(id);
 }
 
-FlowEntry& FlowHwConfig::flowEntryIs(const Korm::Name& name, const Match& match,
+FlowEntry& FlowHwConfig::flowEntryIs(const Korm::HashedName& name, const Match& match,
                                      const Actions& actions, Priority priority,
                                      PriorityGroupType priorityGroupType, TableType tableType,
                                      std::uint64_t cookie, double idleTimeout, double hardTimeout,
                                      bool sendFlowRemoved, bool persistent) {
-  FlowEntry& flow = flows_.tryEmplace(name).first.value;
+  FlowEntry& flow = flows_.tryEmplaceHashed(name.hash(), name.text()).first.value;
   flow.match_ = match;
   flow.actions_ = actions;
   flow.priority_ = priority;
@@ -25,15 +25,15 @@ FlowEntry& FlowHwConfig::flowEntryIs(const Korm::Name& name, const Match& match,
   flow.sendFlowRemoved_ = sendFlowRemoved;
   flow.persistent_ = persistent;
   if (!flowNotifiees_.empty()) {
-    const Korm::Name copy = name;  // `name` may be the key of a flow that a reactor deletes
+    const Korm::Name copy{name.text()};  // it may be the key of a flow that a reactor deletes
     flowNotifiees_.notify(copy);
   }
   return flow;
 }
 
-bool FlowHwConfig::flowEntryDel(const Korm::Name& name) {
-  const Korm::Name copy = name;  // `name` may be the key of the flow that goes
-  if (!flows_.erase(copy)) {
+bool FlowHwConfig::flowEntryDel(const Korm::HashedName& name) {
+  const Korm::Name copy{name.text()};  // it may be the key of the flow that goes
+  if (!flows_.erase(copy, name.hash())) {
     return false;
   }
   flowNotifiees_.notify(copy);

@@ -109,23 +109,21 @@ class FlowHwConfig : public Korm::NamedEntity {
   // `cookie` is opaque to the switch; the timeouts are seconds of idleness and of life after which the
   // hardware withdraws the flow, 0 for never; `sendFlowRemoved` asks to be told when it does;
   // `persistent` keeps the flow when its writer restarts.
-  FlowEntry& flowEntryIs(const Korm::Name& name, const Match& match, const Actions& actions,
+  FlowEntry& flowEntryIs(const Korm::HashedName& name, const Match& match, const Actions& actions,
                          Priority priority, PriorityGroupType priorityGroupType,
                          TableType tableType, std::uint64_t cookie, double idleTimeout,
                          double hardTimeout, bool sendFlowRemoved, bool persistent);
   // Whether there was such a flow; only then are the reactors told.
-  bool flowEntryDel(const Korm::Name& name);
-  [[nodiscard]] const FlowEntry* flowEntry(const Korm::Name& name) const noexcept {
-    const auto* const found = flows_.find(name);
+  bool flowEntryDel(const Korm::HashedName& name);
+  [[nodiscard]] const FlowEntry* flowEntry(const Korm::HashedName& name) const noexcept {
+    const auto* const found = flows_.find(name.text(), name.hash());
     return found == nullptr ? nullptr : &found->value;
   }
-  // Hints, in this order, that the flow of that name is about to be looked up or written: for a caller with
-  // other work to do between. They change nothing.
-  void flowEntryExpected(const Korm::Name& name) const noexcept {
-    flows_.prefetchIndex(Flows::hash(name));
-  }
-  void flowEntryExpectedSoon(const Korm::Name& name) const noexcept {
-    flows_.prefetchElement(Flows::hash(name));
+  // Hints, in this order, that the flow whose name has that hash is about to be looked up or written: for a
+  // caller with other work to do between. They change nothing.
+  void flowEntryExpected(std::uint32_t nameHash) const noexcept { flows_.prefetchIndex(nameHash); }
+  void flowEntryExpectedSoon(std::uint32_t nameHash) const noexcept {
+    flows_.prefetchElement(nameHash);
   }
   // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
   [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_; }

@@ -2,18 +2,19 @@
 
 namespace OpenFlowTable {
 
-FlowStats& HwStatus::flowStatsIs(const Korm::Name& name, FlowStatus status) {
-  const auto [entry, created] = flows_.tryEmplace(name, name, status);
+FlowStats& HwStatus::flowStatsIs(const Korm::HashedName& name, FlowStatus status) {
+  const auto [entry, created] =
+      flows_.tryEmplaceHashed(name.hash(), name.text(), Korm::Name{name.text()}, status);
   if (created && !flowNotifiees_.empty()) {
-    const Korm::Name copy = name;
+    const Korm::Name copy{name.text()};
     flowNotifiees_.notify(copy);
   }
   return entry.value;
 }
 
-bool HwStatus::flowStatsDel(const Korm::Name& name) {
-  const Korm::Name copy = name;  // `name` may be that of the statistics that go
-  if (!flows_.erase(copy)) {
+bool HwStatus::flowStatsDel(const Korm::HashedName& name) {
+  const Korm::Name copy{name.text()};  // it may be that of the statistics that go
+  if (!flows_.erase(copy, name.hash())) {
     return false;
   }
   flowNotifiees_.notify(copy);

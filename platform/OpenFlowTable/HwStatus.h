@@ -84,12 +84,26 @@ class HwStatus final : public Korm::NamedEntity {
   // The statistics of a flow, made with `status` if they are not there. The reactors are told the name
   // of new ones; those that are there are returned as they are. What is returned is gone if a reactor has
   // deleted it by then.
-  FlowStats& flowStatsIs(const Korm::Name& name, FlowStatus status = FlowStatus::pending_);
-  bool flowStatsDel(const Korm::Name& name);
-  template <class N>
-  [[nodiscard]] const FlowStats* flowStats(const N& name) const noexcept {
-    const auto* const found = flows_.find(name);
+  FlowStats& flowStatsIs(const Korm::HashedName& name, FlowStatus status = FlowStatus::pending_);
+  bool flowStatsDel(const Korm::HashedName& name);
+  [[nodiscard]] const FlowStats* flowStats(const Korm::HashedName& name) const noexcept {
+    const auto* const found = flows_.find(name.text(), name.hash());
     return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] FlowStats* flowStats(const Korm::HashedName& name) noexcept {
+    auto* const found = flows_.find(name.text(), name.hash());
+    return found == nullptr ? nullptr : &found->value;
+  }
+  // Hints, in this order, that the statistics of the flow whose name has that hash are about to be looked up
+  // and changed: for a caller with other work to do between. They change nothing.
+  void flowStatsExpected(std::uint32_t nameHash) const noexcept { flows_.prefetchIndex(nameHash); }
+  void flowStatsExpectedSoon(std::uint32_t nameHash) const noexcept {
+    flows_.prefetchElement(nameHash);
+  }
+  void flowStatsReactorsExpected(std::uint32_t nameHash) const noexcept {
+    if (const auto* const stats = flows_.likely(nameHash)) {
+      stats->value.statusNotifiees().prefetch();
+    }
   }
   [[nodiscard]] const Flows& flowStats() const noexcept { return flows_; }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowStatsNotifiees() const noexcept {
@@ -100,6 +114,10 @@ class HwStatus final : public Korm::NamedEntity {
   bool groupStatsDel(GroupId id);
   [[nodiscard]] const GroupStats* groupStats(GroupId id) const noexcept {
     const auto* const found = groups_.find(id);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] GroupStats* groupStats(GroupId id) noexcept {
+    auto* const found = groups_.find(id);
     return found == nullptr ? nullptr : &found->value;
   }
   [[nodiscard]] const Groups& groupStats() const noexcept { return groups_; }

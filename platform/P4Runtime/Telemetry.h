@@ -30,8 +30,11 @@ class Telemetry final : public Korm::Entity {
     double time = 0;  // seconds since the epoch
   };
 
-  void newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
-    stamps_[total_++ % capacity] = {handle, type, Korm::currentTime()};
+  // The time that it took.
+  double newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
+    const double now = Korm::currentTime();
+    stamps_[total_++ % capacity] = {handle, type, now};
+    return now;
   }
   // How many have ever been taken.
   [[nodiscard]] std::uint64_t total() const noexcept { return total_; }

@@ -5,14 +5,14 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/Korm/Prefetch.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Vasta {
 namespace {
 
-constexpr std::size_t cacheLineWords = 8;
-// Of each cell: the processor follows by itself from there.
-constexpr std::size_t longestPrefetch = 8 * cacheLineWords;
+// Bytes of each cell: the processor follows by itself from there.
+constexpr std::size_t longestPrefetch = 512;
 
 std::shared_ptr<Segment> openHeader(SegmentSource& source, const RecordLayout* layout) {
   std::shared_ptr<Segment> header = source.header();
@@ -45,7 +45,7 @@ TableReader::TableReader(std::shared_ptr<SegmentSource> source, const RecordLayo
     : source_{std::move(source)},
       header_{openHeader(*source_, layout)},
       geometry_{geometryOf(*header_)},
-      prefetchedWords_{std::min<std::size_t>(geometry_.cellWords, longestPrefetch)},
+      prefetchedBytes_{std::min(geometry_.cellWords * wordSize, longestPrefetch)},
       cell_(geometry_.cellWords) {
   attachRows();
   refreshIndex();
@@ -91,10 +91,8 @@ bool TableReader::refreshIndex() {
 // To wait for the version before the cell is fetched would cost a second trip to memory.
 void TableReader::prefetch(std::uint32_t row) const {
   const auto* words = rowWords(row);
-  for (std::size_t word = 0; word < prefetchedWords_; word += cacheLineWords) {
-    __builtin_prefetch(words + word);
-    __builtin_prefetch(words + geometry_.secondCell + word);
-  }
+  Korm::prefetch(words, prefetchedBytes_);
+  Korm::prefetch(words + geometry_.secondCell, prefetchedBytes_);
 }
 
 const std::uint64_t* TableReader::rowWords(std::uint32_t row) const {

@@ -113,7 +113,7 @@ class TableReader {
   const std::shared_ptr<SegmentSource> source_;
   const std::shared_ptr<Segment> header_;
   const RowGeometry geometry_;
-  const std::size_t prefetchedWords_;
+  const std::size_t prefetchedBytes_;
   std::shared_ptr<Segment> rows_;
   // The reader's thread.
   std::shared_ptr<Segment> index_;

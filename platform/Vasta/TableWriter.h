@@ -69,6 +69,16 @@ class TableWriter {
   // second next change of the same record; its key's row is reused after a removal. Throws Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
 
+  // Hints ahead of find(), is() or del() by a caller with other work to do between. The first asks memory
+  // for the index, the second, once that may have come, for the row. They change nothing.
+  enum class Purpose { looking_, writing_ };
+  void prefetchIndex(std::uint32_t hash) const noexcept { index_->prefetch(hash); }
+  void prefetchRow(std::uint32_t hash, Purpose purpose) const noexcept;
+  // The record that find() most likely gives, not checked for anything, or null. For further hints only.
+  [[nodiscard]] const std::byte* likely(std::uint32_t hash) const noexcept;
+  // The same for next().
+  [[nodiscard]] const std::byte* peek(Hint& hint) const noexcept;
+
   // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that. Throws
   // std::system_error when memory runs out.
   void is(const std::byte* record, std::uint32_t hash);
@@ -149,8 +159,10 @@ class TableWriter {
   [[nodiscard]] Corruption corruptionOf(std::uint32_t row) const;
   [[nodiscard]] RowState inspect(std::uint32_t row) const noexcept;
   void requireIntact(std::uint32_t row) const;
-  void prefetch(std::uint32_t row) const noexcept;
-  [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash) const;
+  void prefetch(std::uint32_t row, Purpose purpose) const noexcept;
+  [[nodiscard]] std::optional<IndexPosition> firstWith(std::uint32_t hash) const noexcept;
+  [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash,
+                                                    Purpose purpose) const;
   [[nodiscard]] bool hasKey(std::uint32_t row, const void* key) const noexcept;
 
   [[nodiscard]] std::uint32_t takeRow();

@@ -68,7 +68,7 @@ std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
     return name + " is newer than the latest change";
   }
   if (state == RowState::live_) {
-    const auto position = locate(keyOf(row), layout_.hashOfKey(keyOf(row)));
+    const auto position = locate(keyOf(row), layout_.hashOfKey(keyOf(row)), Purpose::looking_);
     if (!position || position->row != row) {
       return name + (position ? " has the same key as row " + std::to_string(position->row)
                               : " is not in the index");
