@@ -1,5 +1,8 @@
 #include "Ostra/OstraCounter.h"
 
+#include <array>
+#include <span>
+
 #include "Ostra/FlowUtil.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 
@@ -15,16 +18,29 @@ FlowDirectCounterImpl::FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir) : dir_{st
   Korm::assertTrue(static_cast<bool>(dir_), "a counter reader has a directory to read");
 }
 
+// Some units at a time, pass by pass, so that memory is asked for what all of them need at once.
 P4Runtime::P4CounterData FlowDirectCounterImpl::getCounters(std::uint64_t entryId) const {
-  using OpenFlowTable::HwStatus;
   P4Runtime::P4CounterData sum;
-  const Korm::Name flow = buildFlowName(entryId) + owner;
-  const auto hash = HwStatus::Flows::hash(flow);
-  for (const auto& [name, entity] : dir_->entities()) {
-    if (const auto* const status = dynamic_cast<const HwStatus*>(entity.get())) {
-      if (const auto* const found = status->flowStats().find(flow, hash)) {
-        sum.packets += found->value.packets();
-        sum.bytes += found->value.bytes();
+  const Korm::Name name = buildFlowName(entryId) + owner;
+  const Korm::HashedName flow{name};
+  const auto& entities = dir_->entities();
+  for (auto entity = entities.begin(); entity != entities.end();) {
+    std::array<const OpenFlowTable::HwStatus*, 16> units;
+    std::size_t count = 0;
+    for (; entity != entities.end() && count < units.size(); ++entity) {
+      units[count] = dynamic_cast<const OpenFlowTable::HwStatus*>(entity->second.get());
+      if (units[count] != nullptr) {
+        units[count++]->flowStatsExpected(flow.hash());
+      }
+    }
+    const auto some = std::span{units}.first(count);
+    for (const auto* const unit : some) {
+      unit->flowStatsExpectedSoon(flow.hash());
+    }
+    for (const auto* const unit : some) {
+      if (const auto* const stats = unit->flowStats(flow)) {
+        sum.packets += stats->packets();
+        sum.bytes += stats->bytes();
       }
     }
   }
