@@ -248,12 +248,14 @@ bool OstraEcmpGroupSm::canProgram(GroupId corvexId) const noexcept {
 
 void OstraEcmpGroupSm::validateGroup(const EcmpMemberList& row) const {
   for (const MemberOrGroupId memberId : row.memberIds()) {
-    if (groupEntry(memberGroupId(memberId)) == nullptr) {
+    const GroupEntry* const member = groupEntry(memberGroupId(memberId));
+    if (member == nullptr) {
       validationHelper_->throwEntryErrorException(
           row.entryHandle, ErrorCode::invalidArgument_,
           "Action profile group: " + std::to_string(row.groupId) + " member " +
               std::to_string(memberId) + " not found");
     }
+    member->bucketExpected();  // copyMemberBuckets() comes next
   }
 }
 
@@ -371,13 +373,13 @@ void OstraEcmpGroupSm::acknowledgeDelete(EntryHandle handle) const {
   }
 }
 
-// Whether a group is programmed is asked first: that is a hash look-up, the list a search.
+// The list is searched first: the walk has just read it, which it has not the group.
 void OstraEcmpGroupSm::maybeUpdateGroupOnMemberChange(MemberOrGroupId memberId) {
   traceMemberChange(memberId);
   walk(p4rtEcmpGroupTable_, [this, memberId](const EcmpMemberList& row) {
     const std::span memberIds = row.memberIds();
-    if (!memberIds.empty() && groupEntry(ecmpGroupId(row.groupId)) != nullptr &&
-        std::find(memberIds.begin(), memberIds.end(), memberId) != memberIds.end()) {
+    if (std::find(memberIds.begin(), memberIds.end(), memberId) != memberIds.end() &&
+        groupEntry(ecmpGroupId(row.groupId)) != nullptr) {
       handleEcmpGroup(row);
     }
   });

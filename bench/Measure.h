@@ -3,9 +3,12 @@
 
 #include <time.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
+#include <vector>
 
 #include <benchmark/benchmark.h>
 
@@ -33,6 +36,25 @@ void timeEach(benchmark::State& state, std::size_t operations, Work&& work) {
   const double start = processorTime();
   work();
   state.SetIterationTime((processorTime() - start) / static_cast<double>(operations));
+}
+
+// Reports the slowest of N operations that `run(timed)` makes, by timed(operation), always the same ones.
+// It runs three times, and each operation counts with its shortest time: a growth step comes at the same
+// operation every time, a stall of a virtual machine does not.
+template <class Run>
+void slowestOf(benchmark::State& state, std::size_t operations, Run&& run) {
+  std::vector<double> shortest(operations, std::numeric_limits<double>::infinity());
+  for (int pass = 0; pass < 3; ++pass) {
+    std::size_t next = 0;
+    run([&](auto&& operation) {
+      const double start = processorTime();
+      operation();
+      double& least = shortest.at(next++);
+      least = std::min(least, processorTime() - start);
+    });
+    require(next == operations, "every operation is timed");
+  }
+  state.SetIterationTime(*std::max_element(shortest.begin(), shortest.end()));
 }
 
 // Registers a benchmark at each size, with a number of passes that keeps the whole run short.

@@ -74,6 +74,8 @@ class GroupEntry {
   [[nodiscard]] double changeCount() const noexcept { return changeCount_; }
   [[nodiscard]] std::size_t buckets() const noexcept { return buckets_.size(); }
   [[nodiscard]] const std::vector<Bucket>& bucket() const noexcept { return buckets_; }
+  // A hint that the first bucket is about to be read.
+  void bucketExpected() const noexcept { Korm::prefetch(buckets_.data(), sizeof(Bucket)); }
 
   void groupTypeIs(GroupType type) noexcept { groupType_ = type; }
   // Keeps the memory of the buckets for those that follow.
