@@ -12,31 +12,31 @@ namespace {
 
 // A state machine over a table whose changes it is told one by one, by the benchmark.
 struct FlowSide {
-  explicit FlowSide(std::size_t count) : entries{makeEntries(count)}, sm{library.makeSm()} {
+  explicit FlowSide(std::size_t count, bool asksAhead = true)
+      : ahead{asksAhead}, entries{makeEntries(count)}, sm{library.makeSm()} {
     sm->hasNotificationActiveIs(false);
   }
 
-  // Has the service write rows with `write(entry)` and the library handle them, a block of a few at a
-  // time so that the clock is read seldom; returns the time of the library's part.
+  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64 that are
+  // asked for ahead or not; returns the time of the library's part.
   template <class Write>
   double run(Write write) {
-    constexpr std::size_t block = 64;
     double took = 0;
-    for (std::size_t done = 0; done < entries.size(); done += block) {
-      const auto now = std::span{entries}.subspan(done, std::min(block, entries.size() - done));
-      for (const auto& entry : now) {
+    forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
+      std::vector<const Ostra::OstraKey*> keys;
+      for (const auto& entry : batch) {
         write(entry);
+        keys.push_back(&entry.flowKey);
       }
-      std::array<const Ostra::OstraKey*, block> keys{};
-      std::transform(now.begin(), now.end(), keys.begin(),
-                     [](const auto& entry) { return &entry.flowKey; });
       const double start = processorTime();
-      sm->flowConfigExpected(std::span{keys}.first(now.size()));
-      for (const auto& entry : now) {
-        sm->handleFlowConfig(entry.flowKey);
+      if (ahead) {
+        sm->flowConfigExpected(keys);
+      }
+      for (const Ostra::OstraKey* const key : keys) {
+        sm->handleFlowConfig(*key);
       }
       took += processorTime() - start;
-    }
+    });
     return took / static_cast<double>(entries.size());
   }
   double writeAll() {
@@ -47,24 +47,25 @@ struct FlowSide {
   }
   [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
 
+  const bool ahead;
   Library library;
   std::vector<Ostra::OstraConfigEntry> entries;
   Korm::Ptr<Ostra::OstraSm> sm;
 };
 
-void flowInsert(benchmark::State& state) {
+void flowInsert(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count};
+    FlowSide side{count, ahead};
     state.SetIterationTime(side.writeAll());
     require(side.flows() == count, "every entry has its flow");
   }
 }
 
-void flowModify(benchmark::State& state) {
+void flowModify(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count};
+    FlowSide side{count, ahead};
     side.writeAll();
     for (auto& entry : side.entries) {
       entry.actions.setDscpIs(9, true);
@@ -77,10 +78,10 @@ void flowModify(benchmark::State& state) {
   }
 }
 
-void flowDelete(benchmark::State& state) {
+void flowDelete(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count};
+    FlowSide side{count, ahead};
     side.writeAll();
     shuffle(side.entries, 2);
     state.SetIterationTime(side.deleteAll());
@@ -198,9 +199,12 @@ void reconcile(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_FlowInsert", flowInsert);
-  registerSizes("BM_FlowModify", flowModify);
-  registerSizes("BM_FlowDelete", flowDelete);
+  registerSizes("BM_FlowInsert", [](auto& state) { flowInsert(state, true); });
+  registerSizes("BM_FlowInsertAlone", [](auto& state) { flowInsert(state, false); });
+  registerSizes("BM_FlowModify", [](auto& state) { flowModify(state, true); });
+  registerSizes("BM_FlowModifyAlone", [](auto& state) { flowModify(state, false); });
+  registerSizes("BM_FlowDelete", [](auto& state) { flowDelete(state, true); });
+  registerSizes("BM_FlowDeleteAlone", [](auto& state) { flowDelete(state, false); });
   registerWorst("BM_WorstInsert", worstInsert);
   for (const Refusal& refusal : refusals) {
     benchmark::RegisterBenchmark(

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <span>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -36,6 +37,16 @@ void timeEach(benchmark::State& state, std::size_t operations, Work&& work) {
   const double start = processorTime();
   work();
   state.SetIterationTime((processorTime() - start) / static_cast<double>(operations));
+}
+
+// Calls work(batch) for each batch of 64 of them, the last one perhaps smaller.
+template <class T, class Work>
+void forEachBlock(const std::vector<T>& all, Work&& work) {
+  for (std::span<const T> left{all}; !left.empty();) {
+    const auto batch = left.first(std::min<std::size_t>(64, left.size()));
+    work(batch);
+    left = left.subspan(batch.size());
+  }
 }
 
 // Reports the slowest of N operations that `run(timed)` makes, by timed(operation), always the same ones.

@@ -18,21 +18,40 @@ Vasta::TableOptions anonymous() {
   return options;
 }
 
+// Asks memory for the rows of these entries, as a service does that has a batch in its hands.
+void expect(const Table& table, std::span<const Ostra::OstraConfigEntry> batch,
+            Table::Purpose purpose) {
+  for (const auto& entry : batch) {
+    table.prefetchIndex(table.hashOf(entry.flowKey));
+  }
+  for (const auto& entry : batch) {
+    table.prefetchRow(table.hashOf(entry.flowKey), purpose);
+  }
+}
+
+// Writes all entries with table.is(), one by one or in batches that are asked for ahead.
+void writeAll(Table& table, const std::vector<Ostra::OstraConfigEntry>& entries, bool ahead) {
+  forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
+    if (ahead) {
+      expect(table, batch, Table::Purpose::writing_);
+    }
+    for (const auto& entry : batch) {
+      table.is(entry);
+    }
+  });
+}
+
 void tableInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   const auto entries = makeEntries(count);
   for (auto _ : state) {
     Table table{anonymous()};
-    timeEach(state, count, [&] {
-      for (const auto& entry : entries) {
-        table.is(entry);
-      }
-    });
+    timeEach(state, count, [&] { writeAll(table, entries, false); });
     require(table.size() == count, "every record is in the table");
   }
 }
 
-void tableOverwrite(benchmark::State& state) {
+void tableOverwrite(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   auto entries = makeEntries(count);
   Table table{anonymous()};
@@ -47,50 +66,54 @@ void tableOverwrite(benchmark::State& state) {
     for (auto& entry : entries) {
       entry.entryId = generation;
     }
-    timeEach(state, count, [&] {
-      for (const auto& entry : entries) {
-        table.is(entry);
-      }
-    });
+    timeEach(state, count, [&] { writeAll(table, entries, ahead); });
     const auto* const found = table.find(entries[count / 2].flowKey);
     require(found != nullptr && found->entryId == generation, "every record is overwritten");
   }
 }
 
-template <class Lookup>
-void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> entries,
-               Lookup lookup) {
+// Looks all records up with `lookup(key)`, which gives the entry id, after announce(batch) for each batch.
+template <class Lookup, class Announce>
+void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> entries, Lookup lookup,
+               Announce announce) {
   shuffle(entries, 2);
   for (auto _ : state) {
     std::uint64_t sum = 0;
     timeEach(state, entries.size(), [&] {
-      for (const auto& entry : entries) {
-        sum += lookup(entry.flowKey);
-      }
+      forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
+        announce(batch);
+        for (const auto& entry : batch) {
+          sum += lookup(entry.flowKey);
+        }
+      });
     });
     require(sum == entries.size() * (entries.size() + 1) / 2, "every record is found");
   }
 }
 
-void tableFind(benchmark::State& state) {
+void tableFind(benchmark::State& state, bool ahead) {
   const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
   Table table{anonymous()};
-  for (const auto& entry : entries) {
-    table.is(entry);
-  }
-  lookUpAll(state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; });
+  writeAll(table, entries, false);
+  lookUpAll(
+      state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; },
+      [&](std::span<const Ostra::OstraConfigEntry> batch) {
+        if (ahead) {
+          expect(table, batch, Table::Purpose::looking_);
+        }
+      });
 }
 
 void tableReaderCopy(benchmark::State& state) {
   const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
   Table table{anonymous()};
-  for (const auto& entry : entries) {
-    table.is(entry);
-  }
+  writeAll(table, entries, false);
   Vasta::Reader<Ostra::OstraConfigEntry> reader{table};
   Ostra::OstraConfigEntry copy;
-  lookUpAll(state, entries,
-            [&](const Ostra::OstraKey& key) { return reader.find(key, copy) ? copy.entryId : 0; });
+  lookUpAll(
+      state, entries,
+      [&](const Ostra::OstraKey& key) { return reader.find(key, copy) ? copy.entryId : 0; },
+      [](std::span<const Ostra::OstraConfigEntry> /*batch*/) {});
 }
 
 constinit Brisklog::TraceHandle traceHandle{"Bench"};
@@ -111,9 +134,11 @@ void traceTextOff(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_TableIs", tableOverwrite);
+  registerSizes("BM_TableIs", [](auto& state) { tableOverwrite(state, false); });
+  registerSizes("BM_TableIsAhead", [](auto& state) { tableOverwrite(state, true); });
   registerSizes("BM_TableInsert", tableInsert);
-  registerSizes("BM_TableFind", tableFind);
+  registerSizes("BM_TableFind", [](auto& state) { tableFind(state, false); });
+  registerSizes("BM_TableFindAhead", [](auto& state) { tableFind(state, true); });
   registerSizes("BM_TableReaderCopy", tableReaderCopy);
   benchmark::RegisterBenchmark("BM_TraceRing", traceRing);
   benchmark::RegisterBenchmark("BM_TraceTextOff", traceTextOff);

@@ -25,13 +25,11 @@ struct Switch {
 
   // The time of one write.
   double writeAll(Op op) {
-    constexpr std::size_t batchSize = 64;
     double took = 0;
     std::vector<Sim::Update> batch;
-    for (std::size_t done = 0; done < entries.size(); done += batchSize) {
+    forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> some) {
       batch.clear();
-      for (const auto& entry :
-           std::span{entries}.subspan(done, std::min(batchSize, entries.size() - done))) {
+      for (const auto& entry : some) {
         batch.push_back(Sim::Update::flow(op, 0, entry));
       }
       const double start = processorTime();
@@ -40,7 +38,7 @@ struct Switch {
       require(std::all_of(results.begin(), results.end(),
                           [](const Sim::Result& result) { return result.succeeded(); }),
               "every write succeeds");
-    }
+    });
     return took / static_cast<double>(entries.size());
   }
   [[nodiscard]] std::size_t flows() const { return service.hwConfig()->flowEntries().size(); }
