@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -10,7 +9,6 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
-#include <functional>
 #include <map>
 #include <ostream>
 #include <random>
@@ -20,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ChildProcess.h"
 #include "platform/Brisklog/Ring.h"
 #include "platform/Brisklog/RingReader.h"
 #include "platform/Brisklog/TextTrace.h"
@@ -92,9 +91,7 @@ class BrisklogTest : public testing::Test {
     return records.empty() ? DecodedRecord{} : records.front();
   }
 
-  static std::string shmName(const std::string& tag = "") {
-    return "/brisklog-test-" + std::to_string(::getpid()) + tag;
-  }
+  static std::string shmName() { return "/brisklog-test-" + std::to_string(::getpid()); }
 
   Strings texts_;
 };
@@ -106,12 +103,10 @@ TEST_F(BrisklogTest, TextAndRingSayTheSame) {
   pairPoint(true, false);
   pairPoint(std::int8_t{-128}, ~std::uint64_t{0});
   pairPoint(0.1, 1e300);
-  pairPoint(2.0F, -0.0);
   pairPoint("100%s sure", std::string("%s"));
   pairPoint(nothing, std::string_view());
   pairPoint(Shapes::Label{"x"}, Shapes::Port{65535});
   pairPoint(Bytes{"\x00\x7f\xff", 3}, Bytes{});
-  plain(1, "two");
   pairPoint("alone");
   boxedPoint(1.25, 'A');
   countedPoint(1, 2, 3, 4, 5, 6, 7, 8);
@@ -120,12 +115,10 @@ TEST_F(BrisklogTest, TextAndRingSayTheSame) {
                          "Drawer::pair true then false",
                          "Drawer::pair -128 then 18446744073709551615",
                          "Drawer::pair 0.1 then 1e+300",
-                         "Drawer::pair 2 then -0",
                          "Drawer::pair 100%s sure then %s",
                          "Drawer::pair (null) then ",
                          "Drawer::pair x then 65535",
                          "Drawer::pair 007fff then ",
-                         "Drawer::draw 1 two",
                          "Drawer::pair alone then %s",
                          "Drawer::box [1.25] 65",
                          "Writer::run 1 2 3 4 5 6 7 8"};
@@ -182,28 +175,24 @@ TEST_F(BrisklogTest, SinkLearnsWhereTheMessageComesFrom) {
   EXPECT_EQ(records[1].text(), "Drawer::draw from the sink");
 }
 
-TEST_F(BrisklogTest, HostsOwnClockIsRecordedExactly) {
-  for (const double time : {0.1, 1.0, -3.5, 1e300, 1700000000.123456789}) {
+TEST_F(BrisklogTest, TheHostsClockIsRecordedExactlyAndTheSystemsAsItRuns) {
+  for (const double time : {0.1, -3.5, 1e300, 1700000000.123456789}) {
     useHostClock(time);
     plain();
     EXPECT_EQ(last().time, time);
   }
   useHostClock(1);
-  flowPoint("flow-1");
+  flowPoint("a\nb\x1b");
   EXPECT_EQ(last().printedLine(),
-            "1.000000 5 Ostra/OstraSm:123 OstraSm::handleFlowConfigImpl insert flow:flow-1");
-  plain("a\nb\x1b");
-  EXPECT_TRUE(last().printedLine().ends_with(" Drawer::draw a\\x0ab\\x1b"));
-}
+            "1.000000 5 Ostra/OstraSm:123 OstraSm::handleFlowConfigImpl insert flow:a\\x0ab\\x1b");
 
-TEST_F(BrisklogTest, SystemClockIsRecordedAsItRuns) {
+  Korm::clockIs(nullptr);
   for (int i = 0; i < 20; ++i) {
     const double before = Korm::currentTime();
     plain();
     const double after = Korm::currentTime();
-    const double recorded = last().time;
-    EXPECT_GE(recorded, before - 1e-3);
-    EXPECT_LE(recorded, after + 1e-3);
+    EXPECT_GE(last().time, before - 1e-3);
+    EXPECT_LE(last().time, after + 1e-3);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
 }
@@ -214,15 +203,10 @@ TEST_F(BrisklogTest, LongTextIsCutWithAMarkAndTakesNobodysPlace) {
   EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103) + "..."});
   plain(longText.substr(0, 103));
   EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103)}) << "fits to the byte";
-
   countedPoint(1, longText, -1.5, longText, true, Bytes{longText.data(), 100});
   EXPECT_EQ(last().arguments,
             (Strings{"1", longText.substr(0, 8 * 8 - 1) + "...", "-1.5",
                      longText.substr(0, 7) + "...", "true", "30313233343536..."}));
-  countedPoint(longText, longText, longText, longText, longText, longText, longText, longText);
-  const auto all = last().arguments;
-  ASSERT_EQ(all.size(), 8U);
-  EXPECT_EQ(all.back(), "0123456...");
 
   collectText(7);
   plain(longText);
@@ -246,7 +230,6 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
   RingReader reader = RingReader::attach(ring());
   RingCursor cursor;
   EXPECT_TRUE(reader.newest(10).empty());
-  EXPECT_TRUE(reader.follow(cursor).empty());
   for (int i = 0; i < 50; ++i) {
     plain(i);
   }
@@ -261,11 +244,9 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
   EXPECT_EQ(rest.front().text(), "Drawer::draw 136");
   EXPECT_EQ(rest.back().text(), "Drawer::draw 199");
   EXPECT_EQ(cursor.lost, 136U - 50U);
-
   const auto newest = reader.newest(3);
   ASSERT_EQ(newest.size(), 3U);
   EXPECT_EQ(newest.front().text(), "Drawer::draw 197");
-  EXPECT_EQ(newest.back().number, 199U);
 }
 
 TEST_F(BrisklogTest, SwitchingTheRingTakesTheTracePointsAlong) {
@@ -398,39 +379,6 @@ TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
   EXPECT_EQ(late.lost, 1 + 100U - 64U);
 }
 
-// A process that does one thing and then ends or is killed.
-class Child {
- public:
-  explicit Child(const std::function<void()>& work) : process_(::fork()) {
-    if (process_ == 0) {
-      work();
-      ::_exit(testing::Test::HasFailure() ? 1 : 0);
-    }
-  }
-  ~Child() { kill(); }
-  Child(const Child&) = delete;
-  Child& operator=(const Child&) = delete;
-
-  void kill() {
-    if (process_ > 0) {
-      ::kill(process_, SIGKILL);
-      end();
-    }
-  }
-
-  // The wait status of waitpid.
-  int end() {
-    int status = -1;
-    ::waitpid(std::exchange(process_, -1), &status, 0);
-    return status;
-  }
-
-  [[nodiscard]] pid_t process() const { return process_; }
-
- private:
-  pid_t process_;
-};
-
 // Waits for the owner to have come so far.
 RingReader attachSoon(const std::string& name) {
   for (int attempt = 0;; ++attempt) {
@@ -458,45 +406,17 @@ bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != text.npos;
 }
 
-TEST_F(BrisklogTest, AnotherProcessDecodesWhileTheOwnerWrites) {
-  const std::string name = shmName();
-  useRing({.shmName = name, .records = 256});
-  Child child([&] {
-    RingReader reader = RingReader::attach(name);
-    EXPECT_EQ(reader.ownerProcess(), ::getppid());
-    RingCursor cursor;
-    for (std::uint64_t last = 0; last != 99;) {
-      for (const DecodedRecord& record : reader.follow(cursor)) {
-        ASSERT_NO_FATAL_FAILURE(expectWhole(record));
-        EXPECT_EQ(record.handle, "Shapes");
-        EXPECT_EQ(record.unit, "platform/BrisklogTest");
-        EXPECT_EQ(record.level, 7);
-        EXPECT_EQ(record.line, countedPoint.line());
-        EXPECT_LT(std::abs(record.time - Korm::currentTime()), 60);
-        last = std::stoull(record.arguments[0]);
-      }
-    }
-    EXPECT_EQ(reader.owner(), RingReader::Owner::alive_);
-  });
-  for (int round = 0; round < 20; ++round) {
-    writeCounted(1000, 2000);
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  writeCounted(99, 100);
-  EXPECT_EQ(child.end(), 0);
-}
-
 TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
   const std::string name = shmName();
   std::minstd_rand random(1);
   for (int round = 0; round < 60; ++round) {
-    Child owner([&] {
+    ChildProcess owner([&] {
       useRing({.shmName = name, .records = 64});
       std::thread other([] { writeCounted(std::uint64_t{1} << 32, ~std::uint64_t{0}); });
       writeCounted(0, ~std::uint64_t{0});
     });
     RingReader reader = attachSoon(name);
-    while (reader.ownerProcess() != owner.process()) {
+    while (reader.ownerProcess() != owner.id()) {
       reader = attachSoon(name);
     }
     RingCursor cursor;
@@ -523,9 +443,8 @@ TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
 
 TEST_F(BrisklogTest, OwnerKilledInsideARecordNeverShowsIt) {
   const std::string name = shmName();
-  Child owner([&] {
+  ChildProcess owner([&] {
     useRing({.shmName = name, .records = 64});
-    useHostClock(5);
     plain("whole");
     Korm::clockIs([] {
       ::kill(::getpid(), SIGKILL);
@@ -534,13 +453,11 @@ TEST_F(BrisklogTest, OwnerKilledInsideARecordNeverShowsIt) {
     plain("half");
   });
   RingReader reader = attachSoon(name);
-  owner.end();
+  owner.join();
   RingCursor cursor;
   const auto records = reader.follow(cursor);
   ASSERT_EQ(records.size(), 1U);
-  EXPECT_EQ(
-      records.front().printedLine(),
-      "5.000000 5 platform/BrisklogTest:" + std::to_string(plain.line()) + " Drawer::draw whole");
+  EXPECT_EQ(records.front().text(), "Drawer::draw whole");
   EXPECT_EQ(cursor.lost, 1U);
   EXPECT_EQ(reader.newest(9).size(), 1U);
   useRing({.shmName = name});
@@ -548,7 +465,7 @@ TEST_F(BrisklogTest, OwnerKilledInsideARecordNeverShowsIt) {
 
 TEST_F(BrisklogTest, RestartedOwnerReplacesTheSegmentAndReadersCanTell) {
   const std::string name = shmName();
-  Child first([&] {
+  ChildProcess first([&] {
     useRing({.shmName = name, .records = 64});
     plain("of the first");
     ::pause();
@@ -581,21 +498,19 @@ TEST_F(BrisklogTest, RestartedOwnerReplacesTheSegmentAndReadersCanTell) {
 
 TEST_F(BrisklogTest, NameGoesWithItsOwnerAndNotWithAForkedChild) {
   const std::string name = shmName();
-  Child owner([&] {
+  ChildProcess owner([&] {
     useRing({.shmName = name});
-    Child([] { std::exit(0); }).end();
+    EXPECT_TRUE(ChildProcess([] { std::exit(0); }).join());
     EXPECT_EQ(attachError(name), "");
     std::exit(testing::Test::HasFailure() ? 1 : 0);
   });
-  EXPECT_EQ(owner.end(), 0);
+  EXPECT_TRUE(owner.join());
   EXPECT_NE(attachError(name), "");
 }
 
 TEST_F(BrisklogTest, WhatIsNotARingOfThisLayoutIsRefused) {
   const std::string name = shmName();
   EXPECT_TRUE(contains(attachError(name), "No such file"));
-  EXPECT_NE(attachError(""), "");
-
   const auto ringOfThatName = Ring::create({.shmName = name, .records = 64});
   const int file = ::shm_open(name.c_str(), O_RDWR, 0);
   ASSERT_GE(file, 0);

@@ -1,9 +1,6 @@
 // Reference counting: plain and atomic counts, the switch between them, and entities that come back.
 #include <atomic>
 #include <cstdlib>
-#include <functional>
-#include <memory>
-#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -33,49 +30,24 @@ TEST(Ptr, KeepsTheObjectUntilTheLastReferenceGoes) {
   int alive = 0;
   {
     auto special = makePtr<SpecialThing>(alive);
-    EXPECT_EQ(special->references(), 1U);
     Ptr<Thing> thing = special;
     Ptr<const Entity> entity{thing};
     EXPECT_EQ(special->references(), 3U);
-    EXPECT_EQ(special.get(), thing.get());
+    EXPECT_EQ(dynamicPtrCast<SpecialThing>(thing), special);
     Ptr<Thing> moved = std::move(special);
     EXPECT_EQ(special, nullptr);  // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(moved->references(), 3U);
     const auto& alias = moved;
     moved = alias;
     EXPECT_EQ(moved->references(), 3U);
     thing = makePtr<Thing>(alive);
+    EXPECT_EQ(dynamicPtrCast<SpecialThing>(thing), nullptr);
     EXPECT_EQ(alive, 2);
     moved = nullptr;
     EXPECT_EQ(entity->references(), 1U);
     entity = thing;
     EXPECT_EQ(alive, 1);
-    std::swap(thing, moved);
-    EXPECT_FALSE(thing);
   }
   EXPECT_EQ(alive, 0);
-}
-
-TEST(Ptr, CastsOnlyToTheTypeThatTheObjectHas) {
-  int alive = 0;
-  const Ptr<Thing> plain = makePtr<Thing>(alive);
-  const Ptr<Thing> special = makePtr<SpecialThing>(alive);
-  EXPECT_EQ(dynamicPtrCast<SpecialThing>(plain), nullptr);
-  EXPECT_EQ(dynamicPtrCast<SpecialThing>(special).get(), special.get());
-  EXPECT_EQ(dynamicPtrCast<SpecialThing>(Ptr<Thing>{}), nullptr);
-  EXPECT_EQ(std::hash<Ptr<Thing>>{}(special), std::hash<Ptr<Thing>>{}(Ptr<Thing>{special}));
-  EXPECT_EQ(plain->references(), 1U);
-}
-
-TEST(Ptr, LeavesNothingBehindWhenAConstructorThrows) {
-  struct Unmade : Entity {
-    explicit Unmade(const Ptr<Entity>& given) : held{given} { throw 1; }
-    Ptr<Entity> held;
-  };
-  int alive = 0;
-  const Ptr<Entity> input = makePtr<Thing>(alive);
-  EXPECT_THROW((void)makePtr<Unmade>(input), int);
-  EXPECT_EQ(input->references(), 1U);
 }
 
 TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
@@ -93,7 +65,7 @@ TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
   EXPECT_EQ(destroyed, 1);
 }
 
-// A reactor that takes the reference, or looks on.
+// A reactor that keeps the reference in `place`, or gives it back where there is none.
 class Rescuer final : public Notifiee<> {
  public:
   Rescuer(Entity& entity, Ptr<Entity>* place) : entity_{entity}, place_{place} {
@@ -101,8 +73,9 @@ class Rescuer final : public Notifiee<> {
   }
   void onAttribute() override {
     ++asked_;
+    const Ptr<Entity> taken{&entity_};
     if (place_ != nullptr) {
-      *place_ = &entity_;
+      *place_ = taken;
     }
   }
   void placeIs(Ptr<Entity>* place) { place_ = place; }
@@ -118,38 +91,18 @@ TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
   int alive = 0;
   Ptr<Entity> place;
   Ptr<Entity> entity = makePtr<Thing>(alive);
-  Rescuer onlooker{*entity, nullptr};
+  const Rescuer borrower{*entity, nullptr};
   Rescuer rescuer{*entity, &place};
   entity = nullptr;
   EXPECT_EQ(alive, 1);
   EXPECT_EQ(place->references(), 1U);
-  for (int time = 2; time < 4; ++time) {
-    const Ptr<Entity> gone = std::exchange(place, nullptr);
-    EXPECT_EQ(rescuer.asked(), time - 1);
-  }
-  EXPECT_EQ(rescuer.asked(), 3);
+  std::exchange(place, nullptr) = nullptr;
+  EXPECT_EQ(rescuer.asked(), 2);
   rescuer.placeIs(nullptr);
   place = nullptr;
   EXPECT_EQ(alive, 0);
-  EXPECT_EQ(onlooker.asked(), 4);
+  EXPECT_EQ(borrower.asked(), 3) << "to take and drop a reference is not to be asked again";
   EXPECT_FALSE(rescuer.attached());
-}
-
-TEST(ZeroReferences, AnObserverMayTakeAndDropReferencesWithoutBeingAskedAgain) {
-  int alive = 0;
-  Ptr<Entity> entity = makePtr<Thing>(alive);
-  struct Borrower final : Notifiee<> {
-    explicit Borrower(Entity& lent) : entity{lent} { lent.zeroReferencesNotifiees().attach(*this); }
-    void onAttribute() override {
-      ++asked;
-      const Ptr<Entity> borrowed{&entity};
-    }
-    Entity& entity;
-    int asked = 0;
-  } borrower{*entity};
-  entity = nullptr;
-  EXPECT_EQ(alive, 0);
-  EXPECT_EQ(borrower.asked, 1);
 }
 
 // The switch is the whole process's, so each of these has a process of its own, which starts afresh.
@@ -204,14 +157,6 @@ void hammerFromThreads() {
 
 TEST_F(PtrSwitchDeathTest, LetsThreadsShareEntities) {
   EXPECT_EXIT(hammerFromThreads(), testing::ExitedWithCode(0), "");
-}
-
-TEST(Entity, HasItsNotificationsOffUntilSomebodySwitchesThemOn) {
-  int alive = 0;
-  const auto thing = makePtr<Thing>(alive);
-  EXPECT_FALSE(thing->hasNotificationActive());
-  thing->hasNotificationActiveIs(true);
-  EXPECT_TRUE(thing->hasNotificationActive());
 }
 
 }  // namespace
