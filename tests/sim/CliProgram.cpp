@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -105,7 +107,6 @@ void Process::write(std::string_view text) {
   }
 }
 
-void Process::closeInput() { closeOnce(input_); }
 void Process::closeOutput() { closeOnce(output_); }
 
 std::string Process::readUntil(std::string_view text) {
@@ -131,7 +132,7 @@ Finished Process::finish(std::string_view input) {
   result.out = std::move(pending_);
   while (output_ >= 0 || errors_ >= 0) {
     if (input.empty()) {
-      closeInput();
+      closeOnce(input_);
     }
     std::array<pollfd, 3> waiting{
         {{output_, POLLIN, 0}, {errors_, POLLIN, 0}, {input_, POLLOUT, 0}}};
@@ -197,17 +198,15 @@ std::vector<std::string> linesOf(std::string_view text) {
   return lines;
 }
 
+std::string contentOf(const std::string& path) {
+  std::ifstream file{path};
+  return {std::istreambuf_iterator<char>{file}, {}};
+}
+
 TemporaryFile::TemporaryFile(std::string_view content)
     : path_{testing::TempDir() + "ostra-cli-XXXXXX"} {
-  const int file = ::mkstemp(path_.data());
-  while (!content.empty()) {
-    const ssize_t count = ::write(file, content.data(), content.size());
-    if (count <= 0) {
-      std::abort();
-    }
-    content.remove_prefix(static_cast<std::size_t>(count));
-  }
-  ::close(file);
+  ::close(::mkstemp(path_.data()));
+  std::ofstream{path_} << content;
 }
 
 TemporaryFile::~TemporaryFile() { ::unlink(path_.c_str()); }

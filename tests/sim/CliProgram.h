@@ -33,7 +33,6 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   void write(std::string_view text);
-  void closeInput();
   void closeOutput();
   // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when it does
   // not come.
@@ -64,6 +63,8 @@ class Process {
                                                     Arguments arguments = {});
 
 [[nodiscard]] std::vector<std::string> linesOf(std::string_view text);
+
+[[nodiscard]] std::string contentOf(const std::string& path);
 
 // A file that goes with the test.
 class TemporaryFile {

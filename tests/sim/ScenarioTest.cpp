@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -12,13 +10,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string contentOf(const fs::path& path) {
-  std::ifstream file{path};
-  std::ostringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
 
 std::vector<std::string> scenarios() {
   std::vector<std::string> names;
@@ -38,7 +29,8 @@ TEST_P(Scenario, PrintsWhatItSays) {
   const CliTest::Finished played = CliTest::sim({}, {"--clock", "steps", base.string() + ".txt"});
   EXPECT_EQ(played.status, 0);
   EXPECT_EQ(played.errors, "");
-  EXPECT_EQ(CliTest::linesOf(played.out), CliTest::linesOf(contentOf(base.string() + ".expected")));
+  EXPECT_EQ(CliTest::linesOf(played.out),
+            CliTest::linesOf(CliTest::contentOf(base.string() + ".expected")));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Scenario, testing::ValuesIn(scenarios()),

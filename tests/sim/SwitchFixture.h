@@ -175,11 +175,15 @@ class Switch : public testing::Test {
     }
     return names;
   }
-  // "flow-1 1"
+  // "flow-1 1"; then "group 7 0".
   [[nodiscard]] Lines hardware() const {
     Lines lines;
     for (const auto& flow : agent.publishedFlows()) {
       lines.push_back(*flow.name + " " + std::to_string(static_cast<std::uint32_t>(flow.status)));
+    }
+    for (const auto& group : agent.publishedGroups()) {
+      lines.push_back("group " + std::to_string(group.id) + " " +
+                      std::to_string(static_cast<std::uint32_t>(group.status)));
     }
     return lines;
   }
