@@ -59,19 +59,6 @@ class BatchStatusTest : public testing::Test {
   Service service_{*batch_};
 };
 
-TEST_F(BatchStatusTest, KeepsTheLastResultOfEachOpenEntryAndTellsTheServiceOfEveryOne) {
-  const auto entry = batch_->batchStatusEntryIs(5);
-  batch_->markTransactionSucceeded(5);
-  batch_->markTransaction(5, ErrorCode::hardwareError_, "broken");
-  EXPECT_EQ(entry->errorCode(), ErrorCode::hardwareError_);
-  EXPECT_EQ(entry->message(), "broken");
-  batch_->markTransaction(9, ErrorCode::notFound_, "late");
-  EXPECT_EQ(batch_->batchStatusEntry(9), nullptr) << "it is told of, and not held";
-  EXPECT_THAT(service_.take(), ElementsAre(Result{5, ErrorCode::success_, "", false},
-                                           Result{5, ErrorCode::hardwareError_, "broken", false},
-                                           Result{9, ErrorCode::notFound_, "late", false}));
-}
-
 TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot) {
   AggregatorStatus& roots = batch_->aggregatorStatus();
   EXPECT_EQ(roots.rootStatusEntry(5), nullptr) << "there is no such entry";
@@ -79,6 +66,10 @@ TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot
   const auto root = roots.rootStatusEntry(5);
   EXPECT_EQ(roots.rootStatusEntry(5), root);
   batch_->markTransaction(5, ErrorCode::notAllowed_, "no");
+  batch_->markTransaction(9, ErrorCode::notFound_, "late");
+  EXPECT_EQ(batch_->batchStatusEntry(9), nullptr) << "it is told of, and not held";
+  EXPECT_THAT(service_.take(), ElementsAre(Result{5, ErrorCode::notAllowed_, "no", false},
+                                           Result{9, ErrorCode::notFound_, "late", false}));
   const auto again = batch_->batchStatusEntryIs(5);
   EXPECT_EQ(again->errorCode(), ErrorCode::success_);
   EXPECT_EQ(again->message(), "");
@@ -169,17 +160,6 @@ TEST_F(Validation, AcceptsPortIdsThatAControllerMayUseAndMasksThatAreAllOnes) {
   EXPECT_EQ(codeOfMask(0x7FFFFFFF), 15U);
   EXPECT_EQ(codeOfMask(254), 15U);
   EXPECT_EQ(message_, "egress port-id: mask 254 is not all ones; a port is matched exactly");
-}
-
-TEST_F(Validation, RaisesErrorsThatSayWhatIsWrongAndRecordThemselves) {
-  EXPECT_EQ(recorded([&] { helper_.throwUndefinedEntryBehavior(7, "vlan", "vrf"); }), 13U);
-  EXPECT_EQ(message_, "the combination of vlan and vrf has no defined behavior");
-  EXPECT_EQ(recorded([&] { helper_.throwNotAllowedEntryBehavior(7, "it is late", "ttl"); }), 14U);
-  EXPECT_EQ(message_, "ttl is not allowed because it is late");
-  EXPECT_EQ(
-      recorded([&] { helper_.throwEntryErrorException(7, ErrorCode::invalidMask_, "just so"); }),
-      17U);
-  EXPECT_THAT(service_.take().back(), (Result{7, ErrorCode::invalidMask_, "just so", false}));
 }
 
 TEST_F(Validation, AnErrorKeepsItsBatchStatusAliveAndMayHaveNone) {

@@ -3,7 +3,6 @@
 #include <string>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
@@ -13,7 +12,6 @@ namespace {
 using CliTest::Json;
 using CliTest::simJson;
 using CliTest::simJsonLines;
-using testing::HasSubstr;
 
 struct Translation {
   std::string words;
@@ -104,21 +102,6 @@ TEST(CliFlow, PlacementPriorityAndChangeCountAreShown) {
       R"("tableType":0,"changeCount":3,"match":{},"actions":{"copyToCpu":true}},)"
       R"({"name":"flow-2","entryId":2,"priority":65536,"priorityGroup":4294967295,)"
       R"("tableType":1,"changeCount":0,"match":{},"actions":{"drop":true}}]})");
-}
-
-TEST(CliFlow, WhatTheLibraryFailsAndTheServiceRejectsHasNoCode) {
-  const auto lines = simJson(
-      "insert flow priority=65537 -> drop\n"
-      "insert flow priority=1 -> vlan=65535\n"
-      "insert flow priority=2 -> traffic-class=255\n"
-      "modify flow priority=4 -> drop\n"
-      "delete flow priority=4\n");
-  ASSERT_EQ(lines.size(), 5U);
-  for (std::size_t at = 0; at < lines.size(); ++at) {
-    EXPECT_EQ(lines[at]["state"], at < 3 ? "failed" : "rejected") << lines[at];
-    EXPECT_THAT(lines[at]["message"], HasSubstr(at < 3 ? "not allowed" : "is not stored"));
-    EXPECT_FALSE(lines[at].contains("code"));
-  }
 }
 
 }  // namespace

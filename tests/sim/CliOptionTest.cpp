@@ -56,11 +56,12 @@ TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
   }
 }
 
-TEST(CliOption, FilesArePlayedInOrderAndADashIsStandardInput) {
+TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
   const TemporaryFile first{"echo first"};
-  const TemporaryFile last{"echo last\n"};
-  EXPECT_EQ(sim("echo middle\n", {first.path(), "-", last.path()}).out, "first\nmiddle\nlast\n");
-  EXPECT_EQ(sim("echo input\n", {}).out, "input\n");
+  const TemporaryFile last{"echo last\nquit\nbogus\n"};
+  const Finished finished = sim("echo middle\n", {first.path(), "-", last.path(), first.path()});
+  EXPECT_EQ(finished.status, 0);
+  EXPECT_EQ(finished.out, "first\nmiddle\nlast\n");
   // A batch may go on in the next file; places are those of each file.
   const TemporaryFile batch{"begin\ninsert flow priority=1 -> drop\n"};
   const auto lines = simJson("commit\nbogus\n", 2, {batch.path(), "-"});

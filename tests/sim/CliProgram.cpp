@@ -3,10 +3,10 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -22,17 +22,13 @@ namespace {
 
 constexpr int patienceMs = 60000;
 
-std::vector<char*> argumentVector(const std::string& program, const Arguments& arguments) {
-  std::vector<char*> result{const_cast<char*>(program.c_str())};
+[[noreturn]] void execute(const std::string& program, const Arguments& arguments) {
+  std::vector<char*> vector{const_cast<char*>(program.c_str())};
   for (const std::string& argument : arguments) {
-    result.push_back(const_cast<char*>(argument.c_str()));
+    vector.push_back(const_cast<char*>(argument.c_str()));
   }
-  result.push_back(nullptr);
-  return result;
-}
-
-[[noreturn]] void execute(const std::vector<char*>& arguments) {
-  ::execv(arguments.front(), arguments.data());
+  vector.push_back(nullptr);
+  ::execv(vector.front(), vector.data());
   ::_exit(127);
 }
 
@@ -55,36 +51,34 @@ void readSome(int& descriptor, std::string& to) {
 
 }  // namespace
 
-Process::Process(const std::string& program, const Arguments& arguments) {
+Process::Process(const std::string& program, const Arguments& arguments,
+                 const std::string& inputFile)
+    : errors_{::memfd_create("errors", MFD_CLOEXEC)} {
   std::signal(SIGPIPE, SIG_IGN);
-  std::array<std::array<int, 2>, 3> pipes{};
-  for (auto& ends : pipes) {
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-      std::abort();
-    }
+  std::array<int, 2> in{};
+  std::array<int, 2> out{};
+  if (::pipe2(in.data(), O_CLOEXEC) != 0 || ::pipe2(out.data(), O_CLOEXEC) != 0) {
+    std::abort();
   }
-  const std::vector<char*> vector = argumentVector(program, arguments);
   id_ = ::fork();
   if (id_ == 0) {
-    ::dup2(pipes[0][0], STDIN_FILENO);
-    ::dup2(pipes[1][1], STDOUT_FILENO);
-    ::dup2(pipes[2][1], STDERR_FILENO);
+    ::dup2(inputFile.empty() ? in[0] : ::open(inputFile.c_str(), O_RDONLY | O_CLOEXEC),
+           STDIN_FILENO);
+    ::dup2(out[1], STDOUT_FILENO);
+    ::dup2(errors_, STDERR_FILENO);
     std::signal(SIGPIPE, SIG_DFL);
-    execute(vector);
+    execute(program, arguments);
   }
-  ::close(pipes[0][0]);
-  ::close(pipes[1][1]);
-  ::close(pipes[2][1]);
-  input_ = pipes[0][1];
-  output_ = pipes[1][0];
-  errors_ = pipes[2][0];
+  ::close(in[0]);
+  ::close(out[1]);
+  input_ = in[1];
+  output_ = out[0];
 }
 
 Process::Process(OnTerminal, const std::string& program, const Arguments& arguments) {
-  const std::vector<char*> vector = argumentVector(program, arguments);
   id_ = ::forkpty(&output_, nullptr, nullptr, nullptr);
   if (id_ == 0) {
-    execute(vector);
+    execute(program, arguments);
   }
   input_ = ::fcntl(output_, F_DUPFD_CLOEXEC, 0);
 }
@@ -128,32 +122,15 @@ std::string Process::readUntil(std::string_view text) {
 void Process::kill(int signal) const { ::kill(id_, signal); }
 
 Finished Process::finish(std::string_view input) {
-  Finished result;
-  result.out = std::move(pending_);
-  while (output_ >= 0 || errors_ >= 0) {
-    if (input.empty()) {
-      closeOnce(input_);
-    }
-    std::array<pollfd, 3> waiting{
-        {{output_, POLLIN, 0}, {errors_, POLLIN, 0}, {input_, POLLOUT, 0}}};
-    if (::poll(waiting.data(), waiting.size(), patienceMs) <= 0) {
-      ADD_FAILURE() << "the program does not end";
-      break;
-    }
-    if ((waiting[2].revents & (POLLOUT | POLLERR)) != 0) {
-      const ssize_t count =
-          ::write(input_, input.data(), std::min<std::size_t>(input.size(), 4096));
-      input.remove_prefix(count < 0 ? input.size() : static_cast<std::size_t>(count));
-    }
-    if (waiting[0].revents != 0) {
-      readSome(output_, result.out);
-    }
-    if (waiting[1].revents != 0) {
-      readSome(errors_, result.errors);
-    }
+  write(input);
+  closeOnce(input_);
+  while (output_ >= 0) {
+    readSome(output_, pending_);
   }
-  result.status = wait();
-  return result;
+  const int status = wait();
+  return {.status = status,
+          .out = std::move(pending_),
+          .errors = contentOf("/proc/self/fd/" + std::to_string(errors_))};
 }
 
 int Process::wait() {
@@ -165,7 +142,8 @@ int Process::wait() {
 }
 
 Finished sim(std::string_view input, const Arguments& arguments) {
-  return Process{OSTRA_SIM_PROGRAM, arguments}.finish(input);
+  const TemporaryFile file{input};
+  return Process{OSTRA_SIM_PROGRAM, arguments, file.path()}.finish();
 }
 
 Finished show(const Arguments& arguments) {

@@ -20,11 +20,12 @@ struct Finished {
   std::string errors;
 };
 
-// A program that is running, with pipes for its three streams.
+// A program that is running, with pipes for its input and its output.
 class Process {
  public:
-  // `program` is a path.
-  Process(const std::string& program, const Arguments& arguments);
+  // `program` is a path. With an `inputFile` it reads that.
+  Process(const std::string& program, const Arguments& arguments,
+          const std::string& inputFile = {});
   // A program with a terminal of its own for all three streams.
   struct OnTerminal {};
   Process(OnTerminal, const std::string& program, const Arguments& arguments);
@@ -38,7 +39,7 @@ class Process {
   // not come.
   std::string readUntil(std::string_view text);
   void kill(int signal) const;
-  // Feeds the input, closes it, and reads all until the program ends.
+  // Writes the input, which is short, closes it, and reads all until the program ends.
   Finished finish(std::string_view input = {});
 
   [[nodiscard]] pid_t id() const noexcept { return id_; }

@@ -56,7 +56,8 @@ TEST_F(ServiceTables, AStatusRowFollowsItsEntry) {
   apply({insert({.number = 1})});
   agent.flowStatusIs("flow-4", FlowStatus::programmed_);
   EXPECT_THAT(statuses(), ElementsAre("3 code 15", "4 code 0"));
-  agent.run();
+  agent.flowStatusDel("flow-1");
+  EXPECT_THAT(reports(), ElementsAre("1 code 0", "1 code 1", "4 code 0", "1 code 0"));
   EXPECT_THAT(statuses(), ElementsAre("3 code 15", "4 code 0"));
   service.stop();
   EXPECT_THAT(statuses(), ElementsAre("3 code 15", "4 code 0"));

@@ -9,23 +9,6 @@ using namespace SwitchTest;
 
 class ServiceWrite : public Switch {};
 
-TEST_F(ServiceWrite, TheServiceRejectsWhatDoesNotFitItsTables) {
-  apply({insert({.number = 1}), write(Op::insert_, Member{5})});
-  EXPECT_THAT(
-      apply({insert({.number = 1}), insert({.number = 1, .table = 1}), modify({.number = 2}),
-             remove({.number = 1, .priority = 11}), insert({.number = 1, .table = 15}),
-             write(Op::insert_, Member{5}), write(Op::modify_, Group{5, {}}),
-             write(Op::delete_, Group{5, {}})}),
-      ElementsAre("insert flow rejected a flow with this key is already stored, under handle 1",
-                  "insert flow 3 done 0", "modify flow rejected a flow with this key is not stored",
-                  "delete flow rejected a flow with this key is not stored",
-                  "insert flow rejected flow table 15 does not exist: tables are 0 to 14",
-                  "insert member 5 as rejected member 5 is already stored, under handle 2",
-                  "modify group 5 as rejected group 5 is not stored",
-                  "delete group 5 as rejected group 5 is not stored"));
-  EXPECT_THAT(flows(), ElementsAre("flow-1", "flow-3"));
-}
-
 TEST_F(ServiceWrite, OneBatchMayWriteAGroupAndItsMembersManyTimes) {
   EXPECT_THAT(apply({write(Op::insert_, Member{5}), write(Op::insert_, Group{3, {5}}),
                      write(Op::delete_, Group{3, {}}), write(Op::insert_, Group{3, {6}}),
@@ -151,33 +134,6 @@ TEST_F(ServiceWrite, AResultThatComesDuringALaterBatchIsItsOwnReport) {
   EXPECT_THAT(apply({modify({.number = 2, .output = 0}), modify({.number = 3})}),
               ElementsAre("modify flow 2 done 15 " + badPort, "modify flow 3 done 0"));
   EXPECT_THAT(reports(), ElementsAre("1 code 0", "2 code 0"));
-}
-
-TEST_F(ServiceWrite, AFlowThatCameAndWentIsAnswered) {
-  agent.automaticIs(false);
-  EXPECT_THAT(apply({insert({.number = 1, .vrf = 5})}), ElementsAre("insert flow 1 pending"));
-  EXPECT_THAT(apply({remove({.number = 1})}), ElementsAre("delete flow 1 pending"));
-  EXPECT_THAT(apply({insert({.number = 1, .vrf = 5})}), ElementsAre("insert flow 2 pending"));
-  // The creator is the first one still, so the second one is not waited for.
-  EXPECT_THAT(vrfs(), ElementsAre("5: 1 users, creator 1, deletor 1", "1 waits for 5"));
-  agent.run();
-  EXPECT_THAT(reports(), ElementsAre("1 code 0", "2 code 0"));
-  EXPECT_THAT(vrfs(), ElementsAre("5: 1 users, creator 0, deletor 0"));
-  EXPECT_THAT(hardware(), ElementsAre("flow-2 1"));
-}
-
-TEST_F(ServiceWrite, WhateverTheHardwareSaysLaterIsReportedOnce) {
-  apply({insert({.number = 1})});
-  agent.flowStatusIs("flow-1", FlowStatus::hardwareError_);
-  EXPECT_THAT(reports(), ElementsAre("1 code 19"));
-  agent.flowStatusIs("flow-1", FlowStatus::hardwareError_);
-  EXPECT_THAT(reports(), ElementsAre("1 code 19"));
-  agent.flowStatusIs("flow-1", FlowStatus::programming_);
-  agent.flowStatusDel("flow-1");
-  agent.flowStatusIs("flow-77", FlowStatus::matchNotSupported_);
-  agent.flowStatusIs("nameless", FlowStatus::programmed_);
-  EXPECT_THAT(reports(), ElementsAre("1 code 0", "77 code 7"));
-  EXPECT_THAT(apply({remove({.number = 1})}), ElementsAre("delete flow 1 done 0"));
 }
 
 }  // namespace
