@@ -162,12 +162,13 @@ TEST(HashMap, LetsAnElementThatGoesLookAtTheMapAndChangeIt) {
       walked += entry.key > 0 ? 1 : 0;
     }
   };
-  map.tryEmplace(1, doAtEnd([&] {
-                   EXPECT_EQ(map.find(1), nullptr);
-                   EXPECT_FALSE(map.erase(1));
-                   map.erase(2);
-                   map.tryEmplace(1, doAtEnd(walk));
-                 }));
+  const auto change = [&] {
+    EXPECT_EQ(map.find(1), nullptr);
+    EXPECT_FALSE(map.erase(1));
+    map.erase(2);
+    map.tryEmplace(1, doAtEnd(walk));
+  };
+  map.tryEmplace(1, doAtEnd(change));
   map.tryEmplace(2, doAtEnd(walk));
   map.tryEmplace(3, doAtEnd(walk));
   EXPECT_TRUE(map.erase(1));

@@ -184,8 +184,7 @@ TEST(DeliveryRandom, AgreesWithTheRulesWhateverReactorsDo) {
   EXPECT_GT(calls, 50'000);
 }
 
-// One reactor more than the rules allow, and a collection on top of them.
-
+// A reactor that writes down what it hears, and may throw.
 class Probe final : public Notifiee<const int&> {
  public:
   void onAttribute(const int& key) override {

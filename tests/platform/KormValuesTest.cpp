@@ -79,7 +79,7 @@ TEST(Strep, RefusesEverySpellingButItsOwnAndNumbersOutOfRange) {
   EXPECT_THROW((void)Reading{"4"}().signedAttribute("n", -2, 3), DeserializationException);
 }
 
-TEST(Strep, SaysWhereWhatWasExpectedAndWhatWasFound) {
+TEST(Strep, SaysWhereWhatWasExpectedAndWhatWasFoundAndGoesOnFromThere) {
   Reading reading{"{a: 7}"};
   auto reader = reading();
   reader.literal("{");
@@ -90,6 +90,10 @@ TEST(Strep, SaysWhereWhatWasExpectedAndWhatWasFound) {
             "attribute 'a': expected an unsigned number up to 6 at offset 4, found '7}'");
   EXPECT_EQ(messageOf<DeserializationException>([&] { (void)reader.signedAttribute("a", -1, 6); }),
             "attribute 'a': expected a number from -1 to 6 at offset 4, found '7}'");
+  EXPECT_EQ(reader.until("}"), "7");
+  EXPECT_EQ(reading.rest(), "}");
+  EXPECT_EQ(reader.until("#"), "}");
+  EXPECT_TRUE(reader.atEnd());
   const std::string longText(100, 'z');
   EXPECT_EQ(messageOf<ParseException>([&] { Reading{longText}().fail("less"); }),
             "offset 0: expected less, found '" + longText.substr(0, 40) + "'");

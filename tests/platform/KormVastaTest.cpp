@@ -168,6 +168,7 @@ TEST_F(Placed, ATableIsMountedWhereItsEntityStandsAndToldQuietOnce) {
   named();
   owner.binding->handleParent(*dir_, "routes");
   EXPECT_EQ(owner.binding->table().name(), "dir/routes/table");
+  owner.binding->table().mountStateIs(MountState::mounted_);
   Korm::activity().run();
   EXPECT_THAT(owner.take(), ElementsAre("mounting", "quiet", "mounted"));
   owner.binding->table().is(Route::of(1, 1));
