@@ -13,10 +13,10 @@ using Sim::Service;
 class Agent : public Switch {
  protected:
   void flow(const Korm::Name& name) {
-    config->flowEntryIs(name, {}, {}, {}, 0, {}, 0, 0, 0, false, true);
+    config_->flowEntryIs(name, {}, {}, {}, 0, {}, 0, 0, 0, false, true);
   }
   void group(OpenFlowTable::GroupId id) {
-    auto& group = config->groupEntryIs(id);
+    auto& group = config_->groupEntryIs(id);
     group.readyIs(true);
     group.changeCountIs(1);
   }
@@ -29,7 +29,7 @@ class Agent : public Switch {
     return lines;
   }
 
-  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> config = service.hwConfig();
+  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> config_ = service.hwConfig();
 };
 
 // Whose status entries come or go, in order.
@@ -55,14 +55,14 @@ TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
   flow("a");
   flow("b");
   flow("c");
-  config->flowEntryDel("c");
+  config_->flowEntryDel("c");
   EXPECT_THAT(hardware(), IsEmpty());
   EXPECT_EQ(agent.waiting(), 4U);
   Service::settle();
   EXPECT_THAT(hardware(), ElementsAre("a 1", "b 1", "group 7 0"));
   EXPECT_THAT(watcher.takeLines(), ElementsAre("b comes", "a comes", "c comes", "c gone"));
-  config->flowEntryDel("a");
-  config->groupEntryDel(7);
+  config_->flowEntryDel("a");
+  config_->groupEntryDel(7);
   Service::settle();
   EXPECT_THAT(hardware(), ElementsAre("b 1"));
 }
@@ -113,7 +113,7 @@ TEST_F(Agent, RefusesWhatFindsNoRoomAndTriesItAgainWhenItIsChanged) {
   // What has its place keeps it, and one that goes does not pull another one in.
   agent.flowCapacityIs(1);
   flow("a");
-  config->flowEntryDel("b");
+  config_->flowEntryDel("b");
   Service::settle();
   flow("c");
   Service::settle();
@@ -133,7 +133,7 @@ TEST_F(Agent, KeepsItsStatusWhileNobodyCanSeeIt) {
   EXPECT_EQ(service.hwStatusDir()->entityPtr("p4rt"), nullptr);
   EXPECT_THAT(hardware(), IsEmpty());
   flow("b");
-  config->flowEntryDel("a");
+  config_->flowEntryDel("a");
   Service::settle();
   FlowWatcher watcher{agent.status()};
   agent.publishedIs(true);
@@ -143,17 +143,17 @@ TEST_F(Agent, KeepsItsStatusWhileNobodyCanSeeIt) {
 }
 
 TEST_F(Agent, CountsAlwaysButShowsCountersOnlyWhilePolled) {
-  config->counterPollEnableIs(false);
+  config_->counterPollEnableIs(false);
   agent.countersAdd("flow-1", 1, 100);
   agent.countersAdd("flow-1", 2, 200, "unit10");
   agent.countersAdd("flow-1", 3, 300, "unit2");
   EXPECT_THAT(agent.units(), ElementsAre("unit0", "unit2", "unit10"));
   EXPECT_THAT(unit("unit10"), IsEmpty());
-  config->counterPollEnableIs(true);
+  config_->counterPollEnableIs(true);
   agent.countersAdd("flow-1", 4, 400);
   EXPECT_THAT(unit("unit0"), ElementsAre("flow-1-p4rt 5 500"));
   EXPECT_THAT(unit("unit10"), ElementsAre("flow-1-p4rt 2 200"));
-  config->counterPollEnableIs(false);
+  config_->counterPollEnableIs(false);
   EXPECT_THAT(unit("unit0"), IsEmpty());
 }
 
@@ -161,7 +161,7 @@ TEST_F(Agent, ANewAgentTakesUpWhatIsConfigured) {
   flow("a");
   group(7);
   {
-    Sim::HwAgent second{config, service.hwStatusDir(), service.hwUnitDir()};
+    Sim::HwAgent second{config_, service.hwStatusDir(), service.hwUnitDir()};
     EXPECT_EQ(second.waiting(), 2U);
     second.run();
     EXPECT_EQ(second.flowsProgrammed(), 1U);
