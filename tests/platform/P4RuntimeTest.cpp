@@ -210,7 +210,8 @@ TEST(VrfIdCollection, CountsAndStopsAtZero) {
 // Time stamps.
 
 TEST(Telemetry, KeepsTheNewestStampsWithTheirTimes) {
-  static double now = 10;
+  static double now;
+  now = 10;
   Korm::clockIs([] { return now++; });
   const auto telemetry = Korm::makePtr<Telemetry>();
   using Type = TelemetryTimestampType;

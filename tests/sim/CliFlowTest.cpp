@@ -23,7 +23,8 @@ void expectTranslations(const std::vector<Translation>& cases, const std::string
                         const char* member, const std::string& after) {
   std::string script = "port 1 Ethernet1\nport 2 Ethernet2\n";
   for (std::size_t at = 0; at < cases.size(); ++at) {
-    script += "insert flow priority=" + std::to_string(at) + before + cases[at].words + after;
+    script.append("insert flow priority=").append(std::to_string(at));
+    script.append(before).append(cases[at].words).append(after);
   }
   const Json flows = simJson(script + "show flows\n").back()["flows"];
   ASSERT_EQ(flows.size(), cases.size());
