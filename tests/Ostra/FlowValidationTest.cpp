@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <optional>
 
 #include "FlowFixture.h"
 
@@ -35,30 +36,28 @@ const Korm::IpAddr ip6Mask = *Korm::parseIpAddr("ffff::");
 
 using Fill = std::function<void(OstraKey&)>;
 
-// The ways to give the ether type and the is-IP-packet flag.
+// What a way to give the ether type, or the is-IP-packet flag, says of the packet.
+enum class Says : std::uint8_t { nothing_, ip_, notIp_ };
 struct Given {
   const char* how;
+  Says says;
   Fill fill;
 };
-const Given ignoredTypes[] = {
-    {"no ether type", [](OstraKey&) {}},
-    {"ether type with mask 0", [](OstraKey& key) { key.etherTypeIs(0x0800, 0); }},
+const Given etherTypes[] = {
+    {"none", Says::nothing_, [](OstraKey&) {}},
+    {"mask 0", Says::nothing_, [](OstraKey& key) { key.etherTypeIs(0x0800, 0); }},
+    {"0x0800", Says::ip_, [](OstraKey& key) { key.etherTypeIs(0x0800, 0xFFFF); }},
+    {"0x86DD", Says::ip_, [](OstraKey& key) { key.etherTypeIs(0x86DD, 0xFFFF); }},
+    {"0x0806", Says::notIp_, [](OstraKey& key) { key.etherTypeIs(0x0806, 0xFFFF); }},
+    {"0x0000", Says::notIp_, [](OstraKey& key) { key.etherTypeIs(0, 0xFFFF); }},
 };
-const Given ip4Type = {"0x0800", [](OstraKey& key) { key.etherTypeIs(0x0800, 0xFFFF); }};
-const Given ip6Type = {"0x86DD", [](OstraKey& key) { key.etherTypeIs(0x86DD, 0xFFFF); }};
-const Given arpType = {"0x0806", [](OstraKey& key) { key.etherTypeIs(0x0806, 0xFFFF); }};
-const Given otherTypes[] = {
-    arpType,
-    {"0x88CC", [](OstraKey& key) { key.etherTypeIs(0x88CC, 0xFFFF); }},
-    {"0x0000", [](OstraKey& key) { key.etherTypeIs(0, 0xFFFF); }},
+const Given flags[] = {
+    {"none", Says::nothing_, [](OstraKey&) {}},
+    {"true, mask false", Says::nothing_, [](OstraKey& key) { key.isIpPacketIs(true, false); }},
+    {"false, mask false", Says::nothing_, [](OstraKey& key) { key.isIpPacketIs(false, false); }},
+    {"true", Says::ip_, [](OstraKey& key) { key.isIpPacketIs(true, true); }},
+    {"false", Says::notIp_, [](OstraKey& key) { key.isIpPacketIs(false, true); }},
 };
-const Given ignoredFlags[] = {
-    {"no flag", [](OstraKey&) {}},
-    {"flag true with mask false", [](OstraKey& key) { key.isIpPacketIs(true, false); }},
-    {"flag false with mask false", [](OstraKey& key) { key.isIpPacketIs(false, false); }},
-};
-const Given flagTrue = {"flag true", [](OstraKey& key) { key.isIpPacketIs(true, true); }};
-const Given flagFalse = {"flag false", [](OstraKey& key) { key.isIpPacketIs(false, true); }};
 
 const std::string etherTypeName = "hdr.ethernet.ether_type";
 
@@ -66,186 +65,107 @@ std::string undefined(const std::string& field) {
   return "undefinedBehavior: the combination of " + etherTypeName + " and " + field +
          " has no defined behavior";
 }
-
-// One of the nine cells, and what it means for the fields that depend on it.
-struct Cell {
-  std::vector<Given> etherTypes;
-  std::vector<Given> flags;
-  std::string error;  // for every key of the cell, if any
-  bool isIp;
-  std::string reason;  // why dscp, hop limit and next header are not allowed, if they are not
-};
-
 const std::string conflict = undefined("local.metadata.isIpPacket");
 
-const Cell cells[] = {
-    {{std::begin(ignoredTypes), std::end(ignoredTypes)},
-     {std::begin(ignoredFlags), std::end(ignoredFlags)},
-     "",
-     false,
-     "ether type is ignored and isIpPacket is ignored"},
-    {{std::begin(ignoredTypes), std::end(ignoredTypes)}, {flagTrue}, "", true, ""},
-    {{std::begin(ignoredTypes), std::end(ignoredTypes)},
-     {flagFalse},
-     "",
-     false,
-     "ether type is ignored and isIpPacket is false"},
-    {{ip4Type, ip6Type}, {std::begin(ignoredFlags), std::end(ignoredFlags)}, "", true, ""},
-    {{ip4Type, ip6Type}, {flagTrue}, "", true, ""},
-    {{ip4Type, ip6Type}, {flagFalse}, conflict, false, ""},
-    {{std::begin(otherTypes), std::end(otherTypes)},
-     {std::begin(ignoredFlags), std::end(ignoredFlags)},
-     "",
-     false,
-     "ether type is non-ip and isIpPacket is ignored"},
-    {{std::begin(otherTypes), std::end(otherTypes)},
-     {flagFalse},
-     "",
-     false,
-     "ether type is non-ip and isIpPacket is false"},
-    {{std::begin(otherTypes), std::end(otherTypes)}, {flagTrue}, conflict, false, ""},
+// What the two together mean for the flow.
+struct Verdict {
+  std::string error;   // for every key, if any
+  std::string reason;  // why fields of IP packets are not allowed, if they are not
+};
+const Verdict verdicts[3][3] = {
+    {{"", "ether type is ignored and isIpPacket is ignored"},
+     {"", ""},
+     {"", "ether type is ignored and isIpPacket is false"}},
+    {{"", ""}, {"", ""}, {conflict, ""}},
+    {{"", "ether type is non-ip and isIpPacket is ignored"},
+     {conflict, ""},
+     {"", "ether type is non-ip and isIpPacket is false"}},
 };
 
-// A field that depends on the two: constrained, and given as a wildcard.
+// A field that depends on the two.
 struct Dependent {
   std::string name;
   std::vector<std::string> etherTypes;  // the exact ones that it needs; none: it needs IP
-  Fill constrained;
-  Fill wildcard;
+  Fill constrain;
 };
-
 const Dependent dependents[] = {
-    {"hdr.ipv6_base.dst_addr",
-     {"0x86DD"},
-     [](OstraKey& key) { key.ip6DstIs(ip6, ip6Mask); },
-     [](OstraKey& key) { key.ip6DstIs(ip6, Korm::IpAddr{}); }},
-    {"hdr.ipv6_base.src_addr",
-     {"0x86DD"},
-     [](OstraKey& key) { key.ip6SrcIs(ip6, ip6Mask); },
-     [](OstraKey& key) { key.ip6SrcIs(ip6, Korm::IpAddr{Korm::Ip6Addr{}}); }},
-    {"hdr.ipv4_base.dst_addr",
-     {"0x0800"},
-     [](OstraKey& key) { key.ip4DstIs(ip4, ip4Mask); },
-     [](OstraKey& key) { key.ip4DstIs(ip4, Korm::IpAddr{Korm::Ip4Addr{}}); }},
-    {"hdr.ipv4_base.src_addr",
-     {"0x0800"},
-     [](OstraKey& key) { key.ip4SrcIs(ip4, ip4Mask); },
-     [](OstraKey& key) { key.ip4SrcIs(ip4, Korm::IpAddr{}); }},
-    {"hdr.arp.target_proto_addr",
-     {"0x0806"},
-     [](OstraKey& key) { key.arpTargetIs(ip4, ip4Mask); },
-     [](OstraKey& key) { key.arpTargetIs(ip4, Korm::IpAddr{Korm::Ip4Addr{}}); }},
-    {"hdr.icmp.type",
-     {"0x0800", "0x86DD"},
-     [](OstraKey& key) { key.icmpTypeIs(8, 0x01); },
-     [](OstraKey& key) { key.icmpTypeIs(8, 0); }},
-    {"local_metadata.dscp",
-     {},
-     [](OstraKey& key) { key.dscpIs(46, 0x3F); },
-     [](OstraKey& key) { key.dscpIs(46, 0); }},
-    {"local_metadata.hop_limit",
-     {},
-     [](OstraKey& key) { key.hopLimitIs(64, 0xFF); },
-     [](OstraKey& key) { key.hopLimitIs(64, 0); }},
-    {"local_metadata.next_header",
-     {},
-     [](OstraKey& key) { key.nextHeaderIs(6, 0xFF); },
-     [](OstraKey& key) { key.nextHeaderIs(6, 0); }},
+    {"hdr.ipv6_base.dst_addr", {"0x86DD"}, [](OstraKey& key) { key.ip6DstIs(ip6, ip6Mask); }},
+    {"hdr.ipv6_base.src_addr", {"0x86DD"}, [](OstraKey& key) { key.ip6SrcIs(ip6, ip6Mask); }},
+    {"hdr.ipv4_base.dst_addr", {"0x0800"}, [](OstraKey& key) { key.ip4DstIs(ip4, ip4Mask); }},
+    {"hdr.ipv4_base.src_addr", {"0x0800"}, [](OstraKey& key) { key.ip4SrcIs(ip4, ip4Mask); }},
+    {"hdr.arp.target_proto_addr", {"0x0806"}, [](OstraKey& key) { key.arpTargetIs(ip4, ip4Mask); }},
+    {"hdr.icmp.type", {"0x0800", "0x86DD"}, [](OstraKey& key) { key.icmpTypeIs(8, 0x01); }},
+    {"local_metadata.dscp", {}, [](OstraKey& key) { key.dscpIs(46, 0x3F); }},
+    {"local_metadata.hop_limit", {}, [](OstraKey& key) { key.hopLimitIs(64, 0xFF); }},
+    {"local_metadata.next_header", {}, [](OstraKey& key) { key.nextHeaderIs(6, 0xFF); }},
 };
 
-std::string expected(const Cell& cell, const Given& etherType, const Dependent& field) {
-  if (!cell.error.empty()) {
-    return cell.error;
+// Gives the field of this name a mask of zero.
+void openField(OstraKey& key, const std::string& wanted) {
+  key.forEachField([&wanted](std::string_view name, const auto& field, auto put) {
+    if (name == wanted) {
+      put(field.value, {});
+    }
+  });
+}
+
+std::string expected(const Verdict& verdict, const char* etherType, const Dependent& field) {
+  if (!verdict.error.empty()) {
+    return verdict.error;
   }
   if (field.etherTypes.empty()) {
-    return cell.isIp ? "" : "notAllowed: " + field.name + " is not allowed because " + cell.reason;
+    return verdict.reason.empty()
+               ? ""
+               : "notAllowed: " + field.name + " is not allowed because " + verdict.reason;
   }
-  const bool there = std::find(field.etherTypes.begin(), field.etherTypes.end(), etherType.how) !=
+  const bool there = std::find(field.etherTypes.begin(), field.etherTypes.end(), etherType) !=
                      field.etherTypes.end();
   return there ? "" : undefined(field.name);
 }
 
-// Every way to give the ether type and the flag, each with its cell.
-void forEachCombination(
-    const std::function<void(const Cell&, const Given& etherType, const Given& flag)>& visit) {
-  for (const Cell& cell : cells) {
-    for (const Given& etherType : cell.etherTypes) {
-      for (const Given& flag : cell.flags) {
-        SCOPED_TRACE(etherType.how + std::string{", "} + flag.how);
-        visit(cell, etherType, flag);
+TEST_F(FlowValidation, EtherTypeAndIsIpPacketDecideWhichFieldsMayBeConstrained) {
+  for (const Given& etherType : etherTypes) {
+    for (const Given& flag : flags) {
+      SCOPED_TRACE(etherType.how + std::string{" and "} + flag.how);
+      const Verdict& verdict =
+          verdicts[static_cast<int>(etherType.says)][static_cast<int>(flag.says)];
+      OstraKey key;
+      etherType.fill(key);
+      flag.fill(key);
+      EXPECT_EQ(refusal(key), verdict.error);
+      for (const Dependent& field : dependents) {
+        OstraKey constrained = key;
+        field.constrain(constrained);
+        EXPECT_EQ(refusal(constrained), expected(verdict, etherType.how, field)) << field.name;
+        openField(constrained, field.name);
+        EXPECT_EQ(refusal(constrained), verdict.error) << field.name << " with a mask of zero";
       }
     }
   }
 }
 
-TEST_F(FlowValidation, EtherTypeAndIsIpPacketDecideWhichFieldsMayBeConstrained) {
-  unsigned combinations = 0;
-  forEachCombination([&](const Cell& cell, const Given& etherType, const Given& flag) {
-    ++combinations;
-    OstraKey key;
-    etherType.fill(key);
-    flag.fill(key);
-    EXPECT_EQ(refusal(key), cell.error);
-    for (const Dependent& field : dependents) {
-      OstraKey constrained = key;
-      field.constrained(constrained);
-      EXPECT_EQ(refusal(constrained), expected(cell, etherType, field)) << field.name;
-      OstraKey wildcard = key;
-      field.wildcard(wildcard);
-      EXPECT_EQ(refusal(wildcard), cell.error) << field.name << " with a mask of zero";
-    }
-  });
-  EXPECT_EQ(combinations, 7U * 5U);
-}
-
-TEST_F(FlowValidation, TheOtherFieldsDoNotDependOnTheEtherType) {
-  forEachCombination([&](const Cell& cell, const Given& etherType, const Given& flag) {
-    OstraKey key;
-    etherType.fill(key);
-    flag.fill(key);
-    key.ip4DscpIs(1, 0x3F);
-    key.ip4ProtocolIs(6, 0xFF);
-    key.ip4TtlIs(1, 0xFF);
-    key.ip6DscpIs(1, 0x3F);
-    key.ip6NextHeaderIs(6, 0xFF);
-    key.ip6HopLimitIs(1, 0xFF);
-    key.l4SrcPortIs(1, 0xFFFF);
-    key.innerL3DataIs(1, 0xFF);
-    key.ethSrcIs({{2, 0, 0, 0, 0, 1}}, Korm::EthAddr::allOnes());
-    EXPECT_EQ(refusal(key), cell.error);
-  });
-}
-
 TEST_F(FlowValidation, APartialEtherTypeMaskIsRefusedWhateverElseIsGiven) {
-  const std::string refused =
-      "invalidMask: hdr.ethernet.ether_type should be a wildcard or an exact value";
   for (const std::uint16_t mask : std::array<std::uint16_t, 4>{0xFF00, 0x0001, 0x8000, 0xFFFE}) {
     OstraKey key;
     key.etherTypeIs(0x0800, mask);
-    EXPECT_EQ(refusal(key), refused) << mask;
-    key.isIpPacketIs(false, true);
     key.ip6DstIs(ip6, ip6Mask);
-    EXPECT_EQ(refusal(key), refused) << mask;
+    EXPECT_EQ(refusal(key),
+              "invalidMask: " + etherTypeName + " should be a wildcard or an exact value");
   }
 }
 
-TEST_F(FlowValidation, PortsAreCheckedMaskFirst) {
+TEST_F(FlowValidation, PortsAreCheckedUnlessTheyAreWildcards) {
   const auto ingress = [&](P4Runtime::P4PortId port, P4Runtime::P4PortId mask) {
     OstraKey key;
     key.ingressPortIs(port, mask);
     return refusal(key);
   };
+  EXPECT_EQ(ingress(0, 0), "");
+  EXPECT_EQ(ingress(0xFFFFFFFF, 0), "");
   EXPECT_EQ(ingress(1, 0xFFFFFFFF), "");
   EXPECT_EQ(ingress(0xFFFFFEFF, 0xFFFFFFFF), "");
-  EXPECT_EQ(ingress(0, 0), "") << "a wildcard is not checked";
-  EXPECT_EQ(ingress(0xFFFFFFFF, 0), "");
-  const std::string range = " is outside 1 to 4294967039";
-  EXPECT_EQ(ingress(0, 0xFFFFFFFF), "invalidArgument: ingress port-id: port id 0" + range);
   EXPECT_EQ(ingress(0xFFFFFF00, 0xFFFFFFFF),
-            "invalidArgument: ingress port-id: port id 4294967040" + range);
-  const std::string badMask = "invalidArgument: ingress port-id: mask 1 is not all ones";
-  EXPECT_TRUE(ingress(1, 1).starts_with(badMask));
-  EXPECT_TRUE(ingress(0, 1).starts_with(badMask)) << "the mask comes first";
+            "invalidArgument: ingress port-id: port id 4294967040 is outside 1 to 4294967039");
 }
 
 // The faults that one entry can have, in the order in which they are found; each with what ends it.
@@ -257,10 +177,8 @@ struct Fault {
 const std::string portRange = " is outside 1 to 4294967039";
 const std::string trafficClassRange =
     "raised: TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed";
-const std::string notAllowedReason =
-    " is not allowed because ether type is ignored and isIpPacket is false";
 
-const Fault matchFaults[] = {
+const Fault firstFaults[] = {
     {"invalidArgument: ingress port-id: mask 7 is not all ones; a port is matched exactly",
      [](auto& entry) { entry.flowKey.ingressPortIs(0, 0xFFFFFFFF); }},
     {"invalidArgument: ingress port-id: port id 0" + portRange,
@@ -272,31 +190,18 @@ const Fault matchFaults[] = {
     {"invalidMask: hdr.ethernet.ether_type should be a wildcard or an exact value",
      [](auto& entry) { entry.flowKey.etherTypeIs(0x0800, 0xFFFF); }},
     {conflict, [](auto& entry) { entry.flowKey.etherTypeIs(0, 0); }},
-    {undefined("hdr.ipv6_base.dst_addr"), [](auto& entry) { entry.flowKey.ip6DstIs(ip6, {}); }},
-    {undefined("hdr.ipv6_base.src_addr"), [](auto& entry) { entry.flowKey.ip6SrcIs(ip6, {}); }},
-    {undefined("hdr.ipv4_base.dst_addr"), [](auto& entry) { entry.flowKey.ip4DstIs(ip4, {}); }},
-    {undefined("hdr.ipv4_base.src_addr"), [](auto& entry) { entry.flowKey.ip4SrcIs(ip4, {}); }},
-    {undefined("hdr.arp.target_proto_addr"),
-     [](auto& entry) { entry.flowKey.arpTargetIs(ip4, {}); }},
-    {undefined("hdr.icmp.type"), [](auto& entry) { entry.flowKey.icmpTypeIs(8, 0); }},
-    {"notAllowed: local_metadata.dscp" + notAllowedReason,
-     [](auto& entry) { entry.flowKey.dscpIs(1, 0); }},
-    {"notAllowed: local_metadata.hop_limit" + notAllowedReason,
-     [](auto& entry) { entry.flowKey.hopLimitIs(1, 0); }},
-    {"notAllowed: local_metadata.next_header" + notAllowedReason,
-     [](auto& entry) { entry.flowKey.nextHeaderIs(1, 0); }},
+};
+const Fault laterFaults[] = {
     {"raised: VlanIdOrNone::value > 4094 not allowed",
      [](auto& entry) { entry.flowKey.vlanIdIs(4094, 4096); }},
     {"raised: VlanIdOrAnyOrNone::value > 4095 not allowed",
      [](auto& entry) { entry.flowKey.vlanIdIs(4094, 4095); }},
-};
-const Fault earlyActionFaults[] = {
     {trafficClassRange, [](auto& entry) { entry.actions.uncheckedTrafficClassIs(16, true); }},
     {"invalidArgument: egress port-id: port id 0" + portRange,
      [](auto& entry) { entry.outputPortIs(2); }},
     {"raised: VlanIdOrNone::value > 4094 not allowed", [](auto& entry) { entry.vlanId = 4094; }},
 };
-const Fault lateFaults[] = {
+const Fault faultsBehindTheVrf[] = {
     {trafficClassRange, [](auto& entry) { entry.actions.uncheckedCpuTrafficClassIs(16, true); }},
     {"notFound: Group id: 3 is not found", [](auto& entry) { entry.groupGiven = false; }},
     {"raised: Priority::value < -1 or > Priority::max not allowed",
@@ -310,7 +215,7 @@ OstraConfigEntry withEveryFault(OstraConfigEntry entry) {
   key.etherTypeIs(0x0800, 0xFF00);
   key.isIpPacketIs(false, true);
   for (const Dependent& field : dependents) {
-    field.constrained(key);
+    field.constrain(key);
   }
   key.vlanIdIs(4095, 4096);
   key.priorityIs(65537);
@@ -338,16 +243,21 @@ TEST_F(FlowValidation, AnEntryWithManyFaultsIsRefusedForTheFirst) {
     sm->hasNotificationActiveIs(true);
     return result.starts_with("7 ") ? result.substr(2) : result;
   };
-  for (const Fault& fault : matchFaults) {
+  for (const Fault& fault : firstFaults) {
     ASSERT_EQ(said(false, false), fault.said);
     fault.repair(entry);
   }
-  for (const Fault& fault : earlyActionFaults) {
+  const Verdict& notIp = verdicts[static_cast<int>(Says::nothing_)][static_cast<int>(Says::notIp_)];
+  for (const Dependent& field : dependents) {
+    ASSERT_EQ(said(false, false), expected(notIp, "none", field));
+    openField(entry.flowKey, field.name);
+  }
+  for (const Fault& fault : laterFaults) {
     ASSERT_EQ(said(false, false), fault.said);
     fault.repair(entry);
   }
   EXPECT_EQ(books(5), neverUsed) << "so far nothing was left behind";
-  for (const Fault& fault : lateFaults) {
+  for (const Fault& fault : faultsBehindTheVrf) {
     ASSERT_EQ(said(true, fault.said.find("Priority") != std::string::npos), fault.said);
     EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
     EXPECT_EQ(cxHwConfig->flowEntries().size(), 0U);
@@ -363,18 +273,16 @@ class FlowGroupReference : public FlowFixture {
 
   static constexpr std::uint64_t memberBit = 0x1'0000'0000;
 
-  std::string writeToGroup(P4Runtime::MemberOrGroupId id) {
+  std::string writeTo(std::optional<P4Runtime::MemberOrGroupId> member,
+                      std::optional<P4Runtime::MemberOrGroupId> group) {
     OstraConfigEntry entry = flow(7, plainKey(1));
-    entry.groupGiven = true;
-    entry.groupId = id;
+    entry.memberGiven = member.has_value();
+    entry.memberId = member.value_or(0);
+    entry.groupGiven = group.has_value();
+    entry.groupId = group.value_or(0);
     return write(entry);
   }
-  std::string writeToMember(P4Runtime::MemberOrGroupId id) {
-    OstraConfigEntry entry = flow(7, plainKey(1));
-    entry.memberGiven = true;
-    entry.memberId = id;
-    return write(entry);
-  }
+  std::string writeToGroup(P4Runtime::MemberOrGroupId id) { return writeTo({}, id); }
 };
 
 TEST_F(FlowGroupReference, NeedsTheGroupConfiguredAndReadyInHardware) {
@@ -387,55 +295,35 @@ TEST_F(FlowGroupReference, NeedsTheGroupConfiguredAndReadyInHardware) {
   const auto status = publishHwStatus();
   EXPECT_EQ(writeToGroup(3), refused) << "the hardware does not know the group";
   OpenFlowTable::GroupStats& stats = status->groupStatsIs(3, GroupStatus::pending_);
-  for (const std::uint32_t number : {1U, 2U, 3U, 4U, 77U, 0x8000'0000U, 0xFFFF'FFFFU}) {
+  for (const std::uint32_t number : {1U, 2U, 3U, 4U, 77U, 0xFFFF'FFFFU}) {
     stats.statusIs(GroupStatus{number});
     EXPECT_EQ(writeToGroup(3), refused) << number;
   }
   EXPECT_EQ(cxFlow(7), nullptr);
-  EXPECT_FALSE(sm->flowKeyToEntryHandle(plainKey(1)).has_value());
   stats.statusIs(GroupStatus::ready_);
   EXPECT_EQ(writeToGroup(3), "");
   EXPECT_EQ(theFlow(7).actions().group(), 3U);
   EXPECT_TRUE(theFlow(7).actions().has(OpenFlowTable::Action::group_));
   cxHwConfig->groupEntryDel(3);
   EXPECT_EQ(writeToGroup(3), refused) << "ready in hardware, not configured any more";
-  EXPECT_EQ(theFlow(7).actions().group(), 3U) << "the flow stays as it was";
 }
 
-TEST_F(FlowGroupReference, ToAMemberIsToTheGroupThatStandsForIt) {
+TEST_F(FlowGroupReference, ToAMemberIsToTheGroupThatStandsForItAndGivesWayToOneToAGroup) {
   const auto status = publishHwStatus();
-  cxHwConfig->groupEntryIs(5);
-  status->groupStatsIs(5, GroupStatus::ready_);
-  EXPECT_EQ(writeToMember(5), "7 notFound: Member id: 5 is not found") << "group 5 is not member 5";
-  cxHwConfig->groupEntryIs(memberBit | 5U);
-  status->groupStatsIs(memberBit | 5U, GroupStatus::ready_);
-  EXPECT_EQ(writeToMember(5), "");
+  const auto makeReady = [&](OpenFlowTable::GroupId id) {
+    cxHwConfig->groupEntryIs(id);
+    status->groupStatsIs(id, GroupStatus::ready_);
+  };
+  makeReady(5);
+  EXPECT_EQ(writeTo(5, {}), "7 notFound: Member id: 5 is not found") << "group 5 is not member 5";
+  makeReady(memberBit | 5U);
+  EXPECT_EQ(writeTo(5, {}), "");
   EXPECT_EQ(theFlow(7).actions().group(), 4294967301U);
-  EXPECT_EQ(writeToMember(0xFFFFFFFF), "7 notFound: Member id: 4294967295 is not found");
-  EXPECT_EQ(writeToGroup(0xFFFFFFFF), "7 notFound: Group id: 4294967295 is not found");
-}
-
-TEST_F(FlowGroupReference, WithBothGoesToTheGroupAndBlamesTheMember) {
-  const auto status = publishHwStatus();
-  OstraConfigEntry entry = flow(7, plainKey(1));
-  entry.memberGiven = true;
-  entry.memberId = 5;
-  entry.groupGiven = true;
-  entry.groupId = 3;
-  cxHwConfig->groupEntryIs(memberBit | 5U);
-  status->groupStatsIs(memberBit | 5U, GroupStatus::ready_);
-  EXPECT_EQ(write(entry), "7 notFound: Member id: 5 is not found") << "group 3 is what is missing";
-  cxHwConfig->groupEntryIs(3);
-  status->groupStatsIs(3, GroupStatus::ready_);
-  EXPECT_EQ(write(entry), "");
+  EXPECT_EQ(writeTo(0xFFFFFFFF, {}), "7 notFound: Member id: 4294967295 is not found");
+  EXPECT_EQ(writeTo(5, 3), "7 notFound: Member id: 5 is not found") << "group 3 is what is missing";
+  makeReady(3);
+  EXPECT_EQ(writeTo(5, 3), "");
   EXPECT_EQ(theFlow(7).actions().group(), 3U);
-}
-
-TEST_F(FlowGroupReference, IsReadFromTheEntryAndNotFromItsActionSet) {
-  OstraConfigEntry entry = flow(7, plainKey(1));
-  entry.actions.groupIs(9, true);
-  EXPECT_EQ(write(entry), "");
-  EXPECT_FALSE(theFlow(7).actions().has(OpenFlowTable::Action::group_));
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -10,7 +9,6 @@ namespace {
 
 using Korm::DeserializationException;
 using Korm::ParseException;
-using Ostra::OstraKey;
 using Ostra::OstraStatusEntry;
 using P4Runtime::ErrorCode;
 using StatusTest::portKey;
@@ -41,56 +39,25 @@ std::string with(const std::string& part, const std::string& other) {
   return text.replace(at, part.size(), other);
 }
 
-TEST(StatusEntry, PrintsAndReadsItsExactText) {
-  EXPECT_EQ(sample().valueToStrep(), sampleText());
-  std::ostringstream out;
-  out << sample();
-  EXPECT_EQ(out.str(), sampleText());
-  EXPECT_EQ(parse(sampleText()), sample());
-
-  EXPECT_EQ(OstraStatusEntry{}.valueToStrep(),
-            "Value('Ostra::OstraStatusEntry', ** {'genId': 0, 'entryHandle': 0, 'errorCode': "
-            "success, 'deleted': False, 'key': " +
-                OstraKey{}.valueToStrep() + "})");
-  EXPECT_TRUE(!parse(OstraStatusEntry{}.valueToStrep()));
-
-  // A code without a name is its number, and comes back.
-  EXPECT_EQ(parse(with("hardwareResourceExhausted", "3")).errorCode, ErrorCode{3});
-}
-
-TEST(StatusEntry, IsReadFromTheMiddleOfAText) {
-  const std::string text = "[" + sampleText() + "]";
-  auto current = text.begin() + 1;
-  EXPECT_EQ(OstraStatusEntry(current, text.end()), sample());
-  EXPECT_EQ(std::string(current, text.end()), "]");
-}
-
-TEST(StatusEntry, RefusesEveryOtherText) {
+TEST(StatusEntry, ReadsTheTextThatItPrintsAndNoOther) {
   const std::string text = sampleText();
+  EXPECT_EQ(sample().valueToStrep(), text);
+  EXPECT_EQ(parse(text), sample());
+  EXPECT_TRUE(!parse(OstraStatusEntry{}.valueToStrep()));
+  EXPECT_EQ(parse(with("hardwareResourceExhausted", "3")).errorCode, ErrorCode{3})
+      << "a code without a name is its number";
+
   for (std::size_t length = 0; length < text.size(); ++length) {
     EXPECT_THROW(parse(text.substr(0, length)), ParseException) << "truncated to " << length;
   }
-  for (const std::string& bad : {
-           text + " ",
-           text + "})",
-           " " + text,
-           with("'genId': 7", "'genId': 07"),
-           with("'genId': 7", "'genId': -7"),
-           with("'genId': 7", "'genId':7"),
-           with("'genId': 7, 'entryHandle': 18446744073709551615",
-                "'entryHandle': 18446744073709551615, 'genId': 7"),
-           with("'deleted': True, ", ""),
-           with("** {", "** { "),
-           with("Status", "Config"),
-       }) {
+  for (const std::string& bad :
+       {text + " ", " " + text, with("'genId': 7", "'genId': 07"), with("'genId': 7", "'genId':7"),
+        with("'deleted': True, ", ""), with("Status", "Config")}) {
     EXPECT_THROW(parse(bad), ParseException) << bad;
   }
-}
-
-TEST(StatusEntry, NamesTheAttributeWhoseValueIsRefused) {
-  const auto refused = [](const std::string& text) -> std::string {
+  const auto refused = [](const std::string& bad) -> std::string {
     try {
-      parse(text);
+      parse(bad);
     } catch (const DeserializationException& error) {
       return error.attribute();
     }
@@ -98,49 +65,28 @@ TEST(StatusEntry, NamesTheAttributeWhoseValueIsRefused) {
   };
   EXPECT_EQ(refused(with("7", "18446744073709551616")), "genId");
   EXPECT_EQ(refused(with("18446744073709551615", "x")), "entryHandle");
-  EXPECT_EQ(refused(with("hardwareResourceExhausted", "noSuchCode")), "errorCode");
   EXPECT_EQ(refused(with("hardwareResourceExhausted", "20")), "errorCode");
   EXPECT_EQ(refused(with("True", "true")), "deleted");
 }
 
-TEST(StatusEntry, IsEqualInAllFieldsAndEmptyInNone) {
-  EXPECT_TRUE(!OstraStatusEntry{});
-  EXPECT_EQ(sample(), sample());
-  EXPECT_TRUE(!!(OstraStatusEntry{{}, portKey(1)})) << "a key alone is not empty";
-
-  std::vector<OstraStatusEntry> others(4, sample());
-  others[0].genId = 8;
-  others[1].entryHandle = 1;
-  others[2].errorCode = ErrorCode::success_;
-  others[3].deleted = false;
-  others.emplace_back(sample(), portKey(444));
-  for (const OstraStatusEntry& other : others) {
-    EXPECT_FALSE(other == sample()) << other;
-  }
-}
-
 TEST(StatusEntry, IsReachedByAttributeName) {
   OstraStatusEntry entry{{}, portKey(443)};
+  EXPECT_FALSE(!entry) << "a key alone is not empty";
   Korm::Generic<OstraStatusEntry> generic{entry};
   const OstraStatusEntry expected = sample();
   for (const auto& attribute : OstraStatusEntry::genericAttributes()) {
     if (attribute.name != "key") {
+      EXPECT_NE(entry, expected) << "without its " << attribute.name;
       generic.attributeIs(attribute.name, attribute.read(expected));
     }
     EXPECT_EQ(generic.attribute(attribute.name), attribute.read(expected)) << attribute.name;
   }
   EXPECT_EQ(entry, expected);
-  EXPECT_EQ(generic.attribute("errorCode"), "hardwareResourceExhausted");
-  EXPECT_EQ(generic.strep(), sampleText());
-  EXPECT_FALSE(generic.empty());
-  EXPECT_TRUE(generic.equals(expected));
-  OstraStatusEntry same = sample();
-  EXPECT_EQ(generic.hash(), Korm::Generic<OstraStatusEntry>{same}.hash());
+  EXPECT_NE(entry, OstraStatusEntry(sample(), portKey(444)));
 
   EXPECT_THROW(generic.attributeIs("key", portKey(1).valueToStrep()), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("reserved", "0"), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("genId", "1 "), ParseException);
-  EXPECT_THROW(generic.attributeIs("deleted", ""), DeserializationException);
   EXPECT_THROW(generic.attributeIs("errorCode", "20"), DeserializationException);
   EXPECT_EQ(entry, expected) << "a refused write changes nothing";
 }
