@@ -5,35 +5,86 @@
 #include <string>
 #include <vector>
 
-#include "ContextFixture.h"
+#include "FlowFixture.h"
+#include "Ostra/Ostra.h"
+#include "Ostra/OstraEcmpGroupSm.h"
+#include "Ostra/OstraStatusSm.h"
+#include "platform/P4Runtime/Counter.h"
 
 namespace OstraTest {
 namespace {
 
+using Ostra::FlowTableIndex;
+using Tessel::MountStatus;
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
-class Context : public ContextFixture {
+constexpr const char* cxHwStatusDirPath = "corvex/cxHwStatusDir/dyninputstatus";
+constexpr const char* flowCounterDirPath = "openflow/corvexhwstatusdir";
+constexpr const char* ipv4EncapTablePath = "routing/l2nexthopgroup/ipv4EncapTable";
+
+// A context in a service: the state database with all that is to be mounted, and the service's objects,
+// with flow tables in the slots 0, 3, 14 and 15.
+class Context : public FlowFixture {
  protected:
+  Context() {
+    manager->entityIs("corvex/dyninput/p4rt", cxHwConfig);
+    manager->entityIs(cxHwStatusDirPath, cxHwStatusDir);
+    manager->entityIs("corvex/configDir/p4rt", cxConfig);
+    manager->entityIs(flowCounterDirPath, flowCounterDir);
+    manager->entityIs("interface/status/all", Korm::makePtr<Interface::AllIntfStatusDir>("all"));
+    manager->entityIs(ipv4EncapTablePath, encaps);
+    for (const int index : {0, 3, 14, 15}) {
+      tables->ostraConfigIs(FlowTableIndex{index},
+                            Korm::makePtr<Ostra::OstraConfig>(std::to_string(index)));
+    }
+    tables->p4rtEcmpGroupTableIs(groups);
+    tables->p4rtEcmpMemberTableIs(members);
+  }
+
+  void make() {
+    context = Ostra::ostraContextFactory(tables, vrfs, ports, batchStatus, telemetry, handles,
+                                         validation, counters);
+  }
+  void complete(MountStatus status = MountStatus::success_) {
+    context->doMountsComplete(status, manager);
+  }
+  void makeComplete() {
+    make();
+    complete();
+  }
+  [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {
+    return *tables->ostraConfig(FlowTableIndex{index});
+  }
+  [[nodiscard]] Korm::Ptr<Ostra::OstraSm> flowSm(std::uint8_t index) const {
+    const auto found = context->ostraSmColl().find(index);
+    return found == context->ostraSmColl().end() ? nullptr : found->second;
+  }
   // Of everything that the context is given or finds.
   [[nodiscard]] std::vector<std::uint32_t> references() const {
-    return {tables->references(),         vrfs->references(),
-            ports->references(),          batchStatus->references(),
-            telemetry->references(),      handles->references(),
-            validation->references(),     cxHwConfig->references(),
-            cxConfig->references(),       cxHwStatusDir->references(),
-            flowCounterDir->references(), encapTable->references(),
-            groupTable->references(),     memberTable->references(),
-            manager->references(),        tables->ostraConfig(FlowTableIndex{0})->references()};
+    const auto of = [](const auto&... inputs) { return std::vector{inputs->references()...}; };
+    return of(tables, vrfs, ports, batchStatus, telemetry, handles, validation, cxHwConfig,
+              cxConfig, cxHwStatusDir, flowCounterDir, encaps, groups, members, manager,
+              tables->ostraConfig(FlowTableIndex{0}));
   }
+
+  const Korm::Ptr<Tessel::EntityManager> manager = Korm::makePtr<Tessel::EntityManager>();
+  const Korm::Ptr<Korm::Dir> flowCounterDir = Korm::makePtr<Korm::Dir>("corvexhwstatusdir");
+  const Korm::Ptr<Ostra::OstraConfigTableColl> tables =
+      Korm::makePtr<Ostra::OstraConfigTableColl>();
+  const Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counters =
+      Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>();
+  Korm::Ptr<Ostra::OstraContext> context;
 };
 
 TEST_F(Context, DeclaresItsFourMountsInOrder) {
   make();
   Tessel::MountGroup group;
+  TextTrace trace{5};
   context->doMounts(group);
+  EXPECT_EQ(trace.take(), Texts{"5 OstraContext::doMounts"});
   Texts declared;
   for (const Tessel::Mount& mount : group.mounts()) {
     const bool forWriting =
@@ -88,6 +139,50 @@ TEST_F(Context, AtStartOnlyFlowsOfTheLastTableStayUntilTheOthersAreAnnounced) {
   EXPECT_EQ(cxHwConfig->flowEntries().size(), 3U);
 }
 
+TEST_F(Context, CarriesAWriteFromAnyTableToItsResult) {
+  makeComplete();
+  const auto hw = publishHwStatus();
+  for (const std::uint8_t index : {std::uint8_t{0}, std::uint8_t{3}, std::uint8_t{14}}) {
+    table = tables->ostraConfig(FlowTableIndex{index});
+    const OstraConfigEntry entry = flowInVrf(index, index, index);
+    const std::string handle = std::to_string(index);
+    EXPECT_EQ(write(entry), "");
+    ASSERT_NE(cxFlow(index), nullptr);
+    hw->flowStatsIs("flow-" + handle, OpenFlowTable::FlowStatus::programmed_);
+    EXPECT_EQ(results.take(), "dependent " + handle + " success") << "its VRF's first user";
+    EXPECT_EQ(remove(entry), "");
+    EXPECT_EQ(cxFlow(index), nullptr);
+    hw->flowStatsDel("flow-" + handle);
+    EXPECT_EQ(results.take(), "dependent " + handle + " success") << "and the last";
+  }
+}
+
+TEST_F(Context, DirectCountersAreReadAfreshFromEveryUnitThatHasTheFlow) {
+  makeComplete();
+  const auto unit = [this](const char* name) {
+    auto status = Korm::makePtr<OpenFlowTable::HwStatus>(name);
+    flowCounterDir->entityIs(name, status);
+    return status;
+  };
+  const auto counted = [this](std::uint64_t handle) {
+    return counters->counterImplMap(0)->getCounters(handle);
+  };
+  using P4Runtime::P4CounterData;
+  EXPECT_EQ(counted(7), P4CounterData{});
+  unit("unit-0")->flowStatsIs("flow-7-p4rt").countersIs(10, 1000);
+  const auto second = unit("unit-1");
+  second->flowStatsIs("flow-7-p4rt").countersIs(5, 500);
+  for (const char* const other : {"flow-7", "flow-7-other", "flow-70-p4rt"}) {
+    second->flowStatsIs(other).countersIs(1, 1);
+  }
+  flowCounterDir->entityIs("other", Korm::makePtr<Korm::Dir>("other"));
+  EXPECT_EQ(counted(7), (P4CounterData{0, 15, 1500}));
+  EXPECT_EQ(counted(9), P4CounterData{});
+  second->flowStatsIs("flow-7-p4rt").countersIs(6, 600);
+  flowCounterDir->entityDel("unit-0");
+  EXPECT_EQ(counted(7), (P4CounterData{0, 6, 600}));
+}
+
 TEST_F(Context, WhatIsMissingOrMistypedShowsAsNull) {
   manager->entityIs("corvex/dyninput/p4rt", Korm::makePtr<Korm::Dir>("p4rt"));
   manager->entityDel("corvex/configDir/p4rt");
@@ -113,10 +208,10 @@ class ContextDeathTest : public Context {
  protected:
   // Completes, with flows and groups written to the standard error as they come.
   void completeAloud() {
-    Listener<const Korm::Name&> flows{cxHwConfig->flowEntryNotifiees(), [](const Korm::Name& name) {
-                                        std::fprintf(stderr, "wrote %s\n", name.c_str());
-                                      }};
-    Listener<const OpenFlowTable::GroupId&> groups{
+    Listener<const Korm::Name&> flowWrites{
+        cxHwConfig->flowEntryNotifiees(),
+        [](const Korm::Name& name) { std::fprintf(stderr, "wrote %s\n", name.c_str()); }};
+    Listener<const OpenFlowTable::GroupId&> groupWrites{
         cxHwConfig->groupEntryNotifiees(),
         [](const OpenFlowTable::GroupId&) { std::fprintf(stderr, "wrote a group\n"); }};
     complete();
@@ -124,7 +219,11 @@ class ContextDeathTest : public Context {
   // Expects this end of the process, whether the entity is missing or of another type.
   void expectDeathWithout(const char* path, const testing::Matcher<const std::string&>& said) {
     flowTable(14).entryIs(flow(3, plainKey(3)));
-    writeMember(5, P4Runtime::EntryHandle{50});
+    NexthopGroup::EncapEntry encap;
+    encap.encapId = 9;
+    encap.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
+    encaps->entryIs(encap);
+    members->entryIs({.entryHandle = 50, .memberId = 5, .p4PortId = 1, .encapId = 9});
     for (const Korm::Ptr<Korm::Entity>& instead : {Korm::Ptr<Korm::Entity>{cxConfig}, {}}) {
       manager->entityIs(path, instead);
       make();
@@ -172,15 +271,15 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
 TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   makeComplete();
   const auto info = context->ostraStatusDirSm()->ostraStatusInfo();
-  const auto dirSmOn = [&](const Korm::Ptr<P4RuntimeRouting::EcmpMember>& members) {
-    return context->ostraStatusDirSmIs(cxHwStatusDir, batchStatus, info, groupTable, members);
+  const auto dirSmOn = [&](const Korm::Ptr<P4RuntimeRouting::EcmpMember>& memberTable) {
+    return context->ostraStatusDirSmIs(cxHwStatusDir, batchStatus, info, groups, memberTable);
   };
   const auto dirSm = context->ostraStatusDirSm();
-  EXPECT_EQ(dirSmOn(memberTable), dirSm);
+  EXPECT_EQ(dirSmOn(members), dirSm);
   EXPECT_NE(dirSmOn(nullptr), dirSm);
   const auto ecmpSmOn = [&](const Korm::Ptr<P4Runtime::P4HandleMgr>& manages) {
-    return context->ostraEcmpGroupSmIs(cxHwConfig, groupTable, memberTable, encapTable, ports,
-                                       validation, batchStatus, manages);
+    return context->ostraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports, validation,
+                                       batchStatus, manages);
   };
   const auto ecmpSm = context->ostraEcmpGroupSm();
   EXPECT_EQ(ecmpSmOn(handles), ecmpSm);
@@ -212,8 +311,8 @@ TEST_F(Context, GoingItLeavesCorvexAndLetsGoOfEverything) {
   counters->counterImplMapIs(0, nullptr);
   EXPECT_EQ(references(), before);
   EXPECT_TRUE(flowTable(0).entryNotifiees().empty());
-  EXPECT_TRUE(groupTable->entryNotifiees().empty());
-  EXPECT_TRUE(encapTable->entryNotifiees().empty());
+  EXPECT_TRUE(groups->entryNotifiees().empty());
+  EXPECT_TRUE(encaps->entryNotifiees().empty());
   EXPECT_TRUE(cxHwStatusDir->notifiees().empty());
   EXPECT_NE(cxFlow(7), nullptr);
 }
@@ -241,9 +340,9 @@ class Departures {
 TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
   Departures departures;
   {
-    auto encaps = Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
-    manager->entityIs(ipv4EncapTablePath, encaps);
-    departures.watch("encap table", *encaps, false);
+    auto own = Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
+    manager->entityIs(ipv4EncapTablePath, own);
+    departures.watch("encap table", *own, false);
   }
   {
     // Inputs that nobody but the context, and what it builds, holds.
@@ -282,11 +381,9 @@ TEST_F(Context, ARowOutOfRangeMakesTheBuildFailAndLeavesNothingHalfBuilt) {
   const auto before = references();
   make();
   EXPECT_EQ(raised([&] { complete(); }), "Priority::value < -1 or > Priority::max not allowed");
-  EXPECT_TRUE(flowTable(3).entryNotifiees().empty());
-  EXPECT_FALSE(flowSm(3));
   EXPECT_TRUE(flowSm(0)) << "what was built so far stays";
+  EXPECT_FALSE(flowSm(3));
   EXPECT_FALSE(context->ostraStatusDirSm());
-  EXPECT_FALSE(counters->counterImplMap(0));
   flowTable(3).entryDel(bad.key());
   complete();
   EXPECT_EQ(context->ostraSmColl().size(), 15U);

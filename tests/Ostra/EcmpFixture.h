@@ -1,8 +1,8 @@
 // A service with its ECMP tables, the Corvex configuration, and an ECMP state machine between them.
 //
 // What happens is kept as lines, in order: writes() of Corvex groups ("created member 5", "written
-// group 3", "deleted group 3"), results() of the batch status ("1005 15 message": entry handle, error code,
-// message), and corruptions() reported to the tables. Each call takes the lines since the last one.
+// group 3", "deleted group 3") and corruptions() reported to the tables. Each call takes the lines since
+// the last one.
 #pragma once
 
 #include <algorithm>
@@ -11,15 +11,12 @@
 #include <utility>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraEcmpGroupSm.h"
-#include "platform/Korm/Clock.h"
+#include "ServiceFixture.h"
 
 namespace EcmpTest {
 
-using Lines = std::vector<std::string>;
+using Lines = OstraTest::Texts;
 using Id = P4Runtime::MemberOrGroupId;
 using Ids = std::vector<Id>;
 using OpenFlowTable::Action;
@@ -50,23 +47,19 @@ inline std::string groupName(GroupId id) {
                           : "group " + std::to_string(id);
 }
 
-class Ecmp : public testing::Test {
+class Ecmp : public OstraTest::ServiceFixture {
  protected:
   Ecmp() {
-    Korm::clockIs([] { return now; });
-    groups_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("groups"); });
-    members_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("members"); });
-    encaps_->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("encaps"); });
-    ports_->portIs(1, Interface::IntfId{"Ethernet1"});
-    ports_->portIs(2, Interface::IntfId{"Ethernet2"});
+    groups->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("groups"); });
+    members->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("members"); });
+    encaps->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("encaps"); });
   }
-  ~Ecmp() override { Korm::clockIs(nullptr); }
 
   void start() {
-    sm_ = Ostra::ostraEcmpGroupSmFactory(cxHwConfig_, groups_, members_, encaps_, ports_, helper_,
-                                         batch_, handles_);
+    sm = Ostra::ostraEcmpGroupSmFactory(cxHwConfig, groups, members, encaps, ports, validation,
+                                        batchStatus, handles);
   }
-  void stop() { sm_ = nullptr; }
+  void stop() { sm = nullptr; }
 
   // What the controller and the routing feature write.
   void writeMember(const Member& member) {
@@ -77,8 +70,8 @@ class Ecmp : public testing::Test {
     row.dstMac = P4RuntimeRouting::toLinkLayerWords(member.dstMac);
     row.srcMac = P4RuntimeRouting::toLinkLayerWords(member.srcMac);
     row.encapId = member.encap;
-    handles_->memberIs(member.id, row.entryHandle);
-    members_->entryIs(row);
+    handles->memberIs(member.id, row.entryHandle);
+    members->entryIs(row);
   }
   void writeMembers(const Ids& ids) {
     for (const Id id : ids) {
@@ -94,8 +87,8 @@ class Ecmp : public testing::Test {
     return row;
   }
   void writeGroup(Id id, const Ids& list) {
-    handles_->groupIs(id, groupHandle(id));
-    groups_->entryIs(*groupRow(id, list));
+    handles->groupIs(id, groupHandle(id));
+    groups->entryIs(*groupRow(id, list));
   }
   void writeEncap(const Encap& encap) {
     NexthopGroup::EncapEntry row;
@@ -105,7 +98,7 @@ class Ecmp : public testing::Test {
     row.dscp = 46;
     row.src = {{10, 0, 0, encap.lastOctet}};
     row.dst = {{10, 0, 1, encap.lastOctet}};
-    encaps_->entryIs(row);
+    encaps->entryIs(row);
   }
 
   // Changes a row behind the back of its table, as stray writes to shared memory do.
@@ -120,10 +113,10 @@ class Ecmp : public testing::Test {
   }
 
   [[nodiscard]] const OpenFlowTable::GroupEntry* corvexGroup(Id id) const {
-    return std::as_const(*cxHwConfig_).groupEntry(id);
+    return std::as_const(*cxHwConfig).groupEntry(id);
   }
   [[nodiscard]] const OpenFlowTable::GroupEntry* corvexMember(Id id) const {
-    return std::as_const(*cxHwConfig_).groupEntry(memberBase + id);
+    return std::as_const(*cxHwConfig).groupEntry(memberBase + id);
   }
   // The actions of a member's only bucket.
   [[nodiscard]] const OpenFlowTable::Actions& memberActions(Id id) const {
@@ -145,35 +138,19 @@ class Ecmp : public testing::Test {
   }
 
   [[nodiscard]] Lines writes() { return std::exchange(writes_, {}); }
-  [[nodiscard]] Lines results() { return std::exchange(results_, {}); }
+  [[nodiscard]] Lines told() { return results.takeEach(); }
   [[nodiscard]] Lines corruptions() { return std::exchange(corruptions_, {}); }
   void forgetWhatHappened() {
     writes_.clear();
-    results_.clear();
+    results.takeEach();
   }
 
-  static inline double now = 100;
-
-  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig_ =
-      Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
-  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups_ =
-      Korm::makePtr<P4RuntimeRouting::EcmpGroup>("groups");
-  const Korm::Ptr<P4RuntimeRouting::EcmpMember> members_ =
-      Korm::makePtr<P4RuntimeRouting::EcmpMember>("members");
-  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> encaps_ =
-      Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
-  const Korm::Ptr<P4RuntimeConfig::PortMappingStatus> ports_ =
-      Korm::makePtr<P4RuntimeConfig::PortMappingStatus>();
-  const Korm::Ptr<P4Runtime::BatchStatus> batch_ = Korm::makePtr<P4Runtime::BatchStatus>();
-  const Korm::Ptr<P4Runtime::ValidationHelper> helper_ =
-      Korm::makePtr<P4Runtime::DefaultValidationHelper>(batch_);
-  const Korm::Ptr<P4Runtime::P4HandleMgr> handles_ = Korm::makePtr<P4Runtime::P4HandleMgr>();
-  Korm::Ptr<Ostra::OstraEcmpGroupSm> sm_;
+  Korm::Ptr<Ostra::OstraEcmpGroupSm> sm;
 
  private:
   // Also checks that a group is whole by the time its change is announced.
   void corvexGroupChanged(const GroupId& id) {
-    const auto* const group = std::as_const(*cxHwConfig_).groupEntry(id);
+    const auto* const group = std::as_const(*cxHwConfig).groupEntry(id);
     if (group == nullptr) {
       writes_.push_back("deleted " + groupName(id));
     } else if (group->changeCount() == 0) {
@@ -188,19 +165,11 @@ class Ecmp : public testing::Test {
       writes_.push_back("written " + groupName(id));
     }
   }
-  void resultKnown(const P4Runtime::TransactionResult& result) {
-    results_.push_back(std::to_string(result.handle) + " " +
-                       std::to_string(static_cast<std::uint32_t>(result.code)) +
-                       (result.message.empty() ? "" : " ") + std::string{result.message});
-  }
 
   Lines writes_;
-  Lines results_;
   Lines corruptions_;
   Korm::MemberNotifiee<Ecmp, &Ecmp::corvexGroupChanged, const GroupId&> corvexReactor_{
-      *this, cxHwConfig_->groupEntryNotifiees()};
-  Korm::MemberNotifiee<Ecmp, &Ecmp::resultKnown, const P4Runtime::TransactionResult&>
-      resultReactor_{*this, batch_->resultNotifiees()};
+      *this, cxHwConfig->groupEntryNotifiees()};
 };
 
 }  // namespace EcmpTest

@@ -22,24 +22,24 @@ TEST_F(EcmpLifecycle, StartWritesMembersTwiceAndBeforeTheGroupsOfThem) {
   writeMembers({5, 6});
   writeEncap({});
   start();
-  EXPECT_TRUE(sm_->initialized());
-  EXPECT_TRUE(sm_->hasNotificationActive());
+  EXPECT_TRUE(sm->initialized());
+  EXPECT_TRUE(sm->hasNotificationActive());
   EXPECT_THAT(writes(), ElementsAre("created member 5", "written member 5", "created member 6",
                                     "written member 6", "written member 5", "written member 6",
                                     "created group 3", "written group 3"));
   EXPECT_TRUE(groupCopies(3, {5, 6}));
-  EXPECT_THAT(results(), IsEmpty());
+  EXPECT_THAT(told(), IsEmpty());
 }
 
 TEST_F(EcmpLifecycle, GoingItLeavesWhatItWroteAndTheNextOneRebuildsThatInPlaceAndDeletesNothing) {
   writeAll();
   start();
   stop();
-  EXPECT_EQ(groups_->references(), 1U);
-  cxHwConfig_->groupEntryIs(88);
+  EXPECT_EQ(groups->references(), 1U);
+  cxHwConfig->groupEntryIs(88);
   forgetWhatHappened();
   writeEncap({.lastOctet = 2});
-  members_->entryDel(6);
+  members->entryDel(6);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_EQ(corvexGroup(3)->buckets(), 2U) << "what was written stays";
   start();
@@ -54,60 +54,62 @@ TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
   const auto without = [this](const auto& groupTable, const auto& memberTable,
                               const auto& encapTable) {
     forgetWhatHappened();
-    sm_ = Ostra::OstraEcmpGroupSmIs(cxHwConfig_, groupTable, memberTable, encapTable, ports_,
-                                    helper_, batch_, handles_);
+    sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groupTable, memberTable, encapTable, ports,
+                                   validation, batchStatus, handles);
   };
-  without(groups_, nullptr, encaps_);
+  without(groups, nullptr, encaps);
   EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_THAT(results(), ElementsAre("2003 15 Action profile group: 3 member 5 not found"));
+  EXPECT_THAT(told(),
+              ElementsAre("2003 invalidArgument: Action profile group: 3 member 5 not found"));
   writeMember({.id = 5});
   EXPECT_THAT(writes(), IsEmpty());
 
-  without(groups_, members_, nullptr);
+  without(groups, members, nullptr);
   EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_THAT(results(), ElementsAre("1005 15 Action profile member: 5 has invalid encapId: 9",
-                                     "1006 15 Action profile member: 6 has invalid encapId: 9",
-                                     "2003 15 Action profile group: 3 member 5 not found"));
+  EXPECT_THAT(told(),
+              ElementsAre("1005 invalidArgument: Action profile member: 5 has invalid encapId: 9",
+                          "1006 invalidArgument: Action profile member: 6 has invalid encapId: 9",
+                          "2003 invalidArgument: Action profile group: 3 member 5 not found"));
 
-  without(nullptr, members_, encaps_);
+  without(nullptr, members, encaps);
   EXPECT_NE(corvexMember(5), nullptr);
   EXPECT_EQ(corvexGroup(3), nullptr);
-  EXPECT_THAT(results(), IsEmpty());
+  EXPECT_THAT(told(), IsEmpty());
 }
 
 TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   writeAll();
-  sm_ = Ostra::OstraEcmpGroupSmIs(nullptr, groups_, members_, encaps_, nullptr, nullptr, nullptr,
-                                  nullptr);
-  members_->entryDel(6);
-  groups_->entryDel(3);
-  sm_ = Ostra::OstraEcmpGroupSmIs(cxHwConfig_, groups_, members_, encaps_, nullptr, helper_, batch_,
-                                  nullptr);
+  sm = Ostra::OstraEcmpGroupSmIs(nullptr, groups, members, encaps, nullptr, nullptr, nullptr,
+                                 nullptr);
+  members->entryDel(6);
+  groups->entryDel(3);
+  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, nullptr, validation,
+                                 batchStatus, nullptr);
   EXPECT_TRUE(memberActions(5).outputIntf().empty());
   EXPECT_TRUE(memberActions(5).has(Action::outputIntf_));
-  members_->entryDel(5);
+  members->entryDel(5);
   EXPECT_EQ(corvexMember(5), nullptr);
-  EXPECT_THAT(results(), IsEmpty());
+  EXPECT_THAT(told(), IsEmpty());
 }
 
 TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {
-  sm_ = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig_, groups_, members_, encaps_, ports_, helper_,
-                                        batch_, handles_);
-  EXPECT_FALSE(sm_->hasNotificationActive());
-  sm_->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
+  sm = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig, groups, members, encaps, ports, validation,
+                                       batchStatus, handles);
+  EXPECT_FALSE(sm->hasNotificationActive());
+  sm->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
   writeAll();
   EXPECT_TRUE(groupCopies(3, {5, 6}));
 
-  sm_->hasNotificationActiveIs(true);
-  sm_->hasNotificationActiveIs(false);
+  sm->hasNotificationActiveIs(true);
+  sm->hasNotificationActiveIs(false);
   forgetWhatHappened();
   writeEncap({.lastOctet = 2});
   writeMember({.id = 7});
-  groups_->entryDel(3);
+  groups->entryDel(3);
   EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_THAT(results(), IsEmpty());
+  EXPECT_THAT(told(), IsEmpty());
 
-  sm_->hasNotificationActiveIs(true);
+  sm->hasNotificationActiveIs(true);
   writeMember({.id = 6, .port = 2});
   EXPECT_THAT(writes(), ElementsAre("written member 6"));
 }
@@ -117,41 +119,37 @@ TEST_F(EcmpLifecycle, ADetachedTableIsStillReadButNoLongerWatched) {
   start();
   forgetWhatHappened();
 
-  sm_->ipv4EncapTableDel();
+  sm->ipv4EncapTableDel();
   writeEncap({.lastOctet = 2});
   EXPECT_THAT(writes(), IsEmpty());
   writeMember({.id = 5});
   EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3"));
   EXPECT_EQ(memberActions(5).encap().src.octets[3], 2);
 
-  sm_->p4rtEcmpGroupTableDel();
+  sm->p4rtEcmpGroupTableDel();
   writeGroup(4, {5});
-  groups_->entryDel(3);
+  groups->entryDel(3);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_NE(corvexGroup(3), nullptr);
 
-  sm_->p4rtEcmpMemberTableDel();
-  members_->entryDel(5);
+  sm->p4rtEcmpMemberTableDel();
+  members->entryDel(5);
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_NE(corvexMember(5), nullptr);
 
-  sm_->p4rtEcmpMemberTableDel();
-  sm_->hasNotificationActiveIs(false);
-  EXPECT_THAT(results(), IsEmpty());
+  sm->p4rtEcmpMemberTableDel();
+  sm->hasNotificationActiveIs(false);
+  EXPECT_THAT(told(), IsEmpty());
 }
 
 TEST_F(EcmpLifecycle, AReactorMayBeDetachedByWhatItCauses) {
-  struct Detacher {
-    void result(const P4Runtime::TransactionResult&) { sm.p4rtEcmpGroupTableDel(); }
-    OstraEcmpGroupSm& sm;
-  };
   writeAll();
   start();
-  Detacher detacher{*sm_};
-  const Korm::MemberNotifiee<Detacher, &Detacher::result, const P4Runtime::TransactionResult&>
-      reactor{detacher, batch_->resultNotifiees()};
+  OstraTest::Listener<const P4Runtime::TransactionResult&> detaching{
+      batchStatus->resultNotifiees(),
+      [this](const P4Runtime::TransactionResult&) { sm->p4rtEcmpGroupTableDel(); }};
   forgetWhatHappened();
-  groups_->entryDel(3);
+  groups->entryDel(3);
   EXPECT_THAT(writes(), ElementsAre("deleted group 3"));
   writeGroup(3, {5, 6});
   EXPECT_THAT(writes(), IsEmpty());
@@ -162,14 +160,14 @@ TEST_F(EcmpLifecycle, AStartThatRaisesLeavesNoStateMachineBehind) {
   writeMember({.id = 5});
   auto damaged = groupRow(3, {5});
   damaged->lists.storedCountsIs(P4RuntimeRouting::maxMembers + 1, 0);
-  groups_->entryIs(*damaged);
+  groups->entryIs(*damaged);
   EXPECT_THROW(start(), Korm::RangeException);
-  EXPECT_EQ(sm_, nullptr);
-  EXPECT_TRUE(groups_->entryNotifiees().empty());
-  EXPECT_TRUE(members_->entryNotifiees().empty());
-  EXPECT_TRUE(encaps_->entryNotifiees().empty());
-  EXPECT_EQ(cxHwConfig_->references(), 1U);
-  EXPECT_EQ(batch_->references(), 2U) << "the fixture's and the validation helper's";
+  EXPECT_EQ(sm, nullptr);
+  EXPECT_TRUE(groups->entryNotifiees().empty());
+  EXPECT_TRUE(members->entryNotifiees().empty());
+  EXPECT_TRUE(encaps->entryNotifiees().empty());
+  EXPECT_EQ(cxHwConfig->references(), 1U);
+  EXPECT_EQ(batchStatus->references(), 2U) << "the fixture's and the validation helper's";
   EXPECT_NE(corvexMember(5), nullptr);
 }
 

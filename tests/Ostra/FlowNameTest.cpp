@@ -57,28 +57,5 @@ TEST(FlowName, IsTracedOnlyIfItDoesNotParse) {
   }
 }
 
-// Accepts both limits and refuses what is next to them, and values that would fit only when truncated.
-template <class Bounded>
-void expectLimits(long long least, long long most, const std::string& message) {
-  for (const long long value : {least, most}) {
-    EXPECT_EQ(static_cast<long long>(Bounded{value}.value()), value);
-  }
-  for (const long long value : {least - 1, most + 1, most + 0x1'0000, 0x1'0000'0000LL + least,
-                                std::numeric_limits<long long>::min()}) {
-    EXPECT_EQ(raised([&] { static_cast<void>(Bounded{value}); }), message) << value;
-  }
-}
-
-TEST(ValueLimits, AreInclusiveAndSaySoInTheirOwnWords) {
-  expectLimits<Bridging::VlanIdOrNone>(0, 4094, "VlanIdOrNone::value > 4094 not allowed");
-  expectLimits<Bridging::VlanIdOrAnyOrNone>(0, 4095, "VlanIdOrAnyOrNone::value > 4095 not allowed");
-  expectLimits<OpenFlowTable::TrafficClass>(
-      0, 16, "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed");
-  expectLimits<OpenFlowTable::Priority>(-1, 65536,
-                                        "Priority::value < -1 or > Priority::max not allowed");
-  expectLimits<Ostra::FlowTableIndex>(
-      0, 15, "FlowTableIndex::value < 0 or > FlowTableIndex::max not allowed");
-}
-
 }  // namespace
 }  // namespace OstraTest

@@ -3,28 +3,28 @@
 #include <gtest/gtest.h>
 
 #include "Ostra/OstraStatus.h"
-#include "tests/Ostra/StatusTestSupport.h"
+#include "tests/Ostra/ServiceFixture.h"
 
 namespace {
 
 using Korm::DeserializationException;
 using Korm::ParseException;
 using Ostra::OstraStatusEntry;
+using OstraTest::plainKey;
 using P4Runtime::ErrorCode;
-using StatusTest::portKey;
 
 OstraStatusEntry sample() {
   return {{.genId = 7,
            .entryHandle = 18446744073709551615U,
            .errorCode = ErrorCode::hardwareResourceExhausted_,
            .deleted = true},
-          portKey(443)};
+          plainKey(443)};
 }
 
 std::string sampleText() {
   return "Value('Ostra::OstraStatusEntry', ** {'genId': 7, 'entryHandle': 18446744073709551615, "
          "'errorCode': hardwareResourceExhausted, 'deleted': True, 'key': " +
-         portKey(443).valueToStrep() + "})";
+         plainKey(443).valueToStrep() + "})";
 }
 
 OstraStatusEntry parse(const std::string& text) {
@@ -70,7 +70,7 @@ TEST(StatusEntry, ReadsTheTextThatItPrintsAndNoOther) {
 }
 
 TEST(StatusEntry, IsReachedByAttributeName) {
-  OstraStatusEntry entry{{}, portKey(443)};
+  OstraStatusEntry entry{{}, plainKey(443)};
   EXPECT_FALSE(!entry) << "a key alone is not empty";
   Korm::Generic<OstraStatusEntry> generic{entry};
   const OstraStatusEntry expected = sample();
@@ -82,9 +82,9 @@ TEST(StatusEntry, IsReachedByAttributeName) {
     EXPECT_EQ(generic.attribute(attribute.name), attribute.read(expected)) << attribute.name;
   }
   EXPECT_EQ(entry, expected);
-  EXPECT_NE(entry, OstraStatusEntry(sample(), portKey(444)));
+  EXPECT_NE(entry, OstraStatusEntry(sample(), plainKey(444)));
 
-  EXPECT_THROW(generic.attributeIs("key", portKey(1).valueToStrep()), Korm::AttributeException);
+  EXPECT_THROW(generic.attributeIs("key", plainKey(1).valueToStrep()), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("reserved", "0"), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("genId", "1 "), ParseException);
   EXPECT_THROW(generic.attributeIs("errorCode", "20"), DeserializationException);

@@ -1,0 +1,178 @@
+// What a service gives to the library, and ears and eyes for what the library does with it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Ostra/OstraStatus.h"
+#include "Ostra/OstraTypes.h"
+#include "Ostra/Trace.h"
+#include "platform/Brisklog/TextTrace.h"
+#include "platform/CorvexConfig/Config.h"
+#include "platform/Korm/Clock.h"
+#include "platform/NexthopGroup/Encap.h"
+#include "platform/OpenFlowTable/HwConfig.h"
+#include "platform/OpenFlowTable/HwStatus.h"
+#include "platform/P4Runtime/BatchStatus.h"
+#include "platform/P4Runtime/HandleMgr.h"
+#include "platform/P4Runtime/Telemetry.h"
+#include "platform/P4Runtime/Validation.h"
+#include "platform/P4Runtime/VrfIdCollection.h"
+#include "platform/P4RuntimeConfig/PortMappingStatus.h"
+
+namespace OstraTest {
+
+using Texts = std::vector<std::string>;
+
+// The text of the range exception that a call raises, empty for none.
+template <class Call>
+std::string raised(Call call) {
+  try {
+    call();
+  } catch (const Korm::RangeException& error) {
+    return error.what();
+  }
+  return {};
+}
+
+// Collects the library's text trace while it lives.
+class TextTrace {
+ public:
+  explicit TextTrace(int level) {
+    Ostra::traceHandle.levelIs(level);
+    Brisklog::textSinkIs([this](const Brisklog::TextMessage& message) {
+      texts_.push_back(std::to_string(message.level) + " " + std::string{message.text});
+      places_.push_back(std::string{message.unit} + ":" + std::to_string(message.line));
+    });
+  }
+  ~TextTrace() {
+    Brisklog::textSinkIs(nullptr);
+    Ostra::traceHandle.levelIs(-1);
+  }
+  TextTrace(const TextTrace&) = delete;
+  TextTrace& operator=(const TextTrace&) = delete;
+
+  // Level and text of each message since the last call.
+  Texts take() {
+    places_.clear();
+    return std::exchange(texts_, {});
+  }
+  // Source unit and line of each message since the last take().
+  [[nodiscard]] const Texts& places() const { return places_; }
+
+ private:
+  Texts texts_;
+  Texts places_;
+};
+
+// Collects the results that the service is told: "7 notFound: Group id: 3 is not found", with "dependent "
+// before those that are for a root entry.
+class Results final : public Korm::Notifiee<const P4Runtime::TransactionResult&> {
+ public:
+  explicit Results(P4Runtime::BatchStatus& batchStatus) {
+    batchStatus.resultNotifiees().attach(*this);
+  }
+  void onAttribute(const P4Runtime::TransactionResult& result) override {
+    texts_.push_back((result.dependent ? "dependent " : "") + std::to_string(result.handle) + " " +
+                     P4Runtime::errorCodeText(result.code) + (result.message.empty() ? "" : ": ") +
+                     std::string{result.message});
+  }
+  // Those since the last call.
+  Texts takeEach() { return std::exchange(texts_, {}); }
+  // The same in one text, with "; " between.
+  std::string take() {
+    std::string all;
+    for (const std::string& text : takeEach()) {
+      all += (all.empty() ? "" : "; ") + text;
+    }
+    return all;
+  }
+
+ private:
+  Texts texts_;
+};
+
+// Counts what an attribute tells, and reacts to it.
+template <class... Args>
+class Listener final : public Korm::Notifiee<Args...> {
+ public:
+  using React = std::function<void(Args...)>;
+  explicit Listener(Korm::NotifieeList<Args...>& attribute, React react = {})
+      : react_{std::move(react)} {
+    attribute.attach(*this);
+  }
+  void onAttribute(Args... args) override {
+    ++count_;
+    if (react_) {
+      react_(args...);
+    }
+  }
+  int take() { return std::exchange(count_, 0); }
+
+ private:
+  React react_;
+  int count_ = 0;
+};
+
+// A key of its own for each number, without anything to check.
+[[nodiscard]] inline Ostra::OstraKey plainKey(std::uint16_t number) {
+  Ostra::OstraKey key;
+  key.priorityIs(10);
+  key.l4DstPortIs(number, 0xFFFF);
+  return key;
+}
+
+class ServiceFixture : public testing::Test {
+ protected:
+  ServiceFixture() {
+    now = 100;
+    Korm::clockIs([] { return now; });
+    for (const P4Runtime::P4PortId port : {1U, 2U, 3U}) {
+      ports->portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
+    }
+  }
+  ~ServiceFixture() override { Korm::clockIs(nullptr); }
+
+  Korm::Ptr<OpenFlowTable::HwStatus> publishHwStatus() const {
+    auto status = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
+    cxHwStatusDir->entityIs("p4rt", status);
+    return status;
+  }
+
+  // Code and message of an open write.
+  [[nodiscard]] std::string outcome(P4Runtime::EntryHandle handle) const {
+    const auto entry = batchStatus->batchStatusEntry(handle);
+    return P4Runtime::errorCodeText(entry->errorCode()) + ": " + entry->message();
+  }
+
+  static inline double now = 100;
+
+  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig =
+      Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
+  const Korm::Ptr<CorvexConfig::Config> cxConfig = Korm::makePtr<CorvexConfig::Config>("p4rt");
+  const Korm::Ptr<Korm::Dir> cxHwStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus");
+  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups =
+      Korm::makePtr<P4RuntimeRouting::EcmpGroup>("groups");
+  const Korm::Ptr<P4RuntimeRouting::EcmpMember> members =
+      Korm::makePtr<P4RuntimeRouting::EcmpMember>("members");
+  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> encaps =
+      Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
+  const Korm::Ptr<P4Runtime::VrfIdCollection> vrfs = Korm::makePtr<P4Runtime::VrfIdCollection>();
+  const Korm::Ptr<P4RuntimeConfig::PortMappingStatus> ports =
+      Korm::makePtr<P4RuntimeConfig::PortMappingStatus>();
+  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
+  const Korm::Ptr<P4Runtime::ValidationHelper> validation =
+      Korm::makePtr<P4Runtime::DefaultValidationHelper>(batchStatus);
+  const Korm::Ptr<Ostra::OstraStatusInfo> statusInfo = Ostra::ostraStatusInfoFactory();
+  const Korm::Ptr<P4Runtime::Telemetry> telemetry = Korm::makePtr<P4Runtime::Telemetry>();
+  const Korm::Ptr<P4Runtime::P4HandleMgr> handles = Korm::makePtr<P4Runtime::P4HandleMgr>();
+  Results results{*batchStatus};
+};
+
+}  // namespace OstraTest
