@@ -45,17 +45,6 @@ TEST_F(EcmpProgramming, AMemberBecomesAnIndirectGroupWithItsNextHop) {
   EXPECT_THAT(told(), IsEmpty()) << "the hardware's outcome is the result";
 }
 
-TEST_F(EcmpProgramming, WhatAMemberDoesNotHaveIsEmptyOrAbsentInItsBucket) {
-  writeMember({.id = 4294967295, .port = 77, .dstMac = {{0, 0, 0, 0, 0, 1}}});
-  const auto* const group = std::as_const(*cxHwConfig).groupEntry(8589934591);
-  ASSERT_NE(group, nullptr);
-  const auto& actions = group->bucket().at(0).actions;
-  EXPECT_TRUE(actions.outputIntf().empty());
-  EXPECT_TRUE(actions.has(Action::outputIntf_));
-  EXPECT_TRUE(actions.has(Action::dstMac_));
-  EXPECT_FALSE(actions.has(Action::srcMac_));
-}
-
 TEST_F(EcmpProgramming, ABucketIsCopiedWhole) {
   writeMembers({5});
   OpenFlowTable::Bucket bucket = corvexMember(5)->bucket().at(0);

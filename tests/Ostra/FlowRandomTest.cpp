@@ -145,8 +145,8 @@ struct Model {
 
 class FlowRandom : public FlowFixture {
  protected:
-  static constexpr Model::Number keys = 96;
-  static constexpr VrfId vrfCount = 6;
+  static constexpr Model::Number keys = 48;
+  static constexpr VrfId vrfCount = 16;  // many, so that users are often the first and the last
   static constexpr std::uint32_t group = 3;
 
   FlowRandom() {

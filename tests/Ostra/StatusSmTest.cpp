@@ -254,7 +254,9 @@ TEST_F(StatusSm, IsSilentWhenSwitchedOffOrDestroyed) {
   EXPECT_EQ(outcome(50), "success: ");
   sm->hasNotificationActiveIs(true);
   stats.changeCountIs(2);
+  group.changeCountIs(2);
   EXPECT_EQ(heard(), "1 success");
+  EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
   sm = nullptr;
   stats.changeCountIs(3);
   cxHwStatusDir->entityDel("p4rt");
