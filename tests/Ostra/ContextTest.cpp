@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "FlowFixture.h"
@@ -70,6 +71,7 @@ class Context : public FlowFixture {
               tables->ostraConfig(FlowTableIndex{0}));
   }
 
+ public:
   const Korm::Ptr<Tessel::EntityManager> manager = Korm::makePtr<Tessel::EntityManager>();
   const Korm::Ptr<Korm::Dir> flowCounterDir = Korm::makePtr<Korm::Dir>("corvexhwstatusdir");
   const Korm::Ptr<Ostra::OstraConfigTableColl> tables =
@@ -85,16 +87,25 @@ TEST_F(Context, DeclaresItsFourMountsInOrder) {
   TextTrace trace{5};
   context->doMounts(group);
   EXPECT_EQ(trace.take(), Texts{"5 OstraContext::doMounts"});
+  using Tessel::MountFlag;
+  constexpr std::pair<MountFlag, char> letters[] = {{MountFlag::read_, 'r'},
+                                                    {MountFlag::writable_, 'w'},
+                                                    {MountFlag::create_, 'c'},
+                                                    {MountFlag::immediate_, 'i'}};
   Texts declared;
   for (const Tessel::Mount& mount : group.mounts()) {
-    const bool forWriting =
-        (mount.flags.bits & static_cast<std::uint32_t>(Tessel::MountFlag::writable_)) != 0;
-    declared.push_back(mount.path + " " + mount.typeName + (forWriting ? " to write" : ""));
+    std::string& text = declared.emplace_back(mount.path + " " + mount.typeName + " ");
+    for (const auto& [flag, letter] : letters) {
+      if ((mount.flags.bits & static_cast<std::uint32_t>(flag)) != 0) {
+        text += letter;
+      }
+    }
+    EXPECT_FALSE(mount.filter);
   }
-  EXPECT_EQ(declared, (Texts{"corvex/dyninput/p4rt OpenFlowTable::CorvexHwConfig to write",
-                             "corvex/cxHwStatusDir/dyninputstatus/ Korm::Dir",
-                             "corvex/configDir/p4rt CorvexConfig::Config to write",
-                             "openflow/corvexhwstatusdir Korm::Dir"}));
+  EXPECT_EQ(declared, (Texts{"corvex/dyninput/p4rt OpenFlowTable::CorvexHwConfig wc",
+                             "corvex/cxHwStatusDir/dyninputstatus/ Korm::Dir ri",
+                             "corvex/configDir/p4rt CorvexConfig::Config wc",
+                             "openflow/corvexhwstatusdir Korm::Dir ri"}));
 }
 
 TEST_F(Context, BuildsFifteenFlowStateMachinesAndOneOfEverythingElse) {
@@ -317,60 +328,46 @@ TEST_F(Context, GoingItLeavesCorvexAndLetsGoOfEverything) {
   EXPECT_NE(cxFlow(7), nullptr);
 }
 
-// Writes down in which order the entities that it watches go.
-class Departures {
- public:
-  void watch(const std::string& name, Korm::Entity& entity, bool active) {
-    Korm::Entity* const watched = &entity;
-    listeners_.push_back(std::make_unique<Listener<>>(
-        entity.zeroReferencesNotifiees(), [this, name, watched, active] {
-          EXPECT_EQ(watched->hasNotificationActive(), active) << name;
-          if (order_.empty() || order_.back() != name) {
-            order_.push_back(name);
+TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
+  Texts order;
+  std::vector<std::unique_ptr<Listener<>>> departures;
+  // Writes down when the entity goes, and checks whether its notifications are on then.
+  const auto watch = [&](const std::string& name, Korm::Entity& entity, bool active) {
+    departures.push_back(std::make_unique<Listener<>>(
+        entity.zeroReferencesNotifiees(), [&order, &entity, name, active] {
+          EXPECT_EQ(entity.hasNotificationActive(), active) << name;
+          if (order.empty() || order.back() != name) {
+            order.push_back(name);
           }
         }));
-  }
-  [[nodiscard]] const Texts& order() const { return order_; }
-
- private:
-  std::vector<std::unique_ptr<Listener<>>> listeners_;
-  Texts order_;
-};
-
-TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
-  Departures departures;
-  {
-    auto own = Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
-    manager->entityIs(ipv4EncapTablePath, own);
-    departures.watch("encap table", *own, false);
-  }
-  {
-    // Inputs that nobody but the context, and what it builds, holds.
-    const auto own = [&](const char* name, auto entity) {
-      departures.watch(name, *entity, false);
-      return entity;
-    };
-    const auto batch = own("batch status", Korm::makePtr<P4Runtime::BatchStatus>());
-    context = Ostra::ostraContextFactory(
-        own("tables", Korm::makePtr<Ostra::OstraConfigTableColl>()),
-        own("VRFs", Korm::makePtr<P4Runtime::VrfIdCollection>()),
-        own("ports", Korm::makePtr<P4RuntimeConfig::PortMappingStatus>()), batch,
-        own("telemetry", Korm::makePtr<P4Runtime::Telemetry>()),
-        own("handles", Korm::makePtr<P4Runtime::P4HandleMgr>()),
-        own("validation", Korm::makePtr<P4Runtime::DefaultValidationHelper>(nullptr)),
-        own("counters", Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>()));
-  }
+  };
+  // An input that nobody but the context, and what it builds, holds.
+  const auto own = [&](const char* name, auto entity) {
+    watch(name, *entity, false);
+    return entity;
+  };
+  manager->entityIs(
+      ipv4EncapTablePath,
+      own("encap table", Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable")));
+  context = Ostra::ostraContextFactory(
+      own("tables", Korm::makePtr<Ostra::OstraConfigTableColl>()),
+      own("VRFs", Korm::makePtr<P4Runtime::VrfIdCollection>()),
+      own("ports", Korm::makePtr<P4RuntimeConfig::PortMappingStatus>()),
+      own("batch status", Korm::makePtr<P4Runtime::BatchStatus>()),
+      own("telemetry", Korm::makePtr<P4Runtime::Telemetry>()),
+      own("handles", Korm::makePtr<P4Runtime::P4HandleMgr>()),
+      own("validation", Korm::makePtr<P4Runtime::DefaultValidationHelper>(nullptr)),
+      own("counters", Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>()));
   complete();
   manager->entityDel(ipv4EncapTablePath);
-  departures.watch("status", *context->ostraStatusDirSm(), false);
-  departures.watch("ECMP", *context->ostraEcmpGroupSm(), false);
+  watch("status", *context->ostraStatusDirSm(), false);
+  watch("ECMP", *context->ostraEcmpGroupSm(), false);
   for (const auto& [index, flowSm] : context->ostraSmColl()) {
-    departures.watch("flows", *flowSm, true);
+    watch("flows", *flowSm, true);
   }
   context = nullptr;
-  EXPECT_EQ(departures.order(),
-            (Texts{"status", "ECMP", "encap table", "flows", "counters", "validation", "handles",
-                   "telemetry", "batch status", "ports", "VRFs", "tables"}));
+  EXPECT_EQ(order, (Texts{"status", "ECMP", "encap table", "flows", "counters", "validation",
+                          "handles", "telemetry", "batch status", "ports", "VRFs", "tables"}));
 }
 
 TEST_F(Context, ARowOutOfRangeMakesTheBuildFailAndLeavesNothingHalfBuilt) {

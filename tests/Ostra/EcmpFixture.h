@@ -145,6 +145,7 @@ class Ecmp : public OstraTest::ServiceFixture {
     results.takeEach();
   }
 
+ public:
   Korm::Ptr<Ostra::OstraEcmpGroupSm> sm;
 
  private:

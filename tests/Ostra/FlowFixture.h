@@ -88,6 +88,7 @@ class FlowFixture : public ServiceFixture {
   }
   static constexpr VrfId noVrf = 0xFFFFFF;
 
+ public:
   Korm::Ptr<Ostra::OstraConfig> table = Korm::makePtr<Ostra::OstraConfig>("0");
   Korm::Ptr<Ostra::OstraSm> sm;
 

@@ -95,15 +95,6 @@ TEST_F(FlowLifecycle, StartUpEnablesCorvexOnce) {
   EXPECT_EQ(told.take(), 0);
 }
 
-TEST_F(FlowLifecycle, WithoutATableItTreatsItAsEmpty) {
-  const auto watched = std::exchange(table, nullptr);
-  placeCxFlow("flow-7");
-  start();
-  sm->hasNotificationActiveIs(false);
-  watched->entryIs(flow(1, plainKey(1)));
-  EXPECT_EQ(cxFlows(), Names{});
-}
-
 TEST_F(FlowLifecycle, WithoutACorvexConfigurationNothingIsWrittenAnywhere) {
   store(flowInVrf(7, 1, 5));
   sm = Ostra::ostraSmFactory(nullptr, nullptr, nullptr, table, vrfs, ports, validation, statusInfo,
@@ -219,6 +210,7 @@ class FlowCorruption : public FlowLifecycle {
     EXPECT_THROW(static_cast<void>(table->entry(key)), Vasta::Corruption);
   }
 
+ public:
   Texts reports;
 };
 

@@ -239,6 +239,7 @@ class FlowRandom : public FlowFixture {
     ASSERT_EQ(statusInfo->dependentHandleToVrfMap().size(), model.waiting.size());
   }
 
+ public:
   Model model;
 
  private:

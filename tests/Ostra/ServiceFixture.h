@@ -151,6 +151,7 @@ class ServiceFixture : public testing::Test {
     return P4Runtime::errorCodeText(entry->errorCode()) + ": " + entry->message();
   }
 
+ public:
   static inline double now = 100;
 
   const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig =

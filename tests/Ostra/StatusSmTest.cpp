@@ -71,6 +71,7 @@ class StatusSm : public OstraTest::ServiceFixture {
     batchStatus->batchStatusEntryIs(handle);
   }
 
+ public:
   Korm::Ptr<HwStatus> hw = publishHwStatus();
   Korm::Ptr<Ostra::OstraStatusDirSm> sm;
 };
