@@ -56,6 +56,10 @@ constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChang
 // How many flows are asked for at a time: as many as the near caches hold.
 constexpr std::size_t expectedAtOnce = 64;
 
+std::uint32_t flowNameHash(std::uint64_t handle) {
+  return Korm::HashedName{buildFlowName(handle)}.hash();
+}
+
 const Korm::String ingressPortName = "ingress port-id";
 const Korm::String egressPortName = "egress port-id";
 
@@ -144,14 +148,21 @@ void OstraSm::handleInitialized() {
 
 // Asks memory for what the next rows of a walk will need; how many there are to handle until the next time.
 std::size_t OstraSm::nextExpected(Vasta::Hint& hint) const noexcept {
-  std::array<const OstraKey*, expectedAtOnce> keys;
-  std::size_t count = 0;
-  for (const OstraConfigEntry* entry = nullptr;
-       count < keys.size() && (entry = reactor_->table->table().peek(hint)) != nullptr; ++count) {
-    keys[count] = &entry->flowKey;
+  if (cxHwConfig_) {
+    const auto& table = reactor_->table->table();
+    std::array<std::uint32_t, expectedAtOnce> flows;
+    std::size_t count = 0;
+    for (const OstraConfigEntry* entry = nullptr;
+         count < flows.size() && (entry = table.peek(hint)) != nullptr; ++count) {
+      table.prefetchIndex(entry->flowKey.hash(0));
+      flows[count] = flowNameHash(entry->entryHandle);
+      cxHwConfig_->flowEntryExpected(flows[count]);
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      cxHwConfig_->flowEntryExpectedSoon(flows[i]);
+    }
   }
-  flowConfigExpected(std::span{keys}.first(count));
-  return keys.size();
+  return expectedAtOnce;
 }
 
 // Flows of other tables are stale to this one too: all fifteen state machines keep the rule that what the
@@ -179,33 +190,33 @@ void OstraSm::handleFlowConfig(const OstraKey& key) {
   }
 }
 
-// Pass by pass, each over all keys: a pass reads what the one before has asked for.
+// Pass by pass, each over all keys: a pass reads what the one before has asked for. Of a key that is new
+// nothing more is known than where the indexes will be searched.
 void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept {
-  const auto* const table = reactor_ ? &reactor_->table->table() : nullptr;
-  if (!cxHwConfig_ || table == nullptr) {
+  if (!cxHwConfig_ || !reactor_) {
     return;
   }
-  std::array<std::uint32_t, expectedAtOnce> hashes;
-  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), hashes.size()))) {
-    const std::size_t count = std::min(keys.size(), hashes.size());
+  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), expectedAtOnce))) {
+    const std::size_t count = std::min(keys.size(), expectedAtOnce);
+    std::array<std::uint32_t, expectedAtOnce> hashes;
     for (std::size_t i = 0; i < count; ++i) {
       hashes[i] = keys[i]->hash(0);
-      table->prefetchIndex(hashes[i]);
+      reactor_->table->table().prefetchIndex(hashes[i]);
       index_.prefetchIndex(hashes[i]);
     }
     for (std::size_t i = 0; i < count; ++i) {
       index_.prefetchElement(hashes[i]);
     }
+    std::array<std::uint32_t, expectedAtOnce> flows;
+    std::size_t known = 0;
     for (std::size_t i = 0; i < count; ++i) {
-      std::uint64_t handle = index_.likelyHandle(hashes[i]);
-      if (const auto* const stored = handle == 0 ? table->likely(hashes[i]) : nullptr) {
-        handle = stored->entryHandle;
+      if (const std::uint64_t handle = index_.likelyHandle(hashes[i]); handle != 0) {
+        flows[known] = flowNameHash(handle);
+        cxHwConfig_->flowEntryExpected(flows[known++]);
       }
-      hashes[i] = Korm::HashedName{buildFlowName(handle)}.hash();
-      cxHwConfig_->flowEntryExpected(hashes[i]);
     }
-    for (std::size_t i = 0; i < count; ++i) {
-      cxHwConfig_->flowEntryExpectedSoon(hashes[i]);
+    for (std::size_t i = 0; i < known; ++i) {
+      cxHwConfig_->flowEntryExpectedSoon(flows[i]);
     }
   }
 }

@@ -57,8 +57,8 @@ class NotifieeListBase {
   ~NotifieeListBase();
 
   [[nodiscard]] bool empty() const noexcept { return first_ == nullptr; }
-  // Asks memory for the first reactor.
-  void prefetch() const noexcept { Korm::prefetch(first_, sizeof(Reactor)); }
+  // Asks memory for the first reactor and what it begins with.
+  void prefetch() const noexcept { Korm::prefetch(first_, cacheLine); }
 
  protected:
   void attachReactor(Reactor& reactor) noexcept;

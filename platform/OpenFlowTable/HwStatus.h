@@ -103,6 +103,7 @@ class HwStatus final : public Korm::NamedEntity {
   void flowStatsReactorsExpected(std::uint32_t nameHash) const noexcept {
     if (const auto* const stats = flows_.likely(nameHash)) {
       stats->value.statusNotifiees().prefetch();
+      stats->value.changeCountNotifiees().prefetch();
     }
   }
   [[nodiscard]] const Flows& flowStats() const noexcept { return flows_; }

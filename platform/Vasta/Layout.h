@@ -118,6 +118,9 @@ struct RowGeometry {
                                                 const RowGeometry& geometry) noexcept {
   const auto scattered = static_cast<std::uint32_t>((version * 0x9E3779B97F4A7C15U) >> 32U);
   const std::size_t stored = geometry.storedWords(cell[geometry.liveWord()]);
+  if (stored == geometry.recordWords) {  // as most are: in one go
+    return crc32c(cell, geometry.checksumWord() * wordSize, row ^ scattered);
+  }
   const std::uint32_t ofRecord = crc32c(cell, stored * wordSize, row ^ scattered);
   return crc32c(cell + geometry.liveWord(),
                 (geometry.checksumWord() - geometry.liveWord()) * wordSize, ofRecord);

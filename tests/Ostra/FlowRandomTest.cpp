@@ -3,6 +3,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <vector>
 
 #include "FlowFixture.h"
 
@@ -200,6 +201,7 @@ class FlowRandom : public FlowFixture {
     const auto found = model.rows.find(number);
     switch (below(16)) {
       case 0:
+        announce();
         return vanish();
       case 1:
         return forgetRoots();
@@ -243,6 +245,18 @@ class FlowRandom : public FlowFixture {
   Model model;
 
  private:
+  // The service says what it is about to write, some of it never, which changes nothing.
+  void announce() const {
+    std::vector<OstraKey> announced;
+    std::vector<const OstraKey*> pointers;
+    for (Model::Number number = 0; number < 2 * keys; ++number) {
+      announced.push_back(keyOf(number));
+    }
+    for (const OstraKey& key : announced) {
+      pointers.push_back(&key);
+    }
+    sm->flowConfigExpected(pointers);
+  }
   // A flow of Corvex goes without a write.
   void vanish() {
     if (!model.flows.empty()) {
