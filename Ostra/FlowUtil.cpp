@@ -1,10 +1,11 @@
 #include "Ostra/FlowUtil.h"
 
-#include <array>
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 
 #include "Ostra/Trace.h"
+#include "platform/Korm/Exceptions.h"
 
 namespace Ostra {
 namespace {
@@ -21,11 +22,15 @@ constinit Brisklog::TracePoint invalidName{traceHandle,
 
 }  // namespace
 
+FlowName::FlowName(std::uint64_t identifier, std::string_view suffix) noexcept {
+  char* const digits = std::copy(prefix.begin(), prefix.end(), text_.data());
+  char* const end = std::to_chars(digits, text_.data() + text_.size(), identifier).ptr;
+  Korm::assertTrue(suffix.size() <= longestSuffix, "a flow name's suffix is short");
+  length_ = static_cast<std::size_t>(std::copy(suffix.begin(), suffix.end(), end) - text_.data());
+}
+
 Korm::String buildFlowName(std::uint64_t identifier) {
-  std::array<char, prefix.size() + 20> name;  // 20 digits hold any 64-bit number
-  const auto digits = std::copy(prefix.begin(), prefix.end(), name.begin());
-  const auto end = std::to_chars(digits, name.data() + name.size(), identifier).ptr;
-  return {name.data(), end};
+  return Korm::String{FlowName{identifier}.text()};
 }
 
 std::uint64_t flowIdFromName(const Korm::String& name) {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <span>
+#include <string_view>
 
 #include "Ostra/FlowUtil.h"
 #include "platform/OpenFlowTable/HwStatus.h"
@@ -10,7 +11,7 @@ namespace Ostra {
 namespace {
 
 // Behind the name of a flow in the statistics: whose flow it is.
-constexpr const char* owner = "-p4rt";
+constexpr std::string_view owner = "-p4rt";
 
 }  // namespace
 
@@ -21,8 +22,8 @@ FlowDirectCounterImpl::FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir) : dir_{st
 // Some units at a time, pass by pass, so that memory is asked for what all of them need at once.
 P4Runtime::P4CounterData FlowDirectCounterImpl::getCounters(std::uint64_t entryId) const {
   P4Runtime::P4CounterData sum;
-  const Korm::Name name = buildFlowName(entryId) + owner;
-  const Korm::HashedName flow{name};
+  const FlowName name{entryId, owner};
+  const Korm::HashedName flow{name.text()};
   const auto& entities = dir_->entities();
   for (auto entity = entities.begin(); entity != entities.end();) {
     std::array<const OpenFlowTable::HwStatus*, 16> units;

@@ -56,8 +56,8 @@ constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChang
 // How many flows are asked for at a time: as many as the near caches hold.
 constexpr std::size_t expectedAtOnce = 64;
 
-std::uint32_t flowNameHash(std::uint64_t handle) {
-  return Korm::HashedName{buildFlowName(handle)}.hash();
+std::uint32_t flowNameHash(std::uint64_t handle) noexcept {
+  return Korm::HashedName{FlowName{handle}.text()}.hash();
 }
 
 const Korm::String ingressPortName = "ingress port-id";
@@ -247,13 +247,13 @@ void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
 
 void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry) {
   const P4Runtime::EntryHandle handle = entry.entryHandle;
-  const Korm::String name = buildFlowName(handle);
-  const Korm::HashedName flowName{name};
-  cxHwConfig_->flowEntryExpected(flowName.hash());
-  traceInsert(name);
+  const FlowName builtName{handle};
+  const Korm::HashedName name{builtName.text()};
+  cxHwConfig_->flowEntryExpected(name.hash());
+  traceInsert(name.text());
   OpenFlowTable::Match match;
   buildMatch(key, handle, match);
-  cxHwConfig_->flowEntryExpectedSoon(flowName.hash());
+  cxHwConfig_->flowEntryExpectedSoon(name.hash());
   index_.prefetchElement(hash);
   OpenFlowTable::Actions actions;
   buildActions(key, hash, entry, actions);
@@ -261,19 +261,19 @@ void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraCon
 
   const auto tableType = static_cast<OpenFlowTable::TableType>(key.tableType());
   const OpenFlowTable::PriorityGroupType priorityGroup = key.priorityGroupType();
-  const bool existed = cxHwConfig_->flowEntry(flowName) != nullptr;
+  const bool existed = cxHwConfig_->flowEntry(name) != nullptr;
   index_.handleIs(key, hash, handle);
   maybeUpdateFlowMatch(tableType, priorityGroup, match);
   const OpenFlowTable::Priority priority{key.priority()};
   OpenFlowTable::FlowEntry& flow = cxHwConfig_->flowEntryIs(
-      flowName, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
+      name, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
   flow.entryIdIs(entry.entryId);
   const double now =
       telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
   if (existed) {
     flow.changeCountIs(now);
   }
-  (existed ? traceModified : traceInserted)(name, entry.entryId);
+  (existed ? traceModified : traceInserted)(name.text(), entry.entryId);
 }
 
 void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
@@ -356,16 +356,16 @@ void OstraSm::deleteFlow(const OstraKey& key, std::uint32_t hash) {
     return;
   }
   const P4Runtime::EntryHandle handle{*mapped};
-  const Korm::String name = buildFlowName(handle);
-  const Korm::HashedName flowName{name};
-  if (cxHwConfig_->flowEntry(flowName) == nullptr) {
+  const FlowName builtName{handle};
+  const Korm::HashedName name{builtName.text()};
+  if (cxHwConfig_->flowEntry(name) == nullptr) {
     // The key stays mapped: whoever removed the flow behind our back did not release its VRF.
-    traceNotPresent(name);
+    traceNotPresent(name.text());
     batchStatus_->markTransactionSucceeded(handle);
     return;
   }
-  traceDelete(name);
-  cxHwConfig_->flowEntryDel(flowName);
+  traceDelete(name.text());
+  cxHwConfig_->flowEntryDel(name);
   telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
   handleVrfChange(key, hash, false, 0, handle);
   index_.handleDel(key, hash);
