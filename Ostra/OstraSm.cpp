@@ -190,10 +190,9 @@ void OstraSm::handleFlowConfig(const OstraKey& key) {
   }
 }
 
-// Pass by pass, each over all keys: a pass reads what the one before has asked for. Of a key that is new
-// nothing more is known than where the indexes will be searched.
+// Pass by pass, each over all keys: a pass reads what the one before has asked for.
 void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept {
-  if (!cxHwConfig_ || !reactor_) {
+  if (!cxHwConfig_) {
     return;
   }
   for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), expectedAtOnce))) {
@@ -201,7 +200,6 @@ void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const no
     std::array<std::uint32_t, expectedAtOnce> hashes;
     for (std::size_t i = 0; i < count; ++i) {
       hashes[i] = keys[i]->hash(0);
-      reactor_->table->table().prefetchIndex(hashes[i]);
       index_.prefetchIndex(hashes[i]);
     }
     for (std::size_t i = 0; i < count; ++i) {

@@ -91,10 +91,10 @@ class OstraSm final : public Korm::Entity {
   // recorded in the batch status; a Korm::RangeException leaves to the caller.
   void handleFlowConfig(const OstraKey& key);
 
-  // A hint that these keys are about to change, for a service that has a batch of writes in its hands: asks
-  // memory for what handling them will need, for all of them at once, where handling them one by one would
-  // wait for each. Changes nothing. Some dozens of keys at a time are best, so that what has come is still
-  // in the caches when it is used.
+  // A hint that the entries of these keys are about to be changed or removed, for a service that has a batch
+  // of writes in its hands: asks memory for what handling them will need, for all of them at once, where
+  // handling them one by one would wait for each. Changes nothing. Some dozens of keys at a time are best, so
+  // that what has come is still in the caches when it is used. New entries go to new memory and gain nothing.
   void flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept;
 
   // Asserts every invariant of the indexes.

@@ -12,15 +12,14 @@ namespace {
 
 // A state machine over a table whose changes it is told one by one, by the benchmark.
 struct FlowSide {
-  explicit FlowSide(std::size_t count, bool asksAhead = true)
-      : ahead{asksAhead}, entries{makeEntries(count)}, sm{library.makeSm()} {
+  explicit FlowSide(std::size_t count) : entries{makeEntries(count)}, sm{library.makeSm()} {
     sm->hasNotificationActiveIs(false);
   }
 
-  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64 that are
-  // asked for ahead or not; returns the time of the library's part.
+  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64, which the
+  // service announces or not; returns the time of the library's part.
   template <class Write>
-  double run(Write write) {
+  double run(bool ahead, Write write) {
     double took = 0;
     forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
       std::vector<const Ostra::OstraKey*> keys;
@@ -39,24 +38,23 @@ struct FlowSide {
     });
     return took / static_cast<double>(entries.size());
   }
-  double writeAll() {
-    return run([this](const auto& entry) { library.table->entryIs(entry); });
+  double writeAll(bool ahead = false) {
+    return run(ahead, [this](const auto& entry) { library.table->entryIs(entry); });
   }
-  double deleteAll() {
-    return run([this](const auto& entry) { library.table->entryDel(entry.flowKey); });
+  double deleteAll(bool ahead) {
+    return run(ahead, [this](const auto& entry) { library.table->entryDel(entry.flowKey); });
   }
   [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
 
-  const bool ahead;
   Library library;
   std::vector<Ostra::OstraConfigEntry> entries;
   Korm::Ptr<Ostra::OstraSm> sm;
 };
 
-void flowInsert(benchmark::State& state, bool ahead) {
+void flowInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count, ahead};
+    FlowSide side{count};
     state.SetIterationTime(side.writeAll());
     require(side.flows() == count, "every entry has its flow");
   }
@@ -65,13 +63,13 @@ void flowInsert(benchmark::State& state, bool ahead) {
 void flowModify(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count, ahead};
+    FlowSide side{count};
     side.writeAll();
     for (auto& entry : side.entries) {
       entry.actions.setDscpIs(9, true);
     }
     shuffle(side.entries, 2);
-    state.SetIterationTime(side.writeAll());
+    state.SetIterationTime(side.writeAll(ahead));
     const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
     require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
             "every flow is rewritten");
@@ -81,10 +79,10 @@ void flowModify(benchmark::State& state, bool ahead) {
 void flowDelete(benchmark::State& state, bool ahead) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
-    FlowSide side{count, ahead};
+    FlowSide side{count};
     side.writeAll();
     shuffle(side.entries, 2);
-    state.SetIterationTime(side.deleteAll());
+    state.SetIterationTime(side.deleteAll(ahead));
     require(side.flows() == 0, "every flow is gone");
   }
 }
@@ -199,8 +197,7 @@ void reconcile(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_FlowInsert", [](auto& state) { flowInsert(state, true); });
-  registerSizes("BM_FlowInsertAlone", [](auto& state) { flowInsert(state, false); });
+  registerSizes("BM_FlowInsert", flowInsert);
   registerSizes("BM_FlowModify", [](auto& state) { flowModify(state, true); });
   registerSizes("BM_FlowModifyAlone", [](auto& state) { flowModify(state, false); });
   registerSizes("BM_FlowDelete", [](auto& state) { flowDelete(state, true); });

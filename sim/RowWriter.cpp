@@ -99,7 +99,8 @@ const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
   return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
 }
 
-// Pass by pass, each over all flows: a pass reads what the one before has asked for.
+// Pass by pass, each over all flows: a pass reads what the one before has asked for. An insert finds nothing
+// and writes to new memory, which is not worth the asking.
 void RowWriter::expect(std::span<const Update> updates) const {
   struct Flow {
     const Vasta::Table<Ostra::OstraConfigEntry>* table;
@@ -109,7 +110,7 @@ void RowWriter::expect(std::span<const Update> updates) const {
   std::vector<Flow> flows;
   std::array<std::vector<const Ostra::OstraKey*>, flowTables> keys;
   for (const Update& update : updates) {
-    if (update.kind() == Kind::flow_ && update.table() < flowTables) {
+    if (update.kind() == Kind::flow_ && update.op() != Op::insert_ && update.table() < flowTables) {
       const Ostra::OstraKey& key = update.flow().flowKey;
       const auto& table = objects_.flowTable(update.table()).table();
       flows.push_back({&table, table.hashOf(key), {}});

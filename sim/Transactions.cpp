@@ -217,7 +217,7 @@ void Transactions::expectFinish(std::span<const Result> results) const {
   }
   for (const Result& result : results) {
     const auto* const row = rows_.likely(rows_.hash(result.handle));
-    if (row != nullptr && row->value.kind == Kind::flow_) {
+    if (row != nullptr && row->value.kind == Kind::flow_ && result.op != Op::insert_) {
       const auto& table = objects_.statusTable(row->value.table).table();
       statuses.push_back({&table, table.hashOf(row->value.key)});
       table.prefetchIndex(statuses.back().hash);
