@@ -1,13 +1,8 @@
 // Runs the benchmarks and ends with their figures against the targets, most of which are given as a ratio to
 // the floor measured in the same run.
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <map>
-#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -107,19 +102,6 @@ class Figures final : public benchmark::ConsoleReporter {
   std::map<std::string, double> nanoseconds_;
 };
 
-// A virtual machine gets memory from its host when it first touches it, which takes longer than all else that
-// a new page costs. Done here once, so that no benchmark pays for being the first.
-void touchMemory() {
-  const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
-  const std::size_t half = static_cast<std::size_t>(sysconf(_SC_AVPHYS_PAGES)) / 2 * page;
-  const std::size_t bytes = std::min(half, std::size_t{6} << 30U);  // what the largest one needs
-  const auto memory = std::make_unique_for_overwrite<char[]>(bytes);
-  for (std::size_t at = 0; at < bytes; at += page) {
-    memory[at] = 1;
-    benchmark::DoNotOptimize(memory[at]);
-  }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -127,7 +109,6 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;
   }
-  touchMemory();
   Figures figures;
   benchmark::RunSpecifiedBenchmarks(&figures);
   figures.printTargets();
