@@ -119,7 +119,7 @@ void RowWriter::expect(std::span<const Update> updates) const {
     }
   }
   for (const Flow& flow : flows) {
-    flow.table->prefetchRow(flow.hash, Vasta::TableWriter::Purpose::writing_);
+    flow.table->prefetchRow(flow.hash, Vasta::TableWriter::Purpose::changing_);
   }
   for (std::uint8_t table = 0; table < flowTables; ++table) {
     if (const Ostra::OstraSm* const library = keys[table].empty() ? nullptr : machine(table)) {

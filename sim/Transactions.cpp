@@ -224,7 +224,7 @@ void Transactions::expectFinish(std::span<const Result> results) const {
     }
   }
   for (const Status& status : statuses) {
-    status.table->prefetchRow(status.hash, Vasta::TableWriter::Purpose::writing_);
+    status.table->prefetchRow(status.hash, Vasta::TableWriter::Purpose::changing_);
   }
 }
 

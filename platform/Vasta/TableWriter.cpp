@@ -76,11 +76,13 @@ void TableWriter::prefetch(std::uint32_t row, Purpose purpose) const noexcept {
                    std::min(size, longestPrefetch));
   };
   Korm::prefetch(words);
-  if (purpose == Purpose::looking_) {
+  if (purpose == Purpose::writing_) {
+    prefetchCell(version, geometry_.keyOffset, geometry_.keySize);
+  } else {
     prefetchCell(version, 0, bytes);
     prefetchCell(version, bytes - wordSize, wordSize);
-  } else {
-    prefetchCell(version, geometry_.keyOffset, geometry_.keySize);
+  }
+  if (purpose != Purpose::looking_) {
     prefetchCell(version + 1, 0, bytes);
   }
 }
@@ -233,7 +235,7 @@ void TableWriter::notify(const void* key) {
 }
 
 bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
-  const auto position = locate(key, hash, Purpose::looking_);
+  const auto position = locate(key, hash, Purpose::changing_);
   if (!position) {
     return false;
   }

@@ -71,7 +71,11 @@ class TableWriter {
 
   // Hints ahead of find(), is() or del() by a caller with other work to do between. The first asks memory
   // for the index, the second, once that may have come, for the row. They change nothing.
-  enum class Purpose { looking_, writing_ };
+  enum class Purpose {
+    looking_,   // find() alone
+    writing_,   // is() alone
+    changing_,  // find(), and then is() or del()
+  };
   void prefetchIndex(std::uint32_t hash) const noexcept { index_->prefetch(hash); }
   void prefetchRow(std::uint32_t hash, Purpose purpose) const noexcept;
   // The record that find() most likely gives, not checked for anything, or null. For further hints only.

@@ -18,20 +18,11 @@
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/Segment.h"
 #include "platform/Vasta/Table.h"
+#include "tests/Sanitizers.h"
 
 namespace VastaTest {
 
-#if defined(__SANITIZE_THREAD__)
-inline constexpr bool threadSanitized = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr bool threadSanitized = true;
-#else
-inline constexpr bool threadSanitized = false;
-#endif
-#else
-inline constexpr bool threadSanitized = false;
-#endif
+using TestSupport::threadSanitized;
 
 // A record that says of itself whether it is whole: all of its payload follows from key and version.
 struct Route {
