@@ -53,9 +53,10 @@ struct Hash<std::string> {
 // A name with its hash, for a caller that looks it up several times. Refers to the text.
 class HashedName {
  public:
-  template <class Text>
-    requires std::convertible_to<const Text&, std::string_view> HashedName(const Text& text)
-  noexcept : HashedName{text, Hash<std::string>{}(text)} {}
+  // Any text converts to it.
+  template <std::convertible_to<std::string_view> Text>
+  HashedName(const Text& text) noexcept  // NOLINT(google-explicit-constructor)
+      : HashedName{text, Hash<std::string>{}(text)} {}
   // `hash` is that of the name in a collection keyed by names.
   HashedName(std::string_view text, std::uint32_t hash) noexcept : text_{text}, hash_{hash} {}
 

@@ -1,9 +1,9 @@
 // Random writes against a model of what a controller may expect.
+#include <array>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <random>
-#include <vector>
 
 #include "FlowFixture.h"
 #include "tests/Sanitizers.h"
@@ -248,13 +248,12 @@ class FlowRandom : public FlowFixture {
  private:
   // The service says what it is about to write, some of it never, which changes nothing.
   void announce() const {
-    std::vector<OstraKey> announced;
-    std::vector<const OstraKey*> pointers;
-    for (Model::Number number = 0; number < 2 * keys; ++number) {
-      announced.push_back(keyOf(number));
-    }
-    for (const OstraKey& key : announced) {
-      pointers.push_back(&key);
+    constexpr Model::Number count = 2 * keys;
+    std::array<OstraKey, count> announced;
+    std::array<const OstraKey*, count> pointers{};
+    for (Model::Number number = 0; number < count; ++number) {
+      announced[number] = keyOf(number);
+      pointers[number] = &announced[number];
     }
     sm->flowConfigExpected(pointers);
   }
