@@ -8,8 +8,11 @@ namespace Korm {
 
 inline constexpr std::size_t cacheLine = 64;
 
-// Asks for the cache lines of the `size` bytes at `data`, which need not be readable. Changes nothing.
+// Asks for the cache lines of the `size` bytes at `data`; for nothing if that is null. Changes nothing.
 inline void prefetch(const void* data, std::size_t size = 1) noexcept {
+  if (data == nullptr) {
+    return;
+  }
   const auto* const start = static_cast<const std::byte*>(data);
   const auto* const end = start + size;
   for (const auto* at = start - reinterpret_cast<std::uintptr_t>(start) % cacheLine; at < end;
