@@ -1,6 +1,6 @@
 // The names that tie a Corvex flow to its P4Runtime entry.
 //
-// Thread and process rule: free functions without state.
+// Thread and process rule: values and free functions without state.
 #pragma once
 
 #include <array>

@@ -8,6 +8,7 @@
 #include "Ostra/MatchTranslation.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
+#include "platform/Korm/Prefetch.h"
 
 namespace Ostra {
 namespace {
@@ -52,9 +53,6 @@ constinit Brisklog::TracePoint traceRootStatus{traceHandle, routine, scope, vrfC
                                                " adding rootStatus, entryVrf:%s entryHandle:%s"};
 constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChange,
                                            " no rootStatus for entryHandle:%s"};
-
-// How many flows are asked for at a time: as many as the near caches hold.
-constexpr std::size_t expectedAtOnce = 64;
 
 std::uint32_t flowNameHash(std::uint64_t handle) noexcept {
   return Korm::HashedName{FlowName{handle}.text()}.hash();
@@ -135,34 +133,33 @@ void OstraSm::handleInitialized() {
   }
   deleteStaleFlows();
   Vasta::Hint ahead;
-  std::size_t expected = 0;
+  std::size_t handled = 0;
   forEachEntry([&](const OstraConfigEntry& entry) {
-    if (expected == 0) {
-      expected = nextExpected(ahead);
+    if (handled++ % Korm::prefetchBatch == 0) {
+      expectRows(ahead);
     }
-    --expected;
     const OstraKey key = entry.key();
     handleFlowConfig(key);
   });
 }
 
-// Asks memory for what the next rows of a walk will need; how many there are to handle until the next time.
-std::size_t OstraSm::nextExpected(Vasta::Hint& hint) const noexcept {
-  if (cxHwConfig_) {
-    const auto& table = reactor_->table->table();
-    std::array<std::uint32_t, expectedAtOnce> flows;
-    std::size_t count = 0;
-    for (const OstraConfigEntry* entry = nullptr;
-         count < flows.size() && (entry = table.peek(hint)) != nullptr; ++count) {
-      table.prefetchIndex(entry->flowKey.hash(0));
-      flows[count] = flowNameHash(entry->entryHandle);
-      cxHwConfig_->flowEntryExpected(flows[count]);
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-      cxHwConfig_->flowEntryExpectedSoon(flows[i]);
-    }
+// Asks memory for what handling the next rows of a walk will need.
+void OstraSm::expectRows(Vasta::Hint& walk) const noexcept {
+  if (!cxHwConfig_) {
+    return;
   }
-  return expectedAtOnce;
+  const auto& table = reactor_->table->table();
+  std::array<std::uint32_t, Korm::prefetchBatch> flows;
+  std::size_t count = 0;
+  for (const OstraConfigEntry* entry = nullptr;
+       count < flows.size() && (entry = table.peek(walk)) != nullptr; ++count) {
+    table.prefetchIndex(entry->flowKey.hash(0));
+    flows[count] = flowNameHash(entry->entryHandle);
+    cxHwConfig_->flowEntryExpected(flows[count]);
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    cxHwConfig_->flowEntryExpectedSoon(flows[i]);
+  }
 }
 
 // Flows of other tables are stale to this one too: all fifteen state machines keep the rule that what the
@@ -195,9 +192,9 @@ void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const no
   if (!cxHwConfig_) {
     return;
   }
-  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), expectedAtOnce))) {
-    const std::size_t count = std::min(keys.size(), expectedAtOnce);
-    std::array<std::uint32_t, expectedAtOnce> hashes;
+  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), Korm::prefetchBatch))) {
+    const std::size_t count = std::min(keys.size(), Korm::prefetchBatch);
+    std::array<std::uint32_t, Korm::prefetchBatch> hashes;
     for (std::size_t i = 0; i < count; ++i) {
       hashes[i] = keys[i]->hash(0);
       index_.prefetchIndex(hashes[i]);
@@ -205,7 +202,7 @@ void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const no
     for (std::size_t i = 0; i < count; ++i) {
       index_.prefetchElement(hashes[i]);
     }
-    std::array<std::uint32_t, expectedAtOnce> flows;
+    std::array<std::uint32_t, Korm::prefetchBatch> flows;
     std::size_t known = 0;
     for (std::size_t i = 0; i < count; ++i) {
       if (const std::uint64_t handle = index_.likelyHandle(hashes[i]); handle != 0) {

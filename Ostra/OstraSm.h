@@ -114,7 +114,7 @@ class OstraSm final : public Korm::Entity {
   void deleteStaleFlows();
   template <class Handle>
   void forEachEntry(Handle handle) const;
-  [[nodiscard]] std::size_t nextExpected(Vasta::Hint& hint) const noexcept;
+  void expectRows(Vasta::Hint& walk) const noexcept;
 
   // The work for one key, with its hash. Raises entry errors and range exceptions.
   void handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash);

@@ -9,8 +9,8 @@
 
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Clock.h"
+#include "platform/Korm/Prefetch.h"
 #include "sim/NameOrder.h"
-#include "sim/Writes.h"
 
 namespace Sim {
 namespace {
@@ -156,7 +156,7 @@ void HwAgent::schedule() {
 // Pass by pass: a pass reads what the one before has asked for.
 void HwAgent::expectNext() const {
   const auto next =
-      std::span{queue_}.subspan(next_, std::min<std::size_t>(updatesAhead, waiting()));
+      std::span{queue_}.subspan(next_, std::min<std::size_t>(Korm::prefetchBatch, waiting()));
   for (const Waiting& waiting : next) {
     status_->flowStatsExpected(waiting.flowHash);
   }
@@ -170,7 +170,7 @@ void HwAgent::expectNext() const {
 
 void HwAgent::run() {
   while (next_ < queue_.size()) {
-    if (next_ % updatesAhead == 0) {
+    if (next_ % Korm::prefetchBatch == 0) {
       expectNext();
     }
     // The reactors to what is published may queue more, and the queue may move.

@@ -5,6 +5,7 @@
 
 #include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
+#include "platform/Korm/Prefetch.h"
 #include "sim/RowWriter.h"
 #include "sim/ServiceObjects.h"
 #include "sim/Transactions.h"
@@ -106,7 +107,7 @@ std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
   transactions_->begin(batch.size(), running());
   for (std::span<const Update> rest = batch; !rest.empty();) {
-    const auto next = rest.first(std::min(updatesAhead, rest.size()));
+    const auto next = rest.first(std::min(Korm::prefetchBatch, rest.size()));
     writer.expect(next);
     for (const Update& update : next) {
       writer.apply(update);

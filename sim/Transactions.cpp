@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Prefetch.h"
 
 namespace Sim {
 namespace {
@@ -231,9 +232,9 @@ void Transactions::expectFinish(std::span<const Result> results) const {
 std::vector<Result> Transactions::finish() {
   if (live_) {
     for (Index update = 0; update < results_.size(); ++update) {
-      if (update % updatesAhead == 0) {
+      if (update % Korm::prefetchBatch == 0) {
         expectFinish(std::span{results_}.subspan(
-            update, std::min<std::size_t>(updatesAhead, results_.size() - update)));
+            update, std::min<std::size_t>(Korm::prefetchBatch, results_.size() - update)));
       }
       Result& result = results_[update];
       auto* const found = rows_.find(result.handle);

@@ -72,10 +72,6 @@ class Update {
   Row row_;
 };
 
-// How many updates of a batch are taken up at a time: memory is asked for what all of them need, and gives
-// it while they are being worked on.
-inline constexpr std::size_t updatesAhead = 64;
-
 // What came of one write.
 struct Result {
   Op op = Op::insert_;

@@ -68,8 +68,8 @@ class HashedName {
   std::uint32_t hash_;
 };
 
-// Up to seven bytes as the low bytes of a word.
 static_assert(std::endian::native == std::endian::little);
+// Up to seven bytes as the low bytes of a word.
 [[nodiscard]] inline std::uint64_t loadPart(const void* data, std::size_t size) noexcept {
   const auto* const at = static_cast<const unsigned char*>(data);
   if (size >= 4) {
