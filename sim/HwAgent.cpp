@@ -10,7 +10,7 @@
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Clock.h"
 #include "platform/Korm/Prefetch.h"
-#include "sim/NameOrder.h"
+#include "sim/private/NameOrder.h"
 
 namespace Sim {
 namespace {

@@ -6,9 +6,9 @@
 #include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Prefetch.h"
-#include "sim/RowWriter.h"
-#include "sim/ServiceObjects.h"
-#include "sim/Transactions.h"
+#include "sim/private/RowWriter.h"
+#include "sim/private/ServiceObjects.h"
+#include "sim/private/Transactions.h"
 
 namespace Sim {
 namespace {

@@ -4,10 +4,10 @@
 
 #include "Ostra/OstraSm.h"
 #include "Ostra/OstraStatus.h"
-#include "sim/NameOrder.h"
 #include "sim/Service.h"
-#include "sim/ServiceObjects.h"
 #include "sim/TablePaths.h"
+#include "sim/private/NameOrder.h"
+#include "sim/private/ServiceObjects.h"
 
 namespace Sim {
 

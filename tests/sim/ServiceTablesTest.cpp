@@ -6,7 +6,7 @@
 #include "Ostra/OstraStatus.h"
 #include "platform/KormVasta/SharedMemory.h"
 #include "platform/Vasta/Reader.h"
-#include "sim/NameOrder.h"
+#include "sim/private/NameOrder.h"
 #include "sim/TablePaths.h"
 #include "tests/sim/SwitchFixture.h"
 

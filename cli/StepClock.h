@@ -1,0 +1,13 @@
+// A clock for runs that repeat to the letter.
+//
+// Thread and process rule: one thread; it is the clock of the whole process.
+#pragma once
+
+namespace Cli::StepClock {
+
+// Makes it the framework's clock, at 0.
+void install() noexcept;
+// One second later.
+void advance() noexcept;
+
+}  // namespace Cli::StepClock

@@ -1,0 +1,32 @@
+// Flow entries of a controller in the command language.
+//
+// The match fields are those of Ostra::OstraKey: a field that is added there is read here without more,
+// unless its value is of a new type.
+//
+// Thread and process rule: free functions without state. Each takes the words behind "flow", reads them
+// all, and throws CommandError for anything that is not in the grammar.
+#pragma once
+
+#include <cstdint>
+
+#include "Ostra/OstraTypes.h"
+#include "cli/language/Words.h"
+
+namespace Cli {
+
+// The index of the last flow table that commands can name: those behind it have no state machine.
+inline constexpr std::uint8_t maxFlowTable = 14;
+
+// A flow entry as a controller gives it; the handle and the entry id are the service's to fill in.
+struct FlowWrite {
+  std::uint8_t table = 0;
+  Ostra::OstraConfigEntry entry;
+};
+
+// Key, "->" and actions, for an insert or a modify.
+[[nodiscard]] FlowWrite parseFlow(Words& words);
+
+// The key alone, for a delete.
+[[nodiscard]] FlowWrite parseFlowKey(Words& words);
+
+}  // namespace Cli

@@ -1,0 +1,166 @@
+#include "cli/language/Interpreter.h"
+
+#include <cerrno>
+#include <csignal>
+#include <ostream>
+
+#include "cli/Progress.h"
+#include "cli/language/Commands.h"
+
+namespace Cli {
+namespace {
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+// The next line; nothing as well when a signal asked to stop while the system was waiting for it.
+std::optional<LineReader::Line> nextLine(LineReader& input) {
+  for (;;) {
+    try {
+      return input.next();
+    } catch (const ReadError& error) {
+      if (error.code() != std::errc::interrupted) {
+        throw;
+      }
+      if (stopRequested != 0) {
+        return std::nullopt;
+      }
+    }
+  }
+}
+
+std::string countOf(std::size_t count, const std::string& what) {
+  return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
+}
+
+}  // namespace
+
+void requestStop() noexcept { stopRequested = 1; }
+
+Interpreter::Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& printer,
+                         InterpreterOptions options)
+    : service_{service}, agent_{agent}, printer_{printer}, options_{std::move(options)} {}
+
+bool Interpreter::ended() const noexcept {
+  return quit_ || stopRequested != 0 || (failed_ && !options_.keepGoing);
+}
+
+void Interpreter::play(LineReader& input, const std::string& name, Progress* progress) {
+  for (std::uint64_t number = 1; !ended(); ++number) {
+    const auto line = nextLine(input);
+    if (!line) {
+      return;
+    }
+    const std::string where = name + ":" + std::to_string(number);
+    if (line->cut) {
+      fail(where, "read a line of more than " + std::to_string(LineReader::longestLine) +
+                      " characters, expected a shorter one");
+    } else {
+      playLine(line->text, where);
+    }
+    if (progress != nullptr) {
+      progress->at(number, input.position(), input.size());
+    }
+  }
+}
+
+void Interpreter::prompt(LineReader& input, const std::string& name, std::ostream& out) {
+  options_.keepGoing = true;
+  printer_.note("Type 'help' for the commands, 'quit' or Ctrl-D to leave.");
+  std::uint64_t number = 0;
+  while (!ended()) {
+    out << (batch_ ? "batch> " : "ostra> ") << std::flush;
+    const auto line = nextLine(input);
+    if (!line) {
+      out << '\n';
+      return;
+    }
+    playLine(line->text, name + ":" + std::to_string(++number));
+  }
+}
+
+void Interpreter::playLine(std::string_view line, std::string_view where) {
+  Words words{line};
+  if (words.done()) {
+    return;
+  }
+  where_ = where;
+  if (options_.beforeCommand) {
+    options_.beforeCommand();
+  }
+  try {
+    takeCommand(words).handler(*this, words);
+  } catch (const CommandError& error) {
+    fail(where, error.what());
+  }
+  printReports();
+  if (options_.afterCommand) {
+    options_.afterCommand();
+  }
+}
+
+void Interpreter::finish() {
+  if (batch_ && (!failed_ || options_.keepGoing)) {
+    fail(batch_->begun, "read 'begin', expected a 'commit' after it; " +
+                            countOf(batch_->updates.size(), "write") + " not applied");
+  }
+  batch_.reset();
+}
+
+void Interpreter::write(Sim::Update update) {
+  if (batch_) {
+    batch_->updates.push_back(std::move(update));
+  } else {
+    apply({std::move(update)});
+  }
+}
+
+void Interpreter::beginBatch() {
+  if (batch_) {
+    throw CommandError{"read 'begin' inside the batch that begins at " + batch_->begun +
+                       ", expected 'commit' first"};
+  }
+  batch_ = Batch{.begun = std::string{where_}, .updates = {}};
+}
+
+void Interpreter::commitBatch() {
+  if (!batch_) {
+    throw CommandError{"read 'commit' outside a batch, expected 'begin' before it"};
+  }
+  const std::vector<Sim::Update> updates = std::move(batch_->updates);
+  batch_.reset();
+  apply(updates);
+}
+
+void Interpreter::settle() { Sim::Service::settle(); }
+
+void Interpreter::check(std::string_view command, const Sim::Failure& failure) {
+  if (failure) {
+    printer_.failure(where_, command, *failure);
+  }
+}
+
+void Interpreter::print(std::string_view command, const Sim::Announcement& announcement) {
+  for (const Sim::Result& result : announcement.results) {
+    printer_.result(result);
+  }
+  check(command, announcement.failure);
+}
+
+void Interpreter::apply(const std::vector<Sim::Update>& updates) {
+  for (const Sim::Result& result : service_.apply(updates)) {
+    printer_.result(result);
+  }
+}
+
+void Interpreter::printReports() {
+  for (const Sim::Report& report : service_.takeReports()) {
+    printer_.report(report);
+  }
+}
+
+void Interpreter::fail(std::string_view where, std::string_view message) {
+  failed_ = true;
+  printer_.error(where, message);
+}
+
+}  // namespace Cli

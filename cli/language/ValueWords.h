@@ -1,0 +1,111 @@
+// Words of the form name=VALUE, described as tables.
+//
+// Thread and process rule: templates without state.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "cli/language/NearMatch.h"
+#include "cli/language/Values.h"
+#include "cli/language/Words.h"
+
+namespace Cli {
+
+// What a word name=VALUE does to a T. `apply` takes the value and the name that messages use.
+template <class T>
+struct ValueWord {
+  std::string_view name;
+  void (*apply)(T& target, std::string_view value, std::string_view name);
+};
+
+namespace detail {
+
+template <class>
+struct MemberOf;
+template <class Class, class Value>
+struct MemberOf<Value Class::*> {
+  using Target = Class;
+  using Type = Value;
+};
+
+}  // namespace detail
+
+// For the table: the number goes into that data member.
+template <auto member>
+inline constexpr auto putNumber = [](typename detail::MemberOf<decltype(member)>::Target& target,
+                                     std::string_view value, std::string_view name) {
+  target.*member = parseNumber<typename detail::MemberOf<decltype(member)>::Type>(value, name);
+};
+
+// The entry of that name in a table of named things, or null.
+template <class Table>
+[[nodiscard]] auto findWord(const Table& table, std::string_view name) {
+  const auto found = std::find_if(table.begin(), table.end(),
+                                  [name](const auto& word) { return word.name == name; });
+  return found == table.end() ? nullptr : &*found;
+}
+
+// Throws for a word that came before.
+[[noreturn]] void throwTwice(std::string_view word);
+// Throws unless there is a '='.
+void requireValue(const Assignment& word);
+
+// Which of the words of a table have been read.
+template <std::size_t count>
+class SeenWords {
+ public:
+  // Throws if it has been seen before.
+  template <class Table, class Word>
+  void add(const Table& table, const Word& word) {
+    if (std::exchange(seen_[static_cast<std::size_t>(&word - table.data())], true)) {
+      throwTwice(word.name);
+    }
+  }
+  [[nodiscard]] bool has(std::size_t index) const noexcept { return seen_[index]; }
+
+ private:
+  std::array<bool, count> seen_{};
+};
+
+// Applies the word to `target` if it is one of the table's, each of which may come once.
+template <class T, std::size_t count>
+[[nodiscard]] bool applyWord(const std::array<ValueWord<T>, count>& table, SeenWords<count>& seen,
+                             const Assignment& word, T& target) {
+  const ValueWord<T>* const known = findWord(table, word.name);
+  if (known == nullptr) {
+    return false;
+  }
+  requireValue(word);
+  seen.add(table, *known);
+  known->apply(target, word.value, known->name);
+  return true;
+}
+
+// Reads the rest of the words, all of which are in the table; the first `required` of it must come.
+template <class T, std::size_t count>
+void applyWords(Words& words, const std::array<ValueWord<T>, count>& table, std::size_t required,
+                T& target) {
+  std::string expected;
+  for (const ValueWord<T>& known : table) {
+    expected.append(expected.empty() ? "" : ", ").append(known.name).append("=");
+  }
+  SeenWords<count> seen;
+  while (!words.done()) {
+    const std::string_view read = words.take(expected);
+    const Assignment word = splitAssignment(read);
+    if (!applyWord(table, seen, word, target)) {
+      throwUnexpected(read, "one of " + expected, nearMatch(word.name, table));
+    }
+  }
+  for (std::size_t at = 0; at < required; ++at) {
+    if (!seen.has(at)) {
+      throwUnexpected({}, std::string{table[at].name} + "=");
+    }
+  }
+}
+
+}  // namespace Cli

@@ -1,0 +1,147 @@
+// ostra-show: prints the tables and the trace of a running ostra-sim, from another process.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <exception>
+#include <span>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "cli/language/NearMatch.h"
+#include "cli/language/Words.h"
+#include "cli/output/Output.h"
+#include "cli/show/ShownTable.h"
+#include "cli/show/Viewer.h"
+#include "sim/SharedNames.h"
+
+namespace {
+
+enum Status { success = 0, nothingThere = 1, badInput = 2 };
+
+constexpr std::chrono::milliseconds interval{100};
+
+constexpr std::array topics{Cli::shownFlows, Cli::shownMembers, Cli::shownGroups, Cli::shownStatus,
+                            Cli::shownTrace};
+
+constexpr std::string_view usage =
+    R"(Usage: ostra-show NAME [--follow] [flows|members|groups|status|trace ...]
+
+Prints the stored flow entries, action-profile members and groups, the status of the entries and the
+trace ring of the 'ostra-sim --shm NAME' that is running, or of what one that was killed has left.
+Without a topic it prints all of them.
+
+  --follow     then go on and print what changes. Waits for ostra-sim where it is not running, and
+               attaches again when it has been restarted
+  --help       print this
+  --version    print the version
+
+Exit status: 0, 1 when there is nothing to show, 2 for a command line that makes no sense.
+)";
+
+struct Options {
+  std::string name;
+  std::vector<std::string_view> topics;
+  bool follow = false;
+  bool help = false;
+  bool version = false;
+};
+
+void addTopic(Options& options, std::string_view word) {
+  if (std::find(topics.begin(), topics.end(), word) == topics.end()) {
+    Cli::throwUnexpected(word, "one of flows, members, groups, status, trace",
+                         Cli::nearMatch(word, topics));
+  }
+  if (std::find(options.topics.begin(), options.topics.end(), word) == options.topics.end()) {
+    options.topics.push_back(word);
+  }
+}
+
+void addOption(Options& options, std::string_view word) {
+  static constexpr std::array<std::string_view, 3> words{"--follow", "--help", "--version"};
+  if (word == "--follow") {
+    options.follow = true;
+  } else if (word == "--help") {
+    options.help = true;
+  } else if (word == "--version") {
+    options.version = true;
+  } else {
+    Cli::throwUnexpected(word, "--follow, --help or --version", Cli::nearMatch(word, words));
+  }
+}
+
+// Throws Cli::CommandError.
+Options parseOptions(std::span<const char* const> arguments) {
+  Options options;
+  for (const std::string_view word : arguments) {
+    if (word.starts_with('-')) {
+      addOption(options, word);
+    } else if (options.name.empty()) {
+      options.name = word;
+    } else {
+      addTopic(options, word);
+    }
+  }
+  if (options.help || options.version) {
+    return options;
+  }
+  if (const std::string fault = Sim::sharedNameFault(options.name); !fault.empty()) {
+    throw Cli::CommandError{"read " + Cli::quoted(options.name) + " for NAME, " + fault};
+  }
+  if (options.topics.empty()) {
+    options.topics.assign(topics.begin(), topics.end());
+  }
+  return options;
+}
+
+Status show(const Options& options, Cli::Output& out, Cli::Output& errors) {
+  Cli::Viewer viewer{options.name, options.topics};
+  if (!options.follow) {
+    if (!viewer.print(out)) {
+      errors << "ostra-show: no 'ostra-sim --shm " << options.name << "' is running\n";
+      return nothingThere;
+    }
+    return success;
+  }
+  while (out.error() == 0) {
+    viewer.follow(out);
+    out.flush();
+    std::this_thread::sleep_for(interval);
+  }
+  return success;
+}
+
+Status runProgram(std::span<const char* const> arguments, Cli::Output& out, Cli::Output& errors) {
+  try {
+    const Options options = parseOptions(arguments);
+    if (options.help) {
+      out << usage;
+    } else if (options.version) {
+      out << "ostra-show " << OSTRA_VERSION << '\n';
+    } else {
+      return show(options, out, errors);
+    }
+    return success;
+  } catch (const Cli::CommandError& error) {
+    errors << "ostra-show: " << error.what() << "\nTry 'ostra-show --help'.\n";
+    return badInput;
+  } catch (const std::exception& error) {
+    out.flush();
+    errors << "ostra-show: " << error.what() << '\n';
+    return nothingThere;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::signal(SIGPIPE, SIG_IGN);
+  Cli::Output out{STDOUT_FILENO};
+  Cli::Output errors{STDERR_FILENO};
+  return runProgram({argv + 1, argv + argc}, out, errors);
+}

@@ -1,0 +1,26 @@
+// The JSON forms of what the tables hold.
+//
+// Thread and process rule: free functions without state.
+#pragma once
+
+#include "platform/OpenFlowTable/HwConfig.h"
+#include <nlohmann/json.hpp>
+
+namespace Cli {
+
+// Members stay in the order in which they are written.
+using Json = nlohmann::ordered_json;
+
+// A time: without a fraction where it is a whole number of seconds.
+[[nodiscard]] Json secondsToJson(double seconds);
+
+// The fields that are set, each as {"value", "mask"} or as its plain value.
+[[nodiscard]] Json matchToJson(const OpenFlowTable::Match& match);
+
+// The actions that are present.
+[[nodiscard]] Json actionsToJson(const OpenFlowTable::Actions& actions);
+
+[[nodiscard]] Json flowToJson(const Korm::Name& name, const OpenFlowTable::FlowEntry& flow);
+[[nodiscard]] Json groupToJson(const OpenFlowTable::GroupEntry& group);
+
+}  // namespace Cli

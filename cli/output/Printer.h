@@ -1,0 +1,57 @@
+// How ostra-sim says what came of a command: the face that its two printers share.
+//
+// Thread and process rule: one thread.
+// Ownership: a printer writes to a stream of its host's, which it neither flushes nor closes.
+#pragma once
+
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/P4Runtime/Counter.h"
+#include "sim/HwAgent.h"
+#include "sim/Service.h"
+
+namespace Cli {
+
+// A command as `help` shows it.
+struct HelpEntry {
+  std::string_view name;
+  std::string_view summary;
+  std::string grammar;
+};
+
+class Printer {
+ public:
+  Printer() = default;
+  Printer(const Printer&) = delete;
+  Printer& operator=(const Printer&) = delete;
+  virtual ~Printer() = default;
+
+  // What came of writes.
+  virtual void result(const Sim::Result& result) = 0;
+  virtual void report(const Sim::Report& report) = 0;
+
+  // A command that makes no sense; `where` is FILE:LINE.
+  virtual void error(std::string_view where, std::string_view message) = 0;
+  // A command that was understood and failed.
+  virtual void failure(std::string_view where, std::string_view command,
+                       std::string_view message) = 0;
+  // Something that only a person wants to know.
+  virtual void note(std::string_view text) = 0;
+  virtual void echo(std::string_view text) = 0;
+  // Names and summaries of many commands, or all that there is to say of a few.
+  virtual void help(std::span<const HelpEntry> commands, bool grammar) = 0;
+
+  virtual void counter(P4Runtime::EntryHandle handle, const P4Runtime::P4CounterData& data) = 0;
+  virtual void flows(const std::vector<Sim::FlowView>& flows) = 0;
+  virtual void groups(const std::vector<const OpenFlowTable::GroupEntry*>& groups) = 0;
+  virtual void vrfs(const std::vector<Sim::VrfView>& vrfs,
+                    const std::vector<Sim::DependentView>& dependents) = 0;
+  virtual void entries(const std::vector<Sim::TableView>& tables) = 0;
+  virtual void hw(const Sim::HwAgent& agent) = 0;
+  virtual void trace(const std::vector<std::string>& lines) = 0;
+};
+
+}  // namespace Cli

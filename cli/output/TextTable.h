@@ -1,0 +1,41 @@
+// Rows of text in aligned columns.
+//
+// Thread and process rule: a value.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Cli {
+
+class TextTable {
+ public:
+  // A column whose title starts with '>' is aligned to the right.
+  explicit TextTable(const std::vector<std::string_view>& titles);
+
+  // As many cells as there are titles.
+  void rowIs(std::vector<std::string> cells);
+  [[nodiscard]] bool empty() const noexcept { return rows_.empty(); }
+
+  // The titles and the rows, each line behind `indent` and without blanks at its end.
+  void print(std::ostream& out, std::string_view indent = "  ") const;
+
+ private:
+  void printLine(std::ostream& out, std::string_view indent,
+                 const std::vector<std::string>& cells) const;
+
+  struct Column {
+    std::size_t width;
+    bool right;
+  };
+  std::vector<Column> columns_;
+  std::vector<std::string> titles_;
+  std::vector<std::vector<std::string>> rows_;
+};
+
+// The number of characters that a UTF-8 text takes on a terminal, combining ones aside.
+[[nodiscard]] std::size_t displayWidth(std::string_view text) noexcept;
+
+}  // namespace Cli

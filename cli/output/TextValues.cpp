@@ -1,0 +1,306 @@
+#include "cli/output/TextValues.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstdio>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "cli/output/ActionFields.h"
+
+namespace Cli {
+namespace {
+
+using OpenFlowTable::FlowStatus;
+using OpenFlowTable::GroupStatus;
+using OpenFlowTable::GroupType;
+using OpenFlowTable::Masked;
+using P4Runtime::ErrorCode;
+
+template <class Enum>
+using Meanings = std::span<const std::pair<Enum, std::string_view>>;
+
+template <class Enum>
+std::string numberAndWords(Meanings<Enum> known, Enum value) {
+  const std::string number = std::to_string(static_cast<std::uint32_t>(value));
+  for (const auto& [named, words] : known) {
+    if (named == value) {
+      return number + " " + std::string{words};
+    }
+  }
+  return number + " unknown";
+}
+
+template <std::integral T>
+std::string hexNumber(T value) {
+  std::array<char, 24> text;
+  const int length =
+      std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(value));
+  return {text.data(), static_cast<std::size_t>(length)};
+}
+
+// The length of a mask of leading ones, or nothing for any other mask.
+template <std::size_t size>
+std::optional<unsigned> prefixLength(const std::array<std::uint8_t, size>& mask) {
+  unsigned length = 0;
+  for (const std::uint8_t octet : mask) {
+    length += static_cast<unsigned>(std::countl_one(octet));
+  }
+  unsigned position = 0;
+  for (const std::uint8_t octet : mask) {
+    const unsigned ones = std::min(length - std::min(length, position), 8U);
+    if (octet != static_cast<std::uint8_t>(0xFF00U >> ones)) {
+      return std::nullopt;
+    }
+    position += 8;
+  }
+  return length;
+}
+
+template <std::size_t size>
+std::string maskedAddress(const std::string& value, const std::array<std::uint8_t, size>& mask,
+                          const std::string& maskText) {
+  const auto length = prefixLength(mask);
+  if (length == size * 8) {
+    return value;
+  }
+  return length ? value + "/" + std::to_string(*length) : value + "&" + maskText;
+}
+
+template <class T>
+std::string maskedText(const T& value, const T& mask) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return std::string{value ? "true" : "false"} + (mask ? "" : "&false");
+  } else if constexpr (std::is_integral_v<T>) {
+    return mask == std::numeric_limits<T>::max() ? std::to_string(value)
+                                                 : hexNumber(value) + "&" + hexNumber(mask);
+  } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
+    return value.family() == Korm::AddressFamily::ipv6_ ? maskedText(value.ip6(), mask.ip6())
+                                                        : maskedText(value.ip4(), mask.ip4());
+  } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
+    return mask == Korm::EthAddr::allOnes() ? value.text() : value.text() + "&" + mask.text();
+  } else {
+    return maskedAddress(value.text(), mask.octets, mask.text());
+  }
+}
+
+template <class T>
+std::string valueText(const Masked<T>& field) {
+  return maskedText(field.value, field.mask);
+}
+template <std::integral T>
+std::string valueText(T value) {
+  return std::to_string(value);
+}
+std::string valueText(const Interface::IntfId& intf) {
+  return intf.empty() ? "(none)" : std::string{intf.name()};
+}
+std::string valueText(const Korm::EthAddr& address) { return address.text(); }
+std::string valueText(const OpenFlowTable::Actions::FixedBlock& block) { return hexText(block); }
+std::string valueText(OpenFlowTable::L3PacketType type) {
+  static constexpr std::array<std::string_view, 4> names{"ip", "non-ip", "ipv4", "ipv6"};
+  const auto number = static_cast<std::size_t>(type);
+  return number < names.size() ? std::string{names[number]} : std::to_string(number);
+}
+std::string valueText(const OpenFlowTable::EncapInfo& encap) {
+  return encapTypeText(encap.type) + "(" + encap.src.text() + "->" + encap.dst.text() +
+         ",ttl=" + std::to_string(encap.ttl) + ",dscp=" + std::to_string(encap.dscp) + ")";
+}
+std::string valueText(const OpenFlowTable::PolicerConfig& policer) {
+  std::string text = std::to_string(policer.rate) + "," + std::to_string(policer.burst);
+  for (const std::string_view color : droppedColors(policer)) {
+    text.append(",drop-").append(color);
+  }
+  return text;
+}
+
+// Ether types are known by their hexadecimal numbers, and a VLAN id has twelve bits.
+std::string maskedWordText(std::string_view name, std::uint16_t value, std::uint16_t mask) {
+  if (mask == 0xFFFF && (name == "etherType" || name == "hdr.ethernet.ether_type")) {
+    return hexNumber(value);
+  }
+  if (mask == 0x0FFF && (name == "vlanId" || name == "local_metadata.vlan_id")) {
+    return std::to_string(value);
+  }
+  return maskedText(value, mask);
+}
+
+class Assignments {
+ public:
+  explicit Assignments(std::string_view none) : none_{none} {}
+
+  void add(std::string_view name, const std::string& value) {
+    addFlag(name);
+    text_.append("=").append(value);
+  }
+  void addFlag(std::string_view name) { text_.append(text_.empty() ? "" : " ").append(name); }
+  [[nodiscard]] std::string text() const { return text_.empty() ? std::string{none_} : text_; }
+
+ private:
+  const std::string_view none_;
+  std::string text_;
+};
+
+void addActions(const OpenFlowTable::Actions& actions, Assignments& result) {
+  forEachAction(actions, [&result](const char* name, const auto& value) {
+    if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, bool>) {
+      result.addFlag(name);
+    } else {
+      result.add(name, valueText(value));
+    }
+  });
+}
+
+}  // namespace
+
+std::string matchText(const OpenFlowTable::Match& match) {
+  Assignments result{"any"};
+  forEachMatchField(match, [&result](const char* name, const auto& field) {
+    if constexpr (std::is_same_v<std::remove_cvref_t<decltype(field)>, Masked<std::uint16_t>>) {
+      result.add(name, maskedWordText(name, field.value, field.mask));
+    } else {
+      result.add(name, valueText(field));
+    }
+  });
+  return result.text();
+}
+
+std::string actionsText(const OpenFlowTable::Actions& actions) {
+  Assignments result{"none"};
+  addActions(actions, result);
+  return result.text();
+}
+
+std::string keyText(const Ostra::OstraKey& key) {
+  Assignments result{"any"};
+  key.forEachField([&result](std::string_view name, const auto& field) {
+    if (!field.given) {
+      return;
+    }
+    using T = std::remove_cvref_t<decltype(field.value)>;
+    if constexpr (std::is_same_v<T, std::uint16_t>) {
+      result.add(name, maskedWordText(name, field.value, field.mask));
+    } else {
+      result.add(name, maskedText(field.value, field.mask));
+    }
+  });
+  return result.text();
+}
+
+std::string entryActionsText(const Ostra::OstraConfigEntry& entry) {
+  Assignments result{"none"};
+  OpenFlowTable::Actions actions = entry.actions;
+  if (actions.has(OpenFlowTable::Action::outputIntf_)) {
+    actions.outputIntfIs({}, false);
+    result.add("output", std::to_string(entry.outputPort));
+  }
+  const auto addGiven = [&result](bool given, std::string_view name, std::uint32_t value) {
+    if (given) {
+      result.add(name, std::to_string(value));
+    }
+  };
+  addGiven(entry.vrfGiven, "vrf", entry.vrfId);
+  addGiven(entry.vlanGiven, "vlan", entry.vlanId);
+  addGiven(entry.groupGiven, "group", entry.groupId);
+  addGiven(entry.memberGiven, "member", entry.memberId);
+  addActions(actions, result);
+  return result.text();
+}
+
+std::string flowStatusText(FlowStatus status) {
+  static constexpr std::array<std::pair<FlowStatus, std::string_view>, 14> words{{
+      {FlowStatus::pending_, "pending"},
+      {FlowStatus::programmed_, "programmed"},
+      {FlowStatus::programmedInSoftware_, "programmed in software"},
+      {FlowStatus::programming_, "being programmed"},
+      {FlowStatus::waitingForGroup_, "waiting for a group"},
+      {FlowStatus::matchNotSupported_, "match not supported"},
+      {FlowStatus::actionNotSupported_, "action not supported"},
+      {FlowStatus::hardwareFull_, "hardware full"},
+      {FlowStatus::waitingForInterface_, "waiting for an interface"},
+      {FlowStatus::hardwareError_, "hardware error"},
+      {FlowStatus::invalidInterface_, "invalid interface"},
+      {FlowStatus::conflict_, "conflict"},
+      {FlowStatus::actionSetNotSupported_, "actions not supported together"},
+      {FlowStatus::deleting_, "being deleted"},
+  }};
+  return numberAndWords<FlowStatus>(words, status);
+}
+
+std::string groupStatusText(GroupStatus status) {
+  static constexpr std::array<std::pair<GroupStatus, std::string_view>, 5> words{{
+      {GroupStatus::ready_, "ready"},
+      {GroupStatus::pending_, "pending"},
+      {GroupStatus::actionNotSupported_, "action not supported"},
+      {GroupStatus::hardwareFull_, "hardware full"},
+      {GroupStatus::hardwareError_, "hardware error"},
+  }};
+  return numberAndWords<GroupStatus>(words, status);
+}
+
+std::string groupTypeText(GroupType type) {
+  static constexpr std::array<std::pair<GroupType, std::string_view>, 4> words{{
+      {GroupType::all_, "all"},
+      {GroupType::select_, "select"},
+      {GroupType::indirect_, "indirect"},
+      {GroupType::fastFailover_, "fast failover"},
+  }};
+  return numberAndWords<GroupType>(words, type);
+}
+
+std::string errorText(ErrorCode code) {
+  static constexpr std::array<std::pair<ErrorCode, std::string_view>, 9> words{{
+      {ErrorCode::hardwareResourceExhausted_, "the hardware has no room for it"},
+      {ErrorCode::actionNotSupported_, "the hardware does not support the actions"},
+      {ErrorCode::matchNotSupported_, "the hardware does not support the match"},
+      {ErrorCode::undefinedBehavior_, "the combination has no defined behavior"},
+      {ErrorCode::notAllowed_, "a field is not allowed"},
+      {ErrorCode::invalidArgument_, "a value is not valid"},
+      {ErrorCode::notFound_, "something it refers to is not found"},
+      {ErrorCode::invalidMask_, "a mask is not valid"},
+      {ErrorCode::hardwareError_, "the hardware failed to program it"},
+  }};
+  const auto* const found = std::find_if(words.begin(), words.end(),
+                                         [code](const auto& pair) { return pair.first == code; });
+  return found == words.end() ? "no reason given" : std::string{found->second};
+}
+
+std::string encapTypeText(std::uint8_t type) {
+  static constexpr std::array<std::string_view, 3> names{"none", "ip-in-ip", "gre"};
+  return type < names.size() ? std::string{names[type]} : std::to_string(type);
+}
+
+std::string hexText(std::span<const std::uint8_t> bytes) {
+  static constexpr std::string_view digits = "0123456789abcdef";
+  std::string text;
+  for (const std::uint8_t byte : bytes) {
+    text.append(1, digits[byte >> 4U]).append(1, digits[byte & 0xFU]);
+  }
+  return text;
+}
+
+std::vector<std::string_view> droppedColors(const OpenFlowTable::PolicerConfig& policer) {
+  static constexpr std::array<std::string_view, 3> colors{"green", "yellow", "red"};
+  std::vector<std::string_view> dropped;
+  for (std::size_t color = 0; color < colors.size(); ++color) {
+    if (policer.dropByColor[color] != 0) {
+      dropped.push_back(colors[color]);
+    }
+  }
+  return dropped;
+}
+
+std::string secondsText(double seconds) {
+  if (seconds == 0) {
+    return "-";
+  }
+  std::array<char, 400> text;
+  const int length = std::snprintf(text.data(), text.size(), "%.6f", seconds);
+  std::string result(text.data(), static_cast<std::size_t>(length));
+  result.erase(result.find_last_not_of('0') + 1);
+  return result.ends_with('.') ? result.substr(0, result.size() - 1) : result;
+}
+
+}  // namespace Cli

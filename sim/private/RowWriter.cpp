@@ -1,0 +1,257 @@
+#include "sim/private/RowWriter.h"
+
+#include <array>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "Ostra/OstraSm.h"
+#include "platform/Korm/Exceptions.h"
+#include "sim/TablePaths.h"
+
+namespace Sim {
+
+using P4Runtime::EntryHandle;
+using P4Runtime::MemberOrGroupId;
+
+// Each of the three has: the table, the id that a result shows, the name in messages, what an inserted row
+// gets beside its handle, and the books kept of an id.
+
+struct RowWriter::FlowRows {
+  using Record = Ostra::OstraConfigEntry;
+  static constexpr Kind kind = Kind::flow_;
+
+  [[nodiscard]] Ostra::OstraConfig& table() const { return writer.objects_.flowTable(index); }
+  [[nodiscard]] static MemberOrGroupId id(const Record& /*row*/) noexcept { return 0; }
+  [[nodiscard]] static std::string name(const Record& /*row*/) { return "a flow with this key"; }
+
+  static void handleIs(Record& row, EntryHandle handle) noexcept {
+    row.entryHandle = handle;
+    row.entryId = static_cast<std::uint32_t>(handle);
+  }
+  void stored(const Record& row) const {
+    writer.transactions_.flowIs(row.entryHandle, index, row.flowKey);
+  }
+  void removed(const Record& /*row*/) const {}
+  // The handle under which the library knows the key, if it is another than the row's.
+  [[nodiscard]] EntryHandle alias(const Record& row) const {
+    const Ostra::OstraSm* const machine = writer.machine(index);
+    if (machine == nullptr) {
+      return {};
+    }
+    const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey).value_or(0)};
+    return known == row.entryHandle ? EntryHandle{} : known;
+  }
+
+  RowWriter& writer;
+  std::uint8_t index;
+};
+
+struct RowWriter::MemberRows {
+  using Record = P4RuntimeRouting::NexthopInfo;
+  static constexpr Kind kind = Kind::member_;
+
+  [[nodiscard]] P4RuntimeRouting::EcmpMember& table() const {
+    return writer.objects_.memberTable();
+  }
+  [[nodiscard]] static MemberOrGroupId id(const Record& row) noexcept { return row.memberId; }
+  [[nodiscard]] static std::string name(const Record& row) {
+    return "member " + std::to_string(row.memberId);
+  }
+
+  static void handleIs(Record& row, EntryHandle handle) noexcept { row.entryHandle = handle; }
+  void stored(const Record& row) const {
+    writer.transactions_.memberIs(row.entryHandle);
+    writer.objects_.handles->memberIs(row.memberId, row.entryHandle);
+  }
+  void removed(const Record& row) const { writer.objects_.handles->memberDel(row.memberId); }
+  [[nodiscard]] static EntryHandle alias(const Record& /*row*/) noexcept { return {}; }
+
+  RowWriter& writer;
+};
+
+struct RowWriter::GroupRows {
+  using Record = P4RuntimeRouting::EcmpMemberList;
+  static constexpr Kind kind = Kind::group_;
+
+  [[nodiscard]] P4RuntimeRouting::EcmpGroup& table() const { return writer.objects_.groupTable(); }
+  [[nodiscard]] static MemberOrGroupId id(const Record& row) noexcept { return row.groupId; }
+  [[nodiscard]] static std::string name(const Record& row) {
+    return "group " + std::to_string(row.groupId);
+  }
+
+  static void handleIs(Record& row, EntryHandle handle) noexcept { row.entryHandle = handle; }
+  void stored(const Record& row) const {
+    writer.transactions_.groupIs(row.entryHandle);
+    writer.objects_.handles->groupIs(row.groupId, row.entryHandle);
+  }
+  void removed(const Record& row) const { writer.objects_.handles->groupDel(row.groupId); }
+  [[nodiscard]] static EntryHandle alias(const Record& /*row*/) noexcept { return {}; }
+
+  RowWriter& writer;
+};
+
+const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
+  if (library_ == nullptr) {
+    return nullptr;
+  }
+  const auto found = library_->ostraSmColl().find(table);
+  return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
+}
+
+// Pass by pass, each over all flows: a pass reads what the one before has asked for. An insert finds nothing
+// and writes to new memory, which is not worth the asking.
+void RowWriter::expect(std::span<const Update> updates) const {
+  struct Flow {
+    const Vasta::Table<Ostra::OstraConfigEntry>* table;
+    std::uint32_t hash;
+    EntryHandle handle;
+  };
+  std::vector<Flow> flows;
+  std::array<std::vector<const Ostra::OstraKey*>, flowTables> keys;
+  for (const Update& update : updates) {
+    if (update.kind() == Kind::flow_ && update.op() != Op::insert_ && update.table() < flowTables) {
+      const Ostra::OstraKey& key = update.flow().flowKey;
+      const auto& table = objects_.flowTable(update.table()).table();
+      flows.push_back({&table, table.hashOf(key), {}});
+      keys[update.table()].push_back(&key);
+      table.prefetchIndex(flows.back().hash);
+    }
+  }
+  for (const Flow& flow : flows) {
+    flow.table->prefetchRow(flow.hash, Vasta::TableWriter::Purpose::changing_);
+  }
+  for (std::uint8_t table = 0; table < flowTables; ++table) {
+    if (const Ostra::OstraSm* const library = keys[table].empty() ? nullptr : machine(table)) {
+      library->flowConfigExpected(keys[table]);
+    }
+  }
+  for (Flow& flow : flows) {
+    if (const Ostra::OstraConfigEntry* const stored = flow.table->likely(flow.hash)) {
+      flow.handle = stored->entryHandle;
+      transactions_.rowExpected(flow.handle);
+    }
+  }
+  for (const Flow& flow : flows) {
+    transactions_.rowExpectedSoon(flow.handle);
+  }
+}
+
+void RowWriter::apply(const Update& update) {
+  const Op op = update.op();
+  Korm::assertTrue(op != Op::announce_, "an update inserts, modifies or deletes");
+  switch (update.kind()) {
+    case Kind::flow_:
+      if (update.table() >= flowTables) {
+        reject({.op = op}, "flow table " + std::to_string(update.table()) +
+                               " does not exist: tables are 0 to " +
+                               std::to_string(flowTables - 1));
+      } else {
+        write(FlowRows{*this, update.table()}, op, update.flow());
+      }
+      break;
+    case Kind::member_:
+      write(MemberRows{*this}, op, update.member());
+      break;
+    case Kind::group_:
+      write(GroupRows{*this}, op, update.group());
+      break;
+  }
+}
+
+template <class Rows>
+void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& given) {
+  auto& table = rows.table();
+  const std::uint32_t hash = table.table().hashOf(given.key());
+  const auto* const stored = table.entry(given.key(), hash);
+  Result result{.op = op, .kind = Rows::kind, .id = Rows::id(given)};
+  if (op == Op::insert_) {
+    if (stored != nullptr) {
+      reject(std::move(result), Rows::name(given) + " is already stored, under handle " +
+                                    std::to_string(stored->entryHandle));
+      return;
+    }
+    auto row = given;
+    Rows::handleIs(row, transactions_.nextHandle());
+    rows.stored(row);
+    result.handle = row.entryHandle;
+    transactions_.enter(result);
+    perform([&] { table.table().is(row, hash); });
+    return;
+  }
+  if (stored == nullptr) {
+    reject(std::move(result), Rows::name(given) + " is not stored");
+    return;
+  }
+  result.handle = stored->entryHandle;
+  if (op == Op::modify_) {
+    auto row = given;
+    Rows::handleIs(row, stored->entryHandle);
+    transactions_.enter(result);
+    perform([&] { table.table().is(row, hash); });
+    return;
+  }
+  transactions_.enter(result, rows.alias(*stored));
+  perform([&] { table.table().del(given.key(), hash, nullptr); });
+  rows.removed(given);  // not before: the library finds the handle by the id to acknowledge
+}
+
+void RowWriter::reject(Result result, std::string message) {
+  result.state = State::rejected_;
+  result.message = std::move(message);
+  transactions_.reject(result);
+}
+
+template <class Change>
+void RowWriter::perform(Change change) {
+  try {
+    change();
+  } catch (const Korm::RangeException& refused) {
+    transactions_.leaveFailed(refused.what());
+    return;
+  }
+  transactions_.leave();
+}
+
+template <class Visit>
+void RowWriter::forEachKind(Visit visit) {
+  visit(MemberRows{*this});
+  visit(GroupRows{*this});
+  for (std::uint8_t index = 0; index < flowTables; ++index) {
+    visit(FlowRows{*this, index});
+  }
+}
+
+std::size_t RowWriter::storedRows() {
+  std::size_t count = 0;
+  forEachKind([&count](const auto& rows) { count += rows.table().entries(); });
+  return count;
+}
+
+void RowWriter::enterAnnouncements() {
+  forEachKind([this](const auto& rows) {
+    using Rows = std::remove_cvref_t<decltype(rows)>;
+    Vasta::Hint hint;
+    while (const auto* const row = rows.table().next(hint)) {
+      transactions_.enterAnnouncement({.op = Op::announce_,
+                                       .kind = Rows::kind,
+                                       .handle = row->entryHandle,
+                                       .id = Rows::id(*row)});
+    }
+  });
+}
+
+void RowWriter::announce() {
+  forEachKind([this](const auto& rows) {
+    using Rows = std::remove_cvref_t<decltype(rows)>;
+    auto& table = rows.table();
+    Vasta::Hint hint;
+    while (const auto* const stored = table.next(hint)) {
+      const typename Rows::Record row = *stored;
+      transactions_.reenter(row.entryHandle);
+      perform([&] { table.entryIs(row); });
+    }
+  });
+}
+
+}  // namespace Sim

@@ -1,0 +1,64 @@
+// Writes rows of the service's tables, and tells the books of each: a controller's updates, and the
+// announcement of what is stored.
+//
+// Thread and process rule: the activity thread. Made for one batch.
+// Ownership: refers to the service's objects and books, and to the library, which outlive it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+#include "Ostra/Ostra.h"
+#include "sim/Writes.h"
+#include "sim/private/ServiceObjects.h"
+#include "sim/private/Transactions.h"
+
+namespace Sim {
+
+class RowWriter {
+ public:
+  // `library` is null when it is stopped.
+  RowWriter(ServiceObjects& objects, Transactions& transactions,
+            const Ostra::OstraContext* library) noexcept
+      : objects_{objects}, transactions_{transactions}, library_{library} {}
+
+  // Asks memory for what applying these updates will need. Some dozens at a time are best.
+  void expect(std::span<const Update> updates) const;
+  // Applies an update, which is then in the books with what has come of it so far. A range exception that
+  // leaves the library is such a result.
+  void apply(const Update& update);
+
+  // How many rows are stored.
+  [[nodiscard]] std::size_t storedRows();
+  // Enters every stored row as an announcement: members, groups, flows.
+  void enterAnnouncements();
+  // Writes each of them again, in the same order, so that the library hears of it.
+  void announce();
+
+ private:
+  // What a kind of row differs in.
+  struct FlowRows;
+  struct MemberRows;
+  struct GroupRows;
+
+  template <class Rows>
+  void write(const Rows& rows, Op op, const typename Rows::Record& given);
+  void reject(Result result, std::string message);
+  // Makes the change that the current update stands for.
+  template <class Change>
+  void perform(Change change);
+
+  template <class Visit>
+  void forEachKind(Visit visit);
+
+  // The library's machine for a flow table; null when the library is stopped.
+  [[nodiscard]] const Ostra::OstraSm* machine(std::uint8_t table) const;
+
+  ServiceObjects& objects_;
+  Transactions& transactions_;
+  const Ostra::OstraContext* const library_;
+};
+
+}  // namespace Sim

@@ -1,0 +1,81 @@
+#include "sim/private/ServiceObjects.h"
+
+#include <string>
+#include <string_view>
+
+#include "platform/Interface/Interface.h"
+#include "sim/TablePaths.h"
+
+namespace Sim {
+namespace {
+
+constexpr std::string_view hwConfigPath = "corvex/dyninput/p4rt";
+constexpr std::string_view hwStatusDirPath = "corvex/cxHwStatusDir/dyninputstatus";
+constexpr std::string_view cxConfigPath = "corvex/configDir/p4rt";
+constexpr std::string_view hwUnitDirPath = "openflow/corvexhwstatusdir";
+constexpr std::string_view interfacesPath = "interface/status/all";
+
+constexpr std::string_view lastName(std::string_view path) noexcept {
+  return path.substr(path.rfind('/') + 1);
+}
+
+// An entity that bears the name under which it stands.
+template <class T>
+Korm::Ptr<T> make(std::string_view path) {
+  return Korm::makePtr<T>(Korm::Name{lastName(path)});
+}
+
+std::string numbered(std::string_view dir, std::uint8_t index) {
+  return std::string{dir}.append("/").append(std::to_string(index));
+}
+
+}  // namespace
+
+ServiceObjects::ServiceObjects()
+    : entityManager{Korm::makePtr<Tessel::EntityManager>()},
+      hwConfig{make<OpenFlowTable::CorvexHwConfig>(hwConfigPath)},
+      cxConfig{make<CorvexConfig::Config>(cxConfigPath)},
+      hwStatusDir{make<Korm::Dir>(hwStatusDirPath)},
+      hwUnitDir{make<Korm::Dir>(hwUnitDirPath)},
+      encapTable{make<NexthopGroup::L2NexthopGroupEncapTable>(encapTableEntity)},
+      configTables{Korm::makePtr<Ostra::OstraConfigTableColl>()},
+      statusTables{Ostra::ostraStatusTableCollFactory(Korm::Name{lastName(flowStatusDir)})},
+      vrfs{Korm::makePtr<P4Runtime::VrfIdCollection>()},
+      ports{Korm::makePtr<P4RuntimeConfig::PortMappingStatus>()},
+      batchStatus{Korm::makePtr<P4Runtime::BatchStatus>()},
+      telemetry{Korm::makePtr<P4Runtime::Telemetry>()},
+      handles{Korm::makePtr<P4Runtime::P4HandleMgr>()},
+      validation{Korm::makePtr<P4Runtime::DefaultValidationHelper>(batchStatus)},
+      counters{Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>()} {
+  placeCorvex();
+  placeTables();
+}
+
+void ServiceObjects::placeCorvex() {
+  entityManager->entityIs(hwConfigPath, hwConfig);
+  entityManager->entityIs(cxConfigPath, cxConfig);
+  entityManager->entityIs(hwStatusDirPath, hwStatusDir);
+  entityManager->entityIs(hwUnitDirPath, hwUnitDir);
+  entityManager->entityIs(interfacesPath, make<Interface::AllIntfStatusDir>(interfacesPath));
+}
+
+// A table is written only once it has its place, since the place decides where its rows live.
+void ServiceObjects::placeTables() {
+  entityManager->entityIs(encapTableEntity, encapTable);
+  configTables->p4rtEcmpMemberTableIs(make<P4RuntimeRouting::EcmpMember>(memberTableEntity));
+  entityManager->entityIs(memberTableEntity, configTables->p4rtEcmpMemberTable());
+  configTables->p4rtEcmpGroupTableIs(make<P4RuntimeRouting::EcmpGroup>(groupTableEntity));
+  entityManager->entityIs(groupTableEntity, configTables->p4rtEcmpGroupTable());
+  for (std::uint8_t index = 0; index < flowTables; ++index) {
+    const std::string flowPath = numbered(flowTableDir, index);
+    const auto flows = make<Ostra::OstraConfig>(flowPath);
+    entityManager->entityIs(flowPath, flows);
+    configTables->ostraConfigIs(Ostra::FlowTableIndex{index}, flows);
+    const std::string statusPath = numbered(flowStatusDir, index);
+    const auto status = Ostra::ostraStatusFactory(Korm::Name{lastName(statusPath)});
+    entityManager->entityIs(statusPath, status);
+    statusTables->ostraStatusIs(index, status);
+  }
+}
+
+}  // namespace Sim

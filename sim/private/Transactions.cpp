@@ -1,0 +1,405 @@
+#include "sim/private/Transactions.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Prefetch.h"
+
+namespace Sim {
+namespace {
+
+using P4Runtime::ErrorCode;
+using P4Runtime::TelemetryTimestampType;
+using P4Runtime::TransactionResult;
+
+// An entry error says why; what the hardware reports of a flow has no words. The hardware still works on
+// earlier updates of a row when an entry error ends the current one.
+bool isEntryError(const TransactionResult& result) noexcept {
+  return result.code != ErrorCode::success_ && !result.message.empty();
+}
+
+}  // namespace
+
+Transactions::Transactions(ServiceObjects& objects)
+    : objects_{objects},
+      resultNotifiee_{*this, objects.batchStatus->resultNotifiees()},
+      creatorNotifiee_{*this, objects.vrfs->creators().notifiees()},
+      deletorNotifiee_{*this, objects.vrfs->deletors().notifiees()} {}
+
+void Transactions::memberIs(EntryHandle handle) {
+  rows_.tryEmplace(handle).first.value.kind = Kind::member_;
+}
+
+void Transactions::groupIs(EntryHandle handle) {
+  rows_.tryEmplace(handle).first.value.kind = Kind::group_;
+}
+
+void Transactions::flowIs(EntryHandle handle, std::uint8_t table, const Ostra::OstraKey& key) {
+  Row& row = rows_.tryEmplace(handle).first.value;
+  row.key = key;
+  row.table = table;
+}
+
+void Transactions::begin(std::size_t updates, bool live) {
+  Korm::assertTrue(!batchActive_, "one batch at a time");
+  ++batch_;
+  batchActive_ = true;
+  live_ = live;
+  results_.reserve(updates);
+  nextOpen_.reserve(updates);
+}
+
+Transactions::Index Transactions::append(const Result& result) {
+  results_.push_back(result);
+  nextOpen_.push_back(none);
+  return static_cast<Index>(results_.size() - 1);
+}
+
+Transactions::Row& Transactions::rowOf(EntryHandle handle) {
+  auto* const found = rows_.find(handle);
+  Korm::assertTrue(found != nullptr, "a row of the batch is in the books");
+  return found->value;
+}
+
+Transactions::Row& Transactions::holdRow(EntryHandle handle) {
+  Row& row = rowOf(handle);
+  row.batch = batch_;
+  if (!row.statusEntry) {
+    objects_.batchStatus->batchStatusEntryIs(handle);
+    row.statusEntry = true;
+  } else if (row.kind != Kind::flow_) {
+    clearStatusEntry(handle);
+  }
+  return row;
+}
+
+void Transactions::clearStatusEntry(EntryHandle handle) {
+  if (const auto entry = objects_.batchStatus->batchStatusEntry(handle)) {
+    entry->errorCodeIs(ErrorCode::success_);
+    entry->messageIs({});
+  }
+}
+
+void Transactions::enter(const Result& result, EntryHandle alias) {
+  current_ = append(result);
+  results_[current_].state = live_ ? State::pending_ : State::stored_;
+  if (!live_) {
+    return;
+  }
+  currentRow_ = &holdRow(result.handle);
+  currentRow_->last = current_;
+  if (alias != 0) {
+    const auto [entry, created] = rows_.tryEmplace(alias);
+    if (created) {
+      entry.value.key = currentRow_->key;
+      entry.value.table = currentRow_->table;
+      entry.value.stored = false;
+    }
+    currentRow_ = &holdRow(alias);
+    aliases_.push_back(alias);
+  }
+}
+
+void Transactions::enterAnnouncement(const Result& result) {
+  const Index update = append(result);
+  results_[update].state = State::pending_;
+  Row& row = holdRow(result.handle);
+  row.last = update;
+  row.open = update;
+}
+
+void Transactions::reenter(EntryHandle handle) {
+  currentRow_ = &holdRow(handle);
+  currentRow_->open = none;
+  current_ = currentRow_->last;
+  Result& result = results_[current_];
+  result.state = State::pending_;
+  result.code = ErrorCode::success_;
+  result.message.clear();
+}
+
+void Transactions::leave() {
+  if (currentIsOpen()) {
+    nextOpen_[current_] = currentRow_->open;
+    currentRow_->open = current_;
+  }
+  const Result& result = results_[current_];
+  if (result.op == Op::delete_) {
+    Row& row = rowOf(result.handle);
+    row.stored = false;
+    if (!live_) {
+      dropRow(result.handle, row);
+    }
+  }
+  current_ = none;
+  currentRow_ = nullptr;
+}
+
+void Transactions::leaveFailed(std::string_view text) {
+  results_[current_].state = State::failed_;
+  results_[current_].message = text;
+  leave();
+}
+
+void Transactions::handleResult(const TransactionResult& result) {
+  if (currentIsOpen() && results_[current_].handle == result.handle) {
+    complete(current_, result);
+    return;
+  }
+  auto* const found = rows_.find(result.handle);
+  Row* const row = found == nullptr ? nullptr : &found->value;
+  const bool held = row != nullptr && inBatch(*row);
+  if (held && row->open != none) {
+    completeOpen(*row, result);
+  } else if (currentIsOpen() && results_[current_].op == Op::delete_ &&
+             result.code == ErrorCode::success_) {
+    complete(current_, result);
+  } else if ((!held || row->pending) && result.handle != 0) {
+    completeLate(row, result);
+  }
+}
+
+void Transactions::complete(Index update, const TransactionResult& result) {
+  Result& completed = results_[update];
+  completed.state = State::done_;
+  completed.code = result.code;
+  completed.message = result.message;
+  if (completed.kind != Kind::flow_) {
+    // So that what stands there in the end is what the hardware said of the other updates.
+    clearStatusEntry(completed.handle);
+  } else if (result.code == ErrorCode::success_) {
+    objects_.telemetry->newTransactionTimestamp(completed.handle,
+                                                TelemetryTimestampType::programmed_);
+  }
+}
+
+void Transactions::completeOpen(Row& row, const TransactionResult& result) {
+  for (Index update = row.open; update != none; update = nextOpen_[update]) {
+    complete(update, result);
+  }
+  row.open = none;
+  if (!isEntryError(result)) {
+    row.pending = false;
+  }
+}
+
+void Transactions::completeLate(Row* row, const TransactionResult& result) {
+  Report report{result.handle, result.code, std::string{result.message}};
+  if (reports_.empty() || reports_.back() != report) {
+    reports_.push_back(std::move(report));
+  }
+  if (row == nullptr) {
+    return;
+  }
+  if (row->kind == Kind::flow_ && row->stored) {
+    publishStatus(result.handle, *row, result.code);
+  }
+  if (row->pending && !isEntryError(result)) {
+    row->pending = false;
+    if (!inBatch(*row)) {
+      settleRow(result.handle, *row);
+    }
+  }
+}
+
+// Pass by pass: a pass reads what the one before has asked for.
+void Transactions::expectFinish(std::span<const Result> results) const {
+  struct Status {
+    const Ostra::OstraStatus::Table* table;
+    std::uint32_t hash;
+  };
+  std::vector<Status> statuses;
+  for (const Result& result : results) {
+    rowExpected(result.handle);
+  }
+  for (const Result& result : results) {
+    rowExpectedSoon(result.handle);
+  }
+  for (const Result& result : results) {
+    const auto* const row = rows_.likely(rows_.hash(result.handle));
+    if (row != nullptr && row->value.kind == Kind::flow_ && result.op != Op::insert_) {
+      const auto& table = objects_.statusTable(row->value.table).table();
+      statuses.push_back({&table, table.hashOf(row->value.key)});
+      table.prefetchIndex(statuses.back().hash);
+    }
+  }
+  for (const Status& status : statuses) {
+    status.table->prefetchRow(status.hash, Vasta::TableWriter::Purpose::changing_);
+  }
+}
+
+std::vector<Result> Transactions::finish() {
+  if (live_) {
+    for (Index update = 0; update < results_.size(); ++update) {
+      if (update % Korm::prefetchBatch == 0) {
+        expectFinish(std::span{results_}.subspan(
+            update, std::min<std::size_t>(Korm::prefetchBatch, results_.size() - update)));
+      }
+      Result& result = results_[update];
+      auto* const found = rows_.find(result.handle);
+      if (result.state == State::rejected_ || found == nullptr) {
+        continue;
+      }
+      decide(result, found->value);
+      if (found->value.last == update) {
+        settleRow(result.handle, found->value);
+      }
+    }
+    for (const EntryHandle alias : std::exchange(aliases_, {})) {
+      if (auto* const found = rows_.find(alias)) {
+        settleRow(alias, found->value);
+      }
+    }
+  }
+  batchActive_ = false;
+  nextOpen_.clear();
+  return std::exchange(results_, {});
+}
+
+void Transactions::decide(Result& result, const Row& row) {
+  if (result.state == State::pending_ && row.kind != Kind::flow_ && result.op != Op::delete_) {
+    result.state = State::done_;
+    if (const auto entry = objects_.batchStatus->batchStatusEntry(result.handle)) {
+      result.code = entry->errorCode();
+      result.message = entry->message();
+    }
+  }
+  if (row.kind != Kind::flow_ || !row.stored) {
+    return;
+  }
+  if (result.state == State::done_) {
+    publishStatus(result.handle, row, result.code);
+  } else if (result.state == State::failed_) {
+    publishStatus(result.handle, row, ErrorCode::invalidArgument_);
+  }
+}
+
+void Transactions::settleRow(EntryHandle handle, Row& row) {
+  row.pending = row.pending || (row.kind == Kind::flow_ && row.open != none);
+  row.open = none;
+  row.last = none;
+  if (row.pending) {
+    if (!row.stored) {
+      markStatusDeleted(handle, row);
+    }
+    return;
+  }
+  objects_.batchStatus->batchStatusEntryDel(handle);
+  row.statusEntry = false;
+  clearVrfRecords(handle);
+  if (!row.stored) {
+    dropRow(handle, row);
+  }
+}
+
+void Transactions::dropRow(EntryHandle handle, const Row& row) {
+  if (row.kind == Kind::flow_) {
+    // The key may stand for another entry by now.
+    Ostra::OstraStatus& status = objects_.statusTable(row.table);
+    const Ostra::OstraStatusEntry* const entry = status.table().find(row.key);
+    if (entry != nullptr && entry->entryHandle == handle) {
+      status.tableDel(row.key);
+    }
+  }
+  rows_.erase(handle);
+}
+
+void Transactions::publishStatus(EntryHandle handle, const Row& row, ErrorCode code) {
+  P4Runtime::TableStatusEntryBase status;
+  status.genId = ++statusGeneration_;
+  status.entryHandle = handle;
+  status.errorCode = code;
+  objects_.statusTable(row.table).tableIs({status, row.key});
+}
+
+void Transactions::markStatusDeleted(EntryHandle handle, const Row& row) {
+  Ostra::OstraStatus& status = objects_.statusTable(row.table);
+  Ostra::OstraStatusEntry* const entry = status.tableEdit(row.key);
+  if (entry != nullptr && entry->entryHandle == handle && !entry->deleted) {
+    entry->genId = ++statusGeneration_;
+    entry->deleted = true;
+    status.tableCommit(entry);
+  }
+}
+
+void Transactions::forget() {
+  batchActive_ = false;
+  current_ = none;
+  currentRow_ = nullptr;
+  results_.clear();
+  nextOpen_.clear();
+  aliases_.clear();
+  for (auto& entry : rows_) {
+    Row& row = entry.value;
+    row.open = none;
+    row.last = none;
+    row.pending = false;
+    row.statusEntry = false;
+    if (!row.stored) {
+      dropRow(entry.key, row);
+    }
+  }
+  objects_.batchStatus->batchStatusEntryDelAll();
+  objects_.vrfs->delAll();
+  vrfRecords_.clear();
+}
+
+void Transactions::handleVrfCreator(const Vrf::VrfIdMap::VrfId& vrf) {
+  recordVrf(objects_.vrfs->vrfCreatorRootHandle(vrf), vrf);
+}
+
+void Transactions::handleVrfDeletor(const Vrf::VrfIdMap::VrfId& vrf) {
+  recordVrf(objects_.vrfs->vrfDeletorRootHandle(vrf), vrf);
+}
+
+void Transactions::recordVrf(std::optional<EntryHandle> handle, Vrf::VrfIdMap::VrfId vrf) {
+  if (handle) {
+    vrfRecords_.tryEmplace(*handle).first.value.push_back(vrf);
+  }
+}
+
+void Transactions::clearVrfRecords(EntryHandle handle) {
+  auto* const found = vrfRecords_.find(handle);
+  if (found == nullptr) {
+    return;
+  }
+  const std::vector<Vrf::VrfIdMap::VrfId> recorded = std::move(found->value);
+  P4Runtime::VrfIdCollection& vrfs = *objects_.vrfs;
+  for (const Vrf::VrfIdMap::VrfId vrf : recorded) {
+    if (vrfs.vrfCreatorRootHandle(vrf) == handle) {
+      vrfs.vrfCreatorRootHandleDel(vrf);
+    }
+    if (vrfs.vrfDeletorRootHandle(vrf) == handle) {
+      vrfs.vrfDeletorRootHandleDel(vrf);
+    }
+    if (vrfs.vrfIdRefCount(vrf).value_or(0) == 0 && !vrfs.vrfCreatorRootHandle(vrf) &&
+        !vrfs.vrfDeletorRootHandle(vrf)) {
+      vrfs.vrfIdRefCountDel(vrf);
+    }
+  }
+  vrfRecords_.erase(handle);
+}
+
+void Transactions::verify() const {
+  Korm::assertTrue(!batchActive_ && current_ == none && results_.empty(), "no batch is under way");
+  rows_.verify();
+  std::size_t open = 0;
+  for (const auto& entry : rows_) {
+    const Row& row = entry.value;
+    Korm::assertTrue(row.open == none && row.last == none, "no update outlives its batch");
+    Korm::assertTrue(row.stored || row.pending, "a row is stored or waits for its delete");
+    Korm::assertTrue(row.pending == row.statusEntry, "what is pending can be reported");
+    Korm::assertTrue(
+        row.statusEntry == static_cast<bool>(objects_.batchStatus->batchStatusEntry(entry.key)),
+        "the books know which batch status entries are open");
+    open += row.statusEntry ? 1U : 0U;
+  }
+  Korm::assertTrue(open == objects_.batchStatus->entries(), "no batch status entry is left behind");
+  for (const auto& entry : vrfRecords_) {
+    const auto* const row = rows_.find(entry.key);
+    Korm::assertTrue(row != nullptr && row->value.pending, "a VRF's record waits for its write");
+  }
+}
+
+}  // namespace Sim
