@@ -75,15 +75,6 @@ class FlowIndex {
     }
   }
 
-  // See Korm::HashMap.
-  void prefetchIndex(std::uint32_t hash) const noexcept { map_.prefetchIndex(hash); }
-  void prefetchElement(std::uint32_t hash) const noexcept { map_.prefetchElement(hash); }
-  // What handle() most likely gives, 0 for nothing. For hints only.
-  [[nodiscard]] std::uint64_t likelyHandle(std::uint32_t hash) const noexcept {
-    const auto* const found = map_.likely(hash);
-    return found == nullptr ? 0 : found->value.handle;
-  }
-
   void clear() noexcept { map_.clear(); }
 
   // Asserts every invariant.

@@ -255,7 +255,6 @@ void OstraEcmpGroupSm::validateGroup(const EcmpMemberList& row) const {
           "Action profile group: " + std::to_string(row.groupId) + " member " +
               std::to_string(memberId) + " not found");
     }
-    member->bucketExpected();  // copyMemberBuckets() comes next
   }
 }
 

@@ -1,14 +1,10 @@
 #include "Ostra/OstraSm.h"
 
-#include <algorithm>
-#include <array>
-
 #include "Ostra/FlowUtil.h"
 #include "Ostra/GroupNumbering.h"
 #include "Ostra/MatchTranslation.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
-#include "platform/Korm/Prefetch.h"
 
 namespace Ostra {
 namespace {
@@ -53,10 +49,6 @@ constinit Brisklog::TracePoint traceRootStatus{traceHandle, routine, scope, vrfC
                                                " adding rootStatus, entryVrf:%s entryHandle:%s"};
 constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChange,
                                            " no rootStatus for entryHandle:%s"};
-
-std::uint32_t flowNameHash(std::uint64_t handle) noexcept {
-  return Korm::HashedName{FlowName{handle}.text()}.hash();
-}
 
 const Korm::String ingressPortName = "ingress port-id";
 const Korm::String egressPortName = "egress port-id";
@@ -132,34 +124,10 @@ void OstraSm::handleInitialized() {
     cxConfig_->enabledIs(true);
   }
   deleteStaleFlows();
-  Vasta::Hint ahead;
-  std::size_t handled = 0;
-  forEachEntry([&](const OstraConfigEntry& entry) {
-    if (handled++ % Korm::prefetchBatch == 0) {
-      expectRows(ahead);
-    }
+  forEachEntry([this](const OstraConfigEntry& entry) {
     const OstraKey key = entry.key();
     handleFlowConfig(key);
   });
-}
-
-// Asks memory for what handling the next rows of a walk will need.
-void OstraSm::expectRows(Vasta::Hint& walk) const noexcept {
-  if (!cxHwConfig_) {
-    return;
-  }
-  const auto& table = reactor_->table->table();
-  std::array<std::uint32_t, Korm::prefetchBatch> flows;
-  std::size_t count = 0;
-  for (const OstraConfigEntry* entry = nullptr;
-       count < flows.size() && (entry = table.peek(walk)) != nullptr; ++count) {
-    table.prefetchIndex(entry->flowKey.hash(0));
-    flows[count] = flowNameHash(entry->entryHandle);
-    cxHwConfig_->flowEntryExpected(flows[count]);
-  }
-  for (std::size_t i = 0; i < count; ++i) {
-    cxHwConfig_->flowEntryExpectedSoon(flows[i]);
-  }
 }
 
 // Flows of other tables are stale to this one too: all fifteen state machines keep the rule that what the
@@ -187,41 +155,11 @@ void OstraSm::handleFlowConfig(const OstraKey& key) {
   }
 }
 
-// Pass by pass, each over all keys: a pass reads what the one before has asked for.
-void OstraSm::flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept {
-  if (!cxHwConfig_) {
-    return;
-  }
-  for (; !keys.empty(); keys = keys.subspan(std::min(keys.size(), Korm::prefetchBatch))) {
-    const std::size_t count = std::min(keys.size(), Korm::prefetchBatch);
-    std::array<std::uint32_t, Korm::prefetchBatch> hashes;
-    for (std::size_t i = 0; i < count; ++i) {
-      hashes[i] = keys[i]->hash(0);
-      index_.prefetchIndex(hashes[i]);
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-      index_.prefetchElement(hashes[i]);
-    }
-    std::array<std::uint32_t, Korm::prefetchBatch> flows;
-    std::size_t known = 0;
-    for (std::size_t i = 0; i < count; ++i) {
-      if (const std::uint64_t handle = index_.likelyHandle(hashes[i]); handle != 0) {
-        flows[known] = flowNameHash(handle);
-        cxHwConfig_->flowEntryExpected(flows[known++]);
-      }
-    }
-    for (std::size_t i = 0; i < known; ++i) {
-      cxHwConfig_->flowEntryExpectedSoon(flows[i]);
-    }
-  }
-}
-
 void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
   if (!cxHwConfig_) {
     traceNoConfig(key);
     return;
   }
-  index_.prefetchIndex(hash);
   const OstraConfigEntry* stored = nullptr;
   if (reactor_) {
     try {
@@ -244,12 +182,9 @@ void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraCon
   const P4Runtime::EntryHandle handle = entry.entryHandle;
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
-  cxHwConfig_->flowEntryExpected(name.hash());
   traceInsert(name.text());
   OpenFlowTable::Match match;
   buildMatch(key, handle, match);
-  cxHwConfig_->flowEntryExpectedSoon(name.hash());
-  index_.prefetchElement(hash);
   OpenFlowTable::Actions actions;
   buildActions(key, hash, entry, actions);
   validateFlowAction(actions, actions.actionSet(), entry);

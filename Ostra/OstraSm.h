@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <utility>
 
 #include "Ostra/FlowIndex.h"
@@ -91,12 +90,6 @@ class OstraSm final : public Korm::Entity {
   // recorded in the batch status; a Korm::RangeException leaves to the caller.
   void handleFlowConfig(const OstraKey& key);
 
-  // A hint that the entries of these keys are about to be changed or removed, for a service that has a batch
-  // of writes in its hands: asks memory for what handling them will need, for all of them at once, where
-  // handling them one by one would wait for each. Changes nothing. Some dozens of keys at a time are best, so
-  // that what has come is still in the caches when it is used. New entries go to new memory and gain nothing.
-  void flowConfigExpected(std::span<const OstraKey* const> keys) const noexcept;
-
   // Asserts every invariant of the indexes.
   void verify() const { index_.verify(); }
 
@@ -114,7 +107,6 @@ class OstraSm final : public Korm::Entity {
   void deleteStaleFlows();
   template <class Handle>
   void forEachEntry(Handle handle) const;
-  void expectRows(Vasta::Hint& walk) const noexcept;
 
   // The work for one key, with its hash. Raises entry errors and range exceptions.
   void handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash);

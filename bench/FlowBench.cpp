@@ -16,10 +16,10 @@ struct FlowSide {
     sm->hasNotificationActiveIs(false);
   }
 
-  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64, which the
-  // service announces or not; returns the time of the library's part.
+  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64;
+  // returns the time of the library's part.
   template <class Write>
-  double run(bool ahead, Write write) {
+  double run(Write write) {
     double took = 0;
     forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
       std::vector<const Ostra::OstraKey*> keys;
@@ -28,9 +28,6 @@ struct FlowSide {
         keys.push_back(&entry.flowKey);
       }
       const double start = processorTime();
-      if (ahead) {
-        sm->flowConfigExpected(keys);
-      }
       for (const Ostra::OstraKey* const key : keys) {
         sm->handleFlowConfig(*key);
       }
@@ -38,11 +35,11 @@ struct FlowSide {
     });
     return took / static_cast<double>(entries.size());
   }
-  double writeAll(bool ahead = false) {
-    return run(ahead, [this](const auto& entry) { library.table->entryIs(entry); });
+  double writeAll() {
+    return run([this](const auto& entry) { library.table->entryIs(entry); });
   }
-  double deleteAll(bool ahead) {
-    return run(ahead, [this](const auto& entry) { library.table->entryDel(entry.flowKey); });
+  double deleteAll() {
+    return run([this](const auto& entry) { library.table->entryDel(entry.flowKey); });
   }
   [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
 
@@ -60,7 +57,7 @@ void flowInsert(benchmark::State& state) {
   }
 }
 
-void flowModify(benchmark::State& state, bool ahead) {
+void flowModify(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
@@ -69,20 +66,20 @@ void flowModify(benchmark::State& state, bool ahead) {
       entry.actions.setDscpIs(9, true);
     }
     shuffle(side.entries, 2);
-    state.SetIterationTime(side.writeAll(ahead));
+    state.SetIterationTime(side.writeAll());
     const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
     require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
             "every flow is rewritten");
   }
 }
 
-void flowDelete(benchmark::State& state, bool ahead) {
+void flowDelete(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
     FlowSide side{count};
     side.writeAll();
     shuffle(side.entries, 2);
-    state.SetIterationTime(side.deleteAll(ahead));
+    state.SetIterationTime(side.deleteAll());
     require(side.flows() == 0, "every flow is gone");
   }
 }
@@ -198,10 +195,8 @@ void reconcile(benchmark::State& state) {
 
 const bool registered = [] {
   registerSizes("BM_FlowInsert", flowInsert);
-  registerSizes("BM_FlowModify", [](auto& state) { flowModify(state, true); });
-  registerSizes("BM_FlowModifyAlone", [](auto& state) { flowModify(state, false); });
-  registerSizes("BM_FlowDelete", [](auto& state) { flowDelete(state, true); });
-  registerSizes("BM_FlowDeleteAlone", [](auto& state) { flowDelete(state, false); });
+  registerSizes("BM_FlowModify", flowModify);
+  registerSizes("BM_FlowDelete", flowDelete);
   registerWorst("BM_WorstInsert", worstInsert);
   for (const Refusal& refusal : refusals) {
     benchmark::RegisterBenchmark(

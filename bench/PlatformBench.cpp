@@ -18,27 +18,10 @@ Vasta::TableOptions anonymous() {
   return options;
 }
 
-// Asks memory for the rows of these entries, as a service does that has a batch in its hands.
-void expect(const Table& table, std::span<const Ostra::OstraConfigEntry> batch,
-            Table::Purpose purpose) {
-  for (const auto& entry : batch) {
-    table.prefetchIndex(table.hashOf(entry.flowKey));
+void writeAll(Table& table, const std::vector<Ostra::OstraConfigEntry>& entries) {
+  for (const auto& entry : entries) {
+    table.is(entry);
   }
-  for (const auto& entry : batch) {
-    table.prefetchRow(table.hashOf(entry.flowKey), purpose);
-  }
-}
-
-// Writes all entries with table.is(), one by one or in batches that are asked for ahead.
-void writeAll(Table& table, const std::vector<Ostra::OstraConfigEntry>& entries, bool ahead) {
-  forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
-    if (ahead) {
-      expect(table, batch, Table::Purpose::writing_);
-    }
-    for (const auto& entry : batch) {
-      table.is(entry);
-    }
-  });
 }
 
 void tableInsert(benchmark::State& state) {
@@ -46,12 +29,12 @@ void tableInsert(benchmark::State& state) {
   const auto entries = makeEntries(count);
   for (auto _ : state) {
     Table table{anonymous()};
-    timeEach(state, count, [&] { writeAll(table, entries, false); });
+    timeEach(state, count, [&] { writeAll(table, entries); });
     require(table.size() == count, "every record is in the table");
   }
 }
 
-void tableOverwrite(benchmark::State& state, bool ahead) {
+void tableOverwrite(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   auto entries = makeEntries(count);
   Table table{anonymous()};
@@ -66,54 +49,43 @@ void tableOverwrite(benchmark::State& state, bool ahead) {
     for (auto& entry : entries) {
       entry.entryId = generation;
     }
-    timeEach(state, count, [&] { writeAll(table, entries, ahead); });
+    timeEach(state, count, [&] { writeAll(table, entries); });
     const auto* const found = table.find(entries[count / 2].flowKey);
     require(found != nullptr && found->entryId == generation, "every record is overwritten");
   }
 }
 
-// Looks all records up with `lookup(key)`, which gives the entry id, after announce(batch) for each batch.
-template <class Lookup, class Announce>
-void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> entries, Lookup lookup,
-               Announce announce) {
+// Looks all records up with `lookup(key)`, which gives the entry id.
+template <class Lookup>
+void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> entries,
+               Lookup lookup) {
   shuffle(entries, 2);
   for (auto _ : state) {
     std::uint64_t sum = 0;
     timeEach(state, entries.size(), [&] {
-      forEachBlock(entries, [&](std::span<const Ostra::OstraConfigEntry> batch) {
-        announce(batch);
-        for (const auto& entry : batch) {
-          sum += lookup(entry.flowKey);
-        }
-      });
+      for (const auto& entry : entries) {
+        sum += lookup(entry.flowKey);
+      }
     });
     require(sum == entries.size() * (entries.size() + 1) / 2, "every record is found");
   }
 }
 
-void tableFind(benchmark::State& state, bool ahead) {
+void tableFind(benchmark::State& state) {
   const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
   Table table{anonymous()};
-  writeAll(table, entries, false);
-  lookUpAll(
-      state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; },
-      [&](std::span<const Ostra::OstraConfigEntry> batch) {
-        if (ahead) {
-          expect(table, batch, Table::Purpose::looking_);
-        }
-      });
+  writeAll(table, entries);
+  lookUpAll(state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; });
 }
 
 void tableReaderCopy(benchmark::State& state) {
   const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
   Table table{anonymous()};
-  writeAll(table, entries, false);
+  writeAll(table, entries);
   Vasta::Reader<Ostra::OstraConfigEntry> reader{table};
   Ostra::OstraConfigEntry copy;
-  lookUpAll(
-      state, entries,
-      [&](const Ostra::OstraKey& key) { return reader.find(key, copy) ? copy.entryId : 0; },
-      [](std::span<const Ostra::OstraConfigEntry> /*batch*/) {});
+  lookUpAll(state, entries,
+            [&](const Ostra::OstraKey& key) { return reader.find(key, copy) ? copy.entryId : 0; });
 }
 
 constinit Brisklog::TraceHandle traceHandle{"Bench"};
@@ -134,11 +106,9 @@ void traceTextOff(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_TableIs", [](auto& state) { tableOverwrite(state, false); });
-  registerSizes("BM_TableIsAhead", [](auto& state) { tableOverwrite(state, true); });
+  registerSizes("BM_TableIs", tableOverwrite);
   registerSizes("BM_TableInsert", tableInsert);
-  registerSizes("BM_TableFind", [](auto& state) { tableFind(state, false); });
-  registerSizes("BM_TableFindAhead", [](auto& state) { tableFind(state, true); });
+  registerSizes("BM_TableFind", tableFind);
   registerSizes("BM_TableReaderCopy", tableReaderCopy);
   benchmark::RegisterBenchmark("BM_TraceRing", traceRing);
   benchmark::RegisterBenchmark("BM_TraceTextOff", traceTextOff);

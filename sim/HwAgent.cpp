@@ -3,13 +3,11 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <span>
 #include <type_traits>
 #include <utility>
 
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Clock.h"
-#include "platform/Korm/Prefetch.h"
 #include "sim/private/NameOrder.h"
 
 namespace Sim {
@@ -153,26 +151,8 @@ void HwAgent::schedule() {
   });
 }
 
-// Pass by pass: a pass reads what the one before has asked for.
-void HwAgent::expectNext() const {
-  const auto next =
-      std::span{queue_}.subspan(next_, std::min<std::size_t>(Korm::prefetchBatch, waiting()));
-  for (const Waiting& waiting : next) {
-    status_->flowStatsExpected(waiting.flowHash);
-  }
-  for (const Waiting& waiting : next) {
-    status_->flowStatsExpectedSoon(waiting.flowHash);
-  }
-  for (const Waiting& waiting : next) {
-    status_->flowStatsReactorsExpected(waiting.flowHash);
-  }
-}
-
 void HwAgent::run() {
   while (next_ < queue_.size()) {
-    if (next_ % Korm::prefetchBatch == 0) {
-      expectNext();
-    }
     // The reactors to what is published may queue more, and the queue may move.
     const Waiting waiting = std::move(queue_[next_++]);
     if (waiting.isGroup) {

@@ -155,8 +155,6 @@ class HwAgent {
   void handleCounterPoll();
   void schedule();
 
-  // Asks memory for what programming the next ones will need.
-  void expectNext() const;
   void programFlow(const Korm::HashedName& name);
   void programGroup(GroupId id);
   void answerDelete(const Korm::HashedName& name);

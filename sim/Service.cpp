@@ -5,7 +5,6 @@
 
 #include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
-#include "platform/Korm/Prefetch.h"
 #include "sim/private/RowWriter.h"
 #include "sim/private/ServiceObjects.h"
 #include "sim/private/Transactions.h"
@@ -106,13 +105,8 @@ void Service::stop() {
 std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
   transactions_->begin(batch.size(), running());
-  for (std::span<const Update> rest = batch; !rest.empty();) {
-    const auto next = rest.first(std::min(Korm::prefetchBatch, rest.size()));
-    writer.expect(next);
-    for (const Update& update : next) {
-      writer.apply(update);
-    }
-    rest = rest.subspan(next.size());
+  for (const Update& update : batch) {
+    writer.apply(update);
   }
   settle();
   return transactions_->finish();

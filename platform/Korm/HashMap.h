@@ -28,7 +28,6 @@
 
 #include "platform/Korm/Exceptions.h"
 #include "platform/Korm/Hash.h"
-#include "platform/Korm/Prefetch.h"
 
 namespace Korm {
 
@@ -60,17 +59,6 @@ class HashIndex {
   void insert(std::uint32_t hash, std::uint32_t slot) noexcept;
   void erase(std::uint32_t hash, std::uint32_t slot) noexcept;
   void clear() noexcept;
-  // Asks for the first word that find() will read.
-  void prefetch(std::uint32_t hash) const noexcept {
-    if (!directory_.empty()) {
-      Korm::prefetch(segment(hash) + (hash & mask_));
-    }
-  }
-  // The slot that find() most likely ends at, or `none`.
-  [[nodiscard]] std::uint32_t likely(std::uint32_t hash) const noexcept {
-    return find(hash, [](std::uint32_t) { return true; });
-  }
-
   // Asserts every invariant of the index; `count` is the number of elements it should hold.
   void verify(std::size_t count) const;
 
@@ -150,20 +138,6 @@ class HashMap {
   template <class K>
   [[nodiscard]] const Entry* find(const K& key, std::uint32_t hash) const noexcept {
     return const_cast<HashMap*>(this)->find(key, hash);
-  }
-
-  // Two steps ahead of a look-up by a caller with other work to do between: the first asks memory for the
-  // index word, the second, once that may have come, for the element.
-  void prefetchIndex(std::uint32_t hash) const noexcept { index_.prefetch(hash); }
-  void prefetchElement(std::uint32_t hash) const noexcept {
-    if (const std::uint32_t slot = index_.likely(hash); slot != HashIndex::none) {
-      prefetch(&node(slot), sizeof(Node));
-    }
-  }
-  // The element that a look-up with this hash most likely ends at, or null. For hints only.
-  [[nodiscard]] const Entry* likely(std::uint32_t hash) const noexcept {
-    const std::uint32_t slot = index_.likely(hash);
-    return slot == HashIndex::none ? nullptr : &node(slot).entry();
   }
 
   // The element with this key, made from `args` if there is none; true when it was made.
@@ -320,9 +294,6 @@ class HashMap {
     if (freeList_ != noFree) {
       const std::uint32_t slot = freeList_;
       freeList_ = node(slot).state;
-      if (freeList_ != noFree) {
-        prefetch(&node(freeList_), sizeof(Node));  // for the next element
-      }
       return slot;
     }
     const std::uint32_t place = slots_ + firstChunk;

@@ -13,8 +13,6 @@
 #include <exception>
 #include <utility>
 
-#include "platform/Korm/Prefetch.h"
-
 namespace Korm {
 
 class NotifieeListBase;
@@ -57,8 +55,6 @@ class NotifieeListBase {
   ~NotifieeListBase();
 
   [[nodiscard]] bool empty() const noexcept { return first_ == nullptr; }
-  // Asks memory for the first reactor and what it begins with.
-  void prefetch() const noexcept { Korm::prefetch(first_, cacheLine); }
 
  protected:
   void attachReactor(Reactor& reactor) noexcept;

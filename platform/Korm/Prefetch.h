@@ -8,10 +8,6 @@ namespace Korm {
 
 inline constexpr std::size_t cacheLine = 64;
 
-// How many elements to ask for at a time: enough that none waits for another, and few enough that the first
-// are still in the near caches when the last have come.
-inline constexpr std::size_t prefetchBatch = 64;
-
 // Asks for the cache lines of the `size` bytes at `data`; for nothing if that is null. Changes nothing.
 inline void prefetch(const void* data, std::size_t size = 1) noexcept {
   if (data == nullptr) {

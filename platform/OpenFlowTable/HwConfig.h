@@ -74,8 +74,6 @@ class GroupEntry {
   [[nodiscard]] double changeCount() const noexcept { return changeCount_; }
   [[nodiscard]] std::size_t buckets() const noexcept { return buckets_.size(); }
   [[nodiscard]] const std::vector<Bucket>& bucket() const noexcept { return buckets_; }
-  // A hint that the first bucket is about to be read.
-  void bucketExpected() const noexcept { Korm::prefetch(buckets_.data(), sizeof(Bucket)); }
 
   void groupTypeIs(GroupType type) noexcept { groupType_ = type; }
   // Keeps the memory of the buckets for those that follow.
@@ -120,12 +118,6 @@ class FlowHwConfig : public Korm::NamedEntity {
   [[nodiscard]] const FlowEntry* flowEntry(const Korm::HashedName& name) const noexcept {
     const auto* const found = flows_.find(name.text(), name.hash());
     return found == nullptr ? nullptr : &found->value;
-  }
-  // Hints, in this order, that the flow whose name has that hash is about to be looked up or written: for a
-  // caller with other work to do between. They change nothing.
-  void flowEntryExpected(std::uint32_t nameHash) const noexcept { flows_.prefetchIndex(nameHash); }
-  void flowEntryExpectedSoon(std::uint32_t nameHash) const noexcept {
-    flows_.prefetchElement(nameHash);
   }
   // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
   [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_; }

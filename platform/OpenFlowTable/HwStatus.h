@@ -94,18 +94,6 @@ class HwStatus final : public Korm::NamedEntity {
     auto* const found = flows_.find(name.text(), name.hash());
     return found == nullptr ? nullptr : &found->value;
   }
-  // Hints, in this order, that the statistics of the flow whose name has that hash are about to be looked up
-  // and changed: for a caller with other work to do between. They change nothing.
-  void flowStatsExpected(std::uint32_t nameHash) const noexcept { flows_.prefetchIndex(nameHash); }
-  void flowStatsExpectedSoon(std::uint32_t nameHash) const noexcept {
-    flows_.prefetchElement(nameHash);
-  }
-  void flowStatsReactorsExpected(std::uint32_t nameHash) const noexcept {
-    if (const auto* const stats = flows_.likely(nameHash)) {
-      stats->value.statusNotifiees().prefetch();
-      stats->value.changeCountNotifiees().prefetch();
-    }
-  }
   [[nodiscard]] const Flows& flowStats() const noexcept { return flows_; }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowStatsNotifiees() const noexcept {
     return flowNotifiees_;

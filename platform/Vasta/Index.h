@@ -20,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "platform/Korm/Prefetch.h"
 #include "platform/Vasta/Layout.h"
 #include "platform/Vasta/SegmentSource.h"
 
@@ -72,9 +71,6 @@ class IndexView {
     return static_cast<std::size_t>((tag * 0x9E3779B97F4A7C15U) >> shift_);
   }
 
-  // Asks memory for where that search begins.
-  void prefetch(std::uint32_t tag) const noexcept { Korm::prefetch(entries_ + home(tag)); }
-
   // The first entry with this hash of which `matches(row)` says that it is the one.
   template <class Matches>
   [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
@@ -118,7 +114,6 @@ class Index {
   [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
     return current_.view.find(tag, matches);
   }
-  void prefetch(std::uint32_t tag) const noexcept { current_.view.prefetch(tag); }
 
   // Throws std::system_error when there is neither room for one more entry nor memory to make some.
   void prepareInsert();

@@ -49,23 +49,6 @@ class Table : private TableWriter::Listener {
     return asRecord(writer_.find(&key, hash));
   }
 
-  // Hints, in this order, that the record of a key with that hash is about to be looked up or written: for
-  // a caller with other work to do between. They change nothing.
-  using Purpose = TableWriter::Purpose;
-  void prefetchIndex(std::uint32_t hash) const noexcept { writer_.prefetchIndex(hash); }
-  void prefetchRow(std::uint32_t hash, Purpose purpose) const noexcept {
-    writer_.prefetchRow(hash, purpose);
-  }
-
-  // The record that find() most likely gives for that hash, not checked for anything, or null: good for
-  // further hints only.
-  [[nodiscard]] const R* likely(std::uint32_t hash) const noexcept {
-    return asRecord(writer_.likely(hash));
-  }
-
-  // The record that next() will most likely give, with the same reserve.
-  [[nodiscard]] const R* peek(Hint& hint) const noexcept { return asRecord(writer_.peek(hint)); }
-
   // Inserts or overwrites. Throws std::system_error when memory runs out, unchanged then.
   void is(const R& record) { is(record, hashOf(record.key())); }
   void is(const R& record, std::uint32_t hash) { writer_.is(bytesOf(record), hash); }

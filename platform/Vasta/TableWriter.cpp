@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
-#include "platform/Korm/Prefetch.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Vasta {
@@ -16,8 +15,6 @@ namespace {
 // Rows are allocated a little at a time, so that no insertion waits for more than one such piece.
 constexpr std::size_t smallestGrowth = std::size_t{16} << 10U;
 constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
-
-constexpr std::size_t longestPrefetch = 1024;
 
 }  // namespace
 
@@ -65,59 +62,20 @@ void TableWriter::requireIntact(std::uint32_t row) const {
   }
 }
 
-// The version says which cell counts, but to wait for it before the cell is fetched would cost a look-up
-// a second trip to memory.
-void TableWriter::prefetch(std::uint32_t row, Purpose purpose) const noexcept {
-  const std::uint64_t* words = rowWords(row);
-  const std::uint64_t version = active_[row] ? 1 : 0;
-  const std::size_t bytes = geometry_.cellWords * wordSize;
-  const auto prefetchCell = [&](std::uint64_t which, std::size_t from, std::size_t size) {
-    Korm::prefetch(reinterpret_cast<const std::byte*>(cellOf(words, which, geometry_)) + from,
-                   std::min(size, longestPrefetch));
-  };
-  Korm::prefetch(words);
-  if (purpose == Purpose::writing_) {
-    prefetchCell(version, geometry_.keyOffset, geometry_.keySize);
-  } else {
-    prefetchCell(version, 0, bytes);
-    prefetchCell(version, bytes - wordSize, wordSize);
-  }
-  if (purpose != Purpose::looking_) {
-    prefetchCell(version + 1, 0, bytes);
-  }
-}
-
-std::optional<IndexPosition> TableWriter::firstWith(std::uint32_t hash) const noexcept {
-  return index_->find(hash, [](std::uint32_t /*row*/) { return true; });
-}
-
-void TableWriter::prefetchRow(std::uint32_t hash, Purpose purpose) const noexcept {
-  if (const auto position = firstWith(hash)) {
-    prefetch(position->row, purpose);
-  }
-}
-
-const std::byte* TableWriter::likely(std::uint32_t hash) const noexcept {
-  const auto position = firstWith(hash);
-  return position ? recordOf(position->row) : nullptr;
-}
-
 bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
   return std::memcmp(keyOf(row), key, geometry_.keySize) == 0;
 }
 
-std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash,
-                                                 Purpose purpose) const {
+std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash) const {
   // A corrupt row under the whole hash of the key is taken for the key's, though its own key may be
   // what is damaged: a look-up reports it and a write heals it.
-  return index_->find(hash, [this, key, purpose](std::uint32_t row) {
-    prefetch(row, purpose);
+  return index_->find(hash, [this, key](std::uint32_t row) {
     return hasKey(row, key) || inspect(row) == RowState::corrupt_;
   });
 }
 
 const std::byte* TableWriter::find(const void* key, std::uint32_t hash) const {
-  const auto position = locate(key, hash, Purpose::looking_);
+  const auto position = locate(key, hash);
   if (!position) {
     return nullptr;
   }
@@ -127,7 +85,7 @@ const std::byte* TableWriter::find(const void* key, std::uint32_t hash) const {
 
 void TableWriter::is(const std::byte* record, std::uint32_t hash) {
   const std::byte* key = record + geometry_.keyOffset;
-  if (const auto position = locate(key, hash, Purpose::writing_)) {
+  if (const auto position = locate(key, hash)) {
     overwrite(position->row, record);
   } else {
     insert(record, hash);
@@ -155,9 +113,6 @@ std::uint32_t TableWriter::takeRow() {
   if (!freeRows_.empty()) {
     const std::uint32_t row = freeRows_.back();
     freeRows_.pop_back();
-    if (!freeRows_.empty()) {
-      prefetch(freeRows_.back(), Purpose::writing_);  // for the next insertion
-    }
     return row;
   }
   const std::uint32_t row = rowCount_;
@@ -169,7 +124,6 @@ std::uint32_t TableWriter::takeRow() {
     rowsSegment_->grow(std::max(needed, size + std::clamp(size, smallestGrowth, largestGrowth)));
   }
   occupied_.resize(std::size_t{row} + 1);
-  active_.resize(std::size_t{row} + 1);
   // Counted before it is filled: a row that a dying writer leaves unfilled is vacant.
   ++rowCount_;
   storeWord(header_[Header::rowCount_], rowCount_);
@@ -210,7 +164,6 @@ void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool liv
   storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
   storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
   storeWord(words[0], version);
-  active_[row] = (version & 1U) != 0;
   // The words change under records that the caller reads in place through another type.
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
@@ -235,7 +188,7 @@ void TableWriter::notify(const void* key) {
 }
 
 bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
-  const auto position = locate(key, hash, Purpose::changing_);
+  const auto position = locate(key, hash);
   if (!position) {
     return false;
   }
@@ -287,7 +240,7 @@ void TableWriter::delAll() {
 }
 
 std::byte* TableWriter::edit(const void* key, std::uint32_t hash) {
-  const auto position = locate(key, hash, Purpose::looking_);
+  const auto position = locate(key, hash);
   if (!position) {
     return nullptr;
   }
@@ -318,17 +271,10 @@ bool TableWriter::commit(const std::byte* staging) {
 }
 
 const std::byte* TableWriter::next(Hint& hint) const {
-  const std::byte* const record = peek(hint);
-  if (record != nullptr) {
-    requireIntact(hint.row - 1);
-  }
-  return record;
-}
-
-const std::byte* TableWriter::peek(Hint& hint) const noexcept {
   while (hint.row < rowCount_) {
     const std::uint32_t row = hint.row++;
     if (occupied_[row]) {
+      requireIntact(row);
       return recordOf(row);
     }
   }

@@ -69,20 +69,6 @@ class TableWriter {
   // second next change of the same record; its key's row is reused after a removal. Throws Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
 
-  // Hints ahead of find(), is() or del() by a caller with other work to do between. The first asks memory
-  // for the index, the second, once that may have come, for the row. They change nothing.
-  enum class Purpose {
-    looking_,   // find() alone
-    writing_,   // is() alone
-    changing_,  // find(), and then is() or del()
-  };
-  void prefetchIndex(std::uint32_t hash) const noexcept { index_->prefetch(hash); }
-  void prefetchRow(std::uint32_t hash, Purpose purpose) const noexcept;
-  // The record that find() most likely gives, not checked for anything, or null. For further hints only.
-  [[nodiscard]] const std::byte* likely(std::uint32_t hash) const noexcept;
-  // The same for next().
-  [[nodiscard]] const std::byte* peek(Hint& hint) const noexcept;
-
   // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that. Throws
   // std::system_error when memory runs out.
   void is(const std::byte* record, std::uint32_t hash);
@@ -163,10 +149,7 @@ class TableWriter {
   [[nodiscard]] Corruption corruptionOf(std::uint32_t row) const;
   [[nodiscard]] RowState inspect(std::uint32_t row) const noexcept;
   void requireIntact(std::uint32_t row) const;
-  void prefetch(std::uint32_t row, Purpose purpose) const noexcept;
-  [[nodiscard]] std::optional<IndexPosition> firstWith(std::uint32_t hash) const noexcept;
-  [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash,
-                                                    Purpose purpose) const;
+  [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash) const;
   [[nodiscard]] bool hasKey(std::uint32_t row, const void* key) const noexcept;
 
   [[nodiscard]] std::uint32_t takeRow();
@@ -203,7 +186,6 @@ class TableWriter {
   std::size_t size_ = 0;
   std::uint64_t changeSequence_ = 0;
   std::vector<bool> occupied_;  // by row: holds a record, intact or corrupt
-  std::vector<bool> active_;    // by row: the low bit of its version, to fetch the right cell early
   std::deque<std::uint32_t> freeRows_;
   std::vector<std::uint64_t> staging_;  // the record, then its key as edit() found it
   std::optional<std::uint32_t> stagedRow_;

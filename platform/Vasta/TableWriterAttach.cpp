@@ -158,7 +158,6 @@ void TableWriter::takeOver(std::shared_ptr<Segment> header) {
 
 void TableWriter::takeOverRows() {
   occupied_.resize(rowCount_);
-  active_.resize(rowCount_);
   std::uint64_t latest = changeSequence_;
   std::uint32_t latestRow = 0;
   for (std::uint32_t row = 0; row < rowCount_; ++row) {
@@ -180,7 +179,6 @@ void TableWriter::takeOverRows() {
 // A corrupt row is kept, for whoever walks the table to find and for the owner to discard, but not
 // indexed: its key cannot be trusted.
 void TableWriter::takeOverRow(std::uint32_t row) {
-  active_[row] = (loadWord(rowWords(row)[0]) & 1U) != 0;
   const RowState state = inspect(row);
   if (state == RowState::vacant_) {
     freeRows_.push_back(row);

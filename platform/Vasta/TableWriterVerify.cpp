@@ -61,14 +61,11 @@ std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
   if (occupied_[row] != (state == RowState::live_)) {
     return name + " is " + (occupied_[row] ? "occupied but not live" : "live but not occupied");
   }
-  if (active_[row] != ((loadWord(rowWords(row)[0]) & 1U) != 0)) {
-    return name + " has its other cell in force";
-  }
   if (cell[geometry_.sequenceWord()] > changeSequence_) {
     return name + " is newer than the latest change";
   }
   if (state == RowState::live_) {
-    const auto position = locate(keyOf(row), layout_.hashOfKey(keyOf(row)), Purpose::looking_);
+    const auto position = locate(keyOf(row), layout_.hashOfKey(keyOf(row)));
     if (!position || position->row != row) {
       return name + (position ? " has the same key as row " + std::to_string(position->row)
                               : " is not in the index");

@@ -1,6 +1,5 @@
 #include "sim/private/RowWriter.h"
 
-#include <array>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -97,44 +96,6 @@ const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
   }
   const auto found = library_->ostraSmColl().find(table);
   return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
-}
-
-// Pass by pass, each over all flows: a pass reads what the one before has asked for. An insert finds nothing
-// and writes to new memory, which is not worth the asking.
-void RowWriter::expect(std::span<const Update> updates) const {
-  struct Flow {
-    const Vasta::Table<Ostra::OstraConfigEntry>* table;
-    std::uint32_t hash;
-    EntryHandle handle;
-  };
-  std::vector<Flow> flows;
-  std::array<std::vector<const Ostra::OstraKey*>, flowTables> keys;
-  for (const Update& update : updates) {
-    if (update.kind() == Kind::flow_ && update.op() != Op::insert_ && update.table() < flowTables) {
-      const Ostra::OstraKey& key = update.flow().flowKey;
-      const auto& table = objects_.flowTable(update.table()).table();
-      flows.push_back({&table, table.hashOf(key), {}});
-      keys[update.table()].push_back(&key);
-      table.prefetchIndex(flows.back().hash);
-    }
-  }
-  for (const Flow& flow : flows) {
-    flow.table->prefetchRow(flow.hash, Vasta::TableWriter::Purpose::changing_);
-  }
-  for (std::uint8_t table = 0; table < flowTables; ++table) {
-    if (const Ostra::OstraSm* const library = keys[table].empty() ? nullptr : machine(table)) {
-      library->flowConfigExpected(keys[table]);
-    }
-  }
-  for (Flow& flow : flows) {
-    if (const Ostra::OstraConfigEntry* const stored = flow.table->likely(flow.hash)) {
-      flow.handle = stored->entryHandle;
-      transactions_.rowExpected(flow.handle);
-    }
-  }
-  for (const Flow& flow : flows) {
-    transactions_.rowExpectedSoon(flow.handle);
-  }
 }
 
 void RowWriter::apply(const Update& update) {

@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string>
 
 #include "Ostra/Ostra.h"
@@ -24,8 +23,6 @@ class RowWriter {
             const Ostra::OstraContext* library) noexcept
       : objects_{objects}, transactions_{transactions}, library_{library} {}
 
-  // Asks memory for what applying these updates will need. Some dozens at a time are best.
-  void expect(std::span<const Update> updates) const;
   // Applies an update, which is then in the books with what has come of it so far. A range exception that
   // leaves the library is such a result.
   void apply(const Update& update);

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
-#include "platform/Korm/Prefetch.h"
 
 namespace Sim {
 namespace {
@@ -203,39 +202,9 @@ void Transactions::completeLate(Row* row, const TransactionResult& result) {
   }
 }
 
-// Pass by pass: a pass reads what the one before has asked for.
-void Transactions::expectFinish(std::span<const Result> results) const {
-  struct Status {
-    const Ostra::OstraStatus::Table* table;
-    std::uint32_t hash;
-  };
-  std::vector<Status> statuses;
-  for (const Result& result : results) {
-    rowExpected(result.handle);
-  }
-  for (const Result& result : results) {
-    rowExpectedSoon(result.handle);
-  }
-  for (const Result& result : results) {
-    const auto* const row = rows_.likely(rows_.hash(result.handle));
-    if (row != nullptr && row->value.kind == Kind::flow_ && result.op != Op::insert_) {
-      const auto& table = objects_.statusTable(row->value.table).table();
-      statuses.push_back({&table, table.hashOf(row->value.key)});
-      table.prefetchIndex(statuses.back().hash);
-    }
-  }
-  for (const Status& status : statuses) {
-    status.table->prefetchRow(status.hash, Vasta::TableWriter::Purpose::changing_);
-  }
-}
-
 std::vector<Result> Transactions::finish() {
   if (live_) {
     for (Index update = 0; update < results_.size(); ++update) {
-      if (update % Korm::prefetchBatch == 0) {
-        expectFinish(std::span{results_}.subspan(
-            update, std::min<std::size_t>(Korm::prefetchBatch, results_.size() - update)));
-      }
       Result& result = results_[update];
       auto* const found = rows_.find(result.handle);
       if (result.state == State::rejected_ || found == nullptr) {

@@ -19,7 +19,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -45,12 +44,6 @@ class Transactions {
   void memberIs(EntryHandle handle);
   void groupIs(EntryHandle handle);
   void flowIs(EntryHandle handle, std::uint8_t table, const Ostra::OstraKey& key);
-
-  // Hints, in this order, that a row is about to be used.
-  void rowExpected(EntryHandle handle) const noexcept { rows_.prefetchIndex(rows_.hash(handle)); }
-  void rowExpectedSoon(EntryHandle handle) const noexcept {
-    rows_.prefetchElement(rows_.hash(handle));
-  }
 
   // A batch.
 
@@ -116,8 +109,6 @@ class Transactions {
   void completeOpen(Row& row, const P4Runtime::TransactionResult& result);
   void completeLate(Row* row, const P4Runtime::TransactionResult& result);
 
-  // Asks memory for what finishing these updates will need.
-  void expectFinish(std::span<const Result> results) const;
   void decide(Result& result, const Row& row);
   // Once the batch, or the last pending result, is through: lets go of what the row needs no more.
   void settleRow(EntryHandle handle, Row& row);

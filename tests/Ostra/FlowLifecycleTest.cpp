@@ -1,4 +1,3 @@
-#include <array>
 #include <set>
 #include <stdexcept>
 
@@ -101,8 +100,6 @@ TEST_F(FlowLifecycle, WithoutACorvexConfigurationNothingIsWrittenAnywhere) {
   sm = Ostra::ostraSmFactory(nullptr, nullptr, nullptr, table, vrfs, ports, validation, statusInfo,
                              batchStatus, telemetry);
   EXPECT_EQ(write(flowInVrf(8, 2, 5)), "");
-  const OstraKey key = flowInVrf(7, 1, 5).flowKey;
-  sm->flowConfigExpected(std::array{&key});
   EXPECT_EQ(remove(flowInVrf(7, 1, 5)), "");
   EXPECT_EQ(books(5), neverUsed);
   EXPECT_EQ(telemetry->total(), 0U);

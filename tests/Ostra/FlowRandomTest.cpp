@@ -1,5 +1,4 @@
 // Random writes against a model of what a controller may expect.
-#include <array>
 #include <iterator>
 #include <map>
 #include <optional>
@@ -202,7 +201,6 @@ class FlowRandom : public FlowFixture {
     const auto found = model.rows.find(number);
     switch (below(16)) {
       case 0:
-        announce();
         return vanish();
       case 1:
         return forgetRoots();
@@ -246,17 +244,6 @@ class FlowRandom : public FlowFixture {
   Model model;
 
  private:
-  // The service says what it is about to write, some of it never, which changes nothing.
-  void announce() const {
-    constexpr Model::Number count = 2 * keys;
-    std::array<OstraKey, count> announced;
-    std::array<const OstraKey*, count> pointers{};
-    for (Model::Number number = 0; number < count; ++number) {
-      announced[number] = keyOf(number);
-      pointers[number] = &announced[number];
-    }
-    sm->flowConfigExpected(pointers);
-  }
   // A flow of Corvex goes without a write.
   void vanish() {
     if (!model.flows.empty()) {

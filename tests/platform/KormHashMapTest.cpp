@@ -55,10 +55,6 @@ void compareWithStandardMap(std::uint32_t seed, std::uint64_t keys, int steps) {
     } else if (action < 6) {
       ASSERT_EQ(map.erase(key), model.erase(key) == 1);
     } else {
-      const std::uint32_t hash = Map::hash(key);
-      map.prefetchIndex(hash);
-      map.prefetchElement(hash);
-      ASSERT_TRUE(map.likely(hash) != nullptr || !model.contains(key));
       ASSERT_EQ(map.find(key) != nullptr, model.contains(key));
     }
     if (random() % 400 == 0) {

@@ -67,11 +67,6 @@ void behaveLikeAMap(Table<R>& table, std::size_t steps, std::uint64_t keys, Make
   for (std::size_t step = 0; step < steps; ++step) {
     const std::uint64_t number = random() % keys;
     const R record = make(number, random());
-    const std::uint32_t hash = table.hashOf(record.key());
-    table.prefetchIndex(hash);
-    table.prefetchRow(hash,
-                      step % 2 == 0 ? Table<R>::Purpose::looking_ : Table<R>::Purpose::writing_);
-    ASSERT_TRUE(table.likely(hash) != nullptr || !model.contains(number));
     const auto action = random() % 8;
     if (action < 2) {
       ASSERT_EQ(table.del(record.key(), nullptr), model.erase(number) == 1);
@@ -98,11 +93,6 @@ void behaveLikeAMap(Table<R>& table, std::size_t steps, std::uint64_t keys, Make
     if (found != nullptr) {
       ASSERT_EQ(std::memcmp(found, &model.at(number), sizeof(R)), 0) << number;
     }
-  }
-  Vasta::Hint walk;
-  Vasta::Hint ahead;
-  for (std::size_t met = 0; met <= model.size(); ++met) {
-    ASSERT_EQ(table.peek(ahead), table.next(walk));
   }
   table.delAll();
   EXPECT_EQ(table.size(), 0U);
