@@ -166,11 +166,7 @@ OstraEcmpGroupSm::OstraEcmpGroupSm(
   handleInitialized();
 }
 
-void OstraEcmpGroupSm::hasNotificationActiveIs(bool active) {
-  if (active == hasNotificationActive()) {
-    return;
-  }
-  Entity::hasNotificationActiveIs(active);
+void OstraEcmpGroupSm::onNotificationActive(bool active) {
   if (groupReactor_) {
     groupReactor_->hasNotificationActiveIs(active);
   }

@@ -42,9 +42,6 @@ class OstraEcmpGroupSm final : public Korm::Entity {
                    Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
                    Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
 
-  // Switches the reactors with the state machine; the value that it has reaches none of them.
-  void hasNotificationActiveIs(bool active) override;
-
   [[nodiscard]] const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& cxHwConfig() const noexcept {
     return cxHwConfig_;
   }
@@ -94,6 +91,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   void handleEncapEntry();
 
  private:
+  void onNotificationActive(bool active) override;
   template <class Key>
   using Handler = void (OstraEcmpGroupSm::*)(Key);
   template <class Key, Handler<Key> handler>

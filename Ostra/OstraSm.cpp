@@ -84,11 +84,7 @@ OstraSm::~OstraSm() {
   index_.clear();
 }
 
-void OstraSm::hasNotificationActiveIs(bool active) {
-  if (active == hasNotificationActive()) {
-    return;
-  }
-  Entity::hasNotificationActiveIs(active);
+void OstraSm::onNotificationActive(bool active) {
   if (reactor_) {
     reactor_->notifiee.hasNotificationActiveIs(active);
   }

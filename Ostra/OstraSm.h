@@ -43,10 +43,6 @@ class OstraSm final : public Korm::Entity {
           Korm::Ptr<P4Runtime::Telemetry> telemetry);
   ~OstraSm() override;
 
-  // Passes a new value on to the reactor on the table.
-  void hasNotificationActiveIs(bool active) override;
-  using Entity::hasNotificationActive;
-
   // The watched table, or null.
   [[nodiscard]] Korm::Ptr<OstraConfig> ostraConfigTable() const noexcept {
     return reactor_ ? reactor_->table : nullptr;
@@ -94,6 +90,7 @@ class OstraSm final : public Korm::Entity {
   void verify() const { index_.verify(); }
 
  private:
+  void onNotificationActive(bool active) override;
   // The reactor on the table, with its reference to it.
   struct TableReactor {
     TableReactor(OstraSm& sm, const Korm::Ptr<OstraConfig>& watched)

@@ -158,11 +158,7 @@ OstraStatusSm::OstraStatusSm(Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus
   handleCxHwStatus();
 }
 
-void OstraStatusSm::hasNotificationActiveIs(bool active) {
-  if (active == hasNotificationActive()) {
-    return;
-  }
-  Entity::hasNotificationActiveIs(active);
+void OstraStatusSm::onNotificationActive(bool active) {
   flowStatsReactor_.hasNotificationActiveIs(active);
   groupStatsReactor_.hasNotificationActiveIs(active);
   for (auto& entry : flowReactors_) {
@@ -341,11 +337,7 @@ OstraStatusDirSm::OstraStatusDirSm(Korm::Ptr<const Korm::Dir> cxStatusDir,
   handleInitialized();
 }
 
-void OstraStatusDirSm::hasNotificationActiveIs(bool active) {
-  if (active == hasNotificationActive()) {
-    return;
-  }
-  Entity::hasNotificationActiveIs(active);
+void OstraStatusDirSm::onNotificationActive(bool active) {
   directoryReactor_.hasNotificationActiveIs(active);
   if (p4RtCxStatusSm_) {
     p4RtCxStatusSm_->hasNotificationActiveIs(active);

@@ -36,9 +36,6 @@ class OstraStatusSm final : public Korm::Entity {
                 Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
                 Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
 
-  // Switches the reactors with it.
-  void hasNotificationActiveIs(bool active) override;
-
   [[nodiscard]] const Korm::Ptr<const OpenFlowTable::HwStatus>& cxHwStatus() const noexcept {
     return cxHwStatus_;
   }
@@ -82,6 +79,7 @@ class OstraStatusSm final : public Korm::Entity {
   [[nodiscard]] std::size_t groupReactors() const noexcept { return groupReactors_.size(); }
 
  private:
+  void onNotificationActive(bool active) override;
   // Follows the status and the change count of one flow or group. It may go while it reports.
   template <class Stats>
   class StatsReactor {
@@ -154,9 +152,6 @@ class OstraStatusDirSm final : public Korm::Entity {
                    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
                    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
 
-  // Switches the reactor and the status state machine with it.
-  void hasNotificationActiveIs(bool active) override;
-
   [[nodiscard]] const Korm::Ptr<const Korm::Dir>& cxStatusDir() const noexcept {
     return cxStatusDir_;
   }
@@ -198,6 +193,7 @@ class OstraStatusDirSm final : public Korm::Entity {
   void p4RtCxStatusSmDel();
 
  private:
+  void onNotificationActive(bool active) override;
   void handleDirectory(const Korm::Name& name);
 
   // Inputs, constant after construction.

@@ -1,5 +1,7 @@
 #include "cli/language/Words.h"
 
+#include "platform/Korm/Text.h"
+
 namespace Cli {
 namespace {
 
@@ -9,12 +11,11 @@ constexpr std::size_t longestQuote = 60;
 }  // namespace
 
 std::string quoted(std::string_view text) {
-  static constexpr std::string_view digits = "0123456789abcdef";
   std::string result = "'";
   for (const char character : text.substr(0, longestQuote)) {
     const auto code = static_cast<unsigned char>(character);
     if (code < 0x20 || code == 0x7F) {
-      result.append("\\x").append(1, digits[code >> 4U]).append(1, digits[code & 0xFU]);
+      Korm::appendHex(result.append("\\x"), code);
     } else {
       result += character;
     }

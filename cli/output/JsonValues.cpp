@@ -6,6 +6,7 @@
 
 #include "cli/output/ActionFields.h"
 #include "cli/output/TextValues.h"
+#include "platform/Korm/Text.h"
 
 namespace Cli {
 namespace {
@@ -51,7 +52,9 @@ Json toJson(const EncapInfo& encap) {
           {"dscp", encap.dscp}};
 }
 
-Json toJson(const OpenFlowTable::Actions::FixedBlock& block) { return hexText(block); }
+Json toJson(const OpenFlowTable::Actions::FixedBlock& block) {
+  return Korm::hexText(block.data(), block.size());
+}
 
 }  // namespace
 

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "cli/output/ActionFields.h"
+#include "platform/Korm/Text.h"
 
 namespace Cli {
 namespace {
@@ -20,25 +21,9 @@ using OpenFlowTable::Masked;
 using P4Runtime::ErrorCode;
 
 template <class Enum>
-using Meanings = std::span<const std::pair<Enum, std::string_view>>;
-
-template <class Enum>
-std::string numberAndWords(Meanings<Enum> known, Enum value) {
-  const std::string number = std::to_string(static_cast<std::uint32_t>(value));
-  for (const auto& [named, words] : known) {
-    if (named == value) {
-      return number + " " + std::string{words};
-    }
-  }
-  return number + " unknown";
-}
-
-template <std::integral T>
-std::string hexNumber(T value) {
-  std::array<char, 24> text;
-  const int length =
-      std::snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(value));
-  return {text.data(), static_cast<std::size_t>(length)};
+std::string numberAndWords(Korm::EnumTexts<Enum> texts, Enum value) {
+  return std::to_string(static_cast<std::uint32_t>(value)) + " " +
+         std::string{Korm::enumText(texts, value).value_or("unknown")};
 }
 
 // The length of a mask of leading ones, or nothing for any other mask.
@@ -74,8 +59,9 @@ std::string maskedText(const T& value, const T& mask) {
   if constexpr (std::is_same_v<T, bool>) {
     return std::string{value ? "true" : "false"} + (mask ? "" : "&false");
   } else if constexpr (std::is_integral_v<T>) {
-    return mask == std::numeric_limits<T>::max() ? std::to_string(value)
-                                                 : hexNumber(value) + "&" + hexNumber(mask);
+    return mask == std::numeric_limits<T>::max()
+               ? std::to_string(value)
+               : Korm::hexNumber(value) + "&" + Korm::hexNumber(mask);
   } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
     return value.family() == Korm::AddressFamily::ipv6_ ? maskedText(value.ip6(), mask.ip6())
                                                         : maskedText(value.ip4(), mask.ip4());
@@ -98,7 +84,9 @@ std::string valueText(const Interface::IntfId& intf) {
   return intf.empty() ? "(none)" : std::string{intf.name()};
 }
 std::string valueText(const Korm::EthAddr& address) { return address.text(); }
-std::string valueText(const OpenFlowTable::Actions::FixedBlock& block) { return hexText(block); }
+std::string valueText(const OpenFlowTable::Actions::FixedBlock& block) {
+  return Korm::hexText(block.data(), block.size());
+}
 std::string valueText(OpenFlowTable::L3PacketType type) {
   static constexpr std::array<std::string_view, 4> names{"ip", "non-ip", "ipv4", "ipv6"};
   const auto number = static_cast<std::size_t>(type);
@@ -119,7 +107,7 @@ std::string valueText(const OpenFlowTable::PolicerConfig& policer) {
 // Ether types are known by their hexadecimal numbers, and a VLAN id has twelve bits.
 std::string maskedWordText(std::string_view name, std::uint16_t value, std::uint16_t mask) {
   if (mask == 0xFFFF && (name == "etherType" || name == "hdr.ethernet.ether_type")) {
-    return hexNumber(value);
+    return Korm::hexNumber(value);
   }
   if (mask == 0x0FFF && (name == "vlanId" || name == "local_metadata.vlan_id")) {
     return std::to_string(value);
@@ -262,23 +250,12 @@ std::string errorText(ErrorCode code) {
       {ErrorCode::invalidMask_, "a mask is not valid"},
       {ErrorCode::hardwareError_, "the hardware failed to program it"},
   }};
-  const auto* const found = std::find_if(words.begin(), words.end(),
-                                         [code](const auto& pair) { return pair.first == code; });
-  return found == words.end() ? "no reason given" : std::string{found->second};
+  return std::string{Korm::enumText<ErrorCode>(words, code).value_or("no reason given")};
 }
 
 std::string encapTypeText(std::uint8_t type) {
   static constexpr std::array<std::string_view, 3> names{"none", "ip-in-ip", "gre"};
   return type < names.size() ? std::string{names[type]} : std::to_string(type);
-}
-
-std::string hexText(std::span<const std::uint8_t> bytes) {
-  static constexpr std::string_view digits = "0123456789abcdef";
-  std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text.append(1, digits[byte >> 4U]).append(1, digits[byte & 0xFU]);
-  }
-  return text;
 }
 
 std::vector<std::string_view> droppedColors(const OpenFlowTable::PolicerConfig& policer) {

@@ -34,7 +34,6 @@ namespace Cli {
 [[nodiscard]] std::string errorText(P4Runtime::ErrorCode code);
 
 [[nodiscard]] std::string encapTypeText(std::uint8_t type);
-[[nodiscard]] std::string hexText(std::span<const std::uint8_t> bytes);
 // The colours whose packets a policer drops, as "green", "yellow" and "red".
 [[nodiscard]] std::vector<std::string_view> droppedColors(
     const OpenFlowTable::PolicerConfig& policer);

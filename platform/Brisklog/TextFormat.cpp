@@ -3,6 +3,8 @@
 #include <array>
 #include <charconv>
 
+#include "platform/Korm/Text.h"
+
 namespace Brisklog::detail {
 namespace {
 
@@ -21,17 +23,7 @@ std::string textOf(std::uint64_t value) { return number(value); }
 std::string textOf(double value) { return number(value); }
 std::string textOf(std::string_view value) { return std::string(value); }
 
-std::string textOf(Bytes value) {
-  constexpr std::string_view digits = "0123456789abcdef";
-  std::string text;
-  text.reserve(2 * value.size);
-  for (std::size_t i = 0; i < value.size; ++i) {
-    const unsigned byte = static_cast<const unsigned char*>(value.data)[i];
-    text += digits[byte >> 4];
-    text += digits[byte & 0xf];
-  }
-  return text;
-}
+std::string textOf(Bytes value) { return Korm::hexText(value.data, value.size); }
 
 std::string messageText(std::string_view scope, std::string_view function, std::string_view format,
                         std::span<const std::string> arguments) {

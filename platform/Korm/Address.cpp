@@ -7,6 +7,7 @@
 #include <ostream>
 
 #include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Text.h"
 
 namespace Korm {
 namespace {
@@ -34,14 +35,12 @@ Run longestZeroRun(const Groups& groups) {
 }  // namespace
 
 std::string EthAddr::text() const {
-  constexpr std::string_view digits = "0123456789abcdef";
   std::string text;
   for (const std::uint8_t octet : octets) {
     if (!text.empty()) {
       text += ':';
     }
-    text += digits[octet >> 4U];
-    text += digits[octet & 0xFU];
+    appendHex(text, octet);
   }
   return text;
 }

@@ -24,7 +24,7 @@ class Attribute {
   }
 
   // Tells the reactors even when the value is the present one: for counts whose writing is the event.
-  void touch(const T& value) {
+  void setAndNotify(const T& value) {
     value_ = value;
     notifiees_.notify();
   }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "platform/Korm/Notification.h"
 #include "platform/Korm/Ptr.h"
@@ -16,9 +17,14 @@ using Name = std::string;
 // A counted object whose notifications can be switched on and off as a whole.
 class Entity : public Counted {
  public:
-  // Off from construction; a factory switches it on once the object is whole.
+  // Off from construction; makeActive() switches it on once the object is whole.
   [[nodiscard]] bool hasNotificationActive() const noexcept { return notificationActive_; }
-  virtual void hasNotificationActiveIs(bool active) { notificationActive_ = active; }
+  void hasNotificationActiveIs(bool active) {
+    if (active != notificationActive_) {
+      notificationActive_ = active;
+      onNotificationActive(active);
+    }
+  }
 
   // Told, in attachment order, when the last outside reference has gone. An observer that takes a
   // reference then keeps the entity alive until that reference goes, and is asked again.
@@ -33,10 +39,21 @@ class Entity : public Counted {
 
   void onZeroReferences() override { zeroReferences_.notify(); }
 
+  // Called when the switch changes, to pass the new value on to the object's reactors.
+  virtual void onNotificationActive(bool /*active*/) {}
+
  private:
   NotifieeList<> zeroReferences_;
   bool notificationActive_ = false;
 };
+
+// A new object with its notifications on.
+template <class T, class... Args>
+[[nodiscard]] Ptr<T> makeActive(Args&&... args) {
+  auto object = makePtr<T>(std::forward<Args>(args)...);
+  object->hasNotificationActiveIs(true);
+  return object;
+}
 
 class NamedEntity : public Entity {
  public:

@@ -25,7 +25,7 @@ class FlowStats {
   [[nodiscard]] std::uint64_t bytes() const noexcept { return bytes_; }
 
   void statusIs(FlowStatus status) { status_.is(status); }
-  void changeCountIs(double count) { changeCount_.touch(count); }
+  void changeCountIs(double count) { changeCount_.setAndNotify(count); }
   // Counters are read, not watched.
   void countersIs(std::uint64_t packets, std::uint64_t bytes) noexcept {
     packets_ = packets;
@@ -57,7 +57,7 @@ class GroupStats {
   [[nodiscard]] double changeCount() const noexcept { return changeCount_(); }
 
   void statusIs(GroupStatus status) { status_.is(status); }
-  void changeCountIs(double count) { changeCount_.touch(count); }
+  void changeCountIs(double count) { changeCount_.setAndNotify(count); }
 
   [[nodiscard]] Korm::NotifieeList<>& statusNotifiees() const noexcept {
     return status_.notifiees();

@@ -7,11 +7,12 @@
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Text.h"
 
 namespace P4Runtime {
 namespace {
 
-constexpr std::array<std::pair<ErrorCode, std::string_view>, 10> codeNames{{
+constexpr std::array<std::pair<ErrorCode, std::string_view>, 10> codeTexts{{
     {ErrorCode::success_, "success"},
     {ErrorCode::hardwareResourceExhausted_, "hardwareResourceExhausted"},
     {ErrorCode::actionNotSupported_, "actionNotSupported"},
@@ -31,12 +32,8 @@ std::ostream& operator<<(std::ostream& out, EntryHandle handle) {
 }
 
 std::string errorCodeText(ErrorCode code) {
-  for (const auto& [named, name] : codeNames) {
-    if (named == code) {
-      return std::string{name};
-    }
-  }
-  return std::to_string(static_cast<std::uint32_t>(code));
+  const auto text = Korm::enumText<ErrorCode>(codeTexts, code);
+  return text ? std::string{*text} : std::to_string(static_cast<std::uint32_t>(code));
 }
 
 ErrorCode parseErrorCode(std::string::const_iterator& current, std::string::const_iterator end) {

@@ -1,24 +1,15 @@
 #include "platform/Vasta/Errors.h"
 
-#include <cstdio>
 #include <system_error>
 
+#include "platform/Korm/Text.h"
+
 namespace Vasta {
-namespace {
-
-std::string hexadecimal(std::uint64_t value) {
-  char text[24];
-  std::snprintf(text, sizeof text, "0x%08llx", static_cast<unsigned long long>(value));
-  return text;
-}
-
-}  // namespace
-
 Corruption::Corruption(const std::string& table, std::uint32_t row, std::uint64_t stored,
                        std::uint64_t computed)
     : std::runtime_error{"table '" + table + "': row " + std::to_string(row) +
-                         " is corrupt: stored checksum " + hexadecimal(stored) + ", computed " +
-                         hexadecimal(computed)},
+                         " is corrupt: stored checksum " + Korm::hexNumber(stored) + ", computed " +
+                         Korm::hexNumber(computed)},
       row_{row} {}
 
 AttachError::AttachError(AttachFailure failure, const std::string& table, const std::string& reason)

@@ -12,6 +12,7 @@
 #include <climits>
 #include <stdexcept>
 
+#include "platform/Korm/Text.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Vasta {
@@ -50,15 +51,12 @@ int allocate(int descriptor, std::size_t from, std::size_t to) {
 }  // namespace
 
 SegmentNames::SegmentNames(std::string_view shmName) : header_{"/vasta."} {
-  constexpr std::string_view digits = "0123456789ABCDEF";
   for (const char c : shmName) {
     if (isPlain(c)) {
       header_ += c;
     } else {
-      const auto byte = static_cast<unsigned char>(c);
       header_ += '%';
-      header_ += digits[byte >> 4U];
-      header_ += digits[byte & 0xFU];
+      Korm::appendHex(header_, static_cast<unsigned char>(c));
     }
   }
   if (shmName.empty() || header_.size() > longestHeaderName) {

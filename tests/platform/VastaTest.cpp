@@ -492,11 +492,11 @@ TEST_F(VastaNamed, WhereAddressSpaceIsShortTheTableIsSmallerButWorks) {
 TEST(VastaNames, DifferentNamesAreDifferentTables) {
   const TableName name;
   Table<Route> slash{{.name = "a", .shmName = *name + "/b", .unlinkOnClose = true}};
-  Table<Route> escape{{.name = "b", .shmName = *name + "%2Fb", .unlinkOnClose = true}};
+  Table<Route> escape{{.name = "b", .shmName = *name + "%2fb", .unlinkOnClose = true}};
   Table<Route> suffix{{.name = "c", .shmName = *name + "#rows", .unlinkOnClose = true}};
   slash.is(Route::of(1, 1));
   EXPECT_EQ(Reader<Route>{*name + "/b"}.size(), 1U);
-  EXPECT_EQ(Reader<Route>{*name + "%2Fb"}.size(), 0U);
+  EXPECT_EQ(Reader<Route>{*name + "%2fb"}.size(), 0U);
   EXPECT_THROW((Table<Route>{{.name = "d", .shmName = std::string(300, 'x')}}),
                std::invalid_argument);
 }

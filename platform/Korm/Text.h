@@ -1,0 +1,69 @@
+// Texts of bytes, numbers and enumerations.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace Korm {
+
+// Two hexadecimal digits.
+inline void appendHex(std::string& text, std::uint8_t byte) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  text += digits[byte >> 4U];
+  text += digits[byte & 0xFU];
+}
+
+// Two hexadecimal digits for each byte.
+[[nodiscard]] inline std::string hexText(const void* data, std::size_t size) {
+  std::string text;
+  text.reserve(2 * size);
+  for (std::size_t at = 0; at < size; ++at) {
+    appendHex(text, static_cast<const std::uint8_t*>(data)[at]);
+  }
+  return text;
+}
+
+// "0x" and as many digits as the number needs.
+[[nodiscard]] inline std::string hexNumber(std::uint64_t number) {
+  std::string text;
+  for (int shift = 56; shift >= 0; shift -= 8) {
+    appendHex(text, static_cast<std::uint8_t>(number >> shift));
+  }
+  const std::size_t first = text.find_first_not_of('0');
+  return "0x" + (first == std::string::npos ? "0" : text.substr(first));
+}
+
+// A line for each value of an enumeration that has a text.
+template <class Enum>
+using EnumTexts = std::span<const std::pair<Enum, std::string_view>>;
+
+// Nothing for a value without a text.
+template <class Enum>
+[[nodiscard]] constexpr std::optional<std::string_view> enumText(EnumTexts<Enum> texts,
+                                                                 Enum value) noexcept {
+  for (const auto& [named, text] : texts) {
+    if (named == value) {
+      return text;
+    }
+  }
+  return std::nullopt;
+}
+
+// The value with that text, or nothing.
+template <class Enum>
+[[nodiscard]] constexpr std::optional<Enum> enumValue(EnumTexts<Enum> texts,
+                                                      std::string_view text) noexcept {
+  for (const auto& [value, known] : texts) {
+    if (known == text) {
+      return value;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace Korm
