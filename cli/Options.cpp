@@ -1,49 +1,40 @@
 #include "cli/Options.h"
 
-#include <algorithm>
 #include <array>
 
-#include "cli/language/NearMatch.h"
 #include "cli/language/Values.h"
-#include "cli/language/Words.h"
 #include "sim/SharedNames.h"
 
 namespace Cli {
 namespace {
 
-struct OptionWord {
-  std::string_view name;
-  std::string_view argument;  // what it is called; empty: the option takes none
-  void (*apply)(Options& options, std::string_view argument);
-};
+using Word = OptionWord<Options>;
 
 constexpr std::array optionWords{
-    OptionWord{"--json", "", [](Options& options, std::string_view) { options.json = true; }},
-    OptionWord{"--stopped", "", [](Options& options, std::string_view) { options.stopped = true; }},
-    OptionWord{"--keep-going", "",
-               [](Options& options, std::string_view) { options.keepGoing = true; }},
-    OptionWord{"-k", "", [](Options& options, std::string_view) { options.keepGoing = true; }},
-    OptionWord{"--trace", "N",
-               [](Options& options, std::string_view level) {
-                 options.traceLevel = static_cast<int>(parseNumber<std::uint8_t>(level, "--trace"));
-               }},
-    OptionWord{"--clock", "real|steps",
-               [](Options& options, std::string_view clock) {
-                 if (clock != "real" && clock != "steps") {
-                   throwUnexpected("--clock " + std::string{clock},
-                                   "--clock real or --clock steps");
-                 }
-                 options.clockSteps = clock == "steps";
-               }},
-    OptionWord{"--shm", "NAME",
-               [](Options& options, std::string_view name) {
-                 if (const std::string fault = Sim::sharedNameFault(name); !fault.empty()) {
-                   throw CommandError{"read --shm " + quoted(name) + ", " + fault};
-                 }
-                 options.shm = name;
-               }},
-    OptionWord{"--help", "", [](Options& options, std::string_view) { options.help = true; }},
-    OptionWord{"--version", "", [](Options& options, std::string_view) { options.version = true; }},
+    Word{"--json", "", [](Options& options, std::string_view) { options.json = true; }},
+    Word{"--stopped", "", [](Options& options, std::string_view) { options.stopped = true; }},
+    Word{"--keep-going", "", [](Options& options, std::string_view) { options.keepGoing = true; }},
+    Word{"-k", "", [](Options& options, std::string_view) { options.keepGoing = true; }},
+    Word{"--trace", "N",
+         [](Options& options, std::string_view level) {
+           options.traceLevel = static_cast<int>(parseNumber<std::uint8_t>(level, "--trace"));
+         }},
+    Word{"--clock", "real|steps",
+         [](Options& options, std::string_view clock) {
+           if (clock != "real" && clock != "steps") {
+             throwUnexpected("--clock " + std::string{clock}, "--clock real or --clock steps");
+           }
+           options.clockSteps = clock == "steps";
+         }},
+    Word{"--shm", "NAME",
+         [](Options& options, std::string_view name) {
+           if (const std::string fault = Sim::sharedNameFault(name); !fault.empty()) {
+             throw CommandError{"read --shm " + quoted(name) + ", " + fault};
+           }
+           options.shm = name;
+         }},
+    Word{"--help", "", [](Options& options, std::string_view) { options.help = true; }},
+    Word{"--version", "", [](Options& options, std::string_view) { options.version = true; }},
 };
 
 constexpr std::string_view usageText =
@@ -67,39 +58,6 @@ The command 'help' lists the commands. Exit status: 0 when every command was und
 command line or a command that makes no sense, 1 for an internal failure.
 )";
 
-// "--name=value" as its parts; a short option has no value in the same word.
-Assignment splitOption(std::string_view word) {
-  return word.starts_with("--") ? splitAssignment(word) : Assignment{.name = word};
-}
-
-// Applies the option at the front and returns how many of the arguments it took.
-std::size_t applyOption(std::span<const char* const> arguments, Options& options) {
-  const Assignment word = splitOption(arguments.front());
-  const auto* const known =
-      std::find_if(optionWords.begin(), optionWords.end(),
-                   [&word](const OptionWord& option) { return option.name == word.name; });
-  if (known == optionWords.end()) {
-    throwUnexpected(arguments.front(), "an option or a FILE", nearMatch(word.name, optionWords));
-  }
-  if (known->argument.empty()) {
-    if (word.assigned) {
-      throwUnexpected(arguments.front(), known->name);
-    }
-    known->apply(options, {});
-    return 1;
-  }
-  if (word.assigned) {
-    known->apply(options, word.value);
-    return 1;
-  }
-  if (arguments.size() < 2) {
-    throw CommandError{"read " + quoted(word.name) + " at the end, expected " +
-                       std::string{known->argument} + " behind it"};
-  }
-  known->apply(options, arguments[1]);
-  return 2;
-}
-
 }  // namespace
 
 Options parseOptions(std::span<const char* const> arguments) {
@@ -113,11 +71,7 @@ Options parseOptions(std::span<const char* const> arguments) {
     } else if (word == "--") {
       onlyFiles = true;
     } else {
-      try {
-        taken = applyOption(arguments, options);
-      } catch (const CommandError& error) {
-        throw UsageError{error.what()};
-      }
+      taken = applyOption(arguments, optionWords, "an option or a FILE", options);
     }
     arguments = arguments.subspan(taken);
   }

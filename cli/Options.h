@@ -5,18 +5,13 @@
 
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace Cli {
+#include "cli/OptionWords.h"
 
-// A command line that makes no sense. what() says what was read and what was expected.
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
+namespace Cli {
 
 struct Options {
   bool json = false;

@@ -18,14 +18,11 @@
 #include "cli/output/JsonPrinter.h"
 #include "cli/output/Output.h"
 #include "cli/output/TextPrinter.h"
-#include "platform/Brisklog/Ring.h"
-#include "platform/Brisklog/RingReader.h"
 #include "platform/Brisklog/TextTrace.h"
 #include "platform/Korm/Clock.h"
-#include "platform/KormVasta/SharedMemory.h"
 #include "sim/HwAgent.h"
 #include "sim/Service.h"
-#include "sim/SharedNames.h"
+#include "sim/SharedMemory.h"
 
 namespace {
 
@@ -59,21 +56,6 @@ void traceTo(std::ostream& errors, int level) {
   Ostra::traceHandle.levelIs(level);
 }
 
-// The named shared memory of this process, from before its tables are made to after they are gone.
-class SharedMemory {
- public:
-  explicit SharedMemory(const std::string& name) {
-    KormVasta::sharedMemoryIs({.prefix = name, .takeOver = false});
-    // Before the ring, whose coming tells readers to look: they shall not see what a dead process left.
-    Sim::clearTables();
-    // No trace has been written yet that the ring it replaces could hold.
-    (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = Sim::traceSegment(name)}));
-  }
-  ~SharedMemory() { (void)Brisklog::ringIs(nullptr); }
-  SharedMemory(const SharedMemory&) = delete;
-  SharedMemory& operator=(const SharedMemory&) = delete;
-};
-
 class Program {
  public:
   Program(const Cli::Options& options, Cli::Output& out, Cli::Output& errors)
@@ -87,7 +69,7 @@ class Program {
     if (options_.clockSteps) {
       Cli::StepClock::install();
     }
-    std::optional<SharedMemory> sharedMemory;
+    std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
       sharedMemory.emplace(options_.shm);
     }

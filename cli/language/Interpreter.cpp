@@ -106,7 +106,15 @@ void Interpreter::finish() {
   batch_.reset();
 }
 
+void Interpreter::checkWriter() const {
+  if (!options_.writer.empty()) {
+    throw CommandError{"read a write, expected none: entries are written by " +
+                       std::string{options_.writer}};
+  }
+}
+
 void Interpreter::write(Sim::Update update) {
+  checkWriter();
   if (batch_) {
     batch_->updates.push_back(std::move(update));
   } else {
@@ -115,6 +123,7 @@ void Interpreter::write(Sim::Update update) {
 }
 
 void Interpreter::beginBatch() {
+  checkWriter();
   if (batch_) {
     throw CommandError{"read 'begin' inside the batch that begins at " + batch_->begun +
                        ", expected 'commit' first"};

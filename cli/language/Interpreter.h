@@ -22,6 +22,8 @@ class Progress;
 
 struct InterpreterOptions {
   bool keepGoing = false;  // a bad command does not end the run
+  // Whose flows, members and groups are: not empty, and the commands that write them are refused.
+  std::string_view writer{};
   // Called before and after each command.
   std::function<void()> beforeCommand{};
   std::function<void()> afterCommand{};
@@ -72,6 +74,8 @@ class Interpreter {
 
   void apply(const std::vector<Sim::Update>& updates);
   void printReports();
+  // Throws CommandError when entries are written by somebody else.
+  void checkWriter() const;
   void fail(std::string_view where, std::string_view message);
 
   Sim::Service& service_;

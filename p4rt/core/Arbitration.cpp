@@ -16,11 +16,6 @@ std::string text(const Role& role) {
   return role.id == 0 ? "the default role" : "role " + std::to_string(role.id);
 }
 
-RpcStatus unknownDevice(std::uint64_t device, std::uint64_t own) {
-  return {Code::notFound_, "there is no device " + std::to_string(device) + ", this is device " +
-                               std::to_string(own)};
-}
-
 }  // namespace
 
 Arbitration::Outcome Arbitration::claim(StreamId stream, const Claim& claim) {
@@ -45,8 +40,8 @@ Arbitration::Outcome Arbitration::claim(StreamId stream, const Claim& claim) {
 RpcStatus Arbitration::refusalOf(StreamId stream, const Claim& claim) const {
   const auto known = realmOf_.find(stream);
   if (known == realmOf_.end()) {
-    if (claim.device != device_) {
-      return unknownDevice(claim.device, device_);
+    if (RpcStatus refusal = checkDevice(claim.device); !refusal.ok()) {
+      return refusal;
     }
     if (realmOf_.size() >= mostStreams) {
       return {Code::resourceExhausted_,
@@ -98,10 +93,18 @@ std::vector<Notice> Arbitration::gone(StreamId stream) {
   return noticeToAll(realm);
 }
 
+RpcStatus Arbitration::checkDevice(std::uint64_t device) const {
+  if (device == device_) {
+    return {};
+  }
+  return {Code::notFound_, "there is no device " + std::to_string(device) + ", this is device " +
+                               std::to_string(device_)};
+}
+
 RpcStatus Arbitration::check(std::uint64_t device, const Role& role,
                              const std::optional<ElectionId>& electionId) const {
-  if (device != device_) {
-    return unknownDevice(device, device_);
+  if (RpcStatus refusal = checkDevice(device); !refusal.ok()) {
+    return refusal;
   }
   const auto found = realms_.find(role);
   if (found == realms_.end() && role != Role{}) {

@@ -70,6 +70,8 @@ class Arbitration {
   // Whether a controller that names this role and this id may write now.
   [[nodiscard]] RpcStatus check(std::uint64_t device, const Role& role,
                                 const std::optional<ElectionId>& electionId) const;
+  // The part of it that anybody has to pass.
+  [[nodiscard]] RpcStatus checkDevice(std::uint64_t device) const;
   // Whether that stream is its role's primary.
   [[nodiscard]] bool isPrimary(StreamId stream) const;
   // The role of a stream that takes part.
