@@ -50,13 +50,7 @@ void Interpreter::play(LineReader& input, const std::string& name, Progress* pro
     if (!line) {
       return;
     }
-    const std::string where = name + ":" + std::to_string(number);
-    if (line->cut) {
-      fail(where, "read a line of more than " + std::to_string(LineReader::longestLine) +
-                      " characters, expected a shorter one");
-    } else {
-      playLine(line->text, where);
-    }
+    playLine(*line, name + ":" + std::to_string(number));
     if (progress != nullptr) {
       progress->at(number, input.position(), input.size());
     }
@@ -74,12 +68,21 @@ void Interpreter::prompt(LineReader& input, const std::string& name, std::ostrea
       out << '\n';
       return;
     }
-    playLine(line->text, name + ":" + std::to_string(++number));
+    playLine(*line, name + ":" + std::to_string(++number));
   }
 }
 
-void Interpreter::playLine(std::string_view line, std::string_view where) {
-  Words words{line};
+void Interpreter::playLine(const LineReader::Line& line, std::string_view where) {
+  if (line.cut) {
+    fail(where, "read a line of more than " + std::to_string(LineReader::longestLine) +
+                    " characters, expected a shorter one");
+  } else {
+    playCommand(line.text, where);
+  }
+}
+
+void Interpreter::playCommand(std::string_view text, std::string_view where) {
+  Words words{text};
   if (words.done()) {
     return;
   }

@@ -40,7 +40,7 @@ class Interpreter {
   // the run.
   void prompt(LineReader& input, const std::string& name, std::ostream& out);
   // Plays one line.
-  void playLine(std::string_view line, std::string_view where);
+  void playLine(const LineReader::Line& line, std::string_view where);
   // There is no more input: a batch that is still open is an error, and its writes are dropped.
   void finish();
 
@@ -72,6 +72,7 @@ class Interpreter {
     std::vector<Sim::Update> updates;
   };
 
+  void playCommand(std::string_view text, std::string_view where);
   void apply(const std::vector<Sim::Update>& updates);
   void printReports();
   // Throws CommandError when entries are written by somebody else.

@@ -1,0 +1,137 @@
+#include "p4rt/server/Options.h"
+
+#include <array>
+#include <stdexcept>
+
+#include "cli/language/Values.h"
+#include "sim/SharedNames.h"
+
+namespace P4rt {
+namespace {
+
+using Word = Cli::OptionWord<Options>;
+
+constexpr std::size_t longestTimeoutMs = 3'600'000;
+
+void addressIs(Options& options, std::string_view text) {
+  try {
+    options.address = ListenAddress{text};
+  } catch (const std::invalid_argument& fault) {
+    throw Cli::CommandError{"read --listen " + Cli::quoted(text) + ", " + fault.what()};
+  }
+}
+
+// A file is read later; that it has a name can be seen now.
+template <std::string Options::*file>
+void fileIs(Options& options, std::string_view name) {
+  if (name.empty()) {
+    throw Cli::CommandError{"read an empty word, expected the name of a file"};
+  }
+  options.*file = name;
+}
+
+template <bool Options::*flag>
+void flagIs(Options& options, std::string_view /*argument*/) {
+  options.*flag = true;
+}
+
+constexpr std::array words{
+    Word{"--listen", "HOST:PORT", addressIs},
+    Word{"--device-id", "N",
+         [](Options& options, std::string_view text) {
+           options.service.device = Cli::parseNumber<std::uint64_t>(text, "--device-id");
+         }},
+    Word{"--config", "FILE", fileIs<&Options::config>},
+    Word{"--p4info", "FILE", fileIs<&Options::p4info>},
+    Word{"--write-timeout", "MS",
+         [](Options& options, std::string_view text) {
+           options.writeTimeout = std::chrono::milliseconds{
+               Cli::parseNumber<std::uint32_t>(text, "--write-timeout", longestTimeoutMs)};
+         }},
+    Word{"--max-error-details", "BYTES",
+         [](Options& options, std::string_view text) {
+           options.service.mostErrorDetails =
+               Cli::parseNumber<std::uint32_t>(text, "--max-error-details");
+         }},
+    Word{"--tls-cert", "FILE", fileIs<&Options::tlsCertificate>},
+    Word{"--tls-key", "FILE", fileIs<&Options::tlsKey>},
+    Word{"--client-ca", "FILE", fileIs<&Options::clientRoots>},
+    Word{"--insecure", "", flagIs<&Options::insecure>},
+    Word{"--console", "", [](Options& options, std::string_view) { options.console = true; }},
+    Word{"--no-console", "", [](Options& options, std::string_view) { options.console = false; }},
+    Word{"--json", "", flagIs<&Options::json>},
+    Word{"--shm", "NAME",
+         [](Options& options, std::string_view name) {
+           if (const std::string fault = Sim::sharedNameFault(name); !fault.empty()) {
+             throw Cli::CommandError{"read --shm " + Cli::quoted(name) + ", " + fault};
+           }
+           options.shm = name;
+         }},
+    Word{"--help", "", flagIs<&Options::help>},
+    Word{"--version", "", flagIs<&Options::version>},
+};
+
+constexpr std::string_view usageText =
+    R"(Usage: ostra-p4rt [options]
+
+A switch that P4Runtime controllers program: the embedded switch behind a P4Runtime 1.4.1 server. It runs
+until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and ends.
+
+  --listen HOST:PORT     where to listen; 127.0.0.1:9559 if not given, port 0 for any free one
+  --device-id N          the device that controllers name; 1 if not given
+  --config FILE          play the commands of the FILE first: ports, encapsulations, hw ...
+  --p4info FILE          a P4Info, in text form, that is checked and offered to whoever starts a controller;
+                         a controller sets its own
+  --write-timeout MS     how long the hardware may take to answer a Write; 5000 if not given
+  --max-error-details BYTES
+                         how long the details of a failed RPC may be; 7900 if not given, since clients
+                         accept 8 KiB of metadata if nobody tells them otherwise
+  --tls-cert FILE, --tls-key FILE
+                         the server's certificate and its key (PEM): serve over TLS
+  --client-ca FILE       serve only clients with a certificate that one of these has signed (PEM)
+  --insecure             listen beyond this machine without TLS
+  --console, --no-console
+                         read commands of ostra-sim from standard input; on a terminal this is the default
+  --json                 print JSON, one object a line, in place of text
+  --shm NAME             keep the tables and the trace ring in named shared memory, where
+                         'ostra-show NAME' reads them
+  --help                 print this
+  --version              print the version
+
+Exit status: 0 after a shutdown, 2 for options or a FILE that make no sense, 1 for other failures.
+)";
+
+// Throws UsageError when options do not go together.
+void check(const Options& options) {
+  if (options.tlsCertificate.empty() != options.tlsKey.empty()) {
+    throw Cli::UsageError{"read one of --tls-cert and --tls-key, expected both"};
+  }
+  if (!options.clientRoots.empty() && options.tlsKey.empty()) {
+    throw Cli::UsageError{"read --client-ca, expected --tls-cert and --tls-key with it"};
+  }
+  if (options.insecure && !options.tlsKey.empty()) {
+    throw Cli::UsageError{"read --insecure and --tls-key, expected one of them"};
+  }
+  if (!options.address.loopback() && options.tlsKey.empty() && !options.insecure) {
+    throw Cli::UsageError{"--listen " + options.address.text() +
+                          " can be reached from other machines: expected --tls-cert and --tls-key, "
+                          "or --insecure to let anybody in"};
+  }
+}
+
+}  // namespace
+
+Options parseOptions(std::span<const char* const> arguments) {
+  Options options;
+  while (!arguments.empty()) {
+    arguments = arguments.subspan(Cli::applyOption(arguments, words, "an option", options));
+  }
+  if (!options.help && !options.version) {
+    check(options);
+  }
+  return options;
+}
+
+std::string_view usage() noexcept { return usageText; }
+
+}  // namespace P4rt
