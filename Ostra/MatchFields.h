@@ -1,34 +1,93 @@
 // The match fields of a flow entry: one line each, and nowhere else.
 //
-// A line gives the accessor in OstraKey, the type of value and mask, the name in the P4 program, and the
-// rule by which the field becomes part of the Corvex match (the rules stand in Ostra/MatchTranslation.h).
-// Storage, text form, parser, translation and the names that ostra-sim reads follow from the line. The
-// order is that of the key: where several fields share a Corvex field, a later one overwrites.
+// A line gives
+// - the accessor in OstraKey,
+// - the type of value and mask,
+// - the name in the P4 program,
+// - the width in bits (MatchWidth): an exact mask has all of them, and an IP address of 32 bits is IPv4,
+// - what else the entry must match (MatchNeeds) so that the field may be constrained,
+// - the rule by which the field becomes part of the Corvex match (Ostra/MatchTranslation.cpp).
+// Storage, text form, parser, checks, translation and the names that ostra-sim reads follow from the line.
+// The order is that of the key: where several fields share a Corvex field, a later one overwrites.
 #pragma once
 
-#define OSTRA_MATCH_FIELDS(FIELD)                                                         \
-  FIELD(ingressPort, P4Runtime::P4PortId, "ingress_port", IngressPort)                    \
-  FIELD(egressPort, P4Runtime::P4PortId, "egress_port", EgressPort)                       \
-  FIELD(ethSrc, Korm::EthAddr, "hdr.ethernet.src_addr", Plain<&Match::ethSrc>)            \
-  FIELD(ethDst, Korm::EthAddr, "hdr.ethernet.dst_addr", Plain<&Match::ethDst>)            \
-  FIELD(etherType, std::uint16_t, "hdr.ethernet.ether_type", Plain<&Match::etherType>)    \
-  FIELD(vlanId, std::uint16_t, "local_metadata.vlan_id", VlanId)                          \
-  FIELD(ip4Src, Korm::IpAddr, "hdr.ipv4_base.src_addr", Ip4<&Match::ipSrc>)               \
-  FIELD(ip4Dst, Korm::IpAddr, "hdr.ipv4_base.dst_addr", Ip4<&Match::ipDst>)               \
-  FIELD(ip4Dscp, std::uint8_t, "hdr.ipv4_base.dscp", Shifted<&Match::tos, dscpShift>)     \
-  FIELD(ip4Protocol, std::uint8_t, "hdr.ipv4_base.protocol", Plain<&Match::ipProto>)      \
-  FIELD(ip4Ttl, std::uint8_t, "hdr.ipv4_base.ttl", Plain<&Match::ttl>)                    \
-  FIELD(ip6Src, Korm::IpAddr, "hdr.ipv6_base.src_addr", Ip6<&Match::ip6Src>)              \
-  FIELD(ip6Dst, Korm::IpAddr, "hdr.ipv6_base.dst_addr", Ip6<&Match::ip6Dst>)              \
-  FIELD(ip6Dscp, std::uint8_t, "hdr.ipv6_base.dscp", Shifted<&Match::tos, dscpShift>)     \
-  FIELD(ip6NextHeader, std::uint8_t, "hdr.ipv6_base.next_header", Plain<&Match::ipProto>) \
-  FIELD(ip6HopLimit, std::uint8_t, "hdr.ipv6_base.hop_limit", Plain<&Match::ttl>)         \
-  FIELD(arpTarget, Korm::IpAddr, "hdr.arp.target_proto_addr", Ip4<&Match::arpTargetAddr>) \
-  FIELD(icmpType, std::uint8_t, "hdr.icmp.type", Plain<&Match::icmpType>)                 \
-  FIELD(dscp, std::uint8_t, "local_metadata.dscp", Shifted<&Match::tos, dscpShift>)       \
-  FIELD(nextHeader, std::uint8_t, "local_metadata.next_header", Plain<&Match::ipProto>)   \
-  FIELD(hopLimit, std::uint8_t, "local_metadata.hop_limit", Plain<&Match::ttl>)           \
-  FIELD(l4SrcPort, std::uint16_t, "local_metadata.l4_src_port", Plain<&Match::l4SrcPort>) \
-  FIELD(l4DstPort, std::uint16_t, "local_metadata.l4_dst_port", Plain<&Match::l4DstPort>) \
-  FIELD(innerL3Data, std::uint8_t, "local_metadata.inner_l3_data", InnerL3Data)           \
-  FIELD(isIpPacket, bool, "local_metadata.isIpPacket", IsIpPacket)
+#include <concepts>
+#include <cstdint>
+#include <limits>
+#include <string_view>
+
+namespace Ostra {
+
+// What an entry must match, too, so that a field may be constrained. The ether types must be exact: the
+// hardware must know which header it looks at, and the is-IP-packet flag does not say it. In the order in
+// which the needs are checked.
+enum class MatchNeeds : std::uint8_t {
+  ip6_,       // ether type 0x86DD
+  ip4_,       // ether type 0x0800
+  arp_,       // ether type 0x0806
+  ip4OrIp6_,  // one of the first two
+  ipPacket_,  // one of the first two, or the is-IP-packet flag
+  none_,
+};
+
+// How many bits of a field's value and mask there are.
+struct MatchWidth {
+  constexpr MatchWidth(unsigned count) noexcept
+      : bits{count} {}  // NOLINT(google-explicit-constructor)
+
+  // The mask of an exact value in a field that is stored as a T.
+  template <std::unsigned_integral T>
+  [[nodiscard]] constexpr T allOnes() const noexcept {
+    return static_cast<T>(std::numeric_limits<T>::max() >> (std::numeric_limits<T>::digits - bits));
+  }
+
+  unsigned bits;
+  // The translation refuses a value that has more, in words of its own; nobody else should.
+  bool checkedByTranslation = false;
+};
+
+constexpr MatchWidth checkedByTranslation(unsigned bits) noexcept {
+  MatchWidth width = bits;
+  width.checkedByTranslation = true;
+  return width;
+}
+
+// What a line says to those who do not translate.
+struct MatchFieldInfo {
+  std::string_view name;
+  MatchWidth width;
+  MatchNeeds needs;
+};
+
+}  // namespace Ostra
+
+#define OSTRA_MATCH_FIELDS(FIELD)                                                                  \
+  FIELD(ingressPort, P4Runtime::P4PortId, "ingress_port", 32, none_, Port)                         \
+  FIELD(egressPort, P4Runtime::P4PortId, "egress_port", 32, none_, Port)                           \
+  FIELD(ethSrc, Korm::EthAddr, "hdr.ethernet.src_addr", 48, none_, To<&Match::ethSrcIs>)           \
+  FIELD(ethDst, Korm::EthAddr, "hdr.ethernet.dst_addr", 48, none_, To<&Match::ethDstIs>)           \
+  FIELD(etherType, std::uint16_t, "hdr.ethernet.ether_type", 16, none_, To<&Match::etherTypeIs>)   \
+  FIELD(vlanId, std::uint16_t, "local_metadata.vlan_id", checkedByTranslation(12), none_, Vlan)    \
+  FIELD(ip4Src, Korm::IpAddr, "hdr.ipv4_base.src_addr", 32, ip4_, Ip4<&Match::ipSrcIs>)            \
+  FIELD(ip4Dst, Korm::IpAddr, "hdr.ipv4_base.dst_addr", 32, ip4_, Ip4<&Match::ipDstIs>)            \
+  FIELD(ip4Dscp, std::uint8_t, "hdr.ipv4_base.dscp", 6, none_, Dscp)                               \
+  FIELD(ip4Protocol, std::uint8_t, "hdr.ipv4_base.protocol", 8, none_, To<&Match::ipProtoIs>)      \
+  FIELD(ip4Ttl, std::uint8_t, "hdr.ipv4_base.ttl", 8, none_, To<&Match::ttlIs>)                    \
+  FIELD(ip6Src, Korm::IpAddr, "hdr.ipv6_base.src_addr", 128, ip6_, Ip6<&Match::ip6SrcIs>)          \
+  FIELD(ip6Dst, Korm::IpAddr, "hdr.ipv6_base.dst_addr", 128, ip6_, Ip6<&Match::ip6DstIs>)          \
+  FIELD(ip6Dscp, std::uint8_t, "hdr.ipv6_base.dscp", 6, none_, Dscp)                               \
+  FIELD(ip6NextHeader, std::uint8_t, "hdr.ipv6_base.next_header", 8, none_, To<&Match::ipProtoIs>) \
+  FIELD(ip6HopLimit, std::uint8_t, "hdr.ipv6_base.hop_limit", 8, none_, To<&Match::ttlIs>)         \
+  FIELD(arpTarget, Korm::IpAddr, "hdr.arp.target_proto_addr", 32, arp_,                            \
+        Ip4<&Match::arpTargetAddrIs>)                                                              \
+  FIELD(icmpType, std::uint8_t, "hdr.icmp.type", 8, ip4OrIp6_, To<&Match::icmpTypeIs>)             \
+  FIELD(dscp, std::uint8_t, "local_metadata.dscp", 6, ipPacket_, Dscp)                             \
+  FIELD(nextHeader, std::uint8_t, "local_metadata.next_header", 8, ipPacket_,                      \
+        To<&Match::ipProtoIs>)                                                                     \
+  FIELD(hopLimit, std::uint8_t, "local_metadata.hop_limit", 8, ipPacket_, To<&Match::ttlIs>)       \
+  FIELD(l4SrcPort, std::uint16_t, "local_metadata.l4_src_port", 16, none_,                         \
+        To<&Match::l4SrcPortIs>)                                                                   \
+  FIELD(l4DstPort, std::uint16_t, "local_metadata.l4_dst_port", 16, none_,                         \
+        To<&Match::l4DstPortIs>)                                                                   \
+  FIELD(innerL3Data, std::uint8_t, "local_metadata.inner_l3_data", 8, none_, InnerL3Data)          \
+  FIELD(isIpPacket, bool, "local_metadata.isIpPacket", 1, none_, IsIpPacket)

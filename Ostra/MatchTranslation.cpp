@@ -34,72 +34,46 @@ constexpr unsigned dscpShift = 2;
 // The inner layer-3 byte's place in the inner data.
 constexpr unsigned innerL3Shift = 16;
 
-// The Match::Field of a member of Match.
-template <auto member>
-consteval Match::Field fieldOf() {
-  return std::apply(
-      [](const auto&... info) {
-        Match::Field field{};
-        const auto consider = [&field](const auto& candidate) {
-          if constexpr (std::is_same_v<decltype(candidate.member), decltype(member)>) {
-            if (candidate.member == member) {
-              field = candidate.field;
-            }
-          }
-        };
-        (consider(info), ...);
-        return field;
-      },
-      OpenFlowTable::matchFields);
-}
-
-template <auto member, class T>
-void put(Match& match, const T& value, const T& mask) {
-  match.*member = {value, mask};
-  match.hasIs(fieldOf<member>(), true);
-}
-
 // The rules: how a constrained field becomes part of the Corvex match.
 
-template <auto member>
-struct Plain {
+template <auto setter>
+struct To {
   template <class T>
   static void apply(Match& match, const MatchField<T>& field) {
-    put<member>(match, field.value, field.mask);
+    (match.*setter)(field.value, field.mask);
   }
 };
 
-template <auto member, unsigned shift>
-struct Shifted {
+struct Dscp {
   static void apply(Match& match, const MatchField<std::uint8_t>& field) {
-    put<member>(match, static_cast<std::uint8_t>(field.value << shift),
-                static_cast<std::uint8_t>(field.mask << shift));
+    match.tosIs(static_cast<std::uint8_t>(field.value << dscpShift),
+                static_cast<std::uint8_t>(field.mask << dscpShift));
   }
 };
 
-template <auto member>
+template <auto setter>
 struct Ip4 {
   static void apply(Match& match, const MatchField<Korm::IpAddr>& field) {
     const Korm::Ip4Addr address = field.value.ip4();
     traceIp(address);
-    put<member>(match, address, field.mask.ip4());
+    (match.*setter)(address, field.mask.ip4());
   }
 };
 
-template <auto member>
+template <auto setter>
 struct Ip6 {
   static void apply(Match& match, const MatchField<Korm::IpAddr>& field) {
     const Korm::Ip6Addr address = field.value.ip6();
     traceIp6(address);
-    put<member>(match, address, field.mask.ip6());
+    (match.*setter)(address, field.mask.ip6());
   }
 };
 
-struct VlanId {
+struct Vlan {
   static void apply(Match& match, const MatchField<std::uint16_t>& field) {
     const Bridging::VlanIdOrNone value{field.value};
     const Bridging::VlanIdOrAnyOrNone mask{field.mask};
-    put<&Match::vlanId>(match, value.value(), mask.value());
+    match.vlanIdIs(value.value(), mask.value());
   }
 };
 
@@ -107,16 +81,15 @@ struct InnerL3Data {
   static void apply(Match& match, const MatchField<std::uint8_t>& field) {
     traceInnerL3Data(field.value);
     const Masked<std::uint32_t>& present = match.innerData;
-    put<&Match::innerData>(match, present.value | std::uint32_t{field.value} << innerL3Shift,
-                           present.mask | std::uint32_t{field.mask} << innerL3Shift);
+    match.innerDataIs(present.value | std::uint32_t{field.value} << innerL3Shift,
+                      present.mask | std::uint32_t{field.mask} << innerL3Shift);
   }
 };
 
 struct IsIpPacket {
   static void apply(Match& match, const MatchField<bool>& field) {
     traceIsIpPacket(field.given, field.mask);
-    match.l3PacketType = field.value ? L3PacketType::ip_ : L3PacketType::nonIp_;
-    match.hasIs(Match::Field::l3PacketType_, true);
+    match.l3PacketTypeIs(field.value ? L3PacketType::ip_ : L3PacketType::nonIp_, true);
   }
 };
 
@@ -124,20 +97,20 @@ struct IsIpPacket {
 struct Port {
   static void apply(Match& /*match*/, const MatchField<P4Runtime::P4PortId>& /*field*/) {}
 };
-using IngressPort = Port;
-using EgressPort = Port;
+
+// The rules by MatchFieldId. `void` stands behind the last comma.
+#define OSTRA_FIELD_RULE(member, Type, name, width, needs, ...) __VA_ARGS__,
+using Rules = std::tuple<OSTRA_MATCH_FIELDS(OSTRA_FIELD_RULE) void>;
+#undef OSTRA_FIELD_RULE
 
 }  // namespace
 
 void copyMatchFields(const OstraKey& key, Match& match) {
-#define OSTRA_FIELD_COPY(member, Type, name, ...)                           \
-  if (key.given(MatchFieldId::member##_)) {                                 \
-    if (const MatchField<Type> field = key.member(); field.constrained()) { \
-      __VA_ARGS__::apply(match, field);                                     \
-    }                                                                       \
-  }
-  OSTRA_MATCH_FIELDS(OSTRA_FIELD_COPY)
-#undef OSTRA_FIELD_COPY
+  key.forEachGiven([&match](auto id, const auto& field) {
+    if (field.constrained()) {
+      std::tuple_element_t<static_cast<std::size_t>(id.value), Rules>::apply(match, field);
+    }
+  });
 }
 
 void maybeUpdateFlowMatch(OpenFlowTable::TableType tableType,
@@ -151,8 +124,8 @@ void maybeUpdateFlowMatch(OpenFlowTable::TableType tableType,
       !EtherType::isIp(etherType)) {
     return;
   }
-  match.l3PacketType = etherType == EtherType::ipv4 ? L3PacketType::ipv4_ : L3PacketType::ipv6_;
-  match.hasIs(Match::Field::l3PacketType_, true);
+  match.l3PacketTypeIs(etherType == EtherType::ipv4 ? L3PacketType::ipv4_ : L3PacketType::ipv6_,
+                       true);
   traceReplace(etherType, match.l3PacketType);
   match.etherType = {0, EtherType::exactMask};
   match.hasIs(Match::Field::etherType_, false);

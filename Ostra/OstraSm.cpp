@@ -50,6 +50,17 @@ constinit Brisklog::TracePoint traceRootStatus{traceHandle, routine, scope, vrfC
 constinit Brisklog::TracePoint traceNoRoot{traceHandle, anomaly, scope, vrfChange,
                                            " no rootStatus for entryHandle:%s"};
 
+// Copies the plain actions that are present, from `first` up to, not including, `last`.
+template <Action first, Action last>
+void copyActions(const OpenFlowTable::Actions& given, OpenFlowTable::Actions& actions) {
+  OpenFlowTable::forEachAction([&](auto action) {
+    if constexpr (action >= first && action < last &&
+                  OpenFlowTable::actionInfo(action).rule == OpenFlowTable::ActionRule::copied_) {
+      actions.take<action>(given);
+    }
+  });
+}
+
 const Korm::String ingressPortName = "ingress port-id";
 const Korm::String egressPortName = "egress port-id";
 
@@ -220,33 +231,12 @@ void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
   copyMatchFields(key, match);
 }
 
-// The order decides what a failure leaves behind: everything before the VRF leaves nothing.
+// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing. The plain
+// actions whose lines stand before the output action are copied before that, the others after it.
 void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry,
                            OpenFlowTable::Actions& actions) {
-  const OpenFlowTable::Actions& given = entry.actions;
-  const OpenFlowTable::ActionSet& set = entry.actionSet();
-  if (set.has(Action::trafficClass_)) {
-    actions.trafficClassIs(OpenFlowTable::TrafficClass{given.trafficClass()}, true);
-  }
-  actions.dropIs(set.has(Action::drop_));
-  actions.copyToCpuIs(set.has(Action::copyToCpu_));
-  actions.decTtlIs(set.has(Action::decTtl_));
-  if (set.has(Action::setDscp_)) {
-    actions.setDscpIs(given.setDscp(), true);
-  }
-  if (set.has(Action::setEthSrc_)) {
-    actions.setEthSrcIs(given.setEthSrc(), true);
-  }
-  if (set.has(Action::setEthDst_)) {
-    actions.setEthDstIs(given.setEthDst(), true);
-  }
-  if (set.has(Action::ingrMirrorIntf_)) {
-    actions.ingrMirrorIntfIs(given.ingrMirrorIntf(), true);
-  }
-  if (set.has(Action::egrMirrorIntf_)) {
-    actions.egrMirrorIntfIs(given.egrMirrorIntf(), true);
-  }
-  if (set.has(Action::outputIntf_)) {
+  copyActions<Action{}, Action::outputIntf_>(entry.actions, actions);
+  if (entry.outputGiven()) {
     validationHelper_->validatePortId(entry.entryHandle, entry.outputPort, egressPortName);
     const Interface::IntfId intf = p4RtPortMappingStatus_->p4PortIdToIntfId(entry.outputPort);
     traceOutput(entry.outputPort, intf);
@@ -260,12 +250,7 @@ void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraC
   }
   traceVlan(entry.vlanId, actions.vlanId());
   handleVrfChange(key, hash, entry.vrfGiven, entry.vrfId, entry.entryHandle);
-  if (set.has(Action::policer_)) {
-    actions.policerIs(given.policer(), true);
-  }
-  if (set.has(Action::cpuTrafficClass_)) {
-    actions.cpuTrafficClassIs(OpenFlowTable::TrafficClass{given.cpuTrafficClass()}, true);
-  }
+  copyActions<Action::outputIntf_, Action::count_>(entry.actions, actions);
   if (entry.memberGiven) {
     actions.groupIs(memberGroupId(entry.memberId), true);
   }

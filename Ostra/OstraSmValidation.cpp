@@ -1,6 +1,8 @@
 // The checks of the flow state machine.
 
+#include <algorithm>
 #include <array>
+#include <optional>
 
 #include "Ostra/EtherType.h"
 #include "Ostra/OstraSm.h"
@@ -65,49 +67,66 @@ const IpVerdict& ipVerdict(const MatchField<std::uint16_t>& etherType,
   Korm::assertionFailed("false", Korm::sourceUnit(__builtin_FILE()), __builtin_LINE());
 }
 
-// What must be exact for a field to be constrained.
-enum class Needs : std::uint8_t { ip4_, ip6_, arp_, ip4OrIp6_, ipOnly_ };
+constexpr std::size_t needyFieldCount = static_cast<std::size_t>(
+    std::count_if(detail::matchFieldInfos.begin(), detail::matchFieldInfos.end(),
+                  [](const auto& info) { return info.needs != MatchNeeds::none_; }));
 
-struct FieldCheck {
-  MatchFieldId field;
-  bool (*constrained)(const OstraKey& key);
-  Needs needs;
-};
+// The fields that need something, in the order of the checks: by what they need, then by name. The first
+// one that breaks its condition is the one reported.
+constexpr auto needyFields = [] {
+  std::array<MatchFieldId, needyFieldCount> fields{};
+  std::size_t count = 0;
+  for (unsigned number = 0; number < static_cast<unsigned>(MatchFieldId::count_); ++number) {
+    const auto field = static_cast<MatchFieldId>(number);
+    if (matchFieldInfo(field).needs != MatchNeeds::none_) {
+      fields[count++] = field;
+    }
+  }
+  std::sort(fields.begin(), fields.end(), [](MatchFieldId a, MatchFieldId b) {
+    const MatchFieldInfo& first = matchFieldInfo(a);
+    const MatchFieldInfo& second = matchFieldInfo(b);
+    return first.needs != second.needs ? first.needs < second.needs : first.name < second.name;
+  });
+  return fields;
+}();
 
-template <auto accessor>
-bool isConstrained(const OstraKey& key) {
-  return (key.*accessor)().constrained();
-}
-
-// In the order of the checks: the first field that breaks its condition is the one reported. The flag
-// alone does not do for those that need an ether type: the hardware must know which header it looks at.
-constexpr std::array<FieldCheck, 9> fieldChecks{{
-    {MatchFieldId::ip6Dst_, isConstrained<&OstraKey::ip6Dst>, Needs::ip6_},
-    {MatchFieldId::ip6Src_, isConstrained<&OstraKey::ip6Src>, Needs::ip6_},
-    {MatchFieldId::ip4Dst_, isConstrained<&OstraKey::ip4Dst>, Needs::ip4_},
-    {MatchFieldId::ip4Src_, isConstrained<&OstraKey::ip4Src>, Needs::ip4_},
-    {MatchFieldId::arpTarget_, isConstrained<&OstraKey::arpTarget>, Needs::arp_},
-    {MatchFieldId::icmpType_, isConstrained<&OstraKey::icmpType>, Needs::ip4OrIp6_},
-    {MatchFieldId::dscp_, isConstrained<&OstraKey::dscp>, Needs::ipOnly_},
-    {MatchFieldId::hopLimit_, isConstrained<&OstraKey::hopLimit>, Needs::ipOnly_},
-    {MatchFieldId::nextHeader_, isConstrained<&OstraKey::nextHeader>, Needs::ipOnly_},
-}};
-
-bool isMet(Needs needs, const MatchField<std::uint16_t>& etherType, bool isIp) noexcept {
+bool isMet(MatchNeeds needs, const MatchField<std::uint16_t>& etherType, bool isIp) noexcept {
   const bool exact = etherType.constrained();
   switch (needs) {
-    case Needs::ip4_:
+    case MatchNeeds::ip4_:
       return exact && etherType.value == EtherType::ipv4;
-    case Needs::ip6_:
+    case MatchNeeds::ip6_:
       return exact && etherType.value == EtherType::ipv6;
-    case Needs::arp_:
+    case MatchNeeds::arp_:
       return exact && etherType.value == EtherType::arp;
-    case Needs::ip4OrIp6_:
+    case MatchNeeds::ip4OrIp6_:
       return exact && EtherType::isIp(etherType.value);
-    case Needs::ipOnly_:
+    case MatchNeeds::ipPacket_:
+      return isIp;
+    case MatchNeeds::none_:
       break;
   }
-  return isIp;
+  return true;
+}
+
+// Whether the address is of that family, or of none, which stands for zero.
+bool isOf(Korm::AddressFamily family, const Korm::IpAddr& address) noexcept {
+  return address.family() == family || address.family() == Korm::AddressFamily::none_;
+}
+
+// The first constrained field with an address of the other family.
+std::optional<MatchFieldId> fieldOfWrongFamily(const OstraKey& key) {
+  std::optional<MatchFieldId> wrong;
+  key.forEachGiven([&wrong](auto id, const auto& field) {
+    if constexpr (std::is_same_v<std::remove_cvref_t<decltype(field.value)>, Korm::IpAddr>) {
+      constexpr Korm::AddressFamily family = addressFamily(id);
+      if (!wrong && field.constrained() &&
+          !(isOf(family, field.value) && isOf(family, field.mask))) {
+        wrong = id;
+      }
+    }
+  });
+  return wrong;
 }
 
 }  // namespace
@@ -124,16 +143,23 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
   if (verdict.reason == nullptr) {
     validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, isIpPacketName);
   }
-  for (const FieldCheck& check : fieldChecks) {
-    if (!key.given(check.field) || !check.constrained(key) ||
-        isMet(check.needs, etherType, verdict.isIp)) {
+  for (const MatchFieldId field : needyFields) {
+    const MatchNeeds needs = matchFieldInfo(field).needs;
+    if (isMet(needs, etherType, verdict.isIp) || !key.constrained(field)) {
       continue;
     }
-    const char* const field = matchFieldName(check.field);
-    if (check.needs == Needs::ipOnly_) {
-      validationHelper_->throwNotAllowedEntryBehavior(handle, verdict.reason, field);
+    if (needs == MatchNeeds::ipPacket_) {
+      validationHelper_->throwNotAllowedEntryBehavior(handle, verdict.reason,
+                                                      matchFieldName(field));
     }
-    validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, field);
+    validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, matchFieldName(field));
+  }
+  if (const auto field = fieldOfWrongFamily(key)) {
+    const char* const family =
+        addressFamily(*field) == Korm::AddressFamily::ipv4_ ? "an IPv4" : "an IPv6";
+    validationHelper_->throwEntryErrorException(
+        handle, ErrorCode::invalidArgument_,
+        Korm::String{matchFieldName(*field)} + " should be " + family + " address");
   }
 }
 

@@ -70,19 +70,20 @@ OstraKey::OstraKey(std::string::const_iterator& current, std::string::const_iter
       reader.unsignedAttribute("priorityGroupType", std::numeric_limits<std::uint32_t>::max()));
   reader.literal(", 'priority': ");
   priority_ = static_cast<std::int32_t>(reader.signedAttribute("priority", least, most));
-#define OSTRA_FIELD_READ(member, Type, name, ...)   \
-  if (reader.maybeLiteral(", '" name "': ")) {      \
-    const bool isGiven = !reader.maybeLiteral("!"); \
-    reader.literal("'");                            \
-    const Type value = read<Type>(reader, name);    \
-    reader.literal("&");                            \
-    const Type mask = read<Type>(reader, name);     \
-    reader.literal("'");                            \
-    member##Is(value, mask);                        \
-    givenIs(MatchFieldId::member##_, isGiven);      \
-  }
-  OSTRA_MATCH_FIELDS(OSTRA_FIELD_READ)
-#undef OSTRA_FIELD_READ
+  forEachField([&](auto id, const auto& field, auto put) {
+    using T = std::remove_cvref_t<decltype(field.value)>;
+    const std::string name = matchFieldName(id);
+    if (reader.maybeLiteral(", '" + name + "': ")) {
+      const bool isGiven = !reader.maybeLiteral("!");
+      reader.literal("'");
+      const T value = read<T>(reader, name);
+      reader.literal("&");
+      const T mask = read<T>(reader, name);
+      reader.literal("'");
+      put(value, mask);
+      givenIs(id, isGiven);
+    }
+  });
   reader.literal("})");
   if (const std::string printed = valueToStrep();
       !std::equal(start, current, printed.begin(), printed.end())) {

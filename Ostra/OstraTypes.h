@@ -20,6 +20,7 @@
 #include "platform/Korm/BoundedValue.h"
 #include "platform/Korm/Entity.h"
 #include "platform/Korm/Hash.h"
+#include "platform/Korm/Packed.h"
 #include "platform/KormVasta/TableEntity.h"
 #include "platform/OpenFlowTable/Actions.h"
 #include "platform/OpenFlowTable/Types.h"
@@ -48,26 +49,6 @@ template <class T>
   }
 }
 
-// A value and a mask at any offset, so that fields of all widths stand side by side without padding.
-template <class T>
-struct PackedMatch {
-  [[nodiscard]] T value() const noexcept { return load(0); }
-  [[nodiscard]] T mask() const noexcept { return load(sizeof(T)); }
-  void set(const T& value, const T& mask) noexcept {
-    std::memcpy(bytes.data(), &value, sizeof(T));
-    std::memcpy(bytes.data() + sizeof(T), &mask, sizeof(T));
-  }
-
-  std::array<std::byte, 2 * sizeof(T)> bytes{};
-
- private:
-  [[nodiscard]] T load(std::size_t at) const noexcept {
-    std::array<std::byte, sizeof(T)> raw;
-    std::memcpy(raw.data(), bytes.data() + at, sizeof(T));
-    return std::bit_cast<T>(raw);
-  }
-};
-
 }  // namespace detail
 
 // The place of one flow table among the status tables.
@@ -87,17 +68,37 @@ struct MatchField {
 };
 
 // The match fields by number, in the order of the key.
-#define OSTRA_FIELD_NUMBER(member, Type, name, ...) member##_,
+#define OSTRA_FIELD_NUMBER(member, ...) member##_,
 enum class MatchFieldId : std::uint8_t { OSTRA_MATCH_FIELDS(OSTRA_FIELD_NUMBER) count_ };
 #undef OSTRA_FIELD_NUMBER
 
+namespace detail {
+#define OSTRA_FIELD_INFO(member, Type, name, width, needs, ...) \
+  MatchFieldInfo{name, width, MatchNeeds::needs},
+inline constexpr std::array matchFieldInfos{OSTRA_MATCH_FIELDS(OSTRA_FIELD_INFO)};
+#undef OSTRA_FIELD_INFO
+}  // namespace detail
+
+[[nodiscard]] constexpr const MatchFieldInfo& matchFieldInfo(MatchFieldId field) noexcept {
+  return detail::matchFieldInfos[static_cast<std::size_t>(field)];
+}
 // The field's name in the P4 program.
 [[nodiscard]] constexpr const char* matchFieldName(MatchFieldId field) noexcept {
-#define OSTRA_FIELD_NAME(member, Type, name, ...) name,
-  constexpr std::array names{OSTRA_MATCH_FIELDS(OSTRA_FIELD_NAME)};
-#undef OSTRA_FIELD_NAME
-  return names[static_cast<std::size_t>(field)];
+  return matchFieldInfo(field).name.data();  // of a literal, so there is a zero behind it
 }
+// The family of the addresses that an address field holds.
+[[nodiscard]] constexpr Korm::AddressFamily addressFamily(MatchFieldId field) noexcept {
+  return matchFieldInfo(field).width.bits == 32 ? Korm::AddressFamily::ipv4_
+                                                : Korm::AddressFamily::ipv6_;
+}
+
+// A field that is known when the visitor is compiled; converts to its number and to its name.
+template <MatchFieldId field>
+struct MatchFieldTag : std::integral_constant<MatchFieldId, field> {
+  constexpr operator std::string_view() const noexcept {  // NOLINT(google-explicit-constructor)
+    return matchFieldInfo(field).name;
+  }
+};
 
 // Identifies one flow entry by its whole match and its placement. Two entries with the same match and
 // placement are the same flow. The default key is all zero: nothing is given.
@@ -119,19 +120,36 @@ class OstraKey {
   [[nodiscard]] std::int32_t priority() const noexcept { return priority_; }
   void priorityIs(std::int32_t priority) noexcept { priority_ = priority; }
 
-#define OSTRA_FIELD_ACCESSORS(member, Type, name, ...)                            \
-  [[nodiscard]] MatchField<Type> member() const noexcept {                        \
-    return {member##_.value(), member##_.mask(), given(MatchFieldId::member##_)}; \
-  }                                                                               \
-  void member##Is(const Type& value, const Type& mask) noexcept {                 \
-    member##_.set(value, mask);                                                   \
-    givenIs(MatchFieldId::member##_, true);                                       \
+#define OSTRA_FIELD_ACCESSORS(member, Type, ...)                                              \
+  [[nodiscard]] MatchField<Type> member() const noexcept {                                    \
+    return {member##_.value.value(), member##_.mask.value(), given(MatchFieldId::member##_)}; \
+  }                                                                                           \
+  void member##Is(const Type& value, const Type& mask) noexcept {                             \
+    member##_.value.valueIs(value);                                                           \
+    member##_.mask.valueIs(mask);                                                             \
+    givenIs(MatchFieldId::member##_, true);                                                   \
   }
   OSTRA_MATCH_FIELDS(OSTRA_FIELD_ACCESSORS)
 #undef OSTRA_FIELD_ACCESSORS
 
   [[nodiscard]] bool given(MatchFieldId field) const noexcept {
     return (given_ >> static_cast<unsigned>(field) & 1U) != 0;
+  }
+  // Given, with a mask that is not a wildcard.
+  [[nodiscard]] bool constrained(MatchFieldId field) const noexcept {
+    if (!given(field)) {
+      return false;
+    }
+    switch (field) {
+#define OSTRA_FIELD_CONSTRAINED(member, ...) \
+  case MatchFieldId::member##_:              \
+    return !detail::isWildcardMask(member##_.mask.value());
+      OSTRA_MATCH_FIELDS(OSTRA_FIELD_CONSTRAINED)
+#undef OSTRA_FIELD_CONSTRAINED
+      case MatchFieldId::count_:
+        break;
+    }
+    return false;
   }
   void givenIs(MatchFieldId field, bool given) noexcept {
     const std::uint32_t bit = 1U << static_cast<unsigned>(field);
@@ -157,28 +175,43 @@ class OstraKey {
   // In the binary trace a key is its hash.
   friend std::uint32_t brisklogArgument(const OstraKey& key) noexcept { return key.hash(0); }
 
-  // Calls visit(name, field) for each match field, in the order of the key.
+  // Calls visit(tag, field) for each match field, in the order of the key. The tag is a MatchFieldTag.
   template <class Visit>
   void forEachField(Visit&& visit) const {
-#define OSTRA_FIELD_VISIT(member, Type, name, ...) visit(std::string_view{name}, member());
+#define OSTRA_FIELD_VISIT(member, ...) visit(MatchFieldTag<MatchFieldId::member##_>{}, member());
     OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
 #undef OSTRA_FIELD_VISIT
   }
-  // Calls visit(name, field, put) for each; put(value, mask) writes the field and makes it given. For
+  // The same for those that are given.
+  template <class Visit>
+  void forEachGiven(Visit&& visit) const {
+#define OSTRA_FIELD_VISIT(member, ...)                         \
+  if (given(MatchFieldId::member##_)) {                        \
+    visit(MatchFieldTag<MatchFieldId::member##_>{}, member()); \
+  }
+    OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
+#undef OSTRA_FIELD_VISIT
+  }
+  // Calls visit(tag, field, put) for each; put(value, mask) writes the field and makes it given. For
   // those who fill a key by name.
   template <class Visit>
   void forEachField(Visit&& visit) {
-#define OSTRA_FIELD_VISIT(member, Type, name, ...) \
-  visit(std::string_view{name}, member(),          \
+#define OSTRA_FIELD_VISIT(member, Type, ...)                \
+  visit(MatchFieldTag<MatchFieldId::member##_>{}, member(), \
         [this](const Type& value, const Type& mask) { member##Is(value, mask); });
     OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
 #undef OSTRA_FIELD_VISIT
   }
 
  private:
+  template <class T>
+  struct PackedMatch {
+    Korm::Packed<T> value;
+    Korm::Packed<T> mask;
+  };
   static constexpr std::size_t matchBytes = [] {
     std::size_t bytes = 0;
-#define OSTRA_FIELD_SIZE(member, Type, name, ...) bytes += sizeof(detail::PackedMatch<Type>);
+#define OSTRA_FIELD_SIZE(member, Type, ...) bytes += sizeof(PackedMatch<Type>);
     OSTRA_MATCH_FIELDS(OSTRA_FIELD_SIZE)
 #undef OSTRA_FIELD_SIZE
     return bytes;
@@ -188,7 +221,7 @@ class OstraKey {
   std::uint32_t priorityGroupType_ = 0;
   std::int32_t priority_ = 0;
   std::uint32_t given_ = 0;  // a bit per MatchFieldId
-#define OSTRA_FIELD_STORAGE(member, Type, name, ...) detail::PackedMatch<Type> member##_;
+#define OSTRA_FIELD_STORAGE(member, Type, ...) PackedMatch<Type> member##_;
   OSTRA_MATCH_FIELDS(OSTRA_FIELD_STORAGE)
 #undef OSTRA_FIELD_STORAGE
   std::array<std::byte, 4 - matchBytes % 4> reserved_{};
@@ -197,9 +230,12 @@ static_assert(std::is_trivially_copyable_v<OstraKey>);
 static_assert(std::has_unique_object_representations_v<OstraKey>);
 static_assert(static_cast<unsigned>(MatchFieldId::count_) <= 32, "a bit of given_ per field");
 
-// One flow entry as the service stores it. Actions stand as the controller gave them: the output action
-// as a P4 port in `outputPort` (present when the action set says so), VRF, VLAN and the ECMP reference
-// beside the action set.
+// One flow entry as the service stores it.
+//
+// What the entry does stands as the controller gave it, and the translation checks it. The plain actions
+// are in `actions`. Those that the switch has to resolve stand beside it, each with a flag that says whether
+// the controller gave it: a port becomes an interface, a member or group becomes a Corvex group. Where both a
+// member and a group are given, the group counts.
 struct OstraConfigEntry {
   using Key = OstraKey;
   static constexpr std::string_view vastaName = "Ostra::OstraConfigEntry";
@@ -208,20 +244,31 @@ struct OstraConfigEntry {
   [[nodiscard]] const OpenFlowTable::ActionSet& actionSet() const noexcept {
     return actions.actionSet();
   }
+  // The port is given, in other words.
+  [[nodiscard]] bool outputGiven() const noexcept {
+    return actions.has(OpenFlowTable::Action::outputIntf_);
+  }
   void outputPortIs(P4Runtime::P4PortId port) noexcept {
     outputPort = port;
     actions.outputIntfIs({}, true);
   }
 
+  // Who the entry is to the service: its results are reported under the handle, and the Corvex flow is
+  // named after it. No two rows that are stored at a time have the same handle, and none has 0.
   P4Runtime::EntryHandle entryHandle;
+  // The plain actions. The output action is present in them, without a value, when `outputPort` is given.
   OpenFlowTable::Actions actions;
+  // A number that travels with the flow to the hardware, as a label for people and counters. The library
+  // passes it on and finds nothing by it; unlike handles, ids may repeat.
   std::uint32_t entryId = 0;
-  P4Runtime::P4PortId outputPort = 0;
-  Vrf::VrfIdMap::VrfId vrfId = 0;
-  P4Runtime::MemberOrGroupId memberId = 0;
-  P4Runtime::MemberOrGroupId groupId = 0;
-  OstraKey flowKey;
-  std::uint16_t vlanId = 0;
+  P4Runtime::P4PortId outputPort = 0;  // see outputGiven()
+  Vrf::VrfIdMap::VrfId vrfId = 0;      // with vrfGiven: the VRF in which the flow lives
+  P4Runtime::MemberOrGroupId memberId =
+      0;  // with memberGiven: the action-profile member to forward to
+  P4Runtime::MemberOrGroupId groupId =
+      0;                     // with groupGiven: the action-profile group to forward to
+  OstraKey flowKey;          // what the flow matches, and its place among the flows
+  std::uint16_t vlanId = 0;  // with vlanGiven: the VLAN to put packets in
   bool vrfGiven = false;
   bool vlanGiven = false;
   bool memberGiven = false;

@@ -53,7 +53,8 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
   entry.entryHandle = std::uint64_t{n} + 1;
   entry.entryId = n + 1;
   entry.outputPortIs(1 + n % ports);
-  entry.actions.uncheckedTrafficClassIs(static_cast<std::uint8_t>(n % 8), n % 2 == 0);
+  entry.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(static_cast<std::uint8_t>(n % 8),
+                                                                  n % 2 == 0);
   entry.vrfGiven = n % 4 == 0;
   entry.vrfId = n % vrfs;
   return entry;

@@ -389,21 +389,10 @@ std::string grammarOf(const Command& command) {
   return command.grammar.empty() ? text : text.append(" ").append(command.grammar);
 }
 
-constexpr std::string_view actionHelp =
-    "\n    ACTION: output=PORT vrf=N vlan=N group=N member=N traffic-class=N cpu-traffic-class=N"
-    "\n      mirror-ingress=INTF mirror-egress=INTF drop copy-to-cpu dec-ttl set-dscp=N"
-    "\n      set-eth-src=MAC set-eth-dst=MAC"
-    "\n      policer=RATE,BURST[,drop-green][,drop-yellow][,drop-red] (kbit/s, bytes)";
-
-// What the words of a flow entry stand for.
-std::string flowGrammar(const Command& command) {
-  std::string text = grammarOf(command) + "\n    VALUE: VALUE, VALUE&MASK or ADDRESS/LENGTH";
-  text += "\n    FIELD:";
-  const Ostra::OstraKey key;
-  key.forEachField([&text](std::string_view name, const auto& /*field*/) {
-    text.append("\n      ").append(name);
-  });
-  return command.grammar.find("->") == std::string_view::npos ? text : text.append(actionHelp);
+// What the words of a command on flow entries stand for; empty for any other command.
+std::string flowGrammarOf(const Command& command) {
+  return command.grammar.starts_with("[table") ? flowGrammar(command.grammar == flowWords)
+                                               : std::string{};
 }
 
 }  // namespace
@@ -427,11 +416,9 @@ std::vector<HelpEntry> takeHelp(Words& words) {
   std::vector<HelpEntry> entries;
   for (const Command& command : table) {
     if (startsWithWords(command.name, prefix)) {
-      entries.push_back({command.name, command.summary,
-                         command.name == prefix && command.name.ends_with(" flow") &&
-                                 command.grammar.starts_with("[table")
-                             ? flowGrammar(command)
-                             : grammarOf(command)});
+      entries.push_back(
+          {command.name, command.summary,
+           grammarOf(command) + (command.name == prefix ? flowGrammarOf(command) : std::string{})});
     }
   }
   return entries;

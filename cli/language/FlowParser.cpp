@@ -7,13 +7,14 @@
 #include <string>
 #include <type_traits>
 
+#include "cli/EntryReferences.h"
 #include "cli/language/ValueWords.h"
-#include "platform/Bridging/Bridging.h"
 
 namespace Cli {
 namespace {
 
 using OpenFlowTable::Actions;
+using Ostra::MatchFieldId;
 using Ostra::OstraConfigEntry;
 using Ostra::OstraKey;
 
@@ -69,84 +70,112 @@ OpenFlowTable::PolicerConfig parsePolicer(std::string_view text, std::string_vie
   return policer;
 }
 
-template <auto setter, auto parse>
-constexpr auto putAction =
-    [](OstraConfigEntry& entry, std::string_view value, std::string_view name) {
-      (entry.actions.*setter)(parse(value, name), true);
-    };
-constexpr auto byte = [](std::string_view text, std::string_view what) {
-  return parseNumber<std::uint8_t>(text, what);
-};
+template <class T>
+T parseValue(std::string_view text, std::string_view name) {
+  if constexpr (std::is_integral_v<T>) {
+    return parseNumber<T>(text, name);
+  } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
+    return parseMac(text, name);
+  } else if constexpr (std::is_same_v<T, Interface::IntfId>) {
+    return parseInterface(text, name);
+  } else {
+    static_assert(std::is_same_v<T, OpenFlowTable::PolicerConfig>, "a type without a syntax");
+    return parsePolicer(text, name);
+  }
+}
 
-// For the values that stand beside the action set, each with a flag of its own.
-template <auto member, auto given>
-constexpr auto putGiven =
-    [](OstraConfigEntry& entry, std::string_view value, std::string_view name) {
-      putNumber<member>(entry, value, name);
-      entry.*given = true;
-    };
+// How the help shows such a value.
+template <class T>
+constexpr std::string_view valueSyntax() {
+  if constexpr (std::is_integral_v<T>) {
+    return "N";
+  } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
+    return "MAC";
+  } else if constexpr (std::is_same_v<T, Interface::IntfId>) {
+    return "INTF";
+  } else {
+    return "RATE,BURST[,drop-green][,drop-yellow][,drop-red] (kbit/s, bytes)";
+  }
+}
 
 using ActionWord = ValueWord<OstraConfigEntry>;
-constexpr std::array actionWords{
-    ActionWord{"output",
-               [](OstraConfigEntry& entry, std::string_view value, std::string_view name) {
-                 entry.outputPortIs(parseNumber<P4Runtime::P4PortId>(value, name));
-               }},
-    ActionWord{"vrf", putGiven<&OstraConfigEntry::vrfId, &OstraConfigEntry::vrfGiven>},
-    ActionWord{"vlan", putGiven<&OstraConfigEntry::vlanId, &OstraConfigEntry::vlanGiven>},
-    ActionWord{"group", putGiven<&OstraConfigEntry::groupId, &OstraConfigEntry::groupGiven>},
-    ActionWord{"member", putGiven<&OstraConfigEntry::memberId, &OstraConfigEntry::memberGiven>},
-    ActionWord{"traffic-class", putAction<&Actions::uncheckedTrafficClassIs, byte>},
-    ActionWord{"cpu-traffic-class", putAction<&Actions::uncheckedCpuTrafficClassIs, byte>},
-    ActionWord{"mirror-ingress", putAction<&Actions::ingrMirrorIntfIs, &parseInterface>},
-    ActionWord{"mirror-egress", putAction<&Actions::egrMirrorIntfIs, &parseInterface>},
-    ActionWord{"set-dscp", putAction<&Actions::setDscpIs, byte>},
-    ActionWord{"set-eth-src", putAction<&Actions::setEthSrcIs, &parseMac>},
-    ActionWord{"set-eth-dst", putAction<&Actions::setEthDstIs, &parseMac>},
-    ActionWord{"policer", putAction<&Actions::policerIs, &parsePolicer>},
-};
 
-struct FlagWord {
-  std::string_view name;
-  void (Actions::*set)(bool present) noexcept;
-};
-constexpr std::array flagWords{
-    FlagWord{"drop", &Actions::dropIs},
-    FlagWord{"copy-to-cpu", &Actions::copyToCpuIs},
-    FlagWord{"dec-ttl", &Actions::decTtlIs},
-};
-
-// A field holds an address of any family; the header that it stands in has one.
-Korm::AddressFamily familyOf(std::string_view field) {
-  return field.find("ipv6") == std::string_view::npos ? Korm::AddressFamily::ipv4_
-                                                      : Korm::AddressFamily::ipv6_;
+// The word of a plain action, from its line in OPENFLOW_ACTIONS.
+template <OpenFlowTable::Action action>
+constexpr ActionWord actionWord() {
+  constexpr std::string_view word = OpenFlowTable::actionInfo(action).word;
+  if constexpr (OpenFlowTable::isFlag<action>) {
+    return {.name = word,
+            .apply = [](OstraConfigEntry& entry, std::string_view,
+                        std::string_view) { entry.actions.flagIs<action>(true); },
+            .flag = true};
+  } else {
+    using T = decltype(Actions{}.value<action>());
+    return {.name = word,
+            .apply =
+                [](OstraConfigEntry& entry, std::string_view value, std::string_view name) {
+                  entry.actions.uncheckedIs<action>(parseValue<T>(value, name), true);
+                },
+            .syntax = valueSyntax<T>()};
+  }
 }
 
-// All ones, and no more of them than the field has bits: a VLAN id has twelve in its sixteen.
-template <std::unsigned_integral T>
-T exactMaskOf(std::string_view field) {
-  return field == "local_metadata.vlan_id" ? static_cast<T>(Bridging::VlanIdOrAnyOrNone::max)
-                                           : std::numeric_limits<T>::max();
+// The word for one of the entry's references.
+template <class Reference>
+constexpr ActionWord referenceWord(const Reference& reference) {
+  return {.name = reference.word,
+          .apply =
+              [](OstraConfigEntry& entry, std::string_view value, std::string_view name) {
+                putNumber<Reference::number>(entry, value, name);
+                Reference::give(entry);
+              },
+          .syntax = reference.syntax};
 }
+
+// Calls visit(word) for each action that has one.
+template <class Visit>
+constexpr void forEachActionWord(Visit visit) {
+  forEachReference([&visit](const auto& reference) { visit(referenceWord(reference)); });
+  OpenFlowTable::forEachAction([&visit](auto action) {
+    if constexpr (!OpenFlowTable::actionInfo(action).word.empty()) {
+      visit(actionWord<action>());
+    }
+  });
+}
+
+constexpr auto actionWords = [] {
+  constexpr std::size_t count = [] {
+    std::size_t words = 0;
+    forEachActionWord([&words](const ActionWord&) { ++words; });
+    return words;
+  }();
+  std::array<ActionWord, count> words{};
+  std::size_t at = 0;
+  forEachActionWord([&](const ActionWord& word) { words[at++] = word; });
+  return words;
+}();
 
 template <class T>
-ValueAndMask<T> parseField(std::string_view text, std::string_view name) {
+ValueAndMask<T> parseField(std::string_view text, MatchFieldId field) {
+  const auto& [name, width, needs] = Ostra::matchFieldInfo(field);
   if constexpr (std::is_same_v<T, bool>) {
     return parseMaskedBool(text, name);
   } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
     return parseMaskedMac(text, name);
   } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
-    return parseMaskedIp(text, name, familyOf(name));
+    return parseMaskedIp(text, name, Ostra::addressFamily(field));
   } else {
-    return parseMaskedNumber<T>(text, name, exactMaskOf<T>(name));
+    const T exact = width.template allOnes<T>();
+    return parseMaskedNumber<T>(text, name, exact,
+                                width.checkedByTranslation ? std::numeric_limits<T>::max() : exact);
   }
 }
 
 // Whether there is such a field.
 bool applyField(const Assignment& word, OstraKey& key) {
   bool found = false;
-  key.forEachField([&](std::string_view name, const auto& field, auto put) {
-    if (found || name != word.name) {
+  key.forEachField([&](auto id, const auto& field, auto put) {
+    if (found || word.name != id) {
       return;
     }
     found = true;
@@ -154,7 +183,7 @@ bool applyField(const Assignment& word, OstraKey& key) {
     if (field.given) {
       throwTwice(word.name);
     }
-    const auto parsed = parseField<std::remove_cvref_t<decltype(field.value)>>(word.value, name);
+    const auto parsed = parseField<std::remove_cvref_t<decltype(field.value)>>(word.value, id);
     put(parsed.value, parsed.mask);
   });
   return found;
@@ -169,38 +198,24 @@ void forEachKeyWord(Visit visit) {
   key.forEachField([&visit](std::string_view name, const auto& /*field*/) { visit(name); });
 }
 
-template <class Visit>
-void forEachActionWord(Visit visit) {
-  for (const auto& known : actionWords) {
-    visit(known.name);
-  }
-  for (const auto& known : flagWords) {
-    visit(known.name);
-  }
-}
-
 // A word of the key: it may also be one of the actions, which stand elsewhere.
 [[noreturn]] void throwNotInKey(std::string_view read, std::string_view name) {
   NearMatch near{name};
-  forEachActionWord([&](std::string_view action) {
-    if (name == action) {
-      throwUnexpected(read, "actions behind '->'");
-    }
-  });
+  if (findWord(actionWords, name) != nullptr) {
+    throwUnexpected(read, "actions behind '->'");
+  }
   forEachKeyWord([&near](std::string_view word) { near.consider(word); });
   throwUnexpected(read, "a match field, or one of priority=, table=, table-type=, priority-group=",
                   near.match());
 }
 
 [[noreturn]] void throwNotAnAction(std::string_view read, std::string_view name) {
-  NearMatch near{name};
   forEachKeyWord([&](std::string_view word) {
     if (name == word) {
       throwUnexpected(read, "an action; what the flow matches stands before '->'");
     }
   });
-  forEachActionWord([&near](std::string_view action) { near.consider(action); });
-  throwUnexpected(read, "an action", near.match());
+  throwUnexpected(read, "an action", nearMatch(name, actionWords));
 }
 
 // Up to the arrow or the end.
@@ -219,23 +234,13 @@ void readKey(Words& words, FlowWrite& flow) {
 }
 
 void readActions(Words& words, OstraConfigEntry& entry) {
-  SeenWords<actionWords.size()> seenValues;
-  SeenWords<flagWords.size()> seenFlags;
+  SeenWords<actionWords.size()> seen;
   while (!words.done()) {
     const std::string_view read = words.take("an action");
     const Assignment word = splitAssignment(read);
-    if (applyWord(actionWords, seenValues, word, entry)) {
-      continue;
-    }
-    const FlagWord* const flag = findWord(flagWords, word.name);
-    if (flag == nullptr) {
+    if (!applyWord(actionWords, seen, word, entry)) {
       throwNotAnAction(read, word.name);
     }
-    if (word.assigned) {
-      throwUnexpected(read, quoted(flag->name) + " without a value");
-    }
-    seenFlags.add(flagWords, *flag);
-    (entry.actions.*flag->set)(true);
   }
 }
 
@@ -258,6 +263,26 @@ FlowWrite parseFlowKey(Words& words) {
     throwUnexpected(words.peek(), "the end of the line, since a delete takes just the key");
   }
   return flow;
+}
+
+std::string flowGrammar(bool withActions) {
+  constexpr std::size_t longestLine = 96;
+  std::string text = "\n    VALUE: VALUE, VALUE&MASK or ADDRESS/LENGTH\n    FIELD:";
+  OstraKey{}.forEachField(
+      [&text](std::string_view name, const auto&...) { text.append("\n      ").append(name); });
+  if (!withActions) {
+    return text;
+  }
+  std::string line = "\n    ACTION:";
+  for (const ActionWord& word : actionWords) {
+    std::string shown = " " + std::string{word.name};
+    shown.append(word.flag ? "" : "=").append(word.syntax);
+    if (line.size() + shown.size() > longestLine) {
+      text += std::exchange(line, "\n     ");
+    }
+    line += shown;
+  }
+  return text + line;
 }
 
 }  // namespace Cli

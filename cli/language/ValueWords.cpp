@@ -13,4 +13,11 @@ void requireValue(const Assignment& word) {
   }
 }
 
+void requireNoValue(const Assignment& word) {
+  if (word.assigned) {
+    throwUnexpected(std::string{word.name}.append("=").append(word.value),
+                    quoted(word.name) + " without a value");
+  }
+}
+
 }  // namespace Cli

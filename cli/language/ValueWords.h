@@ -15,11 +15,14 @@
 
 namespace Cli {
 
-// What a word name=VALUE does to a T. `apply` takes the value and the name that messages use.
+// What a word name=VALUE, or the word `name` of a flag, does to a T. `apply` takes the value and the name
+// that messages use.
 template <class T>
 struct ValueWord {
   std::string_view name;
   void (*apply)(T& target, std::string_view value, std::string_view name);
+  bool flag = false;          // there is no value
+  std::string_view syntax{};  // of the value, for those who print it
 };
 
 namespace detail {
@@ -53,6 +56,8 @@ template <class Table>
 [[noreturn]] void throwTwice(std::string_view word);
 // Throws unless there is a '='.
 void requireValue(const Assignment& word);
+// Throws if there is one.
+void requireNoValue(const Assignment& word);
 
 // Which of the words of a table have been read.
 template <std::size_t count>
@@ -79,7 +84,7 @@ template <class T, std::size_t count>
   if (known == nullptr) {
     return false;
   }
-  requireValue(word);
+  known->flag ? requireNoValue(word) : requireValue(word);
   seen.add(table, *known);
   known->apply(target, word.value, known->name);
   return true;

@@ -58,13 +58,14 @@ template <std::integral T>
 [[nodiscard]] ValueAndMask<Korm::IpAddr> parseMaskedIp(
     std::string_view text, std::string_view what,
     Korm::AddressFamily family = Korm::AddressFamily::none_);
-// `exactMask` is the mask where none is given.
+// `exactMask` is the mask where none is given, and `max` the largest value and mask.
 template <std::unsigned_integral T>
 [[nodiscard]] ValueAndMask<T> parseMaskedNumber(std::string_view text, std::string_view what,
-                                                T exactMask = std::numeric_limits<T>::max()) {
+                                                T exactMask, T max) {
   const std::size_t sign = text.find('&');
-  return {parseNumber<T>(text.substr(0, sign), what),
-          sign == std::string_view::npos ? exactMask : parseNumber<T>(text.substr(sign + 1), what)};
+  return {parseNumber<T>(text.substr(0, sign), what, max),
+          sign == std::string_view::npos ? exactMask
+                                         : parseNumber<T>(text.substr(sign + 1), what, max)};
 }
 
 }  // namespace Cli

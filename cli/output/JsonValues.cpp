@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <string>
 
-#include "cli/output/ActionFields.h"
 #include "cli/output/TextValues.h"
 #include "platform/Korm/Text.h"
 
@@ -52,7 +51,7 @@ Json toJson(const EncapInfo& encap) {
           {"dscp", encap.dscp}};
 }
 
-Json toJson(const OpenFlowTable::Actions::FixedBlock& block) {
+Json toJson(const OpenFlowTable::FixedBlock& block) {
   return Korm::hexText(block.data(), block.size());
 }
 
@@ -67,15 +66,17 @@ Json secondsToJson(double seconds) {
 
 Json matchToJson(const OpenFlowTable::Match& match) {
   Json result = Json::object();
-  forEachMatchField(
-      match, [&result](const char* name, const auto& field) { result[name] = toJson(field); });
+  match.forEachSet([&result](const OpenFlowTable::MatchFieldInfo& info, const auto& field) {
+    result[std::string{info.name}] = toJson(field);
+  });
   return result;
 }
 
 Json actionsToJson(const OpenFlowTable::Actions& actions) {
   Json result = Json::object();
-  forEachAction(actions,
-                [&result](const char* name, const auto& value) { result[name] = toJson(value); });
+  actions.forEachPresent([&result](std::string_view name, const auto& value) {
+    result[std::string{name}] = toJson(value);
+  });
   return result;
 }
 

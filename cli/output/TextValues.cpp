@@ -8,7 +8,7 @@
 #include <optional>
 #include <utility>
 
-#include "cli/output/ActionFields.h"
+#include "cli/EntryReferences.h"
 #include "platform/Korm/Text.h"
 
 namespace Cli {
@@ -54,17 +54,20 @@ std::string maskedAddress(const std::string& value, const std::array<std::uint8_
   return length ? value + "/" + std::to_string(*length) : value + "&" + maskText;
 }
 
+// `width` is the field's; ether types are known by their hexadecimal numbers.
 template <class T>
-std::string maskedText(const T& value, const T& mask) {
+std::string maskedText(const T& value, const T& mask, Ostra::MatchWidth width, bool isEtherType) {
   if constexpr (std::is_same_v<T, bool>) {
     return std::string{value ? "true" : "false"} + (mask ? "" : "&false");
   } else if constexpr (std::is_integral_v<T>) {
-    return mask == std::numeric_limits<T>::max()
-               ? std::to_string(value)
-               : Korm::hexNumber(value) + "&" + Korm::hexNumber(mask);
+    if (mask != width.allOnes<T>()) {
+      return Korm::hexNumber(value) + "&" + Korm::hexNumber(mask);
+    }
+    return isEtherType ? Korm::hexNumber(value) : std::to_string(value);
   } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
-    return value.family() == Korm::AddressFamily::ipv6_ ? maskedText(value.ip6(), mask.ip6())
-                                                        : maskedText(value.ip4(), mask.ip4());
+    return value.family() == Korm::AddressFamily::ipv6_
+               ? maskedText(value.ip6(), mask.ip6(), width, false)
+               : maskedText(value.ip4(), mask.ip4(), width, false);
   } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
     return mask == Korm::EthAddr::allOnes() ? value.text() : value.text() + "&" + mask.text();
   } else {
@@ -72,10 +75,6 @@ std::string maskedText(const T& value, const T& mask) {
   }
 }
 
-template <class T>
-std::string valueText(const Masked<T>& field) {
-  return maskedText(field.value, field.mask);
-}
 template <std::integral T>
 std::string valueText(T value) {
   return std::to_string(value);
@@ -84,7 +83,7 @@ std::string valueText(const Interface::IntfId& intf) {
   return intf.empty() ? "(none)" : std::string{intf.name()};
 }
 std::string valueText(const Korm::EthAddr& address) { return address.text(); }
-std::string valueText(const OpenFlowTable::Actions::FixedBlock& block) {
+std::string valueText(const OpenFlowTable::FixedBlock& block) {
   return Korm::hexText(block.data(), block.size());
 }
 std::string valueText(OpenFlowTable::L3PacketType type) {
@@ -104,17 +103,6 @@ std::string valueText(const OpenFlowTable::PolicerConfig& policer) {
   return text;
 }
 
-// Ether types are known by their hexadecimal numbers, and a VLAN id has twelve bits.
-std::string maskedWordText(std::string_view name, std::uint16_t value, std::uint16_t mask) {
-  if (mask == 0xFFFF && (name == "etherType" || name == "hdr.ethernet.ether_type")) {
-    return Korm::hexNumber(value);
-  }
-  if (mask == 0x0FFF && (name == "vlanId" || name == "local_metadata.vlan_id")) {
-    return std::to_string(value);
-  }
-  return maskedText(value, mask);
-}
-
 class Assignments {
  public:
   explicit Assignments(std::string_view none) : none_{none} {}
@@ -132,7 +120,7 @@ class Assignments {
 };
 
 void addActions(const OpenFlowTable::Actions& actions, Assignments& result) {
-  forEachAction(actions, [&result](const char* name, const auto& value) {
+  actions.forEachPresent([&result](std::string_view name, const auto& value) {
     if constexpr (std::is_same_v<std::remove_cvref_t<decltype(value)>, bool>) {
       result.addFlag(name);
     } else {
@@ -145,11 +133,12 @@ void addActions(const OpenFlowTable::Actions& actions, Assignments& result) {
 
 std::string matchText(const OpenFlowTable::Match& match) {
   Assignments result{"any"};
-  forEachMatchField(match, [&result](const char* name, const auto& field) {
-    if constexpr (std::is_same_v<std::remove_cvref_t<decltype(field)>, Masked<std::uint16_t>>) {
-      result.add(name, maskedWordText(name, field.value, field.mask));
+  match.forEachSet([&result](const OpenFlowTable::MatchFieldInfo& info, const auto& field) {
+    if constexpr (requires { field.mask; }) {
+      result.add(info.name, maskedText(field.value, field.mask, info.bits,
+                                       info.field == OpenFlowTable::Match::Field::etherType_));
     } else {
-      result.add(name, valueText(field));
+      result.add(info.name, valueText(field));
     }
   });
   return result.text();
@@ -163,36 +152,22 @@ std::string actionsText(const OpenFlowTable::Actions& actions) {
 
 std::string keyText(const Ostra::OstraKey& key) {
   Assignments result{"any"};
-  key.forEachField([&result](std::string_view name, const auto& field) {
-    if (!field.given) {
-      return;
-    }
-    using T = std::remove_cvref_t<decltype(field.value)>;
-    if constexpr (std::is_same_v<T, std::uint16_t>) {
-      result.add(name, maskedWordText(name, field.value, field.mask));
-    } else {
-      result.add(name, maskedText(field.value, field.mask));
-    }
+  key.forEachGiven([&result](auto id, const auto& field) {
+    result.add(id, maskedText(field.value, field.mask, Ostra::matchFieldInfo(id).width,
+                              id == Ostra::MatchFieldId::etherType_));
   });
   return result.text();
 }
 
 std::string entryActionsText(const Ostra::OstraConfigEntry& entry) {
   Assignments result{"none"};
-  OpenFlowTable::Actions actions = entry.actions;
-  if (actions.has(OpenFlowTable::Action::outputIntf_)) {
-    actions.outputIntfIs({}, false);
-    result.add("output", std::to_string(entry.outputPort));
-  }
-  const auto addGiven = [&result](bool given, std::string_view name, std::uint32_t value) {
-    if (given) {
-      result.add(name, std::to_string(value));
+  forEachReference([&](const auto& reference) {
+    if (reference.given(entry)) {
+      result.add(reference.word, std::to_string(entry.*reference.number));
     }
-  };
-  addGiven(entry.vrfGiven, "vrf", entry.vrfId);
-  addGiven(entry.vlanGiven, "vlan", entry.vlanId);
-  addGiven(entry.groupGiven, "group", entry.groupId);
-  addGiven(entry.memberGiven, "member", entry.memberId);
+  });
+  OpenFlowTable::Actions actions = entry.actions;
+  actions.outputIntfIs({}, false);  // shown by its port
   addActions(actions, result);
   return result.text();
 }

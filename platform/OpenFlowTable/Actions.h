@@ -4,56 +4,21 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <string_view>
 #include <type_traits>
 
 #include "platform/Bridging/Bridging.h"
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Address.h"
+#include "platform/Korm/BoundedValue.h"
+#include "platform/Korm/Packed.h"
 #include "platform/OpenFlowTable/Types.h"
 #include "platform/Vrf/Vrf.h"
 
 namespace OpenFlowTable {
-
-enum class Action : std::uint8_t {
-  trafficClass_,
-  drop_,
-  copyToCpu_,
-  decTtl_,
-  setDscp_,
-  setEthSrc_,
-  setEthDst_,
-  ingrMirrorIntf_,
-  egrMirrorIntf_,
-  outputIntf_,
-  vrf_,
-  vlanId_,
-  policer_,
-  cpuTrafficClass_,
-  group_,
-  encap_,
-  dstMac_,
-  srcMac_,
-  fixedBlock_,
-};
-
-// Which actions are present.
-class ActionSet {
- public:
-  [[nodiscard]] constexpr bool has(Action action) const noexcept {
-    return (bits_ & bit(action)) != 0;
-  }
-  constexpr void hasIs(Action action, bool present) noexcept {
-    bits_ = present ? bits_ | bit(action) : bits_ & ~bit(action);
-  }
-  friend constexpr bool operator==(const ActionSet&, const ActionSet&) noexcept = default;
-
- private:
-  [[nodiscard]] static constexpr std::uint32_t bit(Action action) noexcept {
-    return 1U << static_cast<unsigned>(action);
-  }
-  std::uint32_t bits_ = 0;
-};
 
 enum class PolicerColor : std::uint8_t { green_ = 0, yellow_ = 1, red_ = 2 };
 
@@ -78,119 +43,238 @@ struct EncapInfo {
   friend bool operator==(const EncapInfo&, const EncapInfo&) noexcept = default;
 };
 
-// The values of the actions and, in actionSet(), which of them are present. An `...Is` takes the value
-// and whether the action is present with it. Values are stored as wide as the service may hand them
-// over; the bounded types at the setters keep the limits.
+// Fixed header bytes that an encapsulation needs.
+using FixedBlock = std::array<std::uint8_t, 8>;
+
+// Where the value of a flow's action comes from.
+enum class ActionRule : std::uint8_t {
+  copied_,    // as the controller gave it
+  resolved_,  // whoever writes the flow works it out from a port, a group or the like
+};
+
+// The actions: one line each, and nowhere else.
+//
+// VALUE is an action with a value, and FLAG one that is there or not. A line gives the accessor, which is
+// also the name that people and programs are shown, the type, the word by which a person asks for the
+// action (empty: nobody asks for it by word), and the rule. A bounded type limits what the setter takes.
+// A writer of flows copies them in the order of the lines, which is also the order of all output.
+#define OPENFLOW_ACTIONS(VALUE, FLAG)                                 \
+  VALUE(trafficClass, TrafficClass, "traffic-class", copied_)         \
+  FLAG(drop, "drop", copied_)                                         \
+  FLAG(copyToCpu, "copy-to-cpu", copied_)                             \
+  FLAG(decTtl, "dec-ttl", copied_)                                    \
+  VALUE(setDscp, std::uint8_t, "set-dscp", copied_)                   \
+  VALUE(setEthSrc, Korm::EthAddr, "set-eth-src", copied_)             \
+  VALUE(setEthDst, Korm::EthAddr, "set-eth-dst", copied_)             \
+  VALUE(ingrMirrorIntf, Interface::IntfId, "mirror-ingress", copied_) \
+  VALUE(egrMirrorIntf, Interface::IntfId, "mirror-egress", copied_)   \
+  VALUE(outputIntf, Interface::IntfId, "", resolved_)                 \
+  VALUE(vrf, Vrf::VrfIdMap::VrfId, "", resolved_)                     \
+  VALUE(vlanId, Bridging::VlanIdOrNone, "", resolved_)                \
+  VALUE(policer, PolicerConfig, "policer", copied_)                   \
+  VALUE(cpuTrafficClass, TrafficClass, "cpu-traffic-class", copied_)  \
+  VALUE(group, GroupId, "", resolved_)                                \
+  VALUE(encap, EncapInfo, "", copied_)                                \
+  VALUE(dstMac, Korm::EthAddr, "", copied_)                           \
+  VALUE(srcMac, Korm::EthAddr, "", copied_)                           \
+  VALUE(fixedBlock, FixedBlock, "", copied_)
+
+#define OPENFLOW_NUMBER(name, ...) name##_,
+enum class Action : std::uint8_t { OPENFLOW_ACTIONS(OPENFLOW_NUMBER, OPENFLOW_NUMBER) count_ };
+#undef OPENFLOW_NUMBER
+static_assert(static_cast<unsigned>(Action::count_) <= 32, "a bit of ActionSet per action");
+
+// Which actions are present.
+class ActionSet {
+ public:
+  [[nodiscard]] constexpr bool has(Action action) const noexcept {
+    return (bits_ & bit(action)) != 0;
+  }
+  constexpr void hasIs(Action action, bool present) noexcept {
+    bits_ = present ? bits_ | bit(action) : bits_ & ~bit(action);
+  }
+  friend constexpr bool operator==(const ActionSet&, const ActionSet&) noexcept = default;
+
+ private:
+  [[nodiscard]] static constexpr std::uint32_t bit(Action action) noexcept {
+    return 1U << static_cast<unsigned>(action);
+  }
+  std::uint32_t bits_ = 0;
+};
+
+// What the line of an action says.
+struct ActionInfo {
+  std::string_view name;
+  std::string_view word;  // may be empty
+  ActionRule rule;
+};
+
+namespace detail {
+
+#define OPENFLOW_VALUE_INFO(name, Type, word, rule) ActionInfo{#name, word, ActionRule::rule},
+#define OPENFLOW_FLAG_INFO(name, word, rule) ActionInfo{#name, word, ActionRule::rule},
+inline constexpr std::array actionInfos{OPENFLOW_ACTIONS(OPENFLOW_VALUE_INFO, OPENFLOW_FLAG_INFO)};
+#undef OPENFLOW_VALUE_INFO
+#undef OPENFLOW_FLAG_INFO
+
+// The type in the action's line; void for a flag.
+template <Action action>
+struct ActionTypeOf {
+  using Type = void;
+};
+#define OPENFLOW_VALUE_TYPE(name, Value, ...) \
+  template <>                                 \
+  struct ActionTypeOf<Action::name##_> {      \
+    using Type = Value;                       \
+  };
+#define OPENFLOW_FLAG_TYPE(...)
+OPENFLOW_ACTIONS(OPENFLOW_VALUE_TYPE, OPENFLOW_FLAG_TYPE)
+#undef OPENFLOW_VALUE_TYPE
+#undef OPENFLOW_FLAG_TYPE
+
+// The type in which a value is stored: that of the action, or the number that a bounded type limits.
+template <class T>
+struct StoredOf {
+  using Type = T;
+};
+template <class Int, class Limits>
+struct StoredOf<Korm::BoundedValue<Int, Limits>> {
+  using Type = Int;
+};
+template <class T>
+using StoredAs = typename StoredOf<T>::Type;
+
+}  // namespace detail
+
+[[nodiscard]] constexpr const ActionInfo& actionInfo(Action action) noexcept {
+  return detail::actionInfos[static_cast<std::size_t>(action)];
+}
+
+template <Action action>
+using ActionTag = std::integral_constant<Action, action>;
+template <Action action>
+using ActionType = typename detail::ActionTypeOf<action>::Type;
+template <Action action>
+inline constexpr bool isFlag = std::is_void_v<ActionType<action>>;
+
+// Calls visit(ActionTag<action>{}) for each action, in the order of the lines.
+template <class Visit>
+constexpr void forEachAction(Visit&& visit) {
+#define OPENFLOW_VISIT(name, ...) visit(ActionTag<Action::name##_>{});
+  OPENFLOW_ACTIONS(OPENFLOW_VISIT, OPENFLOW_VISIT)
+#undef OPENFLOW_VISIT
+}
+
+// The values of the actions and, in actionSet(), which of them are present.
+//
+// For each line of OPENFLOW_ACTIONS with a value there is an accessor `name()` and a mutator
+// `nameIs(value, present)`; for each flag there is `nameIs(present)`. Values are stored as wide as the
+// service may hand them over; the bounded types at the mutators keep the limits.
 class Actions {
  public:
-  using FixedBlock = std::array<std::uint8_t, 8>;
-
   [[nodiscard]] const ActionSet& actionSet() const noexcept { return set_; }
   [[nodiscard]] bool has(Action action) const noexcept { return set_.has(action); }
 
-  [[nodiscard]] std::uint8_t trafficClass() const noexcept { return trafficClass_; }
-  [[nodiscard]] std::uint8_t cpuTrafficClass() const noexcept { return cpuTrafficClass_; }
-  [[nodiscard]] std::uint8_t setDscp() const noexcept { return setDscp_; }
-  [[nodiscard]] const Korm::EthAddr& setEthSrc() const noexcept { return setEthSrc_; }
-  [[nodiscard]] const Korm::EthAddr& setEthDst() const noexcept { return setEthDst_; }
-  [[nodiscard]] const Interface::IntfId& ingrMirrorIntf() const noexcept { return ingrMirrorIntf_; }
-  [[nodiscard]] const Interface::IntfId& egrMirrorIntf() const noexcept { return egrMirrorIntf_; }
-  [[nodiscard]] const Interface::IntfId& outputIntf() const noexcept { return outputIntf_; }
-  [[nodiscard]] Vrf::VrfIdMap::VrfId vrf() const noexcept { return vrf_; }
-  [[nodiscard]] std::uint16_t vlanId() const noexcept { return vlanId_; }
-  [[nodiscard]] const PolicerConfig& policer() const noexcept { return policer_; }
-  [[nodiscard]] GroupId group() const noexcept { return group_; }
-  [[nodiscard]] const EncapInfo& encap() const noexcept { return encap_; }
-  [[nodiscard]] const Korm::EthAddr& dstMac() const noexcept { return dstMac_; }
-  [[nodiscard]] const Korm::EthAddr& srcMac() const noexcept { return srcMac_; }
-  [[nodiscard]] const FixedBlock& fixedBlock() const noexcept { return fixedBlock_; }
+#define OPENFLOW_VALUE_ACCESS(name, Type, ...)                                           \
+  [[nodiscard]] detail::StoredAs<Type> name() const noexcept { return name##_.value(); } \
+  void name##Is(const Type& value, bool present) noexcept {                              \
+    uncheckedIs<Action::name##_>(stored(value), present);                                \
+  }
+#define OPENFLOW_FLAG_ACCESS(name, ...) \
+  void name##Is(bool present) noexcept { set_.hasIs(Action::name##_, present); }
+  OPENFLOW_ACTIONS(OPENFLOW_VALUE_ACCESS, OPENFLOW_FLAG_ACCESS)
+#undef OPENFLOW_VALUE_ACCESS
+#undef OPENFLOW_FLAG_ACCESS
 
-  void trafficClassIs(TrafficClass value, bool present) noexcept {
-    put(Action::trafficClass_, trafficClass_, value.value(), present);
+  // The value of an action, known when it is compiled; true for a flag.
+  template <Action action>
+  [[nodiscard]] auto value() const noexcept {
+    if constexpr (isFlag<action>) {
+      return true;
+    } else {
+      return place<action>(*this).value();
+    }
   }
-  void cpuTrafficClassIs(TrafficClass value, bool present) noexcept {
-    put(Action::cpuTrafficClass_, cpuTrafficClass_, value.value(), present);
+  template <Action action>
+  void flagIs(bool present) noexcept {
+    static_assert(isFlag<action>);
+    set_.hasIs(action, present);
   }
-  // The same as a controller gave it, for the service: the translation checks it.
-  void uncheckedTrafficClassIs(std::uint8_t value, bool present) noexcept {
-    put(Action::trafficClass_, trafficClass_, value, present);
-  }
-  void uncheckedCpuTrafficClassIs(std::uint8_t value, bool present) noexcept {
-    put(Action::cpuTrafficClass_, cpuTrafficClass_, value, present);
-  }
-  void dropIs(bool present) noexcept { set_.hasIs(Action::drop_, present); }
-  void copyToCpuIs(bool present) noexcept { set_.hasIs(Action::copyToCpu_, present); }
-  void decTtlIs(bool present) noexcept { set_.hasIs(Action::decTtl_, present); }
-  void setDscpIs(std::uint8_t value, bool present) noexcept {
-    put(Action::setDscp_, setDscp_, value, present);
-  }
-  void setEthSrcIs(const Korm::EthAddr& value, bool present) noexcept {
-    put(Action::setEthSrc_, setEthSrc_, value, present);
-  }
-  void setEthDstIs(const Korm::EthAddr& value, bool present) noexcept {
-    put(Action::setEthDst_, setEthDst_, value, present);
-  }
-  void ingrMirrorIntfIs(const Interface::IntfId& value, bool present) noexcept {
-    put(Action::ingrMirrorIntf_, ingrMirrorIntf_, value, present);
-  }
-  void egrMirrorIntfIs(const Interface::IntfId& value, bool present) noexcept {
-    put(Action::egrMirrorIntf_, egrMirrorIntf_, value, present);
-  }
-  void outputIntfIs(const Interface::IntfId& value, bool present) noexcept {
-    put(Action::outputIntf_, outputIntf_, value, present);
-  }
-  void vrfIs(Vrf::VrfIdMap::VrfId value, bool present) noexcept {
-    put(Action::vrf_, vrf_, value, present);
-  }
-  void vlanIdIs(Bridging::VlanIdOrNone value, bool present) noexcept {
-    put(Action::vlanId_, vlanId_, value.value(), present);
-  }
-  void policerIs(const PolicerConfig& value, bool present) noexcept {
-    put(Action::policer_, policer_, value, present);
-  }
-  void groupIs(GroupId value, bool present) noexcept {
-    put(Action::group_, group_, value, present);
-  }
-  void encapIs(const EncapInfo& value, bool present) noexcept {
-    put(Action::encap_, encap_, value, present);
-  }
-  void dstMacIs(const Korm::EthAddr& value, bool present) noexcept {
-    put(Action::dstMac_, dstMac_, value, present);
-  }
-  void srcMacIs(const Korm::EthAddr& value, bool present) noexcept {
-    put(Action::srcMac_, srcMac_, value, present);
-  }
-  void fixedBlockIs(const FixedBlock& value, bool present) noexcept {
-    put(Action::fixedBlock_, fixedBlock_, value, present);
-  }
-
-  friend bool operator==(const Actions&, const Actions&) noexcept = default;
-
- private:
-  template <class T>
-  void put(Action action, T& place, const T& value, bool present) noexcept {
-    place = value;
+  // The value as a controller gave it, for the service: the translation checks it.
+  template <Action action>
+  void uncheckedIs(const detail::StoredAs<ActionType<action>>& value, bool present) noexcept {
+    place<action>(*this).valueIs(value);
     set_.hasIs(action, present);
   }
 
-  GroupId group_ = 0;
-  PolicerConfig policer_;
-  FixedBlock fixedBlock_{};
-  Interface::IntfId ingrMirrorIntf_;
-  Interface::IntfId egrMirrorIntf_;
-  Interface::IntfId outputIntf_;
-  EncapInfo encap_;
-  Vrf::VrfIdMap::VrfId vrf_ = 0;
+  // Takes an action over from `other`, where it is present. Throws: Korm::RangeException, with nothing
+  // taken over, for a value that the action's type refuses.
+  template <Action action>
+  void take(const Actions& other) {
+    if (!other.has(action)) {
+      return;
+    }
+    if constexpr (isFlag<action>) {
+      set_.hasIs(action, true);
+    } else {
+      uncheckedIs<action>(stored(ActionType<action>{other.value<action>()}), true);
+    }
+  }
+
+  // Calls visit(name, value) for each action that is present; the value of a flag is true.
+  template <class Visit>
+  void forEachPresent(Visit&& visit) const {
+    forEachAction([&](auto action) {
+      if (has(action)) {
+        visit(actionInfo(action).name, value<action>());
+      }
+    });
+  }
+
+  friend bool operator==(const Actions& a, const Actions& b) noexcept {
+    return std::memcmp(&a, &b, sizeof(Actions)) == 0;
+  }
+
+ private:
+  template <class T>
+  [[nodiscard]] static const T& stored(const T& value) noexcept {
+    return value;
+  }
+  template <class Int, class Limits>
+  [[nodiscard]] static Int stored(const Korm::BoundedValue<Int, Limits>& value) noexcept {
+    return value.value();
+  }
+
+  template <Action action, class Self>
+  [[nodiscard]] static auto& place(Self& self) noexcept {
+#define OPENFLOW_PLACE(name, ...)            \
+  if constexpr (action == Action::name##_) { \
+    return self.name##_;                     \
+  } else
+#define OPENFLOW_NO_PLACE(...)
+    OPENFLOW_ACTIONS(OPENFLOW_PLACE, OPENFLOW_NO_PLACE) { return self.set_; }
+#undef OPENFLOW_PLACE
+#undef OPENFLOW_NO_PLACE
+  }
+
+  static constexpr std::size_t valueBytes = [] {
+    std::size_t bytes = 0;
+#define OPENFLOW_SIZE(name, Type, ...) bytes += sizeof(detail::StoredAs<Type>);
+#define OPENFLOW_NO_SIZE(...)
+    OPENFLOW_ACTIONS(OPENFLOW_SIZE, OPENFLOW_NO_SIZE)
+#undef OPENFLOW_SIZE
+#undef OPENFLOW_NO_SIZE
+    return bytes;
+  }();
+
   ActionSet set_;
-  std::uint16_t vlanId_ = 0;
-  std::uint8_t trafficClass_ = 0;
-  std::uint8_t cpuTrafficClass_ = 0;
-  Korm::EthAddr setEthSrc_;
-  Korm::EthAddr setEthDst_;
-  Korm::EthAddr dstMac_;
-  Korm::EthAddr srcMac_;
-  std::uint8_t setDscp_ = 0;
-  std::array<std::uint8_t, 7> reserved_{};
+#define OPENFLOW_STORAGE(name, Type, ...) Korm::Packed<detail::StoredAs<Type>> name##_;
+#define OPENFLOW_NO_STORAGE(...)
+  OPENFLOW_ACTIONS(OPENFLOW_STORAGE, OPENFLOW_NO_STORAGE)
+#undef OPENFLOW_STORAGE
+#undef OPENFLOW_NO_STORAGE
+  // Fills up to eight bytes, whatever the actions.
+  std::array<std::byte, 8 - (sizeof(ActionSet) + valueBytes) % 8> reserved_{};
 };
 static_assert(std::is_trivially_copyable_v<Actions>);
 static_assert(std::has_unique_object_representations_v<Actions>);

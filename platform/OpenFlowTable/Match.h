@@ -1,8 +1,10 @@
 // What a flow matches.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
-#include <tuple>
+#include <string_view>
 
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Address.h"
@@ -18,50 +20,59 @@ struct Masked {
   friend bool operator==(const Masked&, const Masked&) noexcept = default;
 };
 
-// The fields of a match, each of which may be set or left unset (a wildcard). The names are those of
-// matchFields below.
-struct Match {
-  Masked<Korm::Ip6Addr> ip6Src;
-  Masked<Korm::Ip6Addr> ip6Dst;
-  Masked<Korm::Ip4Addr> ipSrc;
-  Masked<Korm::Ip4Addr> ipDst;
-  Masked<Korm::Ip4Addr> arpTargetAddr;
-  Masked<Korm::EthAddr> ethSrc;
-  Masked<Korm::EthAddr> ethDst;
-  Masked<std::uint32_t> innerData;  // inner layer-3 data; bits 16 to 23 hold its first byte
-  Masked<std::uint16_t> etherType;
-  Masked<std::uint16_t> vlanId;
-  Masked<std::uint16_t> l4SrcPort;
-  Masked<std::uint16_t> l4DstPort;
-  Masked<std::uint8_t> tos;  // DSCP in the upper six bits
-  Masked<std::uint8_t> ipProto;
-  Masked<std::uint8_t> ttl;
-  Masked<std::uint8_t> icmpType;
-  L3PacketType l3PacketType{};
-  Interface::IntfId inIntf;
-  Interface::IntfId egressIntf;
+// The fields of a match: one line each, and nowhere else.
+//
+// MASKED is a field with a mask: its name, which is also what people and programs are shown, its type, and
+// its width in bits, all of which an exact mask has. PLAIN is a field that is matched exactly. All output
+// is in the order of the lines.
+#define OPENFLOW_MATCH_FIELDS(PLAIN, MASKED) \
+  PLAIN(inIntf, Interface::IntfId)           \
+  PLAIN(egressIntf, Interface::IntfId)       \
+  PLAIN(l3PacketType, L3PacketType)          \
+  MASKED(ethSrc, Korm::EthAddr, 48)          \
+  MASKED(ethDst, Korm::EthAddr, 48)          \
+  MASKED(etherType, std::uint16_t, 16)       \
+  MASKED(vlanId, std::uint16_t, 12)          \
+  MASKED(ipSrc, Korm::Ip4Addr, 32)           \
+  MASKED(ipDst, Korm::Ip4Addr, 32)           \
+  MASKED(arpTargetAddr, Korm::Ip4Addr, 32)   \
+  MASKED(ip6Src, Korm::Ip6Addr, 128)         \
+  MASKED(ip6Dst, Korm::Ip6Addr, 128)         \
+  MASKED(tos, std::uint8_t, 8)               \
+  MASKED(ipProto, std::uint8_t, 8)           \
+  MASKED(ttl, std::uint8_t, 8)               \
+  MASKED(icmpType, std::uint8_t, 8)          \
+  MASKED(l4SrcPort, std::uint16_t, 16)       \
+  MASKED(l4DstPort, std::uint16_t, 16)       \
+  MASKED(innerData, std::uint32_t, 32)
 
+// A match. Each field is set or unset (a wildcard). A field is a data member of its name, for everybody to
+// read. `nameIs(value, mask)` gives a masked one its value and sets it; `nameIs(value, set)` gives a plain one
+// its value and sets it or not.
+struct Match {
+#define OPENFLOW_NUMBER(name, ...) name##_,
   enum class Field : std::uint8_t {
-    inIntf_,
-    egressIntf_,
-    ethSrc_,
-    ethDst_,
-    etherType_,
-    vlanId_,
-    ipSrc_,
-    ipDst_,
-    arpTargetAddr_,
-    ip6Src_,
-    ip6Dst_,
-    tos_,
-    ipProto_,
-    ttl_,
-    icmpType_,
-    l4SrcPort_,
-    l4DstPort_,
-    innerData_,
-    l3PacketType_,
+    OPENFLOW_MATCH_FIELDS(OPENFLOW_NUMBER, OPENFLOW_NUMBER) count_
   };
+#undef OPENFLOW_NUMBER
+
+#define OPENFLOW_PLAIN_MEMBER(name, Type)                  \
+  Type name{};                                             \
+  void name##Is(const Type& newValue, bool set) noexcept { \
+    name = newValue;                                       \
+    hasIs(Field::name##_, set);                            \
+  }
+#define OPENFLOW_MASKED_MEMBER(name, Type, bits)                      \
+  Masked<Type> name;                                                  \
+  void name##Is(const Type& newValue, const Type& newMask) noexcept { \
+    name = {newValue, newMask};                                       \
+    hasIs(Field::name##_, true);                                      \
+  }
+  OPENFLOW_MATCH_FIELDS(OPENFLOW_PLAIN_MEMBER, OPENFLOW_MASKED_MEMBER)
+#undef OPENFLOW_PLAIN_MEMBER
+#undef OPENFLOW_MASKED_MEMBER
+
+  std::uint32_t present = 0;  // a bit per Field
 
   [[nodiscard]] bool has(Field field) const noexcept {
     return (present >> static_cast<unsigned>(field) & 1U) != 0;
@@ -71,50 +82,34 @@ struct Match {
     present = set ? present | bit : present & ~bit;
   }
 
-  void inIntfIs(const Interface::IntfId& intf, bool set) noexcept {
-    inIntf = intf;
-    hasIs(Field::inIntf_, set);
-  }
-  void egressIntfIs(const Interface::IntfId& intf, bool set) noexcept {
-    egressIntf = intf;
-    hasIs(Field::egressIntf_, set);
-  }
+  // Calls visit(info, value) for each field that is set, in the order of the lines. A masked field's value
+  // is its Masked one.
+  template <class Visit>
+  void forEachSet(Visit&& visit) const;
 
   friend bool operator==(const Match&, const Match&) noexcept = default;
-
-  std::uint32_t present = 0;  // a bit per Field
 };
+static_assert(static_cast<unsigned>(Match::Field::count_) <= 32, "a bit of `present` per field");
 
-// A field of a match, its name and where it stands, for those who print or compare matches.
-template <class T>
+// What the line of a field says.
 struct MatchFieldInfo {
-  const char* name;
+  std::string_view name;
   Match::Field field;
-  T Match::*member;
+  unsigned bits;  // of a masked field; 0 for a plain one
 };
-template <class T>
-MatchFieldInfo(const char*, Match::Field, T Match::*) -> MatchFieldInfo<T>;
 
-inline constexpr std::tuple matchFields{
-    MatchFieldInfo{"inIntf", Match::Field::inIntf_, &Match::inIntf},
-    MatchFieldInfo{"egressIntf", Match::Field::egressIntf_, &Match::egressIntf},
-    MatchFieldInfo{"l3PacketType", Match::Field::l3PacketType_, &Match::l3PacketType},
-    MatchFieldInfo{"ethSrc", Match::Field::ethSrc_, &Match::ethSrc},
-    MatchFieldInfo{"ethDst", Match::Field::ethDst_, &Match::ethDst},
-    MatchFieldInfo{"etherType", Match::Field::etherType_, &Match::etherType},
-    MatchFieldInfo{"vlanId", Match::Field::vlanId_, &Match::vlanId},
-    MatchFieldInfo{"ipSrc", Match::Field::ipSrc_, &Match::ipSrc},
-    MatchFieldInfo{"ipDst", Match::Field::ipDst_, &Match::ipDst},
-    MatchFieldInfo{"arpTargetAddr", Match::Field::arpTargetAddr_, &Match::arpTargetAddr},
-    MatchFieldInfo{"ip6Src", Match::Field::ip6Src_, &Match::ip6Src},
-    MatchFieldInfo{"ip6Dst", Match::Field::ip6Dst_, &Match::ip6Dst},
-    MatchFieldInfo{"tos", Match::Field::tos_, &Match::tos},
-    MatchFieldInfo{"ipProto", Match::Field::ipProto_, &Match::ipProto},
-    MatchFieldInfo{"ttl", Match::Field::ttl_, &Match::ttl},
-    MatchFieldInfo{"icmpType", Match::Field::icmpType_, &Match::icmpType},
-    MatchFieldInfo{"l4SrcPort", Match::Field::l4SrcPort_, &Match::l4SrcPort},
-    MatchFieldInfo{"l4DstPort", Match::Field::l4DstPort_, &Match::l4DstPort},
-    MatchFieldInfo{"innerData", Match::Field::innerData_, &Match::innerData},
-};
+template <class Visit>
+void Match::forEachSet(Visit&& visit) const {
+#define OPENFLOW_VISIT(name, bits)                                  \
+  if (has(Field::name##_)) {                                        \
+    visit(MatchFieldInfo{#name, Field::name##_, bits}, this->name); \
+  }
+#define OPENFLOW_PLAIN_VISIT(name, Type) OPENFLOW_VISIT(name, 0)
+#define OPENFLOW_MASKED_VISIT(name, Type, bits) OPENFLOW_VISIT(name, bits)
+  OPENFLOW_MATCH_FIELDS(OPENFLOW_PLAIN_VISIT, OPENFLOW_MASKED_VISIT)
+#undef OPENFLOW_PLAIN_VISIT
+#undef OPENFLOW_MASKED_VISIT
+#undef OPENFLOW_VISIT
+}
 
 }  // namespace OpenFlowTable

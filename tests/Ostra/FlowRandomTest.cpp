@@ -186,7 +186,7 @@ class FlowRandom : public FlowFixture {
     const Wish& wish = row.wish;
     OstraConfigEntry entry = flow(row.handle, keyOf(number));
     entry.actions.setDscpIs(wish.dscp, true);
-    entry.actions.uncheckedCpuTrafficClassIs(17, wish.badCpuTrafficClass);
+    entry.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(17, wish.badCpuTrafficClass);
     entry.outputPortIs(wish.badPort ? 0 : 2);
     entry.vrfGiven = wish.vrf.has_value();
     entry.vrfId = wish.vrf.value_or(99);

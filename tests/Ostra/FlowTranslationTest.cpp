@@ -245,8 +245,8 @@ TEST_F(FlowTranslation, ActionsAreCopiedWherePresent) {
   // Values without the action that they are for.
   OstraConfigEntry absent = flow(8, plainKey(2));
   absent.actions.setDscpIs(46, false);
-  absent.actions.uncheckedTrafficClassIs(99, false);
-  absent.actions.uncheckedCpuTrafficClassIs(99, false);
+  absent.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(99, false);
+  absent.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(99, false);
   absent.actions.policerIs({.rate = 1}, false);
   absent.outputPort = 0;
   absent.vrfId = 5;

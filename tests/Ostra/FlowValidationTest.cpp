@@ -189,13 +189,19 @@ const Fault laterFaults[] = {
      [](auto& entry) { entry.flowKey.vlanIdIs(4094, 4096); }},
     {"raised: VlanIdOrAnyOrNone::value > 4095 not allowed",
      [](auto& entry) { entry.flowKey.vlanIdIs(4094, 4095); }},
-    {trafficClassRange, [](auto& entry) { entry.actions.uncheckedTrafficClassIs(16, true); }},
+    {trafficClassRange,
+     [](OstraConfigEntry& entry) {
+       entry.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(16, true);
+     }},
     {"invalidArgument: egress port-id: port id 0" + portRange,
      [](auto& entry) { entry.outputPortIs(2); }},
     {"raised: VlanIdOrNone::value > 4094 not allowed", [](auto& entry) { entry.vlanId = 4094; }},
 };
 const Fault faultsBehindTheVrf[] = {
-    {trafficClassRange, [](auto& entry) { entry.actions.uncheckedCpuTrafficClassIs(16, true); }},
+    {trafficClassRange,
+     [](OstraConfigEntry& entry) {
+       entry.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(16, true);
+     }},
     {"notFound: Group id: 3 is not found", [](auto& entry) { entry.groupGiven = false; }},
     {"raised: Priority::value < -1 or > Priority::max not allowed",
      [](auto& entry) { entry.flowKey.priorityIs(65536); }},
@@ -212,13 +218,13 @@ OstraConfigEntry withEveryFault(OstraConfigEntry entry) {
   }
   key.vlanIdIs(4095, 4096);
   key.priorityIs(65537);
-  entry.actions.uncheckedTrafficClassIs(17, true);
+  entry.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(17, true);
   entry.outputPortIs(0);
   entry.vrfGiven = true;
   entry.vrfId = 5;
   entry.vlanGiven = true;
   entry.vlanId = 4095;
-  entry.actions.uncheckedCpuTrafficClassIs(17, true);
+  entry.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(17, true);
   entry.groupGiven = true;
   entry.groupId = 3;
   return entry;

@@ -64,7 +64,7 @@ inline Ostra::OstraConfigEntry rowOf(const Flow& flow) {
     row.outputPortIs(*flow.output);
   }
   if (flow.cpuTrafficClass) {
-    row.actions.uncheckedCpuTrafficClassIs(*flow.cpuTrafficClass, true);
+    row.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(*flow.cpuTrafficClass, true);
   }
   return row;
 }

@@ -1,0 +1,49 @@
+// What an entry asks for by number beside its plain actions: one line each, with the word of the command
+// language.
+//
+// Thread and process rule: a function without state.
+#pragma once
+
+#include <string_view>
+
+#include "Ostra/OstraTypes.h"
+
+namespace Cli {
+
+// A number of an entry and the flag that says whether it is given. For the output port the flag is an action
+// that is present; the entry's own functions see to that.
+template <auto numberMember, auto givenMember>
+struct EntryReference {
+  std::string_view word;
+  std::string_view syntax = "N";  // of the value, in the help
+
+  static constexpr auto number = numberMember;
+  [[nodiscard]] static bool given(const Ostra::OstraConfigEntry& entry) {
+    return entry.*givenMember;
+  }
+  static void give(Ostra::OstraConfigEntry& entry) { entry.*givenMember = true; }
+};
+
+struct OutputReference {
+  std::string_view word;
+  std::string_view syntax = "PORT";
+
+  static constexpr auto number = &Ostra::OstraConfigEntry::outputPort;
+  [[nodiscard]] static bool given(const Ostra::OstraConfigEntry& entry) {
+    return entry.outputGiven();
+  }
+  static void give(Ostra::OstraConfigEntry& entry) { entry.outputPortIs(entry.outputPort); }
+};
+
+// Calls visit(reference) for each.
+template <class Visit>
+constexpr void forEachReference(Visit visit) {
+  using Entry = Ostra::OstraConfigEntry;
+  visit(OutputReference{"output"});
+  visit(EntryReference<&Entry::vrfId, &Entry::vrfGiven>{"vrf"});
+  visit(EntryReference<&Entry::vlanId, &Entry::vlanGiven>{"vlan"});
+  visit(EntryReference<&Entry::groupId, &Entry::groupGiven>{"group"});
+  visit(EntryReference<&Entry::memberId, &Entry::memberGiven>{"member"});
+}
+
+}  // namespace Cli

@@ -1,0 +1,25 @@
+// A value that may stand at any offset, so that values of all widths stand side by side without padding.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstring>
+#include <type_traits>
+
+namespace Korm {
+
+// Starts as all zero bytes, which must be the type's default value.
+template <class T>
+class Packed {
+  static_assert(std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>);
+
+ public:
+  [[nodiscard]] T value() const noexcept { return std::bit_cast<T>(bytes_); }
+  void valueIs(const T& value) noexcept { std::memcpy(bytes_.data(), &value, sizeof(T)); }
+
+ private:
+  std::array<std::byte, sizeof(T)> bytes_{};
+};
+
+}  // namespace Korm
