@@ -231,6 +231,11 @@ TEST_F(FlowTranslation, ActionsAreCopiedWherePresent) {
   expected.egrMirrorIntfIs(Interface::IntfId{"Ethernet8"}, true);
   expected.policerIs({.rate = 1000, .burst = 64, .dropByColor = {0, 1, 1}}, true);
   expected.cpuTrafficClassIs(OpenFlowTable::TrafficClass{0}, true);
+  expected.encapIs({.src = ip4.ip4(), .dst = ip4Mask.ip4(), .type = 1, .ttl = 64, .dscp = 46},
+                   true);
+  expected.dstMacIs(mac, true);
+  expected.srcMacIs(macMask, true);
+  expected.fixedBlockIs({1, 2, 3, 4, 5, 6, 7, 8}, true);
   OstraConfigEntry entry = flowInVrf(7, 1, 5);
   entry.actions = expected;
   entry.outputPortIs(2);

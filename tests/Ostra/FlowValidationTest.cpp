@@ -144,6 +144,49 @@ TEST_F(FlowValidation, EtherTypeAndIsIpPacketDecideWhichFieldsMayBeConstrained) 
   }
 }
 
+TEST_F(FlowValidation, AnAddressOfTheOtherFamilyIsRefusedBeforeAnythingIsWritten) {
+  const Korm::IpAddr zero4{Korm::Ip4Addr{}};
+  const Korm::IpAddr zero6{Korm::Ip6Addr{}};
+  using Put = void (OstraKey::*)(const Korm::IpAddr&, const Korm::IpAddr&) noexcept;
+  struct Field {
+    const char* name;
+    std::uint16_t etherType;
+    Put put;
+    bool isIp6;
+  };
+  const Field addressFields[] = {
+      {"hdr.ipv4_base.src_addr", 0x0800, &OstraKey::ip4SrcIs, false},
+      {"hdr.ipv4_base.dst_addr", 0x0800, &OstraKey::ip4DstIs, false},
+      {"hdr.arp.target_proto_addr", 0x0806, &OstraKey::arpTargetIs, false},
+      {"hdr.ipv6_base.src_addr", 0x86DD, &OstraKey::ip6SrcIs, true},
+      {"hdr.ipv6_base.dst_addr", 0x86DD, &OstraKey::ip6DstIs, true},
+  };
+  for (const Field& field : addressFields) {
+    const auto& [value, mask] = field.isIp6 ? std::pair{ip6, ip6Mask} : std::pair{ip4, ip4Mask};
+    const auto& [other, otherMask] =
+        field.isIp6 ? std::pair{ip4, ip4Mask} : std::pair{ip6, ip6Mask};
+    const std::string error = std::string{"invalidArgument: "} + field.name + " should be " +
+                              (field.isIp6 ? "an IPv6" : "an IPv4") + " address";
+    const auto came = [&](const Korm::IpAddr& given, const Korm::IpAddr& givenMask) {
+      OstraKey key;
+      key.etherTypeIs(field.etherType, 0xFFFF);
+      (key.*field.put)(given, givenMask);
+      return refusal(key);
+    };
+    EXPECT_EQ(came(value, mask), "");
+    EXPECT_EQ(came(Korm::IpAddr{}, mask), "") << "no family stands for zero";
+    EXPECT_EQ(came(other, otherMask), error);
+    EXPECT_EQ(came(other, mask), error);
+    EXPECT_EQ(came(value, otherMask), error);
+    EXPECT_EQ(came(other, field.isIp6 ? zero4 : zero6), "") << "a wildcard";
+  }
+  OstraConfigEntry entry = flowInVrf(7, 1, 5);
+  entry.flowKey.etherTypeIs(0x0800, 0xFFFF);
+  entry.flowKey.ip4DstIs(ip6, ip6Mask);
+  EXPECT_NE(write(entry), "");
+  EXPECT_EQ(books(5), neverUsed);
+}
+
 TEST_F(FlowValidation, APartialEtherTypeMaskIsRefusedWhateverElseIsGiven) {
   for (const std::uint16_t mask : std::array<std::uint16_t, 4>{0xFF00, 0x0001, 0x8000, 0xFFFE}) {
     OstraKey key;

@@ -56,6 +56,8 @@ const std::vector<Mistake> mistakes{
     {"insert flow priority=1 tabel=1 -> drop", {"did you mean 'table'?"}},
     {"insert flow priority=1 hdr.icmp.type=256 -> drop", {"from 0 to 255 for hdr.icmp.type"}},
     {"insert flow priority=1 hdr.icmp.type=8&256 -> drop", {"'256'"}},
+    {"insert flow priority=1 local_metadata.dscp=64 -> drop", {"from 0 to 63"}},
+    {"insert flow priority=1 hdr.ipv6_base.dscp=1&0x40 -> drop", {"'0x40'", "from 0 to 63"}},
     {"insert flow priority=1 hdr.icmp.type=1 hdr.icmp.type=2 -> drop", {"twice"}},
     {"insert flow priority=1 hdr.ipv4_base.dst_adr=1.2.3.4 -> drop", {"'hdr.ipv4_base.dst_addr'?"}},
     {"insert flow priority=1 hdr.ipv6_base.dst_addr=1.2.3.4 -> drop", {"an IPv6 address"}},

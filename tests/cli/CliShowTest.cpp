@@ -56,7 +56,8 @@ TEST_F(CliShow, PrintsTheTablesAndTheTraceOfARunningOne) {
   for (const char* const part :
        {"flows: 2\n  table  entry  priority  match",
         "      2      3       100  hdr.ethernet.ether_type=0x800", "vrf=5 group=3\n",
-        "members: 1\n", "   5      1     1      9  02:00:00:00:00:05  -\n", "groups: 1\n",
+        "  local_metadata.dscp=46  ", "members: 1\n",
+        "   5      1     1      9  02:00:00:00:00:05  -\n", "groups: 1\n",
         "   3      2  5        7\n", "status: 2\n", "trace: 50\n", " Ostra/OstraSm:"}) {
     EXPECT_THAT(all.out, HasSubstr(part));
   }
