@@ -68,8 +68,7 @@ constinit TracePoint traceMemberGone{traceHandle, TraceLevel::routine, scope,
                                      "handleNexthopInfoDelete", " memberId: %s deleted"};
 
 // Stands in every member's bucket.
-constexpr OpenFlowTable::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00,
-                                                         0x40, 0x00, 0x00, 0x00};
+constexpr OpenFlowTable::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00, 0x40, 0x00, 0x00, 0x00};
 
 static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::lists)::max);
 
