@@ -1,4 +1,4 @@
-// The examples behind the books of VRFs; random writes against a model are in FlowRandomTest.cpp.
+// The examples behind the books of VRFs; random histories against a model are in tests/soak.
 #include <gmock/gmock.h>
 
 #include "FlowFixture.h"
