@@ -155,7 +155,7 @@ class ShownTableOf final : public ShownTable {
   struct Source {
     std::string segment;
     std::optional<Vasta::Reader<R>> reader;
-    Vasta::FeedCursor cursor;
+    Vasta::FollowCursor cursor;
   };
 
   // Whether there is a table to read. A table that was removed gives way to the one that is there now.
@@ -168,8 +168,9 @@ class ShownTableOf final : public ShownTable {
     try {
       source.reader.emplace(source.segment);
     } catch (const Vasta::AttachError& error) {
-      if (error.failure() == Vasta::AttachFailure::layout ||
-          error.failure() == Vasta::AttachFailure::version) {
+      // One that is not there, or not ready, may come.
+      if (error.failure() != Vasta::AttachFailure::missing &&
+          error.failure() != Vasta::AttachFailure::notReady) {
         throw;
       }
     }

@@ -5,10 +5,11 @@
 #include <algorithm>
 #include <bit>
 #include <mutex>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "platform/Brisklog/RingWriter.h"
-#include "platform/Brisklog/Segment.h"
 
 namespace Brisklog {
 
@@ -55,29 +56,73 @@ struct ExitGuard {
 };
 const ExitGuard exitGuard;
 
+// What a ring's owner leaves that died, also in the middle of making it.
+bool isStaleRing(const Korm::Segment& segment) noexcept {
+  const detail::Word magic = detail::loadShared(segment.words()[detail::magicWord]);
+  const detail::Word layout = detail::loadShared(segment.words()[detail::layoutWord]);
+  return magic == detail::ringMagic ||
+         (magic == 0 && (layout == 0 || layout == detail::ringLayout));
+}
+
+// The segment of that name, fresh, locked for this process and allocated in full.
+std::unique_ptr<Korm::Segment> ownSegment(const std::string& shmName, std::size_t bytes) {
+  const std::string subject = detail::ringSubject(shmName);
+  try {
+    const Korm::SegmentName name = detail::ringSegmentName(shmName);
+    for (;;) {
+      auto segment = Korm::Segment::own(name, bytes, subject);
+      if (segment == nullptr) {
+        throw RingError(subject + ": another process owns it");
+      }
+      if (segment->size() == 0) {
+        try {
+          segment->grow(bytes);
+        } catch (...) {
+          Korm::unlinkSegment(name);
+          throw;
+        }
+        return segment;
+      }
+      if (!isStaleRing(*segment)) {
+        throw RingError(subject + ": not a trace ring");
+      }
+      Korm::unlinkSegment(name);
+    }
+  } catch (const std::system_error& error) {
+    throw RingError(error.what());
+  } catch (const std::length_error& error) {
+    throw RingError(error.what());
+  }
+}
+
 }  // namespace
 
 std::unique_ptr<Ring> Ring::create(const RingOptions& options) {
-  constexpr std::size_t fewestRecords = 64;
   constexpr std::size_t mostRecords = std::size_t{1} << 32;
   constexpr std::size_t mostDictionaryBytes = std::size_t{1} << 32;
   if (options.records > mostRecords || options.dictionaryBytes > mostDictionaryBytes) {
-    throw RingError("trace ring '" + options.shmName + "': too large");
+    throw RingError(detail::ringSubject(options.shmName) + ": too large");
   }
+  return std::unique_ptr<Ring>(new Ring(options));
+}
+
+Ring::Ring(const RingOptions& options) : shmName_(options.shmName) {
+  constexpr std::size_t fewestRecords = 64;
   const std::size_t records = std::bit_ceil(std::max(options.records, fewestRecords));
   const std::size_t dictionaryWords = options.dictionaryBytes / sizeof(detail::Word);
   const std::size_t bytes = detail::RingWriter::bytes(records, dictionaryWords);
-  auto segment = options.shmName.empty() ? detail::Segment::createAnonymous(bytes)
-                                         : detail::Segment::createNamed(options.shmName, bytes);
-  return std::unique_ptr<Ring>(
-      new Ring(options.shmName, std::move(segment), records, dictionaryWords));
+  detail::Word* words = nullptr;
+  if (shmName_.empty()) {
+    memory_ = std::make_unique<detail::Word[]>(bytes / sizeof(detail::Word));
+    words = memory_.get();
+  } else {
+    segment_ = ownSegment(shmName_, bytes);
+    name_ = detail::ringSegmentName(shmName_);
+    words = segment_->words();
+  }
+  words_ = words;
+  writer_ = std::make_unique<detail::RingWriter>(words, records, dictionaryWords);
 }
-
-Ring::Ring(std::string shmName, std::unique_ptr<detail::Segment> segment, std::size_t records,
-           std::size_t dictionaryWords)
-    : shmName_(std::move(shmName)),
-      segment_(std::move(segment)),
-      writer_(std::make_unique<detail::RingWriter>(segment_->words(), records, dictionaryWords)) {}
 
 Ring::~Ring() { removeName(); }
 
@@ -87,7 +132,9 @@ std::size_t Ring::records() const noexcept { return writer_->ticketMask + 1; }
 void Ring::removeName() const noexcept {
   const auto owner = static_cast<pid_t>(detail::loadShared(writer_->header[detail::ownerWord]));
   if (!shmName_.empty() && owner == ::getpid()) {
-    segment_->removeName(shmName_);
+    if (segment_->isNamed()) {
+      Korm::unlinkSegment(*name_);
+    }
   }
 }
 
@@ -102,9 +149,13 @@ std::unique_ptr<Ring> ringIs(std::unique_ptr<Ring> next) {
 }
 
 detail::Registration detail::registerPoint(const TracePoint& point,
-                                           std::atomic<std::uint64_t>& registration) {
+                                           std::atomic<std::uint64_t>& registration) noexcept {
   const std::scoped_lock lock(current.mutex);
-  current.get();
+  try {
+    current.get();
+  } catch (const std::exception&) {
+    return {.writer = nullptr, .word = 0};
+  }
   RingWriter* const writer = currentWriter.load(std::memory_order_relaxed);
   std::uint64_t word = registration.load(std::memory_order_relaxed);
   if (word >> 32 != writer->generation) {

@@ -11,9 +11,13 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+
+#include "platform/Korm/Segment.h"
 
 namespace Brisklog {
 
@@ -31,14 +35,14 @@ struct RingOptions {
 
 namespace detail {
 struct RingWriter;
-class Segment;
 }  // namespace detail
 
 class Ring {
  public:
-  // A segment of that name whose owner is gone is replaced by a fresh one, which leaves the readers of the
-  // old one what they have. Throws RingError if the owner lives or memory is not to be had: all of it is
-  // allocated here.
+  // A ring of that name whose owner is gone is replaced by a fresh one, which leaves the readers of the
+  // old one what they have. All memory is allocated here.
+  // Throws: RingError if the owner lives, if the segment of that name is not a ring, or if there is not
+  // enough memory.
   [[nodiscard]] static std::unique_ptr<Ring> create(const RingOptions& options = {});
 
   // Removes the name and unmaps the memory. No thread may still be tracing into this ring.
@@ -53,13 +57,15 @@ class Ring {
   friend class RingReader;
   friend struct CurrentRing;
 
-  Ring(std::string shmName, std::unique_ptr<detail::Segment> segment, std::size_t records,
-       std::size_t dictionaryWords);
+  explicit Ring(const RingOptions& options);
   void removeName() const noexcept;
 
   const std::string shmName_;
-  const std::unique_ptr<detail::Segment> segment_;
-  const std::unique_ptr<detail::RingWriter> writer_;
+  std::optional<Korm::SegmentName> name_;    // of a named ring
+  std::unique_ptr<Korm::Segment> segment_;   // of a named ring
+  std::unique_ptr<std::uint64_t[]> memory_;  // of an anonymous one: a forked child has its own
+  const std::uint64_t* words_ = nullptr;
+  std::unique_ptr<detail::RingWriter> writer_;
 };
 
 // The ring that trace points write to. Before a host sets one this makes an anonymous ring, as the first

@@ -12,12 +12,22 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "platform/Brisklog/Argument.h"
+#include "platform/Korm/Segment.h"
 
 namespace Brisklog::detail {
 
 using Word = std::uint64_t;
+
+// What the ring is called in messages, and what its segment is called in the system.
+[[nodiscard]] inline std::string ringSubject(const std::string& shmName) {
+  return shmName.empty() ? "trace ring" : "trace ring '" + shmName + "'";
+}
+[[nodiscard]] inline Korm::SegmentName ringSegmentName(const std::string& shmName) {
+  return Korm::SegmentName{shmName.front() == '/' ? shmName : '/' + shmName};
+}
 
 [[nodiscard]] inline std::atomic_ref<Word> shared(Word& word) noexcept {
   return std::atomic_ref<Word>(word);

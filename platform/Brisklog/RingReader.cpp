@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "platform/Brisklog/RingWriter.h"
-#include "platform/Brisklog/Segment.h"
 #include "platform/Brisklog/TextFormat.h"
 
 namespace Brisklog {
@@ -91,10 +91,13 @@ void appendPrintable(std::string& line, std::string_view text) {
   }
 }
 
-void checkRing(const std::string& name, const detail::Segment& segment) {
+void checkRing(const std::string& name, const Korm::Segment& segment) {
   const auto fail = [&](const std::string& why) {
-    throw RingError("trace ring '" + name + "': " + why);
+    throw RingError(detail::ringSubject(name) + ": " + why);
   };
+  if (segment.size() < detail::headerWords * sizeof(Word)) {
+    fail("too short to be one, or not ready yet");
+  }
   const Word* const header = segment.words();
   const Word magic = loadShared(header[detail::magicWord]);
   if (magic != detail::ringMagic) {
@@ -105,9 +108,9 @@ void checkRing(const std::string& name, const detail::Segment& segment) {
   }
   const Word records = loadShared(header[detail::recordCountWord]);
   const Word dictionaryWords = loadShared(header[detail::dictionaryWordsWord]);
-  const Word words = segment.bytes() / sizeof(Word);
+  const Word words = segment.size() / sizeof(Word);
   if (!std::has_single_bit(records) || records > words || dictionaryWords > words ||
-      detail::RingWriter::bytes(records, dictionaryWords) > segment.bytes()) {
+      detail::RingWriter::bytes(records, dictionaryWords) > segment.size()) {
     fail("shorter than its header says");
   }
 }
@@ -130,17 +133,27 @@ std::string DecodedRecord::printedLine() const {
 }
 
 RingReader RingReader::attach(const std::string& shmName) {
-  auto segment = detail::Segment::openReadOnly(shmName);
-  checkRing(shmName, *segment);
-  const Word* const base = segment->words();
-  return {shmName, std::move(segment), base};
+  const std::string subject = detail::ringSubject(shmName);
+  if (shmName.empty()) {
+    throw RingError(subject + ": an anonymous ring has no name to attach by");
+  }
+  try {
+    auto segment = Korm::Segment::open(detail::ringSegmentName(shmName),
+                                       Korm::Segment::Access::readOnly_, 0, subject);
+    if (segment == nullptr) {
+      throw RingError(subject + ": cannot be opened: No such file or directory");
+    }
+    checkRing(shmName, *segment);
+    const Word* const base = segment->words();
+    return {shmName, std::move(segment), base};
+  } catch (const std::system_error& error) {
+    throw RingError(error.what());
+  }
 }
 
-RingReader RingReader::attach(const Ring& ring) {
-  return {ring.shmName(), nullptr, ring.segment_->words()};
-}
+RingReader RingReader::attach(const Ring& ring) { return {ring.shmName(), nullptr, ring.words_}; }
 
-RingReader::RingReader(std::string shmName, std::unique_ptr<detail::Segment> segment,
+RingReader::RingReader(std::string shmName, std::unique_ptr<Korm::Segment> segment,
                        const Word* base)
     : shmName_(std::move(shmName)),
       segment_(std::move(segment)),
@@ -159,10 +172,12 @@ RingReader::Owner RingReader::owner() const {
   if (segment_ == nullptr) {
     return Owner::alive_;
   }
-  if (!segment_->hasName() && detail::Segment::exists(shmName_)) {
+  if (!segment_->isNamed() &&
+      Korm::Segment::open(detail::ringSegmentName(shmName_), Korm::Segment::Access::readOnly_, 0,
+                          detail::ringSubject(shmName_)) != nullptr) {
     return Owner::replaced_;
   }
-  return segment_->ownerLives() ? Owner::alive_ : Owner::gone_;
+  return segment_->isLocked() ? Owner::alive_ : Owner::gone_;
 }
 
 pid_t RingReader::ownerProcess() const noexcept {
@@ -190,7 +205,7 @@ std::vector<DecodedRecord> RingReader::newest(std::size_t count) {
   std::vector<Word> tickets;
   for (std::size_t i = 0; i < recordCount_; ++i) {
     const Word sequence = loadShared(slot(i)[detail::sequenceWord]);
-    if (sequence != 0 && !detail::isWriting(sequence)) {
+    if (holds(i, sequence) && !detail::isWriting(sequence)) {
       tickets.push_back(detail::ticketOf(sequence));
     }
   }
@@ -207,49 +222,53 @@ std::vector<DecodedRecord> RingReader::newest(std::size_t count) {
   return decoded;
 }
 
-// Counted back from the newest one: a slot that a suspended writer kept may hold one that is far older.
-Word RingReader::oldest() const noexcept {
-  Word end = 0;
+// Whether a sequence word that was found in a slot may stand there.
+bool RingReader::holds(std::size_t slot, Word sequence) const noexcept {
+  return sequence != 0 && (detail::ticketOf(sequence) & (recordCount_ - 1)) == slot;
+}
+
+// Behind the newest record. The head is not trusted. Of the slots, a single one that is a whole round
+// ahead of all others is damaged.
+Word RingReader::end() const noexcept {
+  Word newest = 0;
+  Word second = 0;
   for (std::size_t i = 0; i < recordCount_; ++i) {
     const Word sequence = loadShared(slot(i)[detail::sequenceWord]);
-    end = std::max(end, sequence == 0 ? 0 : detail::ticketOf(sequence) + 1);
+    const Word after = holds(i, sequence) ? detail::ticketOf(sequence) + 1 : 0;
+    second = std::max(second, std::min(newest, after));
+    newest = std::max(newest, after);
   }
-  return end > recordCount_ ? end - recordCount_ : 0;
+  return second != 0 && newest - second > recordCount_ ? second : newest;
 }
 
-bool RingReader::abandoned(Word ticket) const {
-  const Word head = loadShared(header_[detail::headWord]);
-  return head > ticket + recordCount_ / 2 || owner() != Owner::alive_;
+bool RingReader::abandoned(Word ticket, Word end) const {
+  return end > ticket + recordCount_ / 2 || owner() != Owner::alive_;
 }
 
+// No word of the ring moves the cursor beyond the end, and each step of the loop moves it forward.
 std::vector<DecodedRecord> RingReader::follow(RingCursor& cursor) {
   const Word instance = loadShared(header_[detail::instanceWord]);
-  if (cursor.instance != instance) {
-    cursor = {.instance = instance, .next = oldest(), .lost = cursor.lost};
+  const Word end = this->end();
+  const Word oldest = end > recordCount_ ? end - recordCount_ : 0;
+  if (cursor.instance != instance || cursor.next > end) {
+    cursor = {.instance = instance, .next = oldest, .lost = cursor.lost};
+  }
+  if (cursor.next < oldest) {
+    cursor.lost += oldest - cursor.next;
+    cursor.next = oldest;
   }
   std::vector<DecodedRecord> decoded;
   RawRecord raw;
-  while (decoded.size() < recordCount_) {
-    // The head first: what it counts has left its mark in the slots by then.
-    const Word head = loadShared(header_[detail::headWord]);
+  for (; cursor.next < end; ++cursor.next) {
     const Word sequence = loadShared(slot(cursor.next)[detail::sequenceWord]);
-    if (sequence > detail::sequenceComplete(cursor.next)) {
-      // Lapped: nothing that is older by a round than the record found here is left.
-      const Word next = detail::ticketOf(sequence) - recordCount_ + 1;
-      cursor.lost += next - cursor.next;
-      cursor.next = next;
-    } else if (sequence == detail::sequenceComplete(cursor.next)) {
-      if (copy(cursor.next, raw)) {
-        decoded.push_back(decode(raw));
-        ++cursor.next;
-      }
-    } else if (sequence == detail::sequenceWriting(cursor.next) ? abandoned(cursor.next)
-                                                                : head > cursor.next) {
-      // Never completed, or never used because its slot was still held by a suspended writer.
-      ++cursor.lost;
-      ++cursor.next;
-    } else {
+    if (sequence == detail::sequenceWriting(cursor.next) && !abandoned(cursor.next, end)) {
       break;
+    }
+    if (sequence == detail::sequenceComplete(cursor.next) && copy(cursor.next, raw)) {
+      decoded.push_back(decode(raw));
+    } else {
+      // Overwritten, never completed, or never used because a suspended writer still held its slot.
+      ++cursor.lost;
     }
   }
   return decoded;

@@ -73,7 +73,8 @@ class RingReader {
 
   // The records since the cursor, oldest first, at most a ringful, and moves the cursor past them. A record
   // that is being written holds back the ones behind it until it is complete, its process is gone or half
-  // a ring has been written since. A cursor of another ring starts over at the oldest record.
+  // a ring has been written since. A cursor of another ring, or one that lies beyond the newest record,
+  // starts over at the oldest record.
   [[nodiscard]] std::vector<DecodedRecord> follow(RingCursor& cursor);
 
   [[nodiscard]] Owner owner() const;
@@ -92,20 +93,20 @@ class RingReader {
     std::string handle;
   };
 
-  RingReader(std::string shmName, std::unique_ptr<detail::Segment> segment,
-             const detail::Word* base);
+  RingReader(std::string shmName, std::unique_ptr<Korm::Segment> segment, const detail::Word* base);
 
   [[nodiscard]] const detail::Word* slot(detail::Word ticket) const noexcept;
   [[nodiscard]] bool copy(detail::Word ticket, RawRecord& raw) const noexcept;
-  [[nodiscard]] detail::Word oldest() const noexcept;
-  [[nodiscard]] bool abandoned(detail::Word ticket) const;
+  [[nodiscard]] bool holds(std::size_t slot, detail::Word sequence) const noexcept;
+  [[nodiscard]] detail::Word end() const noexcept;
+  [[nodiscard]] bool abandoned(detail::Word ticket, detail::Word end) const;
   [[nodiscard]] DecodedRecord decode(const RawRecord& raw);
   [[nodiscard]] double decodeTime(const RawRecord& raw) const noexcept;
   [[nodiscard]] const PointText* point(std::uint32_t id);
   [[nodiscard]] bool readPoint(std::uint32_t id, PointText& point) const;
 
   std::string shmName_;
-  std::unique_ptr<detail::Segment> segment_;  // null for a ring of this process
+  std::unique_ptr<Korm::Segment> segment_;  // null for a ring of this process
 
   const detail::Word* header_;
   const detail::Word* records_;

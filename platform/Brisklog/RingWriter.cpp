@@ -8,19 +8,16 @@
 #include <bit>
 #include <cstring>
 #include <mutex>
-#include <string>
+#include <span>
+#include <string_view>
 
 #include "platform/Korm/Clock.h"
 #include "platform/Korm/Hash.h"
-#include "platform/Korm/Prefetch.h"
 
 namespace Brisklog::detail {
 namespace {
 
 constinit std::atomic<std::uint32_t> lastGeneration{0};
-
-// How far ahead the ring is asked for, being larger than the caches near the processor.
-constexpr Word recordsAhead = 8;
 
 Word newInstance() noexcept {
   timespec now{};
@@ -43,6 +40,26 @@ Word* storeWords(Word* next, const char* bytes, std::size_t size) noexcept {
     storeShared(*next++, Korm::loadPart(bytes, size));
   }
   return next;
+}
+
+// The texts one behind the other, the last word filled up with zeros.
+void storeJoined(Word* next, std::span<const std::string_view> texts) noexcept {
+  Word word = 0;
+  unsigned bits = 0;
+  for (const std::string_view text : texts) {
+    for (const char character : text) {
+      word |= static_cast<Word>(static_cast<unsigned char>(character)) << bits;
+      bits += 8;
+      if (bits == 64) {
+        storeShared(*next++, word);
+        word = 0;
+        bits = 0;
+      }
+    }
+  }
+  if (bits != 0) {
+    storeShared(*next, word);
+  }
 }
 
 }  // namespace
@@ -83,7 +100,6 @@ ClaimedRecord RingWriter::claim() noexcept {
                                                 std::memory_order_acq_rel,
                                                 std::memory_order_relaxed)) {
       storeShared(header[headWord], ticket + 1);
-      Korm::prefetch(records + ((ticket + recordsAhead) & ticketMask) * recordWords);
       return {.words = slot, .complete = sequenceComplete(ticket)};
     }
   }
@@ -120,13 +136,13 @@ std::uint32_t RingWriter::enter(const TracePoint& point) noexcept {
       point.scope().substr(0, maxEntryText), point.function().substr(0, maxEntryText),
       point.format().substr(0, maxEntryText), point.unit().substr(0, maxEntryText),
       point.handle().name().substr(0, maxEntryText)};
-  std::string joined;
   Word lengths = 0;
+  std::size_t characters = 0;
   for (std::size_t i = 0; i < texts.size(); ++i) {
-    joined += texts[i];
+    characters += texts[i].size();
     lengths |= i < 4 ? static_cast<Word>(texts[i].size()) << (16 * i) : 0;
   }
-  const Word size = entryTextWord + textWords(joined.size());
+  const Word size = entryTextWord + textWords(characters);
   const Word offset = shared(header[dictionaryUsedWord]).fetch_add(size, std::memory_order_relaxed);
   if (offset + size > loadShared(header[dictionaryWordsWord])) {
     return 0;
@@ -137,7 +153,7 @@ std::uint32_t RingWriter::enter(const TracePoint& point) noexcept {
                                          static_cast<std::uint32_t>(point.line()));
   storeShared(entry[entryLengthsWord], lengths);
   storeShared(entry[entryHandleWord], texts.back().size());
-  storeWords(entry + entryTextWord, joined.data(), joined.size());
+  storeJoined(entry + entryTextWord, texts);
   storeShared(entry[entrySizeWord], size);
   return static_cast<std::uint32_t>(offset);
 }
@@ -155,11 +171,26 @@ Word* storeBytes(Word* next, const Word* end, const void* data, std::size_t size
 
 namespace Brisklog {
 
+namespace detail {
+namespace {
+
+// Where a record goes while there is no memory for a ring.
+ClaimedRecord discardedRecord() noexcept {
+  thread_local std::array<Word, recordWords> words;
+  return {.words = words.data(), .complete = 0};
+}
+
+}  // namespace
+}  // namespace detail
+
 detail::ClaimedRecord TracePoint::claim(detail::Word kinds) const noexcept {
   detail::Registration current{.writer = detail::currentWriter.load(std::memory_order_acquire),
                                .word = registration_.load(std::memory_order_acquire)};
   if (current.word >> 32 != current.writer->generation) [[unlikely]] {
     current = detail::registerPoint(*this, registration_);
+    if (current.writer == nullptr) {
+      return detail::discardedRecord();
+    }
   }
   detail::RingWriter& writer = *current.writer;
   const detail::ClaimedRecord claimed = writer.claim();

@@ -54,8 +54,9 @@ struct Registration {
   std::uint64_t word;  // as TracePoint keeps it
 };
 
-// Enters the point into the current ring, which it makes if need be.
+// Enters the point into the current ring, which it makes if need be. The writer is null when there is
+// no memory for a ring.
 [[nodiscard]] Registration registerPoint(const TracePoint& point,
-                                         std::atomic<std::uint64_t>& registration);
+                                         std::atomic<std::uint64_t>& registration) noexcept;
 
 }  // namespace Brisklog::detail

@@ -1,5 +1,6 @@
 #include "platform/Brisklog/TextTrace.h"
 
+#include <exception>
 #include <locale>
 #include <memory>
 #include <mutex>
@@ -73,17 +74,21 @@ void TracePoint::emitText(std::span<const detail::TextArgument> arguments) const
     return;
   }
   isEmitting = true;
-  std::vector<std::string> texts;
-  for (const detail::TextArgument& argument : arguments) {
-    texts.push_back(argumentText(argument));
+  try {
+    std::vector<std::string> texts;
+    for (const detail::TextArgument& argument : arguments) {
+      texts.push_back(argumentText(argument));
+    }
+    const std::string text = detail::messageText(scope_, function_, format_, texts);
+    (*sink)({.handle = handle_.name(),
+             .level = level_,
+             .unit = unit_,
+             .line = line_,
+             .function = function_,
+             .text = text});
+  } catch (const std::exception&) {
+    // There was no memory for the text: a trace must not end the program.
   }
-  const std::string text = detail::messageText(scope_, function_, format_, texts);
-  (*sink)({.handle = handle_.name(),
-           .level = level_,
-           .unit = unit_,
-           .line = line_,
-           .function = function_,
-           .text = text});
   isEmitting = false;
 }
 

@@ -13,7 +13,7 @@
 // Ownership: handles and points are objects of static storage that live as long as the program traces. The
 // texts that they are given are not copied and must live as long: string literals.
 // Invariant: a call never throws and never changes what it is given. Where no ring was set and there is
-// no memory for one, the first call ends the process.
+// no memory for one, or none for a text, the record or the text is dropped.
 #pragma once
 
 #include <array>

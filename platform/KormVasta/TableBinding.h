@@ -37,18 +37,18 @@ class TableOwner {
 // are told to nobody; the last of those that are corrupt goes to the corruption handler. It turns quiet
 // when the activity has nothing else to do.
 template <Vasta::Record R>
-class TableBinding final : private Vasta::TableObserver<R> {
+class TableBinding final : private Vasta::TableWriter::Listener {
  public:
   using Key = typename R::Key;
   using Table = Vasta::Table<R>;
 
   TableBinding(std::string name, TableOwner<Key>& owner)
       : name_{std::move(name)}, owner_{owner}, table_{makeTable(name_, {})} {
-    table_->observerIs(this);
+    table_->listenerIs(this);
   }
   TableBinding(const TableBinding&) = delete;
   TableBinding& operator=(const TableBinding&) = delete;
-  ~TableBinding() override { table_->observerIs(nullptr); }
+  ~TableBinding() override { table_->listenerIs(nullptr); }
 
   [[nodiscard]] Table& table() noexcept { return *table_; }
   [[nodiscard]] const Table& table() const noexcept { return *table_; }
@@ -98,10 +98,10 @@ class TableBinding final : private Vasta::TableObserver<R> {
       named->quiesce();
     }
     const bool wasBusy = !table_->isQuiesced();
-    table_->observerIs(nullptr);
+    table_->listenerIs(nullptr);
     table_ = std::move(named);
     segment_ = segment;
-    table_->observerIs(this);
+    table_->listenerIs(this);
     table_->corruptionHandlerIs(corruptionHandler_);
     if (wasBusy && table_->isQuiesced()) {
       owner_.tableNotifyQuiesced(true);
@@ -111,7 +111,11 @@ class TableBinding final : private Vasta::TableObserver<R> {
     }
   }
 
-  void recordChanged(const Key& key) override { owner_.tableNotify(key); }
+  void recordChanged(const void* key) override {
+    const Key copy =
+        *static_cast<const Key*>(key);  // the owner may change the row that it stands in
+    owner_.tableNotify(copy);
+  }
   void quiescedChanged(bool quiesced) override {
     if (!quiesced) {
       Korm::activity().defer([this, alive = std::weak_ptr<void>{alive_}] {

@@ -30,6 +30,7 @@ enum class AttachFailure {
   version,     // another version of the shared format
   layout,      // another record type, or another build of it
   truncated,   // its segments are shorter than its header says
+  damaged,     // a word of its header is
   writerBusy,  // another writer, in this process or another, has the table
 };
 
@@ -42,6 +43,9 @@ class AttachError : public std::runtime_error {
  private:
   AttachFailure failure_;
 };
+
+// What the table is called in messages: "table 'routes'".
+[[nodiscard]] std::string tableSubject(const std::string& table);
 
 // Throws the std::system_error with `error` (an errno value) for an operation on `table`.
 [[noreturn]] void throwSystemError(int error, const std::string& table, const char* operation);

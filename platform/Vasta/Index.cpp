@@ -37,7 +37,7 @@ IndexView::IndexView(std::uint64_t* entries, std::size_t capacity) noexcept
       mask_{capacity - 1},
       shift_{64U - static_cast<unsigned>(std::countr_zero(capacity))} {}
 
-IndexView::IndexView(const Segment& segment, std::uint64_t generation, std::uint64_t identity,
+IndexView::IndexView(const Korm::Segment& segment, std::uint64_t generation, std::uint64_t identity,
                      const std::string& table) {
   std::uint64_t* words = segment.words();
   if (segment.size() < entriesWord * wordSize || loadWord(words[magicWord]) != indexMagic ||
@@ -66,12 +66,15 @@ std::size_t Index::segmentBytes(std::size_t capacity) noexcept {
 Index::Generation Index::makeGeneration(std::uint64_t number, std::size_t capacity) const {
   Generation generation;
   generation.number = number;
-  if (place_.names) {
-    generation.name = place_.names->index(number);
-    // A writer that died while it built this generation has left it.
-    unlinkSegment(generation.name);
+  const std::string subject = tableSubject(place_.table);
+  if (!place_.names) {
+    generation.segment = Korm::Segment::createAnonymous(segmentBytes(capacity), subject);
+    return generation;
   }
-  generation.segment = Segment::create(generation.name, segmentBytes(capacity), place_.table);
+  generation.name = place_.names->index(number);
+  // A writer that died while it built this generation has left it.
+  Korm::unlinkSegment(*generation.name);
+  generation.segment = Korm::Segment::create(*generation.name, segmentBytes(capacity), subject);
   return generation;
 }
 
@@ -86,31 +89,26 @@ void Index::complete(Generation& generation, std::uint64_t identity) noexcept {
 void Index::publish() noexcept {
   complete(current_, loadWord(place_.header[Header::identity_]));
   place_.local->indexIs(current_.number, current_.segment);
-  storeWord(place_.header[Header::indexGeneration_], current_.number);
+  storeWord(place_.header[Header::indexGeneration_], checkedWord(current_.number));
 }
 
-void Index::prepareInsert() {
+std::size_t Index::prepareInsert(std::uint32_t tag) {
   const std::size_t limit = current_.view.capacity() / 4 * 3;
   if (current_.used >= limit && !isCopying()) {
     allocateStep();
   }
-  Korm::assertTrue(current_.used + 1 < current_.view.capacity(), "the index always has room");
+  const auto slot = freeSlot(current_.view, tag);
+  if (!slot || current_.used + 1 >= current_.view.capacity()) {
+    throwSystemError(ENOSPC, place_.table, "add an entry to its index");
+  }
+  return *slot;
 }
 
-void Index::insert(std::uint32_t tag, std::uint32_t row) noexcept {
+void Index::insert(std::size_t slot, std::uint32_t tag, std::uint32_t row) noexcept {
   const std::uint64_t word = IndexEntry::of(tag, row);
-  const IndexView& view = current_.view;
-  std::size_t slot = view.home(tag);
-  while (IndexEntry::isLive(loadWord(view.entry(slot)))) {
-    slot = view.next(slot);
-  }
-  if (loadWord(view.entry(slot)) == IndexEntry::empty_) {
-    ++current_.used;
-  }
-  ++current_.live;
-  storeWord(view.entry(slot), word);
+  put(current_, slot, word);
   if (isCopying() && slot < copied_) {
-    put(*next_, word);
+    putInto(*next_, word);
   }
 }
 
@@ -120,8 +118,9 @@ void Index::erase(std::size_t slot) noexcept {
     const auto position = next_->view.find(
         IndexEntry::tagOf(word),
         [word](std::uint32_t candidate) { return candidate == IndexEntry::rowOf(word); });
-    Korm::assertTrue(position.has_value(), "a copied entry is in the next generation");
-    remove(*next_, position->slot);
+    if (position) {  // unless the entry was damaged since it was copied
+      remove(*next_, position->slot);
+    }
   }
   remove(current_, slot);
 }
@@ -136,31 +135,44 @@ void Index::eraseRow(std::uint32_t row) noexcept {
   }
 }
 
-void Index::put(Generation& generation, std::uint64_t word) noexcept {
-  const IndexView& view = generation.view;
-  std::size_t slot = view.home(IndexEntry::tagOf(word));
-  while (IndexEntry::isLive(loadWord(view.entry(slot)))) {
-    slot = view.next(slot);
+// Bounded by the capacity: if damage makes every entry look live, there is none.
+std::optional<std::size_t> Index::freeSlot(const IndexView& view, std::uint32_t tag) noexcept {
+  std::size_t slot = view.home(tag);
+  for (std::size_t probes = 0; probes < view.capacity(); ++probes, slot = view.next(slot)) {
+    if (!IndexEntry::isLive(loadWord(view.entry(slot)))) {
+      return slot;
+    }
   }
-  if (loadWord(view.entry(slot)) == IndexEntry::empty_) {
+  return std::nullopt;
+}
+
+void Index::put(Generation& generation, std::size_t slot, std::uint64_t word) noexcept {
+  std::uint64_t& entry = generation.view.entry(slot);
+  if (loadWord(entry) == IndexEntry::empty_) {
     ++generation.used;
   }
   ++generation.live;
-  storeWord(view.entry(slot), word);
+  storeWord(entry, word);
 }
 
-// An entry that an empty one follows is on nobody's way, so it and the removed ones before it become
-// empty at once; only the others stay as removed.
+void Index::putInto(Generation& generation, std::uint64_t word) noexcept {
+  if (const auto slot = freeSlot(generation.view, IndexEntry::tagOf(word))) {
+    put(generation, *slot, word);
+  }
+}
+
+// No search goes on past an entry that an empty one follows. Such an entry, and the removed ones
+// before it, become empty at once; only the others stay as removed.
 void Index::remove(Generation& generation, std::size_t slot) noexcept {
   const IndexView& view = generation.view;
-  --generation.live;
+  generation.live -= generation.live > 0 ? 1U : 0U;  // damaged entries were never counted
   storeWord(view.entry(slot), IndexEntry::removed_);
   if (loadWord(view.entry(view.next(slot))) != IndexEntry::empty_) {
     return;
   }
   while (loadWord(view.entry(slot)) == IndexEntry::removed_) {
     storeWord(view.entry(slot), IndexEntry::empty_);
-    --generation.used;
+    generation.used -= generation.used > 0 ? 1U : 0U;
     slot = view.previous(slot);
   }
 }
@@ -179,7 +191,7 @@ void Index::allocateStep() {
     nextCapacity_ = capacity;
     copied_ = 0;
   }
-  Segment& segment = *next_->segment;
+  Korm::Segment& segment = *next_->segment;
   const std::size_t total = segmentBytes(nextCapacity_);
   segment.grow(std::min(total, segment.size() + bytesPerStep));
   if (segment.size() >= total) {
@@ -192,7 +204,7 @@ void Index::copyStep() noexcept {
   for (; copied_ < end; ++copied_) {
     const std::uint64_t word = loadWord(current_.view.entry(copied_));
     if (IndexEntry::isLive(word)) {
-      put(*next_, word);
+      putInto(*next_, word);
     }
   }
 }
@@ -221,8 +233,8 @@ void Index::replaceCurrent() noexcept {
   Generation previous = std::exchange(current_, std::move(*next_));
   next_.reset();
   publish();
-  if (!previous.name.empty()) {
-    unlinkSegment(previous.name);
+  if (previous.name) {
+    Korm::unlinkSegment(*previous.name);
   }
   replaced_.push_back(std::move(previous.segment));
 }
@@ -230,10 +242,10 @@ void Index::replaceCurrent() noexcept {
 // To free many pages at once would stall the writer, so it frees them bit by bit, and only once no
 // reader looks at them any more.
 void Index::releaseStep() noexcept {
-  const auto alone =
-      std::find_if(replaced_.begin(), replaced_.end(), [](const std::shared_ptr<Segment>& segment) {
-        return segment.use_count() == 1 && segment->tryLockExclusive();
-      });
+  const auto alone = std::find_if(replaced_.begin(), replaced_.end(),
+                                  [](const std::shared_ptr<Korm::Segment>& segment) {
+                                    return segment.use_count() == 1 && segment->tryLockExclusive();
+                                  });
   if (alone == replaced_.end()) {
     return;
   }

@@ -59,7 +59,7 @@ class IndexView {
   IndexView(std::uint64_t* entries, std::size_t capacity) noexcept;
   // The view of a complete segment. Throws AttachError when it is not an index of the table whose rows
   // segment has that identity.
-  IndexView(const Segment& segment, std::uint64_t generation, std::uint64_t identity,
+  IndexView(const Korm::Segment& segment, std::uint64_t generation, std::uint64_t identity,
             const std::string& table);
 
   [[nodiscard]] std::size_t capacity() const noexcept { return mask_ + 1; }
@@ -115,10 +115,12 @@ class Index {
     return current_.view.find(tag, matches);
   }
 
-  // Throws std::system_error when there is neither room for one more entry nor memory to make some.
-  void prepareInsert();
-  // After prepareInsert(), for a key that is not there.
-  void insert(std::uint32_t tag, std::uint32_t row) noexcept;
+  // Where an entry with this hash goes. Throws: std::system_error when there is neither room for one
+  // more entry nor memory to make some, or when damaged entries take all the room.
+  [[nodiscard]] std::size_t prepareInsert(std::uint32_t tag);
+  // Requires: `slot` is from prepareInsert(tag), the index has not changed since, and the key is not
+  // there.
+  void insert(std::size_t slot, std::uint32_t tag, std::uint32_t row) noexcept;
   void erase(std::size_t slot) noexcept;
   // For a row whose key is damaged, so that its hash is unknown. Looks at every entry.
   void eraseRow(std::uint32_t row) noexcept;
@@ -134,8 +136,8 @@ class Index {
  private:
   struct Generation {
     std::uint64_t number = 0;
-    std::string name;  // of the segment; empty: anonymous
-    std::shared_ptr<Segment> segment;
+    std::optional<Korm::SegmentName> name;  // of the segment; none: anonymous
+    std::shared_ptr<Korm::Segment> segment;
     IndexView view;
     std::size_t live = 0;
     std::size_t used = 0;  // live and removed entries
@@ -144,7 +146,11 @@ class Index {
   [[nodiscard]] static std::size_t segmentBytes(std::size_t capacity) noexcept;
   [[nodiscard]] Generation makeGeneration(std::uint64_t number, std::size_t capacity) const;
   static void complete(Generation& generation, std::uint64_t identity) noexcept;
-  static void put(Generation& generation, std::uint64_t word) noexcept;
+  // The first slot without a live entry on the way of a search for this hash, if there is one.
+  [[nodiscard]] static std::optional<std::size_t> freeSlot(const IndexView& view,
+                                                           std::uint32_t tag) noexcept;
+  static void put(Generation& generation, std::size_t slot, std::uint64_t word) noexcept;
+  static void putInto(Generation& generation, std::uint64_t word) noexcept;
   static void remove(Generation& generation, std::size_t slot) noexcept;
   [[nodiscard]] bool isCopying() const noexcept {
     return next_.has_value() && next_->view.capacity() == nextCapacity_;
@@ -164,7 +170,7 @@ class Index {
   std::size_t nextCapacity_ = 0;  // entries that next_ will have once it is allocated
   std::size_t copied_ = 0;        // entries of current_ below this are in next_ too
   std::uint64_t steps_ = 0;
-  std::vector<std::shared_ptr<Segment>> replaced_;
+  std::vector<std::shared_ptr<Korm::Segment>> replaced_;
 };
 
 }  // namespace Vasta

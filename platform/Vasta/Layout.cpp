@@ -69,9 +69,9 @@ std::uint64_t layoutHash(const RecordLayout& layout) {
   return fingerprint.value();
 }
 
-void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout* expected,
+void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout& expected,
                  const std::string& table) {
-  if (headerSize < headerBytes(minimumFeedCapacity) || loadWord(header[Header::magic_]) == 0) {
+  if (headerSize < headerBytes || loadWord(header[Header::magic_]) == 0) {
     throw AttachError{AttachFailure::notReady, table, "its writer has not finished to create it"};
   }
   if (loadWord(header[Header::magic_]) != tableMagic) {
@@ -83,20 +83,28 @@ void checkHeader(const std::uint64_t* header, std::size_t headerSize, const Reco
                       "it has format version " + std::to_string(version) + ", not " +
                           std::to_string(formatVersion)};
   }
-  const std::uint64_t capacity = loadWord(header[Header::feedCapacity_]);
-  if (capacity > maximumFeedCapacity || !std::has_single_bit(capacity) ||
-      headerSize < headerBytes(capacity)) {
-    throw AttachError{AttachFailure::truncated, table, "its header segment is too short"};
+  const std::uint64_t recordSize = loadWord(header[Header::recordSize_]);
+  const std::uint64_t keyOffset = loadWord(header[Header::keyOffset_]);
+  const std::uint64_t keySize = loadWord(header[Header::keySize_]);
+  if (recordSize != expected.recordSize || keyOffset != expected.keyOffset ||
+      keySize != expected.keySize ||
+      loadWord(header[Header::layoutHash_]) != layoutHash(expected)) {
+    throw AttachError{AttachFailure::layout, table,
+                      "it holds " + shapeOf(recordSize, keyOffset, keySize) +
+                          ", which does not match the '" + std::string{expected.typeName} + "' " +
+                          shapeOf(expected.recordSize, expected.keyOffset, expected.keySize) +
+                          " expected"};
   }
-  if (expected != nullptr && loadWord(header[Header::layoutHash_]) != layoutHash(*expected)) {
-    throw AttachError{
-        AttachFailure::layout, table,
-        "it holds " +
-            shapeOf(loadWord(header[Header::recordSize_]), loadWord(header[Header::keyOffset_]),
-                    loadWord(header[Header::keySize_])) +
-            ", which does not match the '" + std::string{expected->typeName} + "' " +
-            shapeOf(expected->recordSize, expected->keyOffset, expected->keySize) + " expected"};
+}
+
+std::uint64_t headerCounter(const std::uint64_t* header, std::size_t word,
+                            const std::string& table) {
+  const auto number = checkedNumber(loadWord(header[word]));
+  if (!number) {
+    throw AttachError{AttachFailure::damaged, table,
+                      "word " + std::to_string(word) + " of its header is damaged"};
   }
+  return *number;
 }
 
 }  // namespace Vasta

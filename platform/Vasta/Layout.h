@@ -1,30 +1,35 @@
 // The shared format: where everything lies in the segments of a table, and how a word is accessed.
 //
 // A table is three kinds of segments:
-// - the header: the words of `Header` below, then the ring of the change feed;
+// - the header: the words of `Header` below;
 // - the rows: one after the other, each a version word and two cells; row n never moves;
 // - the index, one segment per generation: see Index.h.
 //
-// A cell is {record words, live, change sequence, checksum}. The live word holds the number of record
-// words that are stored, from the first one on, in its upper half, and in its lowest bit whether the
-// record is there. The low bit of the version selects the
-// cell in force; version 0 means that neither ever was. The writer fills the other cell and then
-// publishes it by adding one to the version, so a writer that dies at any instant leaves the record
-// as it was. A reader copies the cell in force and looks at the version again: unchanged, the copy is
-// the record, because the writer touches a cell only after it has moved the version away from it.
+// A cell is {record words, live, change sequence, checksum}. The upper half of the live word is the
+// number of record words that are stored, from the first one on; its lowest bit says whether the
+// record is there. The low bit of the version selects the cell in force; version 0 means that neither
+// ever was. The writer fills the other cell and then publishes it by adding one to the version, so a
+// writer that dies at any instant leaves the record as it was. A reader copies the cell in force and
+// looks at the version again. If it is unchanged, the copy is the record, because the writer changes
+// a cell only after it has moved the version away from it.
 //
-// Thread and process rule: every word that two threads or processes may share is read by loadWord and
-// written by storeWord. A word stored with release that a reader sees by its acquiring load brings
-// with it everything stored before.
+// Whoever reads these words does not trust them. The version and the counters of the header are
+// checked words, a cell has its checksum, and everything that is constant is compared with what the
+// reader knows by itself.
+//
+// Every word that two threads or processes may share is read by loadWord and written by storeWord. A
+// word stored with release that a reader sees by its acquiring load brings with it everything stored
+// before.
 #pragma once
 
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
-#include "platform/Vasta/Crc32c.h"
+#include "platform/Korm/Hash.h"
 #include "platform/Vasta/Record.h"
 
 namespace Vasta {
@@ -40,7 +45,19 @@ inline void storeWord(std::uint64_t& word, std::uint64_t value) noexcept {
 
 inline constexpr std::size_t wordSize = sizeof(std::uint64_t);
 inline constexpr std::uint64_t tableMagic = 0x5641'5354'4154'424CU;
-inline constexpr std::uint64_t formatVersion = 1;
+inline constexpr std::uint64_t formatVersion = 2;
+
+// A number below 2^48 with a check of it in the upper 16 bits of its word. Any single bit that flips
+// is noticed. The word of 0 is 0, as fresh memory has it.
+inline constexpr std::uint64_t checkedNumberMask = (std::uint64_t{1} << 48U) - 1;
+[[nodiscard]] constexpr std::uint64_t checkedWord(std::uint64_t number) noexcept {
+  return number | ((number * 0x9E3779B97F4A7C15U) & ~checkedNumberMask);
+}
+// Nothing when the word is damaged.
+[[nodiscard]] constexpr std::optional<std::uint64_t> checkedNumber(std::uint64_t word) noexcept {
+  const std::uint64_t number = word & checkedNumberMask;
+  return checkedWord(number) == word ? std::optional{number} : std::nullopt;
+}
 
 // Word offsets in the header segment. Words that change at different rates lie in different cache
 // lines, so that a change does not take from a looking-up reader what it needs.
@@ -52,34 +69,22 @@ inline constexpr std::size_t layoutHash_ = 2;
 inline constexpr std::size_t recordSize_ = 3;
 inline constexpr std::size_t keyOffset_ = 4;
 inline constexpr std::size_t keySize_ = 5;
-inline constexpr std::size_t feedCapacity_ = 6;  // entries, a power of two
-inline constexpr std::size_t identity_ = 7;      // of the rows segment
-// Seldom changed.
-inline constexpr std::size_t epoch_ = 8;            // counts the writers so far
-inline constexpr std::size_t indexGeneration_ = 9;  // the generation in force
-inline constexpr std::size_t removed_ = 10;         // not 0: the writer removes the table
+inline constexpr std::size_t identity_ = 6;  // of the rows segment
+// Seldom changed. All that counts is a checked word.
+inline constexpr std::size_t writerGeneration_ = 8;  // counts the writers so far
+inline constexpr std::size_t indexGeneration_ = 9;   // the generation in force
+inline constexpr std::size_t removed_ = 10;          // removedMark: the writer removes the table
 // Changed when the table grows.
 inline constexpr std::size_t rowCount_ = 16;
 // Changed by every write.
 inline constexpr std::size_t changeSequence_ = 24;  // of the latest change
 inline constexpr std::size_t size_ = 25;            // live records
-inline constexpr std::size_t feed_ = 512;
+inline constexpr std::size_t words_ = 32;
 }  // namespace Header
 
-inline constexpr std::size_t minimumFeedCapacity = 16;
-inline constexpr std::size_t maximumFeedCapacity = std::size_t{1} << 20U;
-[[nodiscard]] constexpr std::size_t headerBytes(std::size_t feedCapacity) noexcept {
-  return (Header::feed_ + feedCapacity) * wordSize;
-}
-inline constexpr std::size_t headerReservation = headerBytes(maximumFeedCapacity);
+inline constexpr std::uint64_t removedMark = 0x5641'5354'4147'4F4EU;
+inline constexpr std::size_t headerBytes = Header::words_ * wordSize;
 inline constexpr std::size_t rowsReservation = std::size_t{64} << 30U;
-
-// An entry of the change feed is one word: the row, and the low half of the change sequence by which a
-// reader tells an entry from the one that overwrote it.
-[[nodiscard]] constexpr std::uint64_t feedEntry(std::uint64_t sequence,
-                                                std::uint32_t row) noexcept {
-  return (sequence << 32U) | row;
-}
 
 // The sizes of a record, a cell and a row.
 struct RowGeometry {
@@ -109,21 +114,20 @@ struct RowGeometry {
   }
 };
 
-// What the checksum word of the cell in force must be: the sum of its other words, less the record words
-// that are not stored, begun with the row's number and version, so that a record in the wrong row is found out too, and so is a damaged
-// version unless the damage makes it exactly the one before, whose cell may still be whole.
-// `cell` is contiguous and not written meanwhile.
+// What the checksum word of a cell must be: a hash of its other words, less the record words that are
+// not stored, begun with the row's number and version, so that a record in the wrong row is found out
+// too. Requires: `cell` is contiguous and not written meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
                                                 std::uint64_t version,
                                                 const RowGeometry& geometry) noexcept {
-  const auto scattered = static_cast<std::uint32_t>((version * 0x9E3779B97F4A7C15U) >> 32U);
+  const std::uint64_t place = (version * 0x9E3779B97F4A7C15U) ^ row;
   const std::size_t stored = geometry.storedWords(cell[geometry.liveWord()]);
   if (stored == geometry.recordWords) {  // as most are: in one go
-    return crc32c(cell, geometry.checksumWord() * wordSize, row ^ scattered);
+    return Korm::hashBytes(cell, geometry.checksumWord() * wordSize, place);
   }
-  const std::uint32_t ofRecord = crc32c(cell, stored * wordSize, row ^ scattered);
-  return crc32c(cell + geometry.liveWord(),
-                (geometry.checksumWord() - geometry.liveWord()) * wordSize, ofRecord);
+  const std::uint64_t ofRecord = Korm::hashBytes(cell, stored * wordSize, place);
+  return Korm::hashBytes(cell + geometry.liveWord(),
+                         (geometry.checksumWord() - geometry.liveWord()) * wordSize, ofRecord);
 }
 
 [[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,
@@ -131,12 +135,44 @@ struct RowGeometry {
   return row + ((version & 1U) != 0 ? geometry.secondCell : 1);
 }
 
+enum class RowState { vacant_, removed_, live_, corrupt_ };
+
+// What a row's version word and the cell that it selects say together.
+struct RowCheck {
+  RowState state;
+  std::uint64_t stored = 0;    // of a corrupt row: what its check is
+  std::uint64_t computed = 0;  // and what it should be
+};
+
+// Requires: `cell` is contiguous and not written meanwhile.
+[[nodiscard]] inline RowCheck checkRow(const std::uint64_t* cell, std::uint32_t row,
+                                       std::uint64_t versionWord,
+                                       const RowGeometry& geometry) noexcept {
+  if (versionWord == 0) {
+    return {.state = RowState::vacant_};
+  }
+  const std::uint64_t version = versionWord & checkedNumberMask;
+  if (checkedWord(version) != versionWord) [[unlikely]] {
+    return {RowState::corrupt_, versionWord, checkedWord(version)};
+  }
+  const std::uint64_t stored = cell[geometry.checksumWord()];
+  const std::uint64_t computed = cellChecksum(cell, row, version, geometry);
+  if (stored != computed) [[unlikely]] {
+    return {RowState::corrupt_, stored, computed};
+  }
+  return {.state = RowGeometry::isLive(cell[geometry.liveWord()]) ? RowState::live_
+                                                                  : RowState::removed_};
+}
+
 // Differs between two programs that would not read the same thing from the same bytes.
 [[nodiscard]] std::uint64_t layoutHash(const RecordLayout& layout);
 
-// The end of the table when it is attached, shared by the writer and the readers: throws AttachError
-// unless `header` is a table's header in this format and, where `expected` is given, for its layout.
-void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout* expected,
+// Throws: AttachError unless `header` is a table's header in this format for this layout.
+void checkHeader(const std::uint64_t* header, std::size_t headerSize, const RecordLayout& expected,
                  const std::string& table);
+
+// A counter of the header. Throws: AttachError when it is damaged.
+[[nodiscard]] std::uint64_t headerCounter(const std::uint64_t* header, std::size_t word,
+                                          const std::string& table);
 
 }  // namespace Vasta

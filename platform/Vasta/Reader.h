@@ -55,7 +55,7 @@ class Reader {
 
   // Calls `visit(const RowChange&, const R&)` for what has changed; see TableReader::follow().
   template <class Visit>
-  FollowResult follow(FeedCursor& cursor, Visit&& visit) {
+  FollowResult follow(FollowCursor& cursor, Visit&& visit) {
     class Adapter : public TableReader::Follower {
      public:
       explicit Adapter(Visit& visitor) : visit_{visitor} {}
@@ -72,9 +72,9 @@ class Reader {
     return reader_.follow(cursor, adapter);
   }
 
-  [[nodiscard]] std::size_t size() const noexcept { return reader_.size(); }
-  [[nodiscard]] std::uint64_t epoch() const noexcept { return reader_.epoch(); }
-  [[nodiscard]] std::uint64_t changeSequence() const noexcept { return reader_.changeSequence(); }
+  [[nodiscard]] std::size_t size() const { return reader_.size(); }
+  [[nodiscard]] std::uint64_t writerGeneration() const { return reader_.writerGeneration(); }
+  [[nodiscard]] std::uint64_t changeSequence() const { return reader_.changeSequence(); }
   [[nodiscard]] bool isRemoved() const noexcept { return reader_.isRemoved(); }
 
  private:

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "platform/Vasta/Errors.h"
 #include "platform/Vasta/Layout.h"
 
 namespace Vasta {
@@ -9,19 +10,19 @@ namespace Vasta {
 NamedSegments::NamedSegments(std::string shmName)
     : shmName_{std::move(shmName)}, names_{shmName_} {}
 
-std::shared_ptr<Segment> NamedSegments::header() {
-  return Segment::open(names_.header(), Segment::Access::readOnly_, 0, shmName_);
+std::shared_ptr<Korm::Segment> NamedSegments::header() {
+  return Korm::Segment::open(names_.header(), Korm::Segment::Access::readOnly_, 0,
+                             tableSubject(shmName_));
 }
 
-std::shared_ptr<Segment> NamedSegments::rows(std::size_t least) {
-  std::shared_ptr<Segment> segment =
-      Segment::open(names_.rows(), Segment::Access::readOnly_, rowsReservation, shmName_);
-  return segment != nullptr && segment->size() >= least ? segment : nullptr;
+std::shared_ptr<Korm::Segment> NamedSegments::rows() {
+  return Korm::Segment::open(names_.rows(), Korm::Segment::Access::readOnly_, rowsReservation,
+                             tableSubject(shmName_));
 }
 
-std::shared_ptr<Segment> NamedSegments::index(std::uint64_t& generation) {
-  std::shared_ptr<Segment> segment =
-      Segment::open(names_.index(generation), Segment::Access::readOnly_, 0, shmName_);
+std::shared_ptr<Korm::Segment> NamedSegments::index(std::uint64_t& generation) {
+  std::shared_ptr<Korm::Segment> segment = Korm::Segment::open(
+      names_.index(generation), Korm::Segment::Access::readOnly_, 0, tableSubject(shmName_));
   // The writer takes a replaced index apart once it holds the lock alone: whoever gets a share of the
   // lock first may read for as long as it likes, and whoever comes later asks for the new one.
   if (segment != nullptr && !segment->tryLockShared()) {
@@ -30,17 +31,17 @@ std::shared_ptr<Segment> NamedSegments::index(std::uint64_t& generation) {
   return segment;
 }
 
-LocalSegments::LocalSegments(std::string table, std::shared_ptr<Segment> header,
-                             std::shared_ptr<Segment> rows)
+LocalSegments::LocalSegments(std::string table, std::shared_ptr<Korm::Segment> header,
+                             std::shared_ptr<Korm::Segment> rows)
     : table_{std::move(table)}, header_{std::move(header)}, rows_{std::move(rows)} {}
 
-std::shared_ptr<Segment> LocalSegments::index(std::uint64_t& generation) {
+std::shared_ptr<Korm::Segment> LocalSegments::index(std::uint64_t& generation) {
   const std::scoped_lock lock{mutex_};
   generation = generation_;
   return index_;
 }
 
-void LocalSegments::indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment) {
+void LocalSegments::indexIs(std::uint64_t generation, std::shared_ptr<Korm::Segment> segment) {
   const std::scoped_lock lock{mutex_};
   generation_ = generation;
   index_ = std::move(segment);

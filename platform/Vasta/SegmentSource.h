@@ -11,7 +11,8 @@
 #include <mutex>
 #include <string>
 
-#include "platform/Vasta/Segment.h"
+#include "platform/Korm/Segment.h"
+#include "platform/Vasta/SegmentNames.h"
 
 namespace Vasta {
 
@@ -21,12 +22,11 @@ class SegmentSource {
 
   [[nodiscard]] virtual const std::string& name() const noexcept = 0;
   // Null when there is no such segment. May throw std::system_error.
-  [[nodiscard]] virtual std::shared_ptr<Segment> header() = 0;
-  // Null also when it is shorter than `least` bytes.
-  [[nodiscard]] virtual std::shared_ptr<Segment> rows(std::size_t least) = 0;
+  [[nodiscard]] virtual std::shared_ptr<Korm::Segment> header() = 0;
+  [[nodiscard]] virtual std::shared_ptr<Korm::Segment> rows() = 0;
   // The index of this generation, or a later one, which `generation` becomes; null when it was replaced
   // meanwhile. The writer leaves the segment alone for as long as the pointer is held.
-  [[nodiscard]] virtual std::shared_ptr<Segment> index(std::uint64_t& generation) = 0;
+  [[nodiscard]] virtual std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) = 0;
 };
 
 // Opens the segments read-only by their names.
@@ -34,9 +34,9 @@ class NamedSegments : public SegmentSource {
  public:
   explicit NamedSegments(std::string shmName);
   [[nodiscard]] const std::string& name() const noexcept override { return shmName_; }
-  [[nodiscard]] std::shared_ptr<Segment> header() override;
-  [[nodiscard]] std::shared_ptr<Segment> rows(std::size_t least) override;
-  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
+  [[nodiscard]] std::shared_ptr<Korm::Segment> header() override;
+  [[nodiscard]] std::shared_ptr<Korm::Segment> rows() override;
+  [[nodiscard]] std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) override;
 
  private:
   const std::string shmName_;
@@ -46,24 +46,25 @@ class NamedSegments : public SegmentSource {
 // The segments of a writer, which keeps this up to date for the readers in its process.
 class LocalSegments : public SegmentSource {
  public:
-  LocalSegments(std::string table, std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows);
+  LocalSegments(std::string table, std::shared_ptr<Korm::Segment> header,
+                std::shared_ptr<Korm::Segment> rows);
   [[nodiscard]] const std::string& name() const noexcept override { return table_; }
-  [[nodiscard]] std::shared_ptr<Segment> header() override { return header_; }
-  [[nodiscard]] std::shared_ptr<Segment> rows(std::size_t) override { return rows_; }
-  [[nodiscard]] std::shared_ptr<Segment> index(std::uint64_t& generation) override;
+  [[nodiscard]] std::shared_ptr<Korm::Segment> header() override { return header_; }
+  [[nodiscard]] std::shared_ptr<Korm::Segment> rows() override { return rows_; }
+  [[nodiscard]] std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) override;
 
   // From now on `segment` is the index; the previous one is handed out no more.
-  void indexIs(std::uint64_t generation, std::shared_ptr<Segment> segment);
+  void indexIs(std::uint64_t generation, std::shared_ptr<Korm::Segment> segment);
 
  private:
   // Constant after construction.
   const std::string table_;
-  const std::shared_ptr<Segment> header_;
-  const std::shared_ptr<Segment> rows_;
+  const std::shared_ptr<Korm::Segment> header_;
+  const std::shared_ptr<Korm::Segment> rows_;
   // Guarded by mutex_.
   std::mutex mutex_;
   std::uint64_t generation_ = 0;
-  std::shared_ptr<Segment> index_;
+  std::shared_ptr<Korm::Segment> index_;
 };
 
 }  // namespace Vasta

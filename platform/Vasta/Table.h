@@ -16,28 +16,14 @@
 
 namespace Vasta {
 
-// What an owner hears from its table; see TableWriter::Listener.
 template <Record R>
-class TableObserver {
- public:
-  virtual ~TableObserver() = default;
-  // After every committed insertion, overwrite or removal of the record of `key`.
-  virtual void recordChanged(const typename R::Key& key) = 0;
-  // The table has become busy (false) or quiet (true).
-  virtual void quiescedChanged([[maybe_unused]] bool quiesced) {}
-  virtual void mountStateChanged() {}
-};
-
-template <Record R>
-class Table : private TableWriter::Listener {
+class Table {
  public:
   using Key = typename R::Key;
   using CorruptionHandler = TableWriter::CorruptionHandler;
 
   // Creates the table or takes it over. Throws AttachError or std::system_error.
-  explicit Table(TableOptions options) : writer_{recordLayout<R>(), std::move(options)} {
-    writer_.listenerIs(this);
-  }
+  explicit Table(TableOptions options) : writer_{recordLayout<R>(), std::move(options)} {}
 
   // Where a hash is given it must be hashOf(key).
   [[nodiscard]] static std::uint32_t hashOf(const Key& key) noexcept { return hashOfKey<R>(key); }
@@ -83,7 +69,9 @@ class Table : private TableWriter::Listener {
   [[nodiscard]] const R* next(Hint& hint) const { return asRecord(writer_.next(hint)); }
 
   [[nodiscard]] std::size_t size() const noexcept { return writer_.size(); }
-  [[nodiscard]] std::uint64_t epoch() const noexcept { return writer_.epoch(); }
+  [[nodiscard]] std::uint64_t writerGeneration() const noexcept {
+    return writer_.writerGeneration();
+  }
   [[nodiscard]] std::uint64_t changeSequence() const noexcept { return writer_.changeSequence(); }
   [[nodiscard]] const std::string& name() const noexcept { return writer_.name(); }
   [[nodiscard]] std::shared_ptr<SegmentSource> segments() const noexcept {
@@ -91,7 +79,7 @@ class Table : private TableWriter::Listener {
   }
 
   // Not owned; outlives its use here. Null for none.
-  void observerIs(TableObserver<R>* observer) noexcept { observer_ = observer; }
+  void listenerIs(TableWriter::Listener* listener) noexcept { writer_.listenerIs(listener); }
 
   void quiesce() { writer_.quiesce(); }
   [[nodiscard]] bool isQuiesced() const noexcept { return writer_.isQuiesced(); }
@@ -124,26 +112,7 @@ class Table : private TableWriter::Listener {
     return reinterpret_cast<const std::byte*>(&record);
   }
 
-  void recordChanged(const void* key) override {
-    if (observer_ != nullptr) {
-      // The observer may change the row that the key stands in.
-      const Key copy = *static_cast<const Key*>(key);
-      observer_->recordChanged(copy);
-    }
-  }
-  void quiescedChanged(bool quiesced) override {
-    if (observer_ != nullptr) {
-      observer_->quiescedChanged(quiesced);
-    }
-  }
-  void mountStateChanged() override {
-    if (observer_ != nullptr) {
-      observer_->mountStateChanged();
-    }
-  }
-
   TableWriter writer_;
-  TableObserver<R>* observer_ = nullptr;
 };
 
 }  // namespace Vasta

@@ -3,19 +3,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string>
 #include <utility>
 
-#include "platform/Korm/Prefetch.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Vasta {
 namespace {
 
-// Bytes of each cell: the processor follows by itself from there.
-constexpr std::size_t longestPrefetch = 512;
-
-std::shared_ptr<Segment> openHeader(SegmentSource& source, const RecordLayout* layout) {
-  std::shared_ptr<Segment> header = source.header();
+std::shared_ptr<Korm::Segment> openHeader(SegmentSource& source, const RecordLayout& layout) {
+  std::shared_ptr<Korm::Segment> header = source.header();
   if (header == nullptr) {
     throw AttachError{AttachFailure::missing, source.name(), "there is no such table"};
   }
@@ -23,51 +20,58 @@ std::shared_ptr<Segment> openHeader(SegmentSource& source, const RecordLayout* l
   return header;
 }
 
-RowGeometry geometryOf(const Segment& header) {
-  const auto word = [&header](std::size_t offset) {
-    return static_cast<std::uint32_t>(loadWord(header.words()[offset]));
-  };
-  return {word(Header::recordSize_), word(Header::keyOffset_), word(Header::keySize_)};
-}
-
 }  // namespace
 
 TableReader::TableReader(std::string shmName, const RecordLayout& layout)
-    : TableReader{std::make_shared<NamedSegments>(std::move(shmName)), &layout} {}
-
-TableReader::TableReader(std::string shmName)
-    : TableReader{std::make_shared<NamedSegments>(std::move(shmName)), nullptr} {}
+    : TableReader{std::make_shared<NamedSegments>(std::move(shmName)), layout} {}
 
 TableReader::TableReader(std::shared_ptr<SegmentSource> source, const RecordLayout& layout)
-    : TableReader{std::move(source), &layout} {}
-
-TableReader::TableReader(std::shared_ptr<SegmentSource> source, const RecordLayout* layout)
     : source_{std::move(source)},
       header_{openHeader(*source_, layout)},
-      geometry_{geometryOf(*header_)},
-      prefetchedBytes_{std::min(geometry_.cellWords * wordSize, longestPrefetch)},
+      geometry_{layout.recordSize, layout.keyOffset, layout.keySize},
       cell_(geometry_.cellWords) {
   attachRows();
   refreshIndex();
 }
 
 void TableReader::attachRows() {
-  // The writer allocates rows before it counts them, so there are at least as many as are counted.
-  rows_ = source_->rows(geometry_.bytesForRows(header(Header::rowCount_)));
+  rows_ = source_->rows();
   if (rows_ == nullptr || rows_->identity() != header(Header::identity_)) {
     throw AttachError{AttachFailure::missing, source_->name(),
                       "its rows are missing, or were removed while it was being attached"};
   }
+  static_cast<void>(rowCount());
 }
 
 std::uint64_t TableReader::header(std::size_t word) const noexcept {
   return loadWord(header_->words()[word]);
 }
 
+std::uint64_t TableReader::counter(std::size_t word) const {
+  return headerCounter(header_->words(), word, source_->name());
+}
+
+// The writer allocates rows before it counts them, so there are at least as many as are counted.
+std::uint32_t TableReader::rowCount() {
+  const std::uint64_t count = counter(Header::rowCount_);
+  if (count > readableRows_) {
+    rows_->refreshSize();
+    if (count > maximumRows || geometry_.bytesForRows(count) > rows_->size()) {
+      throw AttachError{AttachFailure::truncated, source_->name(),
+                        "rows are missing of the " + std::to_string(count) + " that it counts"};
+    }
+    if (geometry_.bytesForRows(count) > rows_->mapped()) {
+      throwSystemError(ENOMEM, source_->name(), "read a row beyond the address space granted");
+    }
+    readableRows_ = count;
+  }
+  return static_cast<std::uint32_t>(count);
+}
+
 bool TableReader::refreshIndex() {
-  for (std::uint64_t inForce = header(Header::indexGeneration_); inForce != generation_;) {
+  for (std::uint64_t inForce = counter(Header::indexGeneration_); inForce != generation_;) {
     std::uint64_t generation = inForce;
-    if (std::shared_ptr<Segment> segment = source_->index(generation)) {
+    if (std::shared_ptr<Korm::Segment> segment = source_->index(generation)) {
       // Within the writer's process the next index can be had a moment before it is announced.
       if (generation == generation_) {
         return false;
@@ -79,7 +83,7 @@ bool TableReader::refreshIndex() {
     }
     // It must have been replaced, or else it has gone with the table.
     const std::uint64_t tried = inForce;
-    inForce = header(Header::indexGeneration_);
+    inForce = counter(Header::indexGeneration_);
     if (inForce == tried) {
       throw AttachError{AttachFailure::missing, source_->name(),
                         isRemoved() ? "it was removed" : "its index is missing"};
@@ -88,26 +92,15 @@ bool TableReader::refreshIndex() {
   return false;
 }
 
-// To wait for the version before the cell is fetched would cost a second trip to memory.
-void TableReader::prefetch(std::uint32_t row) const {
-  const auto* words = rowWords(row);
-  Korm::prefetch(words, prefetchedBytes_);
-  Korm::prefetch(words + geometry_.secondCell, prefetchedBytes_);
-}
-
-const std::uint64_t* TableReader::rowWords(std::uint32_t row) const {
-  const std::size_t end = geometry_.bytesForRows(std::size_t{row} + 1);
-  if (end > rows_->mapped()) {
-    throwSystemError(ENOMEM, source_->name(), "read a row beyond the address space granted");
-  }
+const std::uint64_t* TableReader::rowWords(std::uint32_t row) const noexcept {
   return rows_->words() + std::size_t{row} * geometry_.rowWords;
 }
 
-TableReader::RowState TableReader::copyRow(std::uint32_t row) {
+RowState TableReader::copyRow(std::uint32_t row) {
   const std::uint64_t* words = rowWords(row);
   std::uint64_t version = 0;
   std::size_t stored = 0;
-  for (;;) {
+  do {
     version = loadWord(words[0]);
     if (version == 0) {
       return RowState::vacant_;
@@ -121,31 +114,23 @@ TableReader::RowState TableReader::copyRow(std::uint32_t row) {
     for (std::size_t i = geometry_.liveWord(); i < geometry_.cellWords; ++i) {
       cell_[i] = loadWord(cell[i]);
     }
-    if (loadWord(words[0]) == version) {
-      break;
-    }
-  }
+  } while (loadWord(words[0]) != version);
   std::fill_n(cell_.begin() + static_cast<std::ptrdiff_t>(stored), used_ - stored, 0);
   used_ = stored;
-  const std::uint64_t expected = cell_[geometry_.checksumWord()];
-  const std::uint64_t computed = cellChecksum(cell_.data(), row, version, geometry_);
-  if (expected != computed) [[unlikely]] {
-    throw Corruption{source_->name(), row, expected, computed};
+  const RowCheck found = checkRow(cell_.data(), row, version, geometry_);
+  if (found.state == RowState::corrupt_) {
+    throw Corruption{source_->name(), row, found.stored, found.computed};
   }
-  return RowGeometry::isLive(cell_[geometry_.liveWord()]) ? RowState::live_ : RowState::removed_;
+  return found.state;
 }
 
 bool TableReader::lookUp(const void* key, std::uint32_t hash) {
   const auto* copiedKey = reinterpret_cast<const std::byte*>(cell_.data()) + geometry_.keyOffset;
+  // An entry is written after its row is counted, so a row beyond the count is damage, not growth.
   return indexView_
       .find(hash,
             [&](std::uint32_t row) {
-              // An entry is written after its row is counted, so this is not a row too new to see.
-              if (row >= header(Header::rowCount_)) [[unlikely]] {
-                return false;
-              }
-              prefetch(row);
-              return copyRow(row) == RowState::live_ &&
+              return row < rowCount() && copyRow(row) == RowState::live_ &&
                      std::memcmp(copiedKey, key, geometry_.keySize) == 0;
             })
       .has_value();
@@ -164,7 +149,8 @@ bool TableReader::find(const void* key, std::uint32_t hash, std::byte* record) {
 }
 
 bool TableReader::next(Hint& hint, std::byte* record) {
-  while (hint.row < header(Header::rowCount_)) {
+  const std::uint32_t end = rowCount();
+  while (hint.row < end) {
     if (copyRow(hint.row++) == RowState::live_) {
       std::memcpy(record, cell_.data(), geometry_.recordSize);
       return true;
@@ -173,87 +159,56 @@ bool TableReader::next(Hint& hint, std::byte* record) {
   return false;
 }
 
-FollowResult TableReader::follow(FeedCursor& cursor, Follower& follower) {
+// Of the cell in force when it was looked at. What is behind it is checked when the row is copied.
+std::uint64_t TableReader::sequenceOf(std::uint32_t row) const noexcept {
+  const std::uint64_t* words = rowWords(row);
+  const std::uint64_t version = loadWord(words[0]);
+  return version == 0 ? 0 : loadWord(cellOf(words, version, geometry_)[geometry_.sequenceWord()]);
+}
+
+FollowResult TableReader::follow(FollowCursor& cursor, Follower& follower) {
   FollowResult result;
-  const std::uint64_t currentEpoch = epoch();
-  result.writerChanged = cursor.epoch != 0 && cursor.epoch != currentEpoch;
-  cursor.epoch = currentEpoch;
-  const std::uint64_t end = changeSequence();
-  if (cursor.scanEnd != 0 || !followFeed(cursor, end, follower, result)) {
-    if (cursor.scanEnd == 0) {
-      cursor.scanEnd = end;
-      cursor.scanRow = 0;
+  const std::uint64_t writer = writerGeneration();
+  result.writerChanged = cursor.writerGeneration != 0 && cursor.writerGeneration != writer;
+  cursor.writerGeneration = writer;
+  if (cursor.passEnd == 0) {
+    const std::uint64_t end = changeSequence();
+    if (end == cursor.sequence) {
+      return result;
     }
-    result.fellBehind = true;
-    followRows(cursor, follower, result);
+    cursor = {.sequence = end < cursor.sequence ? 0 : cursor.sequence,
+              .writerGeneration = writer,
+              .nextRow = 0,
+              .passEnd = end};
   }
+  for (; cursor.nextRow < rowCount(); ++cursor.nextRow) {
+    if (sequenceOf(cursor.nextRow) > cursor.sequence) {
+      tell(cursor, follower, result);
+    }
+  }
+  cursor.sequence = std::exchange(cursor.passEnd, 0);
   return result;
 }
 
-bool TableReader::followFeed(FeedCursor& cursor, std::uint64_t end, Follower& follower,
-                             FollowResult& result) {
-  const std::uint64_t capacity = header(Header::feedCapacity_);
-  while (cursor.sequence < end) {
-    const std::uint64_t sequence = cursor.sequence + 1;
-    if (end - cursor.sequence > capacity) {
-      return false;
-    }
-    const std::uint64_t entry =
-        loadWord(header_->words()[Header::feed_ + (sequence & (capacity - 1))]);
-    const auto row = static_cast<std::uint32_t>(entry);
-    if (entry != feedEntry(sequence, row) || row >= header(Header::rowCount_)) {
-      return false;
-    }
-    RowState state{};
-    try {
-      state = copyRow(row);
-    } catch (const Corruption&) {
-      cursor.sequence = sequence;
-      throw;
-    }
-    // A row that has changed again is told when its latest change comes up, if that is up to `end`.
-    if (state != RowState::vacant_ && (copiedSequence() == sequence || copiedSequence() > end)) {
-      tell(row, state, follower, result);
-    }
-    cursor.sequence = sequence;
+void TableReader::tell(FollowCursor& cursor, Follower& follower, FollowResult& result) {
+  const std::uint32_t row = cursor.nextRow;
+  RowState state{};
+  try {
+    state = copyRow(row);
+  } catch (const Corruption&) {
+    ++cursor.nextRow;
+    throw;
   }
-  return true;
-}
-
-void TableReader::followRows(FeedCursor& cursor, Follower& follower, FollowResult& result) {
-  while (cursor.scanRow < header(Header::rowCount_)) {
-    const std::uint32_t row = cursor.scanRow;
-    RowState state{};
-    try {
-      state = copyRow(row);
-    } catch (const Corruption&) {
-      ++cursor.scanRow;
-      throw;
-    }
-    if (state != RowState::vacant_ && copiedSequence() > cursor.sequence) {
-      tell(row, state, follower, result);
-    }
-    ++cursor.scanRow;
+  if (state == RowState::vacant_) {
+    return;
   }
-  cursor.sequence = cursor.scanEnd;
-  cursor.scanEnd = 0;
-}
-
-void TableReader::tell(std::uint32_t row, RowState state, Follower& follower,
-                       FollowResult& result) const {
-  const auto record = std::as_bytes(std::span{cell_}).first(geometry_.recordSize);
   ++result.told;
   follower.rowChanged({.row = row,
-                       .sequence = copiedSequence(),
+                       .sequence = cell_[geometry_.sequenceWord()],
                        .live = state == RowState::live_,
-                       .record = record});
+                       .record = std::as_bytes(std::span{cell_}).first(geometry_.recordSize)});
 }
 
-std::size_t TableReader::size() const noexcept { return header(Header::size_); }
-std::uint64_t TableReader::epoch() const noexcept { return header(Header::epoch_); }
-std::uint64_t TableReader::changeSequence() const noexcept {
-  return header(Header::changeSequence_);
-}
-bool TableReader::isRemoved() const noexcept { return header(Header::removed_) != 0; }
+bool TableReader::isRemoved() const noexcept { return header(Header::removed_) == removedMark; }
 
 }  // namespace Vasta

@@ -25,12 +25,12 @@
 namespace Vasta {
 
 // How far a follower has come. A new cursor stands before all changes: to follow from it gives every
-// record there is. Opaque but for its sequence and its epoch.
-struct FeedCursor {
-  std::uint64_t sequence = 0;  // of the last change that was told
-  std::uint64_t epoch = 0;     // of the writer at that time
-  std::uint32_t scanRow = 0;   // where a look at all rows goes on,
-  std::uint64_t scanEnd = 0;   // and the sequence that it brings the cursor to; 0: none under way
+// record there is. Opaque but for its sequence and its writer.
+struct FollowCursor {
+  std::uint64_t sequence = 0;          // all changes up to this one were told
+  std::uint64_t writerGeneration = 0;  // the writer at that time
+  std::uint32_t nextRow = 0;           // where the pass over the rows that is under way goes on,
+  std::uint64_t passEnd = 0;           // and the sequence that it ends with; 0: none under way
 };
 
 // What a follower is told: the state of a row. A row holds one record at a time, so a record that was
@@ -44,7 +44,6 @@ struct RowChange {
 
 struct FollowResult {
   std::size_t told = 0;
-  bool fellBehind = false;     // the feed had gone over the cursor, so all newer rows were told
   bool writerChanged = false;  // another writer has the table than when the cursor last moved
 };
 
@@ -60,8 +59,6 @@ class TableReader {
   // Attaches to a named table. Throws AttachError when there is none or when it is not a table of
   // `layout`, std::system_error when the system refuses.
   TableReader(std::string shmName, const RecordLayout& layout);
-  // Attaches to a table of whatever records.
-  explicit TableReader(std::string shmName);
   // Attaches within the writer's process; see TableWriter::segments().
   TableReader(std::shared_ptr<SegmentSource> source, const RecordLayout& layout);
 
@@ -76,47 +73,47 @@ class TableReader {
   [[nodiscard]] bool next(Hint& hint, std::byte* record);
 
   // Tells every row that has changed since the cursor, at least once each, in its latest state, and
-  // moves the cursor. Throws Corruption for a corrupt row with the cursor already past it.
-  FollowResult follow(FeedCursor& cursor, Follower& follower);
+  // moves the cursor. When there was a change it looks at the change sequence of every row. A cursor
+  // that lies behind the latest change, because a damaged one was lost with its writer, starts over.
+  // Throws: Corruption for a corrupt row, with the cursor already past it; AttachError when the header
+  // is damaged.
+  FollowResult follow(FollowCursor& cursor, Follower& follower);
 
-  [[nodiscard]] std::size_t size() const noexcept;
+  // These are counters of the header. Throws: AttachError when one is damaged.
+  [[nodiscard]] std::size_t size() const { return counter(Header::size_); }
+  [[nodiscard]] std::uint64_t changeSequence() const { return counter(Header::changeSequence_); }
   // Another writer has taken the table over when this has changed.
-  [[nodiscard]] std::uint64_t epoch() const noexcept;
-  [[nodiscard]] std::uint64_t changeSequence() const noexcept;
+  [[nodiscard]] std::uint64_t writerGeneration() const {
+    return counter(Header::writerGeneration_);
+  }
   // The writer has removed the table: what is mapped stays readable but changes no more, and a new
   // table of that name is attached by a new reader.
   [[nodiscard]] bool isRemoved() const noexcept;
 
  private:
-  enum class RowState { vacant_, removed_, live_ };
-
-  TableReader(std::shared_ptr<SegmentSource> source, const RecordLayout* layout);
-
   void attachRows();
   // Whether the index in force is another one than at the last call; maps it then.
   bool refreshIndex();
   [[nodiscard]] std::uint64_t header(std::size_t word) const noexcept;
-  [[nodiscard]] const std::uint64_t* rowWords(std::uint32_t row) const;
-  void prefetch(std::uint32_t row) const;
+  [[nodiscard]] std::uint64_t counter(std::size_t word) const;
+  // How many rows there are, all of which may be read. Throws: AttachError when that number is damaged.
+  [[nodiscard]] std::uint32_t rowCount();
+  // Requires: there is such a row.
+  [[nodiscard]] const std::uint64_t* rowWords(std::uint32_t row) const noexcept;
+  [[nodiscard]] std::uint64_t sequenceOf(std::uint32_t row) const noexcept;
   // Takes the row's committed cell to cell_. Throws Corruption.
   RowState copyRow(std::uint32_t row);
   [[nodiscard]] bool lookUp(const void* key, std::uint32_t hash);
-  [[nodiscard]] std::uint64_t copiedSequence() const noexcept {
-    return cell_[geometry_.sequenceWord()];
-  }
-
-  bool followFeed(FeedCursor& cursor, std::uint64_t end, Follower& follower, FollowResult& result);
-  void followRows(FeedCursor& cursor, Follower& follower, FollowResult& result);
-  void tell(std::uint32_t row, RowState state, Follower& follower, FollowResult& result) const;
+  void tell(FollowCursor& cursor, Follower& follower, FollowResult& result);
 
   // Constant after construction.
   const std::shared_ptr<SegmentSource> source_;
-  const std::shared_ptr<Segment> header_;
+  const std::shared_ptr<Korm::Segment> header_;
   const RowGeometry geometry_;
-  const std::size_t prefetchedBytes_;
-  std::shared_ptr<Segment> rows_;
+  std::shared_ptr<Korm::Segment> rows_;
   // The reader's thread.
-  std::shared_ptr<Segment> index_;
+  std::uint64_t readableRows_ = 0;
+  std::shared_ptr<Korm::Segment> index_;
   IndexView indexView_;
   std::uint64_t generation_ = 0;
   std::vector<std::uint64_t> cell_;

@@ -18,8 +18,6 @@ constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
 
 }  // namespace
 
-std::uint64_t TableWriter::epoch() const noexcept { return loadWord(header_[Header::epoch_]); }
-
 std::uint64_t* TableWriter::rowWords(std::uint32_t row) const noexcept {
   return rows_ + std::size_t{row} * geometry_.rowWords;
 }
@@ -37,28 +35,19 @@ const std::byte* TableWriter::keyOf(std::uint32_t row) const noexcept {
   return recordOf(row) + geometry_.keyOffset;
 }
 
-std::uint64_t TableWriter::checksumOf(std::uint32_t row) const noexcept {
-  return cellChecksum(activeCell(row), row, loadWord(rowWords(row)[0]), geometry_);
+RowCheck TableWriter::check(std::uint32_t row) const noexcept {
+  return checkRow(activeCell(row), row, loadWord(rowWords(row)[0]), geometry_);
 }
 
-TableWriter::RowState TableWriter::inspect(std::uint32_t row) const noexcept {
-  if (loadWord(rowWords(row)[0]) == 0) {
-    return RowState::vacant_;
-  }
-  const std::uint64_t* cell = activeCell(row);
-  if (cell[geometry_.checksumWord()] != checksumOf(row)) {
-    return RowState::corrupt_;
-  }
-  return RowGeometry::isLive(cell[geometry_.liveWord()]) ? RowState::live_ : RowState::vacant_;
+Corruption TableWriter::corruptionOf(std::uint32_t row, const RowCheck& check) const {
+  return {options_.name, row, check.stored, check.computed};
 }
 
-Corruption TableWriter::corruptionOf(std::uint32_t row) const {
-  return {options_.name, row, activeCell(row)[geometry_.checksumWord()], checksumOf(row)};
-}
-
+// A row that is occupied and intact is live. One that is neither live nor corrupt has lost its record
+// to damage that happens to have a right checksum.
 void TableWriter::requireIntact(std::uint32_t row) const {
-  if (inspect(row) != RowState::live_) [[unlikely]] {
-    throw corruptionOf(row);
+  if (const RowCheck found = check(row); found.state != RowState::live_) [[unlikely]] {
+    throw corruptionOf(row, found);
   }
 }
 
@@ -68,9 +57,10 @@ bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
 
 std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash) const {
   // A corrupt row under the whole hash of the key is taken for the key's, though its own key may be
-  // what is damaged: a look-up reports it and a write heals it.
+  // what is damaged: a look-up reports it and a write heals it. Damaged entries may lead to any row.
   return index_->find(hash, [this, key](std::uint32_t row) {
-    return hasKey(row, key) || inspect(row) == RowState::corrupt_;
+    return row < rowCount_ && occupied_[row] &&
+           (hasKey(row, key) || check(row).state == RowState::corrupt_);
   });
 }
 
@@ -95,17 +85,17 @@ void TableWriter::is(const std::byte* record, std::uint32_t hash) {
 
 void TableWriter::overwrite(std::uint32_t row, const std::byte* record) {
   commitRow(row, record, true);
-  publishChange(row);
+  publishChange();
 }
 
 void TableWriter::insert(const std::byte* record, std::uint32_t hash) {
-  index_->prepareInsert();
+  const std::size_t slot = index_->prepareInsert(hash);
   const std::uint32_t row = takeRow();
   commitRow(row, record, true);
   occupied_[row] = true;
   ++size_;
-  index_->insert(hash, row);
-  publishChange(row);
+  index_->insert(slot, hash, row);
+  publishChange();
   index_->advance();
 }
 
@@ -126,7 +116,7 @@ std::uint32_t TableWriter::takeRow() {
   occupied_.resize(std::size_t{row} + 1);
   // Counted before it is filled: a row that a dying writer leaves unfilled is vacant.
   ++rowCount_;
-  storeWord(header_[Header::rowCount_], rowCount_);
+  storeWord(header_[Header::rowCount_], checkedWord(rowCount_));
   return row;
 }
 
@@ -144,7 +134,7 @@ void TableWriter::copyRecord(std::uint32_t row, std::byte* out) const noexcept {
 
 void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept {
   std::uint64_t* words = rowWords(row);
-  const std::uint64_t version = loadWord(words[0]) + 1;
+  const std::uint64_t version = (loadWord(words[0]) + 1) & checkedNumberMask;
   auto* cell = const_cast<std::uint64_t*>(cellOf(words, version, geometry_));
   const std::size_t used = usedSize(record);
   const std::size_t wholeWords = used / wordSize;
@@ -163,16 +153,14 @@ void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool liv
   storeWord(cell[geometry_.liveWord()], RowGeometry::makeLiveWord(stored, live));
   storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
   storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
-  storeWord(words[0], version);
+  storeWord(words[0], checkedWord(version));
   // The words change under records that the caller reads in place through another type.
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
-void TableWriter::publishChange(std::uint32_t row) noexcept {
-  storeWord(header_[Header::feed_ + (changeSequence_ & feedMask_)],
-            feedEntry(changeSequence_, row));
-  storeWord(header_[Header::size_], size_);
-  storeWord(header_[Header::changeSequence_], changeSequence_);
+void TableWriter::publishChange() noexcept {
+  storeWord(header_[Header::size_], checkedWord(size_));
+  storeWord(header_[Header::changeSequence_], checkedWord(changeSequence_));
 }
 
 void TableWriter::notify(const void* key) {
@@ -212,7 +200,7 @@ void TableWriter::removeRow(std::uint32_t row, std::optional<std::size_t> slot) 
   }
   occupied_[row] = false;
   --size_;
-  publishChange(row);
+  publishChange();
   index_->advance();
 }
 
@@ -220,7 +208,7 @@ bool TableWriter::discard(std::uint32_t row) {
   if (row >= rowCount_ || !occupied_[row]) {
     return false;
   }
-  const bool intact = inspect(row) == RowState::live_;
+  const bool intact = check(row).state == RowState::live_;
   std::optional<std::size_t> slot;
   if (intact) {
     const auto position = index_->find(layout_.hashOfKey(keyOf(row)),

@@ -34,9 +34,6 @@ enum class MountState { unmounted_, mounting_, mounted_, failed_ };
 struct TableOptions {
   std::string name;     // the table's own name, for messages
   std::string shmName;  // by which other processes find it; empty: an anonymous table
-  // Changes that a follower may be behind before it has to look at all rows. Rounded up to a power of
-  // two, within 16 and 2^20. A table that is taken over keeps the capacity it has.
-  std::size_t feedCapacity = 8192;
   // Whether the shared memory goes with the writer. A writer that dies leaves it in any case.
   bool unlinkOnClose = false;
   MountState mountState = MountState::mounted_;
@@ -56,8 +53,8 @@ class TableWriter {
   };
   using CorruptionHandler = std::function<void(const std::string& message)>;
 
-  // Creates the table, or takes it over from the writer before: bumps the epoch, checks every row,
-  // rebuilds the index, and reports the rows that are corrupt (corruptionCount()). Throws AttachError
+  // Creates the table, or takes it over from the writer before: counts the writer generation on,
+  // checks every row, rebuilds the index, and reports the rows that are corrupt (corruptionCount()). Throws AttachError
   // when another writer has the table or when it is another record's table, std::system_error when
   // memory runs out.
   TableWriter(const RecordLayout& layout, TableOptions options);
@@ -99,7 +96,7 @@ class TableWriter {
   [[nodiscard]] const std::byte* next(Hint& hint) const;
 
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
-  [[nodiscard]] std::uint64_t epoch() const noexcept;
+  [[nodiscard]] std::uint64_t writerGeneration() const noexcept { return writerGeneration_; }
   // Of the latest change.
   [[nodiscard]] std::uint64_t changeSequence() const noexcept { return changeSequence_; }
   [[nodiscard]] const std::string& name() const noexcept { return options_.name; }
@@ -129,25 +126,22 @@ class TableWriter {
   [[nodiscard]] std::optional<std::string> verify() const;
 
  private:
-  enum class RowState { vacant_, live_, corrupt_ };
-
   void openNamed();
-  void create(std::shared_ptr<Segment> header);
-  void createNamed(const std::shared_ptr<Segment>& header);
+  void create(std::shared_ptr<Korm::Segment> header);
+  void createNamed(const std::shared_ptr<Korm::Segment>& header);
   void formatHeader();
-  void takeOver(std::shared_ptr<Segment> header);
+  void takeOver(std::shared_ptr<Korm::Segment> header);
   void takeOverRows();
-  void takeOverRow(std::uint32_t row);
-  void attachSegments(std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows);
+  RowState takeOverRow(std::uint32_t row);
+  void attachSegments(std::shared_ptr<Korm::Segment> header, std::shared_ptr<Korm::Segment> rows);
   [[nodiscard]] Index makeIndex(std::uint64_t generation) const;
 
   [[nodiscard]] std::uint64_t* rowWords(std::uint32_t row) const noexcept;
   [[nodiscard]] const std::uint64_t* activeCell(std::uint32_t row) const noexcept;
   [[nodiscard]] const std::byte* recordOf(std::uint32_t row) const noexcept;
   [[nodiscard]] const std::byte* keyOf(std::uint32_t row) const noexcept;
-  [[nodiscard]] std::uint64_t checksumOf(std::uint32_t row) const noexcept;
-  [[nodiscard]] Corruption corruptionOf(std::uint32_t row) const;
-  [[nodiscard]] RowState inspect(std::uint32_t row) const noexcept;
+  [[nodiscard]] RowCheck check(std::uint32_t row) const noexcept;
+  [[nodiscard]] Corruption corruptionOf(std::uint32_t row, const RowCheck& check) const;
   void requireIntact(std::uint32_t row) const;
   [[nodiscard]] std::optional<IndexPosition> locate(const void* key, std::uint32_t hash) const;
   [[nodiscard]] bool hasKey(std::uint32_t row, const void* key) const noexcept;
@@ -156,7 +150,7 @@ class TableWriter {
   [[nodiscard]] std::size_t usedSize(const std::byte* record) const noexcept;
   void copyRecord(std::uint32_t row, std::byte* out) const noexcept;
   void commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept;
-  void publishChange(std::uint32_t row) noexcept;
+  void publishChange() noexcept;
   void overwrite(std::uint32_t row, const std::byte* record);
   void insert(const std::byte* record, std::uint32_t hash);
   void removeRow(std::uint32_t row, std::optional<std::size_t> slot);
@@ -164,24 +158,23 @@ class TableWriter {
 
   [[nodiscard]] std::optional<std::string> verifyRow(std::uint32_t row) const;
   [[nodiscard]] std::optional<std::string> verifyRows() const;
-  [[nodiscard]] std::optional<std::string> verifyFeed() const;
 
   // Constant after construction.
   const RecordLayout layout_;
   const RowGeometry geometry_;
   const TableOptions options_;
   std::optional<SegmentNames> names_;
-  std::size_t feedMask_ = 0;
 
   // Shared memory.
-  std::shared_ptr<Segment> headerSegment_;
-  std::shared_ptr<Segment> rowsSegment_;
+  std::shared_ptr<Korm::Segment> headerSegment_;
+  std::shared_ptr<Korm::Segment> rowsSegment_;
   std::shared_ptr<LocalSegments> local_;
   std::uint64_t* header_ = nullptr;
   std::uint64_t* rows_ = nullptr;
   std::optional<Index> index_;
 
   // The writer's thread.
+  std::uint64_t writerGeneration_ = 1;
   std::uint32_t rowCount_ = 0;
   std::size_t size_ = 0;
   std::uint64_t changeSequence_ = 0;
@@ -197,8 +190,9 @@ class TableWriter {
   MountState mountState_;
 };
 
-// Removes what is left of a table that no writer has; false when a writer has it. For a table whose
-// records have got another shape, which no writer can take over.
+// Removes what is left of a table that no writer has; false, and nothing removed, when a writer has it
+// or when what has its name is not a table. For a table that no writer can take over, because its
+// records have another shape or its header is damaged.
 bool removeTable(const std::string& shmName);
 
 }  // namespace Vasta

@@ -1,6 +1,6 @@
 // How a writer comes by its table: creation, and the take-over from a writer that closed or died.
 #include <algorithm>
-#include <bit>
+#include <cerrno>
 #include <cstring>
 #include <utility>
 
@@ -14,27 +14,34 @@ constexpr std::uint64_t firstGeneration = 1;
 
 // Also generations that a writer died in the middle of building or of removing.
 void unlinkIndexes(const SegmentNames& names, std::uint64_t generation) noexcept {
-  unlinkSegment(names.index(generation - 1));
-  unlinkSegment(names.index(generation));
-  unlinkSegment(names.index(generation + 1));
+  Korm::unlinkSegment(names.index(generation - 1));
+  Korm::unlinkSegment(names.index(generation));
+  Korm::unlinkSegment(names.index(generation + 1));
 }
 
+bool isFormatted(const Korm::Segment& header) noexcept { return header.size() >= headerBytes; }
+
 // The header goes last: as long as it is there, whoever opens the table finds out what else is left.
-void unlinkTable(const SegmentNames& names, const Segment& header) noexcept {
-  const bool formatted = header.size() >= headerBytes(minimumFeedCapacity);
-  const std::uint64_t generation =
-      formatted ? loadWord(header.words()[Header::indexGeneration_]) : 0;
-  unlinkIndexes(names, std::max(generation, firstGeneration));
-  unlinkSegment(names.rows());
-  unlinkSegment(names.header());
+void unlinkTable(const SegmentNames& names, const Korm::Segment& header) noexcept {
+  const auto generation = isFormatted(header)
+                              ? checkedNumber(loadWord(header.words()[Header::indexGeneration_]))
+                              : std::nullopt;
+  unlinkIndexes(names, std::max(generation.value_or(0), firstGeneration));
+  Korm::unlinkSegment(names.rows());
+  Korm::unlinkSegment(names.header());
 }
 
 // What a writer left that died while it created or removed the table.
-bool isRemnant(const Segment& header) noexcept {
-  return header.size() < headerBytes(minimumFeedCapacity) ||
-         loadWord(header.words()[Header::magic_]) == 0 ||
-         (loadWord(header.words()[Header::magic_]) == tableMagic &&
-          loadWord(header.words()[Header::removed_]) != 0);
+bool isRemnant(const Korm::Segment& header) noexcept {
+  if (!isFormatted(header)) {
+    return true;
+  }
+  const std::uint64_t* words = header.words();
+  const std::uint64_t version = loadWord(words[Header::formatVersion_]);
+  return loadWord(words[Header::magic_]) == 0
+             ? version == 0 || version == formatVersion
+             : loadWord(words[Header::magic_]) == tableMagic &&
+                   loadWord(words[Header::removed_]) == removedMark;
 }
 
 }  // namespace
@@ -46,7 +53,7 @@ TableWriter::TableWriter(const RecordLayout& layout, TableOptions options)
       staging_(geometry_.recordWords + (geometry_.keySize + wordSize - 1) / wordSize),
       mountState_{options_.mountState} {
   if (options_.shmName.empty()) {
-    create(Segment::create({}, headerReservation, options_.name));
+    create(Korm::Segment::createAnonymous(headerBytes, tableSubject(options_.name)));
   } else {
     names_.emplace(options_.shmName);
     openNamed();
@@ -55,23 +62,18 @@ TableWriter::TableWriter(const RecordLayout& layout, TableOptions options)
 
 TableWriter::~TableWriter() {
   if (names_ && options_.unlinkOnClose) {
-    storeWord(header_[Header::removed_], 1);
+    storeWord(header_[Header::removed_], removedMark);
     unlinkTable(*names_, *headerSegment_);
   }
 }
 
 void TableWriter::openNamed() {
   for (;;) {
-    std::shared_ptr<Segment> header =
-        Segment::openOrCreate(names_->header(), headerReservation, options_.name);
-    if (!header->tryLockExclusive()) {
+    std::shared_ptr<Korm::Segment> header =
+        Korm::Segment::own(names_->header(), headerBytes, tableSubject(options_.name));
+    if (header == nullptr) {
       throw AttachError{AttachFailure::writerBusy, options_.name, "another writer has it"};
     }
-    // Its last writer may have removed it between the opening and the locking.
-    if (!header->isNamed(names_->header())) {
-      continue;
-    }
-    header->refreshSize();
     if (header->size() == 0) {
       createNamed(header);
       return;
@@ -85,9 +87,9 @@ void TableWriter::openNamed() {
   }
 }
 
-void TableWriter::createNamed(const std::shared_ptr<Segment>& header) {
+void TableWriter::createNamed(const std::shared_ptr<Korm::Segment>& header) {
   unlinkIndexes(*names_, firstGeneration);
-  unlinkSegment(names_->rows());
+  Korm::unlinkSegment(names_->rows());
   try {
     create(header);
   } catch (...) {
@@ -96,16 +98,19 @@ void TableWriter::createNamed(const std::shared_ptr<Segment>& header) {
   }
 }
 
-void TableWriter::create(std::shared_ptr<Segment> header) {
-  attachSegments(std::move(header), Segment::create(names_ ? names_->rows() : std::string{},
-                                                    rowsReservation, options_.name));
+void TableWriter::create(std::shared_ptr<Korm::Segment> header) {
+  const std::string subject = tableSubject(options_.name);
+  attachSegments(std::move(header),
+                 names_ ? Korm::Segment::create(names_->rows(), rowsReservation, subject)
+                        : Korm::Segment::createAnonymous(rowsReservation, subject));
   formatHeader();
   index_.emplace(makeIndex(firstGeneration));
   index_->publish();
   storeWord(header_[Header::magic_], tableMagic);
 }
 
-void TableWriter::attachSegments(std::shared_ptr<Segment> header, std::shared_ptr<Segment> rows) {
+void TableWriter::attachSegments(std::shared_ptr<Korm::Segment> header,
+                                 std::shared_ptr<Korm::Segment> rows) {
   headerSegment_ = std::move(header);
   rowsSegment_ = std::move(rows);
   header_ = headerSegment_->words();
@@ -120,83 +125,82 @@ Index TableWriter::makeIndex(std::uint64_t generation) const {
 }
 
 void TableWriter::formatHeader() {
-  const std::size_t capacity =
-      std::bit_ceil(std::clamp(options_.feedCapacity, minimumFeedCapacity, maximumFeedCapacity));
-  headerSegment_->grow(headerBytes(capacity));
-  feedMask_ = capacity - 1;
+  headerSegment_->grow(headerBytes);
   storeWord(header_[Header::formatVersion_], formatVersion);
   storeWord(header_[Header::layoutHash_], layoutHash(layout_));
   storeWord(header_[Header::recordSize_], layout_.recordSize);
   storeWord(header_[Header::keyOffset_], layout_.keyOffset);
   storeWord(header_[Header::keySize_], layout_.keySize);
-  storeWord(header_[Header::feedCapacity_], capacity);
   storeWord(header_[Header::identity_], rowsSegment_->identity());
-  storeWord(header_[Header::epoch_], 1);
+  storeWord(header_[Header::writerGeneration_], checkedWord(writerGeneration_));
 }
 
-void TableWriter::takeOver(std::shared_ptr<Segment> header) {
-  checkHeader(header->words(), header->size(), &layout_, options_.name);
-  std::shared_ptr<Segment> rows =
-      Segment::open(names_->rows(), Segment::Access::readWrite_, rowsReservation, options_.name);
-  const std::uint64_t rowCount = loadWord(header->words()[Header::rowCount_]);
+// The counters of the header are only believed where they can be: the rows are counted by the size of
+// their segment, since rows that are allocated and not counted are vacant.
+void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
+  checkHeader(header->words(), header->size(), layout_, options_.name);
+  std::shared_ptr<Korm::Segment> rows =
+      Korm::Segment::open(names_->rows(), Korm::Segment::Access::readWrite_, rowsReservation,
+                          tableSubject(options_.name));
+  const auto counter = [&header](std::size_t word) {
+    return checkedNumber(loadWord(header->words()[word])).value_or(0);
+  };
   if (rows == nullptr || rows->identity() != loadWord(header->words()[Header::identity_]) ||
-      rowCount > maximumRows || rows->size() < geometry_.bytesForRows(rowCount)) {
+      counter(Header::rowCount_) > rows->size() / geometry_.bytesForRows(1)) {
     throw AttachError{AttachFailure::truncated, options_.name, "rows are missing"};
   }
+  const std::size_t rowsThere = std::min(rows->size(), rows->mapped()) / geometry_.bytesForRows(1);
+  if (counter(Header::rowCount_) > rowsThere) {
+    throwSystemError(ENOMEM, options_.name, "map all rows");
+  }
+  const std::uint64_t generation = counter(Header::indexGeneration_);
+  writerGeneration_ = counter(Header::writerGeneration_) + 1;
+  changeSequence_ = counter(Header::changeSequence_);
   attachSegments(std::move(header), std::move(rows));
-  feedMask_ = loadWord(header_[Header::feedCapacity_]) - 1;
-  rowCount_ = static_cast<std::uint32_t>(rowCount);
-  changeSequence_ = loadWord(header_[Header::changeSequence_]);
-  const std::uint64_t generation = loadWord(header_[Header::indexGeneration_]);
+  rowCount_ = static_cast<std::uint32_t>(std::min<std::size_t>(maximumRows, rowsThere));
   index_.emplace(makeIndex(generation + 1));
   takeOverRows();
-  storeWord(header_[Header::epoch_], epoch() + 1);
+  storeWord(header_[Header::rowCount_], checkedWord(rowCount_));
+  storeWord(header_[Header::writerGeneration_], checkedWord(writerGeneration_));
+  publishChange();
   index_->publish();
-  unlinkSegment(names_->index(generation));
-  unlinkSegment(names_->index(generation - 1));
+  Korm::unlinkSegment(names_->index(generation));
+  Korm::unlinkSegment(names_->index(generation - 1));
 }
 
+// The writer before may have died between a change and its sequence in the header.
 void TableWriter::takeOverRows() {
   occupied_.resize(rowCount_);
-  std::uint64_t latest = changeSequence_;
-  std::uint32_t latestRow = 0;
   for (std::uint32_t row = 0; row < rowCount_; ++row) {
-    takeOverRow(row);
-    const std::uint64_t sequence = activeCell(row)[geometry_.sequenceWord()];
-    if (sequence > latest && inspect(row) != RowState::corrupt_) {
-      latest = sequence;
-      latestRow = row;
+    if (takeOverRow(row) != RowState::corrupt_) {
+      changeSequence_ = std::max(changeSequence_, activeCell(row)[geometry_.sequenceWord()]);
     }
   }
-  if (latest > changeSequence_) {
-    // The writer before died between a change and its entry in the feed.
-    changeSequence_ = latest;
-    publishChange(latestRow);
-  }
-  storeWord(header_[Header::size_], size_);
 }
 
 // A corrupt row is kept, for whoever walks the table to find and for the owner to discard, but not
 // indexed: its key cannot be trusted.
-void TableWriter::takeOverRow(std::uint32_t row) {
-  const RowState state = inspect(row);
-  if (state == RowState::vacant_) {
+RowState TableWriter::takeOverRow(std::uint32_t row) {
+  const RowCheck found = check(row);
+  if (found.state != RowState::live_ && found.state != RowState::corrupt_) {
     freeRows_.push_back(row);
-    return;
+    return found.state;
   }
   occupied_[row] = true;
   ++size_;
-  if (state == RowState::corrupt_) {
-    reportCorruption(corruptionOf(row).what());
-    return;
+  if (found.state == RowState::corrupt_) {
+    reportCorruption(corruptionOf(row, found).what());
+    return found.state;
   }
-  index_->insert(layout_.hashOfKey(keyOf(row)), row);
+  const std::uint32_t hash = layout_.hashOfKey(keyOf(row));
+  index_->insert(index_->prepareInsert(hash), hash, row);
+  return found.state;
 }
 
 bool removeTable(const std::string& shmName) {
   const SegmentNames names{shmName};
-  const auto header =
-      Segment::open(names.header(), Segment::Access::readWrite_, headerReservation, shmName);
+  const auto header = Korm::Segment::open(names.header(), Korm::Segment::Access::readWrite_,
+                                          headerBytes, tableSubject(shmName));
   if (header == nullptr) {
     return true;
   }
@@ -205,7 +209,10 @@ bool removeTable(const std::string& shmName) {
   }
   header->refreshSize();
   if (!isRemnant(*header)) {
-    storeWord(header->words()[Header::removed_], 1);
+    if (loadWord(header->words()[Header::magic_]) != tableMagic) {
+      return false;
+    }
+    storeWord(header->words()[Header::removed_], removedMark);
   }
   unlinkTable(names, *header);
   return true;

@@ -9,9 +9,10 @@
 namespace Vasta {
 
 std::optional<std::string> TableWriter::verify() const {
-  if (loadWord(header_[Header::rowCount_]) != rowCount_ ||
-      loadWord(header_[Header::size_]) != size_ ||
-      loadWord(header_[Header::changeSequence_]) != changeSequence_) {
+  if (loadWord(header_[Header::rowCount_]) != checkedWord(rowCount_) ||
+      loadWord(header_[Header::size_]) != checkedWord(size_) ||
+      loadWord(header_[Header::changeSequence_]) != checkedWord(changeSequence_) ||
+      loadWord(header_[Header::writerGeneration_]) != checkedWord(writerGeneration_)) {
     return "the header does not count what the writer counts";
   }
   if (rowsSegment_->size() < geometry_.bytesForRows(rowCount_)) {
@@ -20,10 +21,7 @@ std::optional<std::string> TableWriter::verify() const {
   if (auto violation = index_->verify()) {
     return violation;
   }
-  if (auto violation = verifyRows()) {
-    return violation;
-  }
-  return verifyFeed();
+  return verifyRows();
 }
 
 std::optional<std::string> TableWriter::verifyRows() const {
@@ -53,15 +51,15 @@ std::optional<std::string> TableWriter::verifyRows() const {
 
 std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
   const std::string name = "row " + std::to_string(row);
-  const RowState state = inspect(row);
-  const std::uint64_t* cell = activeCell(row);
+  const RowCheck found = check(row);
+  const RowState state = found.state;
   if (state == RowState::corrupt_) {
-    return corruptionOf(row).what();
+    return corruptionOf(row, found).what();
   }
   if (occupied_[row] != (state == RowState::live_)) {
     return name + " is " + (occupied_[row] ? "occupied but not live" : "live but not occupied");
   }
-  if (cell[geometry_.sequenceWord()] > changeSequence_) {
+  if (activeCell(row)[geometry_.sequenceWord()] > changeSequence_) {
     return name + " is newer than the latest change";
   }
   if (state == RowState::live_) {
@@ -69,22 +67,6 @@ std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
     if (!position || position->row != row) {
       return name + (position ? " has the same key as row " + std::to_string(position->row)
                               : " is not in the index");
-    }
-  }
-  return std::nullopt;
-}
-
-std::optional<std::string> TableWriter::verifyFeed() const {
-  const std::uint64_t count = std::min<std::uint64_t>(changeSequence_, feedMask_ + 1);
-  for (std::uint64_t sequence = changeSequence_ - count + 1; sequence <= changeSequence_;
-       ++sequence) {
-    const std::uint64_t entry = loadWord(header_[Header::feed_ + (sequence & feedMask_)]);
-    const auto row = static_cast<std::uint32_t>(entry);
-    if (entry != feedEntry(sequence, row) || row >= rowCount_) {
-      return "the feed has no entry for change " + std::to_string(sequence);
-    }
-    if (activeCell(row)[geometry_.sequenceWord()] < sequence) {
-      return "row " + std::to_string(row) + " does not show change " + std::to_string(sequence);
     }
   }
   return std::nullopt;

@@ -42,14 +42,12 @@ void waitFor(const std::function<bool()>& condition) {
 // What the processes know of each other. A key's version counts its changes; it is absent at version 0
 // and at every fourth one after.
 constexpr std::uint64_t keys = 6'000;
-constexpr std::uint64_t feedCapacity = 512;
 struct Journal {
   std::atomic<bool> stop{false};
   std::atomic<bool> drained{false};
   std::atomic<std::uint64_t> commits{0};
   std::atomic<std::uint64_t> looks{0};
   std::atomic<std::uint64_t> opened{0};
-  std::atomic<std::uint64_t> fellBehind{0};
   std::array<std::atomic<std::uint64_t>, keys> started{};
   std::array<std::atomic<std::uint64_t>, keys> done{};
 
@@ -121,7 +119,7 @@ void changeOne(Table<Route>& table, Journal& journal, std::uint64_t prefix) {
 // Opens the table, whoever had it before, and changes it until it is killed or told to stop. The keys
 // in use become more and more, so that rows and index grow.
 void write(const TableName& name, Journal& journal, std::uint64_t seed) {
-  Table<Route> table{{.name = "routes", .shmName = *name, .feedCapacity = feedCapacity}};
+  Table<Route> table{{.name = "routes", .shmName = *name}};
   require(table.corruptionCount() == 0, table.lastCorruption());
   const auto violation = table.verify();
   require(!violation, violation.value_or(""));
@@ -177,11 +175,11 @@ void lookUp(const TableName& name, Journal& journal, std::uint64_t seed) {
   }
 }
 
-// Mirrors the table by its feed, and compares at the end.
+// Mirrors the table by its changes, and compares at the end.
 void follow(const TableName& name, Journal& journal) {
   auto reader = attach(name, journal);
   require(reader.has_value(), "no table to follow");
-  Vasta::FeedCursor cursor;
+  Vasta::FollowCursor cursor;
   std::map<std::uint32_t, Route> rows;
   const auto take = [&rows](const Vasta::RowChange& change, const Route& route) {
     require(route.isWhole(), "a follower saw a torn record");
@@ -192,8 +190,8 @@ void follow(const TableName& name, Journal& journal) {
     }
   };
   for (std::uint64_t round = 0; !journal.drained; ++round) {
-    journal.fellBehind += reader->follow(cursor, take).fellBehind ? 1 : 0;
-    const std::uint64_t pause = round % 8 == 0 ? feedCapacity + 50 : round % 3;
+    reader->follow(cursor, take);
+    const std::uint64_t pause = round % 8 == 0 ? 500 : round % 3;
     waitFor([&] { return journal.drained || reader->changeSequence() > cursor.sequence + pause; });
   }
   reader->follow(cursor, take);
@@ -210,7 +208,6 @@ TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
   constexpr int rounds = threadSanitized ? 3 : 6;
   constexpr int killsPerRound = threadSanitized ? 10 : 20;
   std::mt19937_64 random{1234};
-  std::uint64_t fellBehind = 0;
   for (int round = 0; round < rounds; ++round) {
     const TableName name;
     const SharedJournal journal;
@@ -239,12 +236,10 @@ TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
       EXPECT_TRUE(reader.join());
     }
     EXPECT_GT(journal->looks, 100U);
-    fellBehind += journal->fellBehind;
     Table<Route> table{name.options()};
     EXPECT_EQ(table.verify().value_or("none"), "none");
     EXPECT_NO_THROW(reconcile(table, *journal));
   }
-  EXPECT_GT(fellBehind, 0U);
 }
 
 TEST(VastaProcesses, AWriterKilledWhileItCreatesOrRemovesLeavesNothingInTheWay) {

@@ -11,12 +11,13 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
 #include "platform/Korm/Hash.h"
+#include "platform/Korm/Segment.h"
 #include "platform/Vasta/Reader.h"
-#include "platform/Vasta/Segment.h"
 #include "platform/Vasta/Table.h"
 #include "tests/Sanitizers.h"
 
@@ -98,11 +99,11 @@ class TableName {
 // What a fault in memory, or a stranger with write access, does to a segment.
 class Tampering {
  public:
-  explicit Tampering(const std::string& segment) {
-    const int descriptor = ::shm_open(segment.c_str(), O_RDWR, 0);
+  explicit Tampering(const Korm::SegmentName& segment) {
+    const int descriptor = ::shm_open(segment.text(), O_RDWR, 0);
     struct stat status {};
     if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-      throw std::runtime_error{"no segment " + segment};
+      throw std::runtime_error{std::string{"no segment "} + segment.text()};
     }
     size_ = static_cast<std::size_t>(status.st_size);
     bytes_ = static_cast<std::uint8_t*>(
@@ -122,6 +123,15 @@ class Tampering {
     }
   }
   void flipByte(std::size_t offset, std::uint8_t bits = 0x10U) { bytes_[offset] ^= bits; }
+  void wordIs(std::size_t at, std::uint64_t word) {
+    std::memcpy(bytes_ + at * sizeof word, &word, sizeof word);
+  }
+  [[nodiscard]] std::size_t size() const { return size_; }
+  [[nodiscard]] std::uint64_t word(std::size_t at) const {
+    std::uint64_t word = 0;
+    std::memcpy(&word, bytes_ + at * sizeof word, sizeof word);
+    return word;
+  }
 
  private:
   std::uint8_t* bytes_ = nullptr;

@@ -1,0 +1,242 @@
+#include "platform/Korm/Segment.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+
+namespace Korm {
+namespace {
+
+constexpr std::size_t pageSize = 4096;
+// Without it the opening of a FIFO would wait for a writer.
+constexpr int openFlags = O_CLOEXEC | O_NONBLOCK;
+
+constinit SegmentRights rightsInForce;
+
+std::size_t roundUpToPage(std::size_t bytes) { return (bytes + pageSize - 1) & ~(pageSize - 1); }
+
+[[noreturn]] void fail(int error, const std::string& subject, const char* operation) {
+  throw std::system_error{error, std::generic_category(), subject + ": " + operation};
+}
+
+// Growing past the limit would raise a signal rather than fail.
+bool exceedsFileSizeLimit(std::size_t bytes) {
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+         bytes > limit.rlim_cur;
+}
+
+int allocate(int descriptor, std::size_t from, std::size_t to) {
+  if (exceedsFileSizeLimit(to)) {
+    return EFBIG;
+  }
+  int error = 0;
+  do {
+    error = ::posix_fallocate(descriptor, static_cast<off_t>(from), static_cast<off_t>(to - from));
+  } while (error == EINTR);
+  return error;
+}
+
+// Gives the group its right to read. The umask has no say in it.
+bool grantGroup(int descriptor) {
+  constexpr mode_t readableByGroup = S_IRUSR | S_IWUSR | S_IRGRP;
+  return !rightsInForce.group ||
+         (::fchown(descriptor, static_cast<uid_t>(-1), *rightsInForce.group) == 0 &&
+          ::fchmod(descriptor, readableByGroup) == 0);
+}
+
+int createObject(const SegmentName& name, const std::string& subject) {
+  const int descriptor =
+      ::shm_open(name.text(), O_RDWR | O_CREAT | O_EXCL | openFlags, S_IRUSR | S_IWUSR);
+  if (descriptor >= 0 && !grantGroup(descriptor)) {
+    const int error = errno;
+    ::close(descriptor);
+    unlinkSegment(name);
+    fail(error, subject, "give shared memory to the group");
+  }
+  return descriptor;
+}
+
+bool setLock(int descriptor, short type) noexcept {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return ::fcntl(descriptor, F_OFD_SETLK, &lock) == 0;
+}
+
+}  // namespace
+
+void segmentRightsIs(const SegmentRights& rights) noexcept { rightsInForce = rights; }
+
+const SegmentRights& segmentRights() noexcept { return rightsInForce; }
+
+void SegmentName::append(std::string_view text) {
+  if (size_ + text.size() > NAME_MAX) {
+    throw std::length_error{"not a name for shared memory: '" + std::string{text} + "'"};
+  }
+  std::copy(text.begin(), text.end(), text_.begin() + static_cast<std::ptrdiff_t>(size_));
+  size_ += text.size();
+}
+
+void unlinkSegment(const SegmentName& name) noexcept { ::shm_unlink(name.text()); }
+
+std::unique_ptr<Segment> Segment::create(const SegmentName& name, std::size_t reserve,
+                                         const std::string& subject) {
+  const int descriptor = createObject(name, subject);
+  if (descriptor < 0) {
+    fail(errno, subject, "create shared memory");
+  }
+  return std::unique_ptr<Segment>{new Segment{descriptor, Access::readWrite_, reserve, subject}};
+}
+
+std::unique_ptr<Segment> Segment::createAnonymous(std::size_t reserve, const std::string& subject) {
+  const int descriptor = ::memfd_create("ostra", MFD_CLOEXEC);
+  if (descriptor < 0) {
+    fail(errno, subject, "create shared memory");
+  }
+  return std::unique_ptr<Segment>{new Segment{descriptor, Access::readWrite_, reserve, subject}};
+}
+
+std::unique_ptr<Segment> Segment::open(const SegmentName& name, Access access, std::size_t reserve,
+                                       const std::string& subject) {
+  const int mode = access == Access::readOnly_ ? O_RDONLY : O_RDWR;
+  const int descriptor = ::shm_open(name.text(), mode | openFlags, 0);
+  if (descriptor < 0) {
+    if (errno == ENOENT) {
+      return nullptr;
+    }
+    fail(errno, subject, "open shared memory");
+  }
+  return std::unique_ptr<Segment>{new Segment{descriptor, access, reserve, subject}};
+}
+
+std::unique_ptr<Segment> Segment::own(const SegmentName& name, std::size_t reserve,
+                                      const std::string& subject) {
+  for (;;) {
+    std::unique_ptr<Segment> segment = open(name, Access::readWrite_, reserve, subject);
+    if (segment == nullptr) {
+      const int descriptor = createObject(name, subject);
+      if (descriptor < 0 && errno != EEXIST) {
+        fail(errno, subject, "create shared memory");
+      }
+      if (descriptor < 0) {
+        continue;
+      }
+      segment.reset(new Segment{descriptor, Access::readWrite_, reserve, subject});
+    }
+    if (!segment->tryLockExclusive()) {
+      return nullptr;
+    }
+    // Its last owner may have removed it between the opening and the locking.
+    if (segment->isNamed()) {
+      segment->refreshSize();
+      return segment;
+    }
+  }
+}
+
+Segment::Segment(int descriptor, Access access, std::size_t reserve, const std::string& subject)
+    : subject_{subject}, descriptor_{descriptor} {
+  try {
+    inspect();
+    map(access, reserve);
+  } catch (...) {
+    ::close(descriptor_);
+    throw;
+  }
+}
+
+void Segment::inspect() {
+  struct stat status {};
+  if (::fstat(descriptor_, &status) != 0) {
+    fail(errno, subject_, "inspect shared memory");
+  }
+  if (!S_ISREG(status.st_mode)) {
+    fail(EINVAL, subject_, "what has its name is not shared memory");
+  }
+  if (status.st_uid != ::geteuid() && !rightsInForce.trustOtherUsers) {
+    fail(EPERM, subject_, "its shared memory belongs to another user");
+  }
+  identity_ = status.st_ino;
+  size_ = static_cast<std::size_t>(status.st_size);
+}
+
+void Segment::refreshSize() {
+  struct stat status {};
+  if (::fstat(descriptor_, &status) != 0) {
+    fail(errno, subject_, "inspect shared memory");
+  }
+  size_ = static_cast<std::size_t>(status.st_size);
+}
+
+void Segment::map(Access access, std::size_t reserve) {
+  const int protection = access == Access::readOnly_ ? PROT_READ : PROT_READ | PROT_WRITE;
+  const std::size_t least = roundUpToPage(std::max(size(), pageSize));
+  for (std::size_t bytes = std::max(roundUpToPage(reserve), least);;
+       bytes = std::max(roundUpToPage(bytes / 2), least)) {
+    void* address = ::mmap(nullptr, bytes, protection, MAP_SHARED | MAP_NORESERVE, descriptor_, 0);
+    if (address != MAP_FAILED) {
+      words_ = static_cast<std::uint64_t*>(address);
+      mapped_ = bytes;
+      return;
+    }
+    if (bytes == least) {
+      fail(errno, subject_, "map shared memory");
+    }
+  }
+}
+
+Segment::~Segment() {
+  ::munmap(words_, mapped_);
+  ::close(descriptor_);
+}
+
+void Segment::grow(std::size_t bytes) {
+  const std::size_t present = size();
+  const std::size_t target = roundUpToPage(bytes);
+  if (target <= present) {
+    return;
+  }
+  if (target > mapped_) {
+    fail(ENOMEM, subject_, "grow shared memory");
+  }
+  if (const int error = allocate(descriptor_, present, target); error != 0) {
+    fail(error, subject_, "grow shared memory");
+  }
+  // Only saves the page faults of the first writes: a system that cannot do it is no worse off.
+  ::madvise(reinterpret_cast<std::byte*>(words_) + present, target - present, MADV_POPULATE_WRITE);
+  size_ = target;
+}
+
+void Segment::shrink(std::size_t bytes) noexcept {
+  if (bytes < size() && ::ftruncate(descriptor_, static_cast<off_t>(bytes)) == 0) {
+    size_ = bytes;
+  }
+}
+
+// Locks of the open file and not of the process, which would lose them by closing any other
+// descriptor of the same object, a reader's for instance.
+bool Segment::tryLockExclusive() const noexcept { return setLock(descriptor_, F_WRLCK); }
+
+bool Segment::tryLockShared() const noexcept { return setLock(descriptor_, F_RDLCK); }
+
+bool Segment::isLocked() const noexcept {
+  struct flock lock {};
+  lock.l_type = F_RDLCK;
+  lock.l_whence = SEEK_SET;
+  return ::fcntl(descriptor_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+}
+
+bool Segment::isNamed() const noexcept {
+  struct stat status {};
+  return ::fstat(descriptor_, &status) == 0 && status.st_nlink > 0;
+}
+
+}  // namespace Korm

@@ -1,0 +1,120 @@
+// Named shared memory: who may use it, and what stands in the way of a name.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <system_error>
+
+#include <gtest/gtest.h>
+
+#include "platform/Brisklog/Ring.h"
+#include "platform/Korm/Segment.h"
+#include "tests/platform/VastaTestRecords.h"
+
+namespace Korm {
+namespace {
+
+class SegmentTest : public testing::Test {
+ protected:
+  ~SegmentTest() override {
+    segmentRightsIs({});
+    ::shm_unlink(name_.text());
+  }
+  [[nodiscard]] std::string path() const { return std::string{"/dev/shm"} + name_.text(); }
+  [[nodiscard]] mode_t mode() const {
+    struct stat status {};
+    EXPECT_EQ(::stat(path().c_str(), &status), 0);
+    return status.st_mode & 0777U;
+  }
+  [[nodiscard]] int openError(Segment::Access access = Segment::Access::readOnly_) const {
+    try {
+      return Segment::open(name_, access, 0, "test") == nullptr ? ENOENT : 0;
+    } catch (const std::system_error& error) {
+      return error.code().value();
+    }
+  }
+
+  const SegmentName name_{"/segment-test-" + std::to_string(::getpid())};
+};
+
+TEST_F(SegmentTest, IsItsUsersAloneUnlessAGroupIsNamed) {
+  const mode_t before = ::umask(0);
+  { const auto segment = Segment::create(name_, 0, "test"); }
+  EXPECT_EQ(mode(), 0600U);
+  unlinkSegment(name_);
+  ::umask(077);
+  segmentRightsIs({.group = ::getegid()});
+  { const auto segment = Segment::create(name_, 0, "test"); }
+  EXPECT_EQ(mode(), 0640U);
+  ::umask(before);
+}
+
+TEST_F(SegmentTest, IsRefusedWhenItIsAnotherUsersOrNoMemoryAtAll) {
+  EXPECT_EQ(openError(), ENOENT);
+  ASSERT_EQ(::mkfifo(path().c_str(), 0600), 0);
+  EXPECT_EQ(openError(), EINVAL) << "and does not wait for a writer";
+  unlinkSegment(name_);
+  if (::geteuid() == 0) {
+    { const auto segment = Segment::create(name_, 0, "test"); }
+    ASSERT_EQ(::chown(path().c_str(), 12345, static_cast<gid_t>(-1)), 0);
+    EXPECT_EQ(openError(), EPERM);
+    segmentRightsIs({.group = {}, .trustOtherUsers = true});
+    EXPECT_EQ(openError(), 0);
+  }
+}
+
+TEST_F(SegmentTest, HasOneOwnerWhomAReaderCanAskFor) {
+  auto owner = Segment::own(name_, 4096, "test");
+  const auto reader = Segment::open(name_, Segment::Access::readOnly_, 0, "test");
+  EXPECT_EQ(Segment::own(name_, 4096, "test"), nullptr);
+  EXPECT_TRUE(reader->isLocked());
+  owner.reset();
+  EXPECT_FALSE(reader->isLocked());
+  EXPECT_TRUE(reader->isNamed());
+  unlinkSegment(name_);
+  EXPECT_FALSE(reader->isNamed());
+}
+
+TEST_F(SegmentTest, ShortageOfDescriptorsIsAnErrorAndLeavesNothing) {
+  const VastaTest::TableName table;
+  rlimit before{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const int next = ::dup(STDERR_FILENO);
+  ::close(next);
+  for (int free = 0; free < 3; ++free) {
+    const rlimit few{.rlim_cur = static_cast<rlim_t>(next + free), .rlim_max = before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+    EXPECT_THROW((Vasta::Table<VastaTest::Route>{table.options()}), std::system_error) << free;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    const Vasta::SegmentNames names{*table};
+    for (const auto& segment : {names.header(), names.rows(), names.index(1)}) {
+      EXPECT_LT(::shm_open(segment.text(), O_RDONLY, 0), 0) << segment.text();
+    }
+  }
+}
+
+TEST_F(SegmentTest, WhatIsNeitherATableNorARingIsLeftAlone) {
+  const auto write = [](const char* name) {
+    const int file = ::shm_open(name, O_RDWR | O_CREAT, 0600);
+    const std::string text(8192, 'x');
+    EXPECT_EQ(::write(file, text.data(), text.size()), 8192);
+    ::close(file);
+  };
+  write(name_.text());
+  EXPECT_THROW(static_cast<void>(Brisklog::Ring::create({.shmName = name_.text()})),
+               Brisklog::RingError);
+  EXPECT_EQ(openError(), 0);
+  const VastaTest::TableName table;
+  const Vasta::SegmentNames names{*table};
+  write(names.header().text());
+  EXPECT_FALSE(Vasta::removeTable(*table));
+  EXPECT_THROW((Vasta::Table<VastaTest::Route>{table.options()}), Vasta::AttachError);
+  EXPECT_NE(Segment::open(names.header(), Segment::Access::readOnly_, 0, "test"), nullptr);
+  unlinkSegment(names.header());
+}
+
+}  // namespace
+}  // namespace Korm
