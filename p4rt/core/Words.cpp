@@ -22,24 +22,6 @@ using P4RuntimeRouting::NexthopInfo;
 constexpr std::size_t fieldCount = static_cast<std::size_t>(Ostra::MatchFieldId::count_);
 constexpr std::string_view vlanField = "local_metadata.vlan_id";
 
-// The DSCP and the VLAN id have fewer bits than the type that holds them.
-template <class T>
-constexpr int widthOf(std::string_view name) {
-  if (std::is_same_v<T, bool>) {
-    return 1;
-  }
-  if (std::is_same_v<T, EthAddr>) {
-    return 48;
-  }
-  if (std::is_same_v<T, IpAddr>) {
-    return name.find("ipv6") != std::string_view::npos ? 128 : 32;
-  }
-  if (name.ends_with("dscp")) {
-    return 6;
-  }
-  return name == vlanField ? 12 : static_cast<int>(8 * sizeof(T));
-}
-
 std::array<FieldWord, fieldCount> makeFieldWords() {
   std::array<FieldWord, fieldCount> words;
   const OstraKey key;
@@ -47,7 +29,9 @@ std::array<FieldWord, fieldCount> makeFieldWords() {
   key.forEachField([&](std::string_view name, const auto& field) {
     using T = std::remove_cvref_t<decltype(field.value)>;
     const bool port = std::is_same_v<T, P4Runtime::P4PortId>;
-    words[at++] = {name, widthOf<T>(name), port || std::is_same_v<T, bool>};
+    const auto id = static_cast<Ostra::MatchFieldId>(at);
+    words[at++] = {name, static_cast<int>(Ostra::matchFieldInfo(id).width.bits),
+                   port || std::is_same_v<T, bool>};
   });
   return words;
 }
@@ -107,7 +91,11 @@ void refuseAbove(std::string_view name, std::uint64_t value, std::uint64_t most)
 
 using Row = OstraConfigEntry;
 constexpr std::uint64_t mostVlan = Bridging::VlanIdOrNone::max;
-constexpr std::uint64_t mostTrafficClass = OpenFlowTable::TrafficClass::max;
+
+OpenFlowTable::TrafficClass trafficClassOf(const Bits& bits) {
+  refuseAbove("a traffic class", bits.low, OpenFlowTable::TrafficClass::max);
+  return OpenFlowTable::TrafficClass{static_cast<long long>(bits.low)};
+}
 
 Interface::IntfId interfaceOf(std::string_view name) {
   if (name.empty() || name.size() > Interface::IntfId::maxLength) {
@@ -172,13 +160,11 @@ constexpr std::array paramWords{
              }),
     flowWord("traffic_class", 8,
              [](Row& row, const Bits& bits, std::string_view) {
-               refuseAbove("traffic_class", bits.low, mostTrafficClass);
-               row.actions.uncheckedTrafficClassIs(static_cast<std::uint8_t>(bits.low), true);
+               row.actions.trafficClassIs(trafficClassOf(bits), true);
              }),
     flowWord("cpu_traffic_class", 8,
              [](Row& row, const Bits& bits, std::string_view) {
-               refuseAbove("cpu_traffic_class", bits.low, mostTrafficClass);
-               row.actions.uncheckedCpuTrafficClassIs(static_cast<std::uint8_t>(bits.low), true);
+               row.actions.cpuTrafficClassIs(trafficClassOf(bits), true);
              }),
     flowWord("group_id", 32,
              [](Row& row, const Bits& bits, std::string_view) {
