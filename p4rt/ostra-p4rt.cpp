@@ -108,8 +108,7 @@ class Program {
     P4rt::ServerOptions options{.address = options_.address, .service = options_.service};
     if (!options_.tlsKey.empty()) {
       options.tls = P4rt::TlsFiles{.certificate = P4rt::contentOf(options_.tlsCertificate),
-                                   .key = P4rt::contentOf(options_.tlsKey),
-                                   .clientRoots = {}};
+                                   .key = P4rt::contentOf(options_.tlsKey)};
       if (!options_.clientRoots.empty()) {
         options.tls->clientRoots = P4rt::contentOf(options_.clientRoots);
       }

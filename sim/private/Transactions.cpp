@@ -184,7 +184,10 @@ void Transactions::completeOpen(Row& row, const TransactionResult& result) {
 }
 
 void Transactions::completeLate(Row* row, const TransactionResult& result) {
-  reportNotifiees_.notify({result.handle, result.code, std::string{result.message}});
+  Report report{result.handle, result.code, std::string{result.message}};
+  if (reports_.empty() || reports_.back() != report) {
+    reports_.push_back(std::move(report));
+  }
   if (row == nullptr) {
     return;
   }

@@ -1,0 +1,52 @@
+// Commands, on a whole switch whose output is read again.
+#include <algorithm>
+#include <sstream>
+
+#include "cli/StepClock.h"
+#include "cli/language/Interpreter.h"
+#include "cli/output/JsonPrinter.h"
+#include "cli/output/TextPrinter.h"
+#include "platform/Korm/Exceptions.h"
+#include "tests/fuzz/Targets.h"
+#include <nlohmann/json.hpp>
+
+namespace Fuzz {
+namespace {
+
+void play(Cli::Printer& printer, const std::string& text) {
+  Cli::StepClock::install();
+  Sim::Service service;
+  Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
+  service.start();
+  Cli::Interpreter interpreter{service, agent, printer, {.keepGoing = true}};
+  std::istringstream lines{text};
+  for (std::string line; std::getline(lines, line) && !interpreter.ended();) {
+    interpreter.playLine({.text = line}, "fuzz");
+  }
+  interpreter.finish();
+  service.verify();
+  agent.verify();
+}
+
+}  // namespace
+
+// The first character chooses the printer.
+void language(Bytes bytes) {
+  constexpr std::size_t longest = 4096;
+  const std::string text = textOf(bytes.first(std::min(bytes.size(), longest)));
+  std::ostringstream out;
+  if (text.starts_with('#')) {
+    std::ostringstream errors;
+    Cli::TextPrinter printer{out, errors, {}};
+    play(printer, text);
+    return;
+  }
+  Cli::JsonPrinter printer{out};
+  play(printer, text);
+  std::istringstream printed{out.str()};
+  for (std::string line; std::getline(printed, line);) {
+    Korm::assertTrue(nlohmann::json::accept(line), "every line of output is an object");
+  }
+}
+
+}  // namespace Fuzz

@@ -1,0 +1,210 @@
+// Shared memory that somebody has damaged, or written from scratch.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "platform/Brisklog/Ring.h"
+#include "platform/Brisklog/RingReader.h"
+#include "platform/Brisklog/TracePoint.h"
+#include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Hash.h"
+#include "platform/Vasta/Reader.h"
+#include "platform/Vasta/SegmentNames.h"
+#include "platform/Vasta/Table.h"
+#include "tests/fuzz/Targets.h"
+
+namespace Fuzz {
+namespace {
+
+// All of its payload follows from its key.
+struct Row {
+  using Key = std::uint64_t;
+  static constexpr std::string_view vastaName = "Fuzz::Row";
+
+  static Row of(Key number) { return {number, Korm::hashMix(number), Korm::hashMix(number + 1)}; }
+  [[nodiscard]] const Key& key() const { return number; }
+  [[nodiscard]] bool isWhole() const { return *this == of(number); }
+  friend bool operator==(const Row&, const Row&) = default;
+
+  Key number = 0;
+  std::uint64_t first = 0;
+  std::uint64_t second = 0;
+};
+constexpr std::uint64_t rows = 40;
+
+void mustBeWhole(const Row& row) {
+  Korm::assertTrue(row.isWhole(), "a record is whole or refused");
+}
+
+// Writes to a segment what the bytes say. The first one chooses: even, what follows is its content; odd, each
+// twelve of what follows are a place and a word that is written, added or mixed in there, or a new size.
+void damage(const char* segment, Bytes bytes) {
+  const int descriptor = ::shm_open(segment, O_RDWR, 0);
+  struct stat status {};
+  if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
+    throw std::runtime_error{std::string{"no segment "} + segment};
+  }
+  const auto size = static_cast<std::size_t>(status.st_size);
+  void* const mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
+  auto* const to = static_cast<std::uint8_t*>(mapped);
+  off_t length = status.st_size;
+  if (!bytes.empty() && bytes[0] % 2 == 0) {
+    std::copy_n(bytes.begin() + 1, std::min(bytes.size() - 1, size), to);
+  }
+  for (std::size_t at = 1; !bytes.empty() && bytes[0] % 2 == 1 && at + 12 <= bytes.size();
+       at += 12) {
+    std::uint16_t place = 0;
+    std::uint64_t word = 0;
+    std::memcpy(&place, bytes.data() + at + 1, sizeof(place));
+    std::memcpy(&word, bytes.data() + at + 4, sizeof(word));
+    std::uint64_t old = 0;
+    const std::size_t where = place * sizeof(word) % (size - sizeof(word) + 1);
+    std::memcpy(&old, to + where, sizeof(word));
+    const std::uint8_t how = bytes[at];
+    if (how % 8 == 7) {
+      length = static_cast<off_t>(word % (2 * size));
+      continue;
+    }
+    const std::uint64_t next = how % 3 == 0 ? word : how % 3 == 1 ? old + word : old ^ word;
+    std::memcpy(to + where, &next, sizeof(next));
+  }
+  ::munmap(mapped, size);
+  Korm::assertTrue(::ftruncate(descriptor, length) == 0, "a segment takes any size");
+  ::close(descriptor);
+}
+
+// Calls step() until it is through; what is corrupt is passed over.
+template <class Step>
+void passingCorruption(Step step) {
+  for (unsigned tries = 0; tries < 10'000; ++tries) {
+    try {
+      if (!step()) {
+        return;
+      }
+    } catch (const Vasta::Corruption&) {
+    }
+  }
+  throw std::runtime_error{"a walk that does not end"};
+}
+
+void readTable(const std::string& shmName) {
+  Vasta::Reader<Row> reader{shmName};
+  Row row;
+  Vasta::Hint hint;
+  passingCorruption([&] {
+    const bool more = reader.next(hint, row);
+    if (more) {
+      mustBeWhole(row);
+    }
+    return more;
+  });
+  std::uint64_t number = 0;
+  passingCorruption([&] {
+    if (const auto found = reader.find(number++ % rows)) {
+      mustBeWhole(*found);
+    }
+    return number < rows;
+  });
+  Vasta::FollowCursor cursor;
+  passingCorruption([&] {
+    reader.follow(cursor, [](const Vasta::RowChange&, const Row& told) { mustBeWhole(told); });
+    return false;
+  });
+}
+
+void takeTableOver(const Vasta::TableOptions& options) {
+  Vasta::Table<Row> writer{options};
+  for (std::uint64_t number = 0; number < 2 * rows; number += 3) {
+    writer.is(Row::of(number));
+    writer.del(number + 1, nullptr);
+  }
+  writer.delAll();
+  Korm::assertTrue(writer.size() == 0, "a table that was taken over can be emptied");
+}
+
+std::string uniqueName(const char* kind) {
+  return "fuzz-" + std::string{kind} + "-" + std::to_string(::getpid());
+}
+
+}  // namespace
+
+// The first byte chooses the segment, the second whether the reader, the next writer or both come to it.
+void table(Bytes bytes) {
+  if (bytes.size() < 2) {
+    return;
+  }
+  const Vasta::TableOptions options{.name = "rows", .shmName = uniqueName("table")};
+  {
+    Vasta::Table<Row> writer{options};
+    for (std::uint64_t number = 0; number < rows; ++number) {
+      writer.is(Row::of(number));
+      if (number % 5 == 0) {
+        writer.del(number / 2, nullptr);
+      }
+    }
+  }
+  const Vasta::SegmentNames names{options.shmName};
+  const unsigned segment = bytes[0] % 3;
+  try {
+    const auto damaged = segment == 0   ? names.header()
+                         : segment == 1 ? names.rows()
+                                        : names.index(1);
+    damage(damaged.text(), bytes.subspan(2));
+  } catch (const std::runtime_error&) {
+    // The index is of a later generation.
+  }
+  const auto attempt = [](auto step) {
+    try {
+      step();
+    } catch (const Vasta::AttachError&) {
+    } catch (const Vasta::Corruption&) {
+    } catch (const std::system_error&) {
+    }
+  };
+  if (bytes[1] % 3 != 0) {
+    attempt([&] { readTable(options.shmName); });
+  }
+  if (bytes[1] % 3 != 1) {
+    attempt([&] { takeTableOver(options); });
+  }
+  Vasta::removeTable(options.shmName);
+  for (const auto& name : {names.header(), names.rows(), names.index(1), names.index(2)}) {
+    Korm::unlinkSegment(name);
+  }
+}
+
+void ring(Bytes bytes) {
+  static constexpr Brisklog::TraceHandle handle{"Fuzz"};
+  static constinit Brisklog::TracePoint point{handle, 5, "Fuzz::", "ring", " number %s of %s"};
+  const std::string name = uniqueName("ring");
+  const std::string damaged = name + "-damaged";
+  (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = name, .records = 64}));
+  for (unsigned number = 0; number < 80; ++number) {
+    point(number, std::string_view{"a text that is longer than one word of a record"});
+  }
+  std::filesystem::copy_file("/dev/shm/" + name, "/dev/shm/" + damaged,
+                             std::filesystem::copy_options::overwrite_existing);
+  (void)Brisklog::ringIs(nullptr);
+  try {
+    damage(("/" + damaged).c_str(), bytes);
+    Brisklog::RingReader reader = Brisklog::RingReader::attach(damaged);
+    for (const auto& record : reader.newest(100)) {
+      (void)record.printedLine();
+    }
+    Brisklog::RingCursor cursor;
+    for (int round = 0; round < 3; ++round) {
+      (void)reader.follow(cursor);
+    }
+    (void)reader.owner();
+  } catch (const Brisklog::RingError&) {
+  }
+  (void)::shm_unlink(("/" + damaged).c_str());
+}
+
+}  // namespace Fuzz

@@ -1,0 +1,36 @@
+// What the fuzzer calls with any bytes. A target returns whatever they are, unless it finds a fault: it then
+// ends the process.
+//
+// Thread and process rule: one thread; the language, the table and the ring use what a process has once.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace Fuzz {
+
+using Bytes = std::span<const std::uint8_t>;
+
+void key(Bytes bytes);       // the text form of a flow key, both ways
+void status(Bytes bytes);    // the text form of a status entry
+void name(Bytes bytes);      // flow names, against sscanf
+void address(Bytes bytes);   // addresses, against inet_pton
+void language(Bytes bytes);  // commands, on a whole switch
+void table(Bytes bytes);     // a shared table with bytes of somebody else's
+void ring(Bytes bytes);      // a trace ring with bytes of somebody else's
+
+struct Target {
+  std::string_view name;
+  void (*run)(Bytes bytes);
+};
+inline constexpr Target targets[] = {
+    {"key", key},           {"status", status}, {"name", name}, {"address", address},
+    {"language", language}, {"table", table},   {"ring", ring},
+};
+
+inline std::string textOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
+
+}  // namespace Fuzz

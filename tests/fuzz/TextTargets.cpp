@@ -1,0 +1,162 @@
+// Texts that become values.
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <type_traits>
+
+#include "Ostra/FlowUtil.h"
+#include "Ostra/OstraStatus.h"
+#include "Ostra/OstraTypes.h"
+#include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Strep.h"
+#include "tests/fuzz/Targets.h"
+
+namespace Fuzz {
+namespace {
+
+// A text that is taken is the one that would be printed.
+template <class T>
+void takesOnlyWhatItPrints(const std::string& text) {
+  try {
+    const T value = Korm::strepToValue<T>(text);
+    Korm::assertTrue(Korm::valueToStrep(value) == text, "a text has one spelling");
+  } catch (const Korm::ParseException&) {
+  }
+}
+
+// Values from the front of some bytes, zero behind their end.
+class Values {
+ public:
+  explicit Values(Bytes bytes) : rest_{bytes} {}
+
+  template <class T>
+  T next() {
+    if constexpr (std::is_same_v<T, bool>) {
+      return (next<std::uint8_t>() & 1U) != 0;
+    } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
+      const auto family = next<std::uint8_t>() % 3;
+      return family == 0   ? Korm::IpAddr{}
+             : family == 1 ? Korm::IpAddr{next<Korm::Ip4Addr>()}
+                           : Korm::IpAddr{next<Korm::Ip6Addr>()};
+    } else {
+      T value{};
+      const std::size_t size = std::min(sizeof(T), rest_.size());
+      std::memcpy(&value, rest_.data(), size);
+      rest_ = rest_.subspan(size);
+      return value;
+    }
+  }
+
+ private:
+  Bytes rest_;
+};
+
+Ostra::OstraKey keyOf(Values& values) {
+  Ostra::OstraKey key;
+  key.tableTypeIs(values.next<std::int32_t>());
+  key.priorityGroupTypeIs(values.next<std::uint32_t>());
+  key.priorityIs(values.next<std::int32_t>());
+  const auto chosen = values.next<std::uint32_t>();
+  const auto given = values.next<std::uint32_t>();
+  unsigned number = 0;
+#define OSTRA_FUZZ_FIELD(member, Type, ...)                            \
+  if ((chosen >> number & 1U) != 0) {                                  \
+    const Type value = values.next<Type>();                            \
+    key.member##Is(value, values.next<Type>());                        \
+    key.givenIs(Ostra::MatchFieldId::member##_, given >> number & 1U); \
+  }                                                                    \
+  ++number;
+  OSTRA_MATCH_FIELDS(OSTRA_FUZZ_FIELD)
+#undef OSTRA_FUZZ_FIELD
+  return key;
+}
+
+std::string sixOctets(const Korm::EthAddr& address) {
+  const auto& o = address.octets;
+  std::array<char, 18> out{};
+  (void)std::snprintf(out.data(), out.size(), "%02x:%02x:%02x:%02x:%02x:%02x", o[0], o[1], o[2],
+                      o[3], o[4], o[5]);
+  return out.data();
+}
+
+void checkIp(const std::string& text) {
+  Korm::Ip4Addr four;
+  Korm::Ip6Addr six;
+  const bool isFour = ::inet_pton(AF_INET, text.c_str(), four.octets.data()) == 1;
+  const bool isSix = ::inet_pton(AF_INET6, text.c_str(), six.octets.data()) == 1;
+  const auto parsed = Korm::parseIpAddr(text);
+  if (text.find('\0') != std::string::npos) {
+    Korm::assertTrue(!parsed, "an address has no zero character");
+    return;
+  }
+  Korm::assertTrue(parsed.has_value() == (isFour || isSix), "an address is one to the system too");
+  if (parsed) {
+    Korm::assertTrue(*parsed == (isFour ? Korm::IpAddr{four} : Korm::IpAddr{six}),
+                     "an address is that of the system");
+    Korm::assertTrue(Korm::parseIpAddr(parsed->text()) == parsed, "an address round-trips");
+  }
+}
+
+void checkMac(const std::string& text) {
+  std::string lower = text;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](char c) { return c >= 'A' && c <= 'F' ? static_cast<char>(c + 32) : c; });
+  const auto parsed = Korm::parseEthAddr(text);
+  std::array<unsigned char, 6> o{};
+  const bool isMac = lower.size() == 17 &&
+                     std::sscanf(lower.c_str(), "%2hhx:%2hhx:%2hhx:%2hhx:%2hhx:%2hhx", &o[0], &o[1],
+                                 &o[2], &o[3], &o[4], &o[5]) == 6 &&
+                     sixOctets({o}) == lower;
+  Korm::assertTrue(parsed.has_value() == isMac, "a MAC address is one to sscanf too");
+  if (parsed) {
+    Korm::assertTrue(parsed->text() == lower && parsed->octets == o, "a MAC address round-trips");
+  }
+}
+
+}  // namespace
+
+void key(Bytes bytes) {
+  takesOnlyWhatItPrints<Ostra::OstraKey>(textOf(bytes));
+  Values values{bytes};
+  const Ostra::OstraKey made = keyOf(values);
+  const auto read = Korm::strepToValue<Ostra::OstraKey>(made.valueToStrep());
+  Korm::assertTrue(read == made && read.hash(0) == made.hash(0), "a key round-trips");
+}
+
+void status(Bytes bytes) {
+  takesOnlyWhatItPrints<Ostra::OstraStatusEntry>(textOf(bytes));
+  Values values{bytes};
+  P4Runtime::TableStatusEntryBase base;
+  base.genId = values.next<std::uint64_t>();
+  base.entryHandle = values.next<std::uint64_t>();
+  base.errorCode =
+      P4Runtime::ErrorCode{values.next<std::uint8_t>() % (P4Runtime::maxErrorCode + 1)};
+  base.deleted = values.next<bool>();
+  const Ostra::OstraStatusEntry made{base, keyOf(values)};
+  Korm::assertTrue(Korm::strepToValue<Ostra::OstraStatusEntry>(Korm::valueToStrep(made)) == made,
+                   "a status entry round-trips");
+}
+
+void name(Bytes bytes) {
+  const std::string text = textOf(bytes);
+  for (const std::string& tried : {text, "flow-" + text}) {
+    unsigned long number = 0;
+    if (std::sscanf(tried.c_str(), "flow-%lu", &number) <= 0) {
+      number = 0;
+    }
+    const std::uint64_t read = Ostra::flowIdFromName(tried);
+    Korm::assertTrue(read == number, "a flow name is read as sscanf reads it");
+    Korm::assertTrue(Ostra::flowIdFromName(Ostra::buildFlowName(read)) == read,
+                     "a flow name round-trips");
+  }
+}
+
+void address(Bytes bytes) {
+  const std::string text = textOf(bytes);
+  checkIp(text);
+  checkMac(text);
+}
+
+}  // namespace Fuzz
