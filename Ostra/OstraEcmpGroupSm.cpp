@@ -202,6 +202,7 @@ void OstraEcmpGroupSm::handleEcmpGroup() {
 }
 
 void OstraEcmpGroupSm::handleEncapEntry(EncapId encapId) {
+  const Korm::Moment moment;
   traceEncap(encapId);
   walk(p4rtEcmpMemberTable_, [this, encapId](const NexthopInfo& row) {
     if (row.encapId == encapId) {
@@ -211,6 +212,7 @@ void OstraEcmpGroupSm::handleEncapEntry(EncapId encapId) {
 }
 
 void OstraEcmpGroupSm::handleNexthopInfo(MemberOrGroupId memberId) {
+  const Korm::Moment moment;
   traceMember(memberId);
   const NexthopInfo* const row = findRow(p4rtEcmpMemberTable_, memberId);
   reportingEntryErrors(
@@ -223,6 +225,7 @@ void OstraEcmpGroupSm::handleNexthopInfo(const NexthopInfo& row) {
 }
 
 void OstraEcmpGroupSm::handleEcmpGroup(MemberOrGroupId groupId) {
+  const Korm::Moment moment;
   traceGroup(groupId);
   const EcmpMemberList* const row = findRow(p4rtEcmpGroupTable_, groupId);
   reportingEntryErrors([&] { row != nullptr ? addEcmpGroup(*row) : deleteEcmpGroup(groupId); });

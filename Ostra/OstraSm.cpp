@@ -5,6 +5,7 @@
 #include "Ostra/MatchTranslation.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
+#include "platform/Korm/Clock.h"
 
 namespace Ostra {
 namespace {
@@ -155,6 +156,7 @@ void OstraSm::deleteStaleFlows() {
 }
 
 void OstraSm::handleFlowConfig(const OstraKey& key) {
+  const Korm::Moment moment;
   try {
     handleFlowConfigImpl(key, key.hash(0));
   } catch (const P4Runtime::P4RuntimeExceptionBase& error) {

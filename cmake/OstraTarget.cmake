@@ -6,7 +6,8 @@ function(ostra_target target)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES CXX_EXTENSIONS OFF POSITION_INDEPENDENT_CODE ON)
 
-  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                                           $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
   if(OSTRA_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -153,6 +153,7 @@ void HwAgent::schedule() {
 
 void HwAgent::run() {
   while (next_ < queue_.size()) {
+    const Korm::Moment moment;
     // The reactors to what is published may queue more, and the queue may move.
     const Waiting waiting = std::move(queue_[next_++]);
     if (waiting.isGroup) {

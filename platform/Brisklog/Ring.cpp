@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <bit>
-#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "platform/Brisklog/RingWriter.h"
+#include "platform/Korm/Mutex.h"
 
 namespace Brisklog {
 
@@ -22,29 +22,29 @@ constinit std::atomic<RingWriter*> currentWriter{&noRing};
 
 // What the process traces into. Never destroyed: trace points may be passed until the very end.
 struct CurrentRing {
-  // With the mutex held.
-  Ring& get() {
+  Ring& get() KORM_REQUIRES(mutex) {
     if (ring == nullptr) {
       set(Ring::create());
     }
     return *ring;
   }
 
-  std::unique_ptr<Ring> set(std::unique_ptr<Ring> next) noexcept {
+  std::unique_ptr<Ring> set(std::unique_ptr<Ring> next) noexcept KORM_REQUIRES(mutex) {
     std::unique_ptr<Ring> previous(std::exchange(ring, next.release()));
     detail::currentWriter.store(ring != nullptr ? ring->writer_.get() : &detail::noRing,
                                 std::memory_order_release);
     return previous;
   }
 
-  void removeName() const noexcept {
+  // Without the lock: at exit, in a forked child too, another thread may never give it back.
+  void removeName() const noexcept KORM_THREAD_ANNOTATION(no_thread_safety_analysis) {
     if (ring != nullptr) {
       ring->removeName();
     }
   }
 
-  std::mutex mutex;
-  Ring* ring = nullptr;
+  Korm::Mutex mutex;
+  Ring* ring KORM_GUARDED_BY(mutex) = nullptr;
 };
 
 namespace {
@@ -139,18 +139,18 @@ void Ring::removeName() const noexcept {
 }
 
 Ring& ring() {
-  const std::scoped_lock lock(current.mutex);
+  const Korm::Lock lock(current.mutex);
   return current.get();
 }
 
 std::unique_ptr<Ring> ringIs(std::unique_ptr<Ring> next) {
-  const std::scoped_lock lock(current.mutex);
+  const Korm::Lock lock(current.mutex);
   return current.set(std::move(next));
 }
 
 detail::Registration detail::registerPoint(const TracePoint& point,
                                            std::atomic<std::uint64_t>& registration) noexcept {
-  const std::scoped_lock lock(current.mutex);
+  const Korm::Lock lock(current.mutex);
   try {
     current.get();
   } catch (const std::exception&) {

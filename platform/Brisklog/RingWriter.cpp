@@ -194,7 +194,7 @@ detail::ClaimedRecord TracePoint::claim(detail::Word kinds) const noexcept {
   }
   detail::RingWriter& writer = *current.writer;
   const detail::ClaimedRecord claimed = writer.claim();
-  const bool hasTicks = writer.usesTicks && Korm::clockIsSystem();
+  const bool hasTicks = writer.usesTicks && !Korm::Moment::stands() && Korm::clockIsSystem();
   const detail::Word flags = hasTicks ? detail::timeIsTicks : 0;
   const detail::Word time =
       hasTicks ? writer.now() : std::bit_cast<detail::Word>(Korm::currentTime());

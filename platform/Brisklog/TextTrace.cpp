@@ -3,7 +3,6 @@
 #include <exception>
 #include <locale>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -11,14 +10,15 @@
 
 #include "platform/Brisklog/TextFormat.h"
 #include "platform/Brisklog/TracePoint.h"
+#include "platform/Korm/Mutex.h"
 
 namespace Brisklog {
 namespace {
 
 // Never destroyed: trace points may be passed until the very end.
 struct SinkHolder {
-  std::mutex mutex;
-  std::shared_ptr<const TextSink> sink;
+  Korm::Mutex mutex;
+  std::shared_ptr<const TextSink> sink KORM_GUARDED_BY(mutex);
 };
 
 SinkHolder& holder() {
@@ -58,8 +58,9 @@ std::string argumentText(const detail::TextArgument& argument) {
 void textSinkIs(TextSink sink) {
   auto next = sink ? std::make_shared<const TextSink>(std::move(sink)) : nullptr;
   // The old sink is destroyed after the lock: it may trace in its destructor.
-  const std::scoped_lock lock(holder().mutex);
-  holder().sink.swap(next);
+  SinkHolder& shared = holder();
+  const Korm::Lock lock(shared.mutex);
+  shared.sink.swap(next);
 }
 
 void TracePoint::emitText(std::span<const detail::TextArgument> arguments) const noexcept {
@@ -67,8 +68,9 @@ void TracePoint::emitText(std::span<const detail::TextArgument> arguments) const
     return;
   }
   const auto sink = [] {
-    const std::scoped_lock lock(holder().mutex);
-    return holder().sink;
+    SinkHolder& shared = holder();
+    const Korm::Lock lock(shared.mutex);
+    return shared.sink;
   }();
   if (sink == nullptr) {
     return;

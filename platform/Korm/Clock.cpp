@@ -12,8 +12,15 @@ double currentTime() {
   if (const ClockFunction clock = hostClock.load(std::memory_order_relaxed)) {
     return clock();
   }
+  if (detail::momentTime > 0) {
+    return detail::momentTime;
+  }
   const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration<double>(now).count();
+  const double seconds = std::chrono::duration<double>(now).count();
+  if (Moment::stands()) {
+    detail::momentTime = seconds;
+  }
+  return seconds;
 }
 
 void clockIs(ClockFunction clock) noexcept { hostClock.store(clock, std::memory_order_relaxed); }

@@ -17,4 +17,30 @@ void clockIs(ClockFunction clock) noexcept;
 // Whether currentTime() reads the system clock.
 [[nodiscard]] bool clockIsSystem() noexcept;
 
+namespace detail {
+// 0 while no moment stands; unreadMoment before its clock was read; the time that it has afterwards.
+inline constexpr double unreadMoment = -1;
+inline constinit thread_local double momentTime = 0;
+}  // namespace detail
+
+// While one stands, its thread reads the system clock at most once: currentTime() and the trace records
+// have the time at which either was first asked for. For the length of one call of a handler. A moment
+// within another one has no effect. A clock that the host has set is read every time.
+class Moment {
+ public:
+  Moment() noexcept : outer_{detail::momentTime} {
+    if (outer_ == 0) {
+      detail::momentTime = detail::unreadMoment;
+    }
+  }
+  ~Moment() { detail::momentTime = outer_; }
+  Moment(const Moment&) = delete;
+  Moment& operator=(const Moment&) = delete;
+
+  [[nodiscard]] static bool stands() noexcept { return detail::momentTime != 0; }
+
+ private:
+  const double outer_;
+};
+
 }  // namespace Korm

@@ -1,6 +1,7 @@
 // Keyed collection attributes of entities.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <optional>
 #include <utility>
@@ -11,6 +12,9 @@
 namespace Korm {
 
 // A keyed collection that tells its reactors the key of every change, and nothing else.
+//
+// Where a hash is taken it is Map::hash(key), for a caller that has it already. A look-up takes
+// whatever compares with a key and has the same hash.
 template <class Key, class Value>
 class Collection {
  public:
@@ -24,11 +28,38 @@ class Collection {
       // tryEmplace leaves it alone when the key is present.
       entry.value = std::move(value);  // NOLINT(bugprone-use-after-move)
     }
+    tell(key);
+  }
+
+  // The element, made from `args` if it is not there; true when it was made. Tells nobody: the caller
+  // does, once the element is what it is to be.
+  template <class K, class... Args>
+  std::pair<Value&, bool> make(const K& key, std::uint32_t hash, Args&&... args) {
+    const auto [entry, made] = map_.tryEmplaceHashed(hash, key, std::forward<Args>(args)...);
+    return {entry.value, made};
+  }
+  template <class K>
+  void tell(const K& key) const {
     if (!notifiees_.empty()) {
-      const Key copy = key;  // `key` may stand in an element that a reactor removes
+      const Key copy{key};  // `key` may stand in an element that a reactor removes
       notifiees_.notify(copy);
     }
   }
+
+  // Whether there was such an element; only then are the reactors told.
+  template <class K>
+  bool erase(const K& key, std::uint32_t hash) {
+    if (notifiees_.empty()) {
+      return map_.erase(key, hash);
+    }
+    const Key copy{key};  // `key` may stand in the element that goes
+    if (!map_.erase(copy, hash)) {
+      return false;
+    }
+    notifiees_.notify(copy);
+    return true;
+  }
+  bool erase(const Key& key) { return erase(key, Map::hash(key)); }
 
   // The value removed, if there was one; only then are the reactors told.
   std::optional<Value> del(const Key& key) {
@@ -37,9 +68,7 @@ class Collection {
       return std::nullopt;
     }
     std::optional<Value> removed{std::move(entry->value)};
-    const Key copy = entry->key;  // `key` may stand in the element that goes
-    map_.erase(copy);
-    notifiees_.notify(copy);
+    erase(entry->key);
     return removed;
   }
 
@@ -49,7 +78,7 @@ class Collection {
     std::exception_ptr first;
     for (auto& entry : map_) {
       try {
-        del(entry.key);
+        erase(entry.key);
       } catch (...) {
         if (!first) {
           first = std::current_exception();
@@ -64,12 +93,22 @@ class Collection {
   // The value, or null.
   template <class K>
   [[nodiscard]] const Value* find(const K& key) const noexcept {
-    const auto* const entry = map_.find(key);
+    return find(key, Map::hash(key));
+  }
+  template <class K>
+  [[nodiscard]] const Value* find(const K& key, std::uint32_t hash) const noexcept {
+    const auto* const entry = map_.find(key, hash);
     return entry == nullptr ? nullptr : &entry->value;
+  }
+  template <class K>
+  [[nodiscard]] Value* find(const K& key, std::uint32_t hash) noexcept {
+    return const_cast<Value*>(std::as_const(*this).find(key, hash));
   }
 
   [[nodiscard]] std::size_t size() const noexcept { return map_.size(); }
   [[nodiscard]] bool empty() const noexcept { return map_.empty(); }
+  // Entries {key, value}.
+  [[nodiscard]] const Map& map() const noexcept { return map_; }
   [[nodiscard]] auto begin() const { return map_.begin(); }
   [[nodiscard]] auto end() const { return map_.end(); }
   [[nodiscard]] Notifiees& notifiees() const noexcept { return notifiees_; }

@@ -112,9 +112,7 @@ class TableBinding final : private Vasta::TableWriter::Listener {
   }
 
   void recordChanged(const void* key) override {
-    const Key copy =
-        *static_cast<const Key*>(key);  // the owner may change the row that it stands in
-    owner_.tableNotify(copy);
+    owner_.tableNotify(*static_cast<const Key*>(key));
   }
   void quiescedChanged(bool quiesced) override {
     if (!quiesced) {

@@ -13,7 +13,7 @@ FlowEntry& FlowHwConfig::flowEntryIs(const Korm::HashedName& name, const Match& 
                                      PriorityGroupType priorityGroupType, TableType tableType,
                                      std::uint64_t cookie, double idleTimeout, double hardTimeout,
                                      bool sendFlowRemoved, bool persistent) {
-  FlowEntry& flow = flows_.tryEmplaceHashed(name.hash(), name.text()).first.value;
+  FlowEntry& flow = flows_.make(name.text(), name.hash()).first;
   flow.match_ = match;
   flow.actions_ = actions;
   flow.priority_ = priority;
@@ -24,36 +24,16 @@ FlowEntry& FlowHwConfig::flowEntryIs(const Korm::HashedName& name, const Match& 
   flow.hardTimeout_ = hardTimeout;
   flow.sendFlowRemoved_ = sendFlowRemoved;
   flow.persistent_ = persistent;
-  if (!flowNotifiees_.empty()) {
-    const Korm::Name copy{name.text()};  // it may be the key of a flow that a reactor deletes
-    flowNotifiees_.notify(copy);
-  }
+  flows_.tell(name.text());
   return flow;
 }
 
-bool FlowHwConfig::flowEntryDel(const Korm::HashedName& name) {
-  const Korm::Name copy{name.text()};  // it may be the key of the flow that goes
-  if (!flows_.erase(copy, name.hash())) {
-    return false;
-  }
-  flowNotifiees_.notify(copy);
-  return true;
-}
-
 GroupEntry& FlowHwConfig::groupEntryIs(GroupId id) {
-  const auto [entry, created] = groups_.tryEmplace(id, *this, id);
-  if (created) {
-    groupNotifiees_.notify(id);
+  const auto [group, made] = groups_.make(id, Groups::hash(id), *this, id);
+  if (made) {
+    groups_.tell(id);
   }
-  return entry.value;
-}
-
-bool FlowHwConfig::groupEntryDel(GroupId id) {
-  if (!groups_.erase(id)) {
-    return false;
-  }
-  groupNotifiees_.notify(id);
-  return true;
+  return group;
 }
 
 }  // namespace OpenFlowTable

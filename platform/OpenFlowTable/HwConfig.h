@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "platform/Korm/Attribute.h"
+#include "platform/Korm/Collection.h"
 #include "platform/Korm/Entity.h"
-#include "platform/Korm/HashMap.h"
 #include "platform/OpenFlowTable/Actions.h"
 #include "platform/OpenFlowTable/Match.h"
 
@@ -114,40 +114,33 @@ class FlowHwConfig : public Korm::NamedEntity {
                          TableType tableType, std::uint64_t cookie, double idleTimeout,
                          double hardTimeout, bool sendFlowRemoved, bool persistent);
   // Whether there was such a flow; only then are the reactors told.
-  bool flowEntryDel(const Korm::HashedName& name);
+  bool flowEntryDel(const Korm::HashedName& name) { return flows_.erase(name.text(), name.hash()); }
   [[nodiscard]] const FlowEntry* flowEntry(const Korm::HashedName& name) const noexcept {
-    const auto* const found = flows_.find(name.text(), name.hash());
-    return found == nullptr ? nullptr : &found->value;
+    return flows_.find(name.text(), name.hash());
   }
   // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
-  [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_; }
+  [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_.map(); }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowEntryNotifiees() const noexcept {
-    return flowNotifiees_;
+    return flows_.notifiees();
   }
 
-  // The group, created if it is not there; the reactors are told of a creation. The group returned is gone
-  // if a reactor has deleted it by then.
+  // The group, created if it is not there; the reactors are told of a creation. The group returned is
+  // gone if a reactor has deleted it by then.
   GroupEntry& groupEntryIs(GroupId id);
-  bool groupEntryDel(GroupId id);
-  [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept {
-    const auto* const found = groups_.find(id);
-    return found == nullptr ? nullptr : &found->value;
-  }
+  bool groupEntryDel(GroupId id) { return groups_.erase(id); }
+  [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept { return groups_.find(id); }
   [[nodiscard]] GroupEntry* groupEntry(GroupId id) noexcept {
-    auto* const found = groups_.find(id);
-    return found == nullptr ? nullptr : &found->value;
+    return groups_.find(id, Groups::hash(id));
   }
-  [[nodiscard]] const Groups& groupEntries() const noexcept { return groups_; }
+  [[nodiscard]] const Groups& groupEntries() const noexcept { return groups_.map(); }
   // Told of creation, deletion and every change count of a group.
   [[nodiscard]] Korm::NotifieeList<const GroupId&>& groupEntryNotifiees() const noexcept {
-    return groupNotifiees_;
+    return groups_.notifiees();
   }
 
  private:
-  Flows flows_;
-  Groups groups_;
-  mutable Korm::NotifieeList<const Korm::Name&> flowNotifiees_;
-  mutable Korm::NotifieeList<const GroupId&> groupNotifiees_;
+  Korm::Collection<Korm::Name, FlowEntry> flows_;
+  Korm::Collection<GroupId, GroupEntry> groups_;
 };
 
 // The configuration of the Corvex feature.

@@ -5,8 +5,8 @@
 #pragma once
 
 #include "platform/Korm/Attribute.h"
+#include "platform/Korm/Collection.h"
 #include "platform/Korm/Entity.h"
-#include "platform/Korm/HashMap.h"
 #include "platform/OpenFlowTable/Types.h"
 
 namespace OpenFlowTable {
@@ -85,40 +85,32 @@ class HwStatus final : public Korm::NamedEntity {
   // of new ones; those that are there are returned as they are. What is returned is gone if a reactor has
   // deleted it by then.
   FlowStats& flowStatsIs(const Korm::HashedName& name, FlowStatus status = FlowStatus::pending_);
-  bool flowStatsDel(const Korm::HashedName& name);
+  bool flowStatsDel(const Korm::HashedName& name) { return flows_.erase(name.text(), name.hash()); }
   [[nodiscard]] const FlowStats* flowStats(const Korm::HashedName& name) const noexcept {
-    const auto* const found = flows_.find(name.text(), name.hash());
-    return found == nullptr ? nullptr : &found->value;
+    return flows_.find(name.text(), name.hash());
   }
   [[nodiscard]] FlowStats* flowStats(const Korm::HashedName& name) noexcept {
-    auto* const found = flows_.find(name.text(), name.hash());
-    return found == nullptr ? nullptr : &found->value;
+    return flows_.find(name.text(), name.hash());
   }
-  [[nodiscard]] const Flows& flowStats() const noexcept { return flows_; }
+  [[nodiscard]] const Flows& flowStats() const noexcept { return flows_.map(); }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowStatsNotifiees() const noexcept {
-    return flowNotifiees_;
+    return flows_.notifiees();
   }
 
   GroupStats& groupStatsIs(GroupId id, GroupStatus status = GroupStatus::ready_);
-  bool groupStatsDel(GroupId id);
-  [[nodiscard]] const GroupStats* groupStats(GroupId id) const noexcept {
-    const auto* const found = groups_.find(id);
-    return found == nullptr ? nullptr : &found->value;
-  }
+  bool groupStatsDel(GroupId id) { return groups_.erase(id); }
+  [[nodiscard]] const GroupStats* groupStats(GroupId id) const noexcept { return groups_.find(id); }
   [[nodiscard]] GroupStats* groupStats(GroupId id) noexcept {
-    auto* const found = groups_.find(id);
-    return found == nullptr ? nullptr : &found->value;
+    return groups_.find(id, Groups::hash(id));
   }
-  [[nodiscard]] const Groups& groupStats() const noexcept { return groups_; }
+  [[nodiscard]] const Groups& groupStats() const noexcept { return groups_.map(); }
   [[nodiscard]] Korm::NotifieeList<const GroupId&>& groupStatsNotifiees() const noexcept {
-    return groupNotifiees_;
+    return groups_.notifiees();
   }
 
  private:
-  Flows flows_;
-  Groups groups_;
-  mutable Korm::NotifieeList<const Korm::Name&> flowNotifiees_;
-  mutable Korm::NotifieeList<const GroupId&> groupNotifiees_;
+  Korm::Collection<Korm::Name, FlowStats> flows_;
+  Korm::Collection<GroupId, GroupStats> groups_;
 };
 
 }  // namespace OpenFlowTable

@@ -36,13 +36,13 @@ LocalSegments::LocalSegments(std::string table, std::shared_ptr<Korm::Segment> h
     : table_{std::move(table)}, header_{std::move(header)}, rows_{std::move(rows)} {}
 
 std::shared_ptr<Korm::Segment> LocalSegments::index(std::uint64_t& generation) {
-  const std::scoped_lock lock{mutex_};
+  const Korm::Lock lock{mutex_};
   generation = generation_;
   return index_;
 }
 
 void LocalSegments::indexIs(std::uint64_t generation, std::shared_ptr<Korm::Segment> segment) {
-  const std::scoped_lock lock{mutex_};
+  const Korm::Lock lock{mutex_};
   generation_ = generation;
   index_ = std::move(segment);
 }

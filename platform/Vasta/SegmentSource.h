@@ -8,9 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "platform/Korm/Mutex.h"
 #include "platform/Korm/Segment.h"
 #include "platform/Vasta/SegmentNames.h"
 
@@ -61,10 +61,9 @@ class LocalSegments : public SegmentSource {
   const std::string table_;
   const std::shared_ptr<Korm::Segment> header_;
   const std::shared_ptr<Korm::Segment> rows_;
-  // Guarded by mutex_.
-  std::mutex mutex_;
-  std::uint64_t generation_ = 0;
-  std::shared_ptr<Korm::Segment> index_;
+  Korm::Mutex mutex_;
+  std::uint64_t generation_ KORM_GUARDED_BY(mutex_) = 0;
+  std::shared_ptr<Korm::Segment> index_ KORM_GUARDED_BY(mutex_);
 };
 
 }  // namespace Vasta

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
@@ -170,9 +171,19 @@ void TableWriter::notify(const void* key) {
       listener_->quiescedChanged(false);
     }
   }
-  if (listener_ != nullptr && key != nullptr) {
-    listener_->recordChanged(key);
+  if (listener_ == nullptr || key == nullptr) {
+    return;
   }
+  const auto* const start = reinterpret_cast<const std::byte*>(rows_);
+  const auto* const bytes = static_cast<const std::byte*>(key);
+  if (std::less<>{}(bytes, start) || !std::less<>{}(bytes, start + rowsSegment_->mapped())) {
+    listener_->recordChanged(key);
+    return;
+  }
+  // The listener may change the row that the key stands in.
+  std::vector<std::uint64_t> copy(geometry_.keySize / wordSize + 1);
+  std::memcpy(copy.data(), key, geometry_.keySize);
+  listener_->recordChanged(copy.data());
 }
 
 bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
