@@ -108,7 +108,8 @@ class Program {
     P4rt::ServerOptions options{.address = options_.address, .service = options_.service};
     if (!options_.tlsKey.empty()) {
       options.tls = P4rt::TlsFiles{.certificate = P4rt::contentOf(options_.tlsCertificate),
-                                   .key = P4rt::contentOf(options_.tlsKey)};
+                                   .key = P4rt::contentOf(options_.tlsKey),
+                                   .clientRoots = {}};
       if (!options_.clientRoots.empty()) {
         options.tls->clientRoots = P4rt::contentOf(options_.clientRoots);
       }

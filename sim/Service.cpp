@@ -30,7 +30,8 @@ Failure guarded(Change change) {
 
 Service::Service()
     : objects_{std::make_unique<ServiceObjects>()},
-      transactions_{std::make_unique<Transactions>(*objects_)} {}
+      transactions_{std::make_unique<Transactions>(*objects_)},
+      reportNotifiee_{*this, transactions_->reportNotifiees()} {}
 
 Service::~Service() = default;
 
@@ -112,7 +113,19 @@ std::vector<Result> Service::apply(std::span<const Update> batch) {
   return transactions_->finish();
 }
 
-std::vector<Report> Service::takeReports() { return transactions_->takeReports(); }
+Korm::NotifieeList<const Report&>& Service::reportNotifiees() noexcept {
+  return transactions_->reportNotifiees();
+}
+
+void Service::reportsGatheredIs(bool gathered) noexcept {
+  reportNotifiee_.hasNotificationActiveIs(gathered);
+}
+
+void Service::handleReport(const Report& report) {
+  if (reports_.empty() || reports_.back() != report) {
+    reports_.push_back(report);
+  }
+}
 
 std::optional<P4Runtime::P4CounterData> Service::counter(P4Runtime::EntryHandle handle) const {
   const auto reader = objects_->counters->counterImplMap(directCounter);

@@ -30,11 +30,13 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Ostra/Ostra.h"
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Dir.h"
+#include "platform/Korm/Notification.h"
 #include "platform/NexthopGroup/Encap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/P4Runtime/Counter.h"
@@ -130,9 +132,14 @@ class Service {
   // the same order. While the library is stopped the rows are stored and that is all.
   std::vector<Result> apply(std::span<const Update> batch);
   std::vector<Result> apply(const Update& update) { return apply(std::span{&update, 1}); }
+  // Told of each report as it comes, within the operation that brings it. A reactor changes nothing in the
+  // service.
+  [[nodiscard]] Korm::NotifieeList<const Report&>& reportNotifiees() noexcept;
   // The reports since the last call. One that repeats the report just before it is left out: the hardware
   // publishes a status and its change count one after the other.
-  [[nodiscard]] std::vector<Report> takeReports();
+  [[nodiscard]] std::vector<Report> takeReports() { return std::exchange(reports_, {}); }
+  // Whether they gather. On from the start; off for a host that never takes them.
+  void reportsGatheredIs(bool gathered) noexcept;
   // Lets the hardware do what it has put off, and the tables become quiet.
   static void settle();
 
@@ -178,10 +185,13 @@ class Service {
   // Makes the context; the range exception's text if one left it, with no context then.
   Failure createContext();
   [[nodiscard]] Announcement announcement();
+  void handleReport(const Report& report);
 
   std::unique_ptr<ServiceObjects> objects_;
   std::unique_ptr<Transactions> transactions_;
   Korm::Ptr<Ostra::OstraContext> context_;
+  std::vector<Report> reports_;
+  Korm::MemberNotifiee<Service, &Service::handleReport, const Report&> reportNotifiee_;
 };
 
 }  // namespace Sim

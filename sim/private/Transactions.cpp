@@ -184,10 +184,7 @@ void Transactions::completeOpen(Row& row, const TransactionResult& result) {
 }
 
 void Transactions::completeLate(Row* row, const TransactionResult& result) {
-  Report report{result.handle, result.code, std::string{result.message}};
-  if (reports_.empty() || reports_.back() != report) {
-    reports_.push_back(std::move(report));
-  }
+  reportNotifiees_.notify({result.handle, result.code, std::string{result.message}});
   if (row == nullptr) {
     return;
   }

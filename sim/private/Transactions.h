@@ -71,7 +71,10 @@ class Transactions {
   // stored stays.
   void forget();
 
-  [[nodiscard]] std::vector<Report> takeReports() { return std::exchange(reports_, {}); }
+  // Told of every report.
+  [[nodiscard]] Korm::NotifieeList<const Report&>& reportNotifiees() noexcept {
+    return reportNotifiees_;
+  }
 
   // Asserts the invariants of the books. Not within a batch.
   void verify() const;
@@ -136,7 +139,7 @@ class Transactions {
   std::vector<Result> results_;  // one per update of the batch; pending_ while it is open
   std::vector<Index> nextOpen_;  // per update, the open one of the same row before it
   std::vector<EntryHandle> aliases_;
-  std::vector<Report> reports_;
+  Korm::NotifieeList<const Report&> reportNotifiees_;
   std::uint64_t statusGeneration_ = 0;
   // The VRFs whose creator or deletor a handle has been recorded as. Complete, perhaps more.
   Korm::HashMap<EntryHandle, std::vector<Vrf::VrfIdMap::VrfId>> vrfRecords_;

@@ -1,0 +1,83 @@
+#include "p4rt/core/Audit.h"
+
+#include <map>
+#include <set>
+
+#include "p4rt/core/Change.h"
+#include "platform/Korm/Exceptions.h"
+
+namespace P4rt {
+namespace {
+
+using Handles = std::map<std::uint8_t, std::set<std::uint64_t>>;  // by flow table
+using VrfUsers = std::map<Vrf::VrfIdMap::VrfId, std::uint32_t>;
+using GroupIds = std::set<OpenFlowTable::GroupId>;
+
+constexpr OpenFlowTable::GroupId memberBit = OpenFlowTable::GroupId{1} << 32U;
+
+struct Holdings {
+  Handles handles;
+  VrfUsers vrfUsers;
+  GroupIds groups;
+};
+
+Holdings storedHoldings(const Pipeline& pipeline, const Store& store) {
+  Holdings holdings;
+  for (const auto& [id, table] : pipeline.tables()) {
+    for (const auto& flow : store.flows(table)) {
+      holdings.handles[table.index].insert(flow.value.handle);
+      const Ostra::OstraConfigEntry row = rowOf(flow.key, flow.value);
+      if (row.vrfGiven) {
+        ++holdings.vrfUsers[row.vrfId];
+      }
+      if (flow.value.oneShot) {
+        holdings.groups.insert(flow.value.oneShot->group);
+        for (const OneShot::Action& action : flow.value.oneShot->actions) {
+          holdings.groups.insert(memberBit | action.member);
+        }
+      }
+    }
+  }
+  for (const auto& member : store.members()) {
+    holdings.groups.insert(memberBit | member.key);
+  }
+  for (const auto& group : store.groups()) {
+    if (!group.value.members.empty()) {
+      holdings.groups.insert(group.key);
+    }
+  }
+  return holdings;
+}
+
+Holdings switchHoldings(const Sim::Service& service) {
+  Holdings holdings;
+  for (const Sim::TableView& table : service.entries()) {
+    for (const Sim::EntryView& entry : table.entries) {
+      holdings.handles[table.table].insert(entry.handle);
+      Korm::assertTrue(entry.indexed, "the library knows every row");
+    }
+  }
+  for (const Sim::VrfView& vrf : service.vrfs()) {
+    if (vrf.refCount != 0) {
+      holdings.vrfUsers[vrf.vrf] = vrf.refCount;
+    }
+  }
+  for (const auto* const group : service.groups()) {
+    holdings.groups.insert(group->id());
+  }
+  return holdings;
+}
+
+}  // namespace
+
+void audit(const Pipeline& pipeline, const Store& store, const Sim::Service& service) {
+  store.verify();
+  service.verify();
+  const Holdings stored = storedHoldings(pipeline, store);
+  const Holdings held = switchHoldings(service);
+  Korm::assertTrue(stored.handles == held.handles, "the switch holds the rows of the entries");
+  Korm::assertTrue(stored.vrfUsers == held.vrfUsers, "the switch counts the users of VRFs");
+  Korm::assertTrue(stored.groups == held.groups, "Corvex holds the members and groups");
+}
+
+}  // namespace P4rt

@@ -1,0 +1,336 @@
+#include "p4rt/core/Batch.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace P4rt {
+namespace {
+
+using P4Runtime::ErrorCode;
+using Sim::Op;
+using Sim::State;
+
+struct Verdict {
+  ErrorCode number;
+  Code code;
+  std::string_view words;  // where the library has none
+};
+
+constexpr std::array verdicts{
+    Verdict{ErrorCode::hardwareResourceExhausted_, Code::resourceExhausted_,
+            "the hardware has no room"},
+    Verdict{ErrorCode::actionNotSupported_, Code::unimplemented_,
+            "the hardware does not support the action"},
+    Verdict{ErrorCode::matchNotSupported_, Code::unimplemented_,
+            "the hardware does not support the match"},
+    Verdict{ErrorCode::undefinedBehavior_, Code::invalidArgument_, ""},
+    Verdict{ErrorCode::notAllowed_, Code::invalidArgument_, ""},
+    Verdict{ErrorCode::invalidArgument_, Code::invalidArgument_, ""},
+    // The planner has seen to it that it exists.
+    Verdict{ErrorCode::notFound_, Code::failedPrecondition_, "the group is not ready"},
+    Verdict{ErrorCode::invalidMask_, Code::invalidArgument_, ""},
+    Verdict{ErrorCode::hardwareError_, Code::internal_, "the hardware has failed"},
+};
+
+Fault faultOf(const Sim::Result& result) {
+  Fault fault{.code = Code::unknown_,
+              .message = result.message,
+              .ostraCode = static_cast<std::int32_t>(result.code)};
+  for (const Verdict& verdict : verdicts) {
+    if (verdict.number == result.code) {
+      fault.code = verdict.code;
+      if (fault.message.empty()) {
+        fault.message = verdict.words;
+      }
+    }
+  }
+  return fault;
+}
+
+bool wentWell(const Sim::Result& result) {
+  return result.state == State::pending_ || result.state == State::stored_ || result.succeeded();
+}
+
+bool isCleanUp(std::size_t stage) {
+  return stages[stage] == Stage::oldGroup_ || stages[stage] == Stage::oldMembers_;
+}
+
+}  // namespace
+
+Batch::Batch(const Parts& parts, const p4::v1::WriteRequest& request,
+             std::function<void(Outcomes&&)> done)
+    : parts_{parts},
+      request_{request},
+      done_{std::move(done)},
+      rollsBack_{request.atomicity() == p4::v1::WriteRequest::ROLLBACK_ON_ERROR},
+      planner_{parts.pipeline, parts.store},
+      // Called from within the service, so the batch goes on later.
+      writer_{parts.service,
+              [this] {
+                if (!wake_) {
+                  wake_ = parts_.timers.after({}, [this] {
+                    wake_.reset();
+                    resume();
+                  });
+                }
+              }},
+      outcomes_(static_cast<std::size_t>(request.updates_size())) {}
+
+Batch::~Batch() {
+  for (const auto& timer : {deadline_, wake_}) {
+    if (timer) {
+      parts_.timers.cancel(*timer);
+    }
+  }
+}
+
+void Batch::advance() {
+  for (;;) {
+    if (run_.empty()) {
+      fillRun();
+    }
+    if (run_.empty()) {
+      break;
+    }
+    while (stage_ < stages.size()) {
+      if (!writeStage() && !expired_) {
+        if (!deadline_) {
+          deadline_ = parts_.timers.after(parts_.timeout, [this] { expire(); });
+        }
+        waiting_ = true;
+        return;
+      }
+      takeStage();
+    }
+    finishRun();
+  }
+  if (stopped_) {
+    rollBack();
+  }
+  finish();
+}
+
+void Batch::resume() {
+  waiting_ = false;
+  takeStage();
+  advance();
+}
+
+void Batch::expire() {
+  deadline_.reset();
+  expired_ = true;
+  if (waiting_) {
+    if (wake_) {
+      parts_.timers.cancel(*std::exchange(wake_, std::nullopt));
+    }
+    resume();
+  }
+}
+
+void Batch::fillRun() {
+  runNumber_ = parts_.store.nextRun();
+  const auto updates = static_cast<std::size_t>(request_.updates_size());
+  const p4::v1::Update* first = nullptr;
+  while (next_ < updates && !stopped_) {
+    const p4::v1::Update& update = request_.updates(static_cast<int>(next_));
+    if (run_.empty()) {
+      first = &update;
+    } else if (update.type() != first->type() ||
+               update.entity().entity_case() != first->entity().entity_case()) {
+      return;
+    }
+    if (!planNext()) {
+      return;
+    }
+  }
+}
+
+// What the planner refuses may be all right once the run is through: an update of it may fail.
+bool Batch::planNext() {
+  try {
+    Change change = planner_.plan(request_.updates(static_cast<int>(next_)));
+    if (!markRun(change, runNumber_, parts_.store)) {
+      revert(change, {}, parts_.store);
+      return false;
+    }
+    manyStages_ = manyStages_ || hasHiddenRows(change, parts_.store);
+    run_.push_back({.update = next_, .change = std::move(change)});
+  } catch (Fault& fault) {
+    if (!run_.empty()) {
+      return false;
+    }
+    outcomes_[next_] = std::move(fault);
+    stopped_ = rollsBack_;
+  }
+  ++next_;
+  return true;
+}
+
+bool Batch::writeStage() {
+  writes_.clear();
+  written_.clear();
+  if (!manyStages_ && stages[stage_] != Stage::main_) {
+    return true;
+  }
+  for (std::size_t at = 0; at < run_.size(); ++at) {
+    Job& job = run_[at];
+    if (!failed(job)) {
+      appendWrites(job.change, stages[stage_], parts_.store, writes_);
+      job.reached = stage_ + 1;
+      written_.resize(writes_.size(), at);
+    }
+  }
+  return writes_.empty() || writer_.begin(writes_);
+}
+
+void Batch::takeStage() {
+  const std::vector<Sim::Result> results =
+      writes_.empty() ? std::vector<Sim::Result>{} : writer_.take();
+  for (std::size_t at = 0; at < results.size(); ++at) {
+    const Sim::Result& result = results[at];
+    Job& job = run_[written_[at]];
+    const bool isMain = stages[stage_] == Stage::main_;
+    if (result.succeeded()) {
+      if (isMain) {
+        handleIs(job.change, result.handle, parts_.store);
+      }
+      continue;
+    }
+    if (isMain) {
+      job.untouched = result.state == State::rejected_;
+      job.refused = result.state == State::done_ || result.state == State::failed_;
+    }
+    if (!failed(job) && !isCleanUp(stage_)) {
+      outcomes_[job.update] = faultOf(result, writes_[at]);
+    }
+  }
+  ++stage_;
+}
+
+Fault Batch::faultOf(const Sim::Result& result, const Sim::Update& write) const {
+  switch (result.state) {
+    case State::rejected_:
+      return {result.op == Op::insert_ ? Code::alreadyExists_ : Code::notFound_, result.message};
+    case State::failed_:
+      return {Code::outOfRange_, result.message};
+    case State::stored_:
+      return {Code::unavailable_, "the switch is stopped"};
+    case State::pending_:
+      return {Code::deadlineExceeded_, "the hardware has not answered in time"};
+    case State::done_:
+      break;
+  }
+  Fault fault = P4rt::faultOf(result);
+  if (result.code == ErrorCode::invalidArgument_ && write.kind() == Sim::Kind::member_ &&
+      !parts_.service.hasEncap(write.member().encapId)) {
+    fault.code = Code::failedPrecondition_;
+  }
+  return fault;
+}
+
+void Batch::finishRun() {
+  std::vector<Job*> undone;
+  for (Job& job : run_) {
+    if (failed(job)) {
+      undone.push_back(&job);
+    } else if (!rollsBack_) {
+      giveOldHidden(job.change, parts_.store);
+    }
+  }
+  undo(undone);
+  stopped_ = rollsBack_ && !undone.empty();
+  if (rollsBack_) {
+    std::erase_if(run_, [this](const Job& job) { return failed(job); });
+    runs_.push_back(std::exchange(run_, {}));
+  }
+  run_.clear();
+  stage_ = 0;
+  manyStages_ = false;
+}
+
+void Batch::undo(const std::vector<Job*>& jobs) {
+  if (jobs.empty()) {
+    return;
+  }
+  for (std::size_t stage = stages.size(); stage-- > 0;) {
+    undoStage(stage, jobs);
+  }
+  for (Job* const job : jobs) {
+    revert(job->change, job->restored, parts_.store);
+    if (job->lost) {
+      drop(job->change, parts_.store);
+    }
+  }
+}
+
+void Batch::undoStage(std::size_t stage, const std::vector<Job*>& jobs) {
+  const bool isMain = stages[stage] == Stage::main_;
+  Writes writes;
+  std::vector<std::size_t> ends;  // by job, where its writes end
+  for (const Job* const job : jobs) {
+    if (job->reached > stage && !(isMain && job->untouched)) {
+      appendUndo(job->change, stages[stage], job->refused, parts_.store, writes);
+    }
+    ends.push_back(writes.size());
+  }
+  if (writes.empty()) {
+    return;
+  }
+  const std::vector<Sim::Result> results = writer_.applyNow(writes);
+  for (std::size_t at = 0; isMain && at < jobs.size(); ++at) {
+    if (ends[at] > (at == 0 ? 0 : ends[at - 1])) {
+      takeUndone(*jobs[at], results[ends[at] - 1]);
+    }
+  }
+}
+
+// A row that was deleted gets a handle of its own when it is written again.
+void Batch::takeUndone(Job& job, const Sim::Result& result) {
+  if (job.change.op != Op::delete_) {
+    return;
+  }
+  job.restored = result.handle;
+  // A member or group stays stored for those that use it, and is programmed when it is written again.
+  if (job.change.kind() == Sim::Kind::flow_ && !wentWell(result)) {
+    Writes writes;
+    appendRemoval(job.change, writes);
+    static_cast<void>(writer_.applyNow(writes));
+    job.lost = true;
+  }
+}
+
+void Batch::rollBack() {
+  for (auto run = runs_.rbegin(); run != runs_.rend(); ++run) {
+    std::vector<Job*> jobs;
+    for (Job& job : *run) {
+      jobs.push_back(&job);
+    }
+    undo(jobs);
+    for (const Job& job : *run) {
+      outcomes_[job.update] = {Code::aborted_, job.lost
+                                                   ? "rolled back, but the switch has refused to "
+                                                     "restore what was there"
+                                                   : "rolled back"};
+    }
+  }
+  runs_.clear();
+  for (; next_ < outcomes_.size(); ++next_) {
+    outcomes_[next_] = {Code::aborted_, "not attempted"};
+  }
+}
+
+void Batch::finish() {
+  for (const auto& run : runs_) {
+    for (const Job& job : run) {
+      giveOldHidden(job.change, parts_.store);
+    }
+  }
+  if (deadline_) {
+    parts_.timers.cancel(*std::exchange(deadline_, std::nullopt));
+  }
+  // The callback may destroy the batch.
+  const auto done = std::move(done_);
+  done(std::move(outcomes_));
+}
+
+}  // namespace P4rt

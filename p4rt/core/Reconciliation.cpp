@@ -1,0 +1,164 @@
+#include "p4rt/core/Reconciliation.h"
+
+#include <cstring>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include "p4rt/core/Change.h"
+#include "p4rt/core/Fault.h"
+#include "p4rt/core/Planner.h"
+#include "p4rt/core/Reader.h"
+
+namespace P4rt {
+namespace {
+
+using Entities = google::protobuf::RepeatedPtrField<p4::v1::Entity>;
+
+template <class Fill>
+Entities readAll(const Pipeline& pipeline, Store& store, const Sim::Service& service, Fill fill) {
+  Entities all;
+  Reader reader{pipeline, store, service, std::numeric_limits<int>::max(),
+                [&all](p4::v1::ReadResponse&& response) { all.Swap(response.mutable_entities()); }};
+  p4::v1::Entity filter;
+  fill(filter);
+  reader.read(filter);
+  reader.flush();
+  return all;
+}
+
+// What is stored, in an order in which it can be deleted.
+struct Stored {
+  Stored(const Pipeline& pipeline, Store& store, const Sim::Service& service)
+      : flows{readAll(pipeline, store, service,
+                      [](p4::v1::Entity& filter) { filter.mutable_table_entry(); })},
+        groups{readAll(pipeline, store, service,
+                       [](p4::v1::Entity& filter) { filter.mutable_action_profile_group(); })},
+        members{readAll(pipeline, store, service,
+                        [](p4::v1::Entity& filter) { filter.mutable_action_profile_member(); })} {}
+
+  Entities flows;
+  Entities groups;
+  Entities members;
+};
+
+void appendDeletes(Entities& entities, p4::v1::WriteRequest& request) {
+  for (p4::v1::Entity& entity : entities) {
+    p4::v1::Update& update = *request.add_updates();
+    update.set_type(p4::v1::Update::DELETE);
+    update.mutable_entity()->Swap(&entity);
+  }
+}
+
+// Rows have no padding.
+template <class Row>
+bool sameRow(const Row& a, const Row& b) {
+  return std::memcmp(&a, &b, sizeof(Row)) == 0;
+}
+
+// The rows of a one shot in the switch stay what they are.
+bool adoptHidden(const FlowEntry& before, FlowEntry& after) {
+  if (!before.oneShot || !after.oneShot) {
+    return !before.oneShot && !after.oneShot;
+  }
+  after.oneShot->group = before.oneShot->group;
+  for (std::size_t at = 0; at < before.oneShot->actions.size(); ++at) {
+    const OneShot::Action& was = before.oneShot->actions[at];
+    OneShot::Action& is = after.oneShot->actions[at];
+    is.member = was.member;
+    if (!sameRow(rowOf(was.member, MemberEntry{.handle = {}, .action = was.action}),
+                 rowOf(is.member, MemberEntry{.handle = {}, .action = is.action}))) {
+      return false;
+    }
+  }
+  return true;
+}
+
+class Keeper {
+ public:
+  Keeper(const Pipeline& present, Store& store, const Pipeline& next, Store& kept)
+      : present_{present}, store_{store}, kept_{kept}, planner_{next, kept} {}
+
+  // Whether the new pipeline keeps it; the store for it then holds it.
+  bool keep(const p4::v1::Entity& entity) {
+    p4::v1::Update update;
+    update.set_type(p4::v1::Update::INSERT);
+    *update.mutable_entity() = entity;
+    try {
+      Change change = planner_.plan(update);
+      const bool same = std::visit([&](auto& what) { return same_(entity, what); }, change.what);
+      if (!same) {
+        drop(change, kept_);
+      }
+      return same;
+    } catch (const Fault&) {
+      return false;
+    }
+  }
+
+ private:
+  bool same_(const p4::v1::Entity& entity, const FlowChange& what) {
+    const TableInfo& before = *present_.table(entity.table_entry().table_id());
+    const FlowEntry* const was =
+        before.index == what.table->index ? store_.flow(before, what.key) : nullptr;
+    FlowEntry& is = *kept_.flow(*what.table, what.key);
+    if (was == nullptr || !adoptHidden(*was, is) ||
+        !sameRow(rowOf(what.key, *was), rowOf(what.key, is))) {
+      return false;
+    }
+    is.handle = was->handle;
+    return true;
+  }
+  bool same_(const p4::v1::Entity& /*entity*/, const MemberChange& what) {
+    return sameById(what.id, *store_.member(what.id), *kept_.member(what.id));
+  }
+  bool same_(const p4::v1::Entity& /*entity*/, const GroupChange& what) {
+    return sameById(what.id, *store_.group(what.id), *kept_.group(what.id));
+  }
+  template <class Entry>
+  static bool sameById(Id id, const Entry& was, Entry& is) {
+    is.handle = was.handle;
+    return sameRow(rowOf(id, was), rowOf(id, is));
+  }
+
+  const Pipeline& present_;
+  Store& store_;
+  Store& kept_;
+  Planner planner_;
+};
+
+}  // namespace
+
+void appendClearing(const Pipeline& pipeline, Store& store, const Sim::Service& service,
+                    p4::v1::WriteRequest& request) {
+  Stored stored{pipeline, store, service};
+  appendDeletes(stored.flows, request);
+  appendDeletes(stored.groups, request);
+  appendDeletes(stored.members, request);
+}
+
+Reconciliation reconcile(const Pipeline& present, Store& store, const Sim::Service& service,
+                         const Pipeline& next) {
+  Reconciliation result{.kept = std::make_unique<Store>(), .removal = {}};
+  Stored stored{present, store, service};
+  Keeper keeper{present, store, next, *result.kept};
+  const auto prune = [&keeper](Entities& entities) {
+    Entities unfit;
+    for (p4::v1::Entity& entity : entities) {
+      if (!keeper.keep(entity)) {
+        unfit.Add()->Swap(&entity);
+      }
+    }
+    entities.Swap(&unfit);
+  };
+  // What others use comes first.
+  prune(stored.members);
+  prune(stored.groups);
+  prune(stored.flows);
+  appendDeletes(stored.flows, result.removal);
+  appendDeletes(stored.groups, result.removal);
+  appendDeletes(stored.members, result.removal);
+  return result;
+}
+
+}  // namespace P4rt
