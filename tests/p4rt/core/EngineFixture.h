@@ -185,6 +185,29 @@ inline std::string oneShot(const std::vector<std::pair<std::string, int>>& actio
   return text + " }";
 }
 
+// Repeated fields in order of their text.
+inline std::string text(p4::v1::Entity entity) {
+  const auto sortBy = [](auto* repeated) {
+    std::sort(repeated->begin(), repeated->end(), [](const auto& a, const auto& b) {
+      return a.SerializeAsString() < b.SerializeAsString();
+    });
+  };
+  if (entity.has_table_entry()) {
+    p4::v1::TableEntry& entry = *entity.mutable_table_entry();
+    sortBy(entry.mutable_match());
+    if (entry.action().has_action_profile_action_set()) {
+      sortBy(entry.mutable_action()
+                 ->mutable_action_profile_action_set()
+                 ->mutable_action_profile_actions());
+    }
+  }
+  if (entity.has_action_profile_group()) {
+    sortBy(entity.mutable_action_profile_group()->mutable_members());
+  }
+  return entity.ShortDebugString();
+}
+inline std::string shown(std::string_view entity) { return text(parse<p4::v1::Entity>(entity)); }
+
 // A request under way, with what has come of it.
 template <class Request>
 struct Call {
@@ -287,27 +310,6 @@ class EngineTest : public testing::Test {
   }
   Words everything() {
     return read({"table_entry {}", "action_profile_member {}", "action_profile_group {}"}).entities;
-  }
-  // Repeated fields in order of their text.
-  static std::string text(p4::v1::Entity entity) {
-    const auto sortBy = [](auto* repeated) {
-      std::sort(repeated->begin(), repeated->end(), [](const auto& a, const auto& b) {
-        return a.SerializeAsString() < b.SerializeAsString();
-      });
-    };
-    if (entity.has_table_entry()) {
-      p4::v1::TableEntry& entry = *entity.mutable_table_entry();
-      sortBy(entry.mutable_match());
-      if (entry.action().has_action_profile_action_set()) {
-        sortBy(entry.mutable_action()
-                   ->mutable_action_profile_action_set()
-                   ->mutable_action_profile_actions());
-      }
-    }
-    if (entity.has_action_profile_group()) {
-      sortBy(entity.mutable_action_profile_group()->mutable_members());
-    }
-    return entity.ShortDebugString();
   }
 
  public:

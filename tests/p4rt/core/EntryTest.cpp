@@ -4,11 +4,6 @@
 namespace P4rtTest {
 namespace {
 
-// As it is read back.
-std::string shown(const std::string& entity) {
-  return parse<p4::v1::Entity>(entity).ShortDebugString();
-}
-
 class EntryTest : public Programmed {};
 
 TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
@@ -26,7 +21,7 @@ TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
       " metadata: 'a\\000b' controller_metadata: 77 }";
   EXPECT_THAT(write({insert(written)}), ElementsAre("OK"));
   EXPECT_THAT(everything(),
-              ElementsAre(text(parse<p4::v1::Entity>(
+              ElementsAre(shown((
                   "table_entry { table_id: 0x02000001 priority: 65536"
                   " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
                   " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: "
@@ -334,8 +329,7 @@ TEST_F(EntryTest, OneShotsAreReadBackAndLeaveNothing) {
   EXPECT_THAT(write({insert(route(1, two)), insert(route(2, one)), insert(route(1, one))}),
               ElementsAre("OK", "OK", "ALREADY_EXISTS"));
   EXPECT_EQ(service.groups().size(), 5U);
-  EXPECT_THAT(everything(), ElementsAre(text(parse<p4::v1::Entity>(route(1, two))),
-                                        text(parse<p4::v1::Entity>(route(2, one)))));
+  EXPECT_THAT(everything(), ElementsAre(shown(route(1, two)), shown(route(2, one))));
   EXPECT_THAT(write({insert(member(1)), insert(group(1, {})),
                      insert(route(3, "action_profile_group_id: 1"))}),
               ElementsAre("INVALID_ARGUMENT", "INVALID_ARGUMENT", "INVALID_ARGUMENT"));
