@@ -21,17 +21,17 @@ TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
       " metadata: 'a\\000b' controller_metadata: 77 }";
   EXPECT_THAT(write({insert(written)}), ElementsAre("OK"));
   EXPECT_THAT(everything(),
-              ElementsAre(shown((
-                  "table_entry { table_id: 0x02000001 priority: 65536"
-                  " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
-                  " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: "
-                  "'\\xff\\x00\\x00\\x00' } }"
-                  " match { field_id: 6 ternary { value: '\\005' mask: '\\x0f\\xff' } }"
-                  " match { field_id: 1 optional { value: '\\001' } }"
-                  " match { field_id: 25 optional { value: '\\001' } }"
-                  " action { action { action_id: 0x01000005 params { param_id: 1 value: '\\005' }"
-                  " params { param_id: 2 value: '\\002' } } }"
-                  " metadata: 'a\\000b' controller_metadata: 77 }"))));
+              ElementsAre(shown(
+                  ("table_entry { table_id: 0x02000001 priority: 65536"
+                   " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
+                   " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: "
+                   "'\\xff\\x00\\x00\\x00' } }"
+                   " match { field_id: 6 ternary { value: '\\005' mask: '\\x0f\\xff' } }"
+                   " match { field_id: 1 optional { value: '\\001' } }"
+                   " match { field_id: 25 optional { value: '\\001' } }"
+                   " action { action { action_id: 0x01000005 params { param_id: 1 value: '\\005' }"
+                   " params { param_id: 2 value: '\\002' } } }"
+                   " metadata: 'a\\000b' controller_metadata: 77 }"))));
   // The same entry, however it is spelled.
   EXPECT_THAT(write({insert(written)}), ElementsAre("ALREADY_EXISTS"));
 }
