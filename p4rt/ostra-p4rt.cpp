@@ -56,6 +56,7 @@ class Program {
     Sim::Service service;
     Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
     service.start();
+    service.reportsGatheredIs(false);
     P4rt::Loop loop;
     P4rt::Engine engine{service, loop, {.writeTimeout = options_.writeTimeout}};
     P4rt::Console console{loop, service, agent, *printer_, out_};

@@ -275,7 +275,8 @@ std::string flowGrammar(bool withActions) {
   }
   std::string line = "\n    ACTION:";
   for (const ActionWord& word : actionWords) {
-    std::string shown = " " + std::string{word.name};
+    std::string shown{" "};
+    shown += word.name;
     shown.append(word.flag ? "" : "=").append(word.syntax);
     if (line.size() + shown.size() > longestLine) {
       text += std::exchange(line, "\n     ");

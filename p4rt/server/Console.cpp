@@ -100,7 +100,10 @@ void Console::awaitInput() {
 }
 
 void Console::playLine() {
+  // A command's reports, and not those of what controllers have written before it.
+  service_.reportsGatheredIs(true);
   interpreter_.playLine(line_, where_);
+  service_.reportsGatheredIs(false);
   const bool ended = interpreter_.ended();
   if (ended) {
     quit_();

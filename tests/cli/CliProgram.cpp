@@ -101,6 +101,8 @@ void Process::write(std::string_view text) {
   }
 }
 
+void Process::closeInput() { closeOnce(input_); }
+
 void Process::closeOutput() { closeOnce(output_); }
 
 std::string Process::readUntil(std::string_view text) {

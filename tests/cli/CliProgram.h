@@ -34,6 +34,7 @@ class Process {
   Process& operator=(const Process&) = delete;
 
   void write(std::string_view text);
+  void closeInput();
   void closeOutput();
   // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when it does
   // not come.

@@ -83,7 +83,7 @@ TEST(LoopTest, RunsTimersInTheOrderOfTheirTimesAndNotTheCancelledOnes) {
 
 TEST(LoopTest, ATimerThatSetsItselfAgainKeepsNoTaskFromRunning) {
   Loop loop;
-  std::function<void()> again = [&] { loop.after(-1s, again); };
+  std::function<void()> again = [&] { loop.after(-1h, again); };
   again();
   std::thread poster{[&] { loop.post([&] { loop.stop(); }); }};
   loop.run();

@@ -1,0 +1,161 @@
+// ostra-p4rt as a process: its options, its console and its end.
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/cli/CliProgram.h"
+#include "tests/p4rt/server/TestServer.h"
+
+namespace P4rtTest {
+namespace {
+
+using CliTest::Arguments;
+using CliTest::Finished;
+using CliTest::Json;
+using CliTest::Process;
+using testing::AllOf;
+using testing::HasSubstr;
+
+// A server on a free port that has said where it listens.
+class Program {
+ public:
+  explicit Program(Arguments more)
+      : process{OSTRA_P4RT_PROGRAM, all(std::move(more))},
+        greeting(Json::parse(process.readUntil("\n"))) {}
+
+  [[nodiscard]] std::string address() const { return greeting.at("address"); }
+  // Types a command, and a line behind it that tells where its output ends.
+  std::string type(const std::string& command) {
+    process.write(command + "\necho end-of-output\n");
+    const std::string end = "{\"type\":\"echo\",\"text\":\"end-of-output\"}\n";
+    std::string output = process.readUntil(end);
+    return output.substr(0, output.size() - end.size());
+  }
+
+ private:
+  static Arguments all(Arguments more) {
+    more.insert(more.end(), {"--json", "--listen", "127.0.0.1:0", "--config", OSTRA_TOPOLOGY});
+    return more;
+  }
+
+ public:
+  Process process;
+  const Json greeting;
+};
+
+Finished finished(const Arguments& arguments) {
+  return Process{OSTRA_P4RT_PROGRAM, arguments}.finish();
+}
+
+TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
+  Program program{{"--console", "--p4info", OSTRA_P4INFO}};
+  EXPECT_THAT(program.greeting.at("p4info"), HasSubstr("ostra.p4info.txt"));
+  Controller controller{program.address(), {1}};
+  controller.claim();
+  EXPECT_EQ(controller.standing(), "primary 1");
+  EXPECT_EQ(codeOf(controller.write({})), Code::failedPrecondition_)
+      << "a P4Info that is offered is not set";
+  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+  ASSERT_EQ(codeOf(controller.write({flow(Update::INSERT, 1, 2)})), Code::ok_);
+  EXPECT_THAT(program.type("show flows"),
+              AllOf(HasSubstr("\"ipDst\":{\"value\":\"10.0.0.1\""), HasSubstr("Ethernet2")));
+  EXPECT_THAT(program.type("insert group 3 members="), HasSubstr("P4Runtime controllers"));
+  EXPECT_THAT(program.type("begin"), HasSubstr("P4Runtime controllers"));
+  EXPECT_THAT(program.type("bogus"), HasSubstr("expected a command"));
+
+  // What the console makes the hardware say reaches both it and the controller.
+  EXPECT_EQ(program.type("hw manual"), "");
+  auto written = controller.writeLater({flow(Update::INSERT, 2, 3)});
+  std::string ran;
+  while (ran.empty()) {
+    ran = program.type("hw run");
+  }
+  EXPECT_THAT(ran, HasSubstr("\"type\":\"report\""));
+  EXPECT_EQ(codeOf(written.get()), Code::ok_);
+
+  // The end of the input is not that of the server; here somebody else asks for it.
+  program.process.closeInput();
+  EXPECT_EQ(controller.entries(), 2U);
+  program.process.kill(SIGTERM);
+  EXPECT_EQ(program.process.finish().status, 0);
+}
+
+TEST(ProgramTest, EndsByQuitAndBySignalsAndFinishesTheWriteUnderWay) {
+  EXPECT_EQ(Program{{"--console"}}.process.finish("quit\n").status, 0);
+  Program program{{"--console", "--write-timeout", "60000"}};
+  Controller controller{program.address(), {1}};
+  controller.claim();
+  EXPECT_EQ(controller.standing(), "primary 1");
+  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+  program.type("hw manual");
+  auto written = controller.writeLater({flow(Update::INSERT, 1)});
+  while (program.type("show entries").find("\"handle\"") == std::string::npos) {
+  }
+  program.process.kill(SIGTERM);
+  while (codeOf(controller.write({})) != Code::unavailable_) {
+  }
+  program.process.write("hw run\n");
+  EXPECT_EQ(codeOf(written.get()), Code::ok_);
+  EXPECT_EQ(controller.standing(), "end 14");
+  EXPECT_EQ(program.process.finish().status, 0);
+}
+
+TEST(ProgramTest, ASecondSignalEndsItAtOnce) {
+  Program program{{"--console", "--write-timeout", "60000"}};
+  Controller controller{program.address(), {1}};
+  controller.claim();
+  EXPECT_EQ(controller.standing(), "primary 1");
+  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+  program.type("hw manual");
+  auto written = controller.writeLater({flow(Update::INSERT, 1)});
+  while (program.type("show entries").find("\"handle\"") == std::string::npos) {
+  }
+  program.process.kill(SIGINT);
+  while (codeOf(controller.write({})) != Code::unavailable_) {
+  }
+  program.process.kill(SIGTERM);
+  EXPECT_EQ(program.process.finish().status, -SIGTERM);
+  EXPECT_EQ(codeOf(written.get()), Code::unavailable_);
+}
+
+TEST(ProgramTest, SaysWhatIsWrongWithItsOptions) {
+  struct Case {
+    Arguments arguments;
+    int status;
+    std::string error;
+  };
+  const CliTest::TemporaryFile notP4Info{"tables { preamble { id: 5 } }"};
+  const CliTest::TemporaryFile notText{"port 1 Ethernet1"};
+  Program other{{}};
+  for (const Case& tried :
+       std::vector<Case>{{{"--listn", "x"}, 2, "did you mean '--listen'"},
+                         {{"--listen", "0.0.0.0:0"}, 2, "or --insecure"},
+                         {{"--listen", "[::]:0"}, 2, "or --insecure"},
+                         {{"--listen", "127.0.0.1"}, 2, "HOST:PORT"},
+                         {{"--listen", "127.0.0.1:99999"}, 2, "65535"},
+                         {{"--listen", other.address()}, 1, "Address already in use"},
+                         {{"--tls-cert", "x"}, 2, "expected both"},
+                         {{"--client-ca", "x"}, 2, "--tls-key"},
+                         {{"--tls-cert", "/nowhere", "--tls-key", "/nowhere"}, 2, "No such file"},
+                         {{"--tls-cert", OSTRA_P4INFO, "--tls-key", OSTRA_P4INFO}, 1, "not usable"},
+                         {{"--p4info", "/nowhere"}, 2, "No such file"},
+                         {{"--p4info", notText.path()}, 2, ":1:"},
+                         {{"--p4info", notP4Info.path()}, 2, notP4Info.path()},
+                         {{"--config", notP4Info.path()}, 2, "expected a command"},
+                         {{"--device-id=x"}, 2, "--device-id"},
+                         {{"--write-timeout", "99999999999"}, 2, "--write-timeout"},
+                         {{"surplus"}, 2, "expected an option"}}) {
+    const Finished run = finished(tried.arguments);
+    EXPECT_EQ(run.status, tried.status) << run.errors;
+    EXPECT_THAT(run.errors, HasSubstr(tried.error));
+    EXPECT_EQ(run.out, "");
+  }
+  EXPECT_THAT(finished({"--help"}).out, HasSubstr("Usage: ostra-p4rt"));
+}
+
+}  // namespace
+}  // namespace P4rtTest

@@ -1,0 +1,175 @@
+// Clients that go, send nonsense, send too much or take nothing.
+
+#include <grpcpp/generic/generic_stub.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/p4rt/server/TestServer.h"
+
+namespace P4rtTest {
+namespace {
+
+using testing::HasSubstr;
+
+class RobustTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    controller_.claim();
+    ASSERT_EQ(controller_.standing(), "primary 1");
+    ASSERT_EQ(codeOf(controller_.setPipeline()), Code::ok_);
+  }
+
+  // Sends bytes in place of a message, and returns how that ended.
+  Code send(const std::string& method, const std::string& bytes) {
+    const auto context = newContext();
+    const grpc::Slice slice{bytes};
+    const grpc::ByteBuffer request{&slice, 1};
+    grpc::ByteBuffer response;
+    std::promise<grpc::Status> done;
+    grpc::GenericStub{controller_.channel()}.UnaryCall(
+        context.get(), "/p4.v1.P4Runtime/" + method, {}, &request, &response,
+        [&](const grpc::Status& status) { done.set_value(status); });
+    return codeOf(done.get_future().get());
+  }
+
+  TestServer server_{{.writeTimeout = std::chrono::milliseconds{300}}};
+  Controller controller_{server_};
+};
+
+TEST_F(RobustTest, AControllerThatVanishesInTheMiddleOfAWriteLeavesTheSwitchInOrder) {
+  server_.automaticIs(false);
+  {
+    Controller other{server_, {2}};
+    other.claim();
+    EXPECT_EQ(other.standing(), "primary 2");
+    EXPECT_EQ(controller_.standing(), "backup of 2");
+    grpc::ClientContext context;
+    p4::v1::WriteResponse response;
+    std::promise<grpc::Status> done;
+    const auto request = other.writeRequest(flows(Update::INSERT, 1, 100));
+    other.stub().async()->Write(&context, &request, &response,
+                                [&](const grpc::Status& status) { done.set_value(status); });
+    server_.awaitEntries(100);
+    context.TryCancel();
+    EXPECT_EQ(codeOf(done.get_future().get()), Code::cancelled_);
+  }
+  EXPECT_EQ(controller_.standing(), "no primary 2");
+  controller_.claim(Id{2});
+  server_.automaticIs(true);
+  EXPECT_EQ(controller_.standing(), "primary 2");
+  const auto request = [&](const std::vector<Update>& updates) {
+    auto write = controller_.writeRequest(updates);
+    write.mutable_election_id()->set_low(2);
+    const auto context = newContext();
+    p4::v1::WriteResponse response;
+    return codeOf(controller_.stub().Write(context.get(), write, &response));
+  };
+  EXPECT_EQ(request(flows(Update::MODIFY, 1, 100)), Code::ok_);
+  EXPECT_EQ(request(flows(Update::DELETE, 1, 100)), Code::ok_);
+}
+
+TEST_F(RobustTest, AReaderThatStopsHalfwayHoldsNobodyUp) {
+  constexpr std::uint32_t many = 20'000;
+  for (std::uint32_t first = 0; first < many; first += 1000) {
+    ASSERT_EQ(codeOf(controller_.write(flows(Update::INSERT, first, 1000))), Code::ok_);
+  }
+  std::vector<std::unique_ptr<grpc::ClientContext>> contexts;
+  std::vector<std::unique_ptr<grpc::ClientReader<p4::v1::ReadResponse>>> readers;
+  p4::v1::ReadRequest request;
+  request.set_device_id(1);
+  request.add_entities()->mutable_table_entry();
+  Controller lazy{server_, {9}};
+  for (std::size_t reader = 0; reader + 1 < P4rt::RuntimeService::mostReads; ++reader) {
+    contexts.push_back(newContext());
+    readers.push_back(lazy.stub().Read(contexts.back().get(), request));
+    p4::v1::ReadResponse first;
+    ASSERT_TRUE(readers.back()->Read(&first));
+  }
+  EXPECT_EQ(codeOf(controller_.write(flows(Update::DELETE, 0, 1000))), Code::ok_);
+  EXPECT_EQ(controller_.entries(), many - 1000);
+  // One that goes on has what it read for, all of it as it was then.
+  p4::v1::ReadResponse next;
+  std::size_t count = 256;
+  while (readers.front()->Read(&next)) {
+    count += static_cast<std::size_t>(next.entities_size());
+  }
+  EXPECT_EQ(count, many);
+  for (const auto& context : contexts) {
+    context->TryCancel();
+  }
+}
+
+TEST_F(RobustTest, NonsenseIsRefusedAndChangesNothing) {
+  std::mt19937 random{1};
+  const auto below = [&](std::size_t limit) {
+    return std::uniform_int_distribution<std::size_t>{0, limit - 1}(random);
+  };
+  ASSERT_EQ(codeOf(controller_.write(flows(Update::INSERT, 0, 10))), Code::ok_);
+  const std::string good =
+      controller_.writeRequest(flows(Update::MODIFY, 0, 10)).SerializeAsString();
+  int understood = 0;
+  for (int step = 0; step < 2000; ++step) {
+    std::string bytes = good;
+    for (std::size_t changes = 1 + below(3); changes > 0; --changes) {
+      switch (below(3)) {
+        case 0:
+          bytes[below(bytes.size())] = static_cast<char>(below(256));
+          break;
+        case 1:
+          bytes.erase(below(bytes.size()), 1 + below(4));
+          break;
+        default:
+          bytes.insert(below(bytes.size()), 1 + below(4), static_cast<char>(below(256)));
+      }
+    }
+    // What is no message at all is gRPC's to refuse.
+    understood += send("Write", bytes) == Code::unimplemented_ ? 0 : 1;
+  }
+  EXPECT_GT(understood, 100) << "some must get as far as the engine";
+  EXPECT_LT(understood, 1900);
+  EXPECT_EQ(send("Nothing", ""), Code::unimplemented_);
+  EXPECT_EQ(send("Write", ""), Code::notFound_) << "device 0";
+
+  // Whatever of it was a good update is in the switch as in the books, which the end of the server checks.
+  EXPECT_EQ(codeOf(controller_.write(flows(Update::INSERT, 1000, 10))), Code::ok_);
+}
+
+TEST_F(RobustTest, AMessageThatIsTooLongIsRefusedAndALongOneIsNot) {
+  auto long1 = flow(Update::INSERT, 1);
+  const auto withMetadata = [&](std::size_t size) {
+    long1.mutable_entity()->mutable_table_entry()->set_metadata(std::string(size, 'x'));
+    return controller_.write({long1});
+  };
+  const grpc::Status tooLong = withMetadata(P4rt::Server::longestMessage);
+  EXPECT_EQ(codeOf(tooLong), Code::resourceExhausted_);
+  EXPECT_THAT(tooLong.error_message(), HasSubstr("larger than max"));
+  EXPECT_NE(codeOf(withMetadata(5 << 20)), Code::resourceExhausted_);
+  controller_.claim();
+  EXPECT_EQ(controller_.standing(), "primary 1") << "the connection lives";
+}
+
+TEST_F(RobustTest, ShutdownFinishesTheWriteUnderWayAndSaysUnavailableToTheRest) {
+  server_.automaticIs(false);
+  auto written = controller_.writeLater(flows(Update::INSERT, 1, 5));
+  server_.awaitEntries(5);
+  auto queued = controller_.writeLater(flows(Update::INSERT, 10, 5));
+  server_.with([](Switch& has) {
+    has.server.shutDown([&has] { has.loop.stop(); });
+    has.server.shutDown([] { FAIL() << "twice"; });
+  });
+  EXPECT_EQ(codeOf(queued.get()), Code::unavailable_);
+  EXPECT_EQ(codeOf(controller_.write({})), Code::unavailable_);
+  server_.automaticIs(true);
+  EXPECT_EQ(codeOf(written.get()), Code::ok_);
+  EXPECT_EQ(controller_.standing(), "end 14");
+  EXPECT_EQ(codeOf(controller_.write({})), Code::unavailable_);
+  server_.join();
+}
+
+}  // namespace
+}  // namespace P4rtTest

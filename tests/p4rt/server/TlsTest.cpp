@@ -1,0 +1,93 @@
+// TLS: who is let in.
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "p4rt/server/Files.h"
+#include "tests/p4rt/server/TestServer.h"
+
+namespace P4rtTest {
+namespace {
+
+// Certificates that openssl makes: of a root, and of a server and a client that it has signed.
+class Certificates {
+ public:
+  Certificates() {
+    std::string name = std::filesystem::temp_directory_path() / "ostra-tls-XXXXXX";
+    folder_ = ::mkdtemp(name.data());
+    root("root");
+    root("stranger");
+    signedByRoot("server", "subjectAltName=IP:127.0.0.1");
+    signedByRoot("client", "subjectAltName=DNS:controller");
+  }
+  ~Certificates() { std::filesystem::remove_all(folder_); }
+  Certificates(const Certificates&) = delete;
+  Certificates& operator=(const Certificates&) = delete;
+
+  [[nodiscard]] std::string file(const std::string& name) const { return folder_ / name; }
+  [[nodiscard]] std::string text(const std::string& name) const {
+    return P4rt::contentOf(file(name));
+  }
+
+ private:
+  void openssl(const std::string& arguments) const {
+    const std::string command =
+        "cd '" + folder_.string() + "' && openssl " + arguments + " 2>openssl.log";
+    if (std::system(command.c_str()) != 0) {
+      ADD_FAILURE() << command << "\n" << text("openssl.log");
+    }
+  }
+  void root(const std::string& name) const {
+    openssl("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=" +
+            name + " -keyout " + name + ".key -out " + name + ".crt");
+  }
+  void signedByRoot(const std::string& name, const std::string& extension) const {
+    openssl("req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=" + name +
+            " -addext " + extension + " -keyout " + name + ".key -out " + name + ".csr");
+    openssl(
+        "x509 -req -days 2 -copy_extensions copy -CA root.crt -CAkey root.key -CAcreateserial "
+        "-in " +
+        name + ".csr -out " + name + ".crt");
+  }
+
+  std::filesystem::path folder_;
+};
+
+TEST(TlsTest, LetsInWhoKnowsTheServerAndWithAClientRootWhoIsKnownToIt) {
+  const Certificates files;
+  const auto standingAt = [](const TestServer& server,
+                             std::shared_ptr<grpc::ChannelCredentials> credentials) {
+    Controller controller{server.address(), {1}, std::move(credentials)};
+    controller.claim();
+    return controller.standing();
+  };
+  const auto tls = [&](const std::string& root, const std::string& own = {}) {
+    grpc::SslCredentialsOptions options;
+    options.pem_root_certs = files.text(root + ".crt");
+    if (!own.empty()) {
+      options.pem_private_key = files.text(own + ".key");
+      options.pem_cert_chain = files.text(own + ".crt");
+    }
+    return grpc::SslCredentials(options);
+  };
+  const std::string notServed = "end 14";
+
+  P4rt::TlsFiles own{files.text("server.crt"), files.text("server.key"), {}};
+  {
+    const TestServer open{{.tls = own}};
+    EXPECT_EQ(standingAt(open, tls("root")), "primary 1");
+    EXPECT_EQ(standingAt(open, tls("stranger")), notServed);
+    EXPECT_EQ(standingAt(open, grpc::InsecureChannelCredentials()), notServed);
+  }
+  own.clientRoots = files.text("root.crt");
+  const TestServer closed{{.tls = own}};
+  EXPECT_EQ(standingAt(closed, tls("root", "client")), "primary 1");
+  EXPECT_EQ(standingAt(closed, tls("root")), notServed);
+  EXPECT_EQ(standingAt(closed, tls("root", "stranger")), notServed);
+}
+
+}  // namespace
+}  // namespace P4rtTest
