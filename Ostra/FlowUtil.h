@@ -11,11 +11,14 @@
 
 namespace Ostra {
 
+// Follows the name of a flow of this library in the statistics of the hardware units.
+inline constexpr std::string_view flowCounterSuffix = "-p4rt";
+
 // "flow-" and the identifier, an entry handle, in decimal.
 [[nodiscard]] Korm::String buildFlowName(std::uint64_t identifier);
 
-// The same in place, for the paths that cannot spare the memory of a string; `suffix`, of at most
-// `longestSuffix` characters, follows.
+// The same without allocating memory, for the paths that are to be fast. `suffix` follows the number.
+// Requires: `suffix` has at most `longestSuffix` characters.
 class FlowName {
  public:
   static constexpr std::size_t longestSuffix = 8;
@@ -29,9 +32,9 @@ class FlowName {
   std::size_t length_;
 };
 
-// The identifier in a flow name, read as sscanf reads "flow-%lu": white space and a sign may stand before
-// the number, whatever stands behind it is ignored, a negative one wraps around, and one too large
-// for 64 bits is the largest. A name that does not parse is traced and gives 0, as "flow-0" does.
+// The identifier in a flow name, read as sscanf reads "flow-%lu". White space and a sign may stand before
+// the number, and whatever stands behind it is ignored. A negative number wraps around. A number too
+// large for 64 bits gives the largest. A name that does not parse is traced and gives 0, as "flow-0" does.
 [[nodiscard]] std::uint64_t flowIdFromName(const Korm::String& name);
 
 }  // namespace Ostra

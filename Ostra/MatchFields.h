@@ -6,7 +6,7 @@
 // - the name in the P4 program,
 // - the width in bits (MatchWidth): an exact mask has all of them, and an IP address of 32 bits is IPv4,
 // - what else the entry must match (MatchNeeds) so that the field may be constrained,
-// - the rule by which the field becomes part of the Corvex match (Ostra/MatchTranslation.cpp).
+// - the rule by which the field becomes part of the Corvex match (Ostra/private/MatchTranslation.cpp).
 // Storage, text form, parser, checks, translation and the names that ostra-sim reads follow from the line.
 // The order is that of the key: where several fields share a Corvex field, a later one overwrites.
 #pragma once

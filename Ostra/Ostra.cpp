@@ -7,6 +7,7 @@
 #include "Ostra/OstraSm.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraStatusSm.h"
+#include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
 #include "platform/CorvexConfig/Config.h"
 #include "platform/Interface/Interface.h"
@@ -24,25 +25,16 @@ constinit Brisklog::TracePoint traceMounts{traceHandle, TraceLevel::routine,
 constinit Brisklog::TracePoint traceMountsComplete{traceHandle, TraceLevel::routine,
                                                    "OstraContext::", "doMountsComplete"};
 
-constexpr const char* cxHwConfigPath = "corvex/dyninput/p4rt";
-// Mounted as a directory with what is below it, hence the '/'; looked up without.
-constexpr const char* cxHwStatusDirMount = "corvex/cxHwStatusDir/dyninputstatus/";
-constexpr const char* cxHwStatusDirPath = "corvex/cxHwStatusDir/dyninputstatus";
-constexpr const char* cxConfigPath = "corvex/configDir/p4rt";
-constexpr const char* flowCounterDirPath = "openflow/corvexhwstatusdir";
-constexpr const char* intfStatusDirPath = "interface/status/all";
-constexpr const char* ipv4EncapTablePath = "routing/l2nexthopgroup/ipv4EncapTable";
-
 struct MountRecord {
   const char* path;
   const char* typeName;
   const char* mode;
 };
 constexpr std::array<MountRecord, 4> mounts{{
-    {cxHwConfigPath, "OpenFlowTable::CorvexHwConfig", "wc"},
-    {cxHwStatusDirMount, "Korm::Dir", "ri"},
-    {cxConfigPath, "CorvexConfig::Config", "wc"},
-    {flowCounterDirPath, "Korm::Dir", "ri"},
+    {StatePath::cxHwConfig, "OpenFlowTable::CorvexHwConfig", "wc"},
+    {StatePath::cxHwStatusDirMount, "Korm::Dir", "ri"},
+    {StatePath::cxConfig, "CorvexConfig::Config", "wc"},
+    {StatePath::flowCounterDir, "Korm::Dir", "ri"},
 }};
 
 // Flow state machines exist for the indexes 0 to 14; the last slot of a FlowTableIndex gets none.
@@ -54,34 +46,38 @@ Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> mountEncapTable(
     const Korm::Ptr<Tessel::EntityManager>& entityManager) {
   const auto mount = Korm::makePtr<KormVasta::TableMount>(entityManager);
   mount->handleInitialized();
-  return mount->table<NexthopGroup::L2NexthopGroupEncapTable>(ipv4EncapTablePath);
+  return mount->table<NexthopGroup::L2NexthopGroupEncapTable>(StatePath::ipv4EncapTable);
+}
+
+// Stores another state machine, or none. Switches the old one off, which somebody else may hold, and
+// returns it.
+template <class Sm>
+Korm::Ptr<Sm> replace(Korm::Ptr<Sm>& stored, Korm::Ptr<Sm> fresh) {
+  auto old = std::exchange(stored, std::move(fresh));
+  if (old) {
+    old->hasNotificationActiveIs(false);
+  }
+  return old;
+}
+
+// Keeps a state machine with these inputs; otherwise a new one takes its place.
+template <class Sm>
+Korm::Ptr<Sm> keepOrReplace(Korm::Ptr<Sm>& stored, typename Sm::Inputs inputs) {
+  if (!stored || stored->inputs() != inputs) {
+    replace(stored, Korm::makeActive<Sm>(std::move(inputs)));
+  }
+  return stored;
 }
 
 }  // namespace
 
-OstraContext::OstraContext(
-    Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl,
-    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::Telemetry> telemetry,
-    Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper)
-    : ostraConfigTableColl_{std::move(ostraConfigTableColl)},
-      vrfIdCollection_{std::move(vrfIdCollection)},
-      p4RtPortMappingStatus_{std::move(p4RtPortMappingStatus)},
-      batchStatus_{std::move(batchStatus)},
-      telemetry_{std::move(telemetry)},
-      p4HandleMgr_{std::move(p4HandleMgr)},
-      validationHelper_{std::move(validationHelper)},
-      counterHelper_{std::move(counterHelper)} {}
+OstraContext::OstraContext(Inputs inputs) : inputs_{std::move(inputs)} {}
 
 OstraContext::~OstraContext() {
   ostraStatusDirSmDel();
   ostraEcmpGroupSmDel();
   ipv4EncapTable_ = nullptr;
   ostraSmCollDelAll();
-  // The inputs go as members do, last first: the counter helper, then back to the table collection.
 }
 
 void OstraContext::doMounts(Tessel::MountGroup& mountGroup) {
@@ -96,36 +92,39 @@ void OstraContext::doMounts(Tessel::MountGroup& mountGroup) {
 void OstraContext::doMountsComplete(Tessel::MountStatus /*status*/,
                                     const Korm::Ptr<Tessel::EntityManager>& entityManager) {
   traceMountsComplete();
-  const auto cxHwConfig = entityManager->entity<OpenFlowTable::CorvexHwConfig>(cxHwConfigPath);
-  const auto cxHwStatusDir = entityManager->entity<Korm::Dir>(cxHwStatusDirPath);
+  const auto self = Korm::keptAlive(*this);
+  const auto cxHwConfig =
+      entityManager->entity<OpenFlowTable::CorvexHwConfig>(StatePath::cxHwConfig);
+  const auto cxHwStatusDir = entityManager->entity<Korm::Dir>(StatePath::cxHwStatusDir);
   Korm::assertTrue(cxHwStatusDir != nullptr, "cxHwStatusDir", "Ostra/Ostra", 40);
-  const auto cxConfig = entityManager->entity<CorvexConfig::Config>(cxConfigPath);
-  const auto flowCounterDir = entityManager->entity<Korm::Dir>(flowCounterDirPath);
-  const auto intfStatusDir = entityManager->entity<Interface::AllIntfStatusDir>(intfStatusDirPath);
+  const auto cxConfig = entityManager->entity<CorvexConfig::Config>(StatePath::cxConfig);
+  const auto flowCounterDir = entityManager->entity<Korm::Dir>(StatePath::flowCounterDir);
+  const auto intfStatusDir =
+      entityManager->entity<Interface::AllIntfStatusDir>(StatePath::intfStatusDir);
   ipv4EncapTable_ = mountEncapTable(entityManager);
 
   if (cxHwConfig) {
     cxHwConfig->counterPollEnableIs(true);
   }
   const auto ostraStatusInfo = ostraStatusInfoFactory();
-  const auto tables =
-      ostraConfigTableColl_ ? ostraConfigTableColl_ : Korm::makePtr<OstraConfigTableColl>();
+  const auto tables = inputs_.ostraConfigTableColl ? inputs_.ostraConfigTableColl
+                                                   : Korm::makePtr<OstraConfigTableColl>();
   for (std::uint8_t index = 0; index < flowTables; ++index) {
-    ostraSmCollIs(index, ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir,
-                                        tables->ostraConfig(FlowTableIndex{index}),
-                                        vrfIdCollection_, p4RtPortMappingStatus_, validationHelper_,
-                                        ostraStatusInfo, batchStatus_, telemetry_));
+    ostraSmCollIs(
+        index, ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir,
+                              tables->ostraConfig(FlowTableIndex{index}), inputs_.vrfIdCollection,
+                              inputs_.p4RtPortMappingStatus, inputs_.validationHelper,
+                              ostraStatusInfo, inputs_.batchStatus, inputs_.telemetry));
   }
-  ostraStatusDirSmIs(cxHwStatusDir, batchStatus_, ostraStatusInfo, tables->p4rtEcmpGroupTable(),
-                     tables->p4rtEcmpMemberTable());
+  ostraStatusDirSmIs(cxHwStatusDir, inputs_.batchStatus, ostraStatusInfo,
+                     tables->p4rtEcmpGroupTable(), tables->p4rtEcmpMemberTable());
   ostraEcmpGroupSmIs(cxHwConfig, tables->p4rtEcmpGroupTable(), tables->p4rtEcmpMemberTable(),
-                     ipv4EncapTable_, p4RtPortMappingStatus_, validationHelper_, batchStatus_,
-                     p4HandleMgr_);
+                     ipv4EncapTable_, inputs_.p4RtPortMappingStatus, inputs_.validationHelper,
+                     inputs_.batchStatus, inputs_.p4HandleMgr);
   Korm::assertTrue(flowCounterDir != nullptr, "flowCounterDir", "Ostra/Ostra", 88);
-  const auto directCounter = Korm::makePtr<FlowDirectCounterImpl>(flowCounterDir);
-  directCounter->hasNotificationActiveIs(true);
-  if (counterHelper_) {
-    counterHelper_->counterImplMapIs(directCounterId, directCounter);
+  if (inputs_.counterHelper) {
+    inputs_.counterHelper->counterImplMapIs(
+        directCounterId, Korm::makeActive<FlowDirectCounterImpl>(flowCounterDir));
   }
 }
 
@@ -150,25 +149,12 @@ Korm::Ptr<OstraStatusDirSm> OstraContext::ostraStatusDirSmIs(
     const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
     const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
     const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable) {
-  const auto& stored = ostraStatusDirSm_;
-  const bool unchanged = stored && stored->cxStatusDir() == cxHwStatusDir &&
-                         stored->batchStatus() == batchStatus &&
-                         stored->ostraStatusInfo() == ostraStatusInfo &&
-                         stored->p4rtEcmpGroupTable() == p4rtEcmpGroupTable &&
-                         stored->p4rtEcmpMemberTable() == p4rtEcmpMemberTable;
-  if (!unchanged) {
-    ostraStatusDirSm_ = ostraStatusDirSmFactory(cxHwStatusDir, batchStatus, ostraStatusInfo,
-                                                p4rtEcmpGroupTable, p4rtEcmpMemberTable);
-  }
-  return ostraStatusDirSm_;
+  return keepOrReplace(ostraStatusDirSm_, {cxHwStatusDir, batchStatus, ostraStatusInfo,
+                                           p4rtEcmpGroupTable, p4rtEcmpMemberTable});
 }
 
 Korm::Ptr<OstraStatusDirSm> OstraContext::ostraStatusDirSmDel() {
-  auto removed = std::exchange(ostraStatusDirSm_, nullptr);
-  if (removed) {
-    removed->hasNotificationActiveIs(false);
-  }
-  return removed;
+  return replace(ostraStatusDirSm_, {});
 }
 
 Korm::Ptr<OstraEcmpGroupSm> OstraContext::ostraEcmpGroupSmIs(
@@ -180,29 +166,13 @@ Korm::Ptr<OstraEcmpGroupSm> OstraContext::ostraEcmpGroupSmIs(
     const Korm::Ptr<P4Runtime::ValidationHelper>& validationHelper,
     const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
     const Korm::Ptr<P4Runtime::P4HandleMgr>& p4HandleMgr) {
-  const auto& stored = ostraEcmpGroupSm_;
-  const bool unchanged = stored && stored->cxHwConfig() == cxHwConfig &&
-                         stored->p4rtEcmpGroupTable() == p4rtEcmpGroupTable &&
-                         stored->p4rtEcmpMemberTable() == p4rtEcmpMemberTable &&
-                         stored->ipv4EncapTable() == ipv4EncapTable &&
-                         stored->p4RtPortMappingStatus() == p4RtPortMappingStatus &&
-                         stored->validationHelper() == validationHelper &&
-                         stored->batchStatus() == batchStatus &&
-                         stored->p4HandleMgr() == p4HandleMgr;
-  if (!unchanged) {
-    ostraEcmpGroupSm_ =
-        ostraEcmpGroupSmFactory(cxHwConfig, p4rtEcmpGroupTable, p4rtEcmpMemberTable, ipv4EncapTable,
-                                p4RtPortMappingStatus, validationHelper, batchStatus, p4HandleMgr);
-  }
-  return ostraEcmpGroupSm_;
+  return keepOrReplace(ostraEcmpGroupSm_,
+                       {cxHwConfig, p4rtEcmpGroupTable, p4rtEcmpMemberTable, ipv4EncapTable,
+                        p4RtPortMappingStatus, validationHelper, batchStatus, p4HandleMgr});
 }
 
 Korm::Ptr<OstraEcmpGroupSm> OstraContext::ostraEcmpGroupSmDel() {
-  auto removed = std::exchange(ostraEcmpGroupSm_, nullptr);
-  if (removed) {
-    removed->hasNotificationActiveIs(false);
-  }
-  return removed;
+  return replace(ostraEcmpGroupSm_, {});
 }
 
 Korm::Ptr<OstraContext> ostraContextFactory(
@@ -213,12 +183,10 @@ Korm::Ptr<OstraContext> ostraContextFactory(
     Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr,
     Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
     Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper) {
-  auto context = Korm::makePtr<OstraContext>(
+  return Korm::makeActive<OstraContext>(OstraContext::Inputs{
       std::move(ostraConfigTableColl), std::move(vrfIdCollection), std::move(p4RtPortMappingStatus),
       std::move(batchStatus), std::move(telemetry), std::move(p4HandleMgr),
-      std::move(validationHelper), std::move(counterHelper));
-  context->hasNotificationActiveIs(true);
-  return context;
+      std::move(validationHelper), std::move(counterHelper)});
 }
 
 }  // namespace Ostra

@@ -52,15 +52,22 @@ class OstraContext final : public Korm::Entity {
  public:
   using OstraSmColl = std::map<std::uint8_t, Korm::Ptr<OstraSm>>;
 
-  // Stores the inputs and does nothing else. Any may be null.
-  OstraContext(Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl,
-               Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-               Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-               Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-               Korm::Ptr<P4Runtime::Telemetry> telemetry,
-               Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr,
-               Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-               Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper);
+  // The service's objects. Any may be null.
+  struct Inputs {
+    Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl;
+    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection;
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus;
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
+    Korm::Ptr<P4Runtime::Telemetry> telemetry;
+    Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr;
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper;
+    Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper;
+
+    friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
+  };
+
+  // Stores the inputs and does nothing else.
+  explicit OstraContext(Inputs inputs);
   // Takes the library down: the status side first, then ECMP, then the flow state machines. What was
   // written to Corvex stays.
   ~OstraContext() override;
@@ -69,9 +76,10 @@ class OstraContext final : public Korm::Entity {
   void doMounts(Tessel::MountGroup& mountGroup);
 
   // Builds the library on the mounted entities. A second call builds it again: a status or ECMP state
-  // machine whose inputs are the same objects is kept. The mount status is not examined; what is missing
-  // shows as null, and asserts where the library cannot run without it. An exception of the framework (a
-  // stored entry with a value out of range) leaves what was built so far in place.
+  // machine whose inputs are the same objects is kept. The mount status is not examined. An entity that
+  // is missing shows as null, and asserts where the library cannot run without it.
+  // Throws: Korm::RangeException for a stored entry with a value out of range. What was built until then
+  // stays.
   void doMountsComplete(Tessel::MountStatus status,
                         const Korm::Ptr<Tessel::EntityManager>& entityManager);
 
@@ -85,7 +93,8 @@ class OstraContext final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusDirSm>& ostraStatusDirSm() const noexcept {
     return ostraStatusDirSm_;
   }
-  // Keeps the state machine whose inputs are these, or replaces it; returns the one stored then.
+  // Keeps the state machine whose inputs are these very objects, or replaces it by a new one, and returns
+  // the one that is stored then.
   Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmIs(
       const Korm::Ptr<const Korm::Dir>& cxHwStatusDir,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
@@ -115,15 +124,8 @@ class OstraContext final : public Korm::Entity {
   }
 
  private:
-  // Inputs, constant after construction.
-  Korm::Ptr<OstraConfigTableColl> ostraConfigTableColl_;
-  Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection_;
-  Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus_;
-  Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
-  Korm::Ptr<P4Runtime::Telemetry> telemetry_;
-  Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr_;
-  Korm::Ptr<P4Runtime::ValidationHelper> validationHelper_;
-  Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counterHelper_;
+  // Destroyed in reverse, as the inputs are among themselves.
+  const Inputs inputs_;
 
   // Built by doMountsComplete.
   OstraSmColl ostraSmColl_;

@@ -1,17 +1,9 @@
 #include "Ostra/OstraCounter.h"
 
-#include <string_view>
-
 #include "Ostra/FlowUtil.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 
 namespace Ostra {
-namespace {
-
-// Behind the name of a flow in the statistics: whose flow it is.
-constexpr std::string_view owner = "-p4rt";
-
-}  // namespace
 
 FlowDirectCounterImpl::FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir) : dir_{std::move(dir)} {
   Korm::assertTrue(static_cast<bool>(dir_), "a counter reader has a directory to read");
@@ -19,7 +11,7 @@ FlowDirectCounterImpl::FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir) : dir_{st
 
 P4Runtime::P4CounterData FlowDirectCounterImpl::getCounters(std::uint64_t entryId) const {
   P4Runtime::P4CounterData sum;
-  const FlowName name{entryId, owner};
+  const FlowName name{entryId, flowCounterSuffix};
   const Korm::HashedName flow{name.text()};
   for (const auto& [unitName, entity] : dir_->entities()) {
     const auto* const unit = dynamic_cast<const OpenFlowTable::HwStatus*>(entity.get());

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <span>
 #include <string>
+#include <vector>
 
-#include "Ostra/GroupNumbering.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/GroupNumbering.h"
+#include "Ostra/private/TableRows.h"
+#include "Ostra/private/WriteWatch.h"
 #include "platform/Korm/Clock.h"
-#include "platform/Vasta/Errors.h"
 
 namespace Ostra {
 namespace {
@@ -72,44 +74,6 @@ constexpr OpenFlowTable::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00, 0x40, 0x
 
 static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::lists)::max);
 
-// The row in place, or null: not there, or corrupt, which the table hears of.
-template <class Table>
-const typename Table::Record* findRow(const Korm::Ptr<Table>& table,
-                                      const typename Table::Key& key) {
-  if (!table) {
-    return nullptr;
-  }
-  try {
-    return table->entry(key);
-  } catch (const Vasta::Corruption& corruption) {
-    table->reportCorruption(corruption.what());
-    return nullptr;
-  }
-}
-
-// As findRow(), for a walk. A corrupt row ends it.
-template <class Table>
-const typename Table::Record* nextRow(const Korm::Ptr<Table>& table, Vasta::Hint& hint) {
-  try {
-    return table->next(hint);
-  } catch (const Vasta::Corruption& corruption) {
-    table->reportCorruption(corruption.what());
-    return nullptr;
-  }
-}
-
-// Shows `visit` the rows in place, up to a corrupt one. The table may change meanwhile.
-template <class Table, class Visit>
-void walk(const Korm::Ptr<Table>& table, Visit visit) {
-  if (!table) {
-    return;
-  }
-  Vasta::Hint hint;
-  while (const auto* const row = nextRow(table, hint)) {
-    visit(*row);
-  }
-}
-
 // One bad row never stops the processing of others.
 template <class Step>
 void reportingEntryErrors(Step step) {
@@ -137,30 +101,15 @@ OpenFlowTable::EncapInfo toEncapInfo(const EncapEntry& entry) noexcept {
 
 }  // namespace
 
-OstraEcmpGroupSm::OstraEcmpGroupSm(
-    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr)
-    : cxHwConfig_{std::move(cxHwConfig)},
-      p4rtEcmpGroupTable_{std::move(p4rtEcmpGroupTable)},
-      p4rtEcmpMemberTable_{std::move(p4rtEcmpMemberTable)},
-      ipv4EncapTable_{std::move(ipv4EncapTable)},
-      p4RtPortMappingStatus_{std::move(p4RtPortMappingStatus)},
-      validationHelper_{std::move(validationHelper)},
-      batchStatus_{std::move(batchStatus)},
-      p4HandleMgr_{std::move(p4HandleMgr)} {
-  if (p4rtEcmpGroupTable_) {
-    groupReactor_.emplace(*this, p4rtEcmpGroupTable_->entryNotifiees());
+OstraEcmpGroupSm::OstraEcmpGroupSm(Inputs inputs) : inputs_{std::move(inputs)} {
+  if (inputs_.p4rtEcmpGroupTable) {
+    groupReactor_.emplace(*this, inputs_.p4rtEcmpGroupTable->entryNotifiees());
   }
-  if (p4rtEcmpMemberTable_) {
-    memberReactor_.emplace(*this, p4rtEcmpMemberTable_->entryNotifiees());
+  if (inputs_.p4rtEcmpMemberTable) {
+    memberReactor_.emplace(*this, inputs_.p4rtEcmpMemberTable->entryNotifiees());
   }
-  if (ipv4EncapTable_) {
-    encapReactor_.emplace(*this, ipv4EncapTable_->entryNotifiees());
+  if (inputs_.ipv4EncapTable) {
+    encapReactor_.emplace(*this, inputs_.ipv4EncapTable->entryNotifiees());
   }
   handleInitialized();
 }
@@ -187,34 +136,43 @@ void OstraEcmpGroupSm::handleInitialized() {
 }
 
 void OstraEcmpGroupSm::handleEncapEntry() {
+  const auto self = Korm::keptAlive(*this);
   traceAllEncaps();
-  walk(ipv4EncapTable_, [this](const EncapEntry& row) { handleEncapEntry(row.encapId); });
+  forEachRow(inputs_.ipv4EncapTable, AtCorruption::stop_,
+             [this](const EncapEntry& row) { handleEncapEntry(row.encapId); });
 }
 
 void OstraEcmpGroupSm::handleNexthopInfo() {
+  const auto self = Korm::keptAlive(*this);
   traceAllMembers();
-  walk(p4rtEcmpMemberTable_, [this](const NexthopInfo& row) { handleNexthopInfo(row); });
+  forEachRow(inputs_.p4rtEcmpMemberTable, AtCorruption::stop_,
+             [this](const NexthopInfo& row) { handleNexthopInfo(row); });
 }
 
 void OstraEcmpGroupSm::handleEcmpGroup() {
+  const auto self = Korm::keptAlive(*this);
   traceAllGroups();
-  walk(p4rtEcmpGroupTable_, [this](const EcmpMemberList& row) { handleEcmpGroup(row); });
+  forEachRow(inputs_.p4rtEcmpGroupTable, AtCorruption::stop_,
+             [this](const EcmpMemberList& row) { handleEcmpGroup(row); });
 }
 
 void OstraEcmpGroupSm::handleEncapEntry(EncapId encapId) {
+  const auto self = Korm::keptAlive(*this);
   const Korm::Moment moment;
   traceEncap(encapId);
-  walk(p4rtEcmpMemberTable_, [this, encapId](const NexthopInfo& row) {
-    if (row.encapId == encapId) {
-      handleNexthopInfo(row);
-    }
-  });
+  forEachRow(inputs_.p4rtEcmpMemberTable, AtCorruption::stop_,
+             [this, encapId](const NexthopInfo& row) {
+               if (row.encapId == encapId) {
+                 handleNexthopInfo(row);
+               }
+             });
 }
 
 void OstraEcmpGroupSm::handleNexthopInfo(MemberOrGroupId memberId) {
+  const auto self = Korm::keptAlive(*this);
   const Korm::Moment moment;
   traceMember(memberId);
-  const NexthopInfo* const row = findRow(p4rtEcmpMemberTable_, memberId);
+  const NexthopInfo* const row = findRow(inputs_.p4rtEcmpMemberTable, memberId);
   reportingEntryErrors(
       [&] { row != nullptr ? handleNexthopInfoUpdate(*row) : handleNexthopInfoDelete(memberId); });
 }
@@ -225,9 +183,10 @@ void OstraEcmpGroupSm::handleNexthopInfo(const NexthopInfo& row) {
 }
 
 void OstraEcmpGroupSm::handleEcmpGroup(MemberOrGroupId groupId) {
+  const auto self = Korm::keptAlive(*this);
   const Korm::Moment moment;
   traceGroup(groupId);
-  const EcmpMemberList* const row = findRow(p4rtEcmpGroupTable_, groupId);
+  const EcmpMemberList* const row = findRow(inputs_.p4rtEcmpGroupTable, groupId);
   reportingEntryErrors([&] { row != nullptr ? addEcmpGroup(*row) : deleteEcmpGroup(groupId); });
 }
 
@@ -237,7 +196,7 @@ void OstraEcmpGroupSm::handleEcmpGroup(const EcmpMemberList& row) {
 }
 
 bool OstraEcmpGroupSm::canProgram(GroupId corvexId) const noexcept {
-  if (cxHwConfig_ && validationHelper_) {
+  if (inputs_.cxHwConfig && inputs_.validationHelper) {
     return true;
   }
   traceCannotProgram(corvexId);
@@ -245,10 +204,11 @@ bool OstraEcmpGroupSm::canProgram(GroupId corvexId) const noexcept {
 }
 
 void OstraEcmpGroupSm::validateGroup(const EcmpMemberList& row) const {
-  for (const MemberOrGroupId memberId : row.memberIds()) {
-    const GroupEntry* const member = groupEntry(memberGroupId(memberId));
-    if (member == nullptr) {
-      validationHelper_->throwEntryErrorException(
+  const std::span memberIds = row.memberIds();
+  for (std::size_t at = 0; at < memberIds.size(); ++at) {
+    const MemberOrGroupId memberId = memberIds[MemberIndex{at}.value()];
+    if (groupEntry(memberGroupId(memberId)) == nullptr) {
+      inputs_.validationHelper->throwEntryErrorException(
           row.entryHandle, ErrorCode::invalidArgument_,
           "Action profile group: " + std::to_string(row.groupId) + " member " +
               std::to_string(memberId) + " not found");
@@ -259,12 +219,12 @@ void OstraEcmpGroupSm::validateGroup(const EcmpMemberList& row) const {
 const EncapEntry& OstraEcmpGroupSm::validateNexthop(const NexthopInfo& row) const {
   traceValidateNexthop();
   const std::string memberId = std::to_string(row.memberId);
-  validationHelper_->validatePortId(row.entryHandle, row.p4PortId,
-                                    "Action profile member " + memberId);
-  const EncapEntry* const encap = findRow(ipv4EncapTable_, row.encapId);
+  inputs_.validationHelper->validatePortId(row.entryHandle, row.p4PortId,
+                                           "Action profile member " + memberId);
+  const EncapEntry* const encap = findRow(inputs_.ipv4EncapTable, row.encapId);
   if (encap == nullptr) {
     traceInvalidEncap(row.memberId, row.encapId);
-    validationHelper_->throwEntryErrorException(
+    inputs_.validationHelper->throwEntryErrorException(
         row.entryHandle, ErrorCode::invalidArgument_,
         "Action profile member: " + memberId +
             " has invalid encapId: " + std::to_string(row.encapId));
@@ -285,36 +245,50 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
     traceEmptyGroup(groupId);
     return;
   }
-  GroupEntry& group = cxHwConfig_->groupEntryIs(corvexId);
-  group.groupTypeIs(GroupType::select_);
-  group.bucketDelAll();
-  copyMemberBuckets(row, group);
-  announce(group);
+  GroupEntry* group = groupEntry(corvexId);
+  if (group != nullptr) {
+    group->bucketDelAll();
+    group->bucketReserve(row.memberIds().size());
+    copyMemberBuckets(row, [group](const Bucket& bucket) { group->bucketEnq(bucket); });
+  } else {
+    // Copied before the group is there, as a reactor to the new group may change its members.
+    std::vector<Bucket> buckets;
+    buckets.reserve(row.memberIds().size());
+    copyMemberBuckets(row, [&buckets](const Bucket& bucket) { buckets.push_back(bucket); });
+    group = newGroup(corvexId);
+    if (group == nullptr) {
+      return;
+    }
+    group->bucketReserve(buckets.size());
+    std::for_each(buckets.begin(), buckets.end(),
+                  [group](const Bucket& bucket) { group->bucketEnq(bucket); });
+  }
+  group->groupTypeIs(GroupType::select_);
+  announce(*group);
   traceGroupAdded(corvexId, groupId);
 }
 
-void OstraEcmpGroupSm::copyMemberBuckets(const EcmpMemberList& row, GroupEntry& group) const {
+template <class Put>
+void OstraEcmpGroupSm::copyMemberBuckets(const EcmpMemberList& row, Put put) const {
   const std::span memberIds = row.memberIds();
-  group.bucketReserve(memberIds.size());
   for (std::size_t at = 0; at < memberIds.size(); ++at) {
-    const MemberIndex index{static_cast<long long>(at)};
-    const GroupId memberId = memberGroupId(memberIds[index.value()]);
+    const GroupId memberId = memberGroupId(memberIds[MemberIndex{at}.value()]);
     const GroupEntry* const cxEntry = groupEntry(memberId);
     Korm::assertTrue(cxEntry != nullptr && cxEntry->buckets() == 1, "cxEntry->buckets() == 1");
-    group.bucketEnq(cxEntry->bucket().front());
-    traceBucket(memberId, group.id());
+    put(cxEntry->bucket().front());
+    traceBucket(memberId, ecmpGroupId(row.groupId));
   }
 }
 
 void OstraEcmpGroupSm::deleteEcmpGroup(MemberOrGroupId groupId) {
   const GroupId corvexId = ecmpGroupId(groupId);
-  if (cxHwConfig_ && cxHwConfig_->groupEntryDel(corvexId)) {
+  if (inputs_.cxHwConfig && inputs_.cxHwConfig->groupEntryDel(corvexId)) {
     traceCorvexGroupGone(corvexId);
   }
   traceGroupGone(groupId);
-  if (p4HandleMgr_) {
+  if (inputs_.p4HandleMgr) {
     acknowledgeDelete(P4Runtime::P4HandleMgr::groupHandleToEntryHandle(
-        p4HandleMgr_->getGroupHandleFromGroupId(groupId)));
+        inputs_.p4HandleMgr->getGroupHandleFromGroupId(groupId)));
   }
 }
 
@@ -325,11 +299,17 @@ void OstraEcmpGroupSm::handleNexthopInfoUpdate(const NexthopInfo& row) {
     return;
   }
   const Bucket bucket = memberBucket(row, validateNexthop(row));
-  GroupEntry& group = cxHwConfig_->groupEntryIs(corvexId);
-  group.groupTypeIs(GroupType::indirect_);
-  group.bucketDelAll();
-  group.bucketEnq(bucket);
-  announce(group);
+  GroupEntry* group = groupEntry(corvexId);
+  if (group == nullptr) {
+    group = newGroup(corvexId);
+  }
+  if (group == nullptr) {
+    return;
+  }
+  group->groupTypeIs(GroupType::indirect_);
+  group->bucketDelAll();
+  group->bucketEnq(bucket);
+  announce(*group);
   traceMemberAdded(corvexId, memberId);
   maybeUpdateGroupOnMemberChange(memberId);
 }
@@ -337,8 +317,8 @@ void OstraEcmpGroupSm::handleNexthopInfoUpdate(const NexthopInfo& row) {
 Bucket OstraEcmpGroupSm::memberBucket(const NexthopInfo& row, const EncapEntry& encapInfo) const {
   Bucket bucket;
   OpenFlowTable::Actions& actions = bucket.actions;
-  actions.outputIntfIs(p4RtPortMappingStatus_
-                           ? p4RtPortMappingStatus_->p4PortIdToIntfId(row.p4PortId)
+  actions.outputIntfIs(inputs_.p4RtPortMappingStatus
+                           ? inputs_.p4RtPortMappingStatus->p4PortIdToIntfId(row.p4PortId)
                            : Interface::IntfId{},
                        true);
   Korm::assertTrue(encapInfo.encapType() == NexthopGroup::L2NhgEncapType::encapIpInIp_,
@@ -355,35 +335,41 @@ Bucket OstraEcmpGroupSm::memberBucket(const NexthopInfo& row, const EncapEntry& 
 // Groups that list the member keep their copy of its bucket until their own rows change.
 void OstraEcmpGroupSm::handleNexthopInfoDelete(MemberOrGroupId memberId) {
   const GroupId corvexId = memberGroupId(memberId);
-  if (cxHwConfig_ && cxHwConfig_->groupEntryDel(corvexId)) {
+  if (inputs_.cxHwConfig && inputs_.cxHwConfig->groupEntryDel(corvexId)) {
     traceCorvexMemberGone(corvexId);
   }
   traceMemberGone(memberId);
-  if (p4HandleMgr_) {
-    acknowledgeDelete(p4HandleMgr_->getEntryHandleFromMemberId(memberId));
+  if (inputs_.p4HandleMgr) {
+    acknowledgeDelete(inputs_.p4HandleMgr->getEntryHandleFromMemberId(memberId));
   }
 }
 
 void OstraEcmpGroupSm::acknowledgeDelete(EntryHandle handle) const {
-  if (batchStatus_) {
-    batchStatus_->markTransactionSucceeded(handle);
+  if (inputs_.batchStatus) {
+    inputs_.batchStatus->markTransactionSucceeded(handle);
   }
 }
 
-// The list is searched first: the walk has just read it, which it has not the group.
 void OstraEcmpGroupSm::maybeUpdateGroupOnMemberChange(MemberOrGroupId memberId) {
   traceMemberChange(memberId);
-  walk(p4rtEcmpGroupTable_, [this, memberId](const EcmpMemberList& row) {
-    const std::span memberIds = row.memberIds();
-    if (std::find(memberIds.begin(), memberIds.end(), memberId) != memberIds.end() &&
-        groupEntry(ecmpGroupId(row.groupId)) != nullptr) {
-      handleEcmpGroup(row);
-    }
-  });
+  forEachRow(inputs_.p4rtEcmpGroupTable, AtCorruption::stop_,
+             [this, memberId](const EcmpMemberList& row) {
+               const std::span memberIds = row.memberIds();
+               if (std::find(memberIds.begin(), memberIds.end(), memberId) != memberIds.end() &&
+                   groupEntry(ecmpGroupId(row.groupId)) != nullptr) {
+                 handleEcmpGroup(row);
+               }
+             });
 }
 
-const GroupEntry* OstraEcmpGroupSm::groupEntry(GroupId id) const noexcept {
-  return cxHwConfig_ ? cxHwConfig_->groupEntry(id) : nullptr;
+GroupEntry* OstraEcmpGroupSm::groupEntry(GroupId id) const noexcept {
+  return inputs_.cxHwConfig ? inputs_.cxHwConfig->groupEntry(id) : nullptr;
+}
+
+GroupEntry* OstraEcmpGroupSm::newGroup(GroupId id) {
+  const WriteWatch<GroupId> watch{inputs_.cxHwConfig->groupEntryNotifiees(), id};
+  GroupEntry& group = inputs_.cxHwConfig->groupEntryIs(id);
+  return watch.overtaken() ? nullptr : &group;
 }
 
 }  // namespace Ostra

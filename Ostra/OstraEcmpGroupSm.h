@@ -1,15 +1,16 @@
 // Turns action-profile members and groups into Corvex groups, and keeps these current.
 //
-// A member becomes an indirect group of one bucket, its next hop. A group becomes a select group with a copy
-// of the bucket of each of its members, in their order. A change of a member, or of the encapsulation entry
-// that it uses, rewrites the member's group and then every select group that has a copy of it.
+// A member becomes an indirect group of one bucket, which describes its next hop. A group becomes a select
+// group with a copy of each member's bucket, in the order of its member list. A change of a member, or of
+// the encapsulation entry that it uses, rewrites the member's group and then every select group that
+// lists the member.
 //
 // Thread and process rule: the hosting service's activity thread.
 // Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex stays
 // when it goes.
-// Invariants: it keeps no copy of groups or members; the service's tables and the Corvex groups are all the
-// state there is, and each handler works from what they hold at that moment. A select group is written only
-// when each of its members has a group of its own.
+// Invariants: it keeps no copy of groups or members. The service's tables and the Corvex groups are all
+// the state there is, and each handler works from what they hold at that moment. A select group is
+// written only when each of its members has a group of its own.
 #pragma once
 
 #include <optional>
@@ -26,49 +27,29 @@
 
 namespace Ostra {
 
-// An input may be null. Without a table there is nothing to react to, and nothing is found in it; without
-// the port mapping no port is mapped; without the batch status or the handle manager nobody is told of
-// deletes; without the Corvex configuration or the validation helper members and groups are not written.
 class OstraEcmpGroupSm final : public Korm::Entity {
  public:
-  // Attaches to the tables and then processes all that they hold: encapsulation entries, members, groups.
-  // Throws Korm::RangeException for a group whose stored list is damaged, as every handler does.
-  OstraEcmpGroupSm(Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-                   Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-                   Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable,
-                   Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable,
-                   Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-                   Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-                   Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                   Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr);
+  // Any may be null. A table that is null is as good as an empty one that never changes. Without the port
+  // mapping no port is mapped. Without the batch status or the handle manager nobody is told of deletes.
+  // Without the Corvex configuration or the validation helper members and groups are not written.
+  struct Inputs {
+    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
+    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable;
+    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable;
+    Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable;
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus;
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper;
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
+    Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr;
 
-  [[nodiscard]] const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& cxHwConfig() const noexcept {
-    return cxHwConfig_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable() const noexcept {
-    return p4rtEcmpGroupTable_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable()
-      const noexcept {
-    return p4rtEcmpMemberTable_;
-  }
-  [[nodiscard]] const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable>& ipv4EncapTable()
-      const noexcept {
-    return ipv4EncapTable_;
-  }
-  [[nodiscard]] const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus>& p4RtPortMappingStatus()
-      const noexcept {
-    return p4RtPortMappingStatus_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4Runtime::ValidationHelper>& validationHelper() const noexcept {
-    return validationHelper_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus() const noexcept {
-    return batchStatus_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4Runtime::P4HandleMgr>& p4HandleMgr() const noexcept {
-    return p4HandleMgr_;
-  }
+    friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
+  };
+
+  // Attaches to the tables and then processes all that they hold: encapsulation entries, members, groups.
+  // Throws: Korm::RangeException for a group whose stored list is damaged, as every handler does.
+  explicit OstraEcmpGroupSm(Inputs inputs);
+
+  [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
   // Whether the first processing of the tables has begun.
   [[nodiscard]] bool initialized() const noexcept { return initialized_; }
 
@@ -78,8 +59,9 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   void ipv4EncapTableDel() noexcept { encapReactor_.reset(); }
 
   // Process one key, whether its row is there or gone. An entry error is reported against its entry and
-  // goes no further; a corrupt row is reported to its table and taken for gone. A group whose stored list
-  // is damaged is a Korm::RangeException, also from the member handlers, which read the lists of all groups.
+  // goes no further. A corrupt row is reported to its table and treated as absent.
+  // Throws: Korm::RangeException for a group whose stored list is damaged. The member handlers read the
+  // lists of all groups.
   void handleEcmpGroup(P4Runtime::MemberOrGroupId groupId);
   void handleNexthopInfo(P4Runtime::MemberOrGroupId memberId);
   // Processes the members that use the encapsulation entry.
@@ -91,20 +73,22 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   void handleEncapEntry();
 
  private:
+  // Switches the reactors.
   void onNotificationActive(bool active) override;
+
   template <class Key>
   using Handler = void (OstraEcmpGroupSm::*)(Key);
   template <class Key, Handler<Key> handler>
   using TableReactor = Korm::MemberNotifiee<OstraEcmpGroupSm, handler, const Key&>;
 
   void handleInitialized();
-  // The same for a walk that stands on the row: to look a group's row up again would check its 8 KiB twice.
+  // The same for a walk that stands on the row, which spares another look-up.
   void handleEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
   void handleNexthopInfo(const P4RuntimeRouting::NexthopInfo& row);
-  // Whether it has what it takes to check and write the Corvex group; traces the group otherwise.
+  // Whether there is what it takes to check and write the Corvex group; traces the group otherwise.
   [[nodiscard]] bool canProgram(OpenFlowTable::GroupId corvexId) const noexcept;
 
-  // Throw an entry error against the row's entry. What a valid next hop is encapsulated with.
+  // Throw an entry error against the row's entry. The second returns the next hop's encapsulation.
   void validateGroup(const P4RuntimeRouting::EcmpMemberList& row) const;
   [[nodiscard]] const NexthopGroup::EncapEntry& validateNexthop(
       const P4RuntimeRouting::NexthopInfo& row) const;
@@ -117,23 +101,15 @@ class OstraEcmpGroupSm final : public Korm::Entity {
 
   [[nodiscard]] OpenFlowTable::Bucket memberBucket(const P4RuntimeRouting::NexthopInfo& row,
                                                    const NexthopGroup::EncapEntry& encap) const;
-  void copyMemberBuckets(const P4RuntimeRouting::EcmpMemberList& row,
-                         OpenFlowTable::GroupEntry& group) const;
-  [[nodiscard]] const OpenFlowTable::GroupEntry* groupEntry(
-      OpenFlowTable::GroupId id) const noexcept;
+  // Calls put(bucket) with the bucket of each member, in the order of the list.
+  template <class Put>
+  void copyMemberBuckets(const P4RuntimeRouting::EcmpMemberList& row, Put put) const;
+  [[nodiscard]] OpenFlowTable::GroupEntry* groupEntry(OpenFlowTable::GroupId id) const noexcept;
+  // Creates a group, empty as yet. Null when a reactor that heard of it has removed or written it.
+  [[nodiscard]] OpenFlowTable::GroupEntry* newGroup(OpenFlowTable::GroupId id);
   void acknowledgeDelete(P4Runtime::EntryHandle handle) const;
 
-  // Inputs, constant after construction.
-  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable_;
-  const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> ipv4EncapTable_;
-  const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus_;
-  const Korm::Ptr<P4Runtime::ValidationHelper> validationHelper_;
-  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
-  const Korm::Ptr<P4Runtime::P4HandleMgr> p4HandleMgr_;
-
-  // Activity thread.
+  const Inputs inputs_;
   bool initialized_ = false;
 
   // Each there while its table is watched; released before the tables.
@@ -145,12 +121,12 @@ class OstraEcmpGroupSm final : public Korm::Entity {
       encapReactor_;
 };
 
-// A state machine with its notifications on; the inputs are the constructor's arguments.
+// A state machine with its notifications on. The arguments are the members of OstraEcmpGroupSm::Inputs, in
+// order.
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(Inputs&&... inputs) {
-  auto sm = Korm::makePtr<OstraEcmpGroupSm>(std::forward<Inputs>(inputs)...);
-  sm->hasNotificationActiveIs(true);
-  return sm;
+  return Korm::makeActive<OstraEcmpGroupSm>(
+      OstraEcmpGroupSm::Inputs{std::forward<Inputs>(inputs)...});
 }
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> ostraEcmpGroupSmFactory(Inputs&&... inputs) {

@@ -1,16 +1,20 @@
 #include "Ostra/OstraSm.h"
 
 #include "Ostra/FlowUtil.h"
-#include "Ostra/GroupNumbering.h"
-#include "Ostra/MatchTranslation.h"
-#include "Ostra/OstraStatus.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/FlowIndex.h"
+#include "Ostra/private/GroupNumbering.h"
+#include "Ostra/private/MatchTranslation.h"
+#include "Ostra/private/TableRows.h"
+#include "Ostra/private/WriteWatch.h"
 #include "platform/Korm/Clock.h"
 
 namespace Ostra {
 namespace {
 
 using OpenFlowTable::Action;
+
+using FlowWatch = WriteWatch<Korm::Name>;
 
 constexpr std::string_view scope = "OstraSm::";
 constexpr std::string_view flowConfig = "handleFlowConfigImpl";
@@ -67,150 +71,134 @@ const Korm::String egressPortName = "egress port-id";
 
 }  // namespace
 
-OstraSm::OstraSm(Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-                 Korm::Ptr<CorvexConfig::Config> cxConfig, Korm::Ptr<const Korm::Dir> cxHwStatusDir,
-                 const Korm::Ptr<OstraConfig>& ostraConfigTable,
-                 Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-                 Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-                 Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-                 Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-                 Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                 Korm::Ptr<P4Runtime::Telemetry> telemetry)
-    : cxHwConfig_{std::move(cxHwConfig)},
-      cxConfig_{std::move(cxConfig)},
-      cxHwStatusDir_{std::move(cxHwStatusDir)},
-      vrfIdCollection_{std::move(vrfIdCollection)},
-      p4RtPortMappingStatus_{std::move(p4RtPortMappingStatus)},
-      validationHelper_{std::move(validationHelper)},
-      ostraStatusInfo_{std::move(ostraStatusInfo)},
-      batchStatus_{std::move(batchStatus)},
-      telemetry_{std::move(telemetry)} {
-  if (ostraConfigTable) {
-    reactor_.emplace(*this, ostraConfigTable);
+OstraSm::OstraSm(Inputs inputs)
+    : inputs_{std::move(inputs)}, index_{std::make_unique<FlowIndex>()} {
+  if (inputs_.ostraConfigTable) {
+    reactor_.emplace(*this, inputs_.ostraConfigTable->entryNotifiees());
   }
   handleInitialized();
 }
 
-OstraSm::~OstraSm() {
-  reactor_.reset();
-  index_.clear();
-}
+OstraSm::~OstraSm() = default;
 
 void OstraSm::onNotificationActive(bool active) {
   if (reactor_) {
-    reactor_->notifiee.hasNotificationActiveIs(active);
+    reactor_->hasNotificationActiveIs(active);
   }
 }
 
-// Calls handle(entry) for each entry; a corrupt one is reported to the table, and the walk goes on.
-template <class Handle>
-void OstraSm::forEachEntry(Handle handle) const {
-  if (!reactor_) {
-    return;
-  }
-  OstraConfig& table = *reactor_->table;
-  Vasta::Hint hint;
-  for (;;) {
-    const OstraConfigEntry* entry = nullptr;
-    try {
-      entry = table.next(hint);
-    } catch (const Vasta::Corruption& corruption) {
-      table.reportCorruption(corruption.what());
-      continue;
-    }
-    if (entry == nullptr) {
-      return;
-    }
-    handle(*entry);
-  }
+Vrf::VrfIdMap::VrfId OstraSm::vrfId(const OstraKey& key) const noexcept {
+  return index_->vrf(HashedKey{key}).value_or(Vrf::VrfIdMap::none);
 }
+void OstraSm::vrfIdIs(const OstraKey& key, Vrf::VrfIdMap::VrfId vrf) {
+  index_->vrfIs(HashedKey{key}, vrf);
+}
+Vrf::VrfIdMap::VrfId OstraSm::vrfIdDel(const OstraKey& key) noexcept {
+  return index_->vrfDel(HashedKey{key}).value_or(Vrf::VrfIdMap::none);
+}
+void OstraSm::vrfIdDelAll() noexcept { index_->vrfDelAll(); }
+
+std::optional<std::uint64_t> OstraSm::flowKeyToEntryHandle(const OstraKey& key) const noexcept {
+  return index_->handle(HashedKey{key});
+}
+void OstraSm::flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle) {
+  index_->handleIs(HashedKey{key}, handle);
+}
+std::uint64_t OstraSm::flowKeyToEntryHandleDel(const OstraKey& key) noexcept {
+  return index_->handleDel(HashedKey{key}).value_or(0);
+}
+void OstraSm::flowKeyToEntryHandleDelAll() noexcept { index_->handleDelAll(); }
+
+void OstraSm::verify() const { index_->verify(); }
 
 void OstraSm::handleInitialized() {
   traceInitialized();
   initializedIs(true);
-  if (cxConfig_ && !cxConfig_->enabled()) {
-    cxConfig_->enabledIs(true);
+  if (inputs_.cxConfig && !inputs_.cxConfig->enabled()) {
+    inputs_.cxConfig->enabledIs(true);
   }
   deleteStaleFlows();
-  forEachEntry([this](const OstraConfigEntry& entry) {
+  forEachRow(inputs_.ostraConfigTable, AtCorruption::goOn_, [this](const OstraConfigEntry& entry) {
     const OstraKey key = entry.key();
     handleFlowConfig(key);
   });
 }
 
-// Flows of other tables are stale to this one too: all fifteen state machines keep the rule that what the
-// table does not hold goes.
+// A flow of another table is stale to this one, too. Each of the fifteen state machines deletes whatever
+// its own table does not hold.
 void OstraSm::deleteStaleFlows() {
-  if (!cxHwConfig_) {
+  if (!inputs_.cxHwConfig) {
     return;
   }
   struct Nothing {};
   Korm::HashMap<std::uint64_t, Nothing> handles;
-  forEachEntry(
-      [&handles](const OstraConfigEntry& entry) { handles.tryEmplace(entry.entryHandle); });
-  for (const auto& flow : cxHwConfig_->flowEntries()) {
+  forEachRow(inputs_.ostraConfigTable, AtCorruption::goOn_,
+             [&handles](const OstraConfigEntry& entry) { handles.tryEmplace(entry.entryHandle); });
+  for (const auto& flow : inputs_.cxHwConfig->flowEntries()) {
     if (handles.find(flowIdFromName(flow.key)) == nullptr) {
-      cxHwConfig_->flowEntryDel(flow.key);
+      inputs_.cxHwConfig->flowEntryDel(flow.key);
     }
   }
 }
 
 void OstraSm::handleFlowConfig(const OstraKey& key) {
+  const auto self = Korm::keptAlive(*this);
   const Korm::Moment moment;
   try {
-    handleFlowConfigImpl(key, key.hash(0));
+    handleFlowConfigImpl(HashedKey{key});
   } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
     error.report();
   }
 }
 
-void OstraSm::handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash) {
-  if (!cxHwConfig_) {
-    traceNoConfig(key);
+void OstraSm::handleFlowConfigImpl(const HashedKey& key) {
+  if (!inputs_.cxHwConfig) {
+    traceNoConfig(key.key);
     return;
   }
   const OstraConfigEntry* stored = nullptr;
-  if (reactor_) {
-    try {
-      stored = reactor_->table->entry(key, hash);
-    } catch (const Vasta::Corruption& corruption) {
-      // What the entry says cannot be known, so the flow stays as it is.
-      reactor_->table->reportCorruption(corruption.what());
-      return;
+  if (const auto& table = inputs_.ostraConfigTable) {
+    const auto read = reportingCorruption(*table, [&] { return table->entry(key.key, key.hash); });
+    if (!read) {
+      return;  // what the entry says cannot be known, so its flow stays as it is
     }
+    stored = *read;
   }
   if (stored == nullptr) {
-    deleteFlow(key, hash);
-    return;
+    deleteFlow(key);
+  } else {
+    const OstraConfigEntry entry = *stored;  // a reactor to the write may write the row again
+    insertFlow(key, entry);
   }
-  const OstraConfigEntry entry = *stored;  // reactors to what follows may write the row again
-  insertFlow(key, hash, entry);
 }
 
-void OstraSm::insertFlow(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry) {
+void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   const P4Runtime::EntryHandle handle = entry.entryHandle;
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
   traceInsert(name.text());
   OpenFlowTable::Match match;
-  buildMatch(key, handle, match);
+  buildMatch(key.key, handle, match);
   OpenFlowTable::Actions actions;
-  buildActions(key, hash, entry, actions);
+  buildActions(key, entry, actions);
   validateFlowAction(actions, actions.actionSet(), entry);
 
-  const auto tableType = static_cast<OpenFlowTable::TableType>(key.tableType());
-  const OpenFlowTable::PriorityGroupType priorityGroup = key.priorityGroupType();
-  const bool existed = cxHwConfig_->flowEntry(name) != nullptr;
-  index_.handleIs(key, hash, handle);
+  const auto tableType = static_cast<OpenFlowTable::TableType>(key.key.tableType());
+  const OpenFlowTable::PriorityGroupType priorityGroup = key.key.priorityGroupType();
+  const bool existed = inputs_.cxHwConfig->flowEntry(name) != nullptr;
+  index_->handleIs(key, handle);
   maybeUpdateFlowMatch(tableType, priorityGroup, match);
-  const OpenFlowTable::Priority priority{key.priority()};
-  OpenFlowTable::FlowEntry& flow = cxHwConfig_->flowEntryIs(
+  const OpenFlowTable::Priority priority{key.key.priority()};
+  const FlowWatch watch{inputs_.cxHwConfig->flowEntryNotifiees(), name.text()};
+  OpenFlowTable::FlowEntry& flow = inputs_.cxHwConfig->flowEntryIs(
       name, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
-  flow.entryIdIs(entry.entryId);
-  const double now =
-      telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
-  if (existed) {
-    flow.changeCountIs(now);
+  if (!watch.overtaken()) {
+    flow.entryIdIs(entry.entryId);
+  }
+  inputs_.telemetry->newTransactionTimestamp(handle,
+                                             P4Runtime::TelemetryTimestampType::configured_);
+  if (existed && !watch.overtaken()) {
+    flow.changeCountIs(Korm::currentTime());
   }
   (existed ? traceModified : traceInserted)(name.text(), entry.entryId);
 }
@@ -219,13 +207,13 @@ void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
                          OpenFlowTable::Match& match) const {
   if (const auto port = key.ingressPort(); port.constrained()) {
     validatePortAndMask(handle, port.value, port.mask, ingressPortName);
-    const Interface::IntfId intf = p4RtPortMappingStatus_->p4PortIdToIntfId(port.value);
+    const Interface::IntfId intf = inputs_.p4RtPortMappingStatus->p4PortIdToIntfId(port.value);
     traceMatchIntf(intf.shortName());
     match.inIntfIs(intf, true);
   }
   if (const auto port = key.egressPort(); port.constrained()) {
     validatePortAndMask(handle, port.value, port.mask, egressPortName);
-    const Interface::IntfId intf = p4RtPortMappingStatus_->p4PortIdToIntfId(port.value);
+    const Interface::IntfId intf = inputs_.p4RtPortMappingStatus->p4PortIdToIntfId(port.value);
     traceMatchEgressIntf(intf.shortName());
     match.egressIntfIs(intf, true);
   }
@@ -235,12 +223,13 @@ void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
 
 // The order decides what a failure leaves behind: one before the VRF is booked leaves nothing. The plain
 // actions whose lines stand before the output action are copied before that, the others after it.
-void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry,
+void OstraSm::buildActions(const HashedKey& key, const OstraConfigEntry& entry,
                            OpenFlowTable::Actions& actions) {
   copyActions<Action{}, Action::outputIntf_>(entry.actions, actions);
   if (entry.outputGiven()) {
-    validationHelper_->validatePortId(entry.entryHandle, entry.outputPort, egressPortName);
-    const Interface::IntfId intf = p4RtPortMappingStatus_->p4PortIdToIntfId(entry.outputPort);
+    inputs_.validationHelper->validatePortId(entry.entryHandle, entry.outputPort, egressPortName);
+    const Interface::IntfId intf =
+        inputs_.p4RtPortMappingStatus->p4PortIdToIntfId(entry.outputPort);
     traceOutput(entry.outputPort, intf);
     actions.outputIntfIs(intf, true);
   }
@@ -251,7 +240,7 @@ void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraC
     actions.vlanIdIs(Bridging::VlanIdOrNone{entry.vlanId}, true);
   }
   traceVlan(entry.vlanId, actions.vlanId());
-  handleVrfChange(key, hash, entry.vrfGiven, entry.vrfId, entry.entryHandle);
+  handleVrfChange(key, entry.vrfGiven, entry.vrfId, entry.entryHandle);
   copyActions<Action::outputIntf_, Action::count_>(entry.actions, actions);
   if (entry.memberGiven) {
     actions.groupIs(memberGroupId(entry.memberId), true);
@@ -261,32 +250,39 @@ void OstraSm::buildActions(const OstraKey& key, std::uint32_t hash, const OstraC
   }
 }
 
-void OstraSm::deleteFlow(const OstraKey& key, std::uint32_t hash) {
-  const std::optional<std::uint64_t> mapped = index_.handle(key, hash);
+void OstraSm::deleteFlow(const HashedKey& key) {
+  const std::optional<std::uint64_t> mapped = index_->handle(key);
   if (!mapped) {
-    traceNotMapped(key);
-    batchStatus_->markTransactionSucceeded(P4Runtime::EntryHandle{});
+    traceNotMapped(key.key);
+    inputs_.batchStatus->markTransactionSucceeded(P4Runtime::EntryHandle{});
     return;
   }
   const P4Runtime::EntryHandle handle{*mapped};
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
-  if (cxHwConfig_->flowEntry(name) == nullptr) {
-    // The key stays mapped: whoever removed the flow behind our back did not release its VRF.
+  if (inputs_.cxHwConfig->flowEntry(name) == nullptr) {
+    // Whoever removed the flow did not release its VRF, so the key stays mapped.
     traceNotPresent(name.text());
-    batchStatus_->markTransactionSucceeded(handle);
+    inputs_.batchStatus->markTransactionSucceeded(handle);
     return;
   }
   traceDelete(name.text());
-  cxHwConfig_->flowEntryDel(name);
-  telemetry_->newTransactionTimestamp(handle, P4Runtime::TelemetryTimestampType::configured_);
-  handleVrfChange(key, hash, false, 0, handle);
-  index_.handleDel(key, hash);
+  const FlowWatch watch{inputs_.cxHwConfig->flowEntryNotifiees(), name.text()};
+  inputs_.cxHwConfig->flowEntryDel(name);
+  inputs_.telemetry->newTransactionTimestamp(handle,
+                                             P4Runtime::TelemetryTimestampType::configured_);
+  const bool writtenAgain =
+      watch.overtaken() && findRow(inputs_.ostraConfigTable, key.key) != nullptr;
+  if (writtenAgain || index_->handle(key) != mapped) {
+    return;  // by a reactor, and the books are those of the new flow
+  }
+  handleVrfChange(key, false, 0, handle);
+  index_->handleDel(key);
 }
 
-void OstraSm::handleVrfChange(const OstraKey& key, std::uint32_t hash, bool newValid,
-                              Vrf::VrfIdMap::VrfId newVrf, P4Runtime::EntryHandle handle) {
-  const std::optional<Vrf::VrfIdMap::VrfId> oldVrf = index_.vrf(key, hash);
+void OstraSm::handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
+                              P4Runtime::EntryHandle handle) {
+  const std::optional<Vrf::VrfIdMap::VrfId> oldVrf = index_->vrf(key);
   if (!oldVrf && !newValid) {
     return;
   }
@@ -294,48 +290,48 @@ void OstraSm::handleVrfChange(const OstraKey& key, std::uint32_t hash, bool newV
     return;
   }
   Vrf::VrfIdMap::VrfId statusVrf = Vrf::VrfIdMap::none;
-  if (oldVrf && releaseVrf(key, hash, *oldVrf, handle)) {
+  if (oldVrf && releaseVrf(key, *oldVrf, handle)) {
     statusVrf = *oldVrf;
   }
-  if (newValid && takeVrf(key, hash, newVrf, handle)) {
+  if (newValid && takeVrf(key, newVrf, handle)) {
     statusVrf = newVrf;
   }
   if (statusVrf != Vrf::VrfIdMap::none) {
     traceRootStatus(statusVrf, handle);
-    ostraStatusInfo_->dependentHandleToVrfMapIs(handle, statusVrf);
+    inputs_.ostraStatusInfo->dependentHandleToVrfMapIs(handle, statusVrf);
   }
 }
 
-bool OstraSm::releaseVrf(const OstraKey& key, std::uint32_t hash, Vrf::VrfIdMap::VrfId vrf,
+bool OstraSm::releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf,
                          P4Runtime::EntryHandle handle) {
-  const bool last =
-      vrfIdCollection_->vrfIdRefCount(vrf) == 1U && !vrfIdCollection_->vrfDeletorRootHandle(vrf);
+  const bool last = inputs_.vrfIdCollection->vrfIdRefCount(vrf) == 1U &&
+                    !inputs_.vrfIdCollection->vrfDeletorRootHandle(vrf);
   if (last) {
-    vrfIdCollection_->vrfDeletorRootHandleIs(vrf, handle);
+    inputs_.vrfIdCollection->vrfDeletorRootHandleIs(vrf, handle);
     markDependent(handle);
   }
-  const std::uint32_t count = vrfIdCollection_->vrfIdRefCountDec(vrf, 1);
-  index_.vrfDel(key, hash);
+  const std::uint32_t count = inputs_.vrfIdCollection->vrfIdRefCountDec(vrf, 1);
+  index_->vrfDel(key);
   traceDelVrf(vrf, count);
   return last;
 }
 
-bool OstraSm::takeVrf(const OstraKey& key, std::uint32_t hash, Vrf::VrfIdMap::VrfId vrf,
+bool OstraSm::takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf,
                       P4Runtime::EntryHandle handle) {
-  const bool first = vrfIdCollection_->vrfIdRefCount(vrf).value_or(0) == 0 &&
-                     !vrfIdCollection_->vrfCreatorRootHandle(vrf);
+  const bool first = inputs_.vrfIdCollection->vrfIdRefCount(vrf).value_or(0) == 0 &&
+                     !inputs_.vrfIdCollection->vrfCreatorRootHandle(vrf);
   if (first) {
-    vrfIdCollection_->vrfCreatorRootHandleIs(vrf, handle);
+    inputs_.vrfIdCollection->vrfCreatorRootHandleIs(vrf, handle);
     markDependent(handle);
   }
-  index_.vrfIs(key, hash, vrf);
-  const std::uint32_t count = vrfIdCollection_->vrfIdRefCountInc(vrf, 1);
+  index_->vrfIs(key, vrf);
+  const std::uint32_t count = inputs_.vrfIdCollection->vrfIdRefCountInc(vrf, 1);
   traceAddVrf(vrf, count);
   return first;
 }
 
 void OstraSm::markDependent(P4Runtime::EntryHandle handle) {
-  if (const auto root = batchStatus_->aggregatorStatus().rootStatusEntry(handle)) {
+  if (const auto root = inputs_.batchStatus->aggregatorStatus().rootStatusEntry(handle)) {
     root->dependentEntryHandleIs(handle, true);
   } else {
     traceNoRoot(handle);  // no batch waits for this entry, so there is no result to hold back

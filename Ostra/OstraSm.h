@@ -1,17 +1,18 @@
 // The flow state machine: turns the entries of one flow configuration table into Corvex flows.
 //
 // Thread and process rule: the activity thread of the hosting service.
-// Ownership: holds references to its inputs; the Corvex flows belong to the hardware configuration and
+// Ownership: holds references to its inputs. The Corvex flows belong to the hardware configuration and
 // stay there when the state machine goes.
 // Invariants: every Corvex flow that it writes is named after its entry's handle (FlowUtil.h), and the
 // key is mapped to that handle before the flow is written.
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <utility>
 
-#include "Ostra/FlowIndex.h"
+#include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"
 #include "platform/CorvexConfig/Config.h"
 #include "platform/Korm/Dir.h"
@@ -25,107 +26,94 @@
 
 namespace Ostra {
 
-class OstraStatusInfo;
+class FlowIndex;
+struct HashedKey;
 
 class OstraSm final : public Korm::Entity {
  public:
-  // Stores the inputs, watches the table, and reconciles Corvex with it. Inputs may be null: without a
-  // table it never sees a change, without a hardware configuration it has nowhere to write flows. The
-  // service's own objects are needed as soon as there is a flow to translate. When reconciliation
-  // raises, nothing is left behind but what was already written to Corvex and the service's books.
-  OstraSm(Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig,
-          Korm::Ptr<CorvexConfig::Config> cxConfig, Korm::Ptr<const Korm::Dir> cxHwStatusDir,
-          const Korm::Ptr<OstraConfig>& ostraConfigTable,
-          Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection,
-          Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus,
-          Korm::Ptr<P4Runtime::ValidationHelper> validationHelper,
-          Korm::Ptr<OstraStatusInfo> ostraStatusInfo, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-          Korm::Ptr<P4Runtime::Telemetry> telemetry);
+  // What a state machine works on. Any may be null. Without a table it never sees a change, and without
+  // a hardware configuration it has nowhere to write flows. The service's own objects (from
+  // `vrfIdCollection` on) are needed as soon as there is a flow to translate.
+  struct Inputs {
+    Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
+    Korm::Ptr<CorvexConfig::Config> cxConfig;
+    Korm::Ptr<const Korm::Dir> cxHwStatusDir;
+    Korm::Ptr<OstraConfig> ostraConfigTable;
+    Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection;
+    Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus;
+    Korm::Ptr<P4Runtime::ValidationHelper> validationHelper;
+    Korm::Ptr<OstraStatusInfo> ostraStatusInfo;
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
+    Korm::Ptr<P4Runtime::Telemetry> telemetry;
+
+    friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
+  };
+
+  // Watches the table and reconciles Corvex with it. When reconciliation throws, nothing is left behind
+  // but what was already written to Corvex and the service's books.
+  explicit OstraSm(Inputs inputs);
   ~OstraSm() override;
 
+  [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
   // The watched table, or null.
-  [[nodiscard]] Korm::Ptr<OstraConfig> ostraConfigTable() const noexcept {
-    return reactor_ ? reactor_->table : nullptr;
-  }
-  [[nodiscard]] const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo() const noexcept {
-    return ostraStatusInfo_;
+  [[nodiscard]] const Korm::Ptr<OstraConfig>& ostraConfigTable() const noexcept {
+    return inputs_.ostraConfigTable;
   }
 
   // The VRF in which the flow of a key lives, Vrf::VrfIdMap::none for none.
-  [[nodiscard]] Vrf::VrfIdMap::VrfId vrfId(const OstraKey& key) const noexcept {
-    return index_.vrf(key, key.hash(0)).value_or(Vrf::VrfIdMap::none);
-  }
-  void vrfIdIs(const OstraKey& key, Vrf::VrfIdMap::VrfId vrf) {
-    index_.vrfIs(key, key.hash(0), vrf);
-  }
+  [[nodiscard]] Vrf::VrfIdMap::VrfId vrfId(const OstraKey& key) const noexcept;
+  void vrfIdIs(const OstraKey& key, Vrf::VrfIdMap::VrfId vrf);
   // The VRF removed, Vrf::VrfIdMap::none when there was none.
-  Vrf::VrfIdMap::VrfId vrfIdDel(const OstraKey& key) noexcept {
-    return index_.vrfDel(key, key.hash(0));
-  }
-  void vrfIdDelAll() noexcept { index_.vrfDelAll(); }
+  Vrf::VrfIdMap::VrfId vrfIdDel(const OstraKey& key) noexcept;
+  void vrfIdDelAll() noexcept;
 
   // The entry handle under which the flow of a key was written, if it was.
   [[nodiscard]] std::optional<std::uint64_t> flowKeyToEntryHandle(
-      const OstraKey& key) const noexcept {
-    return index_.handle(key, key.hash(0));
-  }
-  void flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle) {
-    index_.handleIs(key, key.hash(0), handle);
-  }
+      const OstraKey& key) const noexcept;
+  void flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle);
   // The handle removed, 0 when there was none.
-  std::uint64_t flowKeyToEntryHandleDel(const OstraKey& key) noexcept {
-    return index_.handleDel(key, key.hash(0));
-  }
-  void flowKeyToEntryHandleDelAll() noexcept { index_.handleDelAll(); }
+  std::uint64_t flowKeyToEntryHandleDel(const OstraKey& key) noexcept;
+  void flowKeyToEntryHandleDelAll() noexcept;
 
   // Set once the start-up reconciliation has begun.
   [[nodiscard]] bool initialized() const noexcept { return initialized_; }
   void initializedIs(bool initialized) noexcept { initialized_ = initialized; }
 
-  // Brings Corvex in line with the table for one key, inserted, changed or removed. Entry errors are
-  // recorded in the batch status; a Korm::RangeException leaves to the caller.
+  // Brings Corvex in line with the table for one key, whether its entry was inserted, changed or
+  // removed. Entry errors are recorded in the batch status.
+  // Throws: Korm::RangeException for an entry with a value out of range.
   void handleFlowConfig(const OstraKey& key);
 
   // Asserts every invariant of the indexes.
-  void verify() const { index_.verify(); }
+  void verify() const;
 
  private:
+  // Switches the reactor on the table.
   void onNotificationActive(bool active) override;
-  // The reactor on the table, with its reference to it.
-  struct TableReactor {
-    TableReactor(OstraSm& sm, const Korm::Ptr<OstraConfig>& watched)
-        : table{watched}, notifiee{sm, watched->entryNotifiees()} {}
-    Korm::Ptr<OstraConfig> table;
-    Korm::MemberNotifiee<OstraSm, &OstraSm::handleFlowConfig, const OstraKey&> notifiee;
-  };
 
   // Start-up: enables Corvex, deletes the flows that the table does not know, translates all entries.
   void handleInitialized();
   void deleteStaleFlows();
-  template <class Handle>
-  void forEachEntry(Handle handle) const;
 
-  // The work for one key, with its hash. Raises entry errors and range exceptions.
-  void handleFlowConfigImpl(const OstraKey& key, std::uint32_t hash);
-  void insertFlow(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry);
-  void deleteFlow(const OstraKey& key, std::uint32_t hash);
+  // The work for one key. Throws entry errors and range exceptions.
+  void handleFlowConfigImpl(const HashedKey& key);
+  void insertFlow(const HashedKey& key, const OstraConfigEntry& entry);
+  void deleteFlow(const HashedKey& key);
   void buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
                   OpenFlowTable::Match& match) const;
-  void buildActions(const OstraKey& key, std::uint32_t hash, const OstraConfigEntry& entry,
+  void buildActions(const HashedKey& key, const OstraConfigEntry& entry,
                     OpenFlowTable::Actions& actions);
 
   // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. The batch should
-  // hold the handle when the flow is its VRF's first or last; else nobody hears of the dependence.
-  void handleVrfChange(const OstraKey& key, std::uint32_t hash, bool newValid,
-                       Vrf::VrfIdMap::VrfId newVrf, P4Runtime::EntryHandle handle);
+  // hold the handle when the flow is its VRF's first or last; otherwise nobody hears of the dependence.
+  void handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
+                       P4Runtime::EntryHandle handle);
   // Each marks the entry in its root status entry, and returns true, if it is the VRF's last or first.
-  bool releaseVrf(const OstraKey& key, std::uint32_t hash, Vrf::VrfIdMap::VrfId vrf,
-                  P4Runtime::EntryHandle handle);
-  bool takeVrf(const OstraKey& key, std::uint32_t hash, Vrf::VrfIdMap::VrfId vrf,
-               P4Runtime::EntryHandle handle);
+  bool releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
+  bool takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   void markDependent(P4Runtime::EntryHandle handle);
 
-  // Checks; each raises an entry error through the validation helper. OstraSmValidation.cpp.
+  // Checks; each throws an entry error through the validation helper. OstraSmValidation.cpp.
   void validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle) const;
   void validatePortAndMask(P4Runtime::EntryHandle handle, P4Runtime::P4PortId portId,
                            P4Runtime::P4PortId mask, const Korm::String& fieldName) const;
@@ -134,29 +122,19 @@ class OstraSm final : public Korm::Entity {
                           const OstraConfigEntry& entry) const;
   [[nodiscard]] bool groupReady(OpenFlowTable::GroupId id) const;
 
-  // Inputs, constant after construction, in the order in which they are taken.
-  const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig_;
-  const Korm::Ptr<CorvexConfig::Config> cxConfig_;
-  const Korm::Ptr<const Korm::Dir> cxHwStatusDir_;
-  std::optional<TableReactor> reactor_;  // none without a table
-  const Korm::Ptr<P4Runtime::VrfIdCollection> vrfIdCollection_;
-  const Korm::Ptr<const P4RuntimeConfig::PortMappingStatus> p4RtPortMappingStatus_;
-  const Korm::Ptr<P4Runtime::ValidationHelper> validationHelper_;
-  const Korm::Ptr<OstraStatusInfo> ostraStatusInfo_;
-  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
-  const Korm::Ptr<P4Runtime::Telemetry> telemetry_;
-
-  // The activity thread.
-  FlowIndex index_;
+  // Destroyed in reverse: the reactor first, the inputs last.
+  const Inputs inputs_;
+  const std::unique_ptr<FlowIndex> index_;
   bool initialized_ = false;
+  // There when there is a table.
+  std::optional<Korm::MemberNotifiee<OstraSm, &OstraSm::handleFlowConfig, const OstraKey&>>
+      reactor_;
 };
 
-// A state machine with its notifications on; the inputs are the constructor's arguments.
+// A state machine with its notifications on. The arguments are the members of OstraSm::Inputs, in order.
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraSm> OstraSmIs(Inputs&&... inputs) {
-  auto sm = Korm::makePtr<OstraSm>(std::forward<Inputs>(inputs)...);
-  sm->hasNotificationActiveIs(true);
-  return sm;
+  return Korm::makeActive<OstraSm>(OstraSm::Inputs{std::forward<Inputs>(inputs)...});
 }
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraSm> ostraSmFactory(Inputs&&... inputs) {

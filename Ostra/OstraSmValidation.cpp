@@ -4,9 +4,10 @@
 #include <array>
 #include <optional>
 
-#include "Ostra/EtherType.h"
 #include "Ostra/OstraSm.h"
+#include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/EtherType.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 
 namespace Ostra {
@@ -15,13 +16,19 @@ namespace {
 using P4Runtime::ErrorCode;
 
 constexpr std::string_view scope = "OstraSm::";
+constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
 
-constinit Brisklog::TracePoint traceKey{traceHandle, TraceLevel::routine, scope, "validateFlowKey"};
-constinit Brisklog::TracePoint traceAction{traceHandle, TraceLevel::routine, scope,
-                                           "validateFlowAction"};
+constinit Brisklog::TracePoint traceKey{
+    traceHandle, TraceLevel::routine, scope, "validateFlowKey", "", unit};
+constinit Brisklog::TracePoint traceAction{
+    traceHandle, TraceLevel::routine, scope, "validateFlowAction", "", unit};
 constinit Brisklog::TracePoint traceNoVerdict{
-    traceHandle, TraceLevel::failure, "", "validateFlowKey",
-    " etherTypeIgnored: %s isIpEtherType: %s isIpPacketIgnored: %s isIpPacket: %s"};
+    traceHandle,
+    TraceLevel::failure,
+    "",
+    "validateFlowKey",
+    " etherTypeIgnored: %s isIpEtherType: %s isIpPacketIgnored: %s isIpPacket: %s",
+    unit};
 
 constexpr const char* etherTypeName = matchFieldName(MatchFieldId::etherType_);
 constexpr const char* isIpPacketName = "local.metadata.isIpPacket";
@@ -64,7 +71,7 @@ const IpVerdict& ipVerdict(const MatchField<std::uint16_t>& etherType,
   }
   traceNoVerdict(!etherType.constrained(), EtherType::isIp(etherType.value),
                  !isIpPacket.constrained(), isIpPacket.value);
-  Korm::assertionFailed("false", Korm::sourceUnit(__builtin_FILE()), __builtin_LINE());
+  Korm::assertionFailed("false", unit, __builtin_LINE());
 }
 
 constexpr std::size_t needyFieldCount = static_cast<std::size_t>(
@@ -135,13 +142,13 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
   traceKey();
   const MatchField<std::uint16_t> etherType = key.etherType();
   if (etherType.constrained() && etherType.mask != EtherType::exactMask) {
-    validationHelper_->throwEntryErrorException(
+    inputs_.validationHelper->throwEntryErrorException(
         handle, ErrorCode::invalidMask_,
         Korm::String{etherTypeName} + " should be a wildcard or an exact value");
   }
   const IpVerdict& verdict = ipVerdict(etherType, key.isIpPacket());
   if (verdict.reason == nullptr) {
-    validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, isIpPacketName);
+    inputs_.validationHelper->throwUndefinedEntryBehavior(handle, etherTypeName, isIpPacketName);
   }
   for (const MatchFieldId field : needyFields) {
     const MatchNeeds needs = matchFieldInfo(field).needs;
@@ -149,15 +156,16 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
       continue;
     }
     if (needs == MatchNeeds::ipPacket_) {
-      validationHelper_->throwNotAllowedEntryBehavior(handle, verdict.reason,
-                                                      matchFieldName(field));
+      inputs_.validationHelper->throwNotAllowedEntryBehavior(handle, verdict.reason,
+                                                             matchFieldName(field));
     }
-    validationHelper_->throwUndefinedEntryBehavior(handle, etherTypeName, matchFieldName(field));
+    inputs_.validationHelper->throwUndefinedEntryBehavior(handle, etherTypeName,
+                                                          matchFieldName(field));
   }
   if (const auto field = fieldOfWrongFamily(key)) {
     const char* const family =
         addressFamily(*field) == Korm::AddressFamily::ipv4_ ? "an IPv4" : "an IPv6";
-    validationHelper_->throwEntryErrorException(
+    inputs_.validationHelper->throwEntryErrorException(
         handle, ErrorCode::invalidArgument_,
         Korm::String{matchFieldName(*field)} + " should be " + family + " address");
   }
@@ -165,15 +173,16 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
 
 void OstraSm::validatePortAndMask(P4Runtime::EntryHandle handle, P4Runtime::P4PortId portId,
                                   P4Runtime::P4PortId mask, const Korm::String& fieldName) const {
-  const Korm::Ptr<P4Runtime::ValidationHelper> helper = validationHelper_;
+  const Korm::Ptr<P4Runtime::ValidationHelper> helper = inputs_.validationHelper;
   helper->validatePortIdMask(handle, mask, fieldName);
   helper->validatePortId(handle, portId, fieldName);
 }
 
 bool OstraSm::groupReady(OpenFlowTable::GroupId id) const {
-  const bool configured = cxHwConfig_->groupEntry(id) != nullptr;
-  const auto status =
-      cxHwStatusDir_ ? cxHwStatusDir_->entityPtr<OpenFlowTable::HwStatus>("p4rt") : nullptr;
+  const bool configured = inputs_.cxHwConfig->groupEntry(id) != nullptr;
+  const auto status = inputs_.cxHwStatusDir
+                          ? inputs_.cxHwStatusDir->entityPtr<OpenFlowTable::HwStatus>(p4rtName)
+                          : nullptr;
   if (!configured || !status) {
     return false;
   }
@@ -190,8 +199,8 @@ void OstraSm::validateFlowAction(const OpenFlowTable::Actions& actions,
   }
   const Korm::String reference = entry.memberGiven ? "Member id: " + std::to_string(entry.memberId)
                                                    : "Group id: " + std::to_string(entry.groupId);
-  validationHelper_->throwEntryErrorException(entry.entryHandle, ErrorCode::notFound_,
-                                              reference + " is not found");
+  inputs_.validationHelper->throwEntryErrorException(entry.entryHandle, ErrorCode::notFound_,
+                                                     reference + " is not found");
 }
 
 }  // namespace Ostra

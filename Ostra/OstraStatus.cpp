@@ -12,6 +12,18 @@ P4Runtime::ErrorCode readErrorCode(StrepReader& reader) {
   return reader.attribute("errorCode", P4Runtime::parseErrorCode);
 }
 
+// A number inside the key that is out of range is an error of the attribute "key".
+OstraKey readKey(StrepReader& reader) {
+  try {
+    return reader.attribute("key", [](auto& at, auto stop) { return OstraKey{at, stop}; });
+  } catch (const Korm::DeserializationException& error) {
+    if (error.attribute() == "key") {
+      throw;
+    }
+    throw Korm::DeserializationException{"key", error.what()};
+  }
+}
+
 // Writes one attribute from a text that holds its value and nothing else.
 template <auto member, auto read>
 void write(OstraStatusEntry& entry, const std::string& text) {
@@ -56,7 +68,7 @@ OstraStatusEntry::OstraStatusEntry(std::string::const_iterator& current,
   reader.literal(", 'deleted': ");
   deleted = reader.boolAttribute("deleted");
   reader.literal(", 'key': ");
-  key_ = reader.attribute("key", [](auto& at, auto stop) { return OstraKey{at, stop}; });
+  key_ = readKey(reader);
   reader.literal("})");
 }
 
@@ -99,8 +111,9 @@ OstraStatus::OstraStatus(Korm::Name name)
       tableDelCount_{counters_.counter("tableDel")},
       tableNotifyCount_{counters_.counter("tableNotify")},
       binding_{"table", *this},
-      tableControl_{Korm::makePtr<KormVasta::CollectionControl>()},
-      zeroReferencesNotifiee_{*this} {}
+      zeroReferencesNotifiee_{*this} {
+  tableControlIs(Korm::makePtr<KormVasta::CollectionControl>());
+}
 
 // Makes a change whose corruption goes to the corruption handler. A corruption that an observer throws once
 // it has been told is no concern of this table and leaves.
@@ -171,17 +184,21 @@ void OstraStatus::tableNotifyMountStatus() {
 }
 
 void OstraStatus::tableControlIs(Korm::Ptr<KormVasta::CollectionControl> control) {
-  if (tableControl_ != control) {
-    tableControl_ = std::move(control);
+  if (tableControl_ == control) {
+    return;
   }
+  tableControl_ = std::move(control);
+  tableNotifyQuiesced(binding_.table().isQuiesced());
+  tableNotifyMountStatus();
 }
 
-const Korm::Ptr<OstraStatus>& OstraStatusTableColl::ostraStatus(std::uint8_t index) const noexcept {
+const Korm::Ptr<OstraStatus>& OstraStatusTableColl::ostraStatus(
+    std::uint64_t index) const noexcept {
   Korm::assertTrue(index < slots, "a status table slot is less than 16");
   return ostraStatus_[index];
 }
 
-void OstraStatusTableColl::ostraStatusIs(std::uint8_t index, Korm::Ptr<OstraStatus> status) {
+void OstraStatusTableColl::ostraStatusIs(std::uint64_t index, Korm::Ptr<OstraStatus> status) {
   Korm::assertTrue(index < slots, "a status table slot is less than 16");
   if (ostraStatus_[index] != status) {
     ostraStatus_[index] = std::move(status);
@@ -189,34 +206,26 @@ void OstraStatusTableColl::ostraStatusIs(std::uint8_t index, Korm::Ptr<OstraStat
   }
 }
 
-Korm::Ptr<OstraStatus> OstraStatusTableColl::ostraStatusDel(std::uint8_t index) {
+Korm::Ptr<OstraStatus> OstraStatusTableColl::ostraStatusDel(std::uint64_t index) {
   Korm::Ptr<OstraStatus> removed = ostraStatus(index);
   ostraStatusIs(index, nullptr);
   return removed;
 }
 
 void OstraStatusTableColl::ostraStatusDelAll() {
-  for (std::uint8_t index = 0; index < slots; ++index) {
+  for (std::size_t index = 0; index < slots; ++index) {
     ostraStatusIs(index, nullptr);
   }
 }
 
 Korm::Ptr<OstraStatus> ostraStatusFactory(Korm::Name name) {
-  auto status = Korm::makePtr<OstraStatus>(std::move(name));
-  status->hasNotificationActiveIs(true);
-  return status;
+  return Korm::makeActive<OstraStatus>(std::move(name));
 }
 
 Korm::Ptr<OstraStatusTableColl> ostraStatusTableCollFactory(Korm::Name name) {
-  auto coll = Korm::makePtr<OstraStatusTableColl>(std::move(name));
-  coll->hasNotificationActiveIs(true);
-  return coll;
+  return Korm::makeActive<OstraStatusTableColl>(std::move(name));
 }
 
-Korm::Ptr<OstraStatusInfo> ostraStatusInfoFactory() {
-  auto info = Korm::makePtr<OstraStatusInfo>();
-  info->hasNotificationActiveIs(true);
-  return info;
-}
+Korm::Ptr<OstraStatusInfo> ostraStatusInfoFactory() { return Korm::makeActive<OstraStatusInfo>(); }
 
 }  // namespace Ostra

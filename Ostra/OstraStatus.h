@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <iosfwd>
 #include <iterator>
-#include <optional>
 #include <span>
 #include <string>
 #include <type_traits>
@@ -121,7 +120,7 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   void tableNotifyQuiesced(bool quiesced) override;
   void tableNotifyMountStatus() override;
 
-  // What the service last said of the table. Null once the entity has lost its last outside reference.
+  // Shows the state of the table, from the moment that it is set. Null once the entity has lost its last outside reference.
   [[nodiscard]] const Korm::Ptr<KormVasta::CollectionControl>& tableControl() const noexcept {
     return tableControl_;
   }
@@ -162,12 +161,12 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
   using NamedEntity::NamedEntity;
 
   // An index of sixteen or more is a programming error and asserts.
-  [[nodiscard]] const Korm::Ptr<OstraStatus>& ostraStatus(std::uint8_t index) const noexcept;
+  [[nodiscard]] const Korm::Ptr<OstraStatus>& ostraStatus(std::uint64_t index) const noexcept;
   // Fills the slot (null empties it), lets go of what was there and tells the observers the index.
   // Nothing happens when the slot holds this very table.
-  void ostraStatusIs(std::uint8_t index, Korm::Ptr<OstraStatus> status);
+  void ostraStatusIs(std::uint64_t index, Korm::Ptr<OstraStatus> status);
   // Empties the slot and tells the observers; the table that was there, or null, and then nobody hears.
-  Korm::Ptr<OstraStatus> ostraStatusDel(std::uint8_t index);
+  Korm::Ptr<OstraStatus> ostraStatusDel(std::uint64_t index);
   // Empties each occupied slot, in index order.
   void ostraStatusDelAll();
 
@@ -240,11 +239,10 @@ class OstraStatusInfo final : public Korm::Entity {
   [[nodiscard]] const DependentHandles& dependentHandleToVrfMap() const noexcept {
     return dependentHandleToVrfMap_;
   }
-  // Nothing for an entry that is not there.
-  [[nodiscard]] std::optional<VrfId> dependentHandleToVrfMap(
-      P4Runtime::EntryHandle handle) const noexcept {
+  // Vrf::VrfIdMap::none for an entry that is not there.
+  [[nodiscard]] VrfId dependentHandleToVrfMap(P4Runtime::EntryHandle handle) const noexcept {
     const VrfId* const vrf = dependentHandleToVrfMap_.find(handle);
-    return vrf == nullptr ? std::nullopt : std::optional{*vrf};
+    return vrf == nullptr ? Vrf::VrfIdMap::none : *vrf;
   }
   // Inserts or overwrites. Each change tells the observers the handle.
   void dependentHandleToVrfMapIs(P4Runtime::EntryHandle handle, VrfId vrf) {

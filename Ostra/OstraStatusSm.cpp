@@ -8,82 +8,90 @@
 #include <utility>
 
 #include "Ostra/FlowUtil.h"
+#include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/TableRows.h"
 
 namespace Ostra {
 namespace {
 
+using Brisklog::TracePoint;
 using OpenFlowTable::FlowStatus;
 using OpenFlowTable::GroupStatus;
 using P4Runtime::EntryHandle;
 using P4Runtime::ErrorCode;
 
-constexpr const char* p4rtStatus = "p4rt";
-
+constexpr const char* unit = "Ostra/OstraStatus";  // an operator sees one unit, however it is cut
 constexpr std::string_view scope = "OstraStatusSm::";
 constexpr std::string_view flowHandler = "handleFlowHwStatus";
 constexpr std::string_view groupHandler = "handleGroupHwStatus";
+constexpr int routine = TraceLevel::routine;
+constexpr int groupLevel = TraceLevel::groupStatus;
 
-constinit Brisklog::TracePoint started{traceHandle, TraceLevel::routine, scope,
-                                       "handleInitialized"};
-constinit Brisklog::TracePoint allFlows{traceHandle, TraceLevel::routine, scope, flowHandler};
-constinit Brisklog::TracePoint flowDeleted{traceHandle, TraceLevel::routine, scope, flowHandler,
-                                           "Delete status update for flow: %s"};
-constinit Brisklog::TracePoint flowChanged{traceHandle, TraceLevel::routine, scope, flowHandler,
-                                           " Modify/insert status update for flow: %s status: %s"};
-constinit Brisklog::TracePoint flowDependent{traceHandle, TraceLevel::routine, "", flowHandler,
-                                             " dependentHandle:%s vrfId:%s"};
+constinit TracePoint traceInitialized{traceHandle, routine, scope, "handleInitialized", "", unit};
+constinit TracePoint traceAllFlows{traceHandle, routine, scope, flowHandler, "", unit};
+constinit TracePoint traceFlowDeleted{
+    traceHandle, routine, scope, flowHandler, "Delete status update for flow: %s", unit};
+constinit TracePoint traceFlowChanged{traceHandle,
+                                      routine,
+                                      scope,
+                                      flowHandler,
+                                      " Modify/insert status update for flow: %s status: %s",
+                                      unit};
+constinit TracePoint traceDependent{
+    traceHandle, routine, "", flowHandler, " dependentHandle:%s vrfId:%s", unit};
 
-constinit Brisklog::TracePoint allGroups{traceHandle, TraceLevel::routine, scope, groupHandler};
-constinit Brisklog::TracePoint oneGroup{traceHandle, TraceLevel::routine, scope, groupHandler,
-                                        " groupId: %s"};
-constinit Brisklog::TracePoint groupUnknown{traceHandle, TraceLevel::groupStatus, "", "",
-                                            "group not in p4rt table for OF groupId: %s"};
-constinit Brisklog::TracePoint memberUnknown{traceHandle, TraceLevel::groupStatus, "", "",
-                                             "member not in p4rt table for OF groupId: %s"};
-constinit Brisklog::TracePoint groupDeleted{traceHandle, TraceLevel::groupStatus, "", "",
-                                            " group status deleted for group: %s"};
-constinit Brisklog::TracePoint groupChanged{traceHandle, TraceLevel::groupStatus, "", "",
-                                            "group status update for flow: %s status: %s"};
+constinit TracePoint traceAllGroups{traceHandle, routine, scope, groupHandler, "", unit};
+constinit TracePoint traceGroup{traceHandle, routine, scope, groupHandler, " groupId: %s", unit};
+constinit TracePoint traceGroupUnknown{
+    traceHandle, groupLevel, "", "", "group not in p4rt table for OF groupId: %s", unit};
+constinit TracePoint traceMemberUnknown{
+    traceHandle, groupLevel, "", "", "member not in p4rt table for OF groupId: %s", unit};
+constinit TracePoint traceGroupDeleted{
+    traceHandle, groupLevel, "", "", " group status deleted for group: %s", unit};
+constinit TracePoint traceGroupChanged{
+    traceHandle, groupLevel, "", "", "group status update for flow: %s status: %s", unit};
 
+constexpr std::string_view dirClass = "OstraStatusDirSm";
 constexpr std::string_view dirScope = "OstraStatusDirSm::";
-constinit Brisklog::TracePoint dirStarted{traceHandle, TraceLevel::routine, dirScope,
-                                          "handleInitialized"};
-constinit Brisklog::TracePoint wholeDir{traceHandle, TraceLevel::routine, dirScope,
-                                        "handleStatusDir"};
-constinit Brisklog::TracePoint oneOfDir{traceHandle, TraceLevel::routine, dirScope,
-                                        "handleStatusDir", " %s"};
-constinit Brisklog::TracePoint smCreated{traceHandle, TraceLevel::routine, "OstraStatusDirSm", "",
-                                         " create statusSm"};
-constinit Brisklog::TracePoint smDeleted{traceHandle, TraceLevel::routine, "OstraStatusDirSm", "",
-                                         " delete statusSm"};
+constexpr std::string_view dirHandler = "handleStatusDir";
 
-// The result of a flow's write by the status of the flow; none where the hardware is still at it.
-constexpr std::array<std::optional<ErrorCode>, 14> flowResults{
-    std::nullopt,                           // pending
-    ErrorCode::success_,                    // programmed
-    ErrorCode::success_,                    // programmed in software
-    std::nullopt,                           // programming
-    std::nullopt,                           // waiting for a group
-    ErrorCode::matchNotSupported_,          // match not supported
-    ErrorCode::actionNotSupported_,         // action not supported
-    ErrorCode::hardwareResourceExhausted_,  // hardware full
-    std::nullopt,                           // waiting for an interface
-    ErrorCode::hardwareError_,              // hardware error
-    ErrorCode::hardwareError_,              // invalid interface
-    ErrorCode::hardwareError_,              // conflict
-    ErrorCode::actionNotSupported_,         // action set not supported
-    std::nullopt,                           // deleting
-};
-static_assert(flowResults.size() == static_cast<std::size_t>(FlowStatus::deleting_) + 1);
+constinit TracePoint traceDirInitialized{traceHandle,         routine, dirScope,
+                                         "handleInitialized", "",      unit};
+constinit TracePoint traceWholeDir{traceHandle, routine, dirScope, dirHandler, "", unit};
+constinit TracePoint traceDirEntity{traceHandle, routine, dirScope, dirHandler, " %s", unit};
+constinit TracePoint traceSmCreated{traceHandle, routine, dirClass, "", " create statusSm", unit};
+constinit TracePoint traceSmDeleted{traceHandle, routine, dirClass, "", " delete statusSm", unit};
 
+// The result of a flow's write by the status of the flow. None while the hardware is still at it.
 [[nodiscard]] constexpr std::optional<ErrorCode> flowResult(FlowStatus status) noexcept {
-  const auto number = static_cast<std::size_t>(status);
-  return number < flowResults.size() ? flowResults[number] : ErrorCode::hardwareError_;
+  switch (status) {
+    case FlowStatus::pending_:
+    case FlowStatus::programming_:
+    case FlowStatus::waitingForGroup_:
+    case FlowStatus::waitingForInterface_:
+    case FlowStatus::deleting_:
+      return std::nullopt;
+    case FlowStatus::programmed_:
+    case FlowStatus::programmedInSoftware_:
+      return ErrorCode::success_;
+    case FlowStatus::matchNotSupported_:
+      return ErrorCode::matchNotSupported_;
+    case FlowStatus::actionNotSupported_:
+    case FlowStatus::actionSetNotSupported_:
+      return ErrorCode::actionNotSupported_;
+    case FlowStatus::hardwareFull_:
+      return ErrorCode::hardwareResourceExhausted_;
+    case FlowStatus::hardwareError_:
+    case FlowStatus::invalidInterface_:
+    case FlowStatus::conflict_:
+      break;
+  }
+  return ErrorCode::hardwareError_;  // also for a status that has no name here
 }
 
-// What the write of a group or member failed of, by the status of the group. Every other status leaves
-// the write's result alone.
+// Why the write of a group or member failed, by the status of its group. Any other status leaves the
+// result of the write alone.
 struct GroupFailure {
   GroupStatus status;
   ErrorCode code;
@@ -97,7 +105,7 @@ constexpr std::array<GroupFailure, 3> groupFailures{{
     {GroupStatus::hardwareError_, ErrorCode::hardwareError_, "Unknown error to program profile"},
 }};
 
-// What stands for a group of the hardware on the controller's side.
+// What a group of the hardware stands for on the controller's side.
 struct Profile {
   bool isMember;
   P4Runtime::MemberOrGroupId id;
@@ -120,78 +128,86 @@ void reportGroupFailure(P4Runtime::BatchStatusEntry& entry, const Profile& profi
   }
 }
 
-// The handle of the entry that wrote a row; nothing when there is no such row, or no table, or the row is
-// corrupt, of which the table's handler hears.
+// Sets a flag while it lives.
+class Settling {
+ public:
+  explicit Settling(bool& flag) noexcept : flag_{flag} { flag_ = true; }
+  ~Settling() { flag_ = false; }
+  Settling(const Settling&) = delete;
+  Settling& operator=(const Settling&) = delete;
+
+ private:
+  bool& flag_;
+};
+
+// The handle of the entry that wrote a row, if there is such a row.
 template <class Table>
 [[nodiscard]] std::optional<EntryHandle> entryHandle(const Korm::Ptr<Table>& table,
                                                      P4Runtime::MemberOrGroupId id) {
-  if (!table) {
-    return std::nullopt;
-  }
-  try {
-    const auto* const row = table->entry(id);
-    return row == nullptr ? std::nullopt : std::optional{row->entryHandle};
-  } catch (const Vasta::Corruption& corruption) {
-    table->reportCorruption(corruption.what());
-    return std::nullopt;
-  }
+  const auto* const row = findRow(table, id);
+  return row == nullptr ? std::nullopt : std::optional{row->entryHandle};
 }
 
 }  // namespace
 
-OstraStatusSm::OstraStatusSm(Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus,
-                             Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                             Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-                             Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-                             Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable)
-    : cxHwStatus_{std::move(cxHwStatus)},
-      batchStatus_{std::move(batchStatus)},
-      ostraStatusInfo_{std::move(ostraStatusInfo)},
-      p4rtEcmpGroupTable_{std::move(p4rtEcmpGroupTable)},
-      p4rtEcmpMemberTable_{std::move(p4rtEcmpMemberTable)},
-      flowStatsReactor_{*this, cxHwStatus_->flowStatsNotifiees()},
-      groupStatsReactor_{*this, cxHwStatus_->groupStatsNotifiees()} {
-  flowStatsReactor_.hasNotificationActiveIs(false);
-  groupStatsReactor_.hasNotificationActiveIs(false);
-  handleInitialized();
-  // After the reports, which may make the service change the status.
+OstraStatusSm::OstraStatusSm(Inputs inputs)
+    : inputs_{std::move(inputs)},
+      flowStatsReactor_{*this, inputs_.cxHwStatus->flowStatsNotifiees()},
+      groupStatsReactor_{*this, inputs_.cxHwStatus->groupStatsNotifiees()} {
+  // Before the first report, which may lead to changes of the status.
   handleCxHwStatus();
+  handleInitialized();
 }
 
 void OstraStatusSm::onNotificationActive(bool active) {
+  const bool mayHaveMissed = active && !cxHwStatusActive();
   flowStatsReactor_.hasNotificationActiveIs(active);
   groupStatsReactor_.hasNotificationActiveIs(active);
-  for (auto& entry : flowReactors_) {
+  for (auto& entry : flowStats_) {
     entry.value.hasNotificationActiveIs(active);
   }
-  for (auto& entry : groupReactors_) {
+  for (auto& entry : groupStats_) {
     entry.value.hasNotificationActiveIs(active);
+  }
+  if (mayHaveMissed) {
+    handleCxHwStatus();
   }
 }
 
 void OstraStatusSm::handleInitialized() {
-  started();
+  traceInitialized();
   initialized_ = true;
   handleFlowHwStatus();
   handleGroupHwStatus();
 }
 
 void OstraStatusSm::handleCxHwStatus() {
-  for (const auto& entry : cxHwStatus_->flowStats()) {
+  const OpenFlowTable::HwStatus& status = *inputs_.cxHwStatus;
+  for (const auto& entry : flowStats_) {
+    if (status.flowStats(entry.key) == nullptr) {
+      flowStatsDel(entry.key);
+    }
+  }
+  for (const auto& entry : groupStats_) {
+    if (status.groupStats(entry.key) == nullptr) {
+      groupStatsDel(entry.key);
+    }
+  }
+  for (const auto& entry : status.flowStats()) {
     flowStatsIs(entry.value);
   }
-  for (const auto& entry : cxHwStatus_->groupStats()) {
+  for (const auto& entry : status.groupStats()) {
     groupStatsIs(entry.value);
   }
 }
 
 void OstraStatusSm::handleFlowHwStatus(const Korm::Name& flowName) {
-  reportFlow(flowName, cxHwStatus_->flowStats(flowName));
+  reportFlow(flowName, inputs_.cxHwStatus->flowStats(flowName));
 }
 
 void OstraStatusSm::handleFlowHwStatus() {
-  allFlows();
-  for (const auto& entry : cxHwStatus_->flowStats()) {
+  traceAllFlows();
+  for (const auto& entry : inputs_.cxHwStatus->flowStats()) {
     reportFlow(entry.key, &entry.value);
   }
 }
@@ -200,9 +216,9 @@ void OstraStatusSm::reportFlow(const Korm::Name& name, const FlowStats* stats) {
   const EntryHandle handle{flowIdFromName(name)};
   std::optional<ErrorCode> result = ErrorCode::success_;
   if (stats == nullptr) {
-    flowDeleted(name);
+    traceFlowDeleted(name);
   } else {
-    flowChanged(name, stats->status());
+    traceFlowChanged(name, stats->status());
     result = flowResult(stats->status());
   }
   if (result) {
@@ -211,33 +227,39 @@ void OstraStatusSm::reportFlow(const Korm::Name& name, const FlowStats* stats) {
 }
 
 void OstraStatusSm::reportResult(EntryHandle handle, ErrorCode code) {
-  const auto vrf =
-      ostraStatusInfo_ ? ostraStatusInfo_->dependentHandleToVrfMap(handle) : std::nullopt;
-  if (vrf) {
-    reportDependentResult(handle, *vrf, code);
-  } else if (batchStatus_) {
-    batchStatus_->markTransaction(handle, code, "");
+  const auto& info = inputs_.ostraStatusInfo;
+  if (info && info->dependentHandleToVrfMap().find(handle) != nullptr) {
+    reportDependentResult(handle, code);
+  } else if (inputs_.batchStatus) {
+    inputs_.batchStatus->markTransaction(handle, code, "");
   }
 }
 
-void OstraStatusSm::reportDependentResult(EntryHandle handle, Vrf::VrfIdMap::VrfId vrf,
-                                          ErrorCode code) {
-  flowDependent(handle, vrf);
-  const Korm::Ptr<OstraStatusInfo> info =
-      ostraStatusInfo_;  // outlives this state machine if need be
-  if (batchStatus_) {
-    if (const auto root = batchStatus_->aggregatorStatus().rootStatusEntry(handle)) {
+void OstraStatusSm::reportDependentResult(EntryHandle handle, ErrorCode code) {
+  traceDependent(handle, inputs_.ostraStatusInfo->dependentHandleToVrfMap(handle));
+  if (inputs_.batchStatus) {
+    if (const auto root = inputs_.batchStatus->aggregatorStatus().rootStatusEntry(handle)) {
       const auto status = Korm::makePtr<P4Runtime::BatchStatusEntry>(handle);
       status->errorCodeIs(code);
       root->dependentEntryStatusIs(status);
     }
   }
-  info->dependentHandleToVrfMapDel(handle);
+  inputs_.ostraStatusInfo->dependentHandleToVrfMapDel(handle);
+}
+
+void OstraStatusSm::handleStats(const FlowStats& stats) {
+  const auto self = Korm::keptAlive(*this);
+  reportFlow(stats.name(), &stats);
+}
+
+void OstraStatusSm::handleStats(const GroupStats& stats) {
+  const auto self = Korm::keptAlive(*this);
+  reportGroup(stats.id(), &stats);
 }
 
 void OstraStatusSm::handleFlowStats(const Korm::Name& name) {
-  const Korm::Ptr<OstraStatusSm> self{this};
-  const auto& flows = cxHwStatus_->flowStats();
+  const auto self = Korm::keptAlive(*this);
+  const auto& flows = inputs_.cxHwStatus->flowStats();
   const std::uint32_t hash = OpenFlowTable::HwStatus::Flows::hash(name);
   const auto* flow = flows.find(name, hash);
   reportFlow(name, flow == nullptr ? nullptr : &flow->value);
@@ -245,64 +267,64 @@ void OstraStatusSm::handleFlowStats(const Korm::Name& name) {
   if (flow != nullptr) {
     flowStatsIs(flow->value, hash);
   } else {
-    flowReactors_.erase(name, hash);
+    flowStats_.erase(name, hash);
   }
 }
 
 void OstraStatusSm::flowStatsIs(const FlowStats& flowStats) {
-  flowStatsIs(flowStats, decltype(flowReactors_)::hash(flowStats.name()));
+  flowStatsIs(flowStats, decltype(flowStats_)::hash(flowStats.name()));
 }
 
 void OstraStatusSm::flowStatsIs(const FlowStats& flowStats, std::uint32_t hash) {
   const Korm::Name& name = flowStats.name();
-  const auto [reactor, created] = flowReactors_.tryEmplaceHashed(hash, name, *this, flowStats);
+  const auto [reactor, created] = flowStats_.tryEmplaceHashed(hash, name, *this, flowStats);
   if (!created && !reactor.value.follows(flowStats)) {
-    flowReactors_.erase(name, hash);
-    flowReactors_.tryEmplaceHashed(hash, name, *this, flowStats);
+    flowStats_.erase(name, hash);
+    flowStats_.tryEmplaceHashed(hash, name, *this, flowStats);
   }
 }
 
-void OstraStatusSm::flowStatsDel(const Korm::Name& flowName) { flowReactors_.erase(flowName); }
+void OstraStatusSm::flowStatsDel(const Korm::Name& flowName) { flowStats_.erase(flowName); }
 
-void OstraStatusSm::flowStatsDelAll() { flowReactors_.clear(); }
+void OstraStatusSm::flowStatsDelAll() { flowStats_.clear(); }
 
 void OstraStatusSm::handleGroupHwStatus(GroupId groupId) {
-  reportGroup(groupId, cxHwStatus_->groupStats(groupId));
+  reportGroup(groupId, inputs_.cxHwStatus->groupStats(groupId));
 }
 
 void OstraStatusSm::handleGroupHwStatus() {
-  allGroups();
-  for (const auto& entry : cxHwStatus_->groupStats()) {
+  traceAllGroups();
+  for (const auto& entry : inputs_.cxHwStatus->groupStats()) {
     reportGroup(entry.key, &entry.value);
   }
 }
 
 void OstraStatusSm::reportGroup(GroupId id, const GroupStats* stats) {
-  oneGroup(id);
+  traceGroup(id);
   const Profile profile = profileOf(id);
-  const auto handle = profile.isMember ? entryHandle(p4rtEcmpMemberTable_, profile.id)
-                                       : entryHandle(p4rtEcmpGroupTable_, profile.id);
+  const auto handle = profile.isMember ? entryHandle(inputs_.p4rtEcmpMemberTable, profile.id)
+                                       : entryHandle(inputs_.p4rtEcmpGroupTable, profile.id);
   if (!handle) {
-    (profile.isMember ? memberUnknown : groupUnknown)(id);
+    (profile.isMember ? traceMemberUnknown : traceGroupUnknown)(id);
     return;
   }
   if (stats == nullptr) {
-    groupDeleted(id);
+    traceGroupDeleted(id);
     return;
   }
   // The write may have been answered and its entry closed.
-  const auto entry = batchStatus_ ? batchStatus_->batchStatusEntry(*handle) : nullptr;
+  const auto entry = inputs_.batchStatus ? inputs_.batchStatus->batchStatusEntry(*handle) : nullptr;
   const GroupStatus status = stats->status();
   if (entry) {
     reportGroupFailure(*entry, profile, status);
   }
-  groupChanged(id, status);
+  traceGroupChanged(id, status);
 }
 
 void OstraStatusSm::handleGroupStats(const GroupId& id) {
-  const Korm::Ptr<OstraStatusSm> self{this};
+  const auto self = Korm::keptAlive(*this);
   handleGroupHwStatus(id);
-  if (const auto* const group = cxHwStatus_->groupStats(id)) {
+  if (const auto* const group = inputs_.cxHwStatus->groupStats(id)) {
     groupStatsIs(*group);
   } else {
     groupStatsDel(id);
@@ -311,31 +333,24 @@ void OstraStatusSm::handleGroupStats(const GroupId& id) {
 
 void OstraStatusSm::groupStatsIs(const GroupStats& groupStats) {
   const GroupId id = groupStats.id();
-  const auto [reactor, created] = groupReactors_.tryEmplace(id, *this, groupStats);
+  const auto [reactor, created] = groupStats_.tryEmplace(id, *this, groupStats);
   if (!created && !reactor.value.follows(groupStats)) {
-    groupReactors_.erase(id);
-    groupReactors_.tryEmplace(id, *this, groupStats);
+    groupStats_.erase(id);
+    groupStats_.tryEmplace(id, *this, groupStats);
   }
 }
 
-void OstraStatusSm::groupStatsDel(GroupId groupId) { groupReactors_.erase(groupId); }
+void OstraStatusSm::groupStatsDel(GroupId groupId) { groupStats_.erase(groupId); }
 
-void OstraStatusSm::groupStatsDelAll() { groupReactors_.clear(); }
+void OstraStatusSm::groupStatsDelAll() { groupStats_.clear(); }
 
-OstraStatusDirSm::OstraStatusDirSm(Korm::Ptr<const Korm::Dir> cxStatusDir,
-                                   Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                                   Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-                                   Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-                                   Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable)
-    : cxStatusDir_{std::move(cxStatusDir)},
-      batchStatus_{std::move(batchStatus)},
-      ostraStatusInfo_{std::move(ostraStatusInfo)},
-      p4rtEcmpGroupTable_{std::move(p4rtEcmpGroupTable)},
-      p4rtEcmpMemberTable_{std::move(p4rtEcmpMemberTable)},
-      directoryReactor_{*this, cxStatusDir_->notifiees()} {
+OstraStatusDirSm::OstraStatusDirSm(Inputs inputs)
+    : inputs_{std::move(inputs)}, directoryReactor_{*this, inputs_.cxStatusDir->notifiees()} {
   directoryReactor_.hasNotificationActiveIs(false);
   handleInitialized();
 }
+
+OstraStatusDirSm::~OstraStatusDirSm() { p4RtCxStatusSmDel(); }
 
 void OstraStatusDirSm::onNotificationActive(bool active) {
   directoryReactor_.hasNotificationActiveIs(active);
@@ -345,39 +360,45 @@ void OstraStatusDirSm::onNotificationActive(bool active) {
 }
 
 void OstraStatusDirSm::handleInitialized() {
-  dirStarted();
+  traceDirInitialized();
   initialized_ = true;
   handleStatusDir();
 }
 
 void OstraStatusDirSm::handleStatusDir(const Korm::Name& name) {
-  oneOfDir(name);
-  if (name != p4rtStatus) {
+  traceDirEntity(name);
+  if (name != p4rtName || settling_) {
     return;
   }
-  if (const auto status = cxStatusDir_->entityPtr<const OpenFlowTable::HwStatus>(name)) {
-    smCreated();
-    p4RtCxStatusSmIs(status, batchStatus_, ostraStatusInfo_, p4rtEcmpGroupTable_,
-                     p4rtEcmpMemberTable_);
-  } else if (p4RtCxStatusSm_) {
-    smDeleted();
-    p4RtCxStatusSmDel();
-  }
+  const auto self = Korm::keptAlive(*this);
+  const Settling settling{settling_};
+  const auto entity = [this] {
+    return inputs_.cxStatusDir->entityPtr<const OpenFlowTable::HwStatus>(p4rtName);
+  };
+  // The reports of a new state machine may lead the service to replace or remove the entity.
+  Korm::Ptr<const OpenFlowTable::HwStatus> status;
+  do {
+    status = entity();
+    if (status) {
+      traceSmCreated();
+      p4RtCxStatusSmIs(status, inputs_.batchStatus, inputs_.ostraStatusInfo,
+                       inputs_.p4rtEcmpGroupTable, inputs_.p4rtEcmpMemberTable);
+    } else if (p4RtCxStatusSm_) {
+      traceSmDeleted();
+      p4RtCxStatusSmDel();
+    }
+  } while (entity() != status);
 }
 
 void OstraStatusDirSm::handleStatusDir() {
-  wholeDir();
-  const auto& entities = cxStatusDir_->entities();
+  traceWholeDir();
+  const auto self = Korm::keptAlive(*this);
+  const auto& entities = inputs_.cxStatusDir->entities();
   for (auto entity = entities.begin(); entity != entities.end();) {
     const Korm::Name name = entity->first;  // a report may make somebody remove the entity
     handleStatusDir(name);
     entity = entities.upper_bound(name);
   }
-}
-
-void OstraStatusDirSm::handleDirectory(const Korm::Name& name) {
-  const Korm::Ptr<OstraStatusDirSm> self{this};
-  handleStatusDir(name);
 }
 
 Korm::Ptr<OstraStatusSm> OstraStatusDirSm::p4RtCxStatusSmIs(
@@ -386,17 +407,13 @@ Korm::Ptr<OstraStatusSm> OstraStatusDirSm::p4RtCxStatusSmIs(
     const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
     const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
     const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable) {
-  const auto& present = p4RtCxStatusSm_;
-  if (present && present->cxHwStatus() == hwStatus && present->batchStatus() == batchStatus &&
-      present->ostraStatusInfo() == ostraStatusInfo &&
-      present->p4rtEcmpGroupTable() == p4rtEcmpGroupTable &&
-      present->p4rtEcmpMemberTable() == p4rtEcmpMemberTable) {
-    return present;
+  OstraStatusSm::Inputs inputs{hwStatus, batchStatus, ostraStatusInfo, p4rtEcmpGroupTable,
+                               p4rtEcmpMemberTable};
+  if (!p4RtCxStatusSm_ || p4RtCxStatusSm_->inputs() != inputs) {
+    auto fresh = Korm::makeActive<OstraStatusSm>(std::move(inputs));
+    p4RtCxStatusSmDel();
+    p4RtCxStatusSm_ = std::move(fresh);
   }
-  auto fresh = ostraStatusSmFactory(hwStatus, batchStatus, ostraStatusInfo, p4rtEcmpGroupTable,
-                                    p4rtEcmpMemberTable);
-  p4RtCxStatusSmDel();
-  p4RtCxStatusSm_ = std::move(fresh);
   return p4RtCxStatusSm_;
 }
 
@@ -405,30 +422,6 @@ void OstraStatusDirSm::p4RtCxStatusSmDel() {
   if (const auto removed = std::exchange(p4RtCxStatusSm_, nullptr)) {
     removed->hasNotificationActiveIs(false);
   }
-}
-
-Korm::Ptr<OstraStatusSm> ostraStatusSmFactory(
-    Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable) {
-  auto sm = Korm::makePtr<OstraStatusSm>(std::move(cxHwStatus), std::move(batchStatus),
-                                         std::move(ostraStatusInfo), std::move(p4rtEcmpGroupTable),
-                                         std::move(p4rtEcmpMemberTable));
-  sm->hasNotificationActiveIs(true);
-  return sm;
-}
-
-Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmFactory(
-    Korm::Ptr<const Korm::Dir> cxStatusDir, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable) {
-  auto sm = Korm::makePtr<OstraStatusDirSm>(
-      std::move(cxStatusDir), std::move(batchStatus), std::move(ostraStatusInfo),
-      std::move(p4rtEcmpGroupTable), std::move(p4rtEcmpMemberTable));
-  sm->hasNotificationActiveIs(true);
-  return sm;
 }
 
 }  // namespace Ostra

@@ -1,13 +1,14 @@
-// What the hardware says of flows and groups, turned into the results of the controller's writes.
+// Turns what the hardware says of flows and groups into the results of the controller's writes.
 //
 // Thread and process rule: the activity thread.
-// Ownership: a state machine holds references to its inputs and owns its reactors; the one for the directory
-// owns the one for the status in it.
-// Invariants: nothing is remembered between two changes; a result is what the hardware says at that moment.
-// A result may lead the service to drop the state machine that is reporting it.
+// Ownership: a state machine holds references to its inputs and owns its reactors. The one for the
+// directory owns the one for the hardware status in it.
+// Invariants: nothing is remembered between two changes; a result is what the hardware says at that
+// moment. The service, on hearing of a result, may change the status or drop the state machine.
 #pragma once
 
 #include <cstdint>
+#include <utility>
 
 #include "Ostra/OstraStatus.h"
 #include "platform/Korm/Dir.h"
@@ -20,38 +21,29 @@
 namespace Ostra {
 
 // Reports what one hardware status says. The result of a flow goes to the batch status, or to the root
-// status entry for one that a VRF waits for; of a group or member, failures go to the batch status entry of
-// its write, and success is not reported from here.
+// status entry if a VRF waits for it. The failure of a group or member goes to the batch status entry of
+// its write; its success is not reported from here.
 class OstraStatusSm final : public Korm::Entity {
  public:
   using FlowStats = OpenFlowTable::FlowStats;
   using GroupId = OpenFlowTable::GroupId;
   using GroupStats = OpenFlowTable::GroupStats;
 
-  // Reports all that the status holds. `cxHwStatus` is not null, any other input may be: a result that
-  // has nowhere to go is dropped.
-  OstraStatusSm(Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus,
-                Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-                Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-                Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
+  // `cxHwStatus` is not null. Any other input may be: a result that has nowhere to go is dropped.
+  struct Inputs {
+    Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus;
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
+    Korm::Ptr<OstraStatusInfo> ostraStatusInfo;
+    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable;
+    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable;
 
-  [[nodiscard]] const Korm::Ptr<const OpenFlowTable::HwStatus>& cxHwStatus() const noexcept {
-    return cxHwStatus_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus() const noexcept {
-    return batchStatus_;
-  }
-  [[nodiscard]] const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo() const noexcept {
-    return ostraStatusInfo_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable() const noexcept {
-    return p4rtEcmpGroupTable_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable()
-      const noexcept {
-    return p4rtEcmpMemberTable_;
-  }
+    friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
+  };
+
+  // Follows all that the status holds, then reports it.
+  explicit OstraStatusSm(Inputs inputs);
+
+  [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
   [[nodiscard]] bool initialized() const noexcept { return initialized_; }
 
   // The start-up pass: reports all flows, then all groups.
@@ -72,15 +64,17 @@ class OstraStatusSm final : public Korm::Entity {
   void flowStatsIs(const FlowStats& flowStats);
   void flowStatsDel(const Korm::Name& flowName);
   void flowStatsDelAll();
-  [[nodiscard]] std::size_t flowReactors() const noexcept { return flowReactors_.size(); }
+  [[nodiscard]] const auto& flowStats() const noexcept { return flowStats_; }
   void groupStatsIs(const GroupStats& groupStats);
   void groupStatsDel(GroupId groupId);
   void groupStatsDelAll();
-  [[nodiscard]] std::size_t groupReactors() const noexcept { return groupReactors_.size(); }
+  [[nodiscard]] const auto& groupStats() const noexcept { return groupStats_; }
 
  private:
+  // Switches the reactors. When they come on, they are brought in line with the status.
   void onNotificationActive(bool active) override;
-  // Follows the status and the change count of one flow or group. It may go while it reports.
+
+  // Follows the status and the change count of one flow or group. It may be destroyed by what it reports.
   template <class Stats>
   class StatsReactor {
    public:
@@ -89,10 +83,10 @@ class OstraStatusSm final : public Korm::Entity {
           stats_{stats},
           changeCount_{*this, stats.changeCountNotifiees()},
           status_{*this, stats.statusNotifiees()} {
-      hasNotificationActiveIs(sm.hasNotificationActive());
+      hasNotificationActiveIs(sm.cxHwStatusActive());
     }
 
-    // Another element may have come to lie where the one that this followed was.
+    // Whether these are the statistics that it follows, and not others in the same memory.
     [[nodiscard]] bool follows(const Stats& stats) const noexcept {
       return &stats_ == &stats && status_.attached();
     }
@@ -111,63 +105,55 @@ class OstraStatusSm final : public Korm::Entity {
     Korm::MemberNotifiee<StatsReactor, &StatsReactor::handleStatus> status_;
   };
 
-  void handleStats(const FlowStats& stats) { reportFlow(stats.name(), &stats); }
-  void handleStats(const GroupStats& stats) { reportGroup(stats.id(), &stats); }
+  // Makes a reactor for each flow and group of the status, and removes those of any other.
+  void handleCxHwStatus();
+  [[nodiscard]] bool cxHwStatusActive() const noexcept {
+    return flowStatsReactor_.hasNotificationActive();
+  }
+  // A flow or group came or went.
   void handleFlowStats(const Korm::Name& name);
   void handleGroupStats(const GroupId& id);
-  void handleCxHwStatus();
+  // One that is there changed.
+  void handleStats(const FlowStats& stats);
+  void handleStats(const GroupStats& stats);
 
   // The statistics are what the status holds under that name or id, null for nothing.
   void reportFlow(const Korm::Name& name, const FlowStats* stats);
   void reportResult(P4Runtime::EntryHandle handle, P4Runtime::ErrorCode code);
-  void reportDependentResult(P4Runtime::EntryHandle handle, Vrf::VrfIdMap::VrfId vrf,
-                             P4Runtime::ErrorCode code);
+  void reportDependentResult(P4Runtime::EntryHandle handle, P4Runtime::ErrorCode code);
   void reportGroup(GroupId id, const GroupStats* stats);
   void flowStatsIs(const FlowStats& flowStats, std::uint32_t hash);
 
-  // Inputs, constant after construction.
-  const Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus_;
-  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
-  const Korm::Ptr<OstraStatusInfo> ostraStatusInfo_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable_;
-
+  const Inputs inputs_;
   bool initialized_ = false;
-  Korm::HashMap<Korm::Name, StatsReactor<FlowStats>> flowReactors_;
-  Korm::HashMap<GroupId, StatsReactor<GroupStats>> groupReactors_;
+  Korm::HashMap<Korm::Name, StatsReactor<FlowStats>> flowStats_;
+  Korm::HashMap<GroupId, StatsReactor<GroupStats>> groupStats_;
   Korm::MemberNotifiee<OstraStatusSm, &OstraStatusSm::handleFlowStats, const Korm::Name&>
       flowStatsReactor_;
   Korm::MemberNotifiee<OstraStatusSm, &OstraStatusSm::handleGroupStats, const GroupId&>
       groupStatsReactor_;
 };
 
-// Keeps one OstraStatusSm alive for the hardware status named "p4rt" of a directory, as long as there is
-// one.
+// Keeps one OstraStatusSm for the hardware status named "p4rt" of a directory, as long as there is one.
 class OstraStatusDirSm final : public Korm::Entity {
  public:
-  // Looks at all entities of the directory. `cxStatusDir` is not null, any other input may be.
-  OstraStatusDirSm(Korm::Ptr<const Korm::Dir> cxStatusDir,
-                   Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-                   Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-                   Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-                   Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
+  // `cxStatusDir` is not null. Any other input may be.
+  struct Inputs {
+    Korm::Ptr<const Korm::Dir> cxStatusDir;
+    Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
+    Korm::Ptr<OstraStatusInfo> ostraStatusInfo;
+    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable;
+    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable;
 
-  [[nodiscard]] const Korm::Ptr<const Korm::Dir>& cxStatusDir() const noexcept {
-    return cxStatusDir_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus() const noexcept {
-    return batchStatus_;
-  }
-  [[nodiscard]] const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo() const noexcept {
-    return ostraStatusInfo_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable() const noexcept {
-    return p4rtEcmpGroupTable_;
-  }
-  [[nodiscard]] const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable()
-      const noexcept {
-    return p4rtEcmpMemberTable_;
-  }
+    friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
+  };
+
+  // Looks at all entities of the directory.
+  explicit OstraStatusDirSm(Inputs inputs);
+  // Switches the status state machine off and lets go of it.
+  ~OstraStatusDirSm() override;
+
+  [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
   [[nodiscard]] bool initialized() const noexcept { return initialized_; }
 
   // The start-up pass over the directory.
@@ -181,8 +167,8 @@ class OstraStatusDirSm final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusSm>& p4RtCxStatusSm() const noexcept {
     return p4RtCxStatusSm_;
   }
-  // Keeps the one whose inputs are these very objects, or makes one and lets go of the old; returns the
-  // one there is then.
+  // Keeps the one whose inputs are these very objects. Otherwise makes one, which reports all that its
+  // status holds, and then lets go of the old one. Returns the one that is stored then.
   Korm::Ptr<OstraStatusSm> p4RtCxStatusSmIs(
       const Korm::Ptr<const OpenFlowTable::HwStatus>& hwStatus,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
@@ -193,32 +179,30 @@ class OstraStatusDirSm final : public Korm::Entity {
   void p4RtCxStatusSmDel();
 
  private:
+  // Switches the reactor and the status state machine.
   void onNotificationActive(bool active) override;
-  void handleDirectory(const Korm::Name& name);
 
-  // Inputs, constant after construction.
-  const Korm::Ptr<const Korm::Dir> cxStatusDir_;
-  const Korm::Ptr<P4Runtime::BatchStatus> batchStatus_;
-  const Korm::Ptr<OstraStatusInfo> ostraStatusInfo_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable_;
-  const Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable_;
-
+  const Inputs inputs_;
   bool initialized_ = false;
+  bool settling_ = false;  // handleStatusDir() is bringing the state machine in line
   Korm::Ptr<OstraStatusSm> p4RtCxStatusSm_;
-  Korm::MemberNotifiee<OstraStatusDirSm, &OstraStatusDirSm::handleDirectory, const Korm::Name&>
+  Korm::MemberNotifiee<OstraStatusDirSm,
+                       static_cast<void (OstraStatusDirSm::*)(const Korm::Name&)>(
+                           &OstraStatusDirSm::handleStatusDir),
+                       const Korm::Name&>
       directoryReactor_;
 };
 
-// New state machines, their start-up pass done, with their notifications on.
-[[nodiscard]] Korm::Ptr<OstraStatusSm> ostraStatusSmFactory(
-    Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus,
-    Korm::Ptr<P4Runtime::BatchStatus> batchStatus, Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
-[[nodiscard]] Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmFactory(
-    Korm::Ptr<const Korm::Dir> cxStatusDir, Korm::Ptr<P4Runtime::BatchStatus> batchStatus,
-    Korm::Ptr<OstraStatusInfo> ostraStatusInfo,
-    Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable,
-    Korm::Ptr<P4RuntimeRouting::EcmpMember> p4rtEcmpMemberTable);
+// State machines with their start-up pass done and their notifications on. The arguments are the members
+// of the Inputs, in order.
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraStatusSm> ostraStatusSmFactory(Inputs&&... inputs) {
+  return Korm::makeActive<OstraStatusSm>(OstraStatusSm::Inputs{std::forward<Inputs>(inputs)...});
+}
+template <class... Inputs>
+[[nodiscard]] Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmFactory(Inputs&&... inputs) {
+  return Korm::makeActive<OstraStatusDirSm>(
+      OstraStatusDirSm::Inputs{std::forward<Inputs>(inputs)...});
+}
 
 }  // namespace Ostra

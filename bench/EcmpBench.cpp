@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "Ostra/OstraEcmpGroupSm.h"
+#include "Ostra/StatePaths.h"
 #include "bench/Entries.h"
 #include "bench/Measure.h"
 #include "platform/P4Runtime/HandleMgr.h"
@@ -63,7 +64,7 @@ struct EcmpSide {
   }
 
   Korm::Ptr<OpenFlowTable::CorvexHwConfig> hwConfig =
-      Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
+      Korm::makePtr<OpenFlowTable::CorvexHwConfig>(Ostra::p4rtName);
   Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups =
       Korm::makePtr<P4RuntimeRouting::EcmpGroup>("groups");
   Korm::Ptr<P4RuntimeRouting::EcmpMember> members =

@@ -5,6 +5,7 @@
 
 #include "Ostra/OstraSm.h"
 #include "Ostra/OstraStatus.h"
+#include "Ostra/StatePaths.h"
 #include "bench/Entries.h"
 
 namespace Bench {
@@ -23,8 +24,8 @@ struct Library {
   }
 
   Korm::Ptr<OpenFlowTable::CorvexHwConfig> hwConfig =
-      Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
-  Korm::Ptr<CorvexConfig::Config> config = Korm::makePtr<CorvexConfig::Config>("p4rt");
+      Korm::makePtr<OpenFlowTable::CorvexHwConfig>(Ostra::p4rtName);
+  Korm::Ptr<CorvexConfig::Config> config = Korm::makePtr<CorvexConfig::Config>(Ostra::p4rtName);
   Korm::Ptr<Korm::Dir> hwStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus");
   Korm::Ptr<Ostra::OstraConfig> table = Korm::makePtr<Ostra::OstraConfig>("0");
   Korm::Ptr<P4Runtime::VrfIdCollection> vrfCollection = Korm::makePtr<P4Runtime::VrfIdCollection>();

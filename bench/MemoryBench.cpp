@@ -7,9 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "Ostra/FlowIndex.h"
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraStatusSm.h"
+#include "Ostra/StatePaths.h"
+#include "Ostra/private/FlowIndex.h"
 #include "bench/Library.h"
 #include "bench/Measure.h"
 #include "platform/OpenFlowTable/HwStatus.h"
@@ -40,7 +41,7 @@ void memory(benchmark::State& state) {
   for (auto _ : state) {
     malloc_trim(0);  // what other benchmarks have freed is not to be used again unseen
     Library library;
-    const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
+    const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
     const auto row = bytesEach(count, [&] {
       for (const auto& entry : entries) {
         library.table->entryIs(entry);
@@ -52,7 +53,7 @@ void memory(benchmark::State& state) {
     Ostra::FlowIndex index;
     const auto indexes = bytesEach(count, [&] {
       for (const auto& entry : entries) {
-        index.handleIs(entry.flowKey, entry.flowKey.hash(0), entry.entryHandle);
+        index.handleIs(Ostra::HashedKey{entry.flowKey}, entry.entryHandle);
       }
     });
     Korm::Ptr<Ostra::OstraSm> sm;
@@ -68,7 +69,7 @@ void memory(benchmark::State& state) {
                                              nullptr, nullptr);
     });
     require(library.hwConfig->flowEntries().size() == count, "every entry has its flow");
-    require(statusSm->flowReactors() == count, "every flow is watched");
+    require(statusSm->flowStats().size() == count, "every flow is watched");
     state.counters["row"] = row;
     state.counters["indexes"] = indexes;
     state.counters["corvex"] = library_ - indexes;

@@ -5,6 +5,7 @@
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraCounter.h"
 #include "Ostra/OstraStatusSm.h"
+#include "Ostra/StatePaths.h"
 #include "bench/Entries.h"
 #include "bench/Measure.h"
 #include "platform/OpenFlowTable/HwStatus.h"
@@ -31,7 +32,7 @@ class ResultCounter final : public Korm::Notifiee<const P4Runtime::TransactionRe
 // the entries of a batch of 64 and closes them with their results, as it does in the switch.
 void flowStatus(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
-  const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
+  const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
   const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
   struct Flow {
     std::uint64_t handle;
@@ -81,7 +82,7 @@ void counterRead(benchmark::State& state) {
     const std::string name = "unit" + std::to_string(unit);
     const auto status = Korm::makePtr<OpenFlowTable::HwStatus>(name);
     for (std::uint32_t n = 0; n < count; ++n) {
-      status->flowStatsIs(Ostra::buildFlowName(n + 1) + "-p4rt")
+      status->flowStatsIs(Ostra::buildFlowName(n + 1) + std::string{Ostra::flowCounterSuffix})
           .countersIs(n, 2 * std::uint64_t{n});
     }
     dir->entityIs(name, status);

@@ -22,7 +22,7 @@ endfunction()
 
 # ostra_library(<target> <folder> <sources>...)
 #   A library that is installed and exported as ostra::<folder in lower case>. Its headers are included
-#   as "<folder>/...", in this tree and when installed.
+#   as "<folder>/...", in this tree and when installed. Those below a folder "private" are not installed.
 function(ostra_library target folder)
   string(TOLOWER "${folder}" name)
   add_library(${target} ${ARGN})
@@ -49,7 +49,8 @@ function(ostra_library target folder)
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}/ostra"
     COMPONENT Development
     FILES_MATCHING
-    PATTERN "*.h")
+    PATTERN "*.h"
+    PATTERN "private" EXCLUDE)
 endfunction()
 
 # ostra_program(<target> <sources>...)

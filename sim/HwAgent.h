@@ -37,6 +37,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Ostra/FlowUtil.h"
+#include "Ostra/StatePaths.h"
 #include "platform/Korm/Dir.h"
 #include "platform/Korm/HashMap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
@@ -51,10 +53,10 @@ class HwAgent {
   using GroupStatus = OpenFlowTable::GroupStatus;
 
   // The name of the status entity that the agent publishes, and of the unit that is there from the start.
-  static constexpr std::string_view statusName = "p4rt";
+  static constexpr std::string_view statusName = Ostra::p4rtName;
   static constexpr std::string_view firstUnit = "unit0";
   // What the names of flows end in within the units.
-  static constexpr std::string_view unitSuffix = "-p4rt";
+  static constexpr std::string_view unitSuffix = Ostra::flowCounterSuffix;
 
   // Publishes an empty status and the first unit, and queues whatever the configuration holds already.
   // Automatic, with room for everything.

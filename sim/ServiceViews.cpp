@@ -59,7 +59,7 @@ std::vector<DependentView> Service::dependents() const {
     return views;
   }
   // All state machines share one.
-  const auto& info = context_->ostraSmColl().begin()->second->ostraStatusInfo();
+  const auto& info = context_->ostraSmColl().begin()->second->inputs().ostraStatusInfo;
   for (const auto& dependent : info->dependentHandleToVrfMap()) {
     views.push_back({dependent.key, dependent.value});
   }

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Ostra/OstraTypes.h"
+#include "Ostra/StatePaths.h"
 
 namespace Sim {
 
@@ -22,7 +23,7 @@ inline constexpr std::string_view flowStatusDir = "p4runtime/flowStatus";
 // The tables' entities.
 inline constexpr std::string_view memberTableEntity = "p4runtime/ecmpMember";
 inline constexpr std::string_view groupTableEntity = "p4runtime/ecmpGroup";
-inline constexpr std::string_view encapTableEntity = "routing/l2nexthopgroup/ipv4EncapTable";
+inline constexpr std::string_view encapTableEntity = Ostra::StatePath::ipv4EncapTable;
 
 // The paths of the tables of those entities: records of Ostra::OstraConfigEntry, Ostra::OstraStatusEntry,
 // P4RuntimeRouting::NexthopInfo, P4RuntimeRouting::EcmpMemberList and NexthopGroup::EncapEntry.

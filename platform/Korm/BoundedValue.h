@@ -15,6 +15,7 @@ namespace Korm {
 template <class Int, class Limits>
 class BoundedValue {
  public:
+  using Number = Int;
   static constexpr Int min = Limits::min;
   static constexpr Int max = Limits::max;
 

@@ -137,9 +137,10 @@ template <class T>
 struct StoredOf {
   using Type = T;
 };
-template <class Int, class Limits>
-struct StoredOf<Korm::BoundedValue<Int, Limits>> {
-  using Type = Int;
+template <class T>
+  requires requires { typename T::Number; }
+struct StoredOf<T> {
+  using Type = typename T::Number;
 };
 template <class T>
 using StoredAs = typename StoredOf<T>::Type;
@@ -237,12 +238,12 @@ class Actions {
 
  private:
   template <class T>
-  [[nodiscard]] static const T& stored(const T& value) noexcept {
-    return value;
-  }
-  template <class Int, class Limits>
-  [[nodiscard]] static Int stored(const Korm::BoundedValue<Int, Limits>& value) noexcept {
-    return value.value();
+  [[nodiscard]] static detail::StoredAs<T> stored(const T& value) noexcept {
+    if constexpr (requires { typename T::Number; }) {
+      return value.value();
+    } else {
+      return value;
+    }
   }
 
   template <Action action, class Self>

@@ -23,8 +23,12 @@ struct TrafficClassLimits {
 
 using Priority = Korm::BoundedValue<std::int32_t, detail::PriorityLimits>;
 
-// A traffic class, or 16 (TrafficClass::max, the value `invalid`) for none.
-using TrafficClass = Korm::BoundedValue<std::uint8_t, detail::TrafficClassLimits>;
+// A traffic class, or `invalid` for none.
+class TrafficClass : public Korm::BoundedValue<std::uint8_t, detail::TrafficClassLimits> {
+ public:
+  static constexpr std::uint8_t invalid = 16;
+  using BoundedValue::BoundedValue;
+};
 
 // The table of the pipeline that a flow belongs to.
 enum class TableType : std::int32_t { l2_ = 0, l3_ = 1 };

@@ -30,11 +30,8 @@ class Telemetry final : public Korm::Entity {
     double time = 0;  // seconds since the epoch
   };
 
-  // The time that it took.
-  double newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
-    const double now = Korm::currentTime();
-    stamps_[total_++ % capacity] = {handle, type, now};
-    return now;
+  void newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
+    stamps_[total_++ % capacity] = {handle, type, Korm::currentTime()};
   }
   // How many have ever been taken.
   [[nodiscard]] std::uint64_t total() const noexcept { return total_; }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <charconv>
 #include <ostream>
 #include <utility>
 
@@ -40,13 +41,19 @@ ErrorCode parseErrorCode(std::string::const_iterator& current, std::string::cons
   const auto stop = std::find_if_not(
       current, end, [](char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0; });
   const std::string text{current, stop};
-  for (std::uint32_t number = 0; number <= maxErrorCode; ++number) {
-    if (errorCodeText(ErrorCode{number}) == text) {
-      current = stop;
-      return ErrorCode{number};
-    }
+  const auto named = std::find_if(codeTexts.begin(), codeTexts.end(),
+                                  [&text](const auto& known) { return known.second == text; });
+  std::uint32_t number = 0;
+  if (named != codeTexts.end()) {
+    number = static_cast<std::uint32_t>(named->first);
+  } else {
+    std::from_chars(text.data(), text.data() + text.size(), number);
   }
-  Korm::throwRangeException("ErrorCode::value '" + text + "' not allowed");
+  if (errorCodeText(ErrorCode{number}) != text) {
+    Korm::throwRangeException("ErrorCode::value '" + text + "' not allowed");
+  }
+  current = stop;
+  return ErrorCode{number};
 }
 
 std::ostream& operator<<(std::ostream& out, ErrorCode code) { return out << errorCodeText(code); }

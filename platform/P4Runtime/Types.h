@@ -50,7 +50,6 @@ enum class ErrorCode : std::uint32_t {
   invalidMask_ = 17,
   hardwareError_ = 19,
 };
-inline constexpr std::uint32_t maxErrorCode = 19;
 
 // The name of a named code, "invalidArgument"; otherwise the number.
 [[nodiscard]] std::string errorCodeText(ErrorCode code);

@@ -3,17 +3,14 @@
 #include <string>
 #include <string_view>
 
+#include "Ostra/StatePaths.h"
 #include "platform/Interface/Interface.h"
 #include "sim/TablePaths.h"
 
 namespace Sim {
 namespace {
 
-constexpr std::string_view hwConfigPath = "corvex/dyninput/p4rt";
-constexpr std::string_view hwStatusDirPath = "corvex/cxHwStatusDir/dyninputstatus";
-constexpr std::string_view cxConfigPath = "corvex/configDir/p4rt";
-constexpr std::string_view hwUnitDirPath = "openflow/corvexhwstatusdir";
-constexpr std::string_view interfacesPath = "interface/status/all";
+namespace StatePath = Ostra::StatePath;
 
 constexpr std::string_view lastName(std::string_view path) noexcept {
   return path.substr(path.rfind('/') + 1);
@@ -33,10 +30,10 @@ std::string numbered(std::string_view dir, std::uint8_t index) {
 
 ServiceObjects::ServiceObjects()
     : entityManager{Korm::makePtr<Tessel::EntityManager>()},
-      hwConfig{make<OpenFlowTable::CorvexHwConfig>(hwConfigPath)},
-      cxConfig{make<CorvexConfig::Config>(cxConfigPath)},
-      hwStatusDir{make<Korm::Dir>(hwStatusDirPath)},
-      hwUnitDir{make<Korm::Dir>(hwUnitDirPath)},
+      hwConfig{make<OpenFlowTable::CorvexHwConfig>(StatePath::cxHwConfig)},
+      cxConfig{make<CorvexConfig::Config>(StatePath::cxConfig)},
+      hwStatusDir{make<Korm::Dir>(StatePath::cxHwStatusDir)},
+      hwUnitDir{make<Korm::Dir>(StatePath::flowCounterDir)},
       encapTable{make<NexthopGroup::L2NexthopGroupEncapTable>(encapTableEntity)},
       configTables{Korm::makePtr<Ostra::OstraConfigTableColl>()},
       statusTables{Ostra::ostraStatusTableCollFactory(Korm::Name{lastName(flowStatusDir)})},
@@ -52,11 +49,12 @@ ServiceObjects::ServiceObjects()
 }
 
 void ServiceObjects::placeCorvex() {
-  entityManager->entityIs(hwConfigPath, hwConfig);
-  entityManager->entityIs(cxConfigPath, cxConfig);
-  entityManager->entityIs(hwStatusDirPath, hwStatusDir);
-  entityManager->entityIs(hwUnitDirPath, hwUnitDir);
-  entityManager->entityIs(interfacesPath, make<Interface::AllIntfStatusDir>(interfacesPath));
+  entityManager->entityIs(StatePath::cxHwConfig, hwConfig);
+  entityManager->entityIs(StatePath::cxConfig, cxConfig);
+  entityManager->entityIs(StatePath::cxHwStatusDir, hwStatusDir);
+  entityManager->entityIs(StatePath::flowCounterDir, hwUnitDir);
+  entityManager->entityIs(StatePath::intfStatusDir,
+                          make<Interface::AllIntfStatusDir>(StatePath::intfStatusDir));
 }
 
 // A table is written only once it has its place, since the place decides where its rows live.

@@ -118,7 +118,8 @@ TEST_F(Context, BuildsFifteenFlowStateMachinesAndOneOfEverythingElse) {
       ASSERT_TRUE(flowSm(index)) << int{index};
       EXPECT_TRUE(flowSm(index)->hasNotificationActive());
       EXPECT_EQ(flowSm(index)->ostraConfigTable(), tables->ostraConfig(FlowTableIndex{index}));
-      EXPECT_EQ(flowSm(index)->ostraStatusInfo(), context->ostraStatusDirSm()->ostraStatusInfo());
+      EXPECT_EQ(flowSm(index)->inputs().ostraStatusInfo,
+                context->ostraStatusDirSm()->inputs().ostraStatusInfo);
     }
     EXPECT_TRUE(flowTable(15).entryNotifiees().empty()) << "the last slot gets none";
     EXPECT_TRUE(cxHwConfig->counterPollEnable());
@@ -203,8 +204,8 @@ TEST_F(Context, WhatIsMissingOrMistypedShowsAsNull) {
   makeComplete();
   EXPECT_EQ(context->ostraSmColl().size(), 15U);
   EXPECT_FALSE(context->ipv4EncapTable());
-  EXPECT_FALSE(context->ostraEcmpGroupSm()->ipv4EncapTable());
-  EXPECT_FALSE(context->ostraEcmpGroupSm()->cxHwConfig());
+  EXPECT_FALSE(context->ostraEcmpGroupSm()->inputs().ipv4EncapTable);
+  EXPECT_FALSE(context->ostraEcmpGroupSm()->inputs().cxHwConfig);
   EXPECT_FALSE(cxConfig->enabled());
 
   context = Ostra::ostraContextFactory(nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
@@ -275,13 +276,13 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
   manager->entityIs(ipv4EncapTablePath, otherEncapTable);
   complete();
   EXPECT_NE(context->ostraEcmpGroupSm(), firstEcmpSm);
-  EXPECT_EQ(context->ostraEcmpGroupSm()->ipv4EncapTable(), otherEncapTable);
+  EXPECT_EQ(context->ostraEcmpGroupSm()->inputs().ipv4EncapTable, otherEncapTable);
   EXPECT_EQ(context->ipv4EncapTable(), otherEncapTable);
 }
 
 TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   makeComplete();
-  const auto info = context->ostraStatusDirSm()->ostraStatusInfo();
+  const auto info = context->ostraStatusDirSm()->inputs().ostraStatusInfo;
   const auto dirSmOn = [&](const Korm::Ptr<P4RuntimeRouting::EcmpMember>& memberTable) {
     return context->ostraStatusDirSmIs(cxHwStatusDir, batchStatus, info, groups, memberTable);
   };

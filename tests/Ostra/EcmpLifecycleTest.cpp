@@ -93,8 +93,8 @@ TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
 }
 
 TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {
-  sm = Korm::makePtr<OstraEcmpGroupSm>(cxHwConfig, groups, members, encaps, ports, validation,
-                                       batchStatus, handles);
+  sm = Korm::makePtr<OstraEcmpGroupSm>(OstraEcmpGroupSm::Inputs{
+      cxHwConfig, groups, members, encaps, ports, validation, batchStatus, handles});
   EXPECT_FALSE(sm->hasNotificationActive());
   sm->hasNotificationActiveIs(false);  // as it is already: the reactors stay on
   writeAll();

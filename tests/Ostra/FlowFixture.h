@@ -84,7 +84,7 @@ class FlowFixture : public ServiceFixture {
   }
   // The VRF that the status side finds for an entry.
   [[nodiscard]] VrfId dependentVrf(std::uint64_t handle) const {
-    return statusInfo->dependentHandleToVrfMap(handle).value_or(Vrf::VrfIdMap::none);
+    return statusInfo->dependentHandleToVrfMap(handle);
   }
   static constexpr VrfId noVrf = 0xFFFFFF;
 

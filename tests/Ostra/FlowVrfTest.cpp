@@ -66,7 +66,8 @@ TEST_F(FlowVrf, OfAnyNumberIsBookedUnderThatNumber) {
   EXPECT_EQ(books(0xFFFFFFFF), "1 users, creator 2, deletor none");
   writeIn(noVrf, 3);
   EXPECT_EQ(books(noVrf), "1 users, creator 3, deletor none");
-  EXPECT_FALSE(statusInfo->dependentHandleToVrfMap(3).has_value()) << "none stands for no VRF";
+  EXPECT_EQ(statusInfo->dependentHandleToVrfMap().find(P4Runtime::EntryHandle{3}), nullptr)
+      << "none stands for no VRF";
   removeFlow(3);
   EXPECT_EQ(books(noVrf), "0 users, creator 3, deletor 3");
 }

@@ -65,7 +65,7 @@ TEST(StatusEntry, ReadsTheTextThatItPrintsAndNoOther) {
   };
   EXPECT_EQ(refused(with("7", "18446744073709551616")), "genId");
   EXPECT_EQ(refused(with("18446744073709551615", "x")), "entryHandle");
-  EXPECT_EQ(refused(with("hardwareResourceExhausted", "20")), "errorCode");
+  EXPECT_EQ(refused(with("hardwareResourceExhausted", "4294967296")), "errorCode");
   EXPECT_EQ(refused(with("True", "true")), "deleted");
 }
 
@@ -87,7 +87,7 @@ TEST(StatusEntry, IsReachedByAttributeName) {
   EXPECT_THROW(generic.attributeIs("key", plainKey(1).valueToStrep()), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("reserved", "0"), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("genId", "1 "), ParseException);
-  EXPECT_THROW(generic.attributeIs("errorCode", "20"), DeserializationException);
+  EXPECT_THROW(generic.attributeIs("errorCode", "success1"), DeserializationException);
   EXPECT_EQ(entry, expected) << "a refused write changes nothing";
 }
 

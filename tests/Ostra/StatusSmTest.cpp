@@ -53,7 +53,9 @@ class StatusSm : public OstraTest::ServiceFixture {
   }
   // What the last step made the service hear.
   std::string heard() { return results.take(); }
-  [[nodiscard]] std::size_t flowReactors() const { return sm->p4RtCxStatusSm()->flowReactors(); }
+  [[nodiscard]] std::size_t flowReactors() const {
+    return sm->p4RtCxStatusSm()->flowStats().size();
+  }
 
   OpenFlowTable::FlowStats& flow(const char* name, FlowStatus status) {
     return hw->flowStatsIs(name, status);
@@ -89,7 +91,7 @@ TEST_F(StatusSm, StartsWithWhatTheHardwareSaysAlready) {
   EXPECT_EQ(outcome(50),
             "hardwareResourceExhausted: Hardware resource exhausted for profile group 5");
   EXPECT_EQ(flowReactors(), 3U);
-  EXPECT_EQ(sm->p4RtCxStatusSm()->groupReactors(), 1U);
+  EXPECT_EQ(sm->p4RtCxStatusSm()->groupStats().size(), 1U);
   third.statusIs(FlowStatus::programmed_);
   EXPECT_EQ(heard(), "3 success");
 }
@@ -114,14 +116,14 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
   stats.statusIs(FlowStatus::hardwareFull_);
   EXPECT_EQ(heard(), "dependent 7 hardwareResourceExhausted");
   EXPECT_EQ(root->dependentEntryHandles().size(), 0U);
-  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), std::nullopt);
+  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), Vrf::VrfIdMap::none);
   stats.changeCountIs(1);
   EXPECT_EQ(heard(), "7 hardwareResourceExhausted");
 
   statusInfo->dependentHandleToVrfMapIs(8, 5);
   auto& rootless = flow("flow-8", FlowStatus::programmed_);
   EXPECT_EQ(heard(), "") << "no root to tell";
-  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(8), std::nullopt);
+  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(8), Vrf::VrfIdMap::none);
   rootless.changeCountIs(1);
   EXPECT_EQ(heard(), "8 success");
 }
@@ -174,7 +176,7 @@ TEST_F(StatusSm, AGroupWithoutARowOrAnOpenWriteIsPassedOver) {
   stats.statusIs(GroupStatus::ready_);
   hw->groupStatsDel(5);
   EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
-  EXPECT_EQ(sm->p4RtCxStatusSm()->groupReactors(), 2U);
+  EXPECT_EQ(sm->p4RtCxStatusSm()->groupStats().size(), 2U);
 }
 
 TEST_F(StatusSm, ACorruptMemberRowIsReportedAndPassedOver) {
@@ -235,8 +237,9 @@ TEST_F(StatusSm, AStateMachineIsKeptForTheVerySameInputsOnly) {
   const auto otherInfo = Ostra::ostraStatusInfoFactory();
   EXPECT_EQ(sm->p4RtCxStatusSmIs(hw, batchStatus, statusInfo, groups, members), made);
   EXPECT_NE(sm->p4RtCxStatusSmIs(hw, batchStatus, otherInfo, groups, members), made);
-  EXPECT_NE(sm->p4RtCxStatusSmIs(hw, batchStatus, otherInfo, groups, nullptr)->ostraStatusInfo(),
-            statusInfo);
+  EXPECT_NE(
+      sm->p4RtCxStatusSmIs(hw, batchStatus, otherInfo, groups, nullptr)->inputs().ostraStatusInfo,
+      statusInfo);
   EXPECT_FALSE(made->hasNotificationActive());
   EXPECT_TRUE(sm->p4RtCxStatusSm()->hasNotificationActive());
 }
@@ -279,7 +282,7 @@ TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
   groupRow(6, 60);
   flow("flow-2", FlowStatus::programmed_);
   hw->groupStatsIs(6, GroupStatus::hardwareFull_);
-  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(2), std::nullopt)
+  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(2), Vrf::VrfIdMap::none)
       << "nobody to tell, and done with";
 }
 

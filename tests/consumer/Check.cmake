@@ -40,6 +40,16 @@ if(PLATFORM AND ours)
   message(FATAL_ERROR "an Ostra on another platform installs its own: ${ours}")
 endif()
 
-run("${CMAKE_COMMAND}" -S "${consumer}" -B "${WORK}/consumer" ${options})
+# The consumer includes every header of the library that is installed.
+file(GLOB_RECURSE headers RELATIVE "${prefix}/include/ostra" "${prefix}/include/ostra/Ostra/*.h")
+if(NOT headers MATCHES "Ostra/Ostra.h" OR headers MATCHES "private/")
+  message(FATAL_ERROR "headers for the library's users only are to be installed: ${headers}")
+endif()
+list(TRANSFORM headers REPLACE "(.+)" "#include \"\\1\"\n")
+list(JOIN headers "" includes)
+file(WRITE "${WORK}/includes/AllOfOstra.h" "${includes}")
+
+run("${CMAKE_COMMAND}" -S "${consumer}" -B "${WORK}/consumer" ${options}
+    "-DCMAKE_CXX_FLAGS=-I${WORK}/includes")
 run("${CMAKE_COMMAND}" --build "${WORK}/consumer")
 run("${WORK}/consumer/consumer")

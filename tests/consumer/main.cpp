@@ -1,4 +1,4 @@
-#include "Ostra/FlowUtil.h"
-#include "Ostra/Ostra.h"
+// Written by Check.cmake.
+#include "AllOfOstra.h"
 
 int main() { return Ostra::flowIdFromName(Ostra::buildFlowName(42)) == 42 ? 0 : 1; }

@@ -131,8 +131,7 @@ void status(Bytes bytes) {
   P4Runtime::TableStatusEntryBase base;
   base.genId = values.next<std::uint64_t>();
   base.entryHandle = values.next<std::uint64_t>();
-  base.errorCode =
-      P4Runtime::ErrorCode{values.next<std::uint8_t>() % (P4Runtime::maxErrorCode + 1)};
+  base.errorCode = P4Runtime::ErrorCode{values.next<std::uint8_t>()};
   base.deleted = values.next<bool>();
   const Ostra::OstraStatusEntry made{base, keyOf(values)};
   Korm::assertTrue(Korm::strepToValue<Ostra::OstraStatusEntry>(Korm::valueToStrep(made)) == made,

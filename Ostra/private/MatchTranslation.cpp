@@ -1,9 +1,9 @@
-#include "Ostra/MatchTranslation.h"
+#include "Ostra/private/MatchTranslation.h"
 
 #include <tuple>
 
-#include "Ostra/EtherType.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/EtherType.h"
 #include "platform/Bridging/Bridging.h"
 #include "platform/Brisklog/Addresses.h"
 
@@ -16,18 +16,19 @@ using OpenFlowTable::Match;
 
 constexpr std::string_view scope = "OstraSm::";
 constexpr std::string_view function = "handleFlowConfigImpl";
+constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
 constexpr int level = TraceLevel::routine;
 
-constinit Brisklog::TracePoint traceIp{traceHandle, level, scope, function, " matchIp:%s"};
-constinit Brisklog::TracePoint traceIp6{traceHandle, level, scope, function, " matchIp6:%s"};
-constinit Brisklog::TracePoint traceIsIpPacket{traceHandle, level, scope, function,
-                                               " isIpPacketValid %s. isIpPacketMask %s"};
-constinit Brisklog::TracePoint traceInnerL3Data{traceHandle, level, scope, function,
-                                                " innerL3Data:%s"};
-constinit Brisklog::TracePoint traceRewrite{traceHandle, level, scope, function,
-                                            "maybeUpdateFlowMatch tableType %s prioGroupType%s"};
-constinit Brisklog::TracePoint traceReplace{traceHandle, level, scope, function,
-                                            "replace ethertype %s with l3PacketType %s"};
+constinit Brisklog::TracePoint traceIp{traceHandle, level, scope, function, " matchIp:%s", unit};
+constinit Brisklog::TracePoint traceIp6{traceHandle, level, scope, function, " matchIp6:%s", unit};
+constinit Brisklog::TracePoint traceIsIpPacket{
+    traceHandle, level, scope, function, " isIpPacketValid %s. isIpPacketMask %s", unit};
+constinit Brisklog::TracePoint traceInnerL3Data{traceHandle,       level, scope, function,
+                                                " innerL3Data:%s", unit};
+constinit Brisklog::TracePoint traceRewrite{
+    traceHandle, level, scope, function, "maybeUpdateFlowMatch tableType %s prioGroupType%s", unit};
+constinit Brisklog::TracePoint traceReplace{
+    traceHandle, level, scope, function, "replace ethertype %s with l3PacketType %s", unit};
 
 // A DSCP stands in the upper six bits of the type-of-service byte (RFC 2474, 3).
 constexpr unsigned dscpShift = 2;

@@ -1,0 +1,97 @@
+// What a flow state machine remembers of its flows, by key. Private to the library.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <utility>
+
+#include "Ostra/OstraTypes.h"
+#include "platform/Korm/HashMap.h"
+#include "platform/Vrf/Vrf.h"
+
+namespace Ostra {
+
+// A key with its hash, so that a key is hashed once on its way through the library. The key is referred
+// to and must outlive this.
+struct HashedKey {
+  explicit HashedKey(const OstraKey& itsKey) noexcept : key{itsKey}, hash{itsKey.hash(0)} {}
+
+  const OstraKey& key;
+  const std::uint32_t hash;
+};
+
+// Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow counts
+// against, and the entry handle under which it was written.
+//
+// Invariant: a key is in the map exactly while it has a VRF or a handle.
+class FlowIndex {
+ public:
+  using VrfId = Vrf::VrfIdMap::VrfId;
+
+  // Nothing when the key has no VRF.
+  [[nodiscard]] std::optional<VrfId> vrf(const HashedKey& key) const noexcept {
+    const Record* const record = find(key);
+    return record == nullptr ? std::nullopt : record->vrf;
+  }
+  void vrfIs(const HashedKey& key, VrfId vrf) { record(key).vrf = vrf; }
+  // The VRF removed, if there was one.
+  std::optional<VrfId> vrfDel(const HashedKey& key) noexcept { return take(key, &Record::vrf); }
+  void vrfDelAll() noexcept { takeAll(&Record::vrf); }
+
+  // Nothing when the key has no handle.
+  [[nodiscard]] std::optional<std::uint64_t> handle(const HashedKey& key) const noexcept {
+    const Record* const record = find(key);
+    return record == nullptr ? std::nullopt : record->handle;
+  }
+  void handleIs(const HashedKey& key, std::uint64_t handle) { record(key).handle = handle; }
+  // The handle removed, if there was one.
+  std::optional<std::uint64_t> handleDel(const HashedKey& key) noexcept {
+    return take(key, &Record::handle);
+  }
+  void handleDelAll() noexcept { takeAll(&Record::handle); }
+
+  // Asserts every invariant.
+  void verify() const {
+    map_.verify();
+    for (const auto& entry : map_) {
+      Korm::assertTrue(entry.value.used(), "an index entry has a handle or a VRF");
+    }
+  }
+
+ private:
+  struct Record {
+    [[nodiscard]] bool used() const noexcept { return handle || vrf; }
+    std::optional<std::uint64_t> handle;
+    std::optional<VrfId> vrf;
+  };
+
+  [[nodiscard]] const Record* find(const HashedKey& key) const noexcept {
+    const auto* const found = map_.find(key.key, key.hash);
+    return found == nullptr ? nullptr : &found->value;
+  }
+  [[nodiscard]] Record& record(const HashedKey& key) {
+    return map_.tryEmplaceHashed(key.hash, key.key).first.value;
+  }
+  template <class T>
+  std::optional<T> take(const HashedKey& key, std::optional<T> Record::*member) noexcept {
+    auto* const found = map_.find(key.key, key.hash);
+    if (found == nullptr) {
+      return std::nullopt;
+    }
+    const std::optional<T> taken = std::exchange(found->value.*member, std::nullopt);
+    if (!found->value.used()) {
+      map_.erase(key.key, key.hash);
+    }
+    return taken;
+  }
+  template <class T>
+  void takeAll(std::optional<T> Record::*member) noexcept {
+    for (auto& entry : map_) {
+      take(HashedKey{entry.key}, member);
+    }
+  }
+
+  Korm::HashMap<OstraKey, Record> map_;
+};
+
+}  // namespace Ostra

@@ -1,0 +1,53 @@
+// Reading the service's tables, whose rows a stray write may have damaged. Private to the library.
+#pragma once
+
+#include <optional>
+#include <type_traits>
+
+#include "platform/Korm/Ptr.h"
+#include "platform/Vasta/Errors.h"
+#include "platform/Vasta/Table.h"
+
+namespace Ostra {
+
+// What `read` gives. Nothing when it meets a corruption, which is reported to the table.
+template <class Table, class Read>
+auto reportingCorruption(Table& table, Read read) -> std::optional<std::invoke_result_t<Read>> {
+  try {
+    return read();
+  } catch (const Vasta::Corruption& corruption) {
+    table.reportCorruption(corruption.what());
+    return std::nullopt;
+  }
+}
+
+// The row in place. Null when there is no such row, or no table, or the row is corrupt.
+template <class Table>
+const typename Table::Record* findRow(const Korm::Ptr<Table>& table,
+                                      const typename Table::Key& key) {
+  return table ? reportingCorruption(*table, [&] { return table->entry(key); }).value_or(nullptr)
+               : nullptr;
+}
+
+// What a walk does at a corrupt row.
+enum class AtCorruption : bool { stop_, goOn_ };
+
+// Calls visit(row) for each row in place. The table may change meanwhile, and may be null.
+template <class Table, class Visit>
+void forEachRow(Korm::Ptr<Table> table, AtCorruption atCorruption, Visit visit) {
+  if (!table) {
+    return;
+  }
+  Vasta::Hint hint;
+  for (;;) {
+    const auto row = reportingCorruption(*table, [&] { return table->next(hint); });
+    if (row == nullptr || (!row && atCorruption == AtCorruption::stop_)) {
+      return;
+    }
+    if (row) {
+      visit(**row);
+    }
+  }
+}
+
+}  // namespace Ostra
