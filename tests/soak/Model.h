@@ -56,6 +56,9 @@ struct StatusRow {
   friend bool operator==(const StatusRow&, const StatusRow&) = default;
 };
 
+// The field if it is given with a mask that is not zero; otherwise null.
+[[nodiscard]] const MatchField* constrained(const FlowKey& key, Field field);
+
 class Model {
  public:
   // As ostra-sim at launch: the library running, nothing stored.
@@ -170,12 +173,13 @@ class Model {
   void lateResult(Book* book, Handle handle, unsigned code, const std::string& message);
   void print(const Update& update);
 
-  // The library (ModelLibrary.cpp).
+  // The library (ModelLibrary.cpp, ModelMatch.cpp).
   void createLibrary();
   void removeStaleFlows(std::uint8_t table);
   void handleFlow(const FlowKey& key);
   void insertFlow(const FlowKey& key, const FlowRow& row);
   void deleteFlow(const FlowKey& key);
+  static void checkPort(Handle handle, std::uint32_t port, const std::string& what);
   OpenFlowTable::Match buildMatch(const FlowKey& key, Handle handle) const;
   OpenFlowTable::Actions buildActions(const FlowKey& key, const FlowRow& row);
   void changeVrf(const FlowKey& key, std::optional<std::uint32_t> vrf, Handle handle);

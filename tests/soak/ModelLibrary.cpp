@@ -9,14 +9,10 @@ namespace {
 
 using OpenFlowTable::Match;
 
-constexpr unsigned undefinedBehavior = 13;
-constexpr unsigned notAllowed = 14;
 constexpr unsigned invalidArgument = 15;
 constexpr unsigned notFound = 16;
-constexpr unsigned invalidMask = 17;
 constexpr std::uint16_t ip4Type = 0x0800;
 constexpr std::uint16_t ip6Type = 0x86DD;
-constexpr std::uint16_t arpType = 0x0806;
 
 Handle handleIn(const std::string& name) {
   unsigned long number = 0;
@@ -25,48 +21,19 @@ Handle handleIn(const std::string& name) {
 
 std::string flowName(Handle handle) { return "flow-" + std::to_string(handle); }
 
-// The field if it is given with a mask that is not zero.
-const MatchField* constrained(const FlowKey& key, Field field) {
-  for (const MatchField& match : key.fields) {
-    if (match.field == field && match.mask != Bits{}) {
-      return &match;
-    }
+Korm::EthAddr mac(std::uint64_t address) {
+  Korm::EthAddr to;
+  for (std::size_t at = to.octets.size(); at-- > 0; address >>= 8U) {
+    to.octets[at] = static_cast<std::uint8_t>(address);
   }
-  return nullptr;
+  return to;
 }
-
-template <class T>
-T number(const Bits& bits) {
-  return static_cast<T>(bits.low);
+Korm::Ip4Addr ip4(std::uint32_t address) {
+  const auto octet = [address](unsigned shift) {
+    return static_cast<std::uint8_t>(address >> shift);
+  };
+  return {{octet(24), octet(16), octet(8), octet(0)}};
 }
-template <std::size_t count>
-std::array<std::uint8_t, count> octets(const Bits& bits) {
-  std::array<std::uint8_t, count> out{};
-  for (std::size_t at = 0; at < count; ++at) {
-    const std::size_t fromEnd = count - 1 - at;
-    out[at] = static_cast<std::uint8_t>((fromEnd < 8 ? bits.low : bits.high) >> (fromEnd % 8 * 8));
-  }
-  return out;
-}
-Korm::EthAddr mac(std::uint64_t address) { return {octets<6>({0, address})}; }
-Korm::Ip4Addr ip4(std::uint32_t address) { return {octets<4>({0, address})}; }
-
-void place(Match& match, Match::Field bit, auto& masked, const auto& value, const auto& mask) {
-  masked = {value, mask};
-  match.hasIs(bit, true);
-}
-template <class T>
-void placeNumber(Match& match, Match::Field bit, OpenFlowTable::Masked<T>& masked,
-                 const MatchField& field, unsigned shift = 0) {
-  place(match, bit, masked, static_cast<T>(field.value.low << shift),
-        static_cast<T>(field.mask.low << shift));
-}
-
-struct Layer3 {
-  std::optional<std::uint16_t> etherType;  // exact
-  bool isIp = false;
-  std::string whyNot;
-};
 
 }  // namespace
 
@@ -147,160 +114,6 @@ void Model::insertFlow(const FlowKey& key, const FlowRow& row) {
   }
 }
 
-namespace {
-
-void checkPort(std::uint32_t port, auto refuse, const std::string& what) {
-  if (port == 0 || port > 0xFFFFFEFF) {
-    refuse(invalidArgument,
-           what + ": port id " + std::to_string(port) + " is outside 1 to 4294967039");
-  }
-}
-
-Layer3 checkLayer3(const FlowKey& key, auto refuse) {
-  const std::string typeName = "hdr.ethernet.ether_type";
-  Layer3 layer3;
-  const MatchField* const type = constrained(key, etherType_);
-  const MatchField* const flag = constrained(key, isIpPacket_);
-  if (type != nullptr) {
-    if (type->mask.low != 0xFFFF) {
-      refuse(invalidMask, typeName + " should be a wildcard or an exact value");
-    }
-    layer3.etherType = static_cast<std::uint16_t>(type->value.low);
-  }
-  const bool ipType = layer3.etherType == ip4Type || layer3.etherType == ip6Type;
-  if (type != nullptr && flag != nullptr && ipType != (flag->value.low != 0)) {
-    refuse(undefinedBehavior, "the combination of " + typeName +
-                                  " and local.metadata.isIpPacket has no defined behavior");
-  }
-  layer3.isIp = ipType || (flag != nullptr && flag->value.low != 0);
-  layer3.whyNot = std::string{type == nullptr ? "ether type is ignored and isIpPacket is "
-                                              : "ether type is non-ip and isIpPacket is "} +
-                  (flag == nullptr ? "ignored" : "false");
-  return layer3;
-}
-
-void checkKey(const FlowKey& key, auto refuse) {
-  const Layer3 layer3 = checkLayer3(key, refuse);
-  const auto needsType = [&](Field field, std::initializer_list<std::uint16_t> types) {
-    if (constrained(key, field) != nullptr &&
-        std::none_of(types.begin(), types.end(),
-                     [&](std::uint16_t type) { return layer3.etherType == type; })) {
-      refuse(undefinedBehavior, "the combination of hdr.ethernet.ether_type and " +
-                                    std::string{info(field).name} + " has no defined behavior");
-    }
-  };
-  needsType(ip6Dst_, {ip6Type});
-  needsType(ip6Src_, {ip6Type});
-  needsType(ip4Dst_, {ip4Type});
-  needsType(ip4Src_, {ip4Type});
-  needsType(arpTarget_, {arpType});
-  needsType(icmpType_, {ip4Type, ip6Type});
-  for (const Field field : {dscp_, hopLimit_, nextHeader_}) {
-    if (constrained(key, field) != nullptr && !layer3.isIp) {
-      refuse(notAllowed,
-             std::string{info(field).name} + " is not allowed because " + layer3.whyNot);
-    }
-  }
-}
-
-void placeField(Match& match, const MatchField& field) {
-  using F = Match::Field;
-  const auto plain = [&](F bit, auto& masked) { placeNumber(match, bit, masked, field); };
-  const auto address = [&](F bit, auto& masked) {
-    using Address = std::remove_cvref_t<decltype(masked.value)>;
-    constexpr std::size_t size = sizeof(Address::octets);
-    place(match, bit, masked, Address{octets<size>(field.value)},
-          Address{octets<size>(field.mask)});
-  };
-  switch (field.field) {
-    case ethSrc_:
-      return address(F::ethSrc_, match.ethSrc);
-    case ethDst_:
-      return address(F::ethDst_, match.ethDst);
-    case etherType_:
-      return plain(F::etherType_, match.etherType);
-    case vlanId_:
-      return plain(F::vlanId_, match.vlanId);
-    case ip4Src_:
-      return address(F::ipSrc_, match.ipSrc);
-    case ip4Dst_:
-      return address(F::ipDst_, match.ipDst);
-    case arpTarget_:
-      return address(F::arpTargetAddr_, match.arpTargetAddr);
-    case ip6Src_:
-      return address(F::ip6Src_, match.ip6Src);
-    case ip6Dst_:
-      return address(F::ip6Dst_, match.ip6Dst);
-    case ip4Dscp_:
-    case ip6Dscp_:
-    case dscp_:
-      return placeNumber(match, F::tos_, match.tos, field, 2);
-    case ip4Protocol_:
-    case ip6NextHeader_:
-    case nextHeader_:
-      return plain(F::ipProto_, match.ipProto);
-    case ip4Ttl_:
-    case ip6HopLimit_:
-    case hopLimit_:
-      return plain(F::ttl_, match.ttl);
-    case icmpType_:
-      return plain(F::icmpType_, match.icmpType);
-    case l4SrcPort_:
-      return plain(F::l4SrcPort_, match.l4SrcPort);
-    case l4DstPort_:
-      return plain(F::l4DstPort_, match.l4DstPort);
-    case innerL3Data_:
-      return placeNumber(match, F::innerData_, match.innerData, field, 16);
-    case isIpPacket_:
-      match.l3PacketType = field.value.low != 0 ? OpenFlowTable::L3PacketType::ip_
-                                                : OpenFlowTable::L3PacketType::nonIp_;
-      return match.hasIs(F::l3PacketType_, true);
-    case ingressPort_:
-    case egressPort_:
-    case fieldCount_:
-      break;
-  }
-}
-
-}  // namespace
-
-Match Model::buildMatch(const FlowKey& key, Handle handle) const {
-  const auto refuse = [handle](unsigned code, const std::string& message) {
-    throw EntryError{handle, code, message};
-  };
-  Match match;
-  const auto port = [&](Field field, const std::string& what, auto put) {
-    const MatchField* const given = constrained(key, field);
-    if (given == nullptr) {
-      return;
-    }
-    if (given->mask.low != 0xFFFFFFFF) {
-      refuse(invalidArgument, what + ": mask " + std::to_string(given->mask.low) +
-                                  " is not all ones; a port is matched exactly");
-    }
-    checkPort(number<std::uint32_t>(given->value), refuse, what);
-    const auto mapped = ports_.find(number<std::uint32_t>(given->value));
-    (match.*put)(mapped == ports_.end() ? Interface::IntfId{} : Interface::IntfId{mapped->second},
-                 true);
-  };
-  port(ingressPort_, "ingress port-id", &Match::inIntfIs);
-  port(egressPort_, "egress port-id", &Match::egressIntfIs);
-  checkKey(key, refuse);
-  for (const MatchField& field : key.fields) {
-    if (field.mask == Bits{}) {
-      continue;
-    }
-    if (field.field == vlanId_ && field.value.low > 4094) {
-      throw RangeError{"VlanIdOrNone::value > 4094 not allowed"};
-    }
-    if (field.field == vlanId_ && field.mask.low > 4095) {
-      throw RangeError{"VlanIdOrAnyOrNone::value > 4095 not allowed"};
-    }
-    placeField(match, field);
-  }
-  return match;
-}
-
 OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& row) {
   const FlowActions& given = row.actions;
   OpenFlowTable::Actions built;
@@ -328,12 +141,7 @@ OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& ro
   put(given.mirrorEgress,
       [&](const auto& name) { built.egrMirrorIntfIs(Interface::IntfId{name}, true); });
   put(given.output, [&](std::uint32_t port) {
-    checkPort(
-        port,
-        [&](unsigned code, const std::string& message) {
-          throw EntryError{row.handle, code, message};
-        },
-        "egress port-id");
+    checkPort(row.handle, port, "egress port-id");
     const auto mapped = ports_.find(port);
     built.outputIntfIs(
         mapped == ports_.end() ? Interface::IntfId{} : Interface::IntfId{mapped->second}, true);
@@ -422,12 +230,7 @@ void Model::handleMember(std::uint32_t id) {
 void Model::updateMember(const MemberRow& row) {
   const MemberWrite& member = row.write;
   const std::string id = std::to_string(member.id);
-  checkPort(
-      member.port,
-      [&](unsigned code, const std::string& message) {
-        throw EntryError{row.handle, code, message};
-      },
-      "Action profile member " + id);
+  checkPort(row.handle, member.port, "Action profile member " + id);
   const EncapIs* const encap = encaps_.find(member.encap);
   if (encap == nullptr) {
     throw EntryError{
