@@ -10,6 +10,13 @@ namespace {
 
 using Word = OptionWord<Options>;
 
+void leftoverIs(Options& options, Sim::Leftover leftover) {
+  if (options.leftover != Sim::Leftover::refuse_ && options.leftover != leftover) {
+    throw CommandError{"read both --resume and --discard, expected one of them"};
+  }
+  options.leftover = leftover;
+}
+
 constexpr std::array optionWords{
     Word{"--json", "", [](Options& options, std::string_view) { options.json = true; }},
     Word{"--stopped", "", [](Options& options, std::string_view) { options.stopped = true; }},
@@ -33,6 +40,11 @@ constexpr std::array optionWords{
            }
            options.shm = name;
          }},
+    Word{"--resume", "",
+         [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::resume_); }},
+    Word{"--discard", "",
+         [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::discard_); }},
+    Word{"--verify", "", [](Options& options, std::string_view) { options.verify = true; }},
     Word{"--help", "", [](Options& options, std::string_view) { options.help = true; }},
     Word{"--version", "", [](Options& options, std::string_view) { options.version = true; }},
 };
@@ -50,7 +62,10 @@ input is read where a FILE is - or where there is none; on a terminal that is a 
   --clock real|steps   'steps' is 0 at launch and one second later before each command, so that a run
                        repeats to the letter; 'real', the default, is the system clock
   --shm NAME           keep the tables and the trace ring in named shared memory, where
-                       'ostra-show NAME' reads them
+                       'ostra-show NAME' reads them. One that is killed leaves its tables
+  --resume             go on with the tables that a killed one has left under NAME
+  --discard            remove the tables that a killed one has left under NAME
+  --verify             check every invariant after each command; a fault ends in an abort
   --help               print this
   --version            print the version
 
@@ -74,6 +89,9 @@ Options parseOptions(std::span<const char* const> arguments) {
       taken = applyOption(arguments, optionWords, "an option or a FILE", options);
     }
     arguments = arguments.subspan(taken);
+  }
+  if (options.leftover != Sim::Leftover::refuse_ && options.shm.empty()) {
+    throw UsageError{"read --resume or --discard, expected --shm NAME with it"};
   }
   if (options.files.empty()) {
     options.files.emplace_back("-");

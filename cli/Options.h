@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/OptionWords.h"
+#include "sim/SharedMemory.h"
 
 namespace Cli {
 
@@ -21,7 +22,9 @@ struct Options {
   bool help = false;
   bool version = false;
   std::optional<int> traceLevel;
-  std::string shm;                 // empty: no named shared memory
+  bool verify = false;
+  std::string shm;  // empty: no named shared memory
+  Sim::Leftover leftover = Sim::Leftover::refuse_;
   std::vector<std::string> files;  // "-" is standard input; never empty
 };
 

@@ -71,17 +71,17 @@ class Program {
     }
     std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
-      sharedMemory.emplace(options_.shm);
+      sharedMemory.emplace(options_.shm, options_.leftover);
     }
     if (options_.traceLevel) {
       traceTo(errors_, *options_.traceLevel);
     }
-    Sim::Service service;
+    Sim::Service service{sharedMemory ? &*sharedMemory : nullptr};
     Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
-    if (!options_.stopped) {
-      service.start();
-    }
     Cli::Interpreter interpreter{service, agent, *printer_, interpreterOptions()};
+    if (!options_.stopped) {
+      interpreter.start();
+    }
     for (const std::string& file : options_.files) {
       if (!interpreter.ended() && !play(interpreter, file)) {
         return badInput;
@@ -105,6 +105,7 @@ class Program {
   [[nodiscard]] Cli::InterpreterOptions interpreterOptions() const {
     const bool terminal = ::isatty(STDOUT_FILENO) == 1;
     return {.keepGoing = options_.keepGoing,
+            .verify = options_.verify,
             .beforeCommand =
                 [steps = options_.clockSteps] {
                   if (steps) {

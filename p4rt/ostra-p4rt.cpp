@@ -51,9 +51,10 @@ class Program {
   Status run() {
     std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
-      sharedMemory.emplace(options_.shm);
+      sharedMemory.emplace(options_.shm,
+                           options_.discard ? Sim::Leftover::discard_ : Sim::Leftover::refuse_);
     }
-    Sim::Service service;
+    Sim::Service service{sharedMemory ? &*sharedMemory : nullptr};
     Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
     service.start();
     service.reportsGatheredIs(false);

@@ -1,11 +1,13 @@
 #include "sim/Service.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
 #include "sim/private/RowWriter.h"
+#include "sim/private/Rows.h"
 #include "sim/private/ServiceObjects.h"
 #include "sim/private/Transactions.h"
 
@@ -22,16 +24,51 @@ Failure guarded(Change change) {
     change();
   } catch (const Korm::RangeException& refused) {
     return refused.what();
+  } catch (const Vasta::Corruption& corruption) {
+    return corruption.what();
+  } catch (const std::system_error& full) {
+    return full.what();
   }
   return std::nullopt;
 }
 
 }  // namespace
 
-Service::Service()
+Service::Service(SharedMemory* shared)
     : objects_{std::make_unique<ServiceObjects>()},
-      transactions_{std::make_unique<Transactions>(*objects_)},
-      reportNotifiee_{*this, transactions_->reportNotifiees()} {}
+      blobs_{std::make_unique<Blobs>(*objects_->blobTable)},
+      transactions_{std::make_unique<Transactions>(
+          *objects_, shared == nullptr ? numbers_ : shared->numbers())},
+      reportNotifiee_{*this, transactions_->reportNotifiees()} {
+  if (shared == nullptr) {
+    return;
+  }
+  if (shared->resuming()) {
+    restore();
+  }
+  shared->inServiceIs();
+}
+
+void Service::restore() {
+  resumed_ = true;
+  RowWriter{*objects_, *transactions_, nullptr}.restore();
+  const auto drop = [this](auto& table) {
+    return [this, &table](const Vasta::Corruption& corruption) {
+      objects_->faults.add(std::string{corruption.what()} + "; it is dropped");
+      table.table().discard(corruption.row());
+    };
+  };
+  forEachRow(
+      *objects_->portTable,
+      [this](const PortRow& row) { objects_->ports->portIs(row.port, row.intf); },
+      drop(*objects_->portTable));
+  forEachRow(
+      *objects_->encapTable, [](const NexthopGroup::EncapEntry&) {}, drop(*objects_->encapTable));
+  for (const std::string& fault : blobs_->recover()) {
+    objects_->faults.add(fault + "; it is dropped");
+  }
+  settle();
+}
 
 Service::~Service() = default;
 
@@ -59,7 +96,7 @@ Announcement Service::create(bool announceRows) {
     return {.failure = std::move(failure), .results = {}};
   }
   if (announceRows) {
-    writer.announce();
+    writer.announce(std::exchange(resumed_, false));
   }
   return announcement();
 }
@@ -127,16 +164,24 @@ void Service::handleReport(const Report& report) {
   }
 }
 
+std::vector<std::string> Service::takeFaults() { return objects_->faults.take(); }
+
 std::optional<P4Runtime::P4CounterData> Service::counter(P4Runtime::EntryHandle handle) const {
   const auto reader = objects_->counters->counterImplMap(directCounter);
   return reader ? std::optional{reader->getCounters(handle)} : std::nullopt;
 }
 
-void Service::portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf) {
-  objects_->ports->portIs(port, intf);
+Failure Service::portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf) {
+  return guarded([&] {
+    objects_->portTable->entryIs({.port = port, .intf = intf});
+    objects_->ports->portIs(port, intf);
+  });
 }
 
-bool Service::portDel(P4Runtime::P4PortId port) { return objects_->ports->portDel(port); }
+bool Service::portDel(P4Runtime::P4PortId port) {
+  objects_->portTable->table().del(port, nullptr);
+  return objects_->ports->portDel(port);
+}
 
 Failure Service::encapIs(const NexthopGroup::EncapEntry& entry) {
   Failure failure = guarded([&] { objects_->encapTable->entryIs(entry); });
@@ -145,7 +190,11 @@ Failure Service::encapIs(const NexthopGroup::EncapEntry& entry) {
 }
 
 bool Service::hasEncap(NexthopGroup::EncapId id) const {
-  return objects_->encapTable->entry(id) != nullptr;
+  try {
+    return objects_->encapTable->entry(id) != nullptr;
+  } catch (const Vasta::Corruption&) {
+    return true;  // and can be removed
+  }
 }
 
 Failure Service::encapDel(NexthopGroup::EncapId id) {
@@ -168,6 +217,7 @@ bool Service::corvexFlowDel(const Korm::Name& name) {
 
 void Service::verify() const {
   transactions_->verify();
+  objects_->verifyTables();
   if (context_) {
     for (const auto& [index, machine] : context_->ostraSmColl()) {
       machine->verify();

@@ -15,12 +15,18 @@
 // does so after every command.
 //
 // A range exception that leaves the library is a result (apply, start, resync) or a returned text (the
-// others); the service goes on. Any other exception leaves the operation, and the service can then only be
-// destroyed.
+// others); the service goes on. It also goes on where a row is damaged or shared memory runs out: the write
+// that meets it fails, and takeFaults() has a text. Any other exception, the memory of the process running
+// out for one, leaves the operation, and the service can then only be destroyed.
 //
-// Thread and process rule: one thread, the activity thread. Named shared memory (KormVasta::sharedMemoryIs)
-// and the switch for thread-safe pointers are set before the service is made. There is one service at a
-// time in a process, as there is one activity and one clock. It uses Korm::currentTime() only.
+// Given a SharedMemory, the service keeps its tables under that name, where they outlive a process that dies.
+// One that resumes has the rows, the ports, the encapsulations and the blobs of the process before from
+// construction on, under the same handles; start() announces them. Counters, statuses and everything in
+// Corvex begin anew.
+//
+// Thread and process rule: one thread, the activity thread. The shared memory and the switch for thread-safe
+// pointers are set before the service is made. There is one service at a time in a process, as there is one
+// activity and one clock. It uses Korm::currentTime() only.
 // Ownership: the service owns its tables and objects and holds the library's context; a hardware agent
 // shares the Corvex entities and may outlive the library, though not the service's use of them.
 #pragma once
@@ -42,6 +48,8 @@
 #include "platform/P4Runtime/Counter.h"
 #include "platform/Tessel/Tessel.h"
 #include "platform/Vrf/Vrf.h"
+#include "sim/Blobs.h"
+#include "sim/SharedMemory.h"
 #include "sim/Writes.h"
 
 namespace Sim {
@@ -94,9 +102,10 @@ struct TableView {
 
 class Service {
  public:
-  // All objects and tables, with the library stopped. Throws what the table service throws when named
-  // shared memory cannot be had.
-  Service();
+  // All objects and tables, with the library stopped. `shared` outlives the service; null for tables that no
+  // other process sees. Throws what the table service throws when named shared memory cannot be had; what
+  // was to be resumed then stays as it is.
+  explicit Service(SharedMemory* shared = nullptr);
   ~Service();
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
@@ -142,6 +151,8 @@ class Service {
   void reportsGatheredIs(bool gathered) noexcept;
   // Lets the hardware do what it has put off, and the tables become quiet.
   static void settle();
+  // Damaged rows and shared memory that ran out, as they were met since the last call.
+  [[nodiscard]] std::vector<std::string> takeFaults();
 
   // The direct counter of a flow entry; zeros for one that has none. Nothing when no reader is registered,
   // which is before the first start.
@@ -152,7 +163,7 @@ class Service {
 
   // Maps a port, or drops the mapping (false when there was none). Entries that name the port are not
   // translated again.
-  void portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf);
+  Failure portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf);
   bool portDel(P4Runtime::P4PortId port);
   // Writes or removes an encapsulation entry; members that use it are programmed again, or refused, which
   // shows as reports. The type must be IP in IP, the only one that members may use.
@@ -163,6 +174,9 @@ class Service {
   // was none). Behind the library's back.
   void corvexFlowIs(const Korm::Name& name);
   bool corvexFlowDel(const Korm::Name& name);
+
+  // What a front end keeps beside the entries.
+  [[nodiscard]] Blobs& blobs() noexcept { return *blobs_; }
 
   // What there is to see.
 
@@ -177,17 +191,22 @@ class Service {
   // The flow tables that store rows, by index.
   [[nodiscard]] std::vector<TableView> entries() const;
 
-  // Asserts the invariants of the books and, of a running library, its indexes. Looks at everything.
+  // Asserts the invariants of the books, of the tables and, of a running library, its indexes. Looks at
+  // everything.
   void verify() const;
 
  private:
+  void restore();
   Announcement create(bool announceRows);
   // Makes the context; the range exception's text if one left it, with no context then.
   Failure createContext();
   [[nodiscard]] Announcement announcement();
   void handleReport(const Report& report);
 
+  bool resumed_ = false;  // the hardware has nothing yet of the rows that are stored
+  GivenNumbers numbers_;  // where no shared memory has them
   std::unique_ptr<ServiceObjects> objects_;
+  std::unique_ptr<Blobs> blobs_;
   std::unique_ptr<Transactions> transactions_;
   Korm::Ptr<Ostra::OstraContext> context_;
   std::vector<Report> reports_;

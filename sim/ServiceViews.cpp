@@ -7,6 +7,7 @@
 #include "sim/Service.h"
 #include "sim/TablePaths.h"
 #include "sim/private/NameOrder.h"
+#include "sim/private/Rows.h"
 #include "sim/private/ServiceObjects.h"
 
 namespace Sim {
@@ -94,10 +95,10 @@ std::vector<TableView> Service::entries() const {
         context_ ? context_->ostraSmColl().at(index).get() : nullptr;
     TableView view{.table = index, .entries = {}};
     view.entries.reserve(table.entries());
-    Vasta::Hint hint;
-    while (const auto* const row = table.next(hint)) {
-      view.entries.push_back(viewOf(*row, machine));
-    }
+    forEachRow(
+        table,
+        [&](const Ostra::OstraConfigEntry& row) { view.entries.push_back(viewOf(row, machine)); },
+        [this](const Vasta::Corruption& corruption) { objects_->faults.add(corruption.what()); });
     std::sort(view.entries.begin(), view.entries.end(),
               [](const EntryView& a, const EntryView& b) { return a.handle < b.handle; });
     views.push_back(std::move(view));

@@ -1,19 +1,140 @@
 #include "sim/SharedMemory.h"
 
+#include <unistd.h>
+
 #include "platform/Brisklog/Ring.h"
 #include "platform/KormVasta/SharedMemory.h"
+#include "platform/Vasta/Layout.h"
+#include "platform/Vasta/TableWriter.h"
 #include "sim/SharedNames.h"
+#include "sim/TablePaths.h"
 
 namespace Sim {
+namespace {
 
-SharedMemory::SharedMemory(const std::string& name) {
-  KormVasta::sharedMemoryIs({.prefix = name, .takeOver = false});
-  // Before the ring, whose coming tells readers to look: they shall not see what a dead process left.
-  clearTables();
-  // No trace has been written yet that the ring it replaces could hold.
-  (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = traceSegment(name)}));
+using Vasta::loadWord;
+using Vasta::storeWord;
+
+constexpr std::uint64_t stateMagic = 0x4F73'7472'6153'7761U;
+constexpr std::uint64_t stateVersion = 1;
+
+// Word offsets in the segment.
+enum Word : std::size_t {
+  magic_,  // stored last, and first taken away
+  version_,
+  inService_,
+  process_,
+  givenNumbers_ = 8,  // changed by every insert, the others hardly ever
+  words_ = 16,
+};
+
+constexpr std::size_t bytes = words_ * sizeof(std::uint64_t);
+
+bool isState(const Korm::Segment& segment) noexcept {
+  return segment.size() >= bytes && loadWord(segment.words()[magic_]) == stateMagic;
 }
 
-SharedMemory::~SharedMemory() { (void)Brisklog::ringIs(nullptr); }
+std::string processOf(const Korm::Segment& segment) {
+  return std::to_string(loadWord(segment.words()[process_]));
+}
+
+Korm::SegmentName segmentOf(const std::string& name) { return Korm::SegmentName{"/ostra." + name}; }
+
+void removeTables(const std::string& name) {
+  for (const std::string& path : tablePaths()) {
+    const std::string segment = KormVasta::segmentName(name, path);
+    if (!Vasta::removeTable(segment)) {
+      throw SharedNameError{"the table '" + segment + "' has another writer"};
+    }
+  }
+}
+
+}  // namespace
+
+SharedMemory::SharedMemory(const std::string& name, Leftover leftover)
+    : name_{name}, segmentName_{segmentOf(name)} {
+  takeName();
+  try {
+    inspect(leftover);
+    KormVasta::sharedMemoryIs({.prefix = name, .takeOver = true});
+    // After the tables are in order: its coming tells readers to look. No trace has been written yet that the
+    // ring it replaces could hold.
+    (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = traceSegment(name)}));
+  } catch (...) {
+    release();
+    throw;
+  }
+}
+
+SharedMemory::~SharedMemory() {
+  (void)Brisklog::ringIs(nullptr);
+  release();
+}
+
+void SharedMemory::release() noexcept {
+  KormVasta::sharedMemoryIs({});
+  if (!removes_) {
+    return;
+  }
+  try {
+    if (isState(*segment_)) {
+      // What a death in the middle of the removal leaves is worth nothing.
+      storeWord(segment_->words()[Word::inService_], 0);
+      removeTables(name_);
+    }
+    Korm::unlinkSegment(segmentName_);
+  } catch (const std::exception&) {  // somebody else's tables are theirs to remove
+  }
+}
+
+void SharedMemory::takeName() {
+  segment_ = Korm::Segment::own(segmentName_, bytes, subject());
+  if (segment_ != nullptr) {
+    return;
+  }
+  const auto owned =
+      Korm::Segment::open(segmentName_, Korm::Segment::Access::readOnly_, bytes, subject());
+  throw SharedNameError{
+      subject() + " is in use" +
+      (owned != nullptr && isState(*owned) ? " by process " + processOf(*owned) : std::string{})};
+}
+
+void SharedMemory::inspect(Leftover leftover) {
+  std::uint64_t* const words = segment_->words();
+  const bool known = isState(*segment_);
+  if (!known && segment_->size() != 0 && loadWord(words[magic_]) != 0) {
+    throw SharedNameError{subject() + ": what has its name is not a switch's"};
+  }
+  if (known && loadWord(words[version_]) != stateVersion) {
+    throw SharedNameError{subject() + " is of another version"};
+  }
+  const bool left = known && loadWord(words[Word::inService_]) != 0;
+  if (left && leftover == Leftover::refuse_) {
+    throw SharedNameError{subject() + " holds the tables of process " + processOf(*segment_) +
+                          ", which is gone: --resume goes on with them, --discard removes them"};
+  }
+  resuming_ = left && leftover == Leftover::resume_;
+  removes_ = !resuming_;
+  segment_->grow(bytes);
+  numbers_ = reinterpret_cast<GivenNumbers*>(words + Word::givenNumbers_);
+  if (!resuming_) {
+    storeWord(words[Word::inService_], 0);
+    removeTables(name_);
+    *numbers_ = {};
+  } else {
+    // What was said of the entries is not true of a hardware that starts anew.
+    for (std::uint8_t index = 0; index < flowTables; ++index) {
+      (void)Vasta::removeTable(KormVasta::segmentName(name_, flowStatusTablePath(index)));
+    }
+  }
+  storeWord(words[version_], stateVersion);
+  storeWord(words[process_], static_cast<std::uint64_t>(::getpid()));
+  storeWord(words[magic_], stateMagic);
+}
+
+void SharedMemory::inServiceIs() noexcept {
+  removes_ = true;
+  storeWord(segment_->words()[Word::inService_], 1);
+}
 
 }  // namespace Sim

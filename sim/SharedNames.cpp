@@ -1,10 +1,6 @@
 #include "sim/SharedNames.h"
 
-#include <array>
-#include <cstdint>
-
 #include "platform/KormVasta/SharedMemory.h"
-#include "sim/TablePaths.h"
 
 namespace Sim {
 namespace {
@@ -22,17 +18,6 @@ std::string sharedNameFault(std::string_view name) {
     return "expected 1 to " + std::to_string(longestName) + " letters, digits, '.', '_' or '-'";
   }
   return {};
-}
-
-void clearTables() {
-  for (const std::string& path :
-       std::array{memberTablePath(), groupTablePath(), encapTablePath()}) {
-    (void)KormVasta::prepareSegment(path);
-  }
-  for (std::uint8_t index = 0; index < flowTables; ++index) {
-    (void)KormVasta::prepareSegment(flowTablePath(index));
-    (void)KormVasta::prepareSegment(flowStatusTablePath(index));
-  }
 }
 
 std::string traceSegment(std::string_view name) { return KormVasta::segmentName(name, "trace"); }

@@ -12,9 +12,6 @@ namespace Sim {
 // Why the name cannot be used; empty when it can.
 [[nodiscard]] std::string sharedNameFault(std::string_view name);
 
-// Removes what a dead process has left of the tables under the prefix of KormVasta::sharedMemory().
-void clearTables();
-
 // The segment of the trace ring.
 [[nodiscard]] std::string traceSegment(std::string_view name);
 

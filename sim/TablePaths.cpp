@@ -22,5 +22,17 @@ std::string flowStatusTablePath(std::uint8_t index) {
 std::string memberTablePath() { return std::string{memberTableEntity}.append(entryTable); }
 std::string groupTablePath() { return std::string{groupTableEntity}.append(entryTable); }
 std::string encapTablePath() { return std::string{encapTableEntity}.append(entryTable); }
+std::string portTablePath() { return std::string{portTableEntity}.append(entryTable); }
+std::string blobTablePath() { return std::string{blobTableEntity}.append(entryTable); }
+
+std::vector<std::string> tablePaths() {
+  std::vector paths{memberTablePath(), groupTablePath(), encapTablePath(), portTablePath(),
+                    blobTablePath()};
+  for (std::uint8_t index = 0; index < flowTables; ++index) {
+    paths.push_back(flowTablePath(index));
+    paths.push_back(flowStatusTablePath(index));
+  }
+  return paths;
+}
 
 }  // namespace Sim

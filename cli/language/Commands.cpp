@@ -75,7 +75,7 @@ void port(Interpreter& interpreter, Words& words) {
   const auto id = takeNumber<P4Runtime::P4PortId>(words, "the id of a port");
   const Interface::IntfId intf = parseInterface(words.take("the name of an interface"), "the port");
   words.end();
-  interpreter.service().portIs(id, intf);
+  interpreter.check("port", interpreter.service().portIs(id, intf));
 }
 void noPort(Interpreter& interpreter, Words& words) {
   const auto id = takeNumber<P4Runtime::P4PortId>(words, "the id of a port");

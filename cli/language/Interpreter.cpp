@@ -95,7 +95,24 @@ void Interpreter::playCommand(std::string_view text, std::string_view where) {
   } catch (const CommandError& error) {
     fail(where, error.what());
   }
+  afterCommand();
+}
+
+void Interpreter::start() {
+  where_ = "start";
+  print("start", service_.start());
+  afterCommand();
+}
+
+void Interpreter::afterCommand() {
   printReports();
+  for (const std::string& fault : service_.takeFaults()) {
+    printer_.error(where_, fault);
+  }
+  if (options_.verify) {
+    service_.verify();
+    agent_.verify();
+  }
   if (options_.afterCommand) {
     options_.afterCommand();
   }

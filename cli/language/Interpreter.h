@@ -24,6 +24,7 @@ struct InterpreterOptions {
   bool keepGoing = false;  // a bad command does not end the run
   // Whose flows, members and groups are: not empty, and the commands that write them are refused.
   std::string_view writer{};
+  bool verify = false;  // every invariant is checked after each command
   // Called before and after each command.
   std::function<void()> beforeCommand{};
   std::function<void()> afterCommand{};
@@ -41,6 +42,8 @@ class Interpreter {
   void prompt(LineReader& input, const std::string& name, std::ostream& out);
   // Plays one line.
   void playLine(const LineReader::Line& line, std::string_view where);
+  // Creates the library before the first line, and prints what came of the rows that were there.
+  void start();
   // There is no more input: a batch that is still open is an error, and its writes are dropped.
   void finish();
 
@@ -74,6 +77,7 @@ class Interpreter {
 
   void playCommand(std::string_view text, std::string_view where);
   void apply(const std::vector<Sim::Update>& updates);
+  void afterCommand();
   void printReports();
   // Throws CommandError when entries are written by somebody else.
   void checkWriter() const;

@@ -67,6 +67,7 @@ constexpr std::array words{
            }
            options.shm = name;
          }},
+    Word{"--discard", "", flagIs<&Options::discard>},
     Word{"--help", "", flagIs<&Options::help>},
     Word{"--version", "", flagIs<&Options::version>},
 };
@@ -95,6 +96,7 @@ until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and
   --json                 print JSON, one object a line, in place of text
   --shm NAME             keep the tables and the trace ring in named shared memory, where
                          'ostra-show NAME' reads them
+  --discard              remove the tables that a killed one has left under NAME
   --help                 print this
   --version              print the version
 
@@ -111,6 +113,9 @@ void check(const Options& options) {
   }
   if (options.insecure && !options.tlsKey.empty()) {
     throw Cli::UsageError{"read --insecure and --tls-key, expected one of them"};
+  }
+  if (options.discard && options.shm.empty()) {
+    throw Cli::UsageError{"read --discard, expected --shm NAME with it"};
   }
   if (!options.address.loopback() && options.tlsKey.empty() && !options.insecure) {
     throw Cli::UsageError{"--listen " + options.address.text() +

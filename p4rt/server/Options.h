@@ -28,6 +28,7 @@ struct Options {
   std::string clientRoots;
   std::string shm;              // empty: no named shared memory
   std::optional<bool> console;  // nothing: where standard input is a terminal
+  bool discard = false;
   bool insecure = false;
   bool json = false;
   bool help = false;

@@ -9,8 +9,10 @@
 namespace KormVasta {
 
 struct SharedMemoryOptions {
-  std::string prefix;     // of the segments' names; empty: tables are anonymous
-  bool takeOver = false;  // go on with the rows that an earlier process left, or start empty
+  std::string prefix;  // of the segments' names; empty: tables are anonymous
+  // Go on with the rows that an earlier process left, and leave them to the next one; or start empty, and
+  // remove them with the table.
+  bool takeOver = false;
 };
 
 // For the tables that get their place from now on.

@@ -83,7 +83,7 @@ class TableBinding final : private Vasta::TableWriter::Listener {
     return std::make_unique<Table>(
         Vasta::TableOptions{.name = name,
                             .shmName = segment,
-                            .unlinkOnClose = true,
+                            .unlinkOnClose = !sharedMemory().takeOver,
                             .mountState = Vasta::MountState::unmounted_});
   }
 

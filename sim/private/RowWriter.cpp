@@ -1,12 +1,15 @@
 #include "sim/private/RowWriter.h"
 
+#include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "Ostra/OstraSm.h"
+#include "platform/Korm/Activity.h"
 #include "platform/Korm/Exceptions.h"
 #include "sim/TablePaths.h"
+#include "sim/private/Rows.h"
 
 namespace Sim {
 
@@ -32,14 +35,18 @@ struct RowWriter::FlowRows {
     writer.transactions_.flowIs(row.entryHandle, index, row.flowKey);
   }
   void removed(const Record& /*row*/) const {}
+  // What the books know of a key whose row cannot be read.
+  [[nodiscard]] EntryHandle known(const Record& row) const {
+    return writer.transactions_.storedFlow(index, row.flowKey);
+  }
   // The handle under which the library knows the key, if it is another than the row's.
-  [[nodiscard]] EntryHandle alias(const Record& row) const {
+  [[nodiscard]] EntryHandle alias(const Record& row, EntryHandle handle) const {
     const Ostra::OstraSm* const machine = writer.machine(index);
     if (machine == nullptr) {
       return {};
     }
     const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey).value_or(0)};
-    return known == row.entryHandle ? EntryHandle{} : known;
+    return known == handle ? EntryHandle{} : known;
   }
 
   RowWriter& writer;
@@ -64,7 +71,12 @@ struct RowWriter::MemberRows {
     writer.objects_.handles->memberIs(row.memberId, row.entryHandle);
   }
   void removed(const Record& row) const { writer.objects_.handles->memberDel(row.memberId); }
-  [[nodiscard]] static EntryHandle alias(const Record& /*row*/) noexcept { return {}; }
+  [[nodiscard]] EntryHandle known(const Record& row) const {
+    return writer.objects_.handles->getEntryHandleFromMemberId(row.memberId);
+  }
+  [[nodiscard]] static EntryHandle alias(const Record& /*row*/, EntryHandle /*handle*/) noexcept {
+    return {};
+  }
 
   RowWriter& writer;
 };
@@ -85,7 +97,13 @@ struct RowWriter::GroupRows {
     writer.objects_.handles->groupIs(row.groupId, row.entryHandle);
   }
   void removed(const Record& row) const { writer.objects_.handles->groupDel(row.groupId); }
-  [[nodiscard]] static EntryHandle alias(const Record& /*row*/) noexcept { return {}; }
+  [[nodiscard]] EntryHandle known(const Record& row) const {
+    const P4Runtime::P4HandleMgr& handles = *writer.objects_.handles;
+    return handles.groupHandleToEntryHandle(handles.getGroupHandleFromGroupId(row.groupId));
+  }
+  [[nodiscard]] static EntryHandle alias(const Record& /*row*/, EntryHandle /*handle*/) noexcept {
+    return {};
+  }
 
   RowWriter& writer;
 };
@@ -121,15 +139,27 @@ void RowWriter::apply(const Update& update) {
 }
 
 template <class Rows>
+EntryHandle RowWriter::storedHandle(const Rows& rows, const typename Rows::Record& given,
+                                    std::uint32_t hash) {
+  try {
+    const auto* const stored = rows.table().entry(given.key(), hash);
+    return stored == nullptr ? EntryHandle{} : stored->entryHandle;
+  } catch (const Vasta::Corruption& corruption) {
+    objects_.faults.add(corruption.what());
+    return rows.known(given);
+  }
+}
+
+template <class Rows>
 void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& given) {
   auto& table = rows.table();
   const std::uint32_t hash = table.table().hashOf(given.key());
-  const auto* const stored = table.entry(given.key(), hash);
+  const EntryHandle stored = storedHandle(rows, given, hash);
   Result result{.op = op, .kind = Rows::kind, .id = Rows::id(given)};
   if (op == Op::insert_) {
-    if (stored != nullptr) {
-      reject(std::move(result), Rows::name(given) + " is already stored, under handle " +
-                                    std::to_string(stored->entryHandle));
+    if (stored != 0) {
+      reject(std::move(result),
+             Rows::name(given) + " is already stored, under handle " + std::to_string(stored));
       return;
     }
     auto row = given;
@@ -137,23 +167,23 @@ void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& give
     rows.stored(row);
     result.handle = row.entryHandle;
     transactions_.enter(result);
-    perform([&] { table.table().is(row, hash); });
+    perform(rows, row, [&] { table.table().is(row, hash); });
     return;
   }
-  if (stored == nullptr) {
+  if (stored == 0) {
     reject(std::move(result), Rows::name(given) + " is not stored");
     return;
   }
-  result.handle = stored->entryHandle;
+  result.handle = stored;
   if (op == Op::modify_) {
     auto row = given;
-    Rows::handleIs(row, stored->entryHandle);
+    Rows::handleIs(row, stored);
     transactions_.enter(result);
-    perform([&] { table.table().is(row, hash); });
+    perform(rows, row, [&] { table.table().is(row, hash); });
     return;
   }
-  transactions_.enter(result, rows.alias(*stored));
-  perform([&] { table.table().del(given.key(), hash, nullptr); });
+  transactions_.enter(result, rows.alias(given, stored));
+  perform(rows, given, [&] { table.table().del(given.key(), hash, nullptr); });
   rows.removed(given);  // not before: the library finds the handle by the id to acknowledge
 }
 
@@ -163,12 +193,21 @@ void RowWriter::reject(Result result, std::string message) {
   transactions_.reject(result);
 }
 
-template <class Change>
-void RowWriter::perform(Change change) {
+template <class Rows, class Change>
+void RowWriter::perform(const Rows& rows, const typename Rows::Record& row, Change change) {
   try {
     change();
   } catch (const Korm::RangeException& refused) {
     transactions_.leaveFailed(refused.what());
+    return;
+  } catch (const Vasta::Corruption& corruption) {
+    objects_.faults.add(corruption.what());
+    transactions_.leaveFailed(corruption.what());
+    return;
+  } catch (const std::system_error& full) {  // the table is as it was
+    if (transactions_.leaveRejected(full.what())) {
+      rows.removed(row);
+    }
     return;
   }
   transactions_.leave();
@@ -189,29 +228,54 @@ std::size_t RowWriter::storedRows() {
   return count;
 }
 
-void RowWriter::enterAnnouncements() {
+void RowWriter::restore() {
   forEachKind([this](const auto& rows) {
-    using Rows = std::remove_cvref_t<decltype(rows)>;
-    Vasta::Hint hint;
-    while (const auto* const row = rows.table().next(hint)) {
-      transactions_.enterAnnouncement({.op = Op::announce_,
-                                       .kind = Rows::kind,
-                                       .handle = row->entryHandle,
-                                       .id = Rows::id(*row)});
-    }
+    auto& table = rows.table();
+    forEachRow(
+        table,
+        [&](const auto& row) {
+          rows.stored(row);
+          transactions_.handleTaken(row.entryHandle);
+        },
+        [&](const Vasta::Corruption& corruption) {
+          objects_.faults.add(std::string{corruption.what()} + "; it is dropped");
+          table.table().discard(corruption.row());
+        });
   });
 }
 
-void RowWriter::announce() {
+void RowWriter::enterAnnouncements() {
   forEachKind([this](const auto& rows) {
     using Rows = std::remove_cvref_t<decltype(rows)>;
+    forEachRow(
+        rows.table(),
+        [this](const auto& row) {
+          transactions_.enterAnnouncement({.op = Op::announce_,
+                                           .kind = Rows::kind,
+                                           .handle = row.entryHandle,
+                                           .id = Rows::id(row)});
+        },
+        faultCollector());
+  });
+}
+
+void RowWriter::announce(bool groupsFirst) {
+  forEachKind([this, groupsFirst](const auto& rows) {
+    using Rows = std::remove_cvref_t<decltype(rows)>;
     auto& table = rows.table();
-    Vasta::Hint hint;
-    while (const auto* const stored = table.next(hint)) {
-      const typename Rows::Record row = *stored;
-      transactions_.reenter(row.entryHandle);
-      perform([&] { table.entryIs(row); });
+    if constexpr (Rows::kind == Kind::flow_) {
+      if (groupsFirst && table.entries() > 0) {
+        Korm::activity().run();
+      }
     }
+    forEachRow(
+        table,
+        [&](const typename Rows::Record& stored) {
+          const typename Rows::Record row = stored;
+          transactions_.reenter(row.entryHandle);
+          perform(rows, row, [&] { table.entryIs(row); });
+        },
+        faultCollector());
   });
 }
 

@@ -29,10 +29,13 @@ class RowWriter {
 
   // How many rows are stored.
   [[nodiscard]] std::size_t storedRows();
+  // Enters the rows that an earlier process left into the books, and discards those that are damaged.
+  void restore();
   // Enters every stored row as an announcement: members, groups, flows.
   void enterAnnouncements();
-  // Writes each of them again, in the same order, so that the library hears of it.
-  void announce();
+  // Writes each of them again, in the same order, so that the library hears of it. `groupsFirst`: the
+  // hardware settles before the flows, which are refused as long as it does not have their groups.
+  void announce(bool groupsFirst = false);
 
  private:
   // What a kind of row differs in.
@@ -43,12 +46,21 @@ class RowWriter {
   template <class Rows>
   void write(const Rows& rows, Op op, const typename Rows::Record& given);
   void reject(Result result, std::string message);
-  // Makes the change that the current update stands for.
-  template <class Change>
-  void perform(Change change);
+  // The handle of the row of that key, 0 when none is stored. Of a damaged row it is the one in the books.
+  template <class Rows>
+  [[nodiscard]] P4Runtime::EntryHandle storedHandle(const Rows& rows,
+                                                    const typename Rows::Record& given,
+                                                    std::uint32_t hash);
+  // Makes the change of `row` that the current update stands for.
+  template <class Rows, class Change>
+  void perform(const Rows& rows, const typename Rows::Record& row, Change change);
 
   template <class Visit>
   void forEachKind(Visit visit);
+  // For damaged rows that are passed over.
+  [[nodiscard]] auto faultCollector() const {
+    return [this](const std::exception& fault) { objects_.faults.add(fault.what()); };
+  }
 
   // The library's machine for a flow table; null when the library is stopped.
   [[nodiscard]] const Ostra::OstraSm* machine(std::uint8_t table) const;

@@ -1,10 +1,12 @@
 #include "sim/private/ServiceObjects.h"
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "Ostra/StatePaths.h"
 #include "platform/Interface/Interface.h"
+#include "platform/Korm/Exceptions.h"
 #include "sim/TablePaths.h"
 
 namespace Sim {
@@ -35,6 +37,8 @@ ServiceObjects::ServiceObjects()
       hwStatusDir{make<Korm::Dir>(StatePath::cxHwStatusDir)},
       hwUnitDir{make<Korm::Dir>(StatePath::flowCounterDir)},
       encapTable{make<NexthopGroup::L2NexthopGroupEncapTable>(encapTableEntity)},
+      portTable{make<PortTable>(portTableEntity)},
+      blobTable{make<BlobTable>(blobTableEntity)},
       configTables{Korm::makePtr<Ostra::OstraConfigTableColl>()},
       statusTables{Ostra::ostraStatusTableCollFactory(Korm::Name{lastName(flowStatusDir)})},
       vrfs{Korm::makePtr<P4Runtime::VrfIdCollection>()},
@@ -46,6 +50,7 @@ ServiceObjects::ServiceObjects()
       counters{Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>()} {
   placeCorvex();
   placeTables();
+  collectFaults();
 }
 
 void ServiceObjects::placeCorvex() {
@@ -60,6 +65,8 @@ void ServiceObjects::placeCorvex() {
 // A table is written only once it has its place, since the place decides where its rows live.
 void ServiceObjects::placeTables() {
   entityManager->entityIs(encapTableEntity, encapTable);
+  entityManager->entityIs(portTableEntity, portTable);
+  entityManager->entityIs(blobTableEntity, blobTable);
   configTables->p4rtEcmpMemberTableIs(make<P4RuntimeRouting::EcmpMember>(memberTableEntity));
   entityManager->entityIs(memberTableEntity, configTables->p4rtEcmpMemberTable());
   configTables->p4rtEcmpGroupTableIs(make<P4RuntimeRouting::EcmpGroup>(groupTableEntity));
@@ -73,6 +80,34 @@ void ServiceObjects::placeTables() {
     const auto status = Ostra::ostraStatusFactory(Korm::Name{lastName(statusPath)});
     entityManager->entityIs(statusPath, status);
     statusTables->ostraStatusIs(index, status);
+  }
+}
+
+void ServiceObjects::verifyTables() const {
+  const auto verify = [](const auto& table) {
+    const std::optional<std::string> violation = table.verify();
+    Korm::assertTrue(!violation, violation ? violation->c_str() : "");
+  };
+  verify(encapTable->table());
+  verify(portTable->table());
+  verify(blobTable->table());
+  verify(memberTable().table());
+  verify(groupTable().table());
+  for (std::uint8_t index = 0; index < flowTables; ++index) {
+    verify(flowTable(index).table());
+    verify(statusTable(index).table());
+  }
+}
+
+// Those that the library meets; the service's own come with an exception.
+void ServiceObjects::collectFaults() {
+  const auto collect = [this](const std::string& text) { faults.add(text); };
+  encapTable->corruptionHandlerIs(collect);
+  memberTable().corruptionHandlerIs(collect);
+  groupTable().corruptionHandlerIs(collect);
+  for (std::uint8_t index = 0; index < flowTables; ++index) {
+    flowTable(index).corruptionHandlerIs(collect);
+    statusTable(index).corruptionHandlerIs(collect);
   }
 }
 

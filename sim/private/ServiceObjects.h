@@ -21,6 +21,8 @@
 #include "platform/P4Runtime/VrfIdCollection.h"
 #include "platform/P4RuntimeConfig/PortMappingStatus.h"
 #include "platform/Tessel/Tessel.h"
+#include "sim/SharedRecords.h"
+#include "sim/private/Faults.h"
 
 namespace Sim {
 
@@ -49,6 +51,8 @@ struct ServiceObjects {
   const Korm::Ptr<Korm::Dir> hwStatusDir;
   const Korm::Ptr<Korm::Dir> hwUnitDir;
   const Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> encapTable;
+  const Korm::Ptr<PortTable> portTable;
+  const Korm::Ptr<BlobTable> blobTable;
 
   // The service's own.
   const Korm::Ptr<Ostra::OstraConfigTableColl> configTables;
@@ -61,9 +65,15 @@ struct ServiceObjects {
   const Korm::Ptr<P4Runtime::ValidationHelper> validation;
   const Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counters;
 
+  Faults faults;
+
+  // Asserts the invariants of the tables.
+  void verifyTables() const;
+
  private:
   void placeCorvex();
   void placeTables();
+  void collectFaults();
 };
 
 }  // namespace Sim

@@ -1,6 +1,7 @@
 #include "sim/private/Transactions.h"
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 #include "platform/Korm/Exceptions.h"
@@ -20,8 +21,9 @@ bool isEntryError(const TransactionResult& result) noexcept {
 
 }  // namespace
 
-Transactions::Transactions(ServiceObjects& objects)
+Transactions::Transactions(ServiceObjects& objects, GivenNumbers& numbers)
     : objects_{objects},
+      numbers_{numbers},
       resultNotifiee_{*this, objects.batchStatus->resultNotifiees()},
       creatorNotifiee_{*this, objects.vrfs->creators().notifiees()},
       deletorNotifiee_{*this, objects.vrfs->deletors().notifiees()} {}
@@ -38,6 +40,17 @@ void Transactions::flowIs(EntryHandle handle, std::uint8_t table, const Ostra::O
   Row& row = rows_.tryEmplace(handle).first.value;
   row.key = key;
   row.table = table;
+}
+
+P4Runtime::EntryHandle Transactions::storedFlow(std::uint8_t table,
+                                                const Ostra::OstraKey& key) const {
+  for (const auto& entry : rows_) {
+    const Row& row = entry.value;
+    if (row.kind == Kind::flow_ && row.stored && row.table == table && row.key == key) {
+      return entry.key;
+    }
+  }
+  return {};
 }
 
 void Transactions::begin(std::size_t updates, bool live) {
@@ -141,6 +154,23 @@ void Transactions::leaveFailed(std::string_view text) {
   leave();
 }
 
+bool Transactions::leaveRejected(std::string_view text) {
+  Result& result = results_[current_];
+  result.state = State::rejected_;
+  result.message = text;
+  const bool inserted = result.op == Op::insert_;
+  if (inserted) {
+    objects_.batchStatus->batchStatusEntryDel(result.handle);
+    rows_.erase(result.handle);
+  }
+  if (inserted || !live_) {
+    result.handle = {};
+  }
+  current_ = none;
+  currentRow_ = nullptr;
+  return inserted;
+}
+
 void Transactions::handleResult(const TransactionResult& result) {
   if (currentIsOpen() && results_[current_].handle == result.handle) {
     complete(current_, result);
@@ -204,12 +234,15 @@ std::vector<Result> Transactions::finish() {
     for (Index update = 0; update < results_.size(); ++update) {
       Result& result = results_[update];
       auto* const found = rows_.find(result.handle);
-      if (result.state == State::rejected_ || found == nullptr) {
+      if (found == nullptr) {
         continue;
       }
       decide(result, found->value);
       if (found->value.last == update) {
         settleRow(result.handle, found->value);
+      }
+      if (result.state == State::rejected_) {
+        result.handle = {};
       }
     }
     for (const EntryHandle alias : std::exchange(aliases_, {})) {
@@ -263,9 +296,13 @@ void Transactions::dropRow(EntryHandle handle, const Row& row) {
   if (row.kind == Kind::flow_) {
     // The key may stand for another entry by now.
     Ostra::OstraStatus& status = objects_.statusTable(row.table);
-    const Ostra::OstraStatusEntry* const entry = status.table().find(row.key);
-    if (entry != nullptr && entry->entryHandle == handle) {
-      status.tableDel(row.key);
+    try {
+      const Ostra::OstraStatusEntry* const entry = status.table().find(row.key);
+      if (entry != nullptr && entry->entryHandle == handle) {
+        status.tableDel(row.key);
+      }
+    } catch (const Vasta::Corruption& corruption) {
+      objects_.faults.add(corruption.what());
     }
   }
   rows_.erase(handle);
@@ -273,17 +310,21 @@ void Transactions::dropRow(EntryHandle handle, const Row& row) {
 
 void Transactions::publishStatus(EntryHandle handle, const Row& row, ErrorCode code) {
   P4Runtime::TableStatusEntryBase status;
-  status.genId = ++statusGeneration_;
+  status.genId = nextStatusGeneration();
   status.entryHandle = handle;
   status.errorCode = code;
-  objects_.statusTable(row.table).tableIs({status, row.key});
+  try {
+    objects_.statusTable(row.table).tableIs({status, row.key});
+  } catch (const std::system_error& full) {
+    objects_.faults.add(full.what());
+  }
 }
 
 void Transactions::markStatusDeleted(EntryHandle handle, const Row& row) {
   Ostra::OstraStatus& status = objects_.statusTable(row.table);
   Ostra::OstraStatusEntry* const entry = status.tableEdit(row.key);
   if (entry != nullptr && entry->entryHandle == handle && !entry->deleted) {
-    entry->genId = ++statusGeneration_;
+    entry->genId = nextStatusGeneration();
     entry->deleted = true;
     status.tableCommit(entry);
   }

@@ -17,6 +17,7 @@
 // Ownership: refers to the service's objects, which outlive it. Updates, rows and results are its own.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <optional>
 #include <string_view>
@@ -25,6 +26,8 @@
 
 #include "platform/Korm/HashMap.h"
 #include "platform/Korm/Notification.h"
+#include "platform/Vasta/Layout.h"
+#include "sim/SharedMemory.h"
 #include "sim/Writes.h"
 #include "sim/private/ServiceObjects.h"
 
@@ -34,16 +37,26 @@ class Transactions {
  public:
   using EntryHandle = P4Runtime::EntryHandle;
 
-  explicit Transactions(ServiceObjects& objects);
+  // `numbers` outlive the books. A handle counts as given out before its row is written.
+  Transactions(ServiceObjects& objects, GivenNumbers& numbers);
   Transactions(const Transactions&) = delete;
   Transactions& operator=(const Transactions&) = delete;
 
   // Stored rows.
 
-  [[nodiscard]] EntryHandle nextHandle() noexcept { return EntryHandle{++lastHandle_}; }
+  [[nodiscard]] EntryHandle nextHandle() noexcept {
+    Vasta::storeWord(numbers_.handle, numbers_.handle + 1);
+    return EntryHandle{numbers_.handle};
+  }
+  // A row has that handle already.
+  void handleTaken(EntryHandle handle) noexcept {
+    Vasta::storeWord(numbers_.handle, std::max<std::uint64_t>(numbers_.handle, handle));
+  }
   void memberIs(EntryHandle handle);
   void groupIs(EntryHandle handle);
   void flowIs(EntryHandle handle, std::uint8_t table, const Ostra::OstraKey& key);
+  // The handle of the stored flow of that key, 0 when there is none. Looks at all of them.
+  [[nodiscard]] EntryHandle storedFlow(std::uint8_t table, const Ostra::OstraKey& key) const;
 
   // A batch.
 
@@ -64,6 +77,9 @@ class Transactions {
   void leave();
   // The same, with the text of the range exception that left the library.
   void leaveFailed(std::string_view text);
+  // The same when the change could not be made: the update is rejected. Whether its row is none any more,
+  // which is so for an insert.
+  bool leaveRejected(std::string_view text);
   // Decides what is open, settles the books, and returns the results in the order of entering.
   [[nodiscard]] std::vector<Result> finish();
 
@@ -116,6 +132,10 @@ class Transactions {
   // Once the batch, or the last pending result, is through: lets go of what the row needs no more.
   void settleRow(EntryHandle handle, Row& row);
   void dropRow(EntryHandle handle, const Row& row);
+  [[nodiscard]] std::uint64_t nextStatusGeneration() noexcept {
+    Vasta::storeWord(numbers_.statusGeneration, numbers_.statusGeneration + 1);
+    return numbers_.statusGeneration;
+  }
   void publishStatus(EntryHandle handle, const Row& row, P4Runtime::ErrorCode code);
   void markStatusDeleted(EntryHandle handle, const Row& row);
 
@@ -128,7 +148,7 @@ class Transactions {
   ServiceObjects& objects_;
 
   // The activity thread.
-  std::uint64_t lastHandle_ = 0;
+  GivenNumbers& numbers_;
   Korm::HashMap<EntryHandle, Row> rows_;
   std::uint64_t batch_ = 0;
   bool batchActive_ = false;
@@ -140,7 +160,6 @@ class Transactions {
   std::vector<Index> nextOpen_;  // per update, the open one of the same row before it
   std::vector<EntryHandle> aliases_;
   Korm::NotifieeList<const Report&> reportNotifiees_;
-  std::uint64_t statusGeneration_ = 0;
   // The VRFs whose creator or deletor a handle has been recorded as. Complete, perhaps more.
   Korm::HashMap<EntryHandle, std::vector<Vrf::VrfIdMap::VrfId>> vrfRecords_;
 

@@ -34,14 +34,13 @@ const std::string script =
 
 class CliShow : public testing::Test {
  protected:
-  // The next process of a name clears what one that was killed has left of it.
-  ~CliShow() override { (void)CliTest::sim("", {"--shm", name_}); }
+  ~CliShow() override { (void)CliTest::sim("", {"--shm", name_, "--discard"}); }
 
   const std::string name_ = "ostra-show-test-" + std::to_string(::getpid());
 
   std::unique_ptr<Process> startSim() const {
     auto process = std::make_unique<Process>(
-        OSTRA_SIM_PROGRAM, CliTest::Arguments{"--clock", "steps", "--shm", name_});
+        OSTRA_SIM_PROGRAM, CliTest::Arguments{"--clock", "steps", "--shm", name_, "--discard"});
     process->write(script);
     process->readUntil("ready\n");
     return process;
@@ -78,8 +77,8 @@ TEST_F(CliShow, PrintsWhatAKilledOneHasLeft) {
   EXPECT_EQ(process->finish().status, -SIGKILL);
   const Finished left = CliTest::show({name_, "flows"});
   EXPECT_THAT(left.out, HasSubstr("which is gone; this is what it left\nflows: 2\n"));
-  // The next one of that name starts afresh, and clears up when it ends.
-  EXPECT_EQ(CliTest::sim("", {"--shm", name_}).status, 0);
+  // The next one of that name clears up when it ends.
+  EXPECT_EQ(CliTest::sim("", {"--shm", name_, "--discard"}).status, 0);
   EXPECT_EQ(CliTest::show({name_}).status, 1);
 }
 
@@ -123,7 +122,7 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
   Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "status", "trace"}};
   std::mt19937 random{1};
   for (int round = 0; round < 20; ++round) {
-    Process victim{OSTRA_SIM_PROGRAM, {"--shm", name_, file.path(), "-"}};
+    Process victim{OSTRA_SIM_PROGRAM, {"--shm", name_, "--discard", file.path(), "-"}};
     std::this_thread::sleep_for(std::chrono::microseconds{random() % 40000});
     const Finished once = CliTest::show({name_, "flows"});
     EXPECT_TRUE(once.status == 0 || once.status == 1) << once.status << once.errors;

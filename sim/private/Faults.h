@@ -1,0 +1,30 @@
+// What went wrong in the service's memory and was got over: damaged rows, shared memory that ran out.
+//
+// Thread and process rule: the activity thread.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Sim {
+
+class Faults {
+ public:
+  // One that is known already, or that comes when there are too many, is dropped.
+  void add(std::string_view text) {
+    if (texts_.size() < most && std::find(texts_.begin(), texts_.end(), text) == texts_.end()) {
+      texts_.emplace_back(text);
+    }
+  }
+  [[nodiscard]] std::vector<std::string> take() { return std::exchange(texts_, {}); }
+
+ private:
+  static constexpr std::size_t most = 100;
+
+  std::vector<std::string> texts_;
+};
+
+}  // namespace Sim

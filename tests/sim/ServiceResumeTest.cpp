@@ -1,0 +1,170 @@
+// What outlives a service in named shared memory: blobs beside the rows, and what is left damaged.
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/KormVasta/SharedMemory.h"
+#include "platform/Vasta/Layout.h"
+#include "sim/SharedMemory.h"
+#include "sim/TablePaths.h"
+#include "tests/platform/ChildProcess.h"
+#include "tests/sim/SwitchFixture.h"
+
+namespace {
+
+using Sim::Leftover;
+using Sim::SharedMemory;
+
+const std::string name = "ostra-resume-test-" + std::to_string(::getpid());
+
+// Flips a bit of every `step`th byte in the rows of a table that nobody has open.
+void damageRows(const std::string& path, std::size_t from, std::size_t step) {
+  const std::string segment = "/vasta." + KormVasta::segmentName(name, path) + "#rows";
+  const int file = ::shm_open(segment.c_str(), O_RDWR, 0);
+  ASSERT_GE(file, 0) << segment;
+  for (std::size_t at = from; at < 4096; at += step) {
+    char byte = 0;
+    ASSERT_EQ(::pread(file, &byte, 1, static_cast<off_t>(at)), 1);
+    byte = static_cast<char>(byte ^ 1);
+    ASSERT_EQ(::pwrite(file, &byte, 1, static_cast<off_t>(at)), 1);
+  }
+  ::close(file);
+}
+
+TEST(ServiceResume, ValuesOfAnyLengthAreReplacedAsAWhole) {
+  SharedMemory shared{name, Leftover::discard_};
+  std::mt19937 random{1};
+  std::map<std::pair<std::uint32_t, std::uint64_t>, std::string> model;
+  for (int round = 0; round < 12; ++round) {
+    Sim::Service service{&shared};
+    Sim::Blobs& blobs = service.blobs();
+    for (int step = 0; step < 150; ++step) {
+      const std::pair<std::uint32_t, std::uint64_t> key{random() % 2, random() % 8};
+      if (random() % 3 == 0) {
+        EXPECT_EQ(blobs.del(key.first, key.second), model.erase(key) == 1);
+      } else {
+        // About the bounds of one part and of two.
+        const std::size_t size = random() % 2 == 0 ? random() % 3 : 213 + random() % 222;
+        model[key] = std::string(size, static_cast<char>('a' + random() % 26));
+        blobs.is(key.first, key.second, model[key]);
+      }
+      for (std::uint32_t kind = 0; kind < 2; ++kind) {
+        std::vector<std::uint64_t> ids;
+        for (std::uint64_t id = 0; id < 8; ++id) {
+          const auto expected = model.find({kind, id});
+          const auto value = blobs.find(kind, id);
+          ASSERT_EQ(value.has_value(), expected != model.end());
+          if (value) {
+            ASSERT_EQ(*value, expected->second);
+            ids.push_back(id);
+          }
+        }
+        ASSERT_EQ(blobs.ids(kind), ids);
+      }
+    }
+    service.verify();
+    EXPECT_THAT(blobs.recover(), testing::IsEmpty());
+  }
+}
+
+TEST(ServiceResume, AProcessThatDiesWritingAValueLeavesTheOldOneOrTheNewOne) {
+  const auto valueOf = [](std::uint64_t number) {
+    return std::string(number * 37 % 900, static_cast<char>('a' + number % 26));
+  };
+  std::mt19937 random{2};
+  std::uint64_t written = 0;
+  for (int round = 0; round < 20; ++round) {
+    int channel[2];
+    ASSERT_EQ(::pipe(channel), 0);
+    ChildProcess writer{[&] {
+      SharedMemory shared{name, round == 0 ? Leftover::discard_ : Leftover::resume_};
+      Sim::Service service{&shared};
+      for (std::uint64_t number = written + 1;; ++number) {
+        service.blobs().is(1, 7, valueOf(number));
+        if (::write(channel[1], &number, sizeof number) != sizeof number) {
+          throw std::runtime_error{"nobody reads"};
+        }
+      }
+    }};
+    ::close(channel[1]);
+    ASSERT_EQ(::read(channel[0], &written, sizeof written), sizeof written);
+    const auto killer = std::thread{[&] {
+      std::this_thread::sleep_for(std::chrono::microseconds{random() % 3000});
+      ::kill(writer.id(), SIGKILL);
+    }};
+    while (::read(channel[0], &written, sizeof written) == sizeof written) {
+    }
+    const_cast<std::thread&>(killer).join();
+    ::close(channel[0]);
+    EXPECT_TRUE(writer.kill());
+
+    SharedMemory shared{name, Leftover::resume_};
+    ASSERT_TRUE(shared.resuming());
+    Sim::Service service{&shared};
+    const auto value = service.blobs().find(1, 7);
+    ASSERT_TRUE(value);
+    EXPECT_TRUE(*value == valueOf(written) || *value == valueOf(written + 1)) << written;
+    EXPECT_EQ(service.blobs().ids(1).size(), 1U);
+    EXPECT_THAT(service.takeFaults(), testing::IsEmpty());
+    service.verify();
+    shared.keep();
+  }
+  const SharedMemory last{name, Leftover::discard_};
+}
+
+TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs) {
+  {
+    SharedMemory shared{name, Leftover::discard_};
+    Sim::Service service{&shared};
+    for (std::uint32_t number = 0; number < 4; ++number) {
+      service.apply(SwitchTest::insert({.number = number}));
+    }
+    service.portIs(1, Interface::IntfId{"Ethernet1"});
+    service.blobs().is(1, 1, "value");
+    shared.keep();
+  }
+  // A byte of the first row's record, which lies in its second cell.
+  const Vasta::RowGeometry row{sizeof(Ostra::OstraConfigEntry), 0, 0};
+  damageRows(Sim::flowTablePath(0), row.secondCell * Vasta::wordSize + 40, 100000);
+  damageRows(Sim::portTablePath(), 0, 1);  // all of it
+  damageRows(Sim::blobTablePath(), 0, 1);
+  {
+    SharedMemory shared{name, Leftover::resume_};
+    Sim::Service service{&shared};
+    EXPECT_THAT(service.takeFaults(), testing::SizeIs(testing::Ge(3U)));
+    EXPECT_EQ(service.start().failure, std::nullopt);
+    EXPECT_EQ(service.flows().size(), 3U);
+    EXPECT_FALSE(service.portDel(1));
+    EXPECT_EQ(service.blobs().find(1, 1), std::nullopt);
+    EXPECT_EQ(service.apply(SwitchTest::insert({.number = 9})).front().handle, 5U);
+    service.verify();
+    shared.keep();
+  }
+  // Whatever stands under the name of a table and is none keeps the service from starting, and stays.
+  const std::string header = "/vasta." + KormVasta::segmentName(name, Sim::memberTablePath());
+  const int file = ::shm_open(header.c_str(), O_RDWR, 0);
+  ASSERT_EQ(::pwrite(file, "foreign!", 8, 0), 8);
+  ::close(file);
+  {
+    SharedMemory shared{name, Leftover::resume_};
+    EXPECT_ANY_THROW(Sim::Service{&shared});
+  }
+  const int again = ::shm_open(header.c_str(), O_RDONLY, 0);
+  EXPECT_GE(again, 0);
+  ::close(again);
+  ::shm_unlink(header.c_str());
+  SharedMemory shared{name, Leftover::resume_};
+  Sim::Service service{&shared};
+  service.start();
+  EXPECT_EQ(service.flows().size(), 4U);
+}
+
+}  // namespace
