@@ -51,6 +51,8 @@ bool wentWell(const Sim::Result& result) {
   return result.state == State::pending_ || result.state == State::stored_ || result.succeeded();
 }
 
+std::string notRestored() { return "; the switch has refused to restore what was there"; }
+
 bool isCleanUp(std::size_t stage) {
   return stages[stage] == Stage::oldGroup_ || stages[stage] == Stage::oldMembers_;
 }
@@ -238,6 +240,11 @@ void Batch::finishRun() {
     }
   }
   undo(undone);
+  for (const Job* const job : undone) {
+    if (job->lost) {
+      outcomes_[job->update]->message += notRestored();
+    }
+  }
   stopped_ = rollsBack_ && !undone.empty();
   if (rollsBack_) {
     std::erase_if(run_, [this](const Job& job) { return failed(job); });
@@ -307,10 +314,8 @@ void Batch::rollBack() {
     }
     undo(jobs);
     for (const Job& job : *run) {
-      outcomes_[job.update] = {Code::aborted_, job.lost
-                                                   ? "rolled back, but the switch has refused to "
-                                                     "restore what was there"
-                                                   : "rolled back"};
+      outcomes_[job.update] = {Code::aborted_,
+                               job.lost ? "rolled back" + notRestored() : "rolled back"};
     }
   }
   runs_.clear();
