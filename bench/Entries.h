@@ -60,9 +60,9 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
   return entry;
 }
 
-// Puts what a benchmark goes through into a random order, the same in every run. What it goes through lies
-// in memory in that order, as requests do that have just been read: the benchmarks measure the way to what
-// is stored, not the way to what is asked for.
+// Puts what a benchmark goes through into a random order, the same in every run. What it goes
+// through lies in memory in that order, as requests do that have just been read: the benchmarks
+// measure the way to what is stored, not the way to what is asked for.
 template <class T>
 void shuffle(std::vector<T>& all, std::uint32_t seed = 1) {
   std::shuffle(all.begin(), all.end(), std::mt19937{seed});

@@ -115,8 +115,8 @@ void floorWorstInsert(benchmark::State& state) {
   }
 }
 
-// What one trip to memory takes: each read of a record tells where the next one is. Whatever looks up one
-// flow among N makes at least one such trip, and most make several.
+// What one trip to memory takes: each read of a record tells where the next one is. Whatever looks
+// up one flow among N makes at least one such trip, and most make several.
 void floorMiss(benchmark::State& state) {
   struct Link {
     std::uint32_t next = 0;

@@ -1,5 +1,5 @@
-// The library's share of a flow write: from the changed key, whose row is in the table already, to the
-// return of handleFlowConfig. As in the system, the service has just written the row.
+// The library's share of a flow write: from the changed key, whose row is in the table already, to
+// the return of handleFlowConfig. As in the system, the service has just written the row.
 
 #include <span>
 
@@ -84,8 +84,8 @@ void flowDelete(benchmark::State& state) {
   }
 }
 
-// The slowest single insert while growing from nothing: the service's table write and the library's work
-// together.
+// The slowest single insert while growing from nothing: the service's table write and the library's
+// work together.
 void worstInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
@@ -153,8 +153,8 @@ template <int frames>
   }
 }
 
-// What refusing costs at least: an entry error that is thrown, caught and reported, through as many frames
-// as lie between most checks and handleFlowConfig().
+// What refusing costs at least: an entry error that is thrown, caught and reported, through as many
+// frames as lie between most checks and handleFlowConfig().
 void exceptionFloor(benchmark::State& state) {
   const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
   const Korm::Ptr<P4Runtime::ValidationHelper> helper =
@@ -173,8 +173,8 @@ void exceptionFloor(benchmark::State& state) {
   }
 }
 
-// The construction of one state machine over N rows and N Corvex flows, of which 1 % are stale and 1 %
-// missing.
+// The construction of one state machine over N rows and N Corvex flows, of which 1 % are stale and
+// 1 % missing.
 void reconcile(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   for (auto _ : state) {

@@ -23,8 +23,8 @@ inline void require(bool condition, const char* what) {
   }
 }
 
-// Seconds of processor time of this thread, kernel included. All there is runs on one thread, so that this
-// is the time it takes, less what other processes take from it.
+// Seconds of processor time of this thread, kernel included. All there is runs on one thread, so
+// that this is the time it takes, less what other processes take from it.
 inline double processorTime() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
@@ -49,9 +49,9 @@ void forEachBlock(const std::vector<T>& all, Work&& work) {
   }
 }
 
-// Reports the slowest of N operations that `run(timed)` makes, by timed(operation), always the same ones.
-// It runs three times, and each operation counts with its shortest time: a growth step comes at the same
-// operation every time, a stall of a virtual machine does not.
+// Reports the slowest of N operations that `run(timed)` makes, by timed(operation), always the same
+// ones. It runs three times, and each operation counts with its shortest time: a growth step comes
+// at the same operation every time, a stall of a virtual machine does not.
 template <class Run>
 void slowestOf(benchmark::State& state, std::size_t operations, Run&& run) {
   std::vector<double> shortest(operations, std::numeric_limits<double>::infinity());

@@ -49,7 +49,8 @@ void memory(benchmark::State& state) {
             entry);  // a row that has been modified, with both its cells in memory
       }
     });
-    // The state machine fills its indexes and Corvex at once; an index of the same keys tells them apart.
+    // The state machine fills its indexes and Corvex at once; an index of the same keys tells them
+    // apart.
     Ostra::FlowIndex index;
     const auto indexes = bytesEach(count, [&] {
       for (const auto& entry : entries) {

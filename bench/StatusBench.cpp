@@ -28,8 +28,9 @@ class ResultCounter final : public Korm::Notifiee<const P4Runtime::TransactionRe
   std::size_t failures = 0;
 };
 
-// A status change of each of N flows, in random order, to its result in the batch status. The service opens
-// the entries of a batch of 64 and closes them with their results, as it does in the switch.
+// A status change of each of N flows, in random order, to its result in the batch status. The
+// service opens the entries of a batch of 64 and closes them with their results, as it does in the
+// switch.
 void flowStatus(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);

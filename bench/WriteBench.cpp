@@ -1,5 +1,5 @@
-// A controller's write from end to end in one process: the service's table write, the library, the hardware
-// agent's answer and the result in the batch status. Writes come in batches of 64.
+// A controller's write from end to end in one process: the service's table write, the library, the
+// hardware agent's answer and the result in the batch status. Writes come in batches of 64.
 
 #include <algorithm>
 #include <span>

@@ -1,13 +1,14 @@
 // The binary trace ring of a process.
 //
-// A ring holds the newest records of everything that the process traces, in anonymous memory or in a named
-// POSIX shared memory segment that other processes read (RingReader.h) at any time, also after the
-// owner was killed: nothing is buffered elsewhere.
+// A ring holds the newest records of everything that the process traces, in anonymous memory or in
+// a named POSIX shared memory segment that other processes read (RingReader.h) at any time, also
+// after the owner was killed: nothing is buffered elsewhere.
 //
-// Thread and process rule: a ring has one owning process. Any number of its threads write at once, without
-// waiting for each other: one that is suspended in the middle of a record costs the others that record and
-// nothing else.
-// Invariant: what has been published is complete. A record under way when its process died is never shown.
+// Thread and process rule: a ring has one owning process. Any number of its threads write at once,
+// without waiting for each other: one that is suspended in the middle of a record costs the others
+// that record and nothing else.
+// Invariant: what has been published is complete. A record under way when its process died is never
+// shown.
 #pragma once
 
 #include <cstddef>
@@ -39,10 +40,10 @@ struct RingWriter;
 
 class Ring {
  public:
-  // A ring of that name whose owner is gone is replaced by a fresh one, which leaves the readers of the
-  // old one what they have. All memory is allocated here.
-  // Throws: RingError if the owner lives, if the segment of that name is not a ring, or if there is not
-  // enough memory.
+  // A ring of that name whose owner is gone is replaced by a fresh one, which leaves the readers of
+  // the old one what they have. All memory is allocated here.
+  // Throws: RingError if the owner lives, if the segment of that name is not a ring, or if there is
+  // not enough memory.
   [[nodiscard]] static std::unique_ptr<Ring> create(const RingOptions& options = {});
 
   // Removes the name and unmaps the memory. No thread may still be tracing into this ring.
@@ -68,13 +69,13 @@ class Ring {
   std::unique_ptr<detail::RingWriter> writer_;
 };
 
-// The ring that trace points write to. Before a host sets one this makes an anonymous ring, as the first
-// trace does. The reference is good until ringIs().
+// The ring that trace points write to. Before a host sets one this makes an anonymous ring, as the
+// first trace does. The reference is good until ringIs().
 [[nodiscard]] Ring& ring();
 
-// Makes `next` the ring of the process and hands back the one it replaces, null if there was none. Another
-// thread may still be inside a trace point: destroy the old ring when that is over. Null: the next trace
-// makes an anonymous ring. The ring that is current at exit loses its name then.
+// Makes `next` the ring of the process and hands back the one it replaces, null if there was none.
+// Another thread may still be inside a trace point: destroy the old ring when that is over. Null:
+// the next trace makes an anonymous ring. The ring that is current at exit loses its name then.
 [[nodiscard]] std::unique_ptr<Ring> ringIs(std::unique_ptr<Ring> next);
 
 }  // namespace Brisklog

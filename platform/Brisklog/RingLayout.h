@@ -1,12 +1,14 @@
-// How a trace ring lies in memory: what its writers and its readers agree on. For Brisklog's own use.
+// How a trace ring lies in memory: what its writers and its readers agree on. For Brisklog's own
+// use.
 //
 //   header      one page of 64-bit words, see HeaderWord
 //   records     a power of two of records of 128 bytes
 //   dictionary  entries, each the description of a trace point, appended and never changed
 //
-// Every word of it is accessed through shared(): payload words are stored with release and loaded with
-// acquire, so that whoever sees one word of a later writer also sees that the record was taken over.
-// All values are in the machine's own byte order: a ring is read on the machine that wrote it.
+// Every word of it is accessed through shared(): payload words are stored with release and loaded
+// with acquire, so that whoever sees one word of a later writer also sees that the record was taken
+// over. All values are in the machine's own byte order: a ring is read on the machine that wrote
+// it.
 #pragma once
 
 #include <atomic>
@@ -85,8 +87,8 @@ constexpr unsigned cutMark = 0x80;
 [[nodiscard]] constexpr bool isWriting(Word sequence) noexcept { return (sequence & 1) != 0; }
 [[nodiscard]] constexpr Word ticketOf(Word sequence) noexcept { return (sequence - 1) / 2; }
 
-// A dictionary entry. Its id is its offset in words; 0, which no entry has, stands for a point that found
-// the dictionary full.
+// A dictionary entry. Its id is its offset in words; 0, which no entry has, stands for a point that
+// found the dictionary full.
 constexpr std::size_t entrySizeWord = 0;     // words of the entry, stored last; 0: not valid yet
 constexpr std::size_t entryPlaceWord = 1;    // level << 32 | line
 constexpr std::size_t entryLengthsWord = 2;  // scope, function, format, unit: 16 bits each
@@ -94,7 +96,8 @@ constexpr std::size_t entryHandleWord = 3;   // length of the handle's name
 constexpr std::size_t entryTextWord = 4;     // the five texts, one after the other
 constexpr std::size_t maxEntryText = 4095;   // bytes of one text
 
-// Changes whenever one of the above does, so that programs of different builds do not misread each other.
+// Changes whenever one of the above does, so that programs of different builds do not misread each
+// other.
 constexpr Word ringLayout = [] {
   Word hash = 0xcbf29ce484222325;
   for (const Word part :

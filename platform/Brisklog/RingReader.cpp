@@ -188,8 +188,8 @@ const Word* RingReader::slot(Word ticket) const noexcept {
   return records_ + (ticket & (recordCount_ - 1)) * detail::recordWords;
 }
 
-// False if the record was overwritten meanwhile. Whoever sees a word of the next record also sees its
-// sequence, because payload is stored with release and loaded with acquire.
+// False if the record was overwritten meanwhile. Whoever sees a word of the next record also sees
+// its sequence, because payload is stored with release and loaded with acquire.
 bool RingReader::copy(Word ticket, RawRecord& raw) const noexcept {
   const Word* const from = slot(ticket);
   raw.ticket = ticket;
@@ -227,8 +227,8 @@ bool RingReader::holds(std::size_t slot, Word sequence) const noexcept {
   return sequence != 0 && (detail::ticketOf(sequence) & (recordCount_ - 1)) == slot;
 }
 
-// Behind the newest record. The head is not trusted. Of the slots, a single one that is a whole round
-// ahead of all others is damaged.
+// Behind the newest record. The head is not trusted. Of the slots, a single one that is a whole
+// round ahead of all others is damaged.
 Word RingReader::end() const noexcept {
   Word newest = 0;
   Word second = 0;

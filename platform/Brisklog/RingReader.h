@@ -1,7 +1,8 @@
 // Reading a trace ring, from the process that writes it or from any other one.
 //
-// The reader needs nothing but the ring: no symbols and no memory of the program that traces. It maps the
-// segment read-only and never waits: not for a writer, alive or dead, nor does any writer wait for it.
+// The reader needs nothing but the ring: no symbols and no memory of the program that traces. It
+// maps the segment read-only and never waits: not for a writer, alive or dead, nor does any writer
+// wait for it.
 //
 // Thread and process rule: a reader belongs to one thread; there may be any number of readers.
 #pragma once
@@ -32,8 +33,8 @@ struct DecodedRecord {
   std::string format;
   std::vector<std::string> arguments;  // one that was cut ends in "..."
 
-  // False if the ring does not describe the trace point: its dictionary is full, or the point was being
-  // entered when the process died. Unit and function are "?" then.
+  // False if the ring does not describe the trace point: its dictionary is full, or the point was
+  // being entered when the process died. Unit and function are "?" then.
   bool described = true;
 
   // As the text trace has it.
@@ -46,8 +47,8 @@ struct DecodedRecord {
 struct RingCursor {
   std::uint64_t instance = 0;  // the ring that `next` counts in
   std::uint64_t next = 0;
-  // Records that were overwritten or abandoned before they could be read. Numbers that writers left unused
-  // because of a suspended one count too.
+  // Records that were overwritten or abandoned before they could be read. Numbers that writers left
+  // unused because of a suspended one count too.
   std::uint64_t lost = 0;
 };
 
@@ -71,10 +72,10 @@ class RingReader {
   // The newest complete records, at most `count`, oldest first.
   [[nodiscard]] std::vector<DecodedRecord> newest(std::size_t count);
 
-  // The records since the cursor, oldest first, at most a ringful, and moves the cursor past them. A record
-  // that is being written holds back the ones behind it until it is complete, its process is gone or half
-  // a ring has been written since. A cursor of another ring, or one that lies beyond the newest record,
-  // starts over at the oldest record.
+  // The records since the cursor, oldest first, at most a ringful, and moves the cursor past them.
+  // A record that is being written holds back the ones behind it until it is complete, its process
+  // is gone or half a ring has been written since. A cursor of another ring, or one that lies
+  // beyond the newest record, starts over at the oldest record.
   [[nodiscard]] std::vector<DecodedRecord> follow(RingCursor& cursor);
 
   [[nodiscard]] Owner owner() const;

@@ -83,8 +83,8 @@ RingWriter::RingWriter(Word* memory, std::size_t recordCount, std::size_t dictio
   storeShared(header[magicWord], ringMagic);
 }
 
-// The slot itself is what gets claimed: the head only says where to look and may lag behind after a writer
-// was suspended between the two, never losing more than a walk over the slots taken since.
+// The slot itself is what gets claimed: the head only says where to look and may lag behind after a
+// writer was suspended between the two, never losing more than a walk over the slots taken since.
 ClaimedRecord RingWriter::claim() noexcept {
   Word ticket = shared(header[headWord]).load(std::memory_order_acquire);
   for (;;) {
@@ -94,7 +94,8 @@ ClaimedRecord RingWriter::claim() noexcept {
     if (seen >= sequenceWriting(ticket)) {
       ticket = ticketOf(seen) + 1;
     } else if (isWriting(seen)) {
-      // Its writer has been suspended, or died in a forked child, for a whole round: leave it the slot.
+      // Its writer has been suspended, or died in a forked child, for a whole round: leave it the
+      // slot.
       ++ticket;
     } else if (sequence.compare_exchange_strong(seen, sequenceWriting(ticket),
                                                 std::memory_order_acq_rel,

@@ -1,7 +1,7 @@
 // The writing side of a ring: claiming records, the dictionary, the clock. For Brisklog's own use.
 //
-// Thread and process rule: any thread. Writers claim records without waiting for each other; entering a
-// trace point in the dictionary and renewing the calibration take a lock of the process.
+// Thread and process rule: any thread. Writers claim records without waiting for each other;
+// entering a trace point in the dictionary and renewing the calibration take a lock of the process.
 #pragma once
 
 #include <atomic>
@@ -54,8 +54,8 @@ struct Registration {
   std::uint64_t word;  // as TracePoint keeps it
 };
 
-// Enters the point into the current ring, which it makes if need be. The writer is null when there is
-// no memory for a ring.
+// Enters the point into the current ring, which it makes if need be. The writer is null when there
+// is no memory for a ring.
 [[nodiscard]] Registration registerPoint(const TracePoint& point,
                                          std::atomic<std::uint64_t>& registration) noexcept;
 

@@ -18,8 +18,8 @@ namespace Brisklog::detail {
 [[nodiscard]] std::string textOf(std::string_view value);
 [[nodiscard]] std::string textOf(Bytes value);
 
-// scope, function, and format with its "%s" replaced in turn. Arguments left over are appended, each after
-// a space; a "%s" left over stays.
+// scope, function, and format with its "%s" replaced in turn. Arguments left over are appended,
+// each after a space; a "%s" left over stays.
 [[nodiscard]] std::string messageText(std::string_view scope, std::string_view function,
                                       std::string_view format,
                                       std::span<const std::string> arguments);

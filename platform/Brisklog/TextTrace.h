@@ -1,8 +1,8 @@
 // Where the text trace goes.
 //
-// Thread and process rule: textSinkIs() may be called at any time from any thread. The sink is called on
-// the thread that traces, possibly on several at once; a call under way may still use the sink that was
-// just replaced.
+// Thread and process rule: textSinkIs() may be called at any time from any thread. The sink is
+// called on the thread that traces, possibly on several at once; a call under way may still use the
+// sink that was just replaced.
 #pragma once
 
 #include <functional>

@@ -1,8 +1,8 @@
 // The time of a record, as cheap as the machine allows. For Brisklog's own use.
 //
-// Where the processor has a time-stamp counter that runs at one rate whatever the processor does, records
-// hold its ticks; a reader converts them by a calibration against the system clock that the ring carries
-// and that its writer renews.
+// Where the processor has a time-stamp counter that runs at one rate whatever the processor does,
+// records hold its ticks; a reader converts them by a calibration against the system clock that the
+// ring carries and that its writer renews.
 //
 // Thread and process rule: everything here may be called from any thread.
 #pragma once
@@ -25,7 +25,8 @@ struct ClockCalibration {
 // The rate gets better with the time since the first call, which takes a millisecond.
 [[nodiscard]] ClockCalibration calibrateTicks();
 
-// How long a calibration taken now should stand, in ticks: ten milliseconds at first, a second later on.
+// How long a calibration taken now should stand, in ticks: ten milliseconds at first, a second
+// later on.
 [[nodiscard]] std::uint64_t calibrationLife(const ClockCalibration& calibration) noexcept;
 
 }  // namespace Brisklog::detail

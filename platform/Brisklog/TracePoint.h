@@ -1,19 +1,20 @@
 // Tracing: one call writes a binary record and, where wanted, a text message.
 //
 //   constinit Brisklog::TraceHandle ostraTrace{"Ostra"};
-//   constinit Brisklog::TracePoint insertPoint{ostraTrace, 5, "OstraSm::", "insert", " flow:%s at %s"};
+//   constinit Brisklog::TracePoint insertPoint{ostraTrace, 5, "OstraSm::", "insert", " flow:%s"};
 //   ...
-//   insertPoint(flowName, sequence);
+//   insertPoint(flowName);
 //
-// The binary record goes to the process's ring (Ring.h), always: no lock, no allocation, no formatting.
-// The text goes to the host's sink (TextTrace.h) when the handle's level is at least the point's.
+// The binary record goes to the process's ring (Ring.h), always: no lock, no allocation, no
+// formatting. The text goes to the host's sink (TextTrace.h) when the handle's level is at least
+// the point's.
 //
-// Thread and process rule: any thread may trace, change a level, or do both at once. A forked child goes on
-// writing into a named ring of its parent until it sets a ring of its own.
-// Ownership: handles and points are objects of static storage that live as long as the program traces. The
-// texts that they are given are not copied and must live as long: string literals.
-// Invariant: a call never throws and never changes what it is given. Where no ring was set and there is
-// no memory for one, or none for a text, the record or the text is dropped.
+// Thread and process rule: any thread may trace, change a level, or do both at once. A forked child
+// goes on writing into a named ring of its parent until it sets a ring of its own.
+// Ownership: handles and points are objects of static storage that live as long as the program
+// traces. The texts that they are given are not copied and must live as long: string literals.
+// Invariant: a call never throws and never changes what it is given. Where no ring was set and
+// there is no memory for one, or none for a text, the record or the text is dropped.
 #pragma once
 
 #include <array>
@@ -51,7 +52,8 @@ class TraceHandle {
 
 namespace detail {
 
-// One argument of a text message: a value of one of the kinds, or an object with its stream operator.
+// One argument of a text message: a value of one of the kinds, or an object with its stream
+// operator.
 struct TextArgument {
   ArgumentKind kind = ArgumentKind::none_;
   const void* value = nullptr;
@@ -127,10 +129,14 @@ template <class... Values>
 class TracePoint {
  public:
   // level: 0 for failures, larger numbers for finer detail.
+  //
   // scope, function: what traces, such as "OstraSm::" and "handleFlow".
-  // format: follows the function's name in the text; each "%s" stands for one argument. Arguments without
-  //   a "%s" are appended, each after a space.
-  // unit: a path of a source file, cut to its last directory and name, or a unit such as "Ostra/FlowUtil".
+  //
+  // format: follows the function's name in the text; each "%s" stands for one argument. Arguments
+  // without a "%s" are appended, each after a space.
+  //
+  // unit: a path of a source file, cut to its last directory and name, or a unit such as
+  // "Ostra/FlowUtil".
   constexpr TracePoint(const TraceHandle& handle, int level, std::string_view scope,
                        std::string_view function, std::string_view format = "",
                        const char* unit = __builtin_FILE(), int line = __builtin_LINE()) noexcept
@@ -144,9 +150,9 @@ class TracePoint {
   TracePoint(const TracePoint&) = delete;
   TracePoint& operator=(const TracePoint&) = delete;
 
-  // Traces the values, at most eight; see Argument.h for the types. Texts and bytes share what a record
-  // has left, which is 104 bytes less 8 for each other argument, and are cut with a mark where that is
-  // not enough; the text trace is never cut.
+  // Traces the values, at most eight; see Argument.h for the types. Texts and bytes share what a
+  // record has left, which is 104 bytes less 8 for each other argument, and are cut with a mark
+  // where that is not enough; the text trace is never cut.
   template <class... Args>
   void operator()(const Args&... args) const noexcept {
     static_assert(sizeof...(Args) <= detail::maxArguments);
@@ -169,7 +175,8 @@ class TracePoint {
   void record(Values... values) const noexcept {
     const detail::ClaimedRecord claimed = claim(detail::kindsOf<Values...>());
     [[maybe_unused]] detail::Word* next = claimed.words + detail::payloadWord;
-    // One word stays reserved for each argument still to come, so that a long text takes nobody's place.
+    // One word stays reserved for each argument still to come, so that a long text takes nobody's
+    // place.
     [[maybe_unused]] const detail::Word* end =
         claimed.words + detail::recordWords - sizeof...(values);
     ((next = detail::storeArgument(next, ++end, values)), ...);

@@ -16,8 +16,8 @@ class Activity {
  public:
   void defer(std::function<void()> work) { queue_.push_back(std::move(work)); }
 
-  // Runs until nothing waits, including what the work itself defers. An exception leaves with the work
-  // behind it still queued.
+  // Runs until nothing waits, including what the work itself defers. An exception leaves with the
+  // work behind it still queued.
   void run() {
     while (!queue_.empty()) {
       const std::function<void()> work = std::move(queue_.front());

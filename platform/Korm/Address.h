@@ -1,6 +1,7 @@
 // Ethernet and IP addresses.
 //
-// Trivially copyable without padding, so that they can stand in shared memory and be compared as bytes.
+// Trivially copyable without padding, so that they can stand in shared memory and be compared as
+// bytes.
 #pragma once
 
 #include <array>
@@ -56,8 +57,8 @@ class IpAddr {
   constexpr explicit IpAddr(const Ip6Addr& address) noexcept
       : family_{AddressFamily::ipv6_}, octets_{address.octets} {}
 
-  // The mask of `length` leading ones. Raises the range exception for a length above the family's width:
-  // 32, 128, or 0 for no family.
+  // The mask of `length` leading ones. Raises the range exception for a length above the family's
+  // width: 32, 128, or 0 for no family.
   [[nodiscard]] static IpAddr prefixMask(AddressFamily family, unsigned length);
 
   [[nodiscard]] constexpr AddressFamily family() const noexcept { return family_; }

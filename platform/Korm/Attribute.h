@@ -23,7 +23,8 @@ class Attribute {
     }
   }
 
-  // Tells the reactors even when the value is the present one: for counts whose writing is the event.
+  // Tells the reactors even when the value is the present one: for counts whose writing is the
+  // event.
   void setAndNotify(const T& value) {
     value_ = value;
     notifiees_.notify();

@@ -18,14 +18,16 @@ void clockIs(ClockFunction clock) noexcept;
 [[nodiscard]] bool clockIsSystem() noexcept;
 
 namespace detail {
-// 0 while no moment stands; unreadMoment before its clock was read; the time that it has afterwards.
+// 0 while no moment stands; unreadMoment before its clock was read; the time that it has
+// afterwards.
 inline constexpr double unreadMoment = -1;
 inline constinit thread_local double momentTime = 0;
 }  // namespace detail
 
-// While one stands, its thread reads the system clock at most once: currentTime() and the trace records
-// have the time at which either was first asked for. For the length of one call of a handler. A moment
-// within another one has no effect. A clock that the host has set is read every time.
+// While one stands, its thread reads the system clock at most once: currentTime() and the trace
+// records have the time at which either was first asked for. For the length of one call of a
+// handler. A moment within another one has no effect. A clock that the host has set is read every
+// time.
 class Moment {
  public:
   Moment() noexcept : outer_{detail::momentTime} {

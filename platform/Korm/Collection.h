@@ -31,8 +31,8 @@ class Collection {
     tell(key);
   }
 
-  // The element, made from `args` if it is not there; true when it was made. Tells nobody: the caller
-  // does, once the element is what it is to be.
+  // The element, made from `args` if it is not there; true when it was made. Tells nobody: the
+  // caller does, once the element is what it is to be.
   template <class K, class... Args>
   std::pair<Value&, bool> make(const K& key, std::uint32_t hash, Args&&... args) {
     const auto [entry, made] = map_.tryEmplaceHashed(hash, key, std::forward<Args>(args)...);

@@ -13,9 +13,9 @@ class Dir final : public NamedEntity {
   explicit Dir(Name name = {}) : NamedEntity{std::move(name)} {}
   ~Dir() override;
 
-  // Adds or replaces; the entity that is there already is left alone and nobody is told. A null entity
-  // removes. The entity hears of its parent first; when that throws, nothing has changed. A named entity is
-  // to bear the name under which it is placed.
+  // Adds or replaces; the entity that is there already is left alone and nobody is told. A null
+  // entity removes. The entity hears of its parent first; when that throws, nothing has changed. A
+  // named entity is to bear the name under which it is placed.
   void entityIs(const Name& name, Ptr<Entity> entity);
   // The entity removed, or null.
   Ptr<Entity> entityDel(const Name& name);

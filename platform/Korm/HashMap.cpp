@@ -100,7 +100,8 @@ void HashIndex::split(std::uint32_t hash) {
       place((hashOf(word) >> (31 - oldDepth) & 1) != 0 ? high : low, word);
     }
   }
-  // The directory entries of one segment stand side by side; the upper half of them is the new one's.
+  // The directory entries of one segment stand side by side; the upper half of them is the new
+  // one's.
   const std::uint32_t entries = 1U << (depth_ - oldDepth);
   const std::uint32_t first = directoryAt(hash) & ~(entries - 1);
   std::fill_n(directory_.begin() + first + entries / 2, entries / 2, high);

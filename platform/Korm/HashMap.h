@@ -1,18 +1,19 @@
 // A hash map for the framework's keyed collections.
 //
-// What it gives that std::unordered_map does not: it grows in small steps (no insertion ever rehashes
-// the whole map), keeps its elements in dense chunks in the order of their slots, and lets the caller
-// hash a key once for several look-ups. The figures are in docs/performance.md.
+// What it gives that std::unordered_map does not: it grows in small steps (no insertion ever
+// rehashes the whole map), keeps its elements in dense chunks in the order of their slots, and lets
+// the caller hash a key once for several look-ups. The figures are in docs/performance.md.
 //
-// Elements never move: a reference to one stays good until that element is erased. An iterator stays
-// good across every change but clear(), also when the element that it stands on is erased. An element's
-// destructor may look at the map and, except during clear(), change it.
+// Elements never move: a reference to one stays good until that element is erased. An iterator
+// stays good across every change but clear(), also when the element that it stands on is erased. An
+// element's destructor may look at the map and, except during clear(), change it.
 //
 // The upper bits of a hash choose the segment, so hashes are to be well mixed: at most 448 keys may
-// agree in the upper 22 bits of theirs. One more is a std::length_error that leaves the map as it is.
+// agree in the upper 22 bits of theirs. One more is a std::length_error that leaves the map as it
+// is.
 //
-// Shape: elements live in chunks that double in size. An index of {hash, slot} words finds them; it is
-// cut into segments of 512 words under a directory, and a segment that fills splits in two.
+// Shape: elements live in chunks that double in size. An index of {hash, slot} words finds them; it
+// is cut into segments of 512 words under a directory, and a segment that fills splits in two.
 #pragma once
 
 #include <array>

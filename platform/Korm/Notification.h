@@ -1,10 +1,10 @@
 // Notifications: reactors attached to the attributes of entities.
 //
 // Delivery is synchronous, in attachment order, on the thread of the mutator. During a delivery
-// reactors may attach, detach, be destroyed, or change the same attribute: none that has been destroyed
-// or switched off is called, none attached during a delivery hears of that change, nothing is skipped
-// or told twice. An exception from a reactor does not rob the others of the change: the first one
-// leaves the mutator after all have been told.
+// reactors may attach, detach, be destroyed, or change the same attribute: none that has been
+// destroyed or switched off is called, none attached during a delivery hears of that change,
+// nothing is skipped or told twice. An exception from a reactor does not rob the others of the
+// change: the first one leaves the mutator after all have been told.
 //
 // Thread and process rule: one attribute and its reactors belong to one thread at a time.
 // Ownership: a reactor belongs to whoever reacts, never to the attribute; either may go first.
@@ -59,8 +59,8 @@ class NotifieeListBase {
  protected:
   void attachReactor(Reactor& reactor) noexcept;
 
-  // One delivery under way. Deliveries of a thread nest, and a list's reactors tell those over it when
-  // they go.
+  // One delivery under way. Deliveries of a thread nest, and a list's reactors tell those over it
+  // when they go.
   class Delivery {
    public:
     explicit Delivery(const NotifieeListBase& list) noexcept;

@@ -1,4 +1,5 @@
-// A value that may stand at any offset, so that values of all widths stand side by side without padding.
+// A value that may stand at any offset, so that values of all widths stand side by side without
+// padding.
 #pragma once
 
 #include <array>

@@ -13,17 +13,17 @@
 namespace Korm {
 
 namespace detail {
-// Raises the size error "PodArray::set expected size <= ...", with the address and the first bytes of the
-// buffer.
+// Raises the size error "PodArray::set expected size <= ...", with the address and the first bytes
+// of the buffer.
 [[noreturn]] void throwPodArraySize(std::size_t limit, std::size_t count, const void* buffer,
                                     std::size_t bytes);
 }  // namespace detail
 
-// Two lists of at most `capacity` items each. They stand one behind the other, so that the bytes that
-// count are the front of the object; what is behind them means nothing.
+// Two lists of at most `capacity` items each. They stand one behind the other, so that the bytes
+// that count are the front of the object; what is behind them means nothing.
 //
-// A record read from shared memory may hold any counts, so every access checks them first; one above the
-// capacity raises the range exception.
+// A record read from shared memory may hold any counts, so every access checks them first; one
+// above the capacity raises the range exception.
 template <class T, std::uint32_t capacity>
 class PodArrayPair {
   static_assert(std::is_trivially_copyable_v<T>);

@@ -1,7 +1,7 @@
 // Intrusive reference counting.
 //
-// Thread and process rule: counts are plain until threadSafePtrIs(true), which a process calls before
-// its first counted object exists; from then on they are atomic.
+// Thread and process rule: counts are plain until threadSafePtrIs(true), which a process calls
+// before its first counted object exists; from then on they are atomic.
 // Ownership: a counted object belongs to the pointers at it and goes with the last of them.
 #pragma once
 
@@ -20,8 +20,8 @@ inline constinit std::atomic<bool> ptrThreadSafe{false};
 inline constinit std::atomic<bool> ptrInUse{false};
 }  // namespace detail
 
-// Makes reference counts atomic (true) or plain (false, the state at start). Asserts that no counted
-// object has been made yet, unless the value is the present one.
+// Makes reference counts atomic (true) or plain (false, the state at start). Asserts that no
+// counted object has been made yet, unless the value is the present one.
 void threadSafePtrIs(bool threadSafe) noexcept;
 
 [[nodiscard]] inline bool threadSafePtr() noexcept {
@@ -46,9 +46,9 @@ class Counted {
   }
   virtual ~Counted() = default;
 
-  // Called when the last reference has gone, with one reference held for the length of the call. The
-  // object is destroyed afterwards unless somebody has taken a reference. Must not throw: it is called
-  // from a pointer's destructor.
+  // Called when the last reference has gone, with one reference held for the length of the call.
+  // The object is destroyed afterwards unless somebody has taken a reference. Must not throw: it is
+  // called from a pointer's destructor.
   virtual void onZeroReferences() {}
 
  private:

@@ -1,7 +1,7 @@
 // One piece of shared memory: a named object of the system, or an anonymous one, and its mapping.
 //
-// Threads: a segment is created, grown and shrunk by one thread. Its mapped words may be read by any
-// thread and, when it is named, by any process that opens it.
+// Threads: a segment is created, grown and shrunk by one thread. Its mapped words may be read by
+// any thread and, when it is named, by any process that opens it.
 // Ownership: owns its descriptor and its mapping.
 // Invariants: the mapping never moves. Its bytes up to size() are allocated, so reading or writing
 // them cannot run out of memory. Bytes beyond size() may be mapped but must not be accessed. If
@@ -52,9 +52,9 @@ class Segment {
  public:
   enum class Access { readOnly_, readWrite_ };
 
-  // `subject` names what the segment belongs to, for error messages. `reserve` is the address space to
-  // map in bytes; when the system does not grant that much, less is mapped, down to the present size,
-  // and growth ends there.
+  // `subject` names what the segment belongs to, for error messages. `reserve` is the address space
+  // to map in bytes; when the system does not grant that much, less is mapped, down to the present
+  // size, and growth ends there.
   // Throws: std::system_error when the system refuses, when the object is not a plain shared-memory
   // object, or when it belongs to another user and such are not trusted.
 

@@ -26,8 +26,8 @@ namespace Korm {
 }
 
 // Reads a text from a position to an end that the caller owns; the position stands behind what was
-// read last. Every operation that fails throws ParseException with the offset, what was expected and
-// what was found; one that reads an attribute names it in a DeserializationException.
+// read last. Every operation that fails throws ParseException with the offset, what was expected
+// and what was found; one that reads an attribute names it in a DeserializationException.
 class StrepReader {
  public:
   using Iterator = std::string::const_iterator;

@@ -22,8 +22,8 @@ void sharedMemoryIs(SharedMemoryOptions options);
 // The segment name of the table at a path: how another process finds it.
 [[nodiscard]] std::string segmentName(std::string_view prefix, std::string_view path);
 
-// The segment for the table at a path in this process, cleared of what an earlier process left unless that
-// is to be taken over; empty when tables are anonymous.
+// The segment for the table at a path in this process, cleared of what an earlier process left
+// unless that is to be taken over; empty when tables are anonymous.
 [[nodiscard]] std::string prepareSegment(std::string_view path);
 
 }  // namespace KormVasta

@@ -31,11 +31,11 @@ class TableOwner {
   ~TableOwner() = default;
 };
 
-// A writable table of records. It lives in anonymous memory until its entity is placed in the tree while
-// the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the segment
-// named after its place, and references to the table and to its rows end. Rows that it takes over there
-// are told to nobody; the last of those that are corrupt goes to the corruption handler. It turns quiet
-// when the activity has nothing else to do.
+// A writable table of records. It lives in anonymous memory until its entity is placed in the tree
+// while the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the
+// segment named after its place, and references to the table and to its rows end. Rows that it
+// takes over there are told to nobody; the last of those that are corrupt goes to the corruption
+// handler. It turns quiet when the activity has nothing else to do.
 template <Vasta::Record R>
 class TableBinding final : private Vasta::TableWriter::Listener {
  public:
@@ -59,8 +59,9 @@ class TableBinding final : private Vasta::TableWriter::Listener {
     table_->corruptionHandlerIs(corruptionHandler_);
   }
 
-  // Gives the table its place, from the position of its entity. Throws what the table service throws
-  // when the named segment cannot be had; the table then stays where it was, its mount failed.
+  // Gives the table its place, from the position of its entity. Throws what the table service
+  // throws when the named segment cannot be had; the table then stays where it was, its mount
+  // failed.
   void handleParent(const Korm::Dir& parent, const Korm::Name& entity) {
     const std::string above = parent.path();
     const std::string path = (above.empty() ? entity : above + "/" + entity) + "/" + name_;

@@ -1,7 +1,7 @@
 // An entity whose keyed collection `entry` is a shared-memory table.
 //
-// Thread and process rule: one writing process, on its activity thread; other processes read the table by
-// its segment name (SharedMemory.h).
+// Thread and process rule: one writing process, on its activity thread; other processes read the
+// table by its segment name (SharedMemory.h).
 #pragma once
 
 #include <exception>
@@ -28,13 +28,13 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
   [[nodiscard]] const R* entry(const Key& key, std::uint32_t hash) const {
     return binding_.table().find(key, hash);
   }
-  // Inserts or overwrites, then tells the reactors the key. An exception from a reactor leaves the row
-  // written.
+  // Inserts or overwrites, then tells the reactors the key. An exception from a reactor leaves the
+  // row written.
   void entryIs(const R& record) { binding_.table().is(record); }
   // Whether there was such a row; only then are the reactors told.
   bool entryDel(const Key& key) { return binding_.table().del(key).has_value(); }
-  // Removes row by row, corrupt ones too, telling the key of each that is intact. An exception from a
-  // reactor leaves when all have gone. The entity must not be destroyed meanwhile.
+  // Removes row by row, corrupt ones too, telling the key of each that is intact. An exception from
+  // a reactor leaves when all have gone. The entity must not be destroyed meanwhile.
   void entryDelAll() {
     std::exception_ptr first;
     for (bool done = false; !done;) {
@@ -55,8 +55,8 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
   }
   [[nodiscard]] std::size_t entries() const noexcept { return binding_.table().size(); }
 
-  // Walks the rows; the hint stays good whatever changes. Throws Vasta::Corruption with the hint past
-  // the bad row.
+  // Walks the rows; the hint stays good whatever changes. Throws Vasta::Corruption with the hint
+  // past the bad row.
   [[nodiscard]] const R* next(Vasta::Hint& hint) const { return binding_.table().next(hint); }
 
   // Told the key of every change.

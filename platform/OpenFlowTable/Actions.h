@@ -54,10 +54,11 @@ enum class ActionRule : std::uint8_t {
 
 // The actions: one line each, and nowhere else.
 //
-// VALUE is an action with a value, and FLAG one that is there or not. A line gives the accessor, which is
-// also the name that people and programs are shown, the type, the word by which a person asks for the
-// action (empty: nobody asks for it by word), and the rule. A bounded type limits what the setter takes.
-// A writer of flows copies them in the order of the lines, which is also the order of all output.
+// VALUE is an action with a value, and FLAG one that is there or not. A line gives the accessor,
+// which is also the name that people and programs are shown, the type, the word by which a person
+// asks for the action (empty: nobody asks for it by word), and the rule. A bounded type limits what
+// the setter takes. A writer of flows copies them in the order of the lines, which is also the
+// order of all output.
 #define OPENFLOW_ACTIONS(VALUE, FLAG)                                 \
   VALUE(trafficClass, TrafficClass, "traffic-class", copied_)         \
   FLAG(drop, "drop", copied_)                                         \
@@ -132,7 +133,8 @@ OPENFLOW_ACTIONS(OPENFLOW_VALUE_TYPE, OPENFLOW_FLAG_TYPE)
 #undef OPENFLOW_VALUE_TYPE
 #undef OPENFLOW_FLAG_TYPE
 
-// The type in which a value is stored: that of the action, or the number that a bounded type limits.
+// The type in which a value is stored: that of the action, or the number that a bounded type
+// limits.
 template <class T>
 struct StoredOf {
   using Type = T;
@@ -169,8 +171,8 @@ constexpr void forEachAction(Visit&& visit) {
 // The values of the actions and, in actionSet(), which of them are present.
 //
 // For each line of OPENFLOW_ACTIONS with a value there is an accessor `name()` and a mutator
-// `nameIs(value, present)`; for each flag there is `nameIs(present)`. Values are stored as wide as the
-// service may hand them over; the bounded types at the mutators keep the limits.
+// `nameIs(value, present)`; for each flag there is `nameIs(present)`. Values are stored as wide as
+// the service may hand them over; the bounded types at the mutators keep the limits.
 class Actions {
  public:
   [[nodiscard]] const ActionSet& actionSet() const noexcept { return set_; }
@@ -208,8 +210,8 @@ class Actions {
     set_.hasIs(action, present);
   }
 
-  // Takes an action over from `other`, where it is present. Throws: Korm::RangeException, with nothing
-  // taken over, for a value that the action's type refuses.
+  // Takes an action over from `other`, where it is present. Throws: Korm::RangeException, with
+  // nothing taken over, for a value that the action's type refuses.
   template <Action action>
   void take(const Actions& other) {
     if (!other.has(action)) {

@@ -1,7 +1,8 @@
 // The hardware configuration of the static-flow feature: what its writers want programmed.
 //
 // Thread and process rule: the activity thread.
-// Ownership: the configuration owns its entries; a reference to one stays good until that entry goes.
+// Ownership: the configuration owns its entries; a reference to one stays good until that entry
+// goes.
 #pragma once
 
 #include <vector>
@@ -104,11 +105,11 @@ class FlowHwConfig : public Korm::NamedEntity {
   using NamedEntity::NamedEntity;
 
   // Creates the flow or replaces all of its contents, and tells the reactors its name. A new flow's
-  // entry id and change count are 0; a replaced one keeps them. The flow returned is gone if a reactor has
-  // deleted it by then.
-  // `cookie` is opaque to the switch; the timeouts are seconds of idleness and of life after which the
-  // hardware withdraws the flow, 0 for never; `sendFlowRemoved` asks to be told when it does;
-  // `persistent` keeps the flow when its writer restarts.
+  // entry id and change count are 0; a replaced one keeps them. The flow returned is gone if a
+  // reactor has deleted it by then. `cookie` is opaque to the switch; the timeouts are seconds of
+  // idleness and of life after which the hardware withdraws the flow, 0 for never;
+  // `sendFlowRemoved` asks to be told when it does; `persistent` keeps the flow when its writer
+  // restarts.
   FlowEntry& flowEntryIs(const Korm::HashedName& name, const Match& match, const Actions& actions,
                          Priority priority, PriorityGroupType priorityGroupType,
                          TableType tableType, std::uint64_t cookie, double idleTimeout,
@@ -124,8 +125,8 @@ class FlowHwConfig : public Korm::NamedEntity {
     return flows_.notifiees();
   }
 
-  // The group, created if it is not there; the reactors are told of a creation. The group returned is
-  // gone if a reactor has deleted it by then.
+  // The group, created if it is not there; the reactors are told of a creation. The group returned
+  // is gone if a reactor has deleted it by then.
   GroupEntry& groupEntryIs(GroupId id);
   bool groupEntryDel(GroupId id) { return groups_.erase(id); }
   [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept { return groups_.find(id); }

@@ -81,9 +81,9 @@ class HwStatus final : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // The statistics of a flow, made with `status` if they are not there. The reactors are told the name
-  // of new ones; those that are there are returned as they are. What is returned is gone if a reactor has
-  // deleted it by then.
+  // The statistics of a flow, made with `status` if they are not there. The reactors are told the
+  // name of new ones; those that are there are returned as they are. What is returned is gone if a
+  // reactor has deleted it by then.
   FlowStats& flowStatsIs(const Korm::HashedName& name, FlowStatus status = FlowStatus::pending_);
   bool flowStatsDel(const Korm::HashedName& name) { return flows_.erase(name.text(), name.hash()); }
   [[nodiscard]] const FlowStats* flowStats(const Korm::HashedName& name) const noexcept {

@@ -1,7 +1,8 @@
 // Results of the writes under way.
 //
 // The service opens an entry for each write of a batch and closes it once it has answered the
-// controller. Whoever learns a result marks it here; the service hears of each, in or outside a batch.
+// controller. Whoever learns a result marks it here; the service hears of each, in or outside a
+// batch.
 //
 // Thread and process rule: the activity thread.
 #pragma once
@@ -51,8 +52,8 @@ class RootStatusEntry final : public Korm::Entity {
     return dependents_;
   }
 
-  // Delivers a dependent's result, which completes that entry's write. The entry is no longer waited
-  // for.
+  // Delivers a dependent's result, which completes that entry's write. The entry is no longer
+  // waited for.
   void dependentEntryStatusIs(const Korm::Ptr<BatchStatusEntry>& status);
   // The last result delivered, or null.
   [[nodiscard]] const Korm::Ptr<BatchStatusEntry>& dependentEntryStatus() const noexcept {
@@ -106,8 +107,8 @@ class BatchStatus final : public Korm::Entity {
 
   [[nodiscard]] AggregatorStatus& aggregatorStatus() noexcept { return aggregator_; }
 
-  // Records the result of an entry's write in its open entry, if there is one, and tells the service
-  // either way.
+  // Records the result of an entry's write in its open entry, if there is one, and tells the
+  // service either way.
   void markTransaction(EntryHandle handle, ErrorCode code, std::string_view message);
   void markTransactionSucceeded(EntryHandle handle) {
     markTransaction(handle, ErrorCode::success_, {});

@@ -37,7 +37,8 @@ using P4PortId = std::uint32_t;
 // An action-profile member or group.
 using MemberOrGroupId = std::uint32_t;
 
-// Results of a write. 0 is success; 1, 6, 7 and 19 come from the hardware, the others from validation.
+// Results of a write. 0 is success; 1, 6, 7 and 19 come from the hardware, the others from
+// validation.
 enum class ErrorCode : std::uint32_t {
   success_ = 0,
   hardwareResourceExhausted_ = 1,
@@ -53,8 +54,8 @@ enum class ErrorCode : std::uint32_t {
 
 // The name of a named code, "invalidArgument"; otherwise the number.
 [[nodiscard]] std::string errorCodeText(ErrorCode code);
-// Reads what errorCodeText prints, from the front of the text, and moves `current` behind it. Raises
-// the range exception for anything else.
+// Reads what errorCodeText prints, from the front of the text, and moves `current` behind it.
+// Raises the range exception for anything else.
 [[nodiscard]] ErrorCode parseErrorCode(std::string::const_iterator& current,
                                        std::string::const_iterator end);
 std::ostream& operator<<(std::ostream& out, ErrorCode code);

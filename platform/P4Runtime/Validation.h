@@ -60,9 +60,10 @@ class ValidationHelper : public Korm::Entity {
                               const Korm::String& fieldName) = 0;
 };
 
-// The rules of the service in this process: ports are 1 to 0xFFFFFEFF (P4Runtime 1.3.0, "Translation
-// of Port Numbers": the 256 values above are reserved), their masks all ones; a bad one is an
-// invalidArgument_. A combination without meaning is undefinedBehavior_, a forbidden field notAllowed_.
+// The rules of the service in this process: ports are 1 to 0xFFFFFEFF (P4Runtime 1.3.0,
+// "Translation of Port Numbers": the 256 values above are reserved), their masks all ones; a bad
+// one is an invalidArgument_. A combination without meaning is undefinedBehavior_, a forbidden
+// field notAllowed_.
 class DefaultValidationHelper final : public ValidationHelper {
  public:
   static constexpr P4PortId minPortId = 1;

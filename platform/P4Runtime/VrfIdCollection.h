@@ -11,8 +11,8 @@
 
 namespace P4Runtime {
 
-// Per VRF, how many entries use it, and the entries whose arrival started and whose removal ended its
-// use. The activity thread's.
+// Per VRF, how many entries use it, and the entries whose arrival started and whose removal ended
+// its use. The activity thread's.
 class VrfIdCollection final : public Korm::Entity {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;

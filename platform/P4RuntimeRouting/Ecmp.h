@@ -56,7 +56,8 @@ struct EcmpMemberList {
   Korm::PodArrayPair<std::uint32_t, maxMembers> lists;  // member ids, weights
 };
 
-// A link-layer address as the 16-bit words in which a member's row holds it, most significant first.
+// A link-layer address as the 16-bit words in which a member's row holds it, most significant
+// first.
 using LinkLayerWords = std::array<std::uint16_t, 3>;
 
 [[nodiscard]] constexpr Korm::EthAddr toEthAddr(const LinkLayerWords& words) noexcept {

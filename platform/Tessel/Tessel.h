@@ -26,8 +26,8 @@ enum class MountFlag : std::uint32_t {
 struct MountFlags {
   std::uint32_t bits = 0;
 
-  // Adds the letters' flags to those already there. Throws Korm::ParseException for a letter that is
-  // none, and leaves the flags as they were.
+  // Adds the letters' flags to those already there. Throws Korm::ParseException for a letter that
+  // is none, and leaves the flags as they were.
   void parse(std::string_view letters);
   [[nodiscard]] bool has(MountFlag flag) const noexcept {
     return (bits & static_cast<std::uint32_t>(flag)) != 0;
@@ -60,8 +60,8 @@ class MountGroup {
 // Makes an entity of one type under a name.
 using EntityFactory = std::function<Korm::Ptr<Korm::Entity>(const Korm::Name&)>;
 
-// The tree of entities. Paths are names joined with '/'; empty names are passed over, so that a path
-// with a trailing '/' is the path without it.
+// The tree of entities. Paths are names joined with '/'; empty names are passed over, so that a
+// path with a trailing '/' is the path without it.
 class EntityManager final : public Korm::Entity {
  public:
   EntityManager() : root_{Korm::makePtr<Korm::Dir>()} {}
@@ -88,9 +88,9 @@ class EntityManager final : public Korm::Entity {
            [](const Korm::Name& name) { return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)}; });
   }
 
-  // Makes the mounts of the group: creates what is missing where the mode says so and the type is known.
-  // Success when there is then an entity at every path, of whatever type. A failed mount does not keep the
-  // others from being made.
+  // Makes the mounts of the group: creates what is missing where the mode says so and the type is
+  // known. Success when there is then an entity at every path, of whatever type. A failed mount
+  // does not keep the others from being made.
   MountStatus complete(const MountGroup& group);
 
  private:

@@ -1,5 +1,6 @@
-// What goes wrong with a shared table: it cannot be attached, or one of its records is damaged. Memory
-// that runs out is a std::system_error that names the table; a misuse by the program is an assertion.
+// What goes wrong with a shared table: it cannot be attached, or one of its records is damaged.
+// Memory that runs out is a std::system_error that names the table; a misuse by the program is an
+// assertion.
 //
 // Thread and process rule: plain exceptions, thrown on the caller's thread.
 #pragma once

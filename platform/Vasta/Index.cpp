@@ -24,8 +24,8 @@ constexpr std::size_t entriesWord = 8;
 constexpr std::size_t minimumCapacity = 512;
 
 // The work of one step, chosen so that a step costs tens of microseconds at most, and so that a
-// generation that begins to be replaced when half full is replaced before it is three quarters full:
-// copying takes an eighth of its capacity in steps, allocating far less.
+// generation that begins to be replaced when half full is replaced before it is three quarters
+// full: copying takes an eighth of its capacity in steps, allocating far less.
 constexpr std::size_t bytesPerStep = std::size_t{32} << 10U;
 constexpr std::uint64_t stepsPerAllocation = 16;
 constexpr std::size_t entriesPerStep = 8;

@@ -1,16 +1,17 @@
 // The index of a table: open addressing over words of {hash of the key, row}.
 //
 // Each generation is one segment: a few words that describe it, then a power of two of entries. A
-// generation that fills is replaced by the next one, which is allocated and filled a little with every
-// change so that no single change has to wait; until it is complete, changes go to both. Then it is
-// published by its number in the table's header.
+// generation that fills is replaced by the next one, which is allocated and filled a little with
+// every change so that no single change has to wait; until it is complete, changes go to both. Then
+// it is published by its number in the table's header.
 //
 // Readers look up while the writer changes the index. An entry never moves within a generation, and
 // no entry becomes empty that lies between where a key's search begins and where its entry stands:
-// a removed entry is only marked, unless an empty one follows it. So a reader finds every key that was
-// there for the whole of its search, or sees afterwards that the generation has changed.
+// a removed entry is only marked, unless an empty one follows it. So a reader finds every key that
+// was there for the whole of its search, or sees afterwards that the generation has changed.
 //
-// Thread and process rule: IndexView::find by any thread or process; Index by the table's writer only.
+// Thread and process rule: IndexView::find by any thread or process; Index by the table's writer
+// only.
 #pragma once
 
 #include <cstddef>
@@ -57,8 +58,8 @@ class IndexView {
   IndexView() = default;
   // `capacity` entries at `entries`, a power of two of at least 2.
   IndexView(std::uint64_t* entries, std::size_t capacity) noexcept;
-  // The view of a complete segment. Throws AttachError when it is not an index of the table whose rows
-  // segment has that identity.
+  // The view of a complete segment. Throws AttachError when it is not an index of the table whose
+  // rows segment has that identity.
   IndexView(const Korm::Segment& segment, std::uint64_t generation, std::uint64_t identity,
             const std::string& table);
 
@@ -115,17 +116,18 @@ class Index {
     return current_.view.find(tag, matches);
   }
 
-  // Where an entry with this hash goes. Throws: std::system_error when there is neither room for one
-  // more entry nor memory to make some, or when damaged entries take all the room.
+  // Where an entry with this hash goes. Throws: std::system_error when there is neither room for
+  // one more entry nor memory to make some, or when damaged entries take all the room.
   [[nodiscard]] std::size_t prepareInsert(std::uint32_t tag);
-  // Requires: `slot` is from prepareInsert(tag), the index has not changed since, and the key is not
-  // there.
+  // Requires: `slot` is from prepareInsert(tag), the index has not changed since, and the key is
+  // not there.
   void insert(std::size_t slot, std::uint32_t tag, std::uint32_t row) noexcept;
   void erase(std::size_t slot) noexcept;
   // For a row whose key is damaged, so that its hash is unknown. Looks at every entry.
   void eraseRow(std::uint32_t row) noexcept;
-  // A bounded piece of the work on the next generation and on the release of the previous one; called
-  // once per insertion and removal. Memory that runs out here only delays the next generation.
+  // A bounded piece of the work on the next generation and on the release of the previous one;
+  // called once per insertion and removal. Memory that runs out here only delays the next
+  // generation.
   void advance() noexcept;
 
   [[nodiscard]] std::size_t size() const noexcept { return current_.live; }

@@ -7,19 +7,19 @@
 //
 // A cell is {record words, live, change sequence, checksum}. The upper half of the live word is the
 // number of record words that are stored, from the first one on; its lowest bit says whether the
-// record is there. The low bit of the version selects the cell in force; version 0 means that neither
-// ever was. The writer fills the other cell and then publishes it by adding one to the version, so a
-// writer that dies at any instant leaves the record as it was. A reader copies the cell in force and
-// looks at the version again. If it is unchanged, the copy is the record, because the writer changes
-// a cell only after it has moved the version away from it.
+// record is there. The low bit of the version selects the cell in force; version 0 means that
+// neither ever was. The writer fills the other cell and then publishes it by adding one to the
+// version, so a writer that dies at any instant leaves the record as it was. A reader copies the
+// cell in force and looks at the version again. If it is unchanged, the copy is the record, because
+// the writer changes a cell only after it has moved the version away from it.
 //
 // Whoever reads these words does not trust them. The version and the counters of the header are
 // checked words, a cell has its checksum, and everything that is constant is compared with what the
 // reader knows by itself.
 //
-// Every word that two threads or processes may share is read by loadWord and written by storeWord. A
-// word stored with release that a reader sees by its acquiring load brings with it everything stored
-// before.
+// Every word that two threads or processes may share is read by loadWord and written by storeWord.
+// A word stored with release that a reader sees by its acquiring load brings with it everything
+// stored before.
 #pragma once
 
 #include <algorithm>
@@ -47,8 +47,8 @@ inline constexpr std::size_t wordSize = sizeof(std::uint64_t);
 inline constexpr std::uint64_t tableMagic = 0x5641'5354'4154'424CU;
 inline constexpr std::uint64_t formatVersion = 2;
 
-// A number below 2^48 with a check of it in the upper 16 bits of its word. Any single bit that flips
-// is noticed. The word of 0 is 0, as fresh memory has it.
+// A number below 2^48 with a check of it in the upper 16 bits of its word. Any single bit that
+// flips is noticed. The word of 0 is 0, as fresh memory has it.
 inline constexpr std::uint64_t checkedNumberMask = (std::uint64_t{1} << 48U) - 1;
 [[nodiscard]] constexpr std::uint64_t checkedWord(std::uint64_t number) noexcept {
   return number | ((number * 0x9E3779B97F4A7C15U) & ~checkedNumberMask);
@@ -114,9 +114,9 @@ struct RowGeometry {
   }
 };
 
-// What the checksum word of a cell must be: a hash of its other words, less the record words that are
-// not stored, begun with the row's number and version, so that a record in the wrong row is found out
-// too. Requires: `cell` is contiguous and not written meanwhile.
+// What the checksum word of a cell must be: a hash of its other words, less the record words that
+// are not stored, begun with the row's number and version, so that a record in the wrong row is
+// found out too. Requires: `cell` is contiguous and not written meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
                                                 std::uint64_t version,
                                                 const RowGeometry& geometry) noexcept {

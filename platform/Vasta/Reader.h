@@ -1,5 +1,5 @@
-// The reading side of a table of records R. See TableReader.h for what a reader promises, and the same
-// rules of threads and processes.
+// The reading side of a table of records R. See TableReader.h for what a reader promises, and the
+// same rules of threads and processes.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 // What a record must be to stand in a shared table, and how the untyped core sees it.
 //
-// Thread and process rule: compile-time descriptions; the layout of a record type must be the same in
-// every process that attaches, which the table's header checks.
+// Thread and process rule: compile-time descriptions; the layout of a record type must be the same
+// in every process that attaches, which the table's header checks.
 #pragma once
 
 #include <array>
@@ -21,9 +21,9 @@ namespace Vasta {
 // neither pointers to itself nor padding; it lies on 8-byte boundaries, so it asks for no more. A
 // `static constexpr std::string_view vastaName` tells apart record types of equal shape.
 //
-// A record with a long array of which it mostly uses the front may say by `usedSize()` how many of its
-// bytes count, from the first one on, the key among them. The others are neither stored nor summed: a
-// copy has zeros there, and one looked at in place has anything.
+// A record with a long array of which it mostly uses the front may say by `usedSize()` how many of
+// its bytes count, from the first one on, the key among them. The others are neither stored nor
+// summed: a copy has zeros there, and one looked at in place has anything.
 template <class R>
 concept Record = std::is_trivially_copyable_v<R> && std::has_unique_object_representations_v<R> &&
                  std::has_unique_object_representations_v<typename R::Key> &&(alignof(R) <= 8) &&

@@ -24,8 +24,8 @@ class SegmentSource {
   // Null when there is no such segment. May throw std::system_error.
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> header() = 0;
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> rows() = 0;
-  // The index of this generation, or a later one, which `generation` becomes; null when it was replaced
-  // meanwhile. The writer leaves the segment alone for as long as the pointer is held.
+  // The index of this generation, or a later one, which `generation` becomes; null when it was
+  // replaced meanwhile. The writer leaves the segment alone for as long as the pointer is held.
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) = 0;
 };
 

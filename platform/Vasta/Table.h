@@ -1,5 +1,5 @@
-// The writing side of a table of records R. See TableWriter.h for what a table promises, and the same
-// rules of threads and processes.
+// The writing side of a table of records R. See TableWriter.h for what a table promises, and the
+// same rules of threads and processes.
 #pragma once
 
 #include <cstddef>
@@ -39,14 +39,15 @@ class Table {
   void is(const R& record) { is(record, hashOf(record.key())); }
   void is(const R& record, std::uint32_t hash) { writer_.is(bytesOf(record), hash); }
 
-  // Removes the record and returns it; nothing when there is none. Throws Corruption, unchanged then.
+  // Removes the record and returns it; nothing when there is none. Throws Corruption, unchanged
+  // then.
   std::optional<R> del(const Key& key) {
     Storage removed;
     return writer_.del(&key, hashOf(key), removed.bytes) ? std::optional<R>{removed.record()}
                                                          : std::nullopt;
   }
-  // Removes the record, into `removed` unless that is null; false when there is none. Throws Corruption
-  // when `removed` is wanted; with null a corrupt record goes like any other.
+  // Removes the record, into `removed` unless that is null; false when there is none. Throws
+  // Corruption when `removed` is wanted; with null a corrupt record goes like any other.
   bool del(const Key& key, R* removed) { return del(key, hashOf(key), removed); }
   bool del(const Key& key, std::uint32_t hash, R* removed) {
     return writer_.del(&key, hash, reinterpret_cast<std::byte*>(removed));
@@ -55,8 +56,8 @@ class Table {
   bool discard(std::uint32_t row) { return writer_.discard(row); }
   void delAll() { writer_.delAll(); }
 
-  // The writer's private copy to change, key excepted, and commit; null when there is no such record.
-  // The next edit() takes it over. Throws Corruption.
+  // The writer's private copy to change, key excepted, and commit; null when there is no such
+  // record. The next edit() takes it over. Throws Corruption.
   [[nodiscard]] R* edit(const Key& key) {
     return reinterpret_cast<R*>(writer_.edit(&key, hashOf(key)));
   }

@@ -1,12 +1,12 @@
 // The reading side of a table, on records as bytes; for another process than the writer's, or for
 // another thread. Reader<R> in Reader.h is its typed face.
 //
-// Thread and process rule: one reader object per thread. It never waits for the writer, alive or dead,
-// never writes to the table, and always has the last committed record. It stays good when the writer
-// dies and when another one takes the table over.
+// Thread and process rule: one reader object per thread. It never waits for the writer, alive or
+// dead, never writes to the table, and always has the last committed record. It stays good when the
+// writer dies and when another one takes the table over.
 //
-// Ownership and invariants: owns its mappings, all read-only. Once the writer has removed the table,
-// a look-up throws AttachError if it needs an index that was not mapped by then.
+// Ownership and invariants: owns its mappings, all read-only. Once the writer has removed the
+// table, a look-up throws AttachError if it needs an index that was not mapped by then.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +24,8 @@
 
 namespace Vasta {
 
-// How far a follower has come. A new cursor stands before all changes: to follow from it gives every
-// record there is. Opaque but for its sequence and its writer.
+// How far a follower has come. A new cursor stands before all changes: to follow from it gives
+// every record there is. Opaque but for its sequence and its writer.
 struct FollowCursor {
   std::uint64_t sequence = 0;          // all changes up to this one were told
   std::uint64_t writerGeneration = 0;  // the writer at that time
@@ -33,8 +33,8 @@ struct FollowCursor {
   std::uint64_t passEnd = 0;           // and the sequence that it ends with; 0: none under way
 };
 
-// What a follower is told: the state of a row. A row holds one record at a time, so a record that was
-// removed and whose row holds another one by now shows only by the new one standing in its row.
+// What a follower is told: the state of a row. A row holds one record at a time, so a record that
+// was removed and whose row holds another one by now shows only by the new one standing in its row.
 struct RowChange {
   std::uint32_t row = 0;
   std::uint64_t sequence = 0;         // of the change that made it so
@@ -64,19 +64,21 @@ class TableReader {
 
   [[nodiscard]] const RowGeometry& geometry() const noexcept { return geometry_; }
 
-  // Copies the record of this key to `record`, which has room for one; false when there is none, with
-  // `record` untouched. `hash` is the key's under the writer's hash. Throws Corruption.
+  // Copies the record of this key to `record`, which has room for one; false when there is none,
+  // with `record` untouched. `hash` is the key's under the writer's hash. Throws Corruption.
   [[nodiscard]] bool find(const void* key, std::uint32_t hash, std::byte* record);
 
-  // Copies the next record of a walk in the order of rows; false at the end. A record that is there for
-  // the whole walk is met exactly once. Throws Corruption with the hint already past the record.
+  // Copies the next record of a walk in the order of rows; false at the end. A record that is there
+  // for the whole walk is met exactly once. Throws Corruption with the hint already past the
+  // record.
   [[nodiscard]] bool next(Hint& hint, std::byte* record);
 
   // Tells every row that has changed since the cursor, at least once each, in its latest state, and
-  // moves the cursor. When there was a change it looks at the change sequence of every row. A cursor
-  // that lies behind the latest change, because a damaged one was lost with its writer, starts over.
-  // Throws: Corruption for a corrupt row, with the cursor already past it; AttachError when the header
-  // is damaged.
+  // moves the cursor. When there was a change it looks at the change sequence of every row. A
+  // cursor that lies behind the latest change, because a damaged one was lost with its writer,
+  // starts over.
+  // Throws: Corruption for a corrupt row, with the cursor already past it; AttachError when the
+  // header is damaged.
   FollowResult follow(FollowCursor& cursor, Follower& follower);
 
   // These are counters of the header. Throws: AttachError when one is damaged.
@@ -96,7 +98,8 @@ class TableReader {
   bool refreshIndex();
   [[nodiscard]] std::uint64_t header(std::size_t word) const noexcept;
   [[nodiscard]] std::uint64_t counter(std::size_t word) const;
-  // How many rows there are, all of which may be read. Throws: AttachError when that number is damaged.
+  // How many rows there are, all of which may be read. Throws: AttachError when that number is
+  // damaged.
   [[nodiscard]] std::uint32_t rowCount();
   // Requires: there is such a row.
   [[nodiscard]] const std::uint64_t* rowWords(std::uint32_t row) const noexcept;

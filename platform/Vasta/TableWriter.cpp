@@ -44,8 +44,8 @@ Corruption TableWriter::corruptionOf(std::uint32_t row, const RowCheck& check) c
   return {options_.name, row, check.stored, check.computed};
 }
 
-// A row that is occupied and intact is live. One that is neither live nor corrupt has lost its record
-// to damage that happens to have a right checksum.
+// A row that is occupied and intact is live. One that is neither live nor corrupt has lost its
+// record to damage that happens to have a right checksum.
 void TableWriter::requireIntact(std::uint32_t row) const {
   if (const RowCheck found = check(row); found.state != RowState::live_) [[unlikely]] {
     throw corruptionOf(row, found);
@@ -58,7 +58,8 @@ bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
 
 std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash) const {
   // A corrupt row under the whole hash of the key is taken for the key's, though its own key may be
-  // what is damaged: a look-up reports it and a write heals it. Damaged entries may lead to any row.
+  // what is damaged: a look-up reports it and a write heals it. Damaged entries may lead to any
+  // row.
   return index_->find(hash, [this, key](std::uint32_t row) {
     return row < rowCount_ && occupied_[row] &&
            (hasKey(row, key) || check(row).state == RowState::corrupt_);

@@ -1,15 +1,16 @@
 // The writing side of a table, on records as bytes. Table<R> in Table.h is its typed face.
 //
-// A table is a set of records, one per key, in shared memory. Rows are the truth: a record lies in one
-// row from its insertion to its removal, and a row once there is there for good, to be used again for
-// another record. The index is a cache of the rows and can be rebuilt from them.
+// A table is a set of records, one per key, in shared memory. Rows are the truth: a record lies in
+// one row from its insertion to its removal, and a row once there is there for good, to be used
+// again for another record. The index is a cache of the rows and can be rebuilt from them.
 //
 // Thread and process rule: one writer in all of the system, held by a lock that goes with its
-// process; all calls on one thread. Readers never wait for it, whatever it does and wherever it dies.
-// A child made by fork() without exec holds the lock too until it ends.
+// process; all calls on one thread. Readers never wait for it, whatever it does and wherever it
+// dies. A child made by fork() without exec holds the lock too until it ends.
 //
-// Ownership and invariants: owns its mappings. A call that throws has changed nothing, unless it says
-// otherwise. A change is durable for every reader, and for the next writer, when the call returns.
+// Ownership and invariants: owns its mappings. A call that throws has changed nothing, unless it
+// says otherwise. A change is durable for every reader, and for the next writer, when the call
+// returns.
 #pragma once
 
 #include <cstddef>
@@ -41,9 +42,9 @@ struct TableOptions {
 
 class TableWriter {
  public:
-  // What the table tells its owner. Called on the writer's thread, within the call that caused it and
-  // after the change is committed; the table may be changed meanwhile. An exception leaves that call,
-  // the change stays.
+  // What the table tells its owner. Called on the writer's thread, within the call that caused it
+  // and after the change is committed; the table may be changed meanwhile. An exception leaves that
+  // call, the change stays.
   class Listener {
    public:
     virtual ~Listener() = default;
@@ -54,16 +55,17 @@ class TableWriter {
   using CorruptionHandler = std::function<void(const std::string& message)>;
 
   // Creates the table, or takes it over from the writer before: counts the writer generation on,
-  // checks every row, rebuilds the index, and reports the rows that are corrupt (corruptionCount()). Throws AttachError
-  // when another writer has the table or when it is another record's table, std::system_error when
-  // memory runs out.
+  // checks every row, rebuilds the index, and reports the rows that are corrupt
+  // (corruptionCount()). Throws AttachError when another writer has the table or when it is another
+  // record's table, std::system_error when memory runs out.
   TableWriter(const RecordLayout& layout, TableOptions options);
   ~TableWriter();
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
   // The committed record of this key, in place, or null. It stays readable, and as it is, until the
-  // second next change of the same record; its key's row is reused after a removal. Throws Corruption.
+  // second next change of the same record; its key's row is reused after a removal. Throws
+  // Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
 
   // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that. Throws
@@ -71,28 +73,28 @@ class TableWriter {
   void is(const std::byte* record, std::uint32_t hash);
 
   // Removes the record of this key; false when there is none. Copies it to `removed` unless that is
-  // null. Throws Corruption when it is to be copied and is corrupt; without a copy a corrupt record is
-  // removed like any other.
+  // null. Throws Corruption when it is to be copied and is corrupt; without a copy a corrupt record
+  // is removed like any other.
   bool del(const void* key, std::uint32_t hash, std::byte* removed);
 
-  // Removes whatever record lies in this row, corrupt or not; false when there is none. The listener
-  // hears the key if it is intact.
+  // Removes whatever record lies in this row, corrupt or not; false when there is none. The
+  // listener hears the key if it is intact.
   bool discard(std::uint32_t row);
 
   // Removes all records, corrupt ones too; the listener hears the key of each that is intact. An
   // exception of the listener ends it, with the records after that one still there.
   void delAll();
 
-  // The record of this key in the writer's private staging, for the caller to change and commit; null
-  // when there is none. The next edit() takes the staging over. Throws Corruption.
+  // The record of this key in the writer's private staging, for the caller to change and commit;
+  // null when there is none. The next edit() takes the staging over. Throws Corruption.
   [[nodiscard]] std::byte* edit(const void* key, std::uint32_t hash);
   // Overwrites the record with what edit() gave, whose key must be unchanged. False, and no change,
   // when the record has gone meanwhile.
   bool commit(const std::byte* staging);
 
-  // The next record of a walk in the order of rows, in place as for find(); null at the end. A record
-  // that is there for the whole walk is met exactly once, whatever else changes. Throws Corruption for
-  // a corrupt record with the hint already past it, so that the walk can go on.
+  // The next record of a walk in the order of rows, in place as for find(); null at the end. A
+  // record that is there for the whole walk is met exactly once, whatever else changes. Throws
+  // Corruption for a corrupt record with the hint already past it, so that the walk can go on.
   [[nodiscard]] const std::byte* next(Hint& hint) const;
 
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
@@ -106,8 +108,8 @@ class TableWriter {
   // Not owned; null for none.
   void listenerIs(Listener* listener) noexcept { listener_ = listener; }
 
-  // A table is quiet at first, busy from its first change on, and quiet again when its owner says so.
-  // The listener hears of each transition.
+  // A table is quiet at first, busy from its first change on, and quiet again when its owner says
+  // so. The listener hears of each transition.
   void quiesce();
   [[nodiscard]] bool isQuiesced() const noexcept { return quiesced_; }
 
@@ -190,9 +192,9 @@ class TableWriter {
   MountState mountState_;
 };
 
-// Removes what is left of a table that no writer has; false, and nothing removed, when a writer has it
-// or when what has its name is not a table. For a table that no writer can take over, because its
-// records have another shape or its header is damaged.
+// Removes what is left of a table that no writer has; false, and nothing removed, when a writer has
+// it or when what has its name is not a table. For a table that no writer can take over, because
+// its records have another shape or its header is damaged.
 bool removeTable(const std::string& shmName);
 
 }  // namespace Vasta

@@ -21,7 +21,8 @@ void unlinkIndexes(const SegmentNames& names, std::uint64_t generation) noexcept
 
 bool isFormatted(const Korm::Segment& header) noexcept { return header.size() >= headerBytes; }
 
-// The header goes last: as long as it is there, whoever opens the table finds out what else is left.
+// The header goes last: as long as it is there, whoever opens the table finds out what else is
+// left.
 void unlinkTable(const SegmentNames& names, const Korm::Segment& header) noexcept {
   const auto generation = isFormatted(header)
                               ? checkedNumber(loadWord(header.words()[Header::indexGeneration_]))
@@ -135,8 +136,8 @@ void TableWriter::formatHeader() {
   storeWord(header_[Header::writerGeneration_], checkedWord(writerGeneration_));
 }
 
-// The counters of the header are only believed where they can be: the rows are counted by the size of
-// their segment, since rows that are allocated and not counted are vacant.
+// The counters of the header are only believed where they can be: the rows are counted by the size
+// of their segment, since rows that are allocated and not counted are vacant.
 void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
   checkHeader(header->words(), header->size(), layout_, options_.name);
   std::shared_ptr<Korm::Segment> rows =

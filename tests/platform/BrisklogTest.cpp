@@ -249,6 +249,42 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
   EXPECT_EQ(newest.front().text(), "Drawer::draw 197");
 }
 
+// Any one bit of the head, of the counts in the header or of a record's sequence is wrong for a while.
+TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
+  const std::string name = shmName();
+  useRing({.shmName = name, .records = 64});
+  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
+  void* const memory = ::mmap(nullptr, 4096 * 2, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+  ::close(file);
+  ASSERT_NE(memory, MAP_FAILED);
+  auto* const words = static_cast<std::uint64_t*>(memory);
+  RingReader reader = RingReader::attach(name);
+  RingCursor cursor;
+  int written = 0;
+  constexpr std::size_t fifth = detail::headerWords + 5 * detail::recordWords;
+  for (const std::size_t word :
+       std::initializer_list<std::size_t>{detail::headWord, detail::recordCountWord,
+                                          detail::instanceWord, detail::headerWords, fifth}) {
+    for (unsigned bit = 0; bit < 64; ++bit) {
+      const std::uint64_t mask = std::uint64_t{1} << bit;
+      std::atomic_ref<std::uint64_t> damaged{words[word]};
+      damaged.fetch_xor(mask);
+      const std::uint64_t lost = cursor.lost;
+      EXPECT_LE(reader.follow(cursor).size(), 64U);
+      EXPECT_LE(cursor.lost - lost, 128U) << "it counts records that there never were";
+      damaged.fetch_xor(mask);
+      for (int i = 0; i < 70; ++i) {
+        plain(++written);
+      }
+      const auto told = reader.follow(cursor);
+      ASSERT_FALSE(told.empty()) << word << " bit " << bit;
+      ASSERT_EQ(told.back().text(), "Drawer::draw " + std::to_string(written))
+          << word << " bit " << bit;
+    }
+  }
+  ::munmap(memory, 4096 * 2);
+}
+
 TEST_F(BrisklogTest, SwitchingTheRingTakesTheTracePointsAlong) {
   plain("first");
   auto second = Ring::create({.records = 100});

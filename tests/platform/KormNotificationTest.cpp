@@ -18,9 +18,9 @@ namespace {
 
 using List = NotifieeList<const int&>;
 
-// Random reactors that do random things to two lists while they are told, against a model that knows only
-// the rules: of a change hear, in order, those that were attached when it was made and still are, without a
-// break, and are switched on at their turn.
+// Random reactors that do random things to two lists while they are told, against a model that
+// knows only the rules: of a change hear, in order, those that were attached when it was made and
+// still are, without a break, and are switched on at their turn.
 class RandomWorld {
  public:
   explicit RandomWorld(std::uint32_t seed) : random_{seed} {}

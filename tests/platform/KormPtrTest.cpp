@@ -1,4 +1,5 @@
-// Reference counting: plain and atomic counts, the switch between them, and entities that come back.
+// Reference counting: plain and atomic counts, the switch between them, and entities that come
+// back.
 #include <atomic>
 #include <cstdlib>
 #include <thread>
@@ -105,7 +106,8 @@ TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
   EXPECT_FALSE(rescuer.attached());
 }
 
-// The switch is the whole process's, so each of these has a process of its own, which starts afresh.
+// The switch is the whole process's, so each of these has a process of its own, which starts
+// afresh.
 class PtrSwitchDeathTest : public testing::Test {
  protected:
   PtrSwitchDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }

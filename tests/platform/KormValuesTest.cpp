@@ -1,4 +1,5 @@
-// The framework's values: text forms, arrays in records, addresses, limits, failures, deferred work.
+// The framework's values: text forms, arrays in records, addresses, limits, failures, deferred
+// work.
 #include <algorithm>
 #include <array>
 #include <climits>

@@ -1,4 +1,5 @@
-// Shared tables bound to entities: notification, placement in named memory, take-over, other processes.
+// Shared tables bound to entities: notification, placement in named memory, take-over, other
+// processes.
 #include <unistd.h>
 
 #include <array>

@@ -39,8 +39,8 @@ void waitFor(const std::function<bool()>& condition) {
   }
 }
 
-// What the processes know of each other. A key's version counts its changes; it is absent at version 0
-// and at every fourth one after.
+// What the processes know of each other. A key's version counts its changes; it is absent at
+// version 0 and at every fourth one after.
 constexpr std::uint64_t keys = 6'000;
 struct Journal {
   std::atomic<bool> stop{false};
@@ -116,8 +116,8 @@ void changeOne(Table<Route>& table, Journal& journal, std::uint64_t prefix) {
   ++journal.commits;
 }
 
-// Opens the table, whoever had it before, and changes it until it is killed or told to stop. The keys
-// in use become more and more, so that rows and index grow.
+// Opens the table, whoever had it before, and changes it until it is killed or told to stop. The
+// keys in use become more and more, so that rows and index grow.
 void write(const TableName& name, Journal& journal, std::uint64_t seed) {
   Table<Route> table{{.name = "routes", .shmName = *name}};
   require(table.corruptionCount() == 0, table.lastCorruption());

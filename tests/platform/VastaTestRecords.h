@@ -25,7 +25,8 @@ namespace VastaTest {
 
 using TestSupport::threadSanitized;
 
-// A record that says of itself whether it is whole: all of its payload follows from key and version.
+// A record that says of itself whether it is whole: all of its payload follows from key and
+// version.
 struct Route {
   using Key = std::uint64_t;
   static constexpr std::string_view vastaName = "Route";
