@@ -6,87 +6,21 @@
 #include <utility>
 #include <vector>
 
-#include "FlowFixture.h"
-#include "Ostra/Ostra.h"
-#include "Ostra/OstraEcmpGroupSm.h"
-#include "Ostra/OstraStatusSm.h"
-#include "platform/P4Runtime/Counter.h"
+#include "ContextFixture.h"
 
 namespace OstraTest {
 namespace {
 
-using Ostra::FlowTableIndex;
 using Tessel::MountStatus;
 using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr const char* cxHwStatusDirPath = "corvex/cxHwStatusDir/dyninputstatus";
-constexpr const char* flowCounterDirPath = "openflow/corvexhwstatusdir";
-constexpr const char* ipv4EncapTablePath = "routing/l2nexthopgroup/ipv4EncapTable";
-
-// A context in a service: the state database with all that is to be mounted, and the service's objects,
-// with flow tables in the slots 0, 3, 14 and 15.
-class Context : public FlowFixture {
- protected:
-  Context() {
-    manager->entityIs("corvex/dyninput/p4rt", cxHwConfig);
-    manager->entityIs(cxHwStatusDirPath, cxHwStatusDir);
-    manager->entityIs("corvex/configDir/p4rt", cxConfig);
-    manager->entityIs(flowCounterDirPath, flowCounterDir);
-    manager->entityIs("interface/status/all", Korm::makePtr<Interface::AllIntfStatusDir>("all"));
-    manager->entityIs(ipv4EncapTablePath, encaps);
-    for (const int index : {0, 3, 14, 15}) {
-      tables->ostraConfigIs(FlowTableIndex{index},
-                            Korm::makePtr<Ostra::OstraConfig>(std::to_string(index)));
-    }
-    tables->p4rtEcmpGroupTableIs(groups);
-    tables->p4rtEcmpMemberTableIs(members);
-  }
-
-  void make() {
-    context = Ostra::ostraContextFactory(tables, vrfs, ports, batchStatus, telemetry, handles,
-                                         validation, counters);
-  }
-  void complete(MountStatus status = MountStatus::success_) {
-    context->doMountsComplete(status, manager);
-  }
-  void makeComplete() {
-    make();
-    complete();
-  }
-  [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {
-    return *tables->ostraConfig(FlowTableIndex{index});
-  }
-  [[nodiscard]] Korm::Ptr<Ostra::OstraSm> flowSm(std::uint8_t index) const {
-    const auto found = context->ostraSmColl().find(index);
-    return found == context->ostraSmColl().end() ? nullptr : found->second;
-  }
-  // Of everything that the context is given or finds.
-  [[nodiscard]] std::vector<std::uint32_t> references() const {
-    const auto of = [](const auto&... inputs) { return std::vector{inputs->references()...}; };
-    return of(tables, vrfs, ports, batchStatus, telemetry, handles, validation, cxHwConfig,
-              cxConfig, cxHwStatusDir, flowCounterDir, encaps, groups, members, manager,
-              tables->ostraConfig(FlowTableIndex{0}));
-  }
-
- public:
-  const Korm::Ptr<Tessel::EntityManager> manager = Korm::makePtr<Tessel::EntityManager>();
-  const Korm::Ptr<Korm::Dir> flowCounterDir = Korm::makePtr<Korm::Dir>("corvexhwstatusdir");
-  const Korm::Ptr<Ostra::OstraConfigTableColl> tables =
-      Korm::makePtr<Ostra::OstraConfigTableColl>();
-  const Korm::Ptr<P4Runtime::P4RuntimeCounterHelper> counters =
-      Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>();
-  Korm::Ptr<Ostra::OstraContext> context;
-};
-
 TEST_F(Context, DeclaresItsFourMountsInOrder) {
   make();
   Tessel::MountGroup group;
-  TextTrace trace{5};
   context->doMounts(group);
-  EXPECT_EQ(trace.take(), Texts{"5 OstraContext::doMounts"});
   using Tessel::MountFlag;
   constexpr std::pair<MountFlag, char> letters[] = {{MountFlag::read_, 'r'},
                                                     {MountFlag::writable_, 'w'},
@@ -131,6 +65,33 @@ TEST_F(Context, BuildsFifteenFlowStateMachinesAndOneOfEverythingElse) {
     counters->counterImplMapIs(0, nullptr);
     cxHwConfig->counterPollEnableIs(false);
   }
+}
+
+TEST_F(Context, BuildsInOrder) {
+  writeEncap();
+  members->entryIs({.entryHandle = 50, .memberId = 5, .p4PortId = 1, .encapId = 9});
+  publishHwStatus()->flowStatsIs("flow-42", OpenFlowTable::FlowStatus::programmed_);
+  flowTable(14).entryIs(flow(3, plainKey(3)));
+  Texts order;
+  const auto says = [&order](const char* what) {
+    return [&order, what] { order.emplace_back(what); };
+  };
+  Listener<> polling{cxHwConfig->counterPollEnableNotifiees(), says("polling on")};
+  Listener<> enabled{cxConfig->enabledNotifiees(), says("Corvex enabled")};
+  Listener<const Korm::Name&> flows{cxHwConfig->flowEntryNotifiees(),
+                                    [&](const Korm::Name& name) { order.push_back(name); }};
+  Listener<const P4Runtime::TransactionResult&> reports{
+      batchStatus->resultNotifiees(),
+      [&](const P4Runtime::TransactionResult&) { order.emplace_back("status reported"); }};
+  Listener<const OpenFlowTable::GroupId&> corvexGroups{cxHwConfig->groupEntryNotifiees(),
+                                                       [&](const OpenFlowTable::GroupId&) {
+                                                         if (order.back() != "group written") {
+                                                           order.emplace_back("group written");
+                                                         }
+                                                       }};
+  makeComplete();
+  EXPECT_EQ(order,
+            (Texts{"polling on", "Corvex enabled", "flow-3", "status reported", "group written"}));
 }
 
 // Each of the fifteen takes the flows of the others for stale ones: what is left at the end is what the
@@ -193,13 +154,21 @@ TEST_F(Context, DirectCountersAreReadAfreshFromEveryUnitThatHasTheFlow) {
   second->flowStatsIs("flow-7-p4rt").countersIs(6, 600);
   flowCounterDir->entityDel("unit-0");
   EXPECT_EQ(counted(7), (P4CounterData{0, 6, 600}));
+  P4CounterData all{0, 6, 600};
+  for (std::uint64_t number = 100; number < 150; ++number) {  // each with a count of its own
+    const std::string name = "unit-" + std::to_string(number);
+    unit(name.c_str())->flowStatsIs("flow-7-p4rt").countersIs(1ULL << (number - 100), number);
+    all.packets += 1ULL << (number - 100);
+    all.bytes += number;
+    EXPECT_EQ(counted(7), all) << "with " << name;
+  }
 }
 
 TEST_F(Context, WhatIsMissingOrMistypedShowsAsNull) {
-  manager->entityIs("corvex/dyninput/p4rt", Korm::makePtr<Korm::Dir>("p4rt"));
-  manager->entityDel("corvex/configDir/p4rt");
-  manager->entityDel("interface/status/all");
-  manager->entityIs(ipv4EncapTablePath, Korm::makePtr<Korm::Dir>("ipv4EncapTable"));
+  manager->entityIs(StatePath::cxHwConfig, Korm::makePtr<Korm::Dir>("p4rt"));
+  manager->entityDel(StatePath::cxConfig);
+  manager->entityDel(StatePath::intfStatusDir);
+  manager->entityIs(StatePath::ipv4EncapTable, Korm::makePtr<Korm::Dir>("ipv4EncapTable"));
   flowTable(0).entryIs(flow(1, plainKey(1)));
   makeComplete();
   EXPECT_EQ(context->ostraSmColl().size(), 15U);
@@ -231,10 +200,7 @@ class ContextDeathTest : public Context {
   // Expects this end of the process, whether the entity is missing or of another type.
   void expectDeathWithout(const char* path, const testing::Matcher<const std::string&>& said) {
     flowTable(14).entryIs(flow(3, plainKey(3)));
-    NexthopGroup::EncapEntry encap;
-    encap.encapId = 9;
-    encap.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-    encaps->entryIs(encap);
+    writeEncap();
     members->entryIs({.entryHandle = 50, .memberId = 5, .p4PortId = 1, .encapId = 9});
     for (const Korm::Ptr<Korm::Entity>& instead : {Korm::Ptr<Korm::Entity>{cxConfig}, {}}) {
       manager->entityIs(path, instead);
@@ -245,13 +211,13 @@ class ContextDeathTest : public Context {
 };
 
 TEST_F(ContextDeathTest, WithoutTheHardwareStatusDirectoryTheProcessStopsBeforeAnythingIsBuilt) {
-  expectDeathWithout(cxHwStatusDirPath,
+  expectDeathWithout(StatePath::cxHwStatusDir,
                      AllOf(HasSubstr("Assertion failed: cxHwStatusDir (Ostra/Ostra:40)"),
                            Not(HasSubstr("wrote"))));
 }
 
 TEST_F(ContextDeathTest, WithoutTheFlowCounterDirectoryItStopsWhenTheStateMachinesAreThere) {
-  expectDeathWithout(flowCounterDirPath,
+  expectDeathWithout(StatePath::flowCounterDir,
                      ContainsRegex("wrote flow-3\nwrote a group\n(wrote a group\n)*"
                                    "Assertion failed: flowCounterDir \\(Ostra/Ostra:88\\)"));
 }
@@ -273,29 +239,61 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
 
   const auto otherEncapTable =
       Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable");
-  manager->entityIs(ipv4EncapTablePath, otherEncapTable);
+  manager->entityIs(StatePath::ipv4EncapTable, otherEncapTable);
   complete();
   EXPECT_NE(context->ostraEcmpGroupSm(), firstEcmpSm);
   EXPECT_EQ(context->ostraEcmpGroupSm()->inputs().ipv4EncapTable, otherEncapTable);
   EXPECT_EQ(context->ipv4EncapTable(), otherEncapTable);
 }
 
+// For each change of one input alone: another state machine takes the place of the one that is stored.
+template <class Sm, class Stored, class Store>
+void expectReplacedByEach(const std::vector<std::function<void(typename Sm::Inputs&)>>& changes,
+                          Stored stored, Store store) {
+  for (std::size_t number = 0; number < changes.size(); ++number) {
+    const Korm::Ptr<Sm> before = stored();
+    typename Sm::Inputs inputs = before->inputs();
+    EXPECT_EQ(store(inputs), before) << "the same inputs, before the change " << number;
+    changes[number](inputs);
+    const Korm::Ptr<Sm> after = store(inputs);
+    EXPECT_NE(after, before) << number;
+    EXPECT_EQ(stored(), after);
+    EXPECT_EQ(after->inputs(), inputs) << number;
+    EXPECT_TRUE(after->hasNotificationActive());
+    EXPECT_FALSE(before->hasNotificationActive()) << "somebody may still hold the old one";
+  }
+}
+
 TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   makeComplete();
-  const auto info = context->ostraStatusDirSm()->inputs().ostraStatusInfo;
-  const auto dirSmOn = [&](const Korm::Ptr<P4RuntimeRouting::EcmpMember>& memberTable) {
-    return context->ostraStatusDirSmIs(cxHwStatusDir, batchStatus, info, groups, memberTable);
-  };
-  const auto dirSm = context->ostraStatusDirSm();
-  EXPECT_EQ(dirSmOn(members), dirSm);
-  EXPECT_NE(dirSmOn(nullptr), dirSm);
-  const auto ecmpSmOn = [&](const Korm::Ptr<P4Runtime::P4HandleMgr>& manages) {
-    return context->ostraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports, validation,
-                                       batchStatus, manages);
-  };
-  const auto ecmpSm = context->ostraEcmpGroupSm();
-  EXPECT_EQ(ecmpSmOn(handles), ecmpSm);
-  EXPECT_NE(ecmpSmOn(Korm::makePtr<P4Runtime::P4HandleMgr>()), ecmpSm);
+  using DirInputs = Ostra::OstraStatusDirSm::Inputs;
+  expectReplacedByEach<Ostra::OstraStatusDirSm>(
+      {[](DirInputs& in) { in.cxStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus"); },
+       [](DirInputs& in) { in.batchStatus = nullptr; },
+       [](DirInputs& in) { in.ostraStatusInfo = Ostra::ostraStatusInfoFactory(); },
+       [](DirInputs& in) { in.p4rtEcmpGroupTable = nullptr; },
+       [](DirInputs& in) { in.p4rtEcmpMemberTable = nullptr; }},
+      [this] { return context->ostraStatusDirSm(); },
+      [this](const DirInputs& in) {
+        return context->ostraStatusDirSmIs(in.cxStatusDir, in.batchStatus, in.ostraStatusInfo,
+                                           in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable);
+      });
+  using EcmpInputs = Ostra::OstraEcmpGroupSm::Inputs;
+  expectReplacedByEach<Ostra::OstraEcmpGroupSm>(
+      {[](EcmpInputs& in) { in.cxHwConfig = nullptr; },
+       [](EcmpInputs& in) { in.p4rtEcmpGroupTable = nullptr; },
+       [](EcmpInputs& in) { in.p4rtEcmpMemberTable = nullptr; },
+       [](EcmpInputs& in) { in.ipv4EncapTable = nullptr; },
+       [](EcmpInputs& in) { in.p4RtPortMappingStatus = nullptr; },
+       [](EcmpInputs& in) { in.validationHelper = nullptr; },
+       [](EcmpInputs& in) { in.batchStatus = nullptr; },
+       [](EcmpInputs& in) { in.p4HandleMgr = nullptr; }},
+      [this] { return context->ostraEcmpGroupSm(); },
+      [this](const EcmpInputs& in) {
+        return context->ostraEcmpGroupSmIs(
+            in.cxHwConfig, in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable, in.ipv4EncapTable,
+            in.p4RtPortMappingStatus, in.validationHelper, in.batchStatus, in.p4HandleMgr);
+      });
 
   EXPECT_FALSE(context->ostraEcmpGroupSmDel()->hasNotificationActive());
   EXPECT_FALSE(context->ostraEcmpGroupSmDel()) << "it is gone";
@@ -306,7 +304,8 @@ TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   context->ostraSmCollIs(3, flowSm(0));
   EXPECT_EQ(first->references(), 1U) << "the one replaced is let go";
   context->ostraSmCollIs(3, nullptr);
-  EXPECT_FALSE(flowSm(3)) << "null removes";
+  context->ostraSmCollIs(3, nullptr);
+  EXPECT_EQ(context->ostraSmColl().size(), 14U) << "null removes, and inserts nothing";
   EXPECT_FALSE(context->ostraSmCollDel(3));
   EXPECT_TRUE(context->ostraSmCollDel(14));
   EXPECT_EQ(context->ostraSmColl().size(), 13U);
@@ -348,7 +347,7 @@ TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
     return entity;
   };
   manager->entityIs(
-      ipv4EncapTablePath,
+      StatePath::ipv4EncapTable,
       own("encap table", Korm::makePtr<NexthopGroup::L2NexthopGroupEncapTable>("ipv4EncapTable")));
   context = Ostra::ostraContextFactory(
       own("tables", Korm::makePtr<Ostra::OstraConfigTableColl>()),
@@ -360,7 +359,7 @@ TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
       own("validation", Korm::makePtr<P4Runtime::DefaultValidationHelper>(nullptr)),
       own("counters", Korm::makePtr<P4Runtime::P4RuntimeCounterHelper>()));
   complete();
-  manager->entityDel(ipv4EncapTablePath);
+  manager->entityDel(StatePath::ipv4EncapTable);
   watch("status", *context->ostraStatusDirSm(), false);
   watch("ECMP", *context->ostraEcmpGroupSm(), false);
   for (const auto& [index, flowSm] : context->ostraSmColl()) {
@@ -371,7 +370,7 @@ TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
                           "handles", "telemetry", "batch status", "ports", "VRFs", "tables"}));
 }
 
-TEST_F(Context, ARowOutOfRangeMakesTheBuildFailAndLeavesNothingHalfBuilt) {
+TEST_F(Context, ARowOutOfRangeMakesTheBuildFailAndLeavesWhatWasBuiltUntilThen) {
   OstraConfigEntry bad = flow(2, plainKey(2));
   bad.flowKey.priorityIs(65537);
   flowTable(3).entryIs(bad);

@@ -50,6 +50,19 @@ TEST_F(EcmpFailure, ARefusedMemberKeepsItsOldBucketAndSoDoItsGroups) {
   EXPECT_TRUE(groupCopies(3, {id}));
 }
 
+// By number, as only the number is agreed upon with the service.
+TEST_F(EcmpFailure, EveryRefusalIsCode15) {
+  std::vector<int> codes;
+  OstraTest::Listener<const P4Runtime::TransactionResult&> service{
+      batchStatus->resultNotifiees(), [&codes](const P4Runtime::TransactionResult& result) {
+        codes.push_back(static_cast<int>(result.code));
+      }};
+  writeMember({.id = 5, .port = 0});
+  writeMember({.id = 5, .encap = 8});
+  writeGroup(3, {5});
+  EXPECT_THAT(codes, ElementsAre(15, 15, 15));
+}
+
 TEST_F(EcmpFailure, AListLongerThanItsArrayIsARangeErrorAndNothingIsWritten) {
   writeMembers({5});
   writeGroup(3, {5});

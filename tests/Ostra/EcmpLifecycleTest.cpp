@@ -90,6 +90,11 @@ TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   members->entryDel(5);
   EXPECT_EQ(corvexMember(5), nullptr);
   EXPECT_THAT(told(), IsEmpty());
+  forgetWhatHappened();
+  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports, nullptr, batchStatus,
+                                 handles);
+  writeAll();
+  EXPECT_THAT(writes(), IsEmpty()) << "what cannot be checked is not written";
 }
 
 TEST_F(EcmpLifecycle, SwitchingReachesTheReactorsOnlyWhenItIsAChange) {

@@ -1,6 +1,5 @@
 // What members and groups become in Corvex, and how changes spread.
 #include <numeric>
-#include <string>
 
 #include "EcmpFixture.h"
 
@@ -118,35 +117,18 @@ TEST_F(EcmpProgramming, DeletesAreAcknowledgedAlsoWhenNothingWasThere) {
       << "ids that the service does not know";
 }
 
-TEST_F(EcmpProgramming, HandlersTraceTheirEntryAtTheLowestLevelAndTheirStepsAtTheRoutineOne) {
-  OstraTest::TextTrace trace{Ostra::TraceLevel::routine};
-  const auto texts = [&trace] {
-    const std::string scope = " OstraEcmpGroupSm::";
-    Lines out = trace.take();
-    for (std::string& text : out) {
-      EXPECT_EQ(text.substr(1, scope.size()), scope);
-      text.replace(1, scope.size(), " ");
-    }
-    return out;
-  };
-  writeMember({.id = 12});
-  EXPECT_THAT(texts(),
-              ElementsAre("0 handleNexthopInfo memberId: 12", "0 validateNexthop",
-                          "5 handleNexthopInfoUpdate Add ofGroup: 4294967308 for memberId: 12",
-                          "0 maybeUpdateGroupOnMemberChange member id: 12"));
-  writeGroup(3, {12});
-  EXPECT_THAT(texts(), ElementsAre("0 handleEcmpGroup groupId=3",
-                                   "5 addEcmpGroup Add member ofGroup: 4294967308 for group: 3",
-                                   "5 addEcmpGroup Add ofGroup: 3 for groupId: 3"));
-  members->entryDel(12);
-  EXPECT_THAT(texts(),
-              ElementsAre("0 handleNexthopInfo memberId: 12",
-                          "5 handleNexthopInfoDelete ofGroup 4294967308 deleted in CX config",
-                          "5 handleNexthopInfoDelete memberId: 12 deleted"));
-  groups->entryDel(3);
-  EXPECT_THAT(texts(), ElementsAre("0 handleEcmpGroup groupId=3",
-                                   "5 deleteEcmpGroup ofGroup 3 deleted in CX config",
-                                   "5 deleteEcmpGroup groupId: 3 deleted"));
+TEST_F(EcmpProgramming, ARewrittenGroupIsNeitherDeletedNorUnready) {
+  writeMembers({5});
+  writeGroup(3, {5});
+  for (auto* const group : {cxHwConfig->groupEntry(memberBase + 5), cxHwConfig->groupEntry(3)}) {
+    group->deletedIs(true);
+    group->readyIs(false);
+    group->groupTypeIs(GroupType::all_);
+  }
+  forgetWhatHappened();
+  writeMember({.id = 5, .port = 2});
+  // The fixture looks at each group when its change is announced.
+  EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 3"));
 }
 
 }  // namespace

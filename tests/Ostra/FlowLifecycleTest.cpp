@@ -105,6 +105,26 @@ TEST_F(FlowLifecycle, WithoutACorvexConfigurationNothingIsWrittenAnywhere) {
   EXPECT_EQ(telemetry->total(), 0U);
 }
 
+TEST_F(FlowLifecycle, WithoutATableEveryFlowIsStale) {
+  placeCxFlow("flow-7");
+  placeCxFlow("flow-0");
+  sm = Ostra::ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir, nullptr, vrfs, ports, validation,
+                             statusInfo, batchStatus, telemetry);
+  EXPECT_EQ(cxFlows(), Names{});
+  EXPECT_EQ(sm->ostraConfigTable(), nullptr);
+  EXPECT_TRUE(sm->hasNotificationActive());
+}
+
+TEST_F(FlowLifecycle, WithoutAStatusDirectoryNoGroupIsReady) {
+  sm = Ostra::ostraSmFactory(cxHwConfig, cxConfig, nullptr, table, vrfs, ports, validation,
+                             statusInfo, batchStatus, telemetry);
+  cxHwConfig->groupEntryIs(3);
+  OstraConfigEntry entry = flow(7, plainKey(1));
+  entry.groupGiven = true;
+  entry.groupId = 3;
+  EXPECT_EQ(write(entry), "7 notFound: Group id: 3 is not found");
+}
+
 TEST_F(FlowLifecycle, NotificationsReachItOnlyWhileTheyAreOn) {
   start();
   sm->hasNotificationActiveIs(false);

@@ -270,7 +270,13 @@ TEST_F(FlowTranslation, AnInsertHandsOverTheWholeFlowAndAModifyReplacesItInPlace
   entry.flowKey.tableTypeIs(1);
   entry.flowKey.priorityGroupTypeIs(4);
   entry.actions.dropIs(true);
-  EXPECT_EQ(write(entry), "");
+  {
+    Listener<const Korm::Name&> stamps{cxHwConfig->flowEntryNotifiees(), [&](const Korm::Name&) {
+                                         EXPECT_EQ(telemetry->total(), 0U) << "stamped later";
+                                       }};
+    EXPECT_EQ(write(entry), "");
+    EXPECT_EQ(stamps.take(), 1);
+  }
   const auto* const made = cxHwConfig->flowEntry("flow-18446744073709551615");
   ASSERT_NE(made, nullptr);
   EXPECT_TRUE(made->actions() == entry.actions);
@@ -311,6 +317,7 @@ TEST_F(FlowTranslation, ADeleteTakesTheFlowAndItsBookkeepingAndLeavesTheResultTo
                                      EXPECT_EQ(sm->vrfId(entry.key()), 5U);
                                      EXPECT_EQ(telemetry->total(), 1U);
                                    }};
+  now = 200;
   EXPECT_EQ(remove(entry), "");
   EXPECT_EQ(told.take(), 1);
   EXPECT_EQ(cxFlow(7), nullptr);
@@ -318,6 +325,7 @@ TEST_F(FlowTranslation, ADeleteTakesTheFlowAndItsBookkeepingAndLeavesTheResultTo
   EXPECT_EQ(sm->vrfId(entry.key()), noVrf);
   EXPECT_EQ(books(5), "0 users, creator 7, deletor 7");
   EXPECT_EQ(telemetry->total(), 2U);
+  EXPECT_EQ(telemetry->newest(7, P4Runtime::TelemetryTimestampType{2})->time, 200.0);
 }
 
 TEST_F(FlowTranslation, DeletingAnUnknownKeyIsAcknowledgedForNoHandle) {
@@ -329,51 +337,6 @@ TEST_F(FlowTranslation, DeletingAnUnknownKeyIsAcknowledgedForNoHandle) {
   placeCxFlow("flow-7");
   EXPECT_EQ(remove(entry), "0 success");
   EXPECT_EQ(cxHwConfig->flowEntries().size(), 2U) << "not even the flow of handle 0 is touched";
-}
-
-TEST_F(FlowTranslation, AWriteIsTracedStepByStep) {
-  OstraConfigEntry entry = flow(7, {});
-  entry.flowKey.tableTypeIs(1);
-  entry.flowKey.priorityGroupTypeIs(4);
-  entry.flowKey.ingressPortIs(1, 0xFFFFFFFF);
-  entry.flowKey.egressPortIs(2, 0xFFFFFFFF);
-  entry.flowKey.etherTypeIs(0x86DD, 0xFFFF);
-  entry.flowKey.isIpPacketIs(true, true);
-  entry.flowKey.ip6SrcIs(ip6, ip6Mask);
-  entry.flowKey.innerL3DataIs(9, 0xFF);
-  entry.outputPortIs(3);
-  entry.vlanGiven = true;
-  entry.vlanId = 12;
-  TextTrace trace{5};
-  const auto step = [](const std::string& text) {
-    return "5 OstraSm::handleFlowConfigImpl" + text;
-  };
-  Texts expected{step(" insert flow:flow-7"),
-                 step(" matchIntf:Et1"),
-                 step(" match egressIntf:Et2"),
-                 "5 OstraSm::validateFlowKey",
-                 step(" matchIp6:2001:db8::1"),
-                 step(" innerL3Data:9"),
-                 step(" isIpPacketValid true. isIpPacketMask true"),
-                 step(" P4 egressIntf:3 intfId:Ethernet3"),
-                 step(" P4 VlanId:12 cx vlanId:12"),
-                 "5 OstraSm::validateFlowAction",
-                 step("maybeUpdateFlowMatch tableType 1 prioGroupType4"),
-                 step("replace ethertype 34525 with l3PacketType 3"),
-                 step(" inserted  flow:flow-7 EntryId: 1007")};
-  write(entry);
-  EXPECT_EQ(trace.take(), expected);
-  entry.vlanGiven = false;
-  write(entry);
-  expected[8] = step(" P4 VlanId:12 cx vlanId:0");
-  expected.back() = step(" modified  flow:flow-7 EntryId: 1007");
-  EXPECT_EQ(trace.take(), expected);
-  remove(entry);
-  EXPECT_EQ(trace.take(), Texts{step(" deleting flow:flow-7")});
-  sm->handleFlowConfig(entry.key());
-  EXPECT_EQ(trace.take(), Texts{"4 OstraSm::handleFlowConfigImpl flowKey is not mapped to "
-                                "entryHandle " +
-                                entry.key().valueToStrep()});
 }
 
 }  // namespace

@@ -368,5 +368,21 @@ TEST_F(FlowGroupReference, ToAMemberIsToTheGroupThatStandsForItAndGivesWayToOneT
   EXPECT_EQ(theFlow(7).actions().group(), 3U);
 }
 
+// By number, as only the numbers are agreed upon with the service.
+TEST_F(FlowValidation, AnErrorOfTheKeyIsCode17AndAMissingGroupCode16) {
+  std::vector<int> codes;
+  Listener<const P4Runtime::TransactionResult&> service{
+      batchStatus->resultNotifiees(), [&codes](const P4Runtime::TransactionResult& result) {
+        codes.push_back(static_cast<int>(result.code));
+      }};
+  OstraConfigEntry entry = flow(7, plainKey(1));
+  entry.flowKey.etherTypeIs(0x0800, 0xFF00);
+  write(entry);
+  OstraConfigEntry member = flow(8, plainKey(2));
+  member.memberGiven = true;
+  write(member);
+  EXPECT_EQ(codes, (std::vector{17, 16}));
+}
+
 }  // namespace
 }  // namespace OstraTest

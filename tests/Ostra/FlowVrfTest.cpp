@@ -1,6 +1,4 @@
 // The examples behind the books of VRFs; random histories against a model are in tests/soak.
-#include <gmock/gmock.h>
-
 #include "FlowFixture.h"
 
 namespace OstraTest {
@@ -77,17 +75,6 @@ TEST_F(FlowVrf, IsBookedOutsideABatchTooWithNothingToHoldBack) {
   EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
   EXPECT_FALSE(isDependent(7));
   EXPECT_NE(cxFlow(7), nullptr);
-}
-
-TEST_F(FlowVrf, AMoveIsTraced) {
-  writeIn(3, 1);
-  writeIn(4, 2);
-  TextTrace trace{5};
-  writeIn(3, 2);
-  const std::string change = "5 OstraSm::handleVrfChange";
-  EXPECT_THAT(trace.take(), testing::IsSupersetOf(
-                                {change + " del vrf 4 refCount 0", change + " add vrf 3 refCount 2",
-                                 change + " adding rootStatus, entryVrf:4 entryHandle:2"}));
 }
 
 TEST_F(FlowVrf, IndexesKeepVrfAndHandleApart) {

@@ -44,8 +44,11 @@ TEST(StatusEntry, ReadsTheTextThatItPrintsAndNoOther) {
   EXPECT_EQ(sample().valueToStrep(), text);
   EXPECT_EQ(parse(text), sample());
   EXPECT_TRUE(!parse(OstraStatusEntry{}.valueToStrep()));
-  EXPECT_EQ(parse(with("hardwareResourceExhausted", "3")).errorCode, ErrorCode{3})
-      << "a code without a name is its number";
+  for (const std::uint32_t code : {3U, 20U, 4294967295U}) {
+    OstraStatusEntry entry = sample();
+    entry.errorCode = ErrorCode{code};
+    EXPECT_EQ(parse(entry.valueToStrep()), entry) << "a code without a name is its number";
+  }
 
   for (std::size_t length = 0; length < text.size(); ++length) {
     EXPECT_THROW(parse(text.substr(0, length)), ParseException) << "truncated to " << length;
@@ -67,6 +70,9 @@ TEST(StatusEntry, ReadsTheTextThatItPrintsAndNoOther) {
   EXPECT_EQ(refused(with("18446744073709551615", "x")), "entryHandle");
   EXPECT_EQ(refused(with("hardwareResourceExhausted", "4294967296")), "errorCode");
   EXPECT_EQ(refused(with("True", "true")), "deleted");
+  EXPECT_EQ(refused(with("'priority': 10", "'priority': 2147483648")), "key")
+      << "whatever is out of range inside the key";
+  EXPECT_EQ(refused(with("443&", "65536&")), "key");
 }
 
 TEST(StatusEntry, IsReachedByAttributeName) {
@@ -83,6 +89,14 @@ TEST(StatusEntry, IsReachedByAttributeName) {
   }
   EXPECT_EQ(entry, expected);
   EXPECT_NE(entry, OstraStatusEntry(sample(), plainKey(444)));
+  OstraStatusEntry empty;
+  OstraStatusEntry same = sample();
+  EXPECT_FALSE(generic.empty());
+  EXPECT_TRUE(Korm::Generic<OstraStatusEntry>{empty}.empty());
+  EXPECT_TRUE(generic.equals(same));
+  EXPECT_FALSE(generic.equals(empty));
+  EXPECT_EQ(generic.hash(), Korm::Generic<OstraStatusEntry>{same}.hash());
+  EXPECT_NE(generic.hash(), Korm::Generic<OstraStatusEntry>{empty}.hash());
 
   EXPECT_THROW(generic.attributeIs("key", plainKey(1).valueToStrep()), Korm::AttributeException);
   EXPECT_THROW(generic.attributeIs("reserved", "0"), Korm::AttributeException);

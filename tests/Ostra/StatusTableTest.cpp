@@ -133,6 +133,16 @@ TEST_F(StatusTable, TheControlFollowsTheTable) {
   const auto dir = Korm::makePtr<Korm::Dir>("status");
   dir->entityIs(status_->name(), status_);
   EXPECT_EQ(control->mountState(), Vasta::MountState::mounted_);
+
+  status_->tableIs(entry(2, 20));
+  const auto another = Korm::makePtr<CollectionControl>();
+  status_->tableControlIs(another);
+  EXPECT_FALSE(another->quiesced()) << "it shows the table's state at once";
+  EXPECT_EQ(another->mountState(), Vasta::MountState::mounted_);
+  EXPECT_EQ(control->references(), 1U);
+  Korm::activity().run();
+  EXPECT_TRUE(another->quiesced());
+  EXPECT_FALSE(control->quiesced()) << "the one replaced hears no more";
 }
 
 // Whether an entity is still there shows in what is attached to it.
@@ -209,8 +219,11 @@ TEST(StatusTableColl, TellsTheSlotsThatGetAnotherTable) {
 
 TEST(StatusTableColl, HasSixteenSlots) {
   const auto coll = Ostra::ostraStatusTableCollFactory("tables");
-  EXPECT_DEATH(coll->ostraStatusIs(16, nullptr), "Assertion failed: .*Ostra/OstraStatus");
-  EXPECT_DEATH(coll->ostraStatusDel(255), "Assertion failed");
+  for (const std::uint64_t none : {std::uint64_t{16}, std::uint64_t{259}, ~std::uint64_t{0}}) {
+    EXPECT_DEATH(coll->ostraStatusIs(none, nullptr), "Assertion failed: .*Ostra/OstraStatus:");
+    EXPECT_DEATH(coll->ostraStatusDel(none), "Assertion failed");
+    EXPECT_DEATH(static_cast<void>(coll->ostraStatus(none)), "Assertion failed");
+  }
   for (const long long none : {-1LL, 16LL, 0x1'0000'0000LL}) {
     EXPECT_THAT([&] { static_cast<void>(coll->from(none)); },
                 testing::ThrowsMessage<Korm::RangeException>(
