@@ -172,7 +172,7 @@ TEST(CliTerminal, ShowsProgressOfALongScript) {
   for (int number = 0; number < 5000; ++number) {
     script += "insert flow priority=" + std::to_string(number) + " -> drop\n";
   }
-  for (int number = 0; number < 100; ++number) {
+  for (int number = 0; number < 500; ++number) {
     script += "show trace 16000\n";
   }
   const TemporaryFile file{script};
