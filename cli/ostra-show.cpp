@@ -4,20 +4,23 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <exception>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <thread>
 #include <vector>
 
 #include "cli/language/NearMatch.h"
 #include "cli/language/Words.h"
 #include "cli/output/Output.h"
+#include "cli/show/Check.h"
 #include "cli/show/ShownTable.h"
 #include "cli/show/Viewer.h"
+#include "sim/SharedMemory.h"
 #include "sim/SharedNames.h"
 
 namespace {
@@ -38,16 +41,21 @@ Without a topic it prints all of them.
 
   --follow     then go on and print what changes. Waits for ostra-sim where it is not running, and
                attaches again when it has been restarted
+  --check      read every row of every table, look each up by its key, and say what is damaged
+  --remove     remove what a killed ostra-sim has left under NAME
   --help       print this
   --version    print the version
 
-Exit status: 0, 1 when there is nothing to show, 2 for a command line that makes no sense.
+Exit status: 0, 1 when there is nothing to show or something is damaged, 2 for a command line that makes no
+sense.
 )";
 
 struct Options {
   std::string name;
   std::vector<std::string_view> topics;
   bool follow = false;
+  bool check = false;
+  bool remove = false;
   bool help = false;
   bool version = false;
 };
@@ -63,15 +71,21 @@ void addTopic(Options& options, std::string_view word) {
 }
 
 void addOption(Options& options, std::string_view word) {
-  static constexpr std::array<std::string_view, 3> words{"--follow", "--help", "--version"};
+  static constexpr std::array<std::string_view, 5> words{"--follow", "--check", "--remove",
+                                                         "--help", "--version"};
   if (word == "--follow") {
     options.follow = true;
+  } else if (word == "--check") {
+    options.check = true;
+  } else if (word == "--remove") {
+    options.remove = true;
   } else if (word == "--help") {
     options.help = true;
   } else if (word == "--version") {
     options.version = true;
   } else {
-    Cli::throwUnexpected(word, "--follow, --help or --version", Cli::nearMatch(word, words));
+    Cli::throwUnexpected(word, "--follow, --check, --remove, --help or --version",
+                         Cli::nearMatch(word, words));
   }
 }
 
@@ -100,13 +114,20 @@ Options parseOptions(std::span<const char* const> arguments) {
 }
 
 Status show(const Options& options, Cli::Output& out, Cli::Output& errors) {
+  if (options.remove) {
+    const Sim::SharedMemory left{options.name, Sim::Leftover::discard_};
+    return success;
+  }
+  if (options.check) {
+    return Cli::checkShared(options.name, out) ? success : nothingThere;
+  }
   Cli::Viewer viewer{options.name, options.topics};
   if (!options.follow) {
-    if (!viewer.print(out)) {
+    const auto shown = viewer.print(out);
+    if (shown == Cli::Viewer::Shown::nothing_) {
       errors << "ostra-show: no 'ostra-sim --shm " << options.name << "' is running\n";
-      return nothingThere;
     }
-    return success;
+    return shown == Cli::Viewer::Shown::whole_ ? success : nothingThere;
   }
   while (out.error() == 0) {
     viewer.follow(out);
@@ -140,8 +161,16 @@ Status runProgram(std::span<const char* const> arguments, Cli::Output& out, Cli:
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::signal(SIGPIPE, SIG_IGN);
+  Cli::prepareStreams();
   Cli::Output out{STDOUT_FILENO};
   Cli::Output errors{STDERR_FILENO};
-  return runProgram({argv + 1, argv + argc}, out, errors);
+  const Status status = runProgram({argv + 1, argv + argc}, out, errors);
+  out.flush();
+  // A reader who has seen enough is not told that he has.
+  if (out.error() == 0 || out.error() == EPIPE) {
+    return status;
+  }
+  errors << "ostra-show: cannot write to standard output: "
+         << std::generic_category().message(out.error()) << '\n';
+  return nothingThere;
 }

@@ -38,7 +38,7 @@ void handleSignal(int number) {
 // The first signal ends the run after the command under way, so that named shared memory is removed; a
 // second one ends the process.
 void handleSignals() {
-  std::signal(SIGPIPE, SIG_IGN);
+  Cli::prepareStreams();
   struct sigaction action {};
   action.sa_handler = handleSignal;
   action.sa_flags = static_cast<int>(SA_RESETHAND);
@@ -139,7 +139,13 @@ class Program {
       const auto input = file == "-" ? std::make_unique<Cli::LineReader>(STDIN_FILENO)
                                      : std::make_unique<Cli::LineReader>(file);
       // Whoever drives the program through pipes sees all results before it has to write again.
-      input->beforeReadIs([this] { out_.flush(); });
+      input->beforeReadIs([this] {
+        out_.flush();
+        // A line without an end would otherwise be read for ever.
+        if (Cli::stopRequested()) {
+          throw Cli::ReadError{EINTR};
+        }
+      });
       if (input->isTerminal() && ::isatty(STDOUT_FILENO) == 1 && !options_.json) {
         interpreter.prompt(*input, file, out_);
         return true;

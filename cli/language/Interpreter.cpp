@@ -10,7 +10,7 @@
 namespace Cli {
 namespace {
 
-volatile std::sig_atomic_t stopRequested = 0;
+volatile std::sig_atomic_t stopWanted = 0;
 
 // The next line; nothing as well when a signal asked to stop while the system was waiting for it.
 std::optional<LineReader::Line> nextLine(LineReader& input) {
@@ -21,7 +21,7 @@ std::optional<LineReader::Line> nextLine(LineReader& input) {
       if (error.code() != std::errc::interrupted) {
         throw;
       }
-      if (stopRequested != 0) {
+      if (stopWanted != 0) {
         return std::nullopt;
       }
     }
@@ -34,14 +34,16 @@ std::string countOf(std::size_t count, const std::string& what) {
 
 }  // namespace
 
-void requestStop() noexcept { stopRequested = 1; }
+void requestStop() noexcept { stopWanted = 1; }
+
+bool stopRequested() noexcept { return stopWanted != 0; }
 
 Interpreter::Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& printer,
                          InterpreterOptions options)
     : service_{service}, agent_{agent}, printer_{printer}, options_{std::move(options)} {}
 
 bool Interpreter::ended() const noexcept {
-  return quit_ || stopRequested != 0 || (failed_ && !options_.keepGoing);
+  return quit_ || stopWanted != 0 || (failed_ && !options_.keepGoing);
 }
 
 void Interpreter::play(LineReader& input, const std::string& name, Progress* progress) {

@@ -95,5 +95,6 @@ class Interpreter {
 
 // Asks all interpreters of the process to end after the command that they are playing.
 void requestStop() noexcept;
+[[nodiscard]] bool stopRequested() noexcept;
 
 }  // namespace Cli

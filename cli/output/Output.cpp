@@ -1,12 +1,27 @@
 #include "cli/output/Output.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string_view>
 
 namespace Cli {
+
+void prepareStreams() noexcept {
+  std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
+  // The lowest that is free is what open() gives.
+  int descriptor = 0;
+  do {
+    descriptor = ::open("/dev/null", O_RDWR);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) {
+    ::close(descriptor);
+  }
+}
 
 DescriptorBuffer::DescriptorBuffer(int descriptor) : descriptor_{descriptor} {
   setp(buffer_.data(), buffer_.data() + buffer_.size());

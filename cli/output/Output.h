@@ -12,6 +12,10 @@
 
 namespace Cli {
 
+// Readies the process for its standard streams: those that are closed lead nowhere instead of to the next
+// file that is opened, and a reader that goes or a file that may not grow is an error and no signal.
+void prepareStreams() noexcept;
+
 // Buffers what goes to a descriptor, which stays the caller's.
 class DescriptorBuffer final : public std::streambuf {
  public:

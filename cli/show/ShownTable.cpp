@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <ostream>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -104,7 +105,7 @@ class ShownTableOf final : public ShownTable {
     }
   }
 
-  void print(std::ostream& out) override {
+  bool print(std::ostream& out) override {
     TextTable table{titles_};
     std::size_t count = 0;
     std::vector<std::string> faults;
@@ -125,6 +126,7 @@ class ShownTableOf final : public ShownTable {
     for (const std::string& fault : faults) {
       out << "  " << fault << '\n';
     }
+    return faults.empty();
   }
 
   void follow(std::ostream& out) override {
@@ -179,14 +181,28 @@ class ShownTableOf final : public ShownTable {
 
   static std::vector<R> readAll(Source& source, std::vector<std::string>& faults) {
     std::vector<R> rows;
-    if (!attach(source)) {
-      return rows;
+    try {
+      // None is there where its writer has not got to it, or is about to go.
+      if (attach(source)) {
+        readRows(*source.reader, rows, faults);
+      }
+    } catch (const Vasta::AttachError& error) {
+      faults.emplace_back(error.what());
+    } catch (const std::system_error& error) {
+      faults.emplace_back(error.what());
     }
+    return rows;
+  }
+
+  static void readRows(Vasta::Reader<R>& reader, std::vector<R>& rows,
+                       std::vector<std::string>& faults) {
+    const std::uint64_t before = reader.changeSequence();
+    const std::size_t damaged = faults.size();
     Vasta::Hint hint;
     R row;
     for (bool more = true; more;) {
       try {
-        more = source.reader->next(hint, row);
+        more = reader.next(hint, row);
         if (more) {
           rows.push_back(row);
         }
@@ -194,11 +210,22 @@ class ShownTableOf final : public ShownTable {
         faults.emplace_back(corruption.what());
       }
     }
-    return rows;
+    // A writer that is at work changes both meanwhile.
+    const std::size_t count = rows.size() + faults.size() - damaged;
+    if (reader.changeSequence() == before && count != reader.size()) {
+      faults.push_back("there are " + std::to_string(count) +
+                       " rows, and the header of the table says " + std::to_string(reader.size()));
+    }
   }
 
   [[nodiscard]] Cells cells(std::size_t source, const R& row) const {
     Cells cells = Columns<R>::cells(row);
+    // Texts in shared memory are whatever another process wrote there.
+    for (std::string& cell : cells) {
+      std::replace_if(
+          cell.begin(), cell.end(),
+          [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+    }
     if (numbered_) {
       cells.insert(cells.begin(), numberText(source));
     }

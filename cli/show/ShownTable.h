@@ -19,8 +19,8 @@ class ShownTable {
   ShownTable& operator=(const ShownTable&) = delete;
   virtual ~ShownTable() = default;
 
-  // All rows as an aligned table.
-  virtual void print(std::ostream& out) = 0;
+  // All rows as an aligned table, and what is damaged below it; false when something is.
+  virtual bool print(std::ostream& out) = 0;
   // A line for each row that has changed since the last call: "+" with what it is now, "-" with what it was
   // when it was removed. At first that is every row.
   virtual void follow(std::ostream& out) = 0;

@@ -2,6 +2,7 @@
 
 #include <ostream>
 
+#include "platform/Korm/Segment.h"
 #include "sim/SharedNames.h"
 
 namespace Cli {
@@ -30,15 +31,18 @@ Viewer::Viewer(std::string name, const std::vector<std::string_view>& topics)
   }
 }
 
-bool Viewer::print(std::ostream& out) {
-  ring_ = attachRing(name_);
-  if (!ring_) {
-    return false;
+Viewer::Shown Viewer::print(std::ostream& out) {
+  const std::string segment = Sim::traceSegment(name_);
+  if (Korm::Segment::open(Korm::SegmentName{"/" + segment}, Korm::Segment::Access::readOnly_, 0,
+                          "'" + name_ + "'") == nullptr) {
+    return Shown::nothing_;
   }
+  ring_ = Brisklog::RingReader::attach(segment);
   out << name_ << ": process " << ring_->ownerProcess()
       << (ring_->owner() == Owner::alive_ ? "" : ", which is gone; this is what it left") << '\n';
+  bool whole = true;
   for (const auto& table : tables_) {
-    table->print(out);
+    whole = table->print(out) && whole;
   }
   if (trace_) {
     const auto records = ring_->newest(traceLines);
@@ -47,7 +51,7 @@ bool Viewer::print(std::ostream& out) {
       out << "  " << record.printedLine() << '\n';
     }
   }
-  return true;
+  return whole ? Shown::whole_ : Shown::damaged_;
 }
 
 void Viewer::follow(std::ostream& out) {

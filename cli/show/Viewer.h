@@ -25,9 +25,14 @@ class Viewer {
   // `topics` are kinds of tables (see ShownTable.h) and shownTrace.
   Viewer(std::string name, const std::vector<std::string_view>& topics);
 
-  // Prints everything once; false, and nothing printed, when there is no such process and none has left
-  // anything.
-  bool print(std::ostream& out);
+  enum class Shown {
+    nothing_,  // there is no such process, and none has left anything
+    damaged_,  // with what is damaged said
+    whole_,
+  };
+
+  // Prints everything once. Throws Brisklog::RingError when what is there cannot be read.
+  Shown print(std::ostream& out);
 
   // Prints what has changed since the last call, and in lines of their own that the process came or went.
   // To be called again and again.

@@ -1,6 +1,7 @@
 // Interfaces of the switch.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <compare>
 #include <cstdint>
@@ -22,7 +23,10 @@ class IntfId {
   // Raises the range exception for a name longer than maxLength.
   explicit IntfId(std::string_view name);
 
-  [[nodiscard]] std::string_view name() const noexcept { return {name_.data(), length_}; }
+  // Never longer than maxLength, also where a damaged row says so.
+  [[nodiscard]] std::string_view name() const noexcept {
+    return {name_.data(), std::min<std::size_t>(length_, maxLength)};
+  }
   // The first two letters and the number: "Et1" for "Ethernet1". A name of another shape as it is.
   [[nodiscard]] IntfId shortName() const;
   [[nodiscard]] bool empty() const noexcept { return length_ == 0; }

@@ -22,6 +22,15 @@ constinit SegmentRights rightsInForce;
 
 std::size_t roundUpToPage(std::size_t bytes) { return (bytes + pageSize - 1) & ~(pageSize - 1); }
 
+// Where address space is short, the other segments and the stack need some of it too.
+std::size_t affordable(std::size_t reserve) noexcept {
+  constexpr rlim_t share = 64;
+  rlimit limit{};
+  return ::getrlimit(RLIMIT_AS, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+             ? std::min<std::size_t>(reserve, limit.rlim_cur / share)
+             : reserve;
+}
+
 [[noreturn]] void fail(int error, const std::string& subject, const char* operation) {
   throw std::system_error{error, std::generic_category(), subject + ": " + operation};
 }
@@ -179,7 +188,7 @@ void Segment::refreshSize() {
 void Segment::map(Access access, std::size_t reserve) {
   const int protection = access == Access::readOnly_ ? PROT_READ : PROT_READ | PROT_WRITE;
   const std::size_t least = roundUpToPage(std::max(size(), pageSize));
-  for (std::size_t bytes = std::max(roundUpToPage(reserve), least);;
+  for (std::size_t bytes = std::max(roundUpToPage(affordable(reserve)), least);;
        bytes = std::max(roundUpToPage(bytes / 2), least)) {
     void* address = ::mmap(nullptr, bytes, protection, MAP_SHARED | MAP_NORESERVE, descriptor_, 0);
     if (address != MAP_FAILED) {
