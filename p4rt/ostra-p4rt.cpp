@@ -69,7 +69,7 @@ class Program {
     const auto shutDown = [&] { server.shutDown([&] { loop.stop(); }); };
     announce(server);
     signals_.watch([&] { loop.post(shutDown); });
-    if (options_.console.value_or(::isatty(STDIN_FILENO) == 1)) {
+    if (hasConsole()) {
       console.readInput(prompts(), shutDown);
     }
     loop.run();
@@ -87,6 +87,9 @@ class Program {
                        .errorColor = Cli::wantsColor(STDERR_FILENO)});
   }
 
+  [[nodiscard]] bool hasConsole() const {
+    return options_.console.value_or(::isatty(STDIN_FILENO) == 1);
+  }
   [[nodiscard]] bool prompts() const {
     return !options_.json && ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
   }
@@ -144,8 +147,9 @@ class Program {
            << "  python3 -m p4runtime_sh --grpc-addr " << address << " --device-id " << device
            << " --election-id 0,1 --config " << p4info << ",/dev/null\n";
     }
-    out_ << "SIGTERM ends it, Ctrl-C too"
-         << (prompts() ? ", and 'quit'; 'help' lists the commands" : "") << ".\n"
+    out_ << (hasConsole()
+                 ? "'quit', Ctrl-C or SIGTERM ends it; 'help' lists the console's commands.\n"
+                 : "Ctrl-C or SIGTERM ends it.\n")
          << std::flush;
   }
 

@@ -4,6 +4,22 @@
 
 namespace P4rt {
 
+void ReadStream::add(p4::v1::ReadResponse&& response) {
+  if (response.ByteSizeLong() <= mostBytes) {
+    responses_.push_back(std::move(response));
+    return;
+  }
+  std::size_t size = mostBytes;
+  for (p4::v1::Entity& entity : *response.mutable_entities()) {
+    size += entity.ByteSizeLong();
+    if (size > mostBytes) {
+      size = entity.ByteSizeLong();
+      responses_.emplace_back();
+    }
+    responses_.back().add_entities()->Swap(&entity);
+  }
+}
+
 void ReadStream::finish(grpc::Status status, std::function<void()> closed) {
   status_ = std::move(status);
   closed_ = std::move(closed);

@@ -25,7 +25,11 @@ class ReadStream final : public grpc::ServerWriteReactor<p4::v1::ReadResponse> {
 
   ReadStream(Loop& loop, grpc::CallbackServerContext& context) : loop_{loop}, context_{context} {}
 
-  void add(p4::v1::ReadResponse&& response) { responses_.push_back(std::move(response)); }
+  // Clients accept messages of 4 MiB by default (P4Runtime 1.4.1, A.4.2): what is longer than that is sent
+  // in parts, of an entity at least.
+  static constexpr std::size_t mostBytes = std::size_t{3} << 20;
+
+  void add(p4::v1::ReadResponse&& response);
   void finish(grpc::Status status, std::function<void()> closed);
 
   void OnWriteDone(bool good) override;

@@ -3,6 +3,7 @@
 #include <grpcpp/generic/generic_stub.h>
 
 #include <random>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -151,6 +152,23 @@ TEST_F(RobustTest, AMessageThatIsTooLongIsRefusedAndALongOneIsNot) {
   EXPECT_NE(codeOf(withMetadata(5 << 20)), Code::resourceExhausted_);
   controller_.claim();
   EXPECT_EQ(controller_.standing(), "primary 1") << "the connection lives";
+}
+
+TEST_F(RobustTest, LongEntriesAreReadInMessagesThatAClientTakes) {
+  auto updates = flows(Update::INSERT, 0, 300);
+  for (std::size_t at = 0; at < updates.size(); ++at) {
+    updates[at].mutable_entity()->mutable_table_entry()->set_metadata(
+        std::string(20'000 + at, 'x'));
+  }
+  ASSERT_EQ(codeOf(controller_.write(updates)), Code::ok_);
+  std::vector<p4::v1::TableEntry> entries;
+  EXPECT_EQ(codeOf(controller_.read(entries)), Code::ok_);
+  std::set<std::size_t> sizes;
+  for (const p4::v1::TableEntry& entry : entries) {
+    sizes.insert(entry.metadata().size());
+  }
+  EXPECT_EQ(entries.size(), updates.size());
+  EXPECT_EQ(sizes.size(), updates.size()) << "each once";
 }
 
 TEST_F(RobustTest, ShutdownFinishesTheWriteUnderWayAndSaysUnavailableToTheRest) {
