@@ -1,0 +1,51 @@
+// Shared memory that somebody has damaged, as ostra-show and the next ostra-sim meet it.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CliProgram.h"
+
+namespace {
+
+using CliTest::Finished;
+using testing::HasSubstr;
+
+TEST(CliDamage, IsSaidByShowAndCheckAndGoesWithRemove) {
+  const std::string name = "ostra-damage-test-" + std::to_string(::getpid());
+  {
+    CliTest::Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
+    process.write("insert flow priority=1 -> drop\ninsert flow priority=2 -> drop\necho ready\n");
+    process.readUntil("ready");
+    EXPECT_EQ(CliTest::show({name, "--check"}).status, 0);
+    EXPECT_EQ(CliTest::show({name, "--remove"}).status, 1) << "it is in use";
+    process.kill(SIGKILL);
+    process.finish();
+  }
+  const std::string rows = "/vasta." + name + ".p4runtime.flowTable.0.entry#rows";
+  const int file = ::shm_open(rows.c_str(), O_RDWR, 0);
+  ASSERT_GE(file, 0);
+  const std::string zeros(4096, '\0');  // rows that were never there do not match either
+  ASSERT_EQ(::pwrite(file, zeros.data(), zeros.size(), 0), 4096);
+  ::close(file);
+
+  const Finished shown = CliTest::show({name, "flows"});
+  EXPECT_EQ(shown.status, 1);
+  EXPECT_THAT(shown.out, HasSubstr("the header of the table says 2"));
+  EXPECT_EQ(CliTest::show({name, "members"}).status, 0);
+  const Finished checked = CliTest::show({name, "--check"});
+  EXPECT_EQ(checked.status, 1);
+  EXPECT_THAT(checked.out, HasSubstr("p4runtime/flowTable/0/entry: it has 0 intact rows"));
+
+  EXPECT_EQ(CliTest::show({name, "--remove"}).status, 0);
+  EXPECT_THAT(CliTest::show({name}).errors, HasSubstr("is running"));
+  EXPECT_EQ(CliTest::sim("", {"--shm", name}).status, 0);
+}
+
+}  // namespace
