@@ -67,24 +67,6 @@ TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
   EXPECT_THAT(hardware(), ElementsAre("b 1"));
 }
 
-TEST_F(Agent, InManualModeWaitsToBeTold) {
-  agent.automaticIs(false);
-  flow("a");
-  Service::settle();
-  EXPECT_THAT(hardware(), IsEmpty());
-  agent.run();
-  EXPECT_THAT(hardware(), ElementsAre("a 1"));
-  flow("b");
-  agent.automaticIs(true);
-  EXPECT_THAT(hardware(), ElementsAre("a 1"));
-  agent.automaticIs(false);  // before the put-off work has come to run
-  Service::settle();
-  EXPECT_EQ(agent.waiting(), 1U);
-  agent.automaticIs(true);
-  Service::settle();
-  EXPECT_THAT(hardware(), ElementsAre("a 1", "b 1"));
-}
-
 TEST_F(Agent, PublishesAChangeAgainUnderANewerChangeCount) {
   std::vector<double> flowCounts;
   std::vector<double> groupCounts;
@@ -99,47 +81,6 @@ TEST_F(Agent, PublishesAChangeAgainUnderANewerChangeCount) {
     EXPECT_EQ(std::adjacent_find(counts.begin(), counts.end(), std::greater_equal<>{}),
               counts.end());
   }
-}
-
-TEST_F(Agent, RefusesWhatFindsNoRoomAndTriesItAgainWhenItIsChanged) {
-  agent.flowCapacityIs(2);
-  agent.groupCapacityIs(0);
-  for (const char* name : {"a", "b", "c"}) {
-    flow(name);
-  }
-  group(7);
-  Service::settle();
-  EXPECT_THAT(hardware(), ElementsAre("a 1", "b 1", "c 7", "group 7 3"));
-  // What has its place keeps it, and one that goes does not pull another one in.
-  agent.flowCapacityIs(1);
-  flow("a");
-  config_->flowEntryDel("b");
-  Service::settle();
-  flow("c");
-  Service::settle();
-  EXPECT_THAT(hardware(), ElementsAre("a 1", "c 7", "group 7 3"));
-  agent.flowCapacityIs(2);
-  agent.groupCapacityIs(std::nullopt);
-  flow("c");
-  group(7);
-  Service::settle();
-  EXPECT_THAT(hardware(), ElementsAre("a 1", "c 1", "group 7 0"));
-}
-
-TEST_F(Agent, KeepsItsStatusWhileNobodyCanSeeIt) {
-  flow("a");
-  Service::settle();
-  agent.publishedIs(false);
-  EXPECT_EQ(service.hwStatusDir()->entityPtr("p4rt"), nullptr);
-  EXPECT_THAT(hardware(), IsEmpty());
-  flow("b");
-  config_->flowEntryDel("a");
-  Service::settle();
-  FlowWatcher watcher{agent.status()};
-  agent.publishedIs(true);
-  EXPECT_EQ(service.hwStatusDir()->entityPtr("p4rt").get(), &agent.status());
-  EXPECT_THAT(hardware(), ElementsAre("b 1"));
-  EXPECT_THAT(watcher.takeLines(), ElementsAre("a comes", "a gone"));
 }
 
 TEST_F(Agent, CountsAlwaysButShowsCountersOnlyWhilePolled) {

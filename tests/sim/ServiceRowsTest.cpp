@@ -1,0 +1,54 @@
+// What no command can write, and the order in which flows are shown.
+#include <gtest/gtest.h>
+
+#include "tests/sim/SwitchFixture.h"
+
+namespace {
+
+using namespace SwitchTest;
+
+class ServiceRows : public Switch {
+ protected:
+  Lines linesOf(const Sim::Announcement& announcement) {
+    Lines lines = SwitchTest::linesOf(announcement.results);
+    if (announcement.failure) {
+      lines.insert(lines.begin(), "failure " + *announcement.failure);
+    }
+    return lines;
+  }
+};
+
+TEST_F(ServiceRows, OutOfRangeKeepTheLibraryStoppedUntilTheyAreGone) {
+  EXPECT_THAT(apply({insert({.number = 1, .vrf = 5}), insert({.number = 2, .priority = 70000})}),
+              ElementsAre("insert flow 1 done 0", "insert flow 2 failed " + badPriority));
+  EXPECT_THAT(linesOf(service.resync()), ElementsAre("announce flow 2 failed " + badPriority));
+  service.stop();
+  EXPECT_THAT(linesOf(service.start()), ElementsAre("failure " + badPriority));
+  EXPECT_FALSE(service.running());
+  EXPECT_THAT(linesOf(service.startBare()), ElementsAre("failure " + badPriority));
+  EXPECT_THAT(vrfs(), IsEmpty());
+  service.verify();
+  EXPECT_THAT(apply({remove({.number = 2, .priority = 70000}), write(Op::insert_, Member{5}),
+                     write(Op::insert_, Group{.id = 3, .members = {5}, .storedCount = 1025})}),
+              ElementsAre("delete flow 2 stored", "insert member 5 as 3 stored",
+                          "insert group 3 as 4 stored"));
+  EXPECT_THAT(linesOf(service.start()),
+              ElementsAre(testing::StartsWith("failure PodArray::set expected size <= 1024")));
+  apply({write(Op::modify_, Group{3, {5}})});
+  EXPECT_THAT(linesOf(service.start()), IsEmpty());
+  EXPECT_THAT(linesOf(service.start()), ElementsAre("failure the library is running already"));
+  EXPECT_THAT(hardware(), ElementsAre("flow-1 1", "group 3 0", "group 4294967301 0"));
+  EXPECT_THAT(vrfs(), ElementsAre("5: 1 users, creator 0, deletor 0"));
+  EXPECT_THAT(reports(), IsEmpty());
+}
+
+TEST_F(ServiceRows, OfFlowsAreShownInTheOrderOfTheirNumbers) {
+  const Lines expected{"acl2",  "flow-9", "flow-010", "flow-10", "flow-100000000000000000000000",
+                       "alpha", "zebra"};
+  for (auto name = expected.rbegin(); name != expected.rend(); ++name) {
+    service.corvexFlowIs(*name);
+  }
+  EXPECT_EQ(flows(), expected);
+}
+
+}  // namespace
