@@ -94,42 +94,6 @@ TEST_F(Context, BuildsInOrder) {
             (Texts{"polling on", "Corvex enabled", "flow-3", "status reported", "group written"}));
 }
 
-// Each of the fifteen takes the flows of the others for stale ones: what is left at the end is what the
-// last one knows, until the service announces its rows.
-TEST_F(Context, AtStartOnlyFlowsOfTheLastTableStayUntilTheOthersAreAnnounced) {
-  flowTable(0).entryIs(flow(1, plainKey(1)));
-  flowTable(3).entryIs(flow(2, plainKey(2)));
-  flowTable(14).entryIs(flow(3, plainKey(3)));
-  flowTable(15).entryIs(flow(4, plainKey(4)));
-  placeCxFlow("flow-3");
-  makeComplete();
-  EXPECT_EQ(cxHwConfig->flowEntries().size(), 1U);
-  EXPECT_NE(cxFlow(3), nullptr);
-  EXPECT_EQ(flowSm(0)->flowKeyToEntryHandle(plainKey(1)), 1U);
-  flowTable(0).entryNotifiees().notify(plainKey(1));
-  flowTable(3).entryNotifiees().notify(plainKey(2));
-  flowTable(15).entryNotifiees().notify(plainKey(4));
-  EXPECT_EQ(cxHwConfig->flowEntries().size(), 3U);
-}
-
-TEST_F(Context, CarriesAWriteFromAnyTableToItsResult) {
-  makeComplete();
-  const auto hw = publishHwStatus();
-  for (const std::uint8_t index : {std::uint8_t{0}, std::uint8_t{3}, std::uint8_t{14}}) {
-    table = tables->ostraConfig(FlowTableIndex{index});
-    const OstraConfigEntry entry = flowInVrf(index, index, index);
-    const std::string handle = std::to_string(index);
-    EXPECT_EQ(write(entry), "");
-    ASSERT_NE(cxFlow(index), nullptr);
-    hw->flowStatsIs("flow-" + handle, OpenFlowTable::FlowStatus::programmed_);
-    EXPECT_EQ(results.take(), "dependent " + handle + " success") << "its VRF's first user";
-    EXPECT_EQ(remove(entry), "");
-    EXPECT_EQ(cxFlow(index), nullptr);
-    hw->flowStatsDel("flow-" + handle);
-    EXPECT_EQ(results.take(), "dependent " + handle + " success") << "and the last";
-  }
-}
-
 TEST_F(Context, DirectCountersAreReadAfreshFromEveryUnitThatHasTheFlow) {
   makeComplete();
   const auto unit = [this](const char* name) {
@@ -150,18 +114,9 @@ TEST_F(Context, DirectCountersAreReadAfreshFromEveryUnitThatHasTheFlow) {
   }
   flowCounterDir->entityIs("other", Korm::makePtr<Korm::Dir>("other"));
   EXPECT_EQ(counted(7), (P4CounterData{0, 15, 1500}));
-  EXPECT_EQ(counted(9), P4CounterData{});
   second->flowStatsIs("flow-7-p4rt").countersIs(6, 600);
   flowCounterDir->entityDel("unit-0");
   EXPECT_EQ(counted(7), (P4CounterData{0, 6, 600}));
-  P4CounterData all{0, 6, 600};
-  for (std::uint64_t number = 100; number < 150; ++number) {  // each with a count of its own
-    const std::string name = "unit-" + std::to_string(number);
-    unit(name.c_str())->flowStatsIs("flow-7-p4rt").countersIs(1ULL << (number - 100), number);
-    all.packets += 1ULL << (number - 100);
-    all.bytes += number;
-    EXPECT_EQ(counted(7), all) << "with " << name;
-  }
 }
 
 TEST_F(Context, WhatIsMissingOrMistypedShowsAsNull) {
@@ -299,16 +254,6 @@ TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   EXPECT_FALSE(context->ostraEcmpGroupSmDel()) << "it is gone";
   EXPECT_FALSE(context->ostraStatusDirSmDel()->hasNotificationActive());
   EXPECT_FALSE(context->ostraStatusDirSmDel());
-
-  const auto first = flowSm(3);
-  context->ostraSmCollIs(3, flowSm(0));
-  EXPECT_EQ(first->references(), 1U) << "the one replaced is let go";
-  context->ostraSmCollIs(3, nullptr);
-  context->ostraSmCollIs(3, nullptr);
-  EXPECT_EQ(context->ostraSmColl().size(), 14U) << "null removes, and inserts nothing";
-  EXPECT_FALSE(context->ostraSmCollDel(3));
-  EXPECT_TRUE(context->ostraSmCollDel(14));
-  EXPECT_EQ(context->ostraSmColl().size(), 13U);
 }
 
 TEST_F(Context, GoingItLeavesCorvexAndLetsGoOfEverything) {
@@ -368,25 +313,6 @@ TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
   context = nullptr;
   EXPECT_EQ(order, (Texts{"status", "ECMP", "encap table", "flows", "counters", "validation",
                           "handles", "telemetry", "batch status", "ports", "VRFs", "tables"}));
-}
-
-TEST_F(Context, ARowOutOfRangeMakesTheBuildFailAndLeavesWhatWasBuiltUntilThen) {
-  OstraConfigEntry bad = flow(2, plainKey(2));
-  bad.flowKey.priorityIs(65537);
-  flowTable(3).entryIs(bad);
-  flowTable(0).entryIs(flow(1, plainKey(1)));
-  const auto before = references();
-  make();
-  EXPECT_EQ(raised([&] { complete(); }), "Priority::value < -1 or > Priority::max not allowed");
-  EXPECT_TRUE(flowSm(0)) << "what was built so far stays";
-  EXPECT_FALSE(flowSm(3));
-  EXPECT_FALSE(context->ostraStatusDirSm());
-  flowTable(3).entryDel(bad.key());
-  complete();
-  EXPECT_EQ(context->ostraSmColl().size(), 15U);
-  context = nullptr;
-  counters->counterImplMapIs(0, nullptr);
-  EXPECT_EQ(references(), before);
 }
 
 }  // namespace

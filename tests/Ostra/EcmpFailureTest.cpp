@@ -28,41 +28,6 @@ class EcmpFailure : public Ecmp {
   }
 };
 
-TEST_F(EcmpFailure, ARefusedMemberKeepsItsOldBucketAndSoDoItsGroups) {
-  constexpr Id id = 4000000000;
-  writeMembers({id});
-  writeGroup(3, {id});
-  const OpenFlowTable::Actions before = memberActions(id);
-  forgetWhatHappened();
-  now += 1;
-  writeMember({.id = id, .port = 2, .encap = 65535});
-  EXPECT_THAT(
-      told(),
-      ElementsAre("4000001000 invalidArgument: Action profile member: 4000000000 has invalid "
-                  "encapId: 65535"));
-  writeMember({.id = id, .port = 0, .encap = 65535});
-  EXPECT_THAT(told(),
-              ElementsAre(StartsWith(
-                  "4000001000 invalidArgument: Action profile member 4000000000: port id 0")))
-      << "the port is checked first";
-  EXPECT_THAT(writes(), IsEmpty());
-  EXPECT_EQ(memberActions(id), before);
-  EXPECT_TRUE(groupCopies(3, {id}));
-}
-
-// By number, as only the number is agreed upon with the service.
-TEST_F(EcmpFailure, EveryRefusalIsCode15) {
-  std::vector<int> codes;
-  OstraTest::Listener<const P4Runtime::TransactionResult&> service{
-      batchStatus->resultNotifiees(), [&codes](const P4Runtime::TransactionResult& result) {
-        codes.push_back(static_cast<int>(result.code));
-      }};
-  writeMember({.id = 5, .port = 0});
-  writeMember({.id = 5, .encap = 8});
-  writeGroup(3, {5});
-  EXPECT_THAT(codes, ElementsAre(15, 15, 15));
-}
-
 TEST_F(EcmpFailure, AListLongerThanItsArrayIsARangeErrorAndNothingIsWritten) {
   writeMembers({5});
   writeGroup(3, {5});

@@ -59,7 +59,6 @@ class Ecmp : public OstraTest::ServiceFixture {
     sm = Ostra::ostraEcmpGroupSmFactory(cxHwConfig, groups, members, encaps, ports, validation,
                                         batchStatus, handles);
   }
-  void stop() { sm = nullptr; }
 
   // What the controller and the routing feature write.
   void writeMember(const Member& member) {

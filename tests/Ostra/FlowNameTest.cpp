@@ -25,31 +25,6 @@ TEST(FlowName, IsThePrefixAndThePlainDecimalHandle) {
   }
 }
 
-TEST(FlowName, IsReadAsFormattedInputReadsIt) {
-  const std::pair<std::string, std::uint64_t> names[] = {
-      {"flow-42", 42},
-      {"flow--5", largest - 4},
-      {"flow-+7", 7},
-      {"flow- 42", 42},
-      {"flow-12abc", 12},
-      {"flow-12-3", 12},
-      {"flow-007", 7},
-      {"flow-18446744073709551616", largest},
-      {"flow--99999999999999999999999999", largest},
-      {std::string{"flow-5\0006", 8}, 5},
-      {"flow-0", 0},
-      {"flow-", 0},
-      {"flow", 0},
-      {"Flow-1", 0},
-      {"fl-1", 0},
-      {" flow-1", 0},
-      {"", 0},
-  };
-  for (const auto& [name, identifier] : names) {
-    EXPECT_EQ(flowIdFromName(name), identifier) << name;
-  }
-}
-
 TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
   std::mt19937 random{20240611};
   constexpr std::string_view letters = "flow- +0123456789\tF";
@@ -64,20 +39,6 @@ TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
       expected = 0;
     }
     ASSERT_EQ(flowIdFromName(name), expected) << name;
-  }
-}
-
-TEST(FlowName, IsTracedOnlyIfItDoesNotParse) {
-  TextTrace trace{0};
-  for (const char* const name : {"flow-0", "flow-42xyz", "flow- \t\n 42", "flow--0"}) {
-    static_cast<void>(flowIdFromName(name));
-    EXPECT_EQ(trace.take(), Texts{}) << name;
-  }
-  for (const char* const name : {"", "flow-", "flow-x", " flow-1", "flow-- 5", "mine"}) {
-    EXPECT_EQ(flowIdFromName(name), 0U) << name;
-    EXPECT_EQ(trace.places(), Texts{"Ostra/FlowUtil:19"}) << name;
-    EXPECT_EQ(trace.take(),
-              Texts{std::string{"0 Ostra::flowIdFromName Invalid flow Name: "} + name});
   }
 }
 

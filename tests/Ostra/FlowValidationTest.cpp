@@ -1,14 +1,11 @@
 #include <algorithm>
-#include <array>
 #include <functional>
-#include <optional>
+#include <type_traits>
 
 #include "FlowFixture.h"
 
 namespace OstraTest {
 namespace {
-
-using OpenFlowTable::GroupStatus;
 
 class FlowValidation : public FlowFixture {
  protected:
@@ -144,33 +141,22 @@ TEST_F(FlowValidation, EtherTypeAndIsIpPacketDecideWhichFieldsMayBeConstrained) 
   }
 }
 
-TEST_F(FlowValidation, AnAddressOfTheOtherFamilyIsRefusedBeforeAnythingIsWritten) {
-  const Korm::IpAddr zero4{Korm::Ip4Addr{}};
-  const Korm::IpAddr zero6{Korm::Ip6Addr{}};
-  using Put = void (OstraKey::*)(const Korm::IpAddr&, const Korm::IpAddr&) noexcept;
-  struct Field {
-    const char* name;
-    std::uint16_t etherType;
-    Put put;
-    bool isIp6;
-  };
-  const Field addressFields[] = {
-      {"hdr.ipv4_base.src_addr", 0x0800, &OstraKey::ip4SrcIs, false},
-      {"hdr.ipv4_base.dst_addr", 0x0800, &OstraKey::ip4DstIs, false},
-      {"hdr.arp.target_proto_addr", 0x0806, &OstraKey::arpTargetIs, false},
-      {"hdr.ipv6_base.src_addr", 0x86DD, &OstraKey::ip6SrcIs, true},
-      {"hdr.ipv6_base.dst_addr", 0x86DD, &OstraKey::ip6DstIs, true},
-  };
-  for (const Field& field : addressFields) {
-    const auto& [value, mask] = field.isIp6 ? std::pair{ip6, ip6Mask} : std::pair{ip4, ip4Mask};
-    const auto& [other, otherMask] =
-        field.isIp6 ? std::pair{ip4, ip4Mask} : std::pair{ip6, ip6Mask};
-    const std::string error = std::string{"invalidArgument: "} + field.name + " should be " +
-                              (field.isIp6 ? "an IPv6" : "an IPv4") + " address";
+TEST_F(FlowValidation, AnAddressOfTheOtherFamilyIsRefusedUnlessItIsAWildcard) {
+  const auto expectFamily = [this](const char* name, std::uint16_t etherType, bool isIp6) {
+    const auto& [value, mask] = isIp6 ? std::pair{ip6, ip6Mask} : std::pair{ip4, ip4Mask};
+    const auto& [other, otherMask] = isIp6 ? std::pair{ip4, ip4Mask} : std::pair{ip6, ip6Mask};
+    const std::string error = std::string{"invalidArgument: "} + name + " should be " +
+                              (isIp6 ? "an IPv6" : "an IPv4") + " address";
     const auto came = [&](const Korm::IpAddr& given, const Korm::IpAddr& givenMask) {
       OstraKey key;
-      key.etherTypeIs(field.etherType, 0xFFFF);
-      (key.*field.put)(given, givenMask);
+      key.etherTypeIs(etherType, 0xFFFF);
+      key.forEachField([&](std::string_view field, const auto& is, auto put) {
+        if constexpr (std::is_same_v<std::remove_cvref_t<decltype(is.value)>, Korm::IpAddr>) {
+          if (field == name) {
+            put(given, givenMask);
+          }
+        }
+      });
       return refusal(key);
     };
     EXPECT_EQ(came(value, mask), "");
@@ -178,30 +164,14 @@ TEST_F(FlowValidation, AnAddressOfTheOtherFamilyIsRefusedBeforeAnythingIsWritten
     EXPECT_EQ(came(other, otherMask), error);
     EXPECT_EQ(came(other, mask), error);
     EXPECT_EQ(came(value, otherMask), error);
-    EXPECT_EQ(came(other, field.isIp6 ? zero4 : zero6), "") << "a wildcard";
-  }
-  OstraConfigEntry entry = flowInVrf(7, 1, 5);
-  entry.flowKey.etherTypeIs(0x0800, 0xFFFF);
-  entry.flowKey.ip4DstIs(ip6, ip6Mask);
-  EXPECT_NE(write(entry), "");
-  EXPECT_EQ(books(5), neverUsed);
-}
-
-TEST_F(FlowValidation, APartialEtherTypeMaskIsRefusedWhateverElseIsGiven) {
-  for (const std::uint16_t mask : std::array<std::uint16_t, 4>{0xFF00, 0x0001, 0x8000, 0xFFFE}) {
-    OstraKey key;
-    key.etherTypeIs(0x0800, mask);
-    key.ip6DstIs(ip6, ip6Mask);
-    EXPECT_EQ(refusal(key),
-              "invalidMask: " + etherTypeName + " should be a wildcard or an exact value");
-  }
-}
-
-TEST_F(FlowValidation, PortsAreNotCheckedWhereTheyAreWildcards) {
-  OstraKey key;
-  key.ingressPortIs(0, 0);
-  key.egressPortIs(0xFFFFFFFF, 0);
-  EXPECT_EQ(refusal(key), "");
+    EXPECT_EQ(came(other, isIp6 ? Korm::IpAddr{Korm::Ip4Addr{}} : Korm::IpAddr{Korm::Ip6Addr{}}),
+              "");
+  };
+  expectFamily("hdr.ipv4_base.src_addr", 0x0800, false);
+  expectFamily("hdr.ipv4_base.dst_addr", 0x0800, false);
+  expectFamily("hdr.arp.target_proto_addr", 0x0806, false);
+  expectFamily("hdr.ipv6_base.src_addr", 0x86DD, true);
+  expectFamily("hdr.ipv6_base.dst_addr", 0x86DD, true);
 }
 
 // The faults that one entry can have, in the order in which they are found; each with what ends it.
@@ -307,81 +277,6 @@ TEST_F(FlowValidation, AnEntryWithManyFaultsIsRefusedForTheFirst) {
   }
   EXPECT_EQ(said(true, true), "");
   EXPECT_EQ(theFlow(7).priority().value(), 65536);
-}
-
-class FlowGroupReference : public FlowFixture {
- protected:
-  FlowGroupReference() { start(); }
-
-  static constexpr std::uint64_t memberBit = 0x1'0000'0000;
-
-  std::string writeTo(std::optional<P4Runtime::MemberOrGroupId> member,
-                      std::optional<P4Runtime::MemberOrGroupId> group) {
-    OstraConfigEntry entry = flow(7, plainKey(1));
-    entry.memberGiven = member.has_value();
-    entry.memberId = member.value_or(0);
-    entry.groupGiven = group.has_value();
-    entry.groupId = group.value_or(0);
-    return write(entry);
-  }
-  std::string writeToGroup(P4Runtime::MemberOrGroupId id) { return writeTo({}, id); }
-};
-
-TEST_F(FlowGroupReference, NeedsTheGroupConfiguredAndReadyInHardware) {
-  const std::string refused = "7 notFound: Group id: 3 is not found";
-  EXPECT_EQ(writeToGroup(3), refused) << "no status entity, no group";
-  cxHwConfig->groupEntryIs(3);
-  EXPECT_EQ(writeToGroup(3), refused) << "no status entity";
-  cxHwStatusDir->entityIs("p4rt", Korm::makePtr<Korm::Dir>("p4rt"));
-  EXPECT_EQ(writeToGroup(3), refused) << "a status entity of another type";
-  const auto status = publishHwStatus();
-  EXPECT_EQ(writeToGroup(3), refused) << "the hardware does not know the group";
-  OpenFlowTable::GroupStats& stats = status->groupStatsIs(3, GroupStatus::pending_);
-  for (const std::uint32_t number : {1U, 2U, 3U, 4U, 77U, 0xFFFF'FFFFU}) {
-    stats.statusIs(GroupStatus{number});
-    EXPECT_EQ(writeToGroup(3), refused) << number;
-  }
-  EXPECT_EQ(cxFlow(7), nullptr);
-  stats.statusIs(GroupStatus::ready_);
-  EXPECT_EQ(writeToGroup(3), "");
-  EXPECT_EQ(theFlow(7).actions().group(), 3U);
-  EXPECT_TRUE(theFlow(7).actions().has(OpenFlowTable::Action::group_));
-  cxHwConfig->groupEntryDel(3);
-  EXPECT_EQ(writeToGroup(3), refused) << "ready in hardware, not configured any more";
-}
-
-TEST_F(FlowGroupReference, ToAMemberIsToTheGroupThatStandsForItAndGivesWayToOneToAGroup) {
-  const auto status = publishHwStatus();
-  const auto makeReady = [&](OpenFlowTable::GroupId id) {
-    cxHwConfig->groupEntryIs(id);
-    status->groupStatsIs(id, GroupStatus::ready_);
-  };
-  makeReady(5);
-  EXPECT_EQ(writeTo(5, {}), "7 notFound: Member id: 5 is not found") << "group 5 is not member 5";
-  makeReady(memberBit | 5U);
-  EXPECT_EQ(writeTo(5, {}), "");
-  EXPECT_EQ(theFlow(7).actions().group(), 4294967301U);
-  EXPECT_EQ(writeTo(0xFFFFFFFF, {}), "7 notFound: Member id: 4294967295 is not found");
-  EXPECT_EQ(writeTo(5, 3), "7 notFound: Member id: 5 is not found") << "group 3 is what is missing";
-  makeReady(3);
-  EXPECT_EQ(writeTo(5, 3), "");
-  EXPECT_EQ(theFlow(7).actions().group(), 3U);
-}
-
-// By number, as only the numbers are agreed upon with the service.
-TEST_F(FlowValidation, AnErrorOfTheKeyIsCode17AndAMissingGroupCode16) {
-  std::vector<int> codes;
-  Listener<const P4Runtime::TransactionResult&> service{
-      batchStatus->resultNotifiees(), [&codes](const P4Runtime::TransactionResult& result) {
-        codes.push_back(static_cast<int>(result.code));
-      }};
-  OstraConfigEntry entry = flow(7, plainKey(1));
-  entry.flowKey.etherTypeIs(0x0800, 0xFF00);
-  write(entry);
-  OstraConfigEntry member = flow(8, plainKey(2));
-  member.memberGiven = true;
-  write(member);
-  EXPECT_EQ(codes, (std::vector{17, 16}));
 }
 
 }  // namespace

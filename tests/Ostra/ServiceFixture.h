@@ -12,8 +12,6 @@
 
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"
-#include "Ostra/Trace.h"
-#include "platform/Brisklog/TextTrace.h"
 #include "platform/CorvexConfig/Config.h"
 #include "platform/Korm/Clock.h"
 #include "platform/NexthopGroup/Encap.h"
@@ -40,36 +38,6 @@ std::string raised(Call call) {
   }
   return {};
 }
-
-// Collects the library's text trace while it lives.
-class TextTrace {
- public:
-  explicit TextTrace(int level) {
-    Ostra::traceHandle.levelIs(level);
-    Brisklog::textSinkIs([this](const Brisklog::TextMessage& message) {
-      texts_.push_back(std::to_string(message.level) + " " + std::string{message.text});
-      places_.push_back(std::string{message.unit} + ":" + std::to_string(message.line));
-    });
-  }
-  ~TextTrace() {
-    Brisklog::textSinkIs(nullptr);
-    Ostra::traceHandle.levelIs(-1);
-  }
-  TextTrace(const TextTrace&) = delete;
-  TextTrace& operator=(const TextTrace&) = delete;
-
-  // Level and text of each message since the last call.
-  Texts take() {
-    places_.clear();
-    return std::exchange(texts_, {});
-  }
-  // Source unit and line of each message since the last take().
-  [[nodiscard]] const Texts& places() const { return places_; }
-
- private:
-  Texts texts_;
-  Texts places_;
-};
 
 // Collects the results that the service is told: "7 notFound: Group id: 3 is not found", with "dependent "
 // before those that are for a root entry.

@@ -1,5 +1,4 @@
 #include <functional>
-#include <map>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -54,24 +53,6 @@ class StatusSm : public OstraTest::ServiceFixture {
   Korm::Ptr<Ostra::OstraStatusDirSm> sm;
 };
 
-TEST_F(StatusSm, StartsWithWhatTheHardwareSaysAlready) {
-  flow("flow-1", FlowStatus::programmed_);
-  flow("flow-2", FlowStatus::programming_);
-  auto& third = flow("flow-3", FlowStatus::actionNotSupported_);
-  groupRow(5, 50);
-  hw->groupStatsIs(5, GroupStatus::hardwareFull_);
-  cxHwStatusDir->entityIs("another", Korm::makePtr<HwStatus>("another"));
-  start();
-  EXPECT_TRUE(sm->initialized() && sm->p4RtCxStatusSm()->initialized());
-  EXPECT_EQ(heard(), "1 success; 3 actionNotSupported");
-  EXPECT_EQ(outcome(50),
-            "hardwareResourceExhausted: Hardware resource exhausted for profile group 5");
-  EXPECT_EQ(flowReactors(), 3U);
-  EXPECT_EQ(sm->p4RtCxStatusSm()->groupStats().size(), 1U);
-  third.statusIs(FlowStatus::programmed_);
-  EXPECT_EQ(heard(), "3 success");
-}
-
 // By number, as only the numbers are agreed upon with the hardware and the service.
 TEST_F(StatusSm, EachStatusOfAFlowIsItsResult) {
   constexpr int none = -1;
@@ -104,14 +85,6 @@ TEST_F(StatusSm, EachStatusOfAFlowIsItsResult) {
   }
 }
 
-TEST_F(StatusSm, ANameThatIsNoFlowsIsHandleZero) {
-  start();
-  flow("stray", FlowStatus::programmed_);
-  flow("flow-42xyz", FlowStatus::hardwareError_);
-  hw->flowStatsDel("stray");
-  EXPECT_EQ(heard(), "0 success; 42 hardwareError; 0 success");
-}
-
 TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
   start();
   batchStatus->batchStatusEntryIs(7);
@@ -132,68 +105,34 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
   EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), Vrf::VrfIdMap::none);
   stats.changeCountIs(1);
   EXPECT_EQ(heard(), "7 hardwareResourceExhausted");
-
-  statusInfo->dependentHandleToVrfMapIs(8, 5);
-  auto& rootless = flow("flow-8", FlowStatus::programmed_);
-  EXPECT_EQ(heard(), "") << "no root to tell";
-  EXPECT_EQ(statusInfo->dependentHandleToVrfMap(8), Vrf::VrfIdMap::none);
-  rootless.changeCountIs(1);
-  EXPECT_EQ(heard(), "8 success");
 }
 
+// By number, too.
 TEST_F(StatusSm, AGroupsFailureIsTheResultOfItsWrite) {
   groupRow(5, 50);
   memberRow(5, 60);
   start();
-  const std::map<std::uint32_t, std::string> failures{
+  constexpr std::pair<std::uint32_t, const char*> table[] = {
+      {0, "0: "},
+      {1, "0: "},
       {2, "6: Action not supported for profile "},
       {3, "1: Hardware resource exhausted for profile "},
-      {4, "19: Unknown error to program profile "}};
-  const auto outcome = [this](P4Runtime::EntryHandle handle) {
-    const auto entry = batchStatus->batchStatusEntry(handle);
-    return std::to_string(static_cast<unsigned>(entry->errorCode())) + ": " + entry->message();
-  };
+      {4, "19: Unknown error to program profile "},
+      {5, "0: "},
+      {0xFFFFFFFF, "0: "}};
   for (const auto& [id, handle, what] :
        {std::tuple{GroupId{5}, 50U, "group 5"}, std::tuple{memberBit | 5, 60U, "member 5"},
         std::tuple{2 * memberBit | 5, 60U, "member 5"}}) {
-    for (const std::uint32_t status : {0U, 1U, 2U, 3U, 4U, 5U, 0xFFFFFFFFU}) {
-      const auto failure = failures.find(status);
-      const std::string expected = failure == failures.end() ? "0: before" : failure->second + what;
-      auto& stats = hw->groupStatsIs(id, GroupStatus::ready_);
-      batchStatus->batchStatusEntryIs(handle)->messageIs("before");
-      stats.statusIs(GroupStatus{status});
-      EXPECT_EQ(outcome(handle), expected) << "by the status " << status;
-      batchStatus->batchStatusEntryIs(handle)->messageIs("before");
-      stats.changeCountIs(1);
-      EXPECT_EQ(outcome(handle), expected) << "by the change count";
+    for (const auto& [status, said] : table) {
+      const auto entry = batchStatus->batchStatusEntryIs(handle);
+      hw->groupStatsIs(id, GroupStatus::ready_).statusIs(GroupStatus{status});
+      EXPECT_EQ(std::to_string(static_cast<unsigned>(entry->errorCode())) + ": " + entry->message(),
+                said + std::string{said[0] == '0' ? "" : what})
+          << status;
       hw->groupStatsDel(id);
     }
   }
   EXPECT_EQ(heard(), "") << "groups have no result of their own";
-}
-
-TEST_F(StatusSm, AGroupWithoutARowOrAnOpenWriteIsPassedOver) {
-  start();
-  groupRow(5, 50);
-  memberRow(6, 60);
-  hw->groupStatsIs(6, GroupStatus::hardwareFull_);
-  hw->groupStatsIs(memberBit | 5, GroupStatus::hardwareFull_);
-  EXPECT_EQ(outcome(50), "success: ");
-  EXPECT_EQ(outcome(60), "success: ");
-
-  auto& stats = hw->groupStatsIs(5, GroupStatus::ready_);
-  batchStatus->batchStatusEntryDel(50);
-  stats.statusIs(GroupStatus::hardwareError_);
-  EXPECT_EQ(batchStatus->entries(), 1U);
-
-  // A failure stands until the write is made again, whatever the group does.
-  stats.statusIs(GroupStatus::ready_);
-  batchStatus->batchStatusEntryIs(50);
-  stats.statusIs(GroupStatus::hardwareError_);
-  stats.statusIs(GroupStatus::ready_);
-  hw->groupStatsDel(5);
-  EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
-  EXPECT_EQ(sm->p4RtCxStatusSm()->groupStats().size(), 2U);
 }
 
 TEST_F(StatusSm, ACorruptRowIsReportedAndPassedOver) {
@@ -214,44 +153,15 @@ TEST_F(StatusSm, ACorruptRowIsReportedAndPassedOver) {
 }
 
 TEST_F(StatusSm, FollowsTheEntityNamedP4rtOnly) {
-  cxHwStatusDir->entityDel("p4rt");
-  cxHwStatusDir->entityIs("other", hw);
   start();
-  flow("flow-1", FlowStatus::programmed_);
-  cxHwStatusDir->entityIs("p4rt", Korm::makePtr<Korm::Dir>("p4rt"));
-  EXPECT_EQ(sm->p4RtCxStatusSm(), nullptr) << "of another type";
-  cxHwStatusDir->entityIs("p4rt", hw);
-  EXPECT_EQ(heard(), "1 success");
-
   const Korm::Ptr<OstraStatusSm> made = sm->p4RtCxStatusSm();
-  cxHwStatusDir->entityIs("third", Korm::makePtr<HwStatus>("third"));
-  cxHwStatusDir->entityDel("other");
+  cxHwStatusDir->entityIs("other", Korm::makePtr<HwStatus>("other"));
   sm->handleStatusDir();
   EXPECT_EQ(sm->p4RtCxStatusSm(), made) << "the same entity again";
-  EXPECT_EQ(heard(), "");
-
   cxHwStatusDir->entityIs("p4rt", Korm::makePtr<Korm::Dir>("p4rt"));
-  EXPECT_EQ(sm->p4RtCxStatusSm(), nullptr) << "mistyped, although there was one";
+  EXPECT_EQ(sm->p4RtCxStatusSm(), nullptr) << "of another type";
   flow("flow-2", FlowStatus::programmed_);
   EXPECT_EQ(heard(), "") << "also while somebody still holds the state machine";
-}
-
-TEST_F(StatusSm, AReplacedEntityRebuildsAndTheOldOneIsSilent) {
-  start();
-  flow("flow-1", FlowStatus::programmed_);
-  const Korm::Ptr<HwStatus> old = std::exchange(hw, Korm::makePtr<HwStatus>("p4rt"));
-  auto& second = flow("flow-2", FlowStatus::matchNotSupported_);
-  heard();
-  cxHwStatusDir->entityIs("p4rt", hw);
-  EXPECT_EQ(heard(), "2 matchNotSupported");
-  EXPECT_EQ(old->references(), 1U) << "nothing of the library holds it";
-  old->flowStatsIs("flow-1").changeCountIs(1);
-  old->flowStatsIs("flow-3", FlowStatus::programmed_);
-  cxHwStatusDir->entityDel("p4rt");
-  second.statusIs(FlowStatus::programmed_);
-  EXPECT_EQ(heard(), "");
-  cxHwStatusDir->entityIs("p4rt", hw);
-  EXPECT_EQ(heard(), "2 success") << "back, with what it says now";
 }
 
 TEST_F(StatusSm, AStateMachineIsKeptForTheVerySameInputsOnly) {
@@ -279,39 +189,11 @@ TEST_F(StatusSm, AStateMachineIsKeptForTheVerySameInputsOnly) {
   }
 }
 
-TEST_F(StatusSm, IsSilentWhenSwitchedOffOrDestroyed) {
-  auto& stats = flow("flow-1", FlowStatus::programmed_);
-  auto& group = hw->groupStatsIs(5, GroupStatus::ready_);
-  groupRow(5, 50);
-  start();
-  heard();
-  sm->hasNotificationActiveIs(false);
-  stats.changeCountIs(1);
-  flow("flow-2", FlowStatus::programmed_);
-  group.statusIs(GroupStatus::hardwareError_);
-  EXPECT_EQ(heard(), "");
-  EXPECT_EQ(outcome(50), "success: ");
-  sm->hasNotificationActiveIs(true);
-  stats.changeCountIs(2);
-  group.changeCountIs(2);
-  EXPECT_EQ(heard(), "1 success");
-  EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
-  sm = nullptr;
-  stats.changeCountIs(3);
-  cxHwStatusDir->entityDel("p4rt");
-  hw->flowStatsDel("flow-1");
-  EXPECT_EQ(heard(), "");
-  EXPECT_EQ(hw->references(), 1U);
-}
-
 TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
-  flow("flow-1", FlowStatus::programmed_);
-  hw->groupStatsIs(5, GroupStatus::hardwareFull_);
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, nullptr, nullptr, nullptr);
   flow("flow-1", FlowStatus::programmed_).statusIs(FlowStatus::hardwareFull_);
   hw->flowStatsDel("flow-1");
   hw->groupStatsIs(memberBit | 5, GroupStatus::hardwareFull_);
-
   statusInfo->dependentHandleToVrfMapIs(2, 5);
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, statusInfo, groups, members);
   groupRow(6, 60);
@@ -409,16 +291,6 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
   EXPECT_EQ(heard(), "2 success; 3 success; 4 success");
   hw->groupStats(5)->statusIs(GroupStatus::hardwareError_);
   EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
-
-  OstraStatusSm& statusSm = *sm->p4RtCxStatusSm();
-  statusSm.flowStatsDelAll();
-  statusSm.groupStatsDelAll();
-  batchStatus->batchStatusEntryIs(50);
-  hw->flowStats("flow-2")->changeCountIs(2);
-  hw->groupStats(5)->changeCountIs(2);
-  EXPECT_EQ(heard(), "") << "nothing is followed";
-  EXPECT_EQ(outcome(50), "success: ");
-  EXPECT_EQ(flowReactors() + statusSm.groupStats().size(), 0U);
 }
 
 // The service, on hearing the reports of a new state machine, replaces or removes what they come from.
@@ -464,6 +336,7 @@ TEST_F(StatusSm, DestroyedItSilencesAStateMachineThatSomebodyElseHolds) {
   sm = nullptr;
   stats.changeCountIs(1);
   flow("flow-2", FlowStatus::programmed_);
+  cxHwStatusDir->entityDel("p4rt");
   EXPECT_EQ(heard(), "");
   EXPECT_FALSE(held->hasNotificationActive());
 }
