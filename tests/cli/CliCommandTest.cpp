@@ -10,9 +10,7 @@
 
 namespace {
 
-using CliTest::Json;
 using CliTest::sim;
-using CliTest::simJson;
 using CliTest::simJsonLines;
 using testing::ElementsAre;
 using testing::EndsWith;
@@ -127,21 +125,6 @@ TEST(CliCommand, TheLibraryStopsStartsAndHearsOfAllRowsAgain) {
           HasSubstr("stored"), announced, announced, announced));
 }
 
-TEST(CliCommand, TheTraceRingIsDecoded) {
-  std::string script;
-  for (int number = 0; number < 20; ++number) {
-    script += "insert flow priority=" + std::to_string(number) + " -> drop\n";
-  }
-  const auto lines = simJson(script + "show trace 3\nshow trace\n");
-  ASSERT_EQ(lines.size(), 22U);
-  const Json& three = lines[20]["lines"];
-  const Json& all = lines[21]["lines"];
-  EXPECT_EQ(three.size(), 3U);
-  ASSERT_EQ(all.size(), 50U);
-  EXPECT_THAT(all.dump(), HasSubstr("OstraSm::handleFlowConfigImpl"));
-  EXPECT_EQ(all[49], three[2]);
-}
-
 TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   const auto finished =
       sim("# a comment\n"
@@ -156,18 +139,6 @@ TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   EXPECT_EQ(finished.status, 0) << finished.errors;
   EXPECT_THAT(finished.out, StartsWith("two  words\na#b c=#d\ninsert flow (entry 1): done\n"));
   EXPECT_THAT(finished.out, EndsWith("ingrMirrorIntf=a#b#\nlast line without an end\n"));
-}
-
-TEST(CliCommand, HelpListsEveryCommandAndKnowsItsGrammar) {
-  const Json all = simJson("help\n").front()["commands"];
-  EXPECT_GE(all.size(), 40U);
-  for (const Json& command : all) {
-    const std::string name = command["name"];
-    EXPECT_NE(command["summary"], "") << name;
-    const Json described = simJson("help " + name + "\n").front()["commands"][0];
-    EXPECT_THAT(described["grammar"].get<std::string>(), StartsWith(name));
-  }
-  EXPECT_THAT(sim("help insert flow\n").out, HasSubstr("local_metadata.isIpPacket"));
 }
 
 }  // namespace

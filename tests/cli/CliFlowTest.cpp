@@ -90,19 +90,6 @@ TEST(CliFlow, EveryActionIsReadAndShown) {
       " -> ", "actions", "\n");
 }
 
-TEST(CliFlow, LimitsThatTheLibraryChecksAreLeftToIt) {
-  const auto lines = simJson(
-      "insert flow priority=1 local_metadata.vlan_id=65535 -> drop\n"
-      "insert flow priority=2 local_metadata.vlan_id=1&4096 -> drop\n"
-      "insert flow priority=3 -> traffic-class=255\n");
-  const char* const limits[] = {"VlanIdOrNone", "VlanIdOrAnyOrNone", "TrafficClass"};
-  ASSERT_EQ(lines.size(), std::size(limits));
-  for (std::size_t at = 0; at < lines.size(); ++at) {
-    EXPECT_EQ(lines[at]["state"], "failed");
-    EXPECT_EQ(lines[at]["message"].get<std::string>().find(limits[at]), 0U) << lines[at];
-  }
-}
-
 TEST(CliFlow, PlacementPriorityAndChangeCountAreShown) {
   const auto lines = simJsonLines(
       "insert flow priority=-1 -> drop\n"

@@ -110,18 +110,6 @@ TEST(CliMistake, ABatchThatIsNotCommittedIsNotApplied) {
   EXPECT_EQ(simJson("begin\ninsert flow priority=1 -> drop\nbogus\n", 2).size(), 1U);
 }
 
-TEST(CliMistake, InABatchLeavesTheOtherWritesOfIt) {
-  const auto lines = simJson(
-      "begin\ninsert flow priority=1 -> drop\nbegin\ninsert flow priority=x -> drop\n"
-      "insert flow priority=2 -> drop\ncommit\n",
-      2, {"-k"});
-  ASSERT_EQ(lines.size(), 4U);
-  EXPECT_THAT(lines[0]["message"], HasSubstr("inside the batch that begins at -:1"));
-  EXPECT_EQ(lines[1]["where"], "-:4");
-  EXPECT_EQ(lines[2]["handle"], 1);
-  EXPECT_EQ(lines[3]["handle"], 2);
-}
-
 TEST(CliMistake, IsShownInOneLineOfPrintableCharacters) {
   const auto finished = CliTest::sim("bo\x1b[31m\a" + std::string(5000, 'x') + "\n");
   EXPECT_LT(finished.errors.size(), 200U);

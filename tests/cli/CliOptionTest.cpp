@@ -22,16 +22,6 @@ using CliTest::sim;
 using CliTest::simJson;
 using CliTest::TemporaryFile;
 using testing::HasSubstr;
-using testing::Not;
-
-TEST(CliOption, HelpAndVersionNeedNoInput) {
-  const Finished help = sim({}, {"--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_THAT(help.out, testing::StartsWith("Usage: ostra-sim [options] [FILE...]\n"));
-  const Finished version = sim({}, {"--version"});
-  EXPECT_EQ(version.status, 0);
-  EXPECT_THAT(version.out, testing::MatchesRegex("ostra-sim [0-9]+\\.[0-9]+\\.[0-9]+\n"));
-}
 
 TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
   const std::vector<std::pair<Arguments, std::string>> mistakes{
@@ -70,40 +60,6 @@ TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
   EXPECT_EQ(lines[1]["where"], "-:2");
 }
 
-TEST(CliOption, StoppedWaitsForStart) {
-  const auto lines = simJson("counter 1\ninsert flow priority=1 -> drop\nstop\nstart\nshow flows\n",
-                             2, {"--stopped", "-k"});
-  ASSERT_EQ(lines.size(), 4U);
-  EXPECT_THAT(lines[0]["message"], HasSubstr("'start' first"));
-  EXPECT_EQ(lines[1]["state"], "stored");
-  EXPECT_EQ(lines[2]["type"], "error");
-  EXPECT_EQ(lines[3]["flows"].size(), 1U);
-}
-
-TEST(CliOption, TheTraceGoesToStandardErrorUpToItsLevel) {
-  const std::string script = "insert flow priority=1 -> drop\n";
-  const Finished five = sim(script, {"--trace", "5", "--clock", "steps"});
-  EXPECT_EQ(five.out, "insert flow (entry 1): done\n");
-  EXPECT_THAT(five.errors, HasSubstr("1.000000 5 Ostra/OstraSm:"));
-  EXPECT_THAT(five.errors, HasSubstr(" inserted  flow:flow-1 EntryId: 1"));
-  EXPECT_THAT(sim(script, {"--trace=0"}).errors, Not(HasSubstr("inserted")));
-  EXPECT_EQ(sim(script).errors, "");
-}
-
-TEST(CliOption, StepsOfTheClockMakeRunsRepeat) {
-  const std::string script =
-      "# not a command\n"
-      "insert flow priority=1 -> drop\n"
-      "modify flow priority=1 -> drop\n"
-      "show flows\n"
-      "show trace 1000\n";
-  const std::string once = sim(script, {"--json", "--clock=steps"}).out;
-  EXPECT_THAT(once, HasSubstr(R"("changeCount":2,)"));
-  EXPECT_EQ(sim(script, {"--json", "--clock=steps"}).out, once);
-  EXPECT_THAT(sim(script, {"--json", "--clock", "real"}).out,
-              Not(HasSubstr(R"("changeCount":2,)")));
-}
-
 TEST(CliOption, AReaderWhoLeavesEndsTheRun) {
   std::string script;
   for (int number = 0; number < 200000; ++number) {
@@ -116,13 +72,6 @@ TEST(CliOption, AReaderWhoLeavesEndsTheRun) {
   const Finished finished = process.finish();
   EXPECT_EQ(finished.status, 1);
   EXPECT_EQ(finished.errors, "");
-}
-
-TEST(CliOption, AFullDiskIsReported) {
-  Process process{"/bin/sh", {"-c", std::string{OSTRA_SIM_PROGRAM} + " > /dev/full"}};
-  const Finished finished = process.finish("echo x\n");
-  EXPECT_EQ(finished.status, 1);
-  EXPECT_THAT(finished.errors, HasSubstr("cannot write to standard output"));
 }
 
 TEST(CliOption, WhoeverDrivesItThroughPipesIsAnsweredAtOnce) {
@@ -165,22 +114,6 @@ TEST(CliTerminal, HasAPromptForgivesMistakesAndUsesColor) {
   process.readUntil("ostra> ");
   process.write("quit\n");
   EXPECT_EQ(process.finish().status, 2);  // for the mistake
-}
-
-TEST(CliTerminal, ShowsProgressOfALongScript) {
-  std::string script;
-  for (int number = 0; number < 5000; ++number) {
-    script += "insert flow priority=" + std::to_string(number) + " -> drop\n";
-  }
-  for (int number = 0; number < 500; ++number) {
-    script += "show trace 16000\n";
-  }
-  const TemporaryFile file{script};
-  Process process{Process::OnTerminal{},
-                  "/bin/sh",
-                  {"-c", std::string{OSTRA_SIM_PROGRAM} + " " + file.path() + " > /dev/null"}};
-  EXPECT_THAT(process.readUntil("%"), HasSubstr(": line "));
-  EXPECT_EQ(process.finish().status, 0);
 }
 
 }  // namespace

@@ -71,17 +71,6 @@ TEST_F(CliShow, PrintsTheTablesAndTheTraceOfARunningOne) {
   EXPECT_THAT(after.errors, HasSubstr("no 'ostra-sim --shm " + name_ + "' is running"));
 }
 
-TEST_F(CliShow, PrintsWhatAKilledOneHasLeft) {
-  const auto process = startSim();
-  process->kill(SIGKILL);
-  EXPECT_EQ(process->finish().status, -SIGKILL);
-  const Finished left = CliTest::show({name_, "flows"});
-  EXPECT_THAT(left.out, HasSubstr("which is gone; this is what it left\nflows: 2\n"));
-  // The next one of that name clears up when it ends.
-  EXPECT_EQ(CliTest::sim("", {"--shm", name_, "--discard"}).status, 0);
-  EXPECT_EQ(CliTest::show({name_}).status, 1);
-}
-
 TEST_F(CliShow, FollowsThroughStartsStopsAndKills) {
   Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "members", "trace"}};
   viewer.readUntil("# waiting for '" + name_ + "'\n");
@@ -136,21 +125,6 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
   viewer.readUntil("flows + table 2, entry 3, priority 100");
   EXPECT_EQ(process->finish("quit\n").status, 0);
   viewer.readUntil("# process " + id + " is gone\n");
-}
-
-TEST_F(CliShow, MistakesOnTheCommandLineAreNamed) {
-  const std::vector<std::pair<CliTest::Arguments, std::string>> mistakes{
-      {{}, "NAME"},
-      {{"a/b"}, "letters, digits"},
-      {{"name", "flow"}, "did you mean 'flows'?"},
-      {{"name", "--folow"}, "did you mean '--follow'?"},
-  };
-  for (const auto& [arguments, says] : mistakes) {
-    const Finished finished = CliTest::show(arguments);
-    EXPECT_EQ(finished.status, 2);
-    EXPECT_THAT(finished.errors, HasSubstr(says));
-  }
-  EXPECT_THAT(CliTest::show({"--version"}).out, HasSubstr("ostra-show "));
 }
 
 }  // namespace

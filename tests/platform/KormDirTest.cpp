@@ -90,13 +90,6 @@ TEST_F(DirTest, MayBeChangedAndLeftByItsReactors) {
   EXPECT_EQ(take(), Texts{"c+"});
 }
 
-TEST_F(DirTest, GoesWhenAReactorDropsItsLastReference) {
-  action_ = [this] { dir_ = nullptr; };
-  dir_->entityIs("a", makePtr<Lamp>("a"));
-  EXPECT_EQ(dir_, nullptr);
-  EXPECT_FALSE(attached());
-}
-
 TEST_F(DirTest, HasAPathFromItsRootForAsLongAsItIsPlaced) {
   const auto below = makePtr<Dir>("below");
   dir_->entityIs("below", below);
@@ -113,19 +106,6 @@ TEST_F(DirTest, HasAPathFromItsRootForAsLongAsItIsPlaced) {
   dir_->entityIs("below", below);
   dir_->entityIs("below", makePtr<Dir>("below"));
   EXPECT_EQ(below->path(), "below");
-}
-
-TEST_F(DirTest, IsUnchangedWhenAnEntityRefusesItsPlace) {
-  struct Homeless final : Entity {
-    void handleParent(Dir&) override { throw std::runtime_error{"no"}; }
-  };
-  dir_->entityIs("a", makePtr<Lamp>("a"));
-  take();
-  EXPECT_THROW(dir_->entityIs("a", makePtr<Homeless>()), std::runtime_error);
-  EXPECT_THROW(dir_->entityIs("b", makePtr<Homeless>()), std::runtime_error);
-  EXPECT_NE(dir_->entityPtr<Lamp>("a"), nullptr);
-  EXPECT_EQ(dir_->entities().size(), 1U);
-  EXPECT_EQ(take(), Texts{});
 }
 
 }  // namespace

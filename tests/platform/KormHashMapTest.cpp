@@ -130,26 +130,6 @@ TEST(HashMap, WalksMeetWhatIsThereThroughoutOnceWhateverElseChanges) {
   map.verify();
 }
 
-TEST(HashMap, StaysAsItWasWhenAnElementCannotBeMade) {
-  struct Picky {
-    explicit Picky(int given) : value{given} {
-      if (given < 0) {
-        throw std::invalid_argument{"negative"};
-      }
-    }
-    int value;
-  };
-  HashMap<std::string, Picky> map;
-  for (int key = 0; key < 20; ++key) {
-    map.tryEmplace(std::to_string(key), key);
-    EXPECT_THROW(map.tryEmplace("bad" + std::to_string(key), -1), std::invalid_argument);
-  }
-  map.verify();
-  EXPECT_EQ(map.size(), 20U);
-  EXPECT_EQ(map.find(std::string_view{"7"})->value.value, 7);
-  EXPECT_EQ(map.find(std::string_view{"bad7"}), nullptr);
-}
-
 TEST(HashMap, LetsAnElementThatGoesLookAtTheMapAndChangeIt) {
   HashMap<int, std::shared_ptr<void>> map;
   const auto doAtEnd = [](const std::function<void()>& action) {

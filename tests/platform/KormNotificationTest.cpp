@@ -4,13 +4,11 @@
 #include <memory>
 #include <optional>
 #include <random>
-#include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "platform/Korm/Collection.h"
 #include "platform/Korm/Notification.h"
 
 namespace Korm {
@@ -182,48 +180,6 @@ TEST(DeliveryRandom, AgreesWithTheRulesWhateverReactorsDo) {
     calls += world.calls();
   }
   EXPECT_GT(calls, 50'000);
-}
-
-// A reactor that writes down what it hears, and may throw.
-class Probe final : public Notifiee<const int&> {
- public:
-  void onAttribute(const int& key) override {
-    heard.push_back(key);
-    if (throws) {
-      throw key;
-    }
-  }
-  std::vector<int> heard;
-  bool throws = false;
-};
-
-TEST(DeliveryDeathTest, RefusesAReactorThatIsAttachedAlready) {
-  List first;
-  List second;
-  Probe probe;
-  first.attach(probe);
-  EXPECT_DEATH(second.attach(probe), "a reactor attaches to one attribute, once .*Notification:");
-}
-
-TEST(Collection, IsChangedAndToldToAllEvenWhenAReactorThrows) {
-  Collection<int, std::string> numbers;
-  Probe thrower;
-  Probe other;
-  thrower.throws = true;
-  numbers.notifiees().attach(thrower);
-  numbers.notifiees().attach(other);
-  EXPECT_THROW(numbers.is(1, "one"), int);
-  EXPECT_THROW(numbers.is(2, "two"), int);
-  EXPECT_EQ(*numbers.find(2), "two");
-  try {
-    numbers.delAll();
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (int first) {
-    EXPECT_EQ(first, 1);
-  }
-  EXPECT_TRUE(numbers.empty());
-  EXPECT_EQ(thrower.heard, (std::vector{1, 2, 1, 2}));
-  EXPECT_EQ(other.heard, thrower.heard);
 }
 
 }  // namespace

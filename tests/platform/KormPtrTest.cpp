@@ -22,35 +22,6 @@ class Thing : public Entity {
  private:
   int& alive_;
 };
-class SpecialThing final : public Thing {
- public:
-  using Thing::Thing;
-};
-
-TEST(Ptr, KeepsTheObjectUntilTheLastReferenceGoes) {
-  int alive = 0;
-  {
-    auto special = makePtr<SpecialThing>(alive);
-    Ptr<Thing> thing = special;
-    Ptr<const Entity> entity{thing};
-    EXPECT_EQ(special->references(), 3U);
-    EXPECT_EQ(dynamicPtrCast<SpecialThing>(thing), special);
-    Ptr<Thing> moved = std::move(special);
-    EXPECT_EQ(special, nullptr);  // NOLINT(bugprone-use-after-move)
-    const auto& alias = moved;
-    moved = alias;
-    EXPECT_EQ(moved->references(), 3U);
-    thing = makePtr<Thing>(alive);
-    EXPECT_EQ(dynamicPtrCast<SpecialThing>(thing), nullptr);
-    EXPECT_EQ(alive, 2);
-    moved = nullptr;
-    EXPECT_EQ(entity->references(), 1U);
-    entity = thing;
-    EXPECT_EQ(alive, 1);
-  }
-  EXPECT_EQ(alive, 0);
-}
-
 TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
   struct SelfReferring final : Entity {
     explicit SelfReferring(int& count) : destroyed{count} {}
@@ -112,18 +83,6 @@ class PtrSwitchDeathTest : public testing::Test {
  protected:
   PtrSwitchDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
 };
-
-TEST_F(PtrSwitchDeathTest, IsRefusedOnceThereHasBeenAnEntity) {
-  EXPECT_DEATH(
-      {
-        int alive = 0;
-        makePtr<Thing>(alive) = nullptr;
-        threadSafePtrIs(false);
-        threadSafePtrIs(true);
-      },
-      "Assertion failed: the thread-safe pointer switch is set before the first entity exists "
-      "\\(Korm/Ptr:[0-9]+\\)");
-}
 
 void hammerFromThreads() {
   threadSafePtrIs(true);

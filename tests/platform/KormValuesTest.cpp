@@ -80,43 +80,7 @@ TEST(Strep, RefusesEverySpellingButItsOwnAndNumbersOutOfRange) {
   EXPECT_THROW((void)Reading{"4"}().signedAttribute("n", -2, 3), DeserializationException);
 }
 
-TEST(Strep, SaysWhereWhatWasExpectedAndWhatWasFoundAndGoesOnFromThere) {
-  Reading reading{"{a: 7}"};
-  auto reader = reading();
-  reader.literal("{");
-  EXPECT_EQ(messageOf<ParseException>([&] { reader.literal("b: "); }),
-            "offset 1: expected 'b: ', found 'a: 7}'");
-  reader.literal("a: ");
-  EXPECT_EQ(messageOf<DeserializationException>([&] { (void)reader.unsignedAttribute("a", 6); }),
-            "attribute 'a': expected an unsigned number up to 6 at offset 4, found '7}'");
-  EXPECT_EQ(messageOf<DeserializationException>([&] { (void)reader.signedAttribute("a", -1, 6); }),
-            "attribute 'a': expected a number from -1 to 6 at offset 4, found '7}'");
-  EXPECT_EQ(reader.until("}"), "7");
-  EXPECT_EQ(reading.rest(), "}");
-  EXPECT_EQ(reader.until("#"), "}");
-  EXPECT_TRUE(reader.atEnd());
-  const std::string longText(100, 'z');
-  EXPECT_EQ(messageOf<ParseException>([&] { Reading{longText}().fail("less"); }),
-            "offset 0: expected less, found '" + longText.substr(0, 40) + "'");
-}
-
 // Arrays in records.
-
-TEST(PodArray, RefusesMoreItemsThanItHoldsWithTheBufferInTheMessage) {
-  PodArrayPair<std::uint8_t, 2> lists;
-  const std::vector<std::uint8_t> one{7};
-  lists.set(one, std::vector<std::uint8_t>{9});
-  const std::vector<std::uint8_t> many{0x01, 0xAB, 0x02};
-  std::ostringstream address;
-  address << static_cast<const void*>(many.data());
-  const std::string message =
-      "PodArray::set expected size <= 2, instead got 3. Buffer is at address: " + address.str() +
-      " with contents: 01ab02";
-  EXPECT_EQ(messageOf<RangeException>([&] { lists.set(many, one); }), message);
-  EXPECT_EQ(messageOf<RangeException>([&] { lists.set(one, many); }), message);
-  EXPECT_THAT(lists.first(), testing::ElementsAre(7));
-  EXPECT_THAT(lists.second(), testing::ElementsAre(9));
-}
 
 TEST(PodArray, RefusesToShowItemsOfADamagedRecord) {
   PodArrayPair<std::uint32_t, 1024> lists;
@@ -228,16 +192,6 @@ TEST(BoundedValue, AcceptsItsBoundsAndRefusesWhatLiesBehindThem) {
                                         "Priority::value < -1 or > Priority::max not allowed");
   expectBounds<P4RuntimeRouting::MemberIndex>(
       0, 1023, "MemberIndex::value < MemberIndex::min or > MemberIndex::max not allowed");
-}
-
-// Failures.
-
-TEST(AssertionDeathTest, PrintsItsTextAndPlaceAndAborts) {
-  EXPECT_EXIT(assertTrue(false, "cxHwStatusDir", "Ostra/Ostra", 40),
-              testing::KilledBySignal(SIGABRT),
-              "^Assertion failed: cxHwStatusDir \\(Ostra/Ostra:40\\)\n$");
-  EXPECT_DEATH(assertTrue(false, "here"),
-               "Assertion failed: here \\(platform/KormValuesTest:[0-9]+\\)");
 }
 
 // Work that is put off.

@@ -96,16 +96,6 @@ TEST(TableEntity, IsEmptiedToTheLastRowThoughReactorsThrow) {
   EXPECT_EQ(table->table().verify(), std::nullopt);
 }
 
-TEST(TableEntity, GoesWhenAReactorDropsItsLastReference) {
-  auto table = Korm::makePtr<RouteTable>("routes");
-  Keys keys{*table};
-  keys.actionIs([&](std::uint64_t) { table = nullptr; });
-  table->entryIs(Route::of(1, 1));
-  EXPECT_EQ(table, nullptr);
-  EXPECT_FALSE(keys.attached());
-  Korm::activity().run();
-}
-
 // What a table tells its entity besides keys.
 class Owner final : public TableOwner<std::uint64_t> {
  public:
@@ -224,20 +214,6 @@ TEST_F(Placed, AnEntityMovesItsRowsAndItsCorruptionHandlerToTheNamedSegment) {
   EXPECT_THAT(corruptions.front(), HasSubstr("dir/routes/entry"));
 }
 
-TEST_F(Placed, AnEntitysSegmentHasItsPathAndGoesWithIt) {
-  named();
-  auto table = Korm::makePtr<RouteTable>("routes");
-  manager_->entityIs("routes", table);
-  table->entryIs(Route::of(1, 1));
-  EXPECT_TRUE(Vasta::Reader<Route>{segment("routes/entry")}.find(1).has_value());
-  EXPECT_EQ(manager_->entityDel("routes"), table);
-  manager_->entityIs("routes", table);
-  EXPECT_NE(table->entry(1), nullptr) << "placed again where it was";
-  manager_->entityDel("routes");
-  table = nullptr;
-  EXPECT_THROW(Vasta::Reader<Route>{segment("routes/entry")}, Vasta::AttachError);
-}
-
 class AfterADeadProcess : public Placed {
  protected:
   // A writer process that ends without tidying up, with these rows and one of them damaged.
@@ -275,21 +251,6 @@ TEST_F(AfterADeadProcess, AnEntityTakesTheRowsOverWhenItIsTo) {
   table->entryDelAll();
   EXPECT_EQ(table->entries(), 0U);
   EXPECT_EQ(table->table().verify(), std::nullopt);
-}
-
-TEST_F(AfterADeadProcess, AnEntityStartsEmptyOtherwise) {
-  leaveRows();
-  named(false);
-  const auto table = Korm::makePtr<RouteTable>("routes");
-  manager_->entityIs("dir/routes", table);
-  EXPECT_EQ(table->entries(), 0U);
-  EXPECT_EQ(table->table().verify(), std::nullopt);
-}
-
-TEST(SharedMemory, SegmentNamesAreThePathWithThePrefix) {
-  EXPECT_EQ(segmentName("ostra", "p4runtime/flowTable/0/entry"),
-            "ostra.p4runtime.flowTable.0.entry");
-  EXPECT_EQ(prepareSegment("any/path"), "") << "no prefix, no named memory";
 }
 
 }  // namespace

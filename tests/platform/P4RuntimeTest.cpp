@@ -1,4 +1,4 @@
-// The service's side: results, entry errors, VRFs, time stamps, interfaces.
+// The service's side: results, entry errors, interfaces.
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -10,13 +10,10 @@
 #include <gtest/gtest.h>
 
 #include "platform/Interface/Interface.h"
-#include "platform/Korm/Clock.h"
 #include "platform/Korm/Exceptions.h"
 #include "platform/P4Runtime/BatchStatus.h"
-#include "platform/P4Runtime/Telemetry.h"
 #include "platform/P4Runtime/Types.h"
 #include "platform/P4Runtime/Validation.h"
-#include "platform/P4Runtime/VrfIdCollection.h"
 
 namespace P4Runtime {
 namespace {
@@ -162,22 +159,6 @@ TEST_F(Validation, AcceptsPortIdsThatAControllerMayUseAndMasksThatAreAllOnes) {
   EXPECT_EQ(message_, "egress port-id: mask 254 is not all ones; a port is matched exactly");
 }
 
-TEST_F(Validation, AnErrorKeepsItsBatchStatusAliveAndMayHaveNone) {
-  auto batch = Korm::makePtr<BatchStatus>();
-  const EntryErrorException error{batch, 7, ErrorCode::notFound_, "gone"};
-  const BatchStatus& observed = *batch;
-  batch = nullptr;
-  error.report();
-  EXPECT_EQ(observed.references(), 1U);
-  DefaultValidationHelper alone{nullptr};
-  try {
-    alone.throwEntryErrorException(7, ErrorCode::notFound_, "gone");
-  } catch (const EntryErrorException& unheard) {
-    unheard.report();
-  }
-  EXPECT_TRUE(service_.take().empty());
-}
-
 TEST(ErrorCodes, AreReadAsTheyArePrintedAndInNoOtherWay) {
   std::vector<std::uint32_t> numbers{20, 4'000'000'000, 0xFFFFFFFF};
   for (std::uint32_t number = 0; number <= 19; ++number) {
@@ -197,41 +178,6 @@ TEST(ErrorCodes, AreReadAsTheyArePrintedAndInNoOtherWay) {
     EXPECT_THROW((void)parseErrorCode(current, text.end()), Korm::RangeException) << text;
     EXPECT_EQ(current, text.begin());
   }
-}
-
-// VRFs.
-
-TEST(VrfIdCollection, CountsAndStopsAtZero) {
-  const auto vrfs = Korm::makePtr<VrfIdCollection>();
-  EXPECT_EQ(vrfs->vrfIdRefCount(5), std::nullopt);
-  EXPECT_EQ(vrfs->vrfIdRefCountInc(5, 2), 2U);
-  EXPECT_EQ(vrfs->vrfIdRefCountInc(5, 1), 3U);
-  EXPECT_EQ(vrfs->vrfIdRefCountDec(5, 2), 1U);
-  EXPECT_EQ(vrfs->vrfIdRefCountDec(5, 2), 0U);
-  EXPECT_EQ(vrfs->vrfIdRefCount(5), std::optional{0U});
-}
-
-// Time stamps.
-
-TEST(Telemetry, KeepsTheNewestStampsWithTheirTimes) {
-  static double now;
-  now = 10;
-  Korm::clockIs([] { return now++; });
-  const auto telemetry = Korm::makePtr<Telemetry>();
-  using Type = TelemetryTimestampType;
-  telemetry->newTransactionTimestamp(1, Type::configured_);
-  telemetry->newTransactionTimestamp(1, Type::configured_);
-  telemetry->newTransactionTimestamp(1, Type::programmed_);
-  EXPECT_EQ(telemetry->newest(1, Type::configured_)->time, 11);
-  EXPECT_FALSE(telemetry->newest(2, Type::configured_));
-  for (std::size_t stamp = 1; stamp < Telemetry::capacity; ++stamp) {
-    telemetry->newTransactionTimestamp(3, Type::stored_);
-  }
-  EXPECT_FALSE(telemetry->newest(1, Type::configured_)) << "the oldest make room";
-  EXPECT_TRUE(telemetry->newest(1, Type::programmed_));
-  telemetry->newTransactionTimestamp(3, Type::stored_);
-  EXPECT_FALSE(telemetry->newest(1, Type::programmed_));
-  Korm::clockIs(nullptr);
 }
 
 // Interfaces.

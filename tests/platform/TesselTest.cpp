@@ -12,19 +12,6 @@ namespace {
 
 using CorvexConfig::Config;
 
-TEST(MountFlags, AreAddedByTheirLettersOrNotAtAll) {
-  MountFlags flags;
-  flags.parse("wc");
-  EXPECT_TRUE(flags.has(MountFlag::writable_) && flags.has(MountFlag::create_));
-  EXPECT_FALSE(flags.has(MountFlag::read_) || flags.has(MountFlag::immediate_));
-  flags.parse("ri");
-  EXPECT_EQ(flags.bits, 15U);
-  MountFlags untouched;
-  EXPECT_THROW(untouched.parse("wx"), Korm::ParseException);
-  EXPECT_THROW(untouched.parse("W"), Korm::ParseException);
-  EXPECT_EQ(untouched.bits, 0U);
-}
-
 class EntityManagerTest : public testing::Test {
  protected:
   Korm::Ptr<EntityManager> manager_ = Korm::makePtr<EntityManager>();
@@ -70,13 +57,6 @@ TEST_F(EntityManagerTest, RemovesExactlyTheEntityAtThePath) {
   }
 }
 
-TEST_F(EntityManagerTest, RefusesToPlaceAnythingBelowWhatIsNoDirectory) {
-  manager_->entityIs("a", Korm::makePtr<Config>("a"));
-  EXPECT_THROW(manager_->entityIs("a/b", Korm::makePtr<Config>("b")), Korm::RangeException);
-  EXPECT_THROW(manager_->entityIs("", Korm::makePtr<Config>("b")), Korm::RangeException);
-  EXPECT_NE(manager_->entity<Config>("a"), nullptr);
-}
-
 TEST_F(EntityManagerTest, CreatesWhatIsMissingOnlyWhereTheModeAndTheTypeAllowIt) {
   manager_->typeIs<Config>();
   EXPECT_EQ(complete(mount("config/p4rt", Config::typeName, "wc")), MountStatus::success_);
@@ -93,16 +73,6 @@ TEST_F(EntityManagerTest, CreatesWhatIsMissingOnlyWhereTheModeAndTheTypeAllowIt)
   manager_->typeIs("No::Entity", [](const Korm::Name&) { return nullptr; });
   EXPECT_EQ(complete(mount("config/other", "No::Entity", "wc")), MountStatus::failure_);
   EXPECT_EQ(manager_->entity("config/other"), nullptr);
-}
-
-TEST_F(EntityManagerTest, MakesTheOtherMountsOfAGroupWhenOneFails) {
-  manager_->typeIs<Config>();
-  MountGroup group;
-  group.mountIs(mount("first", Config::typeName, "ri"));
-  group.mountIs(mount("second", Config::typeName, "wc"));
-  EXPECT_EQ(manager_->complete(group), MountStatus::failure_);
-  EXPECT_NE(manager_->entity<Config>("second"), nullptr);
-  EXPECT_EQ(manager_->complete(MountGroup{}), MountStatus::success_);
 }
 
 }  // namespace

@@ -157,11 +157,19 @@ TEST_F(VastaDamage, AReaderReportsOrRefusesEveryFlippedBitThatMatters) {
   flipEach(
       names().index(1),
       [](const Tampering& bytes, std::size_t byte, unsigned bit) {
-        return byte < 64 || bytes.word(byte / 8) != 0 || byte % 64 == bit;
+        return byte >= 64 && (bytes.word(byte / 8) != 0 || byte % 64 == bit);
       },
       [&] {
         const Look look{*name_, model};
       });
+  // Its own header is compared as it is.
+  flipEach(
+      names().index(1), [](const Tampering&, std::size_t byte, unsigned) { return byte < 32; },
+      [&] {
+        EXPECT_TRUE((Look{*name_, model}.reported));
+      });
+  Tampering{names().index(1)}.wordIs(2, 1024);
+  EXPECT_TRUE((Look{*name_, model}.reported)) << "there are but 512 entries";
 }
 
 TEST_F(VastaDamage, ASuccessorRefusesOrTakesOverWhatIsWholeAndReportsTheRest) {
