@@ -30,6 +30,24 @@ enum class MatchNeeds : std::uint8_t {
   none_,
 };
 
+// Whether an exact ether type is what is needed. None is enough for none_.
+[[nodiscard]] constexpr bool isMetBy(MatchNeeds needs, std::uint16_t etherType) noexcept {
+  switch (needs) {
+    case MatchNeeds::ip6_:
+      return etherType == 0x86DD;
+    case MatchNeeds::ip4_:
+      return etherType == 0x0800;
+    case MatchNeeds::arp_:
+      return etherType == 0x0806;
+    case MatchNeeds::ip4OrIp6_:
+    case MatchNeeds::ipPacket_:
+      return etherType == 0x0800 || etherType == 0x86DD;
+    case MatchNeeds::none_:
+      break;
+  }
+  return false;
+}
+
 // How many bits of a field's value and mask there are.
 struct MatchWidth {
   constexpr MatchWidth(unsigned count) noexcept

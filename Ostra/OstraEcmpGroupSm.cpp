@@ -7,6 +7,7 @@
 
 #include "Ostra/Trace.h"
 #include "Ostra/private/GroupNumbering.h"
+#include "Ostra/private/StepTrace.h"
 #include "Ostra/private/TableRows.h"
 #include "Ostra/private/WriteWatch.h"
 #include "platform/Korm/Clock.h"
@@ -44,9 +45,9 @@ constinit TracePoint traceEncap{traceHandle, entryLevel, scope, "handleEncapEntr
 constinit TracePoint traceMemberChange{traceHandle, entryLevel, scope,
                                        "maybeUpdateGroupOnMemberChange", " member id: %s"};
 
-constinit TracePoint traceValidateNexthop{traceHandle, entryLevel, scope, "validateNexthop"};
-constinit TracePoint traceInvalidEncap{traceHandle, TraceLevel::anomaly, scope, "validateNexthop",
-                                       " Action profile member: %s has invalid encapId: %s"};
+constinit StepTrace traceValidateNexthop{traceHandle, entryLevel, scope, "validateNexthop"};
+constinit StepTrace traceInvalidEncap{traceHandle, TraceLevel::anomaly, scope, "validateNexthop",
+                                      " Action profile member: %s has invalid encapId: %s"};
 constinit TracePoint traceCannotProgram{traceHandle, TraceLevel::anomaly, scope, "canProgram",
                                         " ofGroup: %s cannot be programmed"};
 
@@ -130,6 +131,7 @@ void OstraEcmpGroupSm::onNotificationActive(bool active) {
 void OstraEcmpGroupSm::handleInitialized() {
   traceInitialized();
   initialized_ = true;
+  startedAt_ = Korm::currentTime();
   handleEncapEntry();
   handleNexthopInfo();
   handleEcmpGroup();
@@ -370,6 +372,50 @@ GroupEntry* OstraEcmpGroupSm::newGroup(GroupId id) {
   const WriteWatch<GroupId> watch{inputs_.cxHwConfig->groupEntryNotifiees(), id};
   GroupEntry& group = inputs_.cxHwConfig->groupEntryIs(id);
   return watch.overtaken() ? nullptr : &group;
+}
+
+namespace {
+
+// What a check throws, as a refusal.
+template <class Check>
+std::optional<ProfileRefusal> refusalBy(Check check) {
+  const DryRun dryRun;
+  ProfileRefusal refusal;
+  try {
+    check();
+    return std::nullopt;
+  } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
+    refusal.message = error.what();
+    if (const auto* const own = dynamic_cast<const P4Runtime::EntryErrorException*>(&error)) {
+      refusal.code = own->code();
+    }
+  } catch (const Korm::RangeException& error) {
+    refusal.message = error.what();
+    refusal.damaged = true;
+  }
+  return refusal;
+}
+
+}  // namespace
+
+MemberPreview OstraEcmpGroupSm::preview(const NexthopInfo& row) const {
+  MemberPreview preview;
+  preview.refusal = refusalBy([&] { preview.bucket = memberBucket(row, validateNexthop(row)); });
+  return preview;
+}
+
+std::optional<ProfileRefusal> OstraEcmpGroupSm::refusalOf(const EcmpMemberList& row) const {
+  if (const auto refusal = refusalBy([&] {
+        validateGroup(row);
+        static_cast<void>(row.weights());
+      })) {
+    return refusal;
+  }
+  return row.memberIds().empty()
+             ? std::optional{ProfileRefusal{.code = std::nullopt,
+                                            .message = "the list of members is empty",
+                                            .damaged = false}}
+             : std::nullopt;
 }
 
 }  // namespace Ostra

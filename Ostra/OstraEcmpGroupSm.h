@@ -14,6 +14,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "platform/Korm/Entity.h"
@@ -26,6 +27,19 @@
 #include "platform/P4RuntimeRouting/Ecmp.h"
 
 namespace Ostra {
+
+// Why a member's or group's row cannot be programmed now.
+struct ProfileRefusal {
+  std::optional<P4Runtime::ErrorCode> code;  // of an entry error of the service's own
+  std::string message;
+  bool damaged = false;  // the stored list is damaged: a range exception
+};
+
+// What writing a member's row now would do.
+struct MemberPreview {
+  std::optional<ProfileRefusal> refusal;
+  OpenFlowTable::Bucket bucket;  // unless refused
+};
 
 class OstraEcmpGroupSm final : public Korm::Entity {
  public:
@@ -52,6 +66,15 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
   // Whether the first processing of the tables has begun.
   [[nodiscard]] bool initialized() const noexcept { return initialized_; }
+
+  // When the first processing began, in seconds since the epoch.
+  [[nodiscard]] double startedAt() const noexcept { return startedAt_; }
+
+  // What writing the row now would do, by the checks of a write. Both change nothing and trace nothing.
+  [[nodiscard]] MemberPreview preview(const P4RuntimeRouting::NexthopInfo& row) const;
+  // Nothing for a group's row that can be programmed.
+  [[nodiscard]] std::optional<ProfileRefusal> refusalOf(
+      const P4RuntimeRouting::EcmpMemberList& row) const;
 
   // Detach from one table, for good. The Corvex groups stay as they are, and the table is still read.
   void p4rtEcmpGroupTableDel() noexcept { groupReactor_.reset(); }
@@ -111,6 +134,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
 
   const Inputs inputs_;
   bool initialized_ = false;
+  double startedAt_ = 0;
 
   // Each there while its table is watched; released before the tables.
   std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleEcmpGroup>>

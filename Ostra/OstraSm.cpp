@@ -5,6 +5,7 @@
 #include "Ostra/private/FlowIndex.h"
 #include "Ostra/private/GroupNumbering.h"
 #include "Ostra/private/MatchTranslation.h"
+#include "Ostra/private/StepTrace.h"
 #include "Ostra/private/TableRows.h"
 #include "Ostra/private/WriteWatch.h"
 #include "platform/Korm/Clock.h"
@@ -28,14 +29,13 @@ constinit Brisklog::TracePoint traceNoConfig{traceHandle, anomaly, scope, flowCo
                                              " no Corvex configuration for flowKey %s"};
 constinit Brisklog::TracePoint traceInsert{traceHandle, routine, scope, flowConfig,
                                            " insert flow:%s"};
-constinit Brisklog::TracePoint traceMatchIntf{traceHandle, routine, scope, flowConfig,
-                                              " matchIntf:%s"};
-constinit Brisklog::TracePoint traceMatchEgressIntf{traceHandle, routine, scope, flowConfig,
-                                                    " match egressIntf:%s"};
-constinit Brisklog::TracePoint traceOutput{traceHandle, routine, scope, flowConfig,
-                                           " P4 egressIntf:%s intfId:%s"};
-constinit Brisklog::TracePoint traceVlan{traceHandle, routine, scope, flowConfig,
-                                         " P4 VlanId:%s cx vlanId:%s"};
+constinit StepTrace traceMatchIntf{traceHandle, routine, scope, flowConfig, " matchIntf:%s"};
+constinit StepTrace traceMatchEgressIntf{traceHandle, routine, scope, flowConfig,
+                                         " match egressIntf:%s"};
+constinit StepTrace traceOutput{traceHandle, routine, scope, flowConfig,
+                                " P4 egressIntf:%s intfId:%s"};
+constinit StepTrace traceVlan{traceHandle, routine, scope, flowConfig,
+                              " P4 VlanId:%s cx vlanId:%s"};
 constinit Brisklog::TracePoint traceModified{traceHandle, routine, scope, flowConfig,
                                              " modified  flow:%s EntryId: %s"};
 constinit Brisklog::TracePoint traceInserted{traceHandle, routine, scope, flowConfig,
@@ -109,6 +109,10 @@ std::uint64_t OstraSm::flowKeyToEntryHandleDel(const OstraKey& key) noexcept {
 }
 void OstraSm::flowKeyToEntryHandleDelAll() noexcept { index_->handleDelAll(); }
 
+std::size_t OstraSm::indexedKeys() const noexcept { return index_->size(); }
+
+void OstraSm::forEachIndexed(const VisitIndexed& visit) const { index_->forEach(visit); }
+
 void OstraSm::verify() const { index_->verify(); }
 
 void OstraSm::handleInitialized() {
@@ -177,21 +181,30 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
   traceInsert(name.text());
-  OpenFlowTable::Match match;
-  buildMatch(key.key, handle, match);
-  OpenFlowTable::Actions actions;
-  buildActions(key, entry, actions);
-  validateFlowAction(actions, actions.actionSet(), entry);
 
-  const auto tableType = static_cast<OpenFlowTable::TableType>(key.key.tableType());
-  const OpenFlowTable::PriorityGroupType priorityGroup = key.key.priorityGroupType();
+  class LiveEffects final : public Effects {
+   public:
+    LiveEffects(OstraSm& sm, const HashedKey& key, const OstraConfigEntry& entry)
+        : sm_{sm}, key_{key}, entry_{entry} {}
+    void bookVrf() override {
+      sm_.handleVrfChange(key_, entry_.vrfGiven, entry_.vrfId, entry_.entryHandle);
+    }
+    void mapKey() override { sm_.index_->handleIs(key_, entry_.entryHandle); }
+
+   private:
+    OstraSm& sm_;
+    const HashedKey& key_;
+    const OstraConfigEntry& entry_;
+  };
+  LiveEffects effects{*this, key, entry};
+  TranslatedFlow translated;
+  translate(entry, translated, effects);
+
   const bool existed = inputs_.cxHwConfig->flowEntry(name) != nullptr;
-  index_->handleIs(key, handle);
-  maybeUpdateFlowMatch(tableType, priorityGroup, match);
-  const OpenFlowTable::Priority priority{key.key.priority()};
   const FlowWatch watch{inputs_.cxHwConfig->flowEntryNotifiees(), name.text()};
   OpenFlowTable::FlowEntry& flow = inputs_.cxHwConfig->flowEntryIs(
-      name, match, actions, priority, priorityGroup, tableType, 0, 0.0, 0.0, false, true);
+      name, translated.match, translated.actions, OpenFlowTable::Priority{translated.priority},
+      translated.priorityGroupType, translated.tableType, 0, 0.0, 0.0, false, true);
   if (!watch.overtaken()) {
     flow.entryIdIs(entry.entryId);
   }
@@ -203,8 +216,30 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   (existed ? traceModified : traceInserted)(name.text(), entry.entryId);
 }
 
-void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
-                         OpenFlowTable::Match& match) const {
+// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing, and one
+// before the key is mapped leaves the VRF booked.
+void OstraSm::translate(const OstraConfigEntry& entry, TranslatedFlow& flow,
+                        Effects& effects) const {
+  flow.tableType = static_cast<OpenFlowTable::TableType>(entry.flowKey.tableType());
+  flow.priorityGroupType = entry.flowKey.priorityGroupType();
+  flow.priority = entry.flowKey.priority();
+  buildMatch(entry, flow);
+  buildActions(entry, flow, effects);
+  flow.step = FlowStep::group_;
+  validateFlowAction(flow.actions, flow.actions.actionSet(), entry);
+  flow.step = FlowStep::mapKey_;
+  effects.mapKey();
+  maybeUpdateFlowMatch(flow.tableType, flow.priorityGroupType, flow.match);
+  flow.step = FlowStep::priority_;
+  static_cast<void>(OpenFlowTable::Priority{flow.priority});
+  flow.step = FlowStep::write_;
+}
+
+void OstraSm::buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const {
+  const OstraKey& key = entry.flowKey;
+  const P4Runtime::EntryHandle handle = entry.entryHandle;
+  OpenFlowTable::Match& match = flow.match;
+  flow.step = FlowStep::ports_;
   if (const auto port = key.ingressPort(); port.constrained()) {
     validatePortAndMask(handle, port.value, port.mask, ingressPortName);
     const Interface::IntfId intf = inputs_.p4RtPortMappingStatus->p4PortIdToIntfId(port.value);
@@ -217,15 +252,20 @@ void OstraSm::buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
     traceMatchEgressIntf(intf.shortName());
     match.egressIntfIs(intf, true);
   }
+  flow.step = FlowStep::matchFields_;
   validateFlowKey(key, handle);
+  flow.step = FlowStep::matchValues_;
   copyMatchFields(key, match);
 }
 
-// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing. The plain
-// actions whose lines stand before the output action are copied before that, the others after it.
-void OstraSm::buildActions(const HashedKey& key, const OstraConfigEntry& entry,
-                           OpenFlowTable::Actions& actions) {
+// The plain actions whose lines stand before the output action are copied before the VRF is booked, the
+// others after it.
+void OstraSm::buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow,
+                           Effects& effects) const {
+  OpenFlowTable::Actions& actions = flow.actions;
+  flow.step = FlowStep::actions_;
   copyActions<Action{}, Action::outputIntf_>(entry.actions, actions);
+  flow.step = FlowStep::outputPort_;
   if (entry.outputGiven()) {
     inputs_.validationHelper->validatePortId(entry.entryHandle, entry.outputPort, egressPortName);
     const Interface::IntfId intf =
@@ -233,6 +273,7 @@ void OstraSm::buildActions(const HashedKey& key, const OstraConfigEntry& entry,
     traceOutput(entry.outputPort, intf);
     actions.outputIntfIs(intf, true);
   }
+  flow.step = FlowStep::vlan_;
   if (entry.vrfGiven) {
     actions.vrfIs(entry.vrfId, true);
   }
@@ -240,7 +281,9 @@ void OstraSm::buildActions(const HashedKey& key, const OstraConfigEntry& entry,
     actions.vlanIdIs(Bridging::VlanIdOrNone{entry.vlanId}, true);
   }
   traceVlan(entry.vlanId, actions.vlanId());
-  handleVrfChange(key, entry.vrfGiven, entry.vrfId, entry.entryHandle);
+  flow.step = FlowStep::bookVrf_;
+  effects.bookVrf();
+  flow.step = FlowStep::moreActions_;
   copyActions<Action::outputIntf_, Action::count_>(entry.actions, actions);
   if (entry.memberGiven) {
     actions.groupIs(memberGroupId(entry.memberId), true);
@@ -282,19 +325,13 @@ void OstraSm::deleteFlow(const HashedKey& key) {
 
 void OstraSm::handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
                               P4Runtime::EntryHandle handle) {
-  const std::optional<Vrf::VrfIdMap::VrfId> oldVrf = index_->vrf(key);
-  if (!oldVrf && !newValid) {
-    return;
-  }
-  if (oldVrf && newValid && newVrf == *oldVrf) {
-    return;
-  }
+  const VrfChange change = vrfChange(key, newValid, newVrf);
   Vrf::VrfIdMap::VrfId statusVrf = Vrf::VrfIdMap::none;
-  if (oldVrf && releaseVrf(key, *oldVrf, handle)) {
-    statusVrf = *oldVrf;
+  if (change.released && releaseVrf(key, *change.released, handle)) {
+    statusVrf = *change.released;
   }
-  if (newValid && takeVrf(key, newVrf, handle)) {
-    statusVrf = newVrf;
+  if (change.taken && takeVrf(key, *change.taken, handle)) {
+    statusVrf = *change.taken;
   }
   if (statusVrf != Vrf::VrfIdMap::none) {
     traceRootStatus(statusVrf, handle);
@@ -302,10 +339,33 @@ void OstraSm::handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap
   }
 }
 
+VrfChange OstraSm::vrfChange(const HashedKey& key, bool newValid,
+                             Vrf::VrfIdMap::VrfId newVrf) const {
+  const std::optional<Vrf::VrfIdMap::VrfId> oldVrf = index_->vrf(key);
+  VrfChange change;
+  if (oldVrf && newValid && newVrf == *oldVrf) {
+    return change;
+  }
+  change.released = oldVrf;
+  if (newValid) {
+    change.taken = newVrf;
+  }
+  return change;
+}
+
+bool OstraSm::isLastUser(Vrf::VrfIdMap::VrfId vrf) const {
+  return inputs_.vrfIdCollection->vrfIdRefCount(vrf) == 1U &&
+         !inputs_.vrfIdCollection->vrfDeletorRootHandle(vrf);
+}
+
+bool OstraSm::isFirstUser(Vrf::VrfIdMap::VrfId vrf) const {
+  return inputs_.vrfIdCollection->vrfIdRefCount(vrf).value_or(0) == 0 &&
+         !inputs_.vrfIdCollection->vrfCreatorRootHandle(vrf);
+}
+
 bool OstraSm::releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf,
                          P4Runtime::EntryHandle handle) {
-  const bool last = inputs_.vrfIdCollection->vrfIdRefCount(vrf) == 1U &&
-                    !inputs_.vrfIdCollection->vrfDeletorRootHandle(vrf);
+  const bool last = isLastUser(vrf);
   if (last) {
     inputs_.vrfIdCollection->vrfDeletorRootHandleIs(vrf, handle);
     markDependent(handle);
@@ -318,8 +378,7 @@ bool OstraSm::releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf,
 
 bool OstraSm::takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf,
                       P4Runtime::EntryHandle handle) {
-  const bool first = inputs_.vrfIdCollection->vrfIdRefCount(vrf).value_or(0) == 0 &&
-                     !inputs_.vrfIdCollection->vrfCreatorRootHandle(vrf);
+  const bool first = isFirstUser(vrf);
   if (first) {
     inputs_.vrfIdCollection->vrfCreatorRootHandleIs(vrf, handle);
     markDependent(handle);

@@ -8,10 +8,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "Ostra/FlowPreview.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"
 #include "platform/CorvexConfig/Config.h"
@@ -84,6 +86,17 @@ class OstraSm final : public Korm::Entity {
   // Throws: Korm::RangeException for an entry with a value out of range.
   void handleFlowConfig(const OstraKey& key);
 
+  // What writing the entry now would do, by the steps that a write takes. Changes nothing and traces
+  // nothing.
+  [[nodiscard]] FlowPreview preview(const OstraConfigEntry& entry) const;
+
+  // How many keys the index knows, by handle or by VRF.
+  [[nodiscard]] std::size_t indexedKeys() const noexcept;
+  // Calls visit(key, handle, vrf) for each, with what it has of the two.
+  using VisitIndexed = std::function<void(const OstraKey& key, std::optional<std::uint64_t> handle,
+                                          std::optional<Vrf::VrfIdMap::VrfId> vrf)>;
+  void forEachIndexed(const VisitIndexed& visit) const;
+
   // Asserts every invariant of the indexes.
   void verify() const;
 
@@ -99,15 +112,30 @@ class OstraSm final : public Korm::Entity {
   void handleFlowConfigImpl(const HashedKey& key);
   void insertFlow(const HashedKey& key, const OstraConfigEntry& entry);
   void deleteFlow(const HashedKey& key);
-  void buildMatch(const OstraKey& key, P4Runtime::EntryHandle handle,
-                  OpenFlowTable::Match& match) const;
-  void buildActions(const HashedKey& key, const OstraConfigEntry& entry,
-                    OpenFlowTable::Actions& actions);
+
+  // The steps of a write that change something while the entry is being translated.
+  class Effects {
+   public:
+    virtual void bookVrf() = 0;
+    virtual void mapKey() = 0;
+
+   protected:
+    ~Effects() = default;
+  };
+  // Takes all steps of a write but the last, in their order. Throws entry errors and range exceptions.
+  void translate(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
+  void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
+  void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
 
   // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. The batch should
   // hold the handle when the flow is its VRF's first or last; otherwise nobody hears of the dependence.
   void handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
                        P4Runtime::EntryHandle handle);
+  // Which VRF it would release and which it would take.
+  [[nodiscard]] VrfChange vrfChange(const HashedKey& key, bool newValid,
+                                    Vrf::VrfIdMap::VrfId newVrf) const;
+  [[nodiscard]] bool isLastUser(Vrf::VrfIdMap::VrfId vrf) const;
+  [[nodiscard]] bool isFirstUser(Vrf::VrfIdMap::VrfId vrf) const;
   // Each marks the entry in its root status entry, and returns true, if it is the VRF's last or first.
   bool releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   bool takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
@@ -120,7 +148,9 @@ class OstraSm final : public Korm::Entity {
   void validateFlowAction(const OpenFlowTable::Actions& actions,
                           const OpenFlowTable::ActionSet& actionSet,
                           const OstraConfigEntry& entry) const;
-  [[nodiscard]] bool groupReady(OpenFlowTable::GroupId id) const;
+  [[nodiscard]] GroupNeed groupNeed(OpenFlowTable::GroupId id) const;
+  // The field for which validateFlowKey() refuses the key, where it is a single one.
+  [[nodiscard]] static std::optional<MatchFieldId> refusedField(const OstraKey& key);
 
   // Destroyed in reverse: the reactor first, the inputs last.
   const Inputs inputs_;

@@ -8,6 +8,7 @@
 #include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
 #include "Ostra/private/EtherType.h"
+#include "Ostra/private/StepTrace.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 
 namespace Ostra {
@@ -18,10 +19,9 @@ using P4Runtime::ErrorCode;
 constexpr std::string_view scope = "OstraSm::";
 constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
 
-constinit Brisklog::TracePoint traceKey{
-    traceHandle, TraceLevel::routine, scope, "validateFlowKey", "", unit};
-constinit Brisklog::TracePoint traceAction{
-    traceHandle, TraceLevel::routine, scope, "validateFlowAction", "", unit};
+constinit StepTrace traceKey{traceHandle, TraceLevel::routine, scope, "validateFlowKey", "", unit};
+constinit StepTrace traceAction{traceHandle, TraceLevel::routine, scope, "validateFlowAction", "",
+                                unit};
 constinit Brisklog::TracePoint traceNoVerdict{
     traceHandle,
     TraceLevel::failure,
@@ -98,22 +98,20 @@ constexpr auto needyFields = [] {
 }();
 
 bool isMet(MatchNeeds needs, const MatchField<std::uint16_t>& etherType, bool isIp) noexcept {
-  const bool exact = etherType.constrained();
-  switch (needs) {
-    case MatchNeeds::ip4_:
-      return exact && etherType.value == EtherType::ipv4;
-    case MatchNeeds::ip6_:
-      return exact && etherType.value == EtherType::ipv6;
-    case MatchNeeds::arp_:
-      return exact && etherType.value == EtherType::arp;
-    case MatchNeeds::ip4OrIp6_:
-      return exact && EtherType::isIp(etherType.value);
-    case MatchNeeds::ipPacket_:
-      return isIp;
-    case MatchNeeds::none_:
-      break;
+  return needs == MatchNeeds::ipPacket_
+             ? isIp
+             : etherType.constrained() && isMetBy(needs, etherType.value);
+}
+
+// The first field that is constrained and has not what it needs.
+std::optional<MatchFieldId> fieldInNeed(const OstraKey& key,
+                                        const MatchField<std::uint16_t>& etherType, bool isIp) {
+  for (const MatchFieldId field : needyFields) {
+    if (!isMet(matchFieldInfo(field).needs, etherType, isIp) && key.constrained(field)) {
+      return field;
+    }
   }
-  return true;
+  return std::nullopt;
 }
 
 // Whether the address is of that family, or of none, which stands for zero.
@@ -150,17 +148,12 @@ void OstraSm::validateFlowKey(const OstraKey& key, P4Runtime::EntryHandle handle
   if (verdict.reason == nullptr) {
     inputs_.validationHelper->throwUndefinedEntryBehavior(handle, etherTypeName, isIpPacketName);
   }
-  for (const MatchFieldId field : needyFields) {
-    const MatchNeeds needs = matchFieldInfo(field).needs;
-    if (isMet(needs, etherType, verdict.isIp) || !key.constrained(field)) {
-      continue;
+  if (const auto field = fieldInNeed(key, etherType, verdict.isIp)) {
+    const char* const name = matchFieldName(*field);
+    if (matchFieldInfo(*field).needs == MatchNeeds::ipPacket_) {
+      inputs_.validationHelper->throwNotAllowedEntryBehavior(handle, verdict.reason, name);
     }
-    if (needs == MatchNeeds::ipPacket_) {
-      inputs_.validationHelper->throwNotAllowedEntryBehavior(handle, verdict.reason,
-                                                             matchFieldName(field));
-    }
-    inputs_.validationHelper->throwUndefinedEntryBehavior(handle, etherTypeName,
-                                                          matchFieldName(field));
+    inputs_.validationHelper->throwUndefinedEntryBehavior(handle, etherTypeName, name);
   }
   if (const auto field = fieldOfWrongFamily(key)) {
     const char* const family =
@@ -178,23 +171,44 @@ void OstraSm::validatePortAndMask(P4Runtime::EntryHandle handle, P4Runtime::P4Po
   helper->validatePortId(handle, portId, fieldName);
 }
 
-bool OstraSm::groupReady(OpenFlowTable::GroupId id) const {
-  const bool configured = inputs_.cxHwConfig->groupEntry(id) != nullptr;
+std::optional<MatchFieldId> OstraSm::refusedField(const OstraKey& key) {
+  const MatchField<std::uint16_t> etherType = key.etherType();
+  if (etherType.constrained() && etherType.mask != EtherType::exactMask) {
+    return MatchFieldId::etherType_;
+  }
+  const IpVerdict& verdict = ipVerdict(etherType, key.isIpPacket());
+  if (verdict.reason == nullptr) {
+    return MatchFieldId::isIpPacket_;
+  }
+  const auto field = fieldInNeed(key, etherType, verdict.isIp);
+  return field ? field : fieldOfWrongFamily(key);
+}
+
+GroupNeed OstraSm::groupNeed(OpenFlowTable::GroupId id) const {
+  GroupNeed need{.id = id, .state = GroupNeed::State::missing_, .status = std::nullopt};
+  if (inputs_.cxHwConfig->groupEntry(id) == nullptr) {
+    return need;
+  }
+  need.state = GroupNeed::State::notReady_;
   const auto status = inputs_.cxHwStatusDir
                           ? inputs_.cxHwStatusDir->entityPtr<OpenFlowTable::HwStatus>(p4rtName)
                           : nullptr;
-  if (!configured || !status) {
-    return false;
+  const OpenFlowTable::GroupStats* const stats = status ? status->groupStats(id) : nullptr;
+  if (stats != nullptr) {
+    need.status = stats->status();
+    if (stats->status() == OpenFlowTable::GroupStatus::ready_) {
+      need.state = GroupNeed::State::ready_;
+    }
   }
-  const OpenFlowTable::GroupStats* const stats = status->groupStats(id);
-  return stats != nullptr && stats->status() == OpenFlowTable::GroupStatus::ready_;
+  return need;
 }
 
 void OstraSm::validateFlowAction(const OpenFlowTable::Actions& actions,
                                  const OpenFlowTable::ActionSet& actionSet,
                                  const OstraConfigEntry& entry) const {
   traceAction();
-  if (!actionSet.has(OpenFlowTable::Action::group_) || groupReady(actions.group())) {
+  if (!actionSet.has(OpenFlowTable::Action::group_) ||
+      groupNeed(actions.group()).state == GroupNeed::State::ready_) {
     return;
   }
   const Korm::String reference = entry.memberGiven ? "Member id: " + std::to_string(entry.memberId)

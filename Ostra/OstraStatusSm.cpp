@@ -10,6 +10,7 @@
 #include "Ostra/FlowUtil.h"
 #include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
+#include "Ostra/private/StatusResults.h"
 #include "Ostra/private/TableRows.h"
 
 namespace Ostra {
@@ -62,33 +63,6 @@ constinit TracePoint traceWholeDir{traceHandle, routine, dirScope, dirHandler, "
 constinit TracePoint traceDirEntity{traceHandle, routine, dirScope, dirHandler, " %s", unit};
 constinit TracePoint traceSmCreated{traceHandle, routine, dirClass, "", " create statusSm", unit};
 constinit TracePoint traceSmDeleted{traceHandle, routine, dirClass, "", " delete statusSm", unit};
-
-// The result of a flow's write by the status of the flow. None while the hardware is still at it.
-[[nodiscard]] constexpr std::optional<ErrorCode> flowResult(FlowStatus status) noexcept {
-  switch (status) {
-    case FlowStatus::pending_:
-    case FlowStatus::programming_:
-    case FlowStatus::waitingForGroup_:
-    case FlowStatus::waitingForInterface_:
-    case FlowStatus::deleting_:
-      return std::nullopt;
-    case FlowStatus::programmed_:
-    case FlowStatus::programmedInSoftware_:
-      return ErrorCode::success_;
-    case FlowStatus::matchNotSupported_:
-      return ErrorCode::matchNotSupported_;
-    case FlowStatus::actionNotSupported_:
-    case FlowStatus::actionSetNotSupported_:
-      return ErrorCode::actionNotSupported_;
-    case FlowStatus::hardwareFull_:
-      return ErrorCode::hardwareResourceExhausted_;
-    case FlowStatus::hardwareError_:
-    case FlowStatus::invalidInterface_:
-    case FlowStatus::conflict_:
-      break;
-  }
-  return ErrorCode::hardwareError_;  // also for a status that has no name here
-}
 
 // Why the write of a group or member failed, by the status of its group. Any other status leaves the
 // result of the write alone.

@@ -22,6 +22,7 @@ constexpr std::array optionWords{
     Word{"--stopped", "", [](Options& options, std::string_view) { options.stopped = true; }},
     Word{"--keep-going", "", [](Options& options, std::string_view) { options.keepGoing = true; }},
     Word{"-k", "", [](Options& options, std::string_view) { options.keepGoing = true; }},
+    Word{"--audit", "", [](Options& options, std::string_view) { options.audit = true; }},
     Word{"--trace", "N",
          [](Options& options, std::string_view level) {
            options.traceLevel = static_cast<int>(parseNumber<std::uint8_t>(level, "--trace"));
@@ -58,6 +59,8 @@ input is read where a FILE is - or where there is none; on a terminal that is a 
   --json               one JSON object a line instead of text
   --stopped            start with the library not yet created ('start' creates it)
   -k, --keep-going     report a bad command and carry on; the exit status is 2 at the end
+  --audit              audit the switch after every batch, and end the run, with exit status 2, at the
+                       first fault that no command of the script has made by hand
   --trace N            write the text trace of levels 0 to N to standard error
   --clock real|steps   'steps' is 0 at launch and one second later before each command, so that a run
                        repeats to the letter; 'real', the default, is the system clock

@@ -18,6 +18,7 @@ struct Options {
   bool json = false;
   bool stopped = false;
   bool keepGoing = false;
+  bool audit = false;
   bool clockSteps = false;
   bool help = false;
   bool version = false;

@@ -106,6 +106,7 @@ class Program {
     const bool terminal = ::isatty(STDOUT_FILENO) == 1;
     return {.keepGoing = options_.keepGoing,
             .verify = options_.verify,
+            .audit = options_.audit,
             .beforeCommand =
                 [steps = options_.clockSteps] {
                   if (steps) {

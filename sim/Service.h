@@ -39,6 +39,7 @@
 #include <utility>
 #include <vector>
 
+#include "Ostra/Audit.h"
 #include "Ostra/Ostra.h"
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Dir.h"
@@ -50,6 +51,7 @@
 #include "platform/Vrf/Vrf.h"
 #include "sim/Blobs.h"
 #include "sim/SharedMemory.h"
+#include "sim/StoredFlow.h"
 #include "sim/Writes.h"
 
 namespace Sim {
@@ -158,6 +160,20 @@ class Service {
   // which is before the first start.
   [[nodiscard]] std::optional<P4Runtime::P4CounterData> counter(
       P4Runtime::EntryHandle handle) const;
+
+  // What a write would do, and what has become of it. All of them change nothing.
+
+  // Writing the entry into that table now, under the handle and entry id that the service would give it.
+  // Nothing while the library is stopped.
+  [[nodiscard]] std::optional<Ostra::FlowPreview> explain(std::uint8_t table,
+                                                          Ostra::OstraConfigEntry entry) const;
+  // Nothing when no flow entry of that handle is stored.
+  [[nodiscard]] std::optional<StoredFlow> storedFlow(P4Runtime::EntryHandle handle) const;
+  // Nothing while the library is stopped.
+  [[nodiscard]] std::optional<Ostra::AuditReport> audit(
+      const Ostra::AuditOptions& options = {}) const;
+  // The flow entries whose writes wait for the hardware, by handle.
+  [[nodiscard]] std::vector<PendingView> pending() const;
 
   // The switch's own configuration.
 

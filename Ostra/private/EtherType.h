@@ -6,7 +6,6 @@
 namespace Ostra::EtherType {
 
 inline constexpr std::uint16_t ipv4 = 0x0800;
-inline constexpr std::uint16_t arp = 0x0806;
 inline constexpr std::uint16_t ipv6 = 0x86DD;
 inline constexpr std::uint16_t exactMask = 0xFFFF;
 

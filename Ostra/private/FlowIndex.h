@@ -50,6 +50,15 @@ class FlowIndex {
   }
   void handleDelAll() noexcept { takeAll(&Record::handle); }
 
+  [[nodiscard]] std::size_t size() const noexcept { return map_.size(); }
+  // Calls visit(key, handle, vrf) for each key.
+  template <class Visit>
+  void forEach(const Visit& visit) const {
+    for (const auto& entry : map_) {
+      visit(entry.key, entry.value.handle, entry.value.vrf);
+    }
+  }
+
   // Asserts every invariant.
   void verify() const {
     map_.verify();

@@ -4,6 +4,7 @@
 
 #include "Ostra/Trace.h"
 #include "Ostra/private/EtherType.h"
+#include "Ostra/private/StepTrace.h"
 #include "platform/Bridging/Bridging.h"
 #include "platform/Brisklog/Addresses.h"
 
@@ -19,15 +20,14 @@ constexpr std::string_view function = "handleFlowConfigImpl";
 constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
 constexpr int level = TraceLevel::routine;
 
-constinit Brisklog::TracePoint traceIp{traceHandle, level, scope, function, " matchIp:%s", unit};
-constinit Brisklog::TracePoint traceIp6{traceHandle, level, scope, function, " matchIp6:%s", unit};
-constinit Brisklog::TracePoint traceIsIpPacket{
+constinit StepTrace traceIp{traceHandle, level, scope, function, " matchIp:%s", unit};
+constinit StepTrace traceIp6{traceHandle, level, scope, function, " matchIp6:%s", unit};
+constinit StepTrace traceIsIpPacket{
     traceHandle, level, scope, function, " isIpPacketValid %s. isIpPacketMask %s", unit};
-constinit Brisklog::TracePoint traceInnerL3Data{traceHandle,       level, scope, function,
-                                                " innerL3Data:%s", unit};
-constinit Brisklog::TracePoint traceRewrite{
+constinit StepTrace traceInnerL3Data{traceHandle, level, scope, function, " innerL3Data:%s", unit};
+constinit StepTrace traceRewrite{
     traceHandle, level, scope, function, "maybeUpdateFlowMatch tableType %s prioGroupType%s", unit};
-constinit Brisklog::TracePoint traceReplace{
+constinit StepTrace traceReplace{
     traceHandle, level, scope, function, "replace ethertype %s with l3PacketType %s", unit};
 
 // A DSCP stands in the upper six bits of the type-of-service byte (RFC 2474, 3).

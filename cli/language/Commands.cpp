@@ -76,6 +76,7 @@ void port(Interpreter& interpreter, Words& words) {
   const Interface::IntfId intf = parseInterface(words.take("the name of an interface"), "the port");
   words.end();
   interpreter.check("port", interpreter.service().portIs(id, intf));
+  interpreter.tampered();
 }
 void noPort(Interpreter& interpreter, Words& words) {
   const auto id = takeNumber<P4Runtime::P4PortId>(words, "the id of a port");
@@ -83,6 +84,7 @@ void noPort(Interpreter& interpreter, Words& words) {
   if (!interpreter.service().portDel(id)) {
     interpreter.printer().note("port " + std::to_string(id) + " was not mapped");
   }
+  interpreter.tampered();
 }
 
 void encap(Interpreter& interpreter, Words& words) {
@@ -102,6 +104,7 @@ void corvexFlow(Interpreter& interpreter, Words& words) {
   const std::string name = takeName(words, "the name of a flow");
   words.end();
   interpreter.service().corvexFlowIs(name);
+  interpreter.tampered();
 }
 void corvexNoFlow(Interpreter& interpreter, Words& words) {
   const std::string name = takeName(words, "the name of a flow");
@@ -109,6 +112,7 @@ void corvexNoFlow(Interpreter& interpreter, Words& words) {
   if (!interpreter.service().corvexFlowDel(name)) {
     interpreter.printer().note("there was no Corvex flow " + quoted(name));
   }
+  interpreter.tampered();
 }
 
 // The hardware.
@@ -203,6 +207,7 @@ void start(Interpreter& interpreter, Words& words) {
   interpreter.print("start", announcement);
   interpreter.printer().note(service.running() ? "the library is running"
                                                : "the library stays stopped");
+  interpreter.tampered();  // without an announcement, rows may be without their flows
 }
 
 void resync(Interpreter& interpreter, Words& words) {
@@ -223,6 +228,54 @@ void counter(Interpreter& interpreter, Words& words) {
     throw CommandError{"read 'counter', expected 'start' first: nobody reads counters before"};
   }
   interpreter.printer().counter(handle, *data);
+}
+
+// What a command that looks into the library needs.
+template <class View>
+const View& ofRunningLibrary(const std::optional<View>& view, const char* command) {
+  if (!view) {
+    throw CommandError{std::string{"read '"} + command +
+                       "', expected 'start' first: the library is stopped"};
+  }
+  return *view;
+}
+
+void explainFlow(Interpreter& interpreter, Words& words) {
+  const FlowWrite flow = parseFlow(words);
+  const auto preview = interpreter.service().explain(flow.table, flow.entry);
+  interpreter.printer().explanation(flow.entry, ofRunningLibrary(preview, "explain"));
+}
+void explainHandle(Interpreter& interpreter, P4Runtime::EntryHandle handle) {
+  const auto flow = interpreter.service().storedFlow(handle);
+  if (!flow) {
+    throw CommandError{"read " + std::to_string(handle) +
+                       ", expected the handle of a flow entry that is stored"};
+  }
+  interpreter.printer().storedFlow(*flow);
+}
+void explainEntry(Interpreter& interpreter, Words& words) {
+  const auto handle = takeNumber<std::uint64_t>(words, "the handle of an entry");
+  words.end();
+  explainHandle(interpreter, handle);
+}
+void explainName(Interpreter& interpreter, Words& words) {
+  static constexpr std::string_view what = "'flow', 'entry', or the name of a Corvex flow";
+  static constexpr std::string_view prefix = "flow-";
+  const std::string name = takeName(words, what);
+  words.end();
+  if (!name.starts_with(prefix)) {
+    throwUnexpected(name, what);
+  }
+  explainHandle(interpreter, parseNumber<std::uint64_t>(name.substr(prefix.size()),
+                                                        "the number in the name of a flow"));
+}
+void audit(Interpreter& interpreter, Words& words) {
+  words.end();
+  interpreter.printer().audit(ofRunningLibrary(interpreter.service().audit(), "audit"));
+}
+void showPending(Interpreter& interpreter, Words& words) {
+  words.end();
+  interpreter.printer().pending(interpreter.service().pending());
 }
 
 void showFlows(Interpreter& interpreter, Words& words) {
@@ -320,11 +373,17 @@ constexpr std::array table{
     Command{"start bare", "", "create the library without announcing the rows", start<true>},
     Command{"resync", "", "announce every stored row again", resync},
     Command{"counter", "HANDLE", "read a flow entry's direct counter", counter},
+    Command{"explain flow", flowWords, "what 'insert flow' or 'modify flow' would do", explainFlow},
+    Command{"explain entry", "HANDLE", "a stored flow entry, from its row to the hardware",
+            explainEntry},
+    Command{"explain", "NAME", "the same by the name of its Corvex flow", explainName},
+    Command{"audit", "", "compare what is stored, in Corvex and in the hardware", audit},
     Command{"show flows", "", "the Corvex flows", showFlows},
     Command{"show groups", "", "the Corvex groups", showGroups},
     Command{"show vrfs", "", "the VRFs with their entries", showVrfs},
     Command{"show entries", "", "the stored flow entries and the library's index of them",
             showEntries},
+    Command{"show pending", "", "the flow entries whose writes wait for the hardware", showPending},
     Command{"show hw", "", "what the hardware publishes", showHw},
     Command{"show trace", "[N]", "the newest N records of the trace ring (default 50)", showTrace},
     Command{"echo", "TEXT", "print the text", echo},

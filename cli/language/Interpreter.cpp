@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <csignal>
+#include <limits>
 #include <ostream>
 
 #include "cli/Progress.h"
 #include "cli/language/Commands.h"
+#include "cli/output/Hints.h"
 
 namespace Cli {
 namespace {
@@ -32,6 +34,10 @@ std::string countOf(std::size_t count, const std::string& what) {
   return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+std::string faultName(const Ostra::AuditFinding& finding) {
+  return std::string{auditKindText(finding.kind)} + " " + finding.about;
+}
+
 }  // namespace
 
 void requestStop() noexcept { stopWanted = 1; }
@@ -43,7 +49,7 @@ Interpreter::Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& pr
     : service_{service}, agent_{agent}, printer_{printer}, options_{std::move(options)} {}
 
 bool Interpreter::ended() const noexcept {
-  return quit_ || stopWanted != 0 || (failed_ && !options_.keepGoing);
+  return quit_ || faultFound_ || stopWanted != 0 || (failed_ && !options_.keepGoing);
 }
 
 void Interpreter::play(LineReader& input, const std::string& name, Progress* progress) {
@@ -162,7 +168,10 @@ void Interpreter::commitBatch() {
   apply(updates);
 }
 
-void Interpreter::settle() { Sim::Service::settle(); }
+void Interpreter::settle() {
+  Sim::Service::settle();
+  tampered();
+}
 
 void Interpreter::check(std::string_view command, const Sim::Failure& failure) {
   if (failure) {
@@ -180,6 +189,58 @@ void Interpreter::print(std::string_view command, const Sim::Announcement& annou
 void Interpreter::apply(const std::vector<Sim::Update>& updates) {
   for (const Sim::Result& result : service_.apply(updates)) {
     printer_.result(result);
+    hintAt(result);
+  }
+  if (options_.audit) {
+    auditBatch();
+  }
+}
+
+// What the entry says now may be accepted by now, and then there is nothing to say.
+void Interpreter::hintAt(const Sim::Result& result) {
+  const bool refused = result.state == Sim::State::failed_ ||
+                       (result.state == Sim::State::done_ && !result.message.empty());
+  if (!refused || result.kind != Sim::Kind::flow_) {
+    return;
+  }
+  const auto stored = service_.storedFlow(result.handle);
+  if (!stored || !stored->preview) {
+    return;
+  }
+  if (const std::string text = hintText(*stored->row, *stored->preview); !text.empty()) {
+    printer_.hint(text);
+  }
+}
+
+// Hardware that is driven by hand answers when the hand says so.
+Ostra::AuditReport Interpreter::audited() const {
+  Ostra::AuditOptions auditOptions;
+  if (!agent_.automatic()) {
+    auditOptions.answerLimit = std::numeric_limits<double>::infinity();
+  }
+  return service_.audit(auditOptions).value_or(Ostra::AuditReport{});
+}
+
+void Interpreter::tampered() {
+  if (!options_.audit) {
+    return;
+  }
+  for (const Ostra::AuditFinding& finding : audited().findings) {
+    if (finding.fault) {
+      knownFaults_.insert(faultName(finding));
+    }
+  }
+}
+
+void Interpreter::auditBatch() {
+  Ostra::AuditReport report = audited();
+  std::erase_if(report.findings, [this](const Ostra::AuditFinding& finding) {
+    return !finding.fault || knownFaults_.contains(faultName(finding));
+  });
+  if (!report.findings.empty()) {
+    printer_.audit(report);
+    fail(where_, "read a batch that leaves a fault behind, expected none");
+    faultFound_ = true;
   }
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -25,6 +26,7 @@ struct InterpreterOptions {
   // Whose flows, members and groups are: not empty, and the commands that write them are refused.
   std::string_view writer{};
   bool verify = false;  // every invariant is checked after each command
+  bool audit = false;   // the first fault that an audit finds after a batch ends the run
   // Called before and after each command.
   std::function<void()> beforeCommand{};
   std::function<void()> afterCommand{};
@@ -65,6 +67,8 @@ class Interpreter {
   void quit() noexcept { quit_ = true; }
   // The hardware has been told something: lets it act.
   void settle();
+  // A hand has changed the switch, so that the faults there are now are known.
+  void tampered();
   // Says so if a command that was understood has failed.
   void check(std::string_view command, const Sim::Failure& failure);
   void print(std::string_view command, const Sim::Announcement& announcement);
@@ -79,6 +83,9 @@ class Interpreter {
   void apply(const std::vector<Sim::Update>& updates);
   void afterCommand();
   void printReports();
+  void hintAt(const Sim::Result& result);
+  [[nodiscard]] Ostra::AuditReport audited() const;
+  void auditBatch();
   // Throws CommandError when entries are written by somebody else.
   void checkWriter() const;
   void fail(std::string_view where, std::string_view message);
@@ -89,6 +96,8 @@ class Interpreter {
   InterpreterOptions options_;
   std::string_view where_;  // of the line that is being played
   std::optional<Batch> batch_;
+  std::set<std::string> knownFaults_;  // those that a hand has made
+  bool faultFound_ = false;
   bool quit_ = false;
   bool failed_ = false;
 };

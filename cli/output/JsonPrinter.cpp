@@ -12,10 +12,6 @@ namespace {
 
 Json object(std::string_view type) { return {{"type", type}}; }
 
-void print(std::ostream& out, const Json& object) {
-  out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
-}
-
 std::uint64_t number(P4Runtime::EntryHandle handle) { return handle; }
 
 template <class Items, class ToJson>
@@ -52,7 +48,7 @@ void JsonPrinter::result(const Sim::Result& result) {
     line["code"] = static_cast<std::uint32_t>(result.code);
   }
   line["message"] = result.message;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::report(const Sim::Report& report) {
@@ -60,14 +56,14 @@ void JsonPrinter::report(const Sim::Report& report) {
   line["handle"] = number(report.handle);
   line["code"] = static_cast<std::uint32_t>(report.code);
   line["message"] = report.message;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::error(std::string_view where, std::string_view message) {
   Json line = object("error");
   line["where"] = where;
   line["message"] = message;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::failure(std::string_view where, std::string_view /*command*/,
@@ -80,7 +76,7 @@ void JsonPrinter::note(std::string_view /*text*/) {}
 void JsonPrinter::echo(std::string_view text) {
   Json line = object("echo");
   line["text"] = text;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::help(std::span<const HelpEntry> commands, bool grammar) {
@@ -92,7 +88,7 @@ void JsonPrinter::help(std::span<const HelpEntry> commands, bool grammar) {
     }
     return entry;
   });
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::counter(P4Runtime::EntryHandle handle, const P4Runtime::P4CounterData& data) {
@@ -100,21 +96,21 @@ void JsonPrinter::counter(P4Runtime::EntryHandle handle, const P4Runtime::P4Coun
   line["handle"] = number(handle);
   line["packets"] = data.packets;
   line["bytes"] = data.bytes;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::flows(const std::vector<Sim::FlowView>& flows) {
   Json line = object("flows");
   line["flows"] =
       arrayOf(flows, [](const Sim::FlowView& view) { return flowToJson(*view.name, *view.flow); });
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::groups(const std::vector<const OpenFlowTable::GroupEntry*>& groups) {
   Json line = object("groups");
   line["groups"] =
       arrayOf(groups, [](const OpenFlowTable::GroupEntry* group) { return groupToJson(*group); });
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::vrfs(const std::vector<Sim::VrfView>& vrfs,
@@ -129,7 +125,7 @@ void JsonPrinter::vrfs(const std::vector<Sim::VrfView>& vrfs,
   line["dependents"] = arrayOf(dependents, [](const Sim::DependentView& view) {
     return Json{{"handle", number(view.handle)}, {"vrf", view.vrf}};
   });
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::entries(const std::vector<Sim::TableView>& tables) {
@@ -137,7 +133,7 @@ void JsonPrinter::entries(const std::vector<Sim::TableView>& tables) {
   line["tables"] = arrayOf(tables, [](const Sim::TableView& table) {
     return Json{{"table", table.table}, {"entries", arrayOf(table.entries, toJson)}};
   });
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::hw(const Sim::HwAgent& agent) {
@@ -149,13 +145,13 @@ void JsonPrinter::hw(const Sim::HwAgent& agent) {
     return Json{{"id", view.id}, {"status", static_cast<std::uint32_t>(view.status)}};
   });
   line["counterPoll"] = agent.counterPoll();
-  print(out_, line);
+  printJson(out_, line);
 }
 
 void JsonPrinter::trace(const std::vector<std::string>& lines) {
   Json line = object("trace");
   line["lines"] = lines;
-  print(out_, line);
+  printJson(out_, line);
 }
 
 }  // namespace Cli

@@ -31,6 +31,12 @@ class JsonPrinter final : public Printer {
   void entries(const std::vector<Sim::TableView>& tables) override;
   void hw(const Sim::HwAgent& agent) override;
   void trace(const std::vector<std::string>& lines) override;
+  void hint(std::string_view text) override;
+  void explanation(const Ostra::OstraConfigEntry& entry,
+                   const Ostra::FlowPreview& preview) override;
+  void storedFlow(const Sim::StoredFlow& flow) override;
+  void audit(const Ostra::AuditReport& report) override;
+  void pending(const std::vector<Sim::PendingView>& writes) override;
 
  private:
   std::ostream& out_;

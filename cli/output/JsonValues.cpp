@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <ostream>
 #include <string>
 
 #include "cli/output/TextValues.h"
@@ -56,6 +57,10 @@ Json toJson(const OpenFlowTable::FixedBlock& block) {
 }
 
 }  // namespace
+
+void printJson(std::ostream& out, const Json& object) {
+  out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
+}
 
 Json secondsToJson(double seconds) {
   if (std::trunc(seconds) == seconds && std::abs(seconds) < largestWhole) {

@@ -52,6 +52,15 @@ class Printer {
   virtual void entries(const std::vector<Sim::TableView>& tables) = 0;
   virtual void hw(const Sim::HwAgent& agent) = 0;
   virtual void trace(const std::vector<std::string>& lines) = 0;
+
+  // Writes before and after they are made.
+  // What would be accepted in place of what the last result refused; for people.
+  virtual void hint(std::string_view text) = 0;
+  virtual void explanation(const Ostra::OstraConfigEntry& entry,
+                           const Ostra::FlowPreview& preview) = 0;
+  virtual void storedFlow(const Sim::StoredFlow& flow) = 0;
+  virtual void audit(const Ostra::AuditReport& report) = 0;
+  virtual void pending(const std::vector<Sim::PendingView>& writes) = 0;
 };
 
 }  // namespace Cli

@@ -35,6 +35,14 @@ class Telemetry final : public Korm::Entity {
   }
   // How many have ever been taken.
   [[nodiscard]] std::uint64_t total() const noexcept { return total_; }
+  // Calls visit(stamp) for each that is kept, oldest first.
+  template <class Visit>
+  void forEachKept(Visit visit) const {
+    for (std::uint64_t number = total_ > capacity ? total_ - capacity : 0; number < total_;
+         ++number) {
+      visit(stamps_[number % capacity]);
+    }
+  }
   // The newest of that handle and type, if it is still kept.
   [[nodiscard]] std::optional<Timestamp> newest(EntryHandle handle,
                                                 TelemetryTimestampType type) const;

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "platform/Korm/Clock.h"
 #include "platform/Korm/Exceptions.h"
 
 namespace Sim {
@@ -53,10 +54,26 @@ P4Runtime::EntryHandle Transactions::storedFlow(std::uint8_t table,
   return {};
 }
 
+StoredRow Transactions::viewOf(const Row& row) noexcept {
+  return {.key = &row.key,
+          .table = row.table,
+          .kind = row.kind,
+          .op = row.op,
+          .since = row.since,
+          .stored = row.stored,
+          .pending = row.pending};
+}
+
+std::optional<StoredRow> Transactions::row(EntryHandle handle) const {
+  const auto* const found = rows_.find(handle);
+  return found == nullptr ? std::nullopt : std::optional{viewOf(found->value)};
+}
+
 void Transactions::begin(std::size_t updates, bool live) {
   Korm::assertTrue(!batchActive_, "one batch at a time");
   ++batch_;
   batchActive_ = true;
+  batchTime_ = Korm::currentTime();
   live_ = live;
   results_.reserve(updates);
   nextOpen_.reserve(updates);
@@ -75,7 +92,10 @@ Transactions::Row& Transactions::rowOf(EntryHandle handle) {
 }
 
 Transactions::Row& Transactions::holdRow(EntryHandle handle) {
-  Row& row = rowOf(handle);
+  return holdRow(handle, rowOf(handle));
+}
+
+Transactions::Row& Transactions::holdRow(EntryHandle handle, Row& row) {
   row.batch = batch_;
   if (!row.statusEntry) {
     objects_.batchStatus->batchStatusEntryIs(handle);
@@ -96,10 +116,16 @@ void Transactions::clearStatusEntry(EntryHandle handle) {
 void Transactions::enter(const Result& result, EntryHandle alias) {
   current_ = append(result);
   results_[current_].state = live_ ? State::pending_ : State::stored_;
+  Row& row = rowOf(result.handle);
+  row.op = result.op;
+  row.since = batchTime_;
+  if (row.kind == Kind::group_) {
+    objects_.telemetry->newTransactionTimestamp(result.handle, TelemetryTimestampType::stored_);
+  }
   if (!live_) {
     return;
   }
-  currentRow_ = &holdRow(result.handle);
+  currentRow_ = &holdRow(result.handle, row);
   currentRow_->last = current_;
   if (alias != 0) {
     const auto [entry, created] = rows_.tryEmplace(alias);
@@ -108,7 +134,9 @@ void Transactions::enter(const Result& result, EntryHandle alias) {
       entry.value.table = currentRow_->table;
       entry.value.stored = false;
     }
-    currentRow_ = &holdRow(alias);
+    currentRow_ = &holdRow(alias, entry.value);
+    currentRow_->op = result.op;
+    currentRow_->since = batchTime_;
     aliases_.push_back(alias);
   }
 }

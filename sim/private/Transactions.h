@@ -33,6 +33,17 @@
 
 namespace Sim {
 
+// What the books say of a row.
+struct StoredRow {
+  const Ostra::OstraKey* key = nullptr;  // of a flow; good until the next change
+  std::uint8_t table = 0;                // of a flow
+  Kind kind = Kind::flow_;
+  Op op = Op::insert_;  // of its last write
+  double since = 0;     // when that was, in seconds since the epoch; 0 when it is not known
+  bool stored = true;
+  bool pending = false;
+};
+
 class Transactions {
  public:
   using EntryHandle = P4Runtime::EntryHandle;
@@ -44,6 +55,10 @@ class Transactions {
 
   // Stored rows.
 
+  // The handle that the next insert will get.
+  [[nodiscard]] EntryHandle handleOfNextInsert() const noexcept {
+    return EntryHandle{numbers_.handle + 1};
+  }
   [[nodiscard]] EntryHandle nextHandle() noexcept {
     Vasta::storeWord(numbers_.handle, numbers_.handle + 1);
     return EntryHandle{numbers_.handle};
@@ -57,6 +72,18 @@ class Transactions {
   void flowIs(EntryHandle handle, std::uint8_t table, const Ostra::OstraKey& key);
   // The handle of the stored flow of that key, 0 when there is none. Looks at all of them.
   [[nodiscard]] EntryHandle storedFlow(std::uint8_t table, const Ostra::OstraKey& key) const;
+
+  // Nothing for a handle that is not in the books.
+  [[nodiscard]] std::optional<StoredRow> row(EntryHandle handle) const;
+  // Calls visit(handle, row) for each row with a write that waits for the hardware.
+  template <class Visit>
+  void forEachPending(Visit visit) const {
+    for (const auto& entry : rows_) {
+      if (entry.value.pending) {
+        visit(entry.key, viewOf(entry.value));
+      }
+    }
+  }
 
   // A batch.
 
@@ -106,15 +133,19 @@ class Transactions {
     Index last = none;        // its newest update of that batch
     Kind kind = Kind::flow_;
     std::uint8_t table = 0;  // of a flow
+    double since = 0;        // of the last update
+    Op op = Op::insert_;
     bool stored = true;
     bool pending = false;      // an earlier batch left something open
     bool statusEntry = false;  // its batch status entry is open
   };
 
+  [[nodiscard]] static StoredRow viewOf(const Row& row) noexcept;
   Index append(const Result& result);
   Row& rowOf(EntryHandle handle);
   // Holds the row in the batch, with its batch status entry open and free of errors of earlier updates.
   Row& holdRow(EntryHandle handle);
+  Row& holdRow(EntryHandle handle, Row& row);
   void clearStatusEntry(EntryHandle handle);
 
   void handleResult(const P4Runtime::TransactionResult& result);
@@ -151,6 +182,7 @@ class Transactions {
   GivenNumbers& numbers_;
   Korm::HashMap<EntryHandle, Row> rows_;
   std::uint64_t batch_ = 0;
+  double batchTime_ = 0;  // when it began
   bool batchActive_ = false;
   bool live_ = false;
   Index current_ = none;

@@ -26,7 +26,8 @@ class Scenario : public testing::TestWithParam<std::string> {};
 
 TEST_P(Scenario, PrintsWhatItSays) {
   const fs::path base = fs::path{OSTRA_SCENARIOS} / GetParam();
-  const CliTest::Finished played = CliTest::sim({}, {"--clock", "steps", base.string() + ".txt"});
+  const CliTest::Finished played =
+      CliTest::sim({}, {"--audit", "--clock", "steps", base.string() + ".txt"});
   EXPECT_EQ(played.status, 0);
   EXPECT_EQ(played.errors, "");
   EXPECT_EQ(CliTest::linesOf(played.out),

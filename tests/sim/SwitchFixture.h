@@ -21,6 +21,8 @@
 
 namespace SwitchTest {
 
+using OpenFlowTable::FlowStatus;
+using OpenFlowTable::GroupStatus;
 using Sim::Op;
 using Sim::Update;
 using testing::ElementsAre;
@@ -28,11 +30,17 @@ using testing::IsEmpty;
 
 using Lines = std::vector<std::string>;
 
+inline constexpr OpenFlowTable::GroupId memberBase = 4294967296;
+
 // A flow that matches IPv4 packets to 10.0.0.0 + number.
 struct Flow {
   std::uint32_t number = 0;
   std::optional<Vrf::VrfIdMap::VrfId> vrf{};
-  std::int32_t priority = 10;  // 70000 is a range error after the key is mapped
+  std::optional<std::uint32_t> group{};
+  std::optional<P4Runtime::P4PortId> output{};    // 0 is an entry error before the VRF is booked
+  std::optional<std::uint8_t> cpuTrafficClass{};  // 17 is a range error after the VRF is booked
+  std::int32_t priority = 10;                     // 70000 is a range error after the key is mapped
+  std::uint8_t table = 0;
 };
 
 inline Ostra::OstraConfigEntry rowOf(const Flow& flow) {
@@ -48,22 +56,40 @@ inline Ostra::OstraConfigEntry rowOf(const Flow& flow) {
     row.vrfGiven = true;
     row.vrfId = *flow.vrf;
   }
+  if (flow.group) {
+    row.groupGiven = true;
+    row.groupId = *flow.group;
+  }
+  if (flow.output) {
+    row.outputPortIs(*flow.output);
+  }
+  if (flow.cpuTrafficClass) {
+    row.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(*flow.cpuTrafficClass, true);
+  }
   return row;
 }
 
-inline Update insert(const Flow& flow) { return Update::flow(Op::insert_, 0, rowOf(flow)); }
-inline Update modify(const Flow& flow) { return Update::flow(Op::modify_, 0, rowOf(flow)); }
-inline Update remove(const Flow& flow) { return Update::flow(Op::delete_, 0, rowOf(flow)); }
+inline Update insert(const Flow& flow) {
+  return Update::flow(Op::insert_, flow.table, rowOf(flow));
+}
+inline Update modify(const Flow& flow) {
+  return Update::flow(Op::modify_, flow.table, rowOf(flow));
+}
+inline Update remove(const Flow& flow) {
+  return Update::flow(Op::delete_, flow.table, rowOf(flow));
+}
 
 struct Member {
   std::uint32_t id = 0;
+  P4Runtime::P4PortId port = 1;
+  NexthopGroup::EncapId encap = 9;
 };
 
 inline Update write(Op op, const Member& member) {
   P4RuntimeRouting::NexthopInfo row;
   row.memberId = member.id;
-  row.p4PortId = 1;
-  row.encapId = 9;
+  row.p4PortId = member.port;
+  row.encapId = member.encap;
   return Update::member(op, row);
 }
 
@@ -103,17 +129,17 @@ inline Lines linesOf(const std::vector<Sim::Result>& results) {
   return lines;
 }
 
+inline const std::string badPort = "egress port-id: port id 0 is outside 1 to 4294967039";
 inline const std::string badPriority = "Priority::value < -1 or > Priority::max not allowed";
+inline const std::string badTrafficClass =
+    "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed";
 
 class Switch : public testing::Test {
  protected:
   Switch() {
     Korm::clockIs([] { return 1000.0; });
     service.portIs(1, Interface::IntfId{"Ethernet1"});
-    NexthopGroup::EncapEntry encap;
-    encap.encapId = 9;
-    encap.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-    EXPECT_EQ(service.encapIs(encap), std::nullopt);
+    encap(9);
     service.start();
   }
   ~Switch() override {
@@ -121,6 +147,13 @@ class Switch : public testing::Test {
     service.verify();
     agent.verify();
     Korm::clockIs(nullptr);
+  }
+
+  void encap(NexthopGroup::EncapId id) {
+    NexthopGroup::EncapEntry entry;
+    entry.encapId = id;
+    entry.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
+    EXPECT_EQ(service.encapIs(entry), std::nullopt);
   }
 
   Lines apply(const std::vector<Update>& batch) { return linesOf(service.apply(batch)); }
