@@ -192,6 +192,10 @@ Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) 
   }
   try {
     return Program{options, out, errors}.run();
+  } catch (const Sim::LeftoverError& error) {
+    errors << "ostra-sim: " << error.what()
+           << ": --resume goes on with them, --discard removes them\n";
+    return internalFailure;
   } catch (const std::exception& error) {
     out.flush();
     errors << "ostra-sim: " << error.what() << '\n';

@@ -184,6 +184,8 @@ Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) 
     return fail(badInput, "cannot read the commands of --config: " + error.code().message());
   } catch (const P4rt::FileError& error) {
     return fail(badInput, error.what());
+  } catch (const Sim::LeftoverError& error) {
+    return fail(failure, std::string{error.what()} + ": --discard removes them");
   } catch (const BadInput& error) {
     return fail(badInput, error.what());
   } catch (const std::exception& error) {
@@ -194,6 +196,7 @@ Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) 
 }  // namespace
 
 int main(int argc, char** argv) {
+  Cli::prepareStreams();
   Cli::Output out{STDOUT_FILENO};
   Cli::Output errors{STDERR_FILENO};
   return runProgram(argc, argv, out, errors);

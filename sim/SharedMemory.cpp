@@ -110,8 +110,8 @@ void SharedMemory::inspect(Leftover leftover) {
   }
   const bool left = known && loadWord(words[Word::inService_]) != 0;
   if (left && leftover == Leftover::refuse_) {
-    throw SharedNameError{subject() + " holds the tables of process " + processOf(*segment_) +
-                          ", which is gone: --resume goes on with them, --discard removes them"};
+    throw LeftoverError{subject() + " holds the tables of process " + processOf(*segment_) +
+                        ", which is gone"};
   }
   resuming_ = left && leftover == Leftover::resume_;
   removes_ = !resuming_;

@@ -40,6 +40,13 @@ class SharedNameError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// There are tables of a process that is gone, and they are to be refused. The program adds to what() which
+// of its options go on with them or remove them.
+class LeftoverError : public SharedNameError {
+ public:
+  using SharedNameError::SharedNameError;
+};
+
 class SharedMemory {
  public:
   // Throws SharedNameError when another process has the name, or when there are tables and they are to be
