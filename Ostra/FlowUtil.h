@@ -1,6 +1,6 @@
 // The names that tie a Corvex flow to its P4Runtime entry.
 //
-// Thread and process rule: values and free functions without state.
+// Threads: any; these are values and functions without state.
 #pragma once
 
 #include <array>
@@ -17,7 +17,8 @@ inline constexpr std::string_view flowCounterSuffix = "-p4rt";
 // "flow-" and the identifier, an entry handle, in decimal.
 [[nodiscard]] Korm::String buildFlowName(std::uint64_t identifier);
 
-// The same without allocating memory, for the paths that are to be fast. `suffix` follows the number.
+// The same without allocating memory, for the paths that are to be fast. `suffix` follows the
+// number.
 // Requires: `suffix` has at most `longestSuffix` characters.
 class FlowName {
  public:
@@ -32,9 +33,10 @@ class FlowName {
   std::size_t length_;
 };
 
-// The identifier in a flow name, read as sscanf reads "flow-%lu". White space and a sign may stand before
-// the number, and whatever stands behind it is ignored. A negative number wraps around. A number too
-// large for 64 bits gives the largest. A name that does not parse is traced and gives 0, as "flow-0" does.
+// The identifier in a flow name, read as sscanf reads "flow-%lu". White space and a sign may stand
+// before the number, and whatever stands behind it is ignored. A negative number wraps around. A
+// number too large for 64 bits gives the largest. A name that does not parse is traced and gives 0,
+// as "flow-0" does.
 [[nodiscard]] std::uint64_t flowIdFromName(const Korm::String& name);
 
 }  // namespace Ostra

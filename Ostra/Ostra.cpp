@@ -49,8 +49,8 @@ Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> mountEncapTable(
   return mount->table<NexthopGroup::L2NexthopGroupEncapTable>(StatePath::ipv4EncapTable);
 }
 
-// Stores another state machine, or none. Switches the old one off, which somebody else may hold, and
-// returns it.
+// Stores another state machine, or none. Switches the old one off, which somebody else may hold,
+// and returns it.
 template <class Sm>
 Korm::Ptr<Sm> replace(Korm::Ptr<Sm>& stored, Korm::Ptr<Sm> fresh) {
   auto old = std::exchange(stored, std::move(fresh));

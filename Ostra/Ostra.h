@@ -8,9 +8,9 @@
 //
 // From then on the library is driven by changes of its inputs, until the context goes.
 //
-// Thread and process rule: the hosting service's activity thread.
-// Ownership: the service owns the context; the context holds references to its inputs and owns the state
-// machines.
+// Threads: the hosting service's activity thread.
+// Ownership: the service owns the context. The context holds references to its inputs and owns the
+// state machines.
 #pragma once
 
 #include <cstdint>
@@ -68,18 +68,19 @@ class OstraContext final : public Korm::Entity {
 
   // Stores the inputs and does nothing else.
   explicit OstraContext(Inputs inputs);
-  // Takes the library down: the status side first, then ECMP, then the flow state machines. What was
-  // written to Corvex stays.
+  // Takes the library down: the status side first, then ECMP, then the flow state machines. What
+  // was written to Corvex stays.
   ~OstraContext() override;
 
   // Declares the four mounts, in order.
   void doMounts(Tessel::MountGroup& mountGroup);
 
-  // Builds the library on the mounted entities. A second call builds it again: a status or ECMP state
-  // machine whose inputs are the same objects is kept. The mount status is not examined. An entity that
-  // is missing shows as null, and asserts where the library cannot run without it.
-  // Throws: Korm::RangeException for a stored entry with a value out of range. What was built until then
-  // stays.
+  // Builds the library on the mounted entities. A second call builds it again, and keeps a status
+  // or ECMP state machine whose inputs are the same objects. The mount status is not examined. An
+  // entity that is missing is null for the state machines; the two that the library cannot do
+  // without assert.
+  // Throws: Korm::RangeException for a stored entry with a value out of range. What has been built
+  // until then stays.
   void doMountsComplete(Tessel::MountStatus status,
                         const Korm::Ptr<Tessel::EntityManager>& entityManager);
 
@@ -93,15 +94,15 @@ class OstraContext final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusDirSm>& ostraStatusDirSm() const noexcept {
     return ostraStatusDirSm_;
   }
-  // Keeps the state machine whose inputs are these very objects, or replaces it by a new one, and returns
-  // the one that is stored then.
+  // Keeps the state machine if its inputs are these very objects, otherwise replaces it by a new
+  // one. Returns the one that is stored then. One that is replaced is switched off.
   Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmIs(
       const Korm::Ptr<const Korm::Dir>& cxHwStatusDir,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
       const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
       const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
       const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable);
-  // Detaches the state machine and switches it off; the caller drops the last reference.
+  // Takes the state machine out and switches it off. The caller drops the last reference.
   Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmDel();
 
   [[nodiscard]] const Korm::Ptr<OstraEcmpGroupSm>& ostraEcmpGroupSm() const noexcept {

@@ -1,6 +1,6 @@
 // The direct counters of flow entries.
 //
-// Thread and process rule: the activity thread; reads only.
+// Threads: the activity thread. Reads only.
 // Ownership: holds a reference to the directory of hardware statuses.
 #pragma once
 
@@ -11,14 +11,15 @@
 
 namespace Ostra {
 
-// Answers the service's reads of a flow entry's direct counter from what the hardware counted.
+// Answers the service's reads of the direct counter of a flow entry.
 class FlowDirectCounterImpl final : public P4Runtime::CounterImpl {
  public:
-  // `dir` is not null. Of its entities, those that are an OpenFlowTable::HwStatus count.
+  // Entities of the directory that are no OpenFlowTable::HwStatus are passed over.
+  // Requires: `dir` is not null.
   explicit FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir);
 
-  // Packets and bytes of the entry's flow, summed over all hardware statuses that have it; all zero when
-  // none has.
+  // Packets and bytes of the entry's flow, summed over all hardware statuses that have it. All zero
+  // if none has it.
   [[nodiscard]] P4Runtime::P4CounterData getCounters(std::uint64_t entryId) const override;
 
  private:

@@ -1,16 +1,16 @@
 // Turns action-profile members and groups into Corvex groups, and keeps these current.
 //
-// A member becomes an indirect group of one bucket, which describes its next hop. A group becomes a select
-// group with a copy of each member's bucket, in the order of its member list. A change of a member, or of
-// the encapsulation entry that it uses, rewrites the member's group and then every select group that
-// lists the member.
+// A member becomes an indirect group of one bucket, which describes its next hop. A group becomes a
+// select group with a copy of each member's bucket, in the order of its member list. A change of a
+// member, or of the encapsulation entry that it uses, rewrites the member's group and then every
+// select group that lists the member.
 //
-// Thread and process rule: the hosting service's activity thread.
-// Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex stays
-// when it goes.
-// Invariants: it keeps no copy of groups or members. The service's tables and the Corvex groups are all
-// the state there is, and each handler works from what they hold at that moment. A select group is
-// written only when each of its members has a group of its own.
+// Threads: the hosting service's activity thread.
+// Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex
+// stays when it is destroyed.
+// Invariants: it keeps no copy of groups or members. The service's tables and the Corvex groups are
+// all the state there is, and each handler works from what they hold at that moment. A select group
+// is written only when each of its members has a group of its own.
 #pragma once
 
 #include <optional>
@@ -43,9 +43,10 @@ struct MemberPreview {
 
 class OstraEcmpGroupSm final : public Korm::Entity {
  public:
-  // Any may be null. A table that is null is as good as an empty one that never changes. Without the port
-  // mapping no port is mapped. Without the batch status or the handle manager nobody is told of deletes.
-  // Without the Corvex configuration or the validation helper members and groups are not written.
+  // Any may be null. A table that is null is as good as an empty one that never changes. Without
+  // the port mapping no port is mapped. Without the batch status or the handle manager nobody is
+  // told of deletes. Without the Corvex configuration or the validation helper members and groups
+  // are not written.
   struct Inputs {
     Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
     Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable;
@@ -59,7 +60,8 @@ class OstraEcmpGroupSm final : public Korm::Entity {
     friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
   };
 
-  // Attaches to the tables and then processes all that they hold: encapsulation entries, members, groups.
+  // Attaches to the tables and then processes all that they hold: encapsulation entries, members,
+  // groups.
   // Throws: Korm::RangeException for a group whose stored list is damaged, as every handler does.
   explicit OstraEcmpGroupSm(Inputs inputs);
 
@@ -81,10 +83,10 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   void p4rtEcmpMemberTableDel() noexcept { memberReactor_.reset(); }
   void ipv4EncapTableDel() noexcept { encapReactor_.reset(); }
 
-  // Process one key, whether its row is there or gone. An entry error is reported against its entry and
-  // goes no further. A corrupt row is reported to its table and treated as absent.
-  // Throws: Korm::RangeException for a group whose stored list is damaged. The member handlers read the
-  // lists of all groups.
+  // Process one key, whether its row is there or gone. An entry error is reported against its entry
+  // and goes no further. A corrupt row is reported to its table and treated as absent.
+  // Throws: Korm::RangeException for a group whose stored list is damaged. The member handlers read
+  // the lists of all groups.
   void handleEcmpGroup(P4Runtime::MemberOrGroupId groupId);
   void handleNexthopInfo(P4Runtime::MemberOrGroupId memberId);
   // Processes the members that use the encapsulation entry.
@@ -145,8 +147,8 @@ class OstraEcmpGroupSm final : public Korm::Entity {
       encapReactor_;
 };
 
-// A state machine with its notifications on. The arguments are the members of OstraEcmpGroupSm::Inputs, in
-// order.
+// A state machine with its notifications on. The arguments are the members of
+// OstraEcmpGroupSm::Inputs, in order.
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraEcmpGroupSm> OstraEcmpGroupSmIs(Inputs&&... inputs) {
   return Korm::makeActive<OstraEcmpGroupSm>(

@@ -128,8 +128,8 @@ void OstraSm::handleInitialized() {
   });
 }
 
-// A flow of another table is stale to this one, too. Each of the fifteen state machines deletes whatever
-// its own table does not hold.
+// A flow of another table is stale to this one, too. Each of the fifteen state machines deletes
+// whatever its own table does not hold.
 void OstraSm::deleteStaleFlows() {
   if (!inputs_.cxHwConfig) {
     return;
@@ -393,7 +393,7 @@ void OstraSm::markDependent(P4Runtime::EntryHandle handle) {
   if (const auto root = inputs_.batchStatus->aggregatorStatus().rootStatusEntry(handle)) {
     root->dependentEntryHandleIs(handle, true);
   } else {
-    traceNoRoot(handle);  // no batch waits for this entry, so there is no result to hold back
+    traceNoRoot(handle);  // the entry is in no batch, so there is no result to hold back
   }
 }
 

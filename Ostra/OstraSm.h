@@ -1,10 +1,14 @@
 // The flow state machine: turns the entries of one flow configuration table into Corvex flows.
 //
-// Thread and process rule: the activity thread of the hosting service.
-// Ownership: holds references to its inputs. The Corvex flows belong to the hardware configuration and
-// stay there when the state machine goes.
-// Invariants: every Corvex flow that it writes is named after its entry's handle (FlowUtil.h), and the
-// key is mapped to that handle before the flow is written.
+// Threads: the activity thread of the hosting service.
+// Ownership: holds references to its inputs. The Corvex flows belong to the hardware configuration
+// and stay there when the state machine is destroyed.
+// Invariant: every Corvex flow that it writes is named after its entry's handle (FlowUtil.h), and
+// the key is mapped to that handle before the flow is written.
+//
+// The way of a flow: OstraSm.cpp, from handleFlowConfig() over buildMatch() and buildActions() to
+// the write in insertFlow(). The checks are in OstraSmValidation.cpp, the match fields in
+// private/MatchTranslation.cpp, the indexes in private/FlowIndex.h.
 #pragma once
 
 #include <cstdint>
@@ -33,9 +37,9 @@ struct HashedKey;
 
 class OstraSm final : public Korm::Entity {
  public:
-  // What a state machine works on. Any may be null. Without a table it never sees a change, and without
-  // a hardware configuration it has nowhere to write flows. The service's own objects (from
-  // `vrfIdCollection` on) are needed as soon as there is a flow to translate.
+  // What a state machine works on. Any may be null. Without a table it never sees a change. Without
+  // a hardware configuration it writes nothing.
+  // Requires: the objects from `vrfIdCollection` on are there when there is a flow to translate.
   struct Inputs {
     Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
     Korm::Ptr<CorvexConfig::Config> cxConfig;
@@ -51,8 +55,8 @@ class OstraSm final : public Korm::Entity {
     friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
   };
 
-  // Watches the table and reconciles Corvex with it. When reconciliation throws, nothing is left behind
-  // but what was already written to Corvex and the service's books.
+  // Watches the table and reconciles Corvex with it.
+  // Throws: what handleFlowConfig() throws. What was written to Corvex until then stays.
   explicit OstraSm(Inputs inputs);
   ~OstraSm() override;
 
@@ -104,7 +108,8 @@ class OstraSm final : public Korm::Entity {
   // Switches the reactor on the table.
   void onNotificationActive(bool active) override;
 
-  // Start-up: enables Corvex, deletes the flows that the table does not know, translates all entries.
+  // Start-up: enables Corvex, deletes the flows that the table does not know, translates all
+  // entries.
   void handleInitialized();
   void deleteStaleFlows();
 
@@ -127,8 +132,9 @@ class OstraSm final : public Korm::Entity {
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
 
-  // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. The batch should
-  // hold the handle when the flow is its VRF's first or last; otherwise nobody hears of the dependence.
+  // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. If the flow
+  // is the first or last user of a VRF, the batch should hold the handle, whose result then waits
+  // for the VRF.
   void handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
                        P4Runtime::EntryHandle handle);
   // Which VRF it would release and which it would take.
@@ -161,7 +167,8 @@ class OstraSm final : public Korm::Entity {
       reactor_;
 };
 
-// A state machine with its notifications on. The arguments are the members of OstraSm::Inputs, in order.
+// A state machine with its notifications on. The arguments are the members of OstraSm::Inputs, in
+// order.
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraSm> OstraSmIs(Inputs&&... inputs) {
   return Korm::makeActive<OstraSm>(OstraSm::Inputs{std::forward<Inputs>(inputs)...});

@@ -78,8 +78,8 @@ constexpr std::size_t needyFieldCount = static_cast<std::size_t>(
     std::count_if(detail::matchFieldInfos.begin(), detail::matchFieldInfos.end(),
                   [](const auto& info) { return info.needs != MatchNeeds::none_; }));
 
-// The fields that need something, in the order of the checks: by what they need, then by name. The first
-// one that breaks its condition is the one reported.
+// The fields that need something, in the order of the checks: by what they need, then by name. The
+// first one that breaks its condition is the one reported.
 constexpr auto needyFields = [] {
   std::array<MatchFieldId, needyFieldCount> fields{};
   std::size_t count = 0;

@@ -99,7 +99,8 @@ OstraStatusZeroReferencesNotifiee::OstraStatusZeroReferencesNotifiee(OstraStatus
 void OstraStatusZeroReferencesNotifiee::onAttribute() {
   if (const auto& control = status_.tableControl()) {
     control->entityIs(&status_);
-    // The control goes here unless somebody else holds it, and with it the reference that it was given.
+    // Unless somebody else holds the control, it goes here, and with it the reference to the
+    // entity.
     status_.tableControlIs(nullptr);
   }
   detach();
@@ -115,8 +116,8 @@ OstraStatus::OstraStatus(Korm::Name name)
   tableControlIs(Korm::makePtr<KormVasta::CollectionControl>());
 }
 
-// Makes a change whose corruption goes to the corruption handler. A corruption that an observer throws once
-// it has been told is no concern of this table and leaves.
+// Makes a change, and reports a corruption that it meets to the corruption handler. A corruption
+// that an observer throws is another table's, so it is passed on.
 template <class Change>
 void OstraStatus::changeTable(Change change) {
   const auto told = tableNotifyCount_;

@@ -1,10 +1,10 @@
-// What the library publishes about its entries for the service: a status record per flow, the tables of
-// such records, and the entries whose result a VRF waits for.
+// What the library publishes about its entries for the service: a status record per flow, the
+// tables of such records, and the list of entries whose result a VRF waits for.
 //
-// Thread and process rule: the activity thread. A record is a value that stands in shared memory, trivially
-// copyable and without padding; a status table has this one writer and any number of reading processes.
-// Ownership: an OstraStatus owns its table. While somebody else still holds its collection control, that
-// control keeps the entity when its last outside reference has gone.
+// Threads: the activity thread. A record stands in shared memory, so it is trivially copyable and
+// has no padding. A status table has one writer, its entity, and any number of reading processes.
+// Ownership: an OstraStatus owns its table. When its last outside reference has gone, it lives on
+// as long as somebody holds its collection control.
 #pragma once
 
 #include <array>
@@ -27,7 +27,8 @@
 
 namespace Ostra {
 
-// The status of one flow entry. The default one is empty: no handle, success, not deleted, a default key.
+// The status of one flow entry. The default one is empty: no handle, success, not deleted, and a
+// default key.
 class OstraStatusEntry : public P4Runtime::TableStatusEntryBase {
  public:
   using Key = OstraKey;
@@ -36,9 +37,9 @@ class OstraStatusEntry : public P4Runtime::TableStatusEntryBase {
   OstraStatusEntry() noexcept = default;
   OstraStatusEntry(const TableStatusEntryBase& status, const OstraKey& key) noexcept
       : TableStatusEntryBase{status}, key_{key} {}
-  // Reads the text form, and moves `current` behind it. Throws Korm::ParseException for anything that
-  // the text form would not print; where one attribute has a value that its type refuses, that is a
-  // Korm::DeserializationException with the attribute's name.
+  // Reads the text form and moves `current` behind it.
+  // Throws: Korm::ParseException for a text that valueToStrep() would not print. If it is only the
+  // value of one attribute that is refused, this is a Korm::DeserializationException with its name.
   OstraStatusEntry(std::string::const_iterator& current, std::string::const_iterator end);
 
   [[nodiscard]] const OstraKey& key() const noexcept { return key_; }
@@ -57,7 +58,7 @@ class OstraStatusEntry : public P4Runtime::TableStatusEntryBase {
   [[nodiscard]] std::string valueToStrep() const;
   friend std::ostream& operator<<(std::ostream& out, const OstraStatusEntry& entry);
 
-  // For Korm::Generic: every attribute can be read, every one but the key written.
+  // For Korm::Generic. Every attribute can be read, and every one but the key can be written.
   [[nodiscard]] static std::span<const Korm::GenericAttribute<OstraStatusEntry>>
   genericAttributes() noexcept;
 
@@ -71,8 +72,8 @@ static_assert(std::has_unique_object_representations_v<OstraStatusEntry>);
 
 class OstraStatus;
 
-// Decides what becomes of a status table's entity when its last outside reference goes: the collection
-// control gets the entity, the entity lets go of the control, and this observer of itself leaves.
+// An entity's observer of itself. When the last outside reference has gone, it hands the entity to
+// the collection control, makes the entity let go of the control, and detaches itself.
 class OstraStatusZeroReferencesNotifiee final : public Korm::Notifiee<> {
  public:
   explicit OstraStatusZeroReferencesNotifiee(OstraStatus& status);
@@ -83,8 +84,8 @@ class OstraStatusZeroReferencesNotifiee final : public Korm::Notifiee<> {
   OstraStatus& status_;
 };
 
-// The status records of one flow table, by flow key, in a shared table of this entity. The table moves to
-// the segment named after the entity's place once the entity is placed in a directory.
+// The status records of one flow table, by flow key, in a shared table of this entity. When the
+// entity is placed in a directory, the table moves to the segment that is named after this place.
 class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwner<OstraKey> {
  public:
   using Table = KormVasta::TableBinding<OstraStatusEntry>::Table;
@@ -92,25 +93,26 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
 
   explicit OstraStatus(Korm::Name name);
 
-  // The table, to read. What Vasta::Table says of records in place holds; a look-up or a walk throws
-  // Vasta::Corruption.
+  // The table, to read. See Vasta::Table for how long a record in place stays readable.
+  // Throws: Vasta::Corruption from a look-up or a walk.
   [[nodiscard]] const Table& table() const noexcept { return binding_.table(); }
 
-  // Inserts the row of the entry's key or overwrites it, then the observers hear the key.
+  // Inserts or overwrites the row of the entry's key, then tells the observers the key.
   void tableIs(const OstraStatusEntry& entry);
-  // Removes the row; the observers hear the key. The entry removed, or the default one when there was
-  // none or it is corrupt, and then nobody hears.
+  // Removes the row, tells the observers the key, and returns the entry that was removed. If there
+  // is no such row, or it is corrupt, returns the default entry and tells nobody.
   OstraStatusEntry tableDel(const OstraKey& key);
-  // Removes row by row with tableDel(). A corrupt row is passed over; the corruption handler hears of it.
+  // Calls tableDel() for each row. A corrupt row is reported to the corruption handler and stays.
   void tableDelAll();
-  // The row in the writer's private copy, for the caller to change and hand to tableCommit(); null when
-  // there is none or it is corrupt. The next tableEdit() takes the copy over.
+  // The row in the writer's private copy, for the caller to change and hand to tableCommit(). Null
+  // if there is no such row or it is corrupt. The next tableEdit() uses the same copy.
   [[nodiscard]] OstraStatusEntry* tableEdit(const OstraKey& key);
-  // Publishes in place what tableEdit() gave, then the observers hear the key. Nothing happens when the
-  // row has gone meanwhile.
+  // Publishes the copy that tableEdit() gave, then tells the observers the key. Nothing happens if
+  // the row has been removed meanwhile.
   void tableCommit(const OstraStatusEntry* entry);
 
-  // A corruption that tableIs, tableDel or tableCommit meets goes to this handler and to no observer.
+  // Told of a corruption that tableIs, tableDel or tableCommit meets. The observers are not told
+  // then.
   void corruptionHandlerIs(Vasta::TableWriter::CorruptionHandler handler) {
     binding_.corruptionHandlerIs(std::move(handler));
   }
@@ -120,7 +122,8 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   void tableNotifyQuiesced(bool quiesced) override;
   void tableNotifyMountStatus() override;
 
-  // Shows the state of the table, from the moment that it is set. Null once the entity has lost its last outside reference.
+  // Shows the state of the table, from the moment that the control is set. Null once the entity has
+  // lost its last outside reference.
   [[nodiscard]] const Korm::Ptr<KormVasta::CollectionControl>& tableControl() const noexcept {
     return tableControl_;
   }
@@ -129,13 +132,14 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   // Told the key of each row that is written or removed.
   [[nodiscard]] Notifiees& notifieeList() const noexcept { return notifiees_; }
 
-  // "tableIs" counts the calls of tableIs and tableCommit, "tableDel" those of tableDel, "tableNotify" the
-  // changes that the observers were told.
+  // "tableIs" counts the calls of tableIs and tableCommit, "tableDel" those of tableDel,
+  // "tableNotify" the changes that the observers were told.
   [[nodiscard]] const Korm::ActivityCounters& activityCounters() const noexcept {
     return counters_;
   }
 
-  // Gives the table its place; see KormVasta::TableBinding for what that throws.
+  // Gives the table its place.
+  // Throws: what KormVasta::TableBinding::handleParent() throws.
   void handleParent(Korm::Dir& parent) override { binding_.handleParent(parent, name()); }
 
  private:
@@ -160,12 +164,13 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // An index of sixteen or more is a programming error and asserts.
+  // Requires, as every operation on a slot: `index` is less than 16. Asserts otherwise.
   [[nodiscard]] const Korm::Ptr<OstraStatus>& ostraStatus(std::uint64_t index) const noexcept;
-  // Fills the slot (null empties it), lets go of what was there and tells the observers the index.
-  // Nothing happens when the slot holds this very table.
+  // Puts the table into the slot, or empties it for null, and tells the observers the index.
+  // Nothing happens if the slot holds this very table already.
   void ostraStatusIs(std::uint64_t index, Korm::Ptr<OstraStatus> status);
-  // Empties the slot and tells the observers; the table that was there, or null, and then nobody hears.
+  // Empties the slot, tells the observers, and returns the table that was there. Returns null and
+  // tells nobody if the slot is empty already.
   Korm::Ptr<OstraStatus> ostraStatusDel(std::uint64_t index);
   // Empties each occupied slot, in index order.
   void ostraStatusDelAll();
@@ -178,7 +183,7 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
     Korm::Ptr<OstraStatus> status;
   };
 
-  // Over the occupied slots in index order. Stays good across every change of the collection.
+  // Over the occupied slots in index order. Stays valid across every change of the collection.
   class Iterator {
    public:
     using value_type = Slot;
@@ -218,8 +223,8 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
 
   [[nodiscard]] Iterator begin() const { return {*this, 0}; }
   [[nodiscard]] Iterator end() const { return {*this, slots}; }
-  // The first occupied slot from this index on, for walkers that keep the index as a number. Raises the
-  // range exception of FlowTableIndex for a number that is none.
+  // The first occupied slot from this index on, for a walk that keeps the index as a number.
+  // Throws: Korm::RangeException for a number that is no FlowTableIndex.
   [[nodiscard]] Iterator from(long long index) const {
     return {*this, FlowTableIndex{index}.value()};
   }
@@ -229,8 +234,9 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
   mutable Notifiees ostraStatusNotifiees_;
 };
 
-// The entries whose next result belongs to a VRF root entry, with their VRF. The flow side adds an entry
-// when it starts or ends a VRF's use; the status side removes it with the result.
+// The entries whose next result is to be delivered to a VRF root entry, with their VRF. The flow
+// side adds an entry that starts or ends the use of a VRF. The status side removes it with the
+// result.
 class OstraStatusInfo final : public Korm::Entity {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;
@@ -248,7 +254,8 @@ class OstraStatusInfo final : public Korm::Entity {
   void dependentHandleToVrfMapIs(P4Runtime::EntryHandle handle, VrfId vrf) {
     dependentHandleToVrfMap_.is(handle, vrf);
   }
-  // The VRF that was recorded, or Vrf::VrfIdMap::none, and then nobody hears.
+  // Returns the VRF that was recorded. Returns Vrf::VrfIdMap::none, and tells nobody, if there was
+  // none.
   VrfId dependentHandleToVrfMapDel(P4Runtime::EntryHandle handle) {
     return dependentHandleToVrfMap_.del(handle).value_or(Vrf::VrfIdMap::none);
   }

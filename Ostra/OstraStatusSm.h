@@ -1,6 +1,6 @@
 // Turns what the hardware says of flows and groups into the results of the controller's writes.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 // Ownership: a state machine holds references to its inputs and owns its reactors. The one for the
 // directory owns the one for the hardware status in it.
 // Invariants: nothing is remembered between two changes; a result is what the hardware says at that
@@ -20,16 +20,17 @@
 
 namespace Ostra {
 
-// Reports what one hardware status says. The result of a flow goes to the batch status, or to the root
-// status entry if a VRF waits for it. The failure of a group or member goes to the batch status entry of
-// its write; its success is not reported from here.
+// Reports what one hardware status says. The result of a flow goes to the batch status, or to the
+// root status entry if a VRF waits for it. The failure of a group or member goes to the batch
+// status entry of its write; its success is not reported from here.
 class OstraStatusSm final : public Korm::Entity {
  public:
   using FlowStats = OpenFlowTable::FlowStats;
   using GroupId = OpenFlowTable::GroupId;
   using GroupStats = OpenFlowTable::GroupStats;
 
-  // `cxHwStatus` is not null. Any other input may be: a result that has nowhere to go is dropped.
+  // Any but `cxHwStatus` may be null. A result that has nowhere to go is dropped.
+  // Requires: `cxHwStatus` is not null.
   struct Inputs {
     Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus;
     Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
@@ -49,13 +50,13 @@ class OstraStatusSm final : public Korm::Entity {
   // The start-up pass: reports all flows, then all groups.
   void handleInitialized();
 
-  // Reports the result of one flow; a flow that the hardware no longer has is a success, one that it is
-  // still at is not reported.
+  // Reports the result of one flow. A flow that the hardware no longer has is a success. A flow
+  // that the hardware is still programming is not reported.
   void handleFlowHwStatus(const Korm::Name& flowName);
   // Reports every flow of the status.
   void handleFlowHwStatus();
-  // Reports one group, which stands for an ECMP group or, with anything in the upper half of its id, for a
-  // member.
+  // Reports one group, which stands for an ECMP group or, with anything in the upper half of its
+  // id, for a member.
   void handleGroupHwStatus(GroupId groupId);
   // Reports every group of the status.
   void handleGroupHwStatus();
@@ -74,7 +75,8 @@ class OstraStatusSm final : public Korm::Entity {
   // Switches the reactors. When they come on, they are brought in line with the status.
   void onNotificationActive(bool active) override;
 
-  // Follows the status and the change count of one flow or group. It may be destroyed by what it reports.
+  // Follows the status and the change count of one flow or group. It may be destroyed by what it
+  // reports.
   template <class Stats>
   class StatsReactor {
    public:
@@ -134,10 +136,12 @@ class OstraStatusSm final : public Korm::Entity {
       groupStatsReactor_;
 };
 
-// Keeps one OstraStatusSm for the hardware status named "p4rt" of a directory, as long as there is one.
+// Keeps one OstraStatusSm for the hardware status named "p4rt" of a directory, as long as there is
+// one.
 class OstraStatusDirSm final : public Korm::Entity {
  public:
-  // `cxStatusDir` is not null. Any other input may be.
+  // Any but `cxStatusDir` may be null.
+  // Requires: `cxStatusDir` is not null.
   struct Inputs {
     Korm::Ptr<const Korm::Dir> cxStatusDir;
     Korm::Ptr<P4Runtime::BatchStatus> batchStatus;
@@ -158,7 +162,8 @@ class OstraStatusDirSm final : public Korm::Entity {
 
   // The start-up pass over the directory.
   void handleInitialized();
-  // Brings the status state machine in line with the entity of that name; any name but "p4rt" is ignored.
+  // Brings the status state machine in line with the entity of that name. Any name but "p4rt" is
+  // ignored.
   void handleStatusDir(const Korm::Name& name);
   // The same for every entity of the directory.
   void handleStatusDir();
@@ -167,8 +172,8 @@ class OstraStatusDirSm final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusSm>& p4RtCxStatusSm() const noexcept {
     return p4RtCxStatusSm_;
   }
-  // Keeps the one whose inputs are these very objects. Otherwise makes one, which reports all that its
-  // status holds, and then lets go of the old one. Returns the one that is stored then.
+  // Keeps the one whose inputs are these very objects. Otherwise makes one, which reports all that
+  // its status holds, and then lets go of the old one. Returns the one that is stored then.
   Korm::Ptr<OstraStatusSm> p4RtCxStatusSmIs(
       const Korm::Ptr<const OpenFlowTable::HwStatus>& hwStatus,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
@@ -193,8 +198,8 @@ class OstraStatusDirSm final : public Korm::Entity {
       directoryReactor_;
 };
 
-// State machines with their start-up pass done and their notifications on. The arguments are the members
-// of the Inputs, in order.
+// State machines with their start-up pass done and their notifications on. The arguments are the
+// members of the Inputs, in order.
 template <class... Inputs>
 [[nodiscard]] Korm::Ptr<OstraStatusSm> ostraStatusSmFactory(Inputs&&... inputs) {
   return Korm::makeActive<OstraStatusSm>(OstraStatusSm::Inputs{std::forward<Inputs>(inputs)...});

@@ -3,8 +3,8 @@
 
 namespace Ostra {
 
-// The name under which the library's flows are known in the static-flow feature: the last element of
-// its paths, and the hardware status that reports on them.
+// The name under which the library's flows are known in the static-flow feature: the last element
+// of its paths, and the hardware status that reports on them.
 inline constexpr const char* p4rtName = "p4rt";
 
 namespace StatePath {

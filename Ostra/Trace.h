@@ -1,6 +1,6 @@
 // The library's trace handle, by which a host sets how much text it wants.
 //
-// Thread and process rule: as Brisklog::TraceHandle, any thread.
+// Threads: any, as Brisklog::TraceHandle.
 #pragma once
 
 #include "platform/Brisklog/TracePoint.h"

@@ -11,8 +11,8 @@
 
 namespace Ostra {
 
-// A key with its hash, so that a key is hashed once on its way through the library. The key is referred
-// to and must outlive this.
+// A key with its hash, so that a key is hashed once on its way through the library.
+// Requires: the key outlives this, which only refers to it.
 struct HashedKey {
   explicit HashedKey(const OstraKey& itsKey) noexcept : key{itsKey}, hash{itsKey.hash(0)} {}
 
@@ -20,8 +20,8 @@ struct HashedKey {
   const std::uint32_t hash;
 };
 
-// Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow counts
-// against, and the entry handle under which it was written.
+// Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow
+// counts against, and the entry handle under which it was written.
 //
 // Invariant: a key is in the map exactly while it has a VRF or a handle.
 class FlowIndex {

@@ -1,7 +1,8 @@
-// The numbers of the Corvex groups that stand for action-profile groups and members. Private to the library.
+// The numbers of the Corvex groups that stand for action-profile groups and members. Private to the
+// library.
 //
-// Group g is Corvex group g, whose upper half is zero. Member m is Corvex group 2^32 + m, so that the two
-// kinds never meet.
+// Group g is Corvex group g, whose upper half is zero. Member m is Corvex group 2^32 + m. So a
+// group and a member never have the same number.
 #pragma once
 
 #include "platform/OpenFlowTable/Types.h"
@@ -9,7 +10,7 @@
 
 namespace Ostra {
 
-// Set in the Corvex group id of a member, and in no other.
+// Set in the Corvex group ids of members only.
 inline constexpr OpenFlowTable::GroupId memberGroupBit = OpenFlowTable::GroupId{1} << 32U;
 
 [[nodiscard]] constexpr OpenFlowTable::GroupId ecmpGroupId(

@@ -1,6 +1,4 @@
 // From the match of a flow key to the Corvex match. Private to the library.
-//
-// Thread and process rule: functions without state.
 #pragma once
 
 #include "Ostra/OstraTypes.h"
@@ -8,12 +6,13 @@
 
 namespace Ostra {
 
-// Copies every constrained field but the ports, which need the service's port mapping, by its rule in
-// OSTRA_MATCH_FIELDS. Raises the range exception for a VLAN id or mask out of range.
+// Copies every constrained field but the ports, which need the service's port mapping, by its rule
+// in OSTRA_MATCH_FIELDS.
+// Throws: Korm::RangeException for a VLAN id or mask out of range.
 void copyMatchFields(const OstraKey& key, OpenFlowTable::Match& match);
 
-// In tables of type 1, an exact IPv4 or IPv6 ether type becomes the layer-3 packet type, as the hardware
-// keys those tables by packet type.
+// In tables of type 1, an exact IPv4 or IPv6 ether type becomes the layer-3 packet type, as the
+// hardware keys those tables by packet type.
 void maybeUpdateFlowMatch(OpenFlowTable::TableType tableType,
                           OpenFlowTable::PriorityGroupType priorityGroupType,
                           OpenFlowTable::Match& match);

@@ -6,8 +6,8 @@
 namespace Ostra {
 
 // A write to Corvex tells reactors, and a reactor may remove what has just been written or write it
-// again. A watch that stands on the stack around the write hears of it: it attaches behind all other
-// reactors and counts the changes of its key.
+// again. A watch that stands on the stack around the write hears of it: it attaches behind all
+// other reactors and counts the changes of its key.
 template <class Key>
 class WriteWatch final : public Korm::Notifiee<const Key&> {
  public:
