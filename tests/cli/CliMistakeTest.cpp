@@ -21,7 +21,7 @@ struct Mistake {
 const std::vector<Mistake> mistakes{
     // Commands.
     {"inser flow priority=1 -> drop", {"'inser'", "a command", "did you mean 'insert'?"}},
-    {"show flws", {"'flws'", "flows, groups, vrfs, entries, hw, trace", "'flows'?"}},
+    {"show flws", {"'flws'", "flows, groups, vrfs, entries, pending, hw, trace", "'flows'?"}},
     {"show", {"the end of the line", "after 'show'"}},
     {"commit", {"'begin' before it"}},
     {"start", {"'stop' first"}},

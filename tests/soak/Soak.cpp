@@ -45,10 +45,7 @@ class Switch {
   std::stringstream out_;
   Cli::JsonPrinter printer_{out_};
   Cli::Interpreter interpreter_{
-      service_,
-      agent_,
-      printer_,
-      {.keepGoing = true, .audit = true, .beforeCommand = Cli::StepClock::advance}};
+      service_, agent_, printer_, {.keepGoing = true, .beforeCommand = Cli::StepClock::advance}};
 };
 
 // Looks at everything that can be seen, and says what differs first.
