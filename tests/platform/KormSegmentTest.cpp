@@ -79,6 +79,9 @@ TEST_F(SegmentTest, HasOneOwnerWhomAReaderCanAskFor) {
 }
 
 TEST_F(SegmentTest, ShortageOfDescriptorsIsAnErrorAndLeavesNothing) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "the sanitizers need descriptors themselves to look at an object's type";
+#endif
   const VastaTest::TableName table;
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
