@@ -62,7 +62,8 @@ struct AuditReport {
   double seconds = 0;                  // that the audit took
 };
 
-// Compares rows, index, Corvex flows and groups, hardware status and VRF books of a context that is complete.
+// Compares rows, index, Corvex flows and groups, hardware status and VRF books of a context that is
+// complete.
 [[nodiscard]] AuditReport audit(const OstraContext& context, const AuditOptions& options = {});
 
 }  // namespace Ostra

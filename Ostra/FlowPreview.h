@@ -12,7 +12,8 @@
 
 namespace Ostra {
 
-// The steps of a write, in their order. All but three of them are checks, which translate what they check.
+// The steps of a write, in their order. All but three of them are checks, which translate what they
+// check.
 enum class FlowStep : std::uint8_t {
   ports_,        // ingress and egress port of the match
   matchFields_,  // which fields may stand together, and the families of addresses
@@ -28,8 +29,8 @@ enum class FlowStep : std::uint8_t {
   write_,  // no check: the Corvex flow is written
 };
 
-// What a write does to the counts of VRFs. A flow that moves from one VRF to another releases the first and
-// takes the second.
+// What a write does to the counts of VRFs. A flow that moves from one VRF to another releases the
+// first and takes the second.
 struct VrfChange {
   using VrfId = Vrf::VrfIdMap::VrfId;
 
@@ -58,7 +59,8 @@ struct TranslatedFlow {
   OpenFlowTable::TableType tableType{};
 };
 
-// When the write is refused, `step` is the step that refuses. What comes before it is done nevertheless.
+// When the write is refused, `step` is the step that refuses. What comes before it is done
+// nevertheless.
 struct FlowPreview : TranslatedFlow {
   enum class Outcome : std::uint8_t {
     inserts_,     // a new Corvex flow

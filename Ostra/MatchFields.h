@@ -4,11 +4,14 @@
 // - the accessor in OstraKey,
 // - the type of value and mask,
 // - the name in the P4 program,
-// - the width in bits (MatchWidth): an exact mask has all of them, and an IP address of 32 bits is IPv4,
+// - the width in bits (MatchWidth): an exact mask has all of them, and an IP address of 32 bits is
+//   IPv4,
 // - what else the entry must match (MatchNeeds) so that the field may be constrained,
-// - the rule by which the field becomes part of the Corvex match (Ostra/private/MatchTranslation.cpp).
-// Storage, text form, parser, checks, translation and the names that ostra-sim reads follow from the line.
-// The order is that of the key: where several fields share a Corvex field, a later one overwrites.
+// - the rule by which the field becomes part of the Corvex match
+//   (Ostra/private/MatchTranslation.cpp).
+// Storage, text form, parser, checks, translation and the names that ostra-sim reads follow from
+// the line. The order is that of the key: where several fields share a Corvex field, a later one
+// overwrites.
 #pragma once
 
 #include <concepts>
@@ -18,9 +21,9 @@
 
 namespace Ostra {
 
-// What an entry must match, too, so that a field may be constrained. The ether types must be exact: the
-// hardware must know which header it looks at, and the is-IP-packet flag does not say it. In the order in
-// which the needs are checked.
+// What an entry must match, too, so that a field may be constrained. The ether types must be exact:
+// the hardware must know which header it looks at, and the is-IP-packet flag does not say it. In
+// the order in which the needs are checked.
 enum class MatchNeeds : std::uint8_t {
   ip6_,       // ether type 0x86DD
   ip4_,       // ether type 0x0800

@@ -72,13 +72,15 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   // When the first processing began, in seconds since the epoch.
   [[nodiscard]] double startedAt() const noexcept { return startedAt_; }
 
-  // What writing the row now would do, by the checks of a write. Both change nothing and trace nothing.
+  // What writing the row now would do, by the checks of a write. Both change nothing and trace
+  // nothing.
   [[nodiscard]] MemberPreview preview(const P4RuntimeRouting::NexthopInfo& row) const;
   // Nothing for a group's row that can be programmed.
   [[nodiscard]] std::optional<ProfileRefusal> refusalOf(
       const P4RuntimeRouting::EcmpMemberList& row) const;
 
-  // Detach from one table, for good. The Corvex groups stay as they are, and the table is still read.
+  // Detach from one table, for good. The Corvex groups stay as they are, and the table is still
+  // read.
   void p4rtEcmpGroupTableDel() noexcept { groupReactor_.reset(); }
   void p4rtEcmpMemberTableDel() noexcept { memberReactor_.reset(); }
   void ipv4EncapTableDel() noexcept { encapReactor_.reset(); }

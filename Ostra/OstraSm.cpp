@@ -216,8 +216,8 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   (existed ? traceModified : traceInserted)(name.text(), entry.entryId);
 }
 
-// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing, and one
-// before the key is mapped leaves the VRF booked.
+// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing, and
+// one before the key is mapped leaves the VRF booked.
 void OstraSm::translate(const OstraConfigEntry& entry, TranslatedFlow& flow,
                         Effects& effects) const {
   flow.tableType = static_cast<OpenFlowTable::TableType>(entry.flowKey.tableType());
@@ -258,8 +258,8 @@ void OstraSm::buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) co
   copyMatchFields(key, match);
 }
 
-// The plain actions whose lines stand before the output action are copied before the VRF is booked, the
-// others after it.
+// The plain actions whose lines stand before the output action are copied before the VRF is booked,
+// the others after it.
 void OstraSm::buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow,
                            Effects& effects) const {
   OpenFlowTable::Actions& actions = flow.actions;

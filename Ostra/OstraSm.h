@@ -90,8 +90,8 @@ class OstraSm final : public Korm::Entity {
   // Throws: Korm::RangeException for an entry with a value out of range.
   void handleFlowConfig(const OstraKey& key);
 
-  // What writing the entry now would do, by the steps that a write takes. Changes nothing and traces
-  // nothing.
+  // What writing the entry now would do, by the steps that a write takes. Changes nothing and
+  // traces nothing.
   [[nodiscard]] FlowPreview preview(const OstraConfigEntry& entry) const;
 
   // How many keys the index knows, by handle or by VRF.
@@ -127,7 +127,8 @@ class OstraSm final : public Korm::Entity {
    protected:
     ~Effects() = default;
   };
-  // Takes all steps of a write but the last, in their order. Throws entry errors and range exceptions.
+  // Takes all steps of a write but the last, in their order. Throws entry errors and range
+  // exceptions.
   void translate(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
@@ -142,7 +143,8 @@ class OstraSm final : public Korm::Entity {
                                     Vrf::VrfIdMap::VrfId newVrf) const;
   [[nodiscard]] bool isLastUser(Vrf::VrfIdMap::VrfId vrf) const;
   [[nodiscard]] bool isFirstUser(Vrf::VrfIdMap::VrfId vrf) const;
-  // Each marks the entry in its root status entry, and returns true, if it is the VRF's last or first.
+  // Each marks the entry in its root status entry, and returns true, if it is the VRF's last or
+  // first.
   bool releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   bool takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   void markDependent(P4Runtime::EntryHandle handle);

@@ -64,8 +64,8 @@ constinit TracePoint traceDirEntity{traceHandle, routine, dirScope, dirHandler, 
 constinit TracePoint traceSmCreated{traceHandle, routine, dirClass, "", " create statusSm", unit};
 constinit TracePoint traceSmDeleted{traceHandle, routine, dirClass, "", " delete statusSm", unit};
 
-// Why the write of a group or member failed, by the status of its group. Any other status leaves the
-// result of the write alone.
+// Why the write of a group or member failed, by the status of its group. Any other status leaves
+// the result of the write alone.
 struct GroupFailure {
   GroupStatus status;
   ErrorCode code;

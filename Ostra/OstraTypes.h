@@ -1,8 +1,9 @@
-// The types that the library shares with the service: the flow key, the flow entries and their tables.
+// The types that the library shares with the service: the flow key, the flow entries and their
+// tables.
 //
-// Thread and process rule: keys and entries are values that stand in shared memory, trivially copyable and
-// without padding, so that equality and hash are exact over their bytes. The tables are the service's to
-// write, on the activity thread.
+// Thread and process rule: keys and entries are values that stand in shared memory, trivially
+// copyable and without padding, so that equality and hash are exact over their bytes. The tables
+// are the service's to write, on the activity thread.
 #pragma once
 
 #include <array>
@@ -100,16 +101,16 @@ struct MatchFieldTag : std::integral_constant<MatchFieldId, field> {
   }
 };
 
-// Identifies one flow entry by its whole match and its placement. Two entries with the same match and
-// placement are the same flow. The default key is all zero: nothing is given.
+// Identifies one flow entry by its whole match and its placement. Two entries with the same match
+// and placement are the same flow. The default key is all zero: nothing is given.
 //
-// For each line of OSTRA_MATCH_FIELDS there is an accessor `member()`, which returns the MatchField, and a
-// mutator `memberIs(value, mask)`, after which the field is given.
+// For each line of OSTRA_MATCH_FIELDS there is an accessor `member()`, which returns the
+// MatchField, and a mutator `memberIs(value, mask)`, after which the field is given.
 class OstraKey {
  public:
   OstraKey() noexcept = default;
-  // Reads the text form, and moves `current` behind it. Throws Korm::ParseException for anything that
-  // the text form would not print.
+  // Reads the text form, and moves `current` behind it. Throws Korm::ParseException for anything
+  // that the text form would not print.
   OstraKey(std::string::const_iterator& current, std::string::const_iterator end);
 
   [[nodiscard]] std::int32_t tableType() const noexcept { return tableType_; }
@@ -167,15 +168,16 @@ class OstraKey {
     return static_cast<std::uint32_t>(Korm::hashBytes(this, sizeof(OstraKey), seed) >> 32);
   }
 
-  // "Value('Ostra::OstraKey', ** {'tableType': 0, ..., 'hdr.icmp.type': '8&255'})": the placement, then
-  // the fields that are given, each as value and mask. A field that is not given but not zero either
-  // stands with a '!' before the quote.
+  // "Value('Ostra::OstraKey', ** {'tableType': 0, ..., 'hdr.icmp.type': '8&255'})": the placement,
+  // then the fields that are given, each as value and mask. A field that is not given but not zero
+  // either stands with a '!' before the quote.
   [[nodiscard]] std::string valueToStrep() const;
   friend std::ostream& operator<<(std::ostream& out, const OstraKey& key);
   // In the binary trace a key is its hash.
   friend std::uint32_t brisklogArgument(const OstraKey& key) noexcept { return key.hash(0); }
 
-  // Calls visit(tag, field) for each match field, in the order of the key. The tag is a MatchFieldTag.
+  // Calls visit(tag, field) for each match field, in the order of the key. The tag is a
+  // MatchFieldTag.
   template <class Visit>
   void forEachField(Visit&& visit) const {
 #define OSTRA_FIELD_VISIT(member, ...) visit(MatchFieldTag<MatchFieldId::member##_>{}, member());
@@ -192,8 +194,8 @@ class OstraKey {
     OSTRA_MATCH_FIELDS(OSTRA_FIELD_VISIT)
 #undef OSTRA_FIELD_VISIT
   }
-  // Calls visit(tag, field, put) for each; put(value, mask) writes the field and makes it given. For
-  // those who fill a key by name.
+  // Calls visit(tag, field, put) for each; put(value, mask) writes the field and makes it given.
+  // For those who fill a key by name.
   template <class Visit>
   void forEachField(Visit&& visit) {
 #define OSTRA_FIELD_VISIT(member, Type, ...)                \
@@ -232,10 +234,10 @@ static_assert(static_cast<unsigned>(MatchFieldId::count_) <= 32, "a bit of given
 
 // One flow entry as the service stores it.
 //
-// What the entry does stands as the controller gave it, and the translation checks it. The plain actions
-// are in `actions`. Those that the switch has to resolve stand beside it, each with a flag that says whether
-// the controller gave it: a port becomes an interface, a member or group becomes a Corvex group. Where both a
-// member and a group are given, the group counts.
+// What the entry does stands as the controller gave it, and the translation checks it. The plain
+// actions are in `actions`. Those that the switch has to resolve stand beside it, each with a flag
+// that says whether the controller gave it: a port becomes an interface, a member or group becomes
+// a Corvex group. Where both a member and a group are given, the group counts.
 struct OstraConfigEntry {
   using Key = OstraKey;
   static constexpr std::string_view vastaName = "Ostra::OstraConfigEntry";
@@ -253,13 +255,14 @@ struct OstraConfigEntry {
     actions.outputIntfIs({}, true);
   }
 
-  // Who the entry is to the service: its results are reported under the handle, and the Corvex flow is
-  // named after it. No two rows that are stored at a time have the same handle, and none has 0.
+  // Who the entry is to the service: its results are reported under the handle, and the Corvex flow
+  // is named after it. No two rows that are stored at a time have the same handle, and none has 0.
   P4Runtime::EntryHandle entryHandle;
-  // The plain actions. The output action is present in them, without a value, when `outputPort` is given.
+  // The plain actions. The output action is present in them, without a value, when `outputPort` is
+  // given.
   OpenFlowTable::Actions actions;
-  // A number that travels with the flow to the hardware, as a label for people and counters. The library
-  // passes it on and finds nothing by it; unlike handles, ids may repeat.
+  // A number that travels with the flow to the hardware, as a label for people and counters. The
+  // library passes it on and finds nothing by it; unlike handles, ids may repeat.
   std::uint32_t entryId = 0;
   P4Runtime::P4PortId outputPort = 0;  // see outputGiven()
   Vrf::VrfIdMap::VrfId vrfId = 0;      // with vrfGiven: the VRF in which the flow lives

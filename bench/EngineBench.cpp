@@ -87,7 +87,8 @@ void write(benchmark::State& state, Switch& device, const p4::v1::WriteRequest& 
   }
 }
 
-// The time of a batch of a thousand, and its updates a second. Up to 65,000 flows stand in the table.
+// The time of a batch of a thousand, and its updates a second. Up to 65,000 flows stand in the
+// table.
 void BM_EngineInsert(benchmark::State& state) {
   auto device = std::make_unique<Switch>();
   std::uint32_t first = 0;

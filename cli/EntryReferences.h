@@ -1,5 +1,5 @@
-// What an entry asks for by number beside its plain actions: one line each, with the word of the command
-// language.
+// What an entry asks for by number beside its plain actions: one line each, with the word of the
+// command language.
 //
 // Thread and process rule: a function without state.
 #pragma once
@@ -10,8 +10,8 @@
 
 namespace Cli {
 
-// A number of an entry and the flag that says whether it is given. For the output port the flag is an action
-// that is present; the entry's own functions see to that.
+// A number of an entry and the flag that says whether it is given. For the output port the flag is
+// an action that is present; the entry's own functions see to that.
 template <auto numberMember, auto givenMember>
 struct EntryReference {
   std::string_view word;

@@ -30,8 +30,9 @@ struct OptionWord {
   void (*apply)(Options& options, std::string_view argument);
 };
 
-// Applies the option at the front, "--name VALUE", "--name=VALUE" or "--name", and returns how many of the
-// arguments it took. Throws UsageError. `expected` is what is expected where the word is no option.
+// Applies the option at the front, "--name VALUE", "--name=VALUE" or "--name", and returns how many
+// of the arguments it took. Throws UsageError. `expected` is what is expected where the word is no
+// option.
 template <class Options, std::size_t size>
 std::size_t applyOption(std::span<const char* const> arguments,
                         const std::array<OptionWord<Options>, size>& words,

@@ -10,8 +10,8 @@
 
 namespace Cli {
 
-// Shows nothing in the first second, and then a line that it keeps rewriting. Who writes to the same
-// terminal calls clear() first.
+// Shows nothing in the first second, and then a line that it keeps rewriting. Who writes to the
+// same terminal calls clear() first.
 class Progress {
  public:
   // Writes to the descriptor, a terminal.

@@ -35,8 +35,8 @@ void handleSignal(int number) {
   Cli::requestStop();
 }
 
-// The first signal ends the run after the command under way, so that named shared memory is removed; a
-// second one ends the process.
+// The first signal ends the run after the command under way, so that named shared memory is
+// removed; a second one ends the process.
 void handleSignals() {
   Cli::prepareStreams();
   struct sigaction action {};

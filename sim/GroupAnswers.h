@@ -1,5 +1,5 @@
-// What the hardware answers to writes of members and groups. The service counts such a write as done before
-// the hardware has seen it, so whoever wants to know asks here.
+// What the hardware answers to writes of members and groups. The service counts such a write as
+// done before the hardware has seen it, so whoever wants to know asks here.
 //
 //   answers.expect(id, false);
 //   service.apply(...);
@@ -31,8 +31,8 @@ class GroupAnswers {
   GroupAnswers(const GroupAnswers&) = delete;
   GroupAnswers& operator=(const GroupAnswers&) = delete;
 
-  // The Corvex group is about to be written, or removed if `gone`: what the hardware says of it from now on
-  // is the answer. What it said before is not.
+  // The Corvex group is about to be written, or removed if `gone`: what the hardware says of it
+  // from now on is the answer. What it said before is not.
   void expect(GroupId id, bool gone);
   // The answer to what was expected, as the result of the write; nothing as long as there is none.
   [[nodiscard]] std::optional<ErrorCode> answer(GroupId id);

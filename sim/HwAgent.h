@@ -1,31 +1,32 @@
-// The hardware agent: programs the flows and groups that the Corvex configuration wants, and publishes what
-// the hardware says of them.
+// The hardware agent: programs the flows and groups that the Corvex configuration wants, and
+// publishes what the hardware says of them.
 //
-// It follows the configuration by its reactors. What has changed waits in a queue, each flow or group once,
-// in the order of the first change; the queue is drained by work that is deferred on the activity, never
-// inside a write. In manual mode it waits until run() is called.
+// It follows the configuration by its reactors. What has changed waits in a queue, each flow or
+// group once, in the order of the first change; the queue is drained by work that is deferred on
+// the activity, never inside a write. In manual mode it waits until run() is called.
 //
 // Draining, in that order:
-// - A flow or group that the hardware does not hold is programmed if there is room: status programmed_, or
-//   ready_ for a group. Without room the status is hardwareFull_. What is full is published as such and not
-//   tried again by itself when room comes back, since its writer has been told that it failed; it is tried
-//   when it is changed.
-// - One that was changed is published again: its status as above, and then its change count, which always
-//   grows, even while the clock stands still. What is programmed keeps its room.
-// - One that is gone is withdrawn. A flow that came and went before it could be programmed is published as
-//   pending_ and withdrawn, so that its delete is answered.
+// - A flow or group that the hardware does not hold is programmed if there is room: its status is
+//   then programmed_, or ready_ for a group. Without room its status is hardwareFull_. It is not
+//   tried again when room comes back, because its writer has been told that it failed. It is tried
+//   again when it is changed.
+// - One that was changed is published again: its status as above, and then its change count, which
+//   always grows, even while the clock stands still. What is programmed keeps its room.
+// - One that is gone is withdrawn. A flow that came and went before it could be programmed is
+//   published as pending_ and withdrawn, so that its delete is answered.
 //
-// Room is taken by what is published as programmed_ (ready_ for a group), whether the agent or somebody's
-// hand published it, and by nothing else.
+// Room is taken by what is published as programmed_ (ready_ for a group), whether the agent or
+// somebody's hand published it, and by nothing else.
 //
-// While the status entity is withdrawn (publishedIs) the agent goes on programming, and publishing it again
-// shows the same entity with everything as it is by then. Flows that were deleted meanwhile are then
-// published as pending_ and withdrawn, again so that their deletes are answered.
+// While the status entity is withdrawn (publishedIs) the agent goes on programming, and publishing
+// it again shows the same entity with everything as it is by then. Flows that were deleted
+// meanwhile are then published as pending_ and withdrawn, again so that their deletes are answered.
 //
-// Thread and process rule: the activity thread. What the agent publishes reaches the library, and the
-// service, before the operation here returns; what it puts off is done by Korm::activity().run().
-// Ownership: shares the Corvex entities with whoever made them. Lives independently of the library, before,
-// during and after it. Destroying the agent leaves what it has published.
+// Thread and process rule: the activity thread. What the agent publishes reaches the library, and
+// the service, before the operation here returns; what it puts off is done by
+// Korm::activity().run().
+// Ownership: shares the Corvex entities with whoever made them. Lives independently of the library,
+// before, during and after it. Destroying the agent leaves what it has published.
 #pragma once
 
 #include <cstddef>
@@ -52,14 +53,15 @@ class HwAgent {
   using FlowStatus = OpenFlowTable::FlowStatus;
   using GroupStatus = OpenFlowTable::GroupStatus;
 
-  // The name of the status entity that the agent publishes, and of the unit that is there from the start.
+  // The name of the status entity that the agent publishes, and of the unit that is there from the
+  // start.
   static constexpr std::string_view statusName = Ostra::p4rtName;
   static constexpr std::string_view firstUnit = "unit0";
   // What the names of flows end in within the units.
   static constexpr std::string_view unitSuffix = Ostra::flowCounterSuffix;
 
-  // Publishes an empty status and the first unit, and queues whatever the configuration holds already.
-  // Automatic, with room for everything.
+  // Publishes an empty status and the first unit, and queues whatever the configuration holds
+  // already. Automatic, with room for everything.
   HwAgent(Korm::Ptr<OpenFlowTable::CorvexHwConfig> config, Korm::Ptr<Korm::Dir> statusDir,
           Korm::Ptr<Korm::Dir> unitDir);
   ~HwAgent();
@@ -76,7 +78,8 @@ class HwAgent {
   // How many flows and groups wait.
   [[nodiscard]] std::size_t waiting() const noexcept { return queue_.size() - next_; }
 
-  // The hardware's room; nothing for no limit. Lowering it below what is programmed takes nothing away.
+  // The hardware's room; nothing for no limit. Lowering it below what is programmed takes nothing
+  // away.
   void flowCapacityIs(std::optional<std::size_t> capacity) noexcept { flows_.capacity = capacity; }
   void groupCapacityIs(std::optional<std::size_t> capacity) noexcept {
     groups_.capacity = capacity;
@@ -91,8 +94,8 @@ class HwAgent {
 
   // By hand.
 
-  // Publishes a status number, also for a flow or group that nobody wants or that is published with that
-  // number already.
+  // Publishes a status number, also for a flow or group that nobody wants or that is published with
+  // that number already.
   void flowStatusIs(const Korm::Name& name, FlowStatus status);
   void groupStatusIs(GroupId id, GroupStatus status);
   // Withdraws what is published; false when nothing is.
@@ -105,8 +108,8 @@ class HwAgent {
 
   // Counters.
 
-  // Adds to a flow's counters on a unit; a new unit is added. They are kept whatever becomes of the flow, and
-  // stand in the unit's status while counter polling is on.
+  // Adds to a flow's counters on a unit; a new unit is added. They are kept whatever becomes of the
+  // flow, and stand in the unit's status while counter polling is on.
   void countersAdd(const Korm::Name& flow, std::uint64_t packets, std::uint64_t bytes,
                    const Korm::Name& unit = Korm::Name{firstUnit});
   // By name.
@@ -123,8 +126,8 @@ class HwAgent {
     GroupId id;
     GroupStatus status;
   };
-  // What is published, in the order of the number in the name, names without one last; groups by id.
-  // Nothing while the status entity is withdrawn.
+  // What is published, in the order of the number in the name, names without one last; groups by
+  // id. Nothing while the status entity is withdrawn.
   [[nodiscard]] std::vector<FlowView> publishedFlows() const;
   [[nodiscard]] std::vector<GroupView> publishedGroups() const;
   // The status entity, also while it is withdrawn.

@@ -57,8 +57,8 @@ SharedMemory::SharedMemory(const std::string& name, Leftover leftover)
   try {
     inspect(leftover);
     KormVasta::sharedMemoryIs({.prefix = name, .takeOver = true});
-    // After the tables are in order: its coming tells readers to look. No trace has been written yet that the
-    // ring it replaces could hold.
+    // After the tables are in order: its coming tells readers to look. No trace has been written
+    // yet that the ring it replaces could hold.
     (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = traceSegment(name)}));
   } catch (...) {
     release();

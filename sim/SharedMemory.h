@@ -1,15 +1,16 @@
-// The named shared memory of a process: what another one reads the tables and the trace from, who has the
-// name, and the few words that have to outlive the process beside the tables.
+// The named shared memory of a process: what another one reads the tables and the trace from, who
+// has the name, and the few words that have to outlive the process beside the tables.
 //
 //   Sim::SharedMemory shared{"demo", Sim::Leftover::resume_};
 //   Sim::Service service{&shared};
 //
-// From construction on the name belongs to this process, until the object goes or the process ends, however
-// it ends. A process that dies leaves its tables under the name; the next one says whether it goes on with
-// them or removes them.
+// From construction on the name belongs to this process, until the object goes or the process ends,
+// however it ends. A process that dies leaves its tables under the name; the next one says whether
+// it goes on with them or removes them.
 //
-// Thread and process rule: one process has a name at a time, and within it the activity thread. It is made
-// before the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and outlives them.
+// Thread and process rule: one process has a name at a time, and within it the activity thread. It
+// is made before the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and
+// outlives them.
 #pragma once
 
 #include <cstdint>
@@ -40,8 +41,8 @@ class SharedNameError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// There are tables of a process that is gone, and they are to be refused. The program adds to what() which
-// of its options go on with them or remove them.
+// There are tables of a process that is gone, and they are to be refused. The program adds to
+// what() which of its options go on with them or remove them.
 class LeftoverError : public SharedNameError {
  public:
   using SharedNameError::SharedNameError;
@@ -49,12 +50,12 @@ class LeftoverError : public SharedNameError {
 
 class SharedMemory {
  public:
-  // Throws SharedNameError when another process has the name, or when there are tables and they are to be
-  // refused; std::system_error or Brisklog::RingError when the system refuses. Requires: `name` has no
-  // fault (SharedNames.h).
+  // Throws SharedNameError when another process has the name, or when there are tables and they are
+  // to be refused; std::system_error or Brisklog::RingError when the system refuses.
+  // Requires: `name` has no fault (SharedNames.h).
   explicit SharedMemory(const std::string& name, Leftover leftover = Leftover::refuse_);
-  // Removes the tables, the ring and the name. Keeps the tables, and gives up the name only, after keep()
-  // and where they are those of another process which no service has gone on with.
+  // Removes the tables, the ring and the name. Keeps the tables, and gives up the name only, after
+  // keep() and where they are those of another process which no service has gone on with.
   ~SharedMemory();
   SharedMemory(const SharedMemory&) = delete;
   SharedMemory& operator=(const SharedMemory&) = delete;
@@ -63,8 +64,8 @@ class SharedMemory {
   [[nodiscard]] bool resuming() const noexcept { return resuming_; }
   // In shared memory.
   [[nodiscard]] GivenNumbers& numbers() noexcept { return *numbers_; }
-  // The tables are complete, from now on they are worth something: a process that dies before this leaves
-  // nothing to go on with unless it was resuming.
+  // The tables are complete, from now on they are worth something: a process that dies before this
+  // leaves nothing to go on with unless it was resuming.
   void inServiceIs() noexcept;
   // The tables stay when this object goes, for a next process to resume.
   void keep() noexcept { removes_ = false; }

@@ -1,5 +1,5 @@
-// What stands under the name that --shm gives, for the process that has it and for those that read it. The
-// tables' segments are those of TablePaths.h.
+// What stands under the name that --shm gives, for the process that has it and for those that read
+// it. The tables' segments are those of TablePaths.h.
 //
 // Thread and process rule: free functions without state.
 #pragma once

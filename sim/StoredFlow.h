@@ -14,7 +14,8 @@
 
 namespace Sim {
 
-// The way from the row to what the hardware says. Times are seconds since the epoch, 0 when not known.
+// The way from the row to what the hardware says. Times are seconds since the epoch, 0 when not
+// known.
 struct StoredFlow {
   const Ostra::OstraConfigEntry* row = nullptr;  // never null
   std::uint8_t table = 0;

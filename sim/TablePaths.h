@@ -1,5 +1,5 @@
-// Where the service's tables stand in the state database, and thereby under which segment names another
-// process finds them: KormVasta::segmentName(prefix, path).
+// Where the service's tables stand in the state database, and thereby under which segment names
+// another process finds them: KormVasta::segmentName(prefix, path).
 //
 // Thread and process rule: constants and functions without state.
 #pragma once
@@ -14,8 +14,8 @@
 
 namespace Sim {
 
-// The flow tables that have a state machine in the library: indexes 0 to flowTables - 1. The last slot of
-// the collection of tables stays empty.
+// The flow tables that have a state machine in the library: indexes 0 to flowTables - 1. The last
+// slot of the collection of tables stays empty.
 inline constexpr std::uint8_t flowTables = Ostra::FlowTableIndex::max;
 
 // The directories of the tables, under each of which an entity is named after its index in decimal.
@@ -28,9 +28,9 @@ inline constexpr std::string_view encapTableEntity = Ostra::StatePath::ipv4Encap
 inline constexpr std::string_view portTableEntity = "p4runtime/portMapping";
 inline constexpr std::string_view blobTableEntity = "p4runtime/blobs";
 
-// The paths of the tables of those entities: records of Ostra::OstraConfigEntry, Ostra::OstraStatusEntry,
-// P4RuntimeRouting::NexthopInfo, P4RuntimeRouting::EcmpMemberList, NexthopGroup::EncapEntry, PortRow and
-// BlobRow.
+// The paths of the tables of those entities: records of Ostra::OstraConfigEntry,
+// Ostra::OstraStatusEntry, P4RuntimeRouting::NexthopInfo, P4RuntimeRouting::EcmpMemberList,
+// NexthopGroup::EncapEntry, PortRow and BlobRow.
 [[nodiscard]] std::string flowTablePath(std::uint8_t index);
 [[nodiscard]] std::string flowStatusTablePath(std::uint8_t index);
 [[nodiscard]] std::string memberTablePath();

@@ -37,8 +37,8 @@ enum class State : std::uint8_t {
 [[nodiscard]] std::string_view text(Kind kind) noexcept;
 [[nodiscard]] std::string_view text(State state) noexcept;
 
-// One write. Handles and entry ids in the rows are the service's to fill in; of a row to be deleted only
-// the key counts.
+// One write. Handles and entry ids in the rows are the service's to fill in; of a row to be deleted
+// only the key counts.
 class Update {
  public:
   // `table` is the flow table's index, 0 to 14.
@@ -87,8 +87,8 @@ struct Result {
   }
 };
 
-// A result that came for an entry outside the batch under way: of a write that had been left pending, or
-// because the hardware's mind changed. Never for handle 0.
+// A result that came for an entry outside the batch under way: of a write that had been left
+// pending, or because the hardware's mind changed. Never for handle 0.
 struct Report {
   P4Runtime::EntryHandle handle;
   P4Runtime::ErrorCode code = P4Runtime::ErrorCode::success_;

@@ -146,8 +146,8 @@ class GroupAudit {
     return true;
   }
 
-  // A group that is refused for a missing member is not tried again when the member comes. When all members
-  // were there before the row was stored, that is not what happened.
+  // A group that is refused for a missing member is not tried again when the member comes. When all
+  // members were there before the row was stored, that is not what happened.
   [[nodiscard]] bool couldHaveBeenRefused(const EcmpMemberList& row) const {
     const auto stored = state_.inputs->telemetry
                             ? state_.inputs->telemetry->newest(

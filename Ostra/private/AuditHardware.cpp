@@ -24,8 +24,8 @@ Answer answerOf(GroupStatus status) noexcept {
                                            : Answer::failed_;
 }
 
-// What the hardware says of one flow or group; `stats` is null when it says nothing. `since` gives the time
-// from which on an answer is due.
+// What the hardware says of one flow or group; `stats` is null when it says nothing. `since` gives
+// the time from which on an answer is due.
 template <class Stats, class Since>
 void auditOne(AuditState& state, const std::string& about, const Stats* stats, Since since) {
   const Answer answer = stats == nullptr ? Answer::none_ : answerOf(stats->status());

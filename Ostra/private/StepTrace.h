@@ -1,4 +1,5 @@
-// Trace points of steps that a dry run takes as well, and then without a trace. Private to the library.
+// Trace points of steps that a dry run takes as well, and then without a trace. Private to the
+// library.
 #pragma once
 
 #include "platform/Brisklog/TracePoint.h"

@@ -1,8 +1,8 @@
-// ostra-p4rt-load: what a controller gets through one connection to ostra-p4rt on the same machine, and what
-// that costs the server.
+// ostra-p4rt-load: what a controller gets through one connection to ostra-p4rt on the same machine,
+// and what that costs the server.
 //
-// Every Write waits for the hardware's answer, as all do. Requests are made before the clock runs. The
-// program ends when an update failed or something else came back than was written.
+// Every Write waits for the hardware's answer, as all do. Requests are made before the clock runs.
+// The program ends when an update failed or something else came back than was written.
 
 #include <google/protobuf/text_format.h>
 #include <grpcpp/grpcpp.h>

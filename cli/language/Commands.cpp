@@ -403,8 +403,8 @@ std::string_view wordBehind(std::string_view name, std::size_t length) {
   return name.substr(0, name.find(' '));
 }
 
-// Takes words as long as they go on to the name of some command, and returns what it took in the form of
-// the table.
+// Takes words as long as they go on to the name of some command, and returns what it took in the
+// form of the table.
 std::string_view takePrefix(Words& words) {
   std::string_view prefix;
   for (;;) {

@@ -1,10 +1,10 @@
 // Flow entries of a controller in the command language.
 //
-// The match fields are those of OSTRA_MATCH_FIELDS and the plain actions those of OPENFLOW_ACTIONS: one that
-// is added there is read here without more, unless its value is of a new type.
+// The match fields are those of OSTRA_MATCH_FIELDS and the plain actions those of OPENFLOW_ACTIONS:
+// one that is added there is read here without more, unless its value is of a new type.
 //
-// Thread and process rule: free functions without state. Each takes the words behind "flow", reads them
-// all, and throws CommandError for anything that is not in the grammar.
+// Thread and process rule: free functions without state. Each takes the words behind "flow", reads
+// them all, and throws CommandError for anything that is not in the grammar.
 #pragma once
 
 #include <cstdint>
@@ -30,8 +30,8 @@ struct FlowWrite {
 // The key alone, for a delete.
 [[nodiscard]] FlowWrite parseFlowKey(Words& words);
 
-// What the words of a flow stand for, as lines that each begin with a line end: the fields, and the actions
-// if they are asked for.
+// What the words of a flow stand for, as lines that each begin with a line end: the fields, and the
+// actions if they are asked for.
 [[nodiscard]] std::string flowGrammar(bool withActions);
 
 }  // namespace Cli

@@ -1,6 +1,7 @@
 // Plays commands: reads lines, runs what the table of commands says, and prints what came of it.
 //
-// Thread and process rule: the activity thread. requestStop() alone may be called from a signal handler.
+// Thread and process rule: the activity thread. requestStop() alone may be called from a signal
+// handler.
 // Ownership: the service, the agent, the printer and the streams belong to the host and outlive the
 // interpreter.
 #pragma once
@@ -37,10 +38,11 @@ class Interpreter {
   Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& printer,
               InterpreterOptions options);
 
-  // Plays all of the input. Places in messages are `name` and the line. Throws ReadError. `progress` may be null.
+  // Plays all of the input. Places in messages are `name` and the line. Throws ReadError.
+  // `progress` may be null.
   void play(LineReader& input, const std::string& name, Progress* progress = nullptr);
-  // The input is a person at a terminal: `prompt` is written to `out`, and a bad command does not end
-  // the run.
+  // The input is a person at a terminal: `prompt` is written to `out`, and a bad command does not
+  // end the run.
   void prompt(LineReader& input, const std::string& name, std::ostream& out);
   // Plays one line.
   void playLine(const LineReader::Line& line, std::string_view where);

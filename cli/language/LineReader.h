@@ -1,8 +1,8 @@
 // Lines of commands from a file, a pipe or a terminal.
 //
 // Thread and process rule: one thread.
-// Ownership: a reader owns the descriptor that it opened, and not one that it was given. A line that it
-// hands out is good until the next one.
+// Ownership: a reader owns the descriptor that it opened, and not one that it was given. A line
+// that it hands out is good until the next one.
 #pragma once
 
 #include <cstddef>
@@ -42,8 +42,8 @@ class LineReader {
   // Called before each read from the system, which may have to wait.
   void beforeReadIs(std::function<void()> hook) { beforeRead_ = std::move(hook); }
 
-  // The next line, or nothing at the end of the input. The end of the file ends a line as well. Throws
-  // ReadError when reading fails, with EINTR when a signal came.
+  // The next line, or nothing at the end of the input. The end of the file ends a line as well.
+  // Throws ReadError when reading fails, with EINTR when a signal came.
   [[nodiscard]] std::optional<Line> next();
 
   // Bytes that next() has passed.

@@ -9,12 +9,12 @@
 
 namespace Cli {
 
-// The least number of letters to insert, remove, replace or swap with their neighbour that turns one
-// text into the other.
+// The least number of letters to insert, remove, replace or swap with their neighbour that turns
+// one text into the other.
 [[nodiscard]] std::size_t editDistance(std::string_view a, std::string_view b);
 
-// Remembers the nearest of the candidates that it is shown, among those so near that they are worth asking
-// about: a mistake in up to every third letter.
+// Remembers the nearest of the candidates that it is shown, among those so near that they are worth
+// asking about: a mistake in up to every third letter.
 class NearMatch {
  public:
   explicit NearMatch(std::string_view word) noexcept;

@@ -1,8 +1,9 @@
-// Action-profile members and groups, and the encapsulation entries that members refer to, in the command
-// language.
+// Action-profile members and groups, and the encapsulation entries that members refer to, in the
+// command language.
 //
-// Thread and process rule: free functions without state. Each takes the words behind the command and the
-// kind of row, reads them all, and throws CommandError for anything that is not in the grammar.
+// Thread and process rule: free functions without state. Each takes the words behind the command
+// and the kind of row, reads them all, and throws CommandError for anything that is not in the
+// grammar.
 #pragma once
 
 #include "cli/language/Words.h"

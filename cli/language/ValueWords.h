@@ -15,8 +15,8 @@
 
 namespace Cli {
 
-// What a word name=VALUE, or the word `name` of a flag, does to a T. `apply` takes the value and the name
-// that messages use.
+// What a word name=VALUE, or the word `name` of a flag, does to a T. `apply` takes the value and
+// the name that messages use.
 template <class T>
 struct ValueWord {
   std::string_view name;

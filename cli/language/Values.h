@@ -1,5 +1,5 @@
-// Values of the command language. Each function takes a word of the input and what it stands for, and throws
-// CommandError, which says what was expected, for anything that is not such a value.
+// Values of the command language. Each function takes a word of the input and what it stands for,
+// and throws CommandError, which says what was expected, for anything that is not such a value.
 //
 // Thread and process rule: free functions without state.
 #pragma once

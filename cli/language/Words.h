@@ -17,8 +17,8 @@ class CommandError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Throws the CommandError of a word (empty: the end of the line) that is not what was expected, with the
-// near match, if there is one, as a question.
+// Throws the CommandError of a word (empty: the end of the line) that is not what was expected,
+// with the near match, if there is one, as a question.
 [[noreturn]] void throwUnexpected(std::string_view read, std::string_view expected,
                                   std::string_view nearMatch = {});
 

@@ -1,7 +1,7 @@
 // Standard output as a stream that knows why it failed.
 //
-// Thread and process rule: one thread. The host ignores SIGPIPE, so that a reader who has gone shows here
-// as an error.
+// Thread and process rule: one thread. The host ignores SIGPIPE, so that a reader who has gone
+// shows here as an error.
 #pragma once
 
 #include <array>
@@ -12,8 +12,9 @@
 
 namespace Cli {
 
-// Readies the process for its standard streams: those that are closed lead nowhere instead of to the next
-// file that is opened, and a reader that goes or a file that may not grow is an error and no signal.
+// Readies the process for its standard streams: those that are closed lead nowhere instead of to
+// the next file that is opened, and a reader that goes or a file that may not grow is an error and
+// no signal.
 void prepareStreams() noexcept;
 
 // Buffers what goes to a descriptor, which stays the caller's.
@@ -50,8 +51,8 @@ class Output final : public std::ostream {
   DescriptorBuffer buffer_;
 };
 
-// Whether texts to this descriptor may be coloured: it is a terminal that can, and NO_COLOR is not set
-// (https://no-color.org).
+// Whether texts to this descriptor may be coloured: it is a terminal that can, and NO_COLOR is not
+// set (https://no-color.org).
 [[nodiscard]] bool wantsColor(int descriptor) noexcept;
 
 }  // namespace Cli

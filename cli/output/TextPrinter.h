@@ -16,8 +16,8 @@ struct TextStyle {
 
 class TextPrinter final : public Printer {
  public:
-  // Results go to `out`, bad commands to `errors`, before which `out` is flushed. The streams outlive the
-  // printer.
+  // Results go to `out`, bad commands to `errors`, before which `out` is flushed. The streams
+  // outlive the printer.
   TextPrinter(std::ostream& out, std::ostream& errors, TextStyle style);
 
   void result(const Sim::Result& result) override;

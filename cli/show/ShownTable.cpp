@@ -28,7 +28,8 @@ using P4RuntimeRouting::NexthopInfo;
 
 using Cells = std::vector<std::string>;
 
-// What is shown of a record: titles (see TextTable), cells, and the number by which rows are sorted.
+// What is shown of a record: titles (see TextTable), cells, and the number by which rows are
+// sorted.
 template <class R>
 struct Columns;
 
@@ -160,7 +161,8 @@ class ShownTableOf final : public ShownTable {
     Vasta::FollowCursor cursor;
   };
 
-  // Whether there is a table to read. A table that was removed gives way to the one that is there now.
+  // Whether there is a table to read. A table that was removed gives way to the one that is there
+  // now.
   static bool attach(Source& source) {
     if (source.reader && !source.reader->isRemoved()) {
       return true;

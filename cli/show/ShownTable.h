@@ -1,7 +1,7 @@
 // The shared tables of a running ostra-sim as ostra-show prints them, from another process.
 //
-// Thread and process rule: one thread of a process that only reads. The writer may start, stop or be
-// killed at any moment: whatever is missing then is passed over.
+// Thread and process rule: one thread of a process that only reads. The writer may start, stop or
+// be killed at any moment: whatever is missing then is passed over.
 #pragma once
 
 #include <iosfwd>
@@ -21,8 +21,8 @@ class ShownTable {
 
   // All rows as an aligned table, and what is damaged below it; false when something is.
   virtual bool print(std::ostream& out) = 0;
-  // A line for each row that has changed since the last call: "+" with what it is now, "-" with what it was
-  // when it was removed. At first that is every row.
+  // A line for each row that has changed since the last call: "+" with what it is now, "-" with
+  // what it was when it was removed. At first that is every row.
   virtual void follow(std::ostream& out) = 0;
   // Lets go of the segments; the next follow() starts with every row again.
   virtual void detach() = 0;

@@ -1,7 +1,7 @@
 // Shows what another process, an ostra-sim with --shm, does: its tables and its trace ring.
 //
-// Thread and process rule: one thread of a process that only reads. The other process may start, stop or be
-// killed at any moment; the viewer never waits for it other than by looking again.
+// Thread and process rule: one thread of a process that only reads. The other process may start,
+// stop or be killed at any moment; the viewer never waits for it other than by looking again.
 #pragma once
 
 #include <cstddef>
@@ -34,8 +34,8 @@ class Viewer {
   // Prints everything once. Throws Brisklog::RingError when what is there cannot be read.
   Shown print(std::ostream& out);
 
-  // Prints what has changed since the last call, and in lines of their own that the process came or went.
-  // To be called again and again.
+  // Prints what has changed since the last call, and in lines of their own that the process came or
+  // went. To be called again and again.
   void follow(std::ostream& out);
 
  private:

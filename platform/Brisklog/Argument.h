@@ -2,16 +2,16 @@
 //
 // Everything is reduced to six kinds: bool, signed, unsigned, double, text and bytes. A type is
 // taken as, in this order:
-//   1. what the function `brisklogArgument(const T&)` found beside the type returns: a value of one
-//   of
-//      the kinds (an integer, a std::string_view into the object, a Bytes, ...). It runs at every
-//      call of
-//      a trace point, so it must cost next to nothing, and it must not throw;
+//   1. what `brisklogArgument(const T&)` returns, a function in the namespace of T: a value of one
+//      of the kinds (an integer, a std::string_view into the object, a Bytes, ...). It runs at
+//      every call of a trace point, so it must be cheap, and it must not throw;
 //   2. bool, an integer, an enumeration (its integer) or a floating point number (a double);
 //   3. text, if it converts to std::string_view; a null `const char*` is the text "(null)";
-//   4. an unsigned integer, if the class has a conversion to one, explicit or not. Anything else
-//   does not compile. A class or scoped enumeration that has an `operator<<` to std::ostream beside
-//   it is written in the text trace by that operator, which runs only when the text is wanted.
+//   4. an unsigned integer, if the class has a conversion to one, explicit or not.
+// Anything else does not compile.
+//
+// The text trace prints a class or a scoped enumeration with its own `operator<<` to std::ostream,
+// if it has one. The operator runs only when the text is wanted.
 #pragma once
 
 #include <concepts>
@@ -59,9 +59,9 @@ template <class T>
 concept Traceable = Customized<T> || std::is_arithmetic_v<T> || std::is_enum_v<T> || TextLike<T> ||
     std::same_as<T, Bytes> || ExplicitInteger<T>;
 
-// Written as a call so that it finds what stands beside T and not the members of std::ostream: the
-// answer must not depend on whether <ostream> has been included. A type that converts to char would
-// match the stream's own operators for characters.
+// The operator is called by its name, so that only the namespace of T is searched and not the
+// members of std::ostream: the answer must not depend on whether <ostream> has been included. A
+// type that converts to char would match the stream's own operators for characters.
 template <class T>
 concept Streamable =
     !std::is_arithmetic_v<T> && !std::is_pointer_v<T> && !TextLike<T> &&

@@ -67,8 +67,7 @@ constexpr Word ringMagic = 0x676f6c6b73697242;  // "Brisklog"
 constexpr std::size_t recordWords = 16;
 constexpr std::size_t sequenceWord = 0;
 constexpr std::size_t timeWord = 1;
-constexpr std::size_t controlWord =
-    2;  // dictionary id, flags from bit 32, argument kinds from bit 40
+constexpr std::size_t controlWord = 2;  // dictionary id, flags (bit 32 on), kinds (bit 40 on)
 constexpr std::size_t payloadWord = 3;
 constexpr std::size_t payloadWords = recordWords - payloadWord;
 

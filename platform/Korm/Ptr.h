@@ -143,8 +143,9 @@ template <class T, class... Args>
   return Ptr<T>{new T(std::forward<Args>(args)...)};
 }
 
-// A reference to an object that is at work, so that nothing that its work causes can free it meanwhile.
-// Null while the object has no references: it is under construction then, and nobody can free it.
+// A reference to an object that is at work, so that nothing that its work causes can free it
+// meanwhile. Null while the object has no references: it is under construction then, and nobody can
+// free it.
 template <class T>
 [[nodiscard]] Ptr<T> keptAlive(T& object) noexcept {
   return object.references() > 0 ? Ptr<T>{&object} : Ptr<T>{};

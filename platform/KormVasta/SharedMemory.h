@@ -10,8 +10,8 @@ namespace KormVasta {
 
 struct SharedMemoryOptions {
   std::string prefix;  // of the segments' names; empty: tables are anonymous
-  // Go on with the rows that an earlier process left, and leave them to the next one; or start empty, and
-  // remove them with the table.
+  // Go on with the rows that an earlier process left, and leave them to the next one; or start
+  // empty, and remove them with the table.
   bool takeOver = false;
 };
 

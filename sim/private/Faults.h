@@ -1,4 +1,5 @@
-// What went wrong in the service's memory and was got over: damaged rows, shared memory that ran out.
+// What went wrong in the service's memory and was got over: damaged rows, shared memory that ran
+// out.
 //
 // Thread and process rule: the activity thread.
 #pragma once

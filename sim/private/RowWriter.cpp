@@ -16,8 +16,8 @@ namespace Sim {
 using P4Runtime::EntryHandle;
 using P4Runtime::MemberOrGroupId;
 
-// Each of the three has: the table, the id that a result shows, the name in messages, what an inserted row
-// gets beside its handle, and the books kept of an id.
+// Each of the three has: the table, the id that a result shows, the name in messages, what an
+// inserted row gets beside its handle, and the books kept of an id.
 
 struct RowWriter::FlowRows {
   using Record = Ostra::OstraConfigEntry;

@@ -23,18 +23,20 @@ class RowWriter {
             const Ostra::OstraContext* library) noexcept
       : objects_{objects}, transactions_{transactions}, library_{library} {}
 
-  // Applies an update, which is then in the books with what has come of it so far. A range exception that
-  // leaves the library is such a result.
+  // Applies an update, which is then in the books with what has come of it so far. A range
+  // exception that leaves the library is such a result.
   void apply(const Update& update);
 
   // How many rows are stored.
   [[nodiscard]] std::size_t storedRows();
-  // Enters the rows that an earlier process left into the books, and discards those that are damaged.
+  // Enters the rows that an earlier process left into the books, and discards those that are
+  // damaged.
   void restore();
   // Enters every stored row as an announcement: members, groups, flows.
   void enterAnnouncements();
-  // Writes each of them again, in the same order, so that the library hears of it. `groupsFirst`: the
-  // hardware settles before the flows, which are refused as long as it does not have their groups.
+  // Writes each of them again, in the same order, so that the library hears of it. `groupsFirst`:
+  // the hardware settles before the flows, which are refused as long as it does not have their
+  // groups.
   void announce(bool groupsFirst = false);
 
  private:
@@ -46,7 +48,8 @@ class RowWriter {
   template <class Rows>
   void write(const Rows& rows, Op op, const typename Rows::Record& given);
   void reject(Result result, std::string message);
-  // The handle of the row of that key, 0 when none is stored. Of a damaged row it is the one in the books.
+  // The handle of the row of that key, 0 when none is stored. Of a damaged row it is the one in the
+  // books.
   template <class Rows>
   [[nodiscard]] P4Runtime::EntryHandle storedHandle(const Rows& rows,
                                                     const typename Rows::Record& given,

@@ -8,7 +8,8 @@
 
 namespace Sim {
 
-// Calls visit(row) for each intact row, which may change the table, and damaged(corruption) for each other.
+// Calls visit(row) for each intact row, which may change the table, and damaged(corruption) for
+// each other.
 template <class Table, class Visit, class Damaged>
 void forEachRow(const Table& table, Visit visit, Damaged damaged) {
   Vasta::Hint hint;

@@ -1,5 +1,5 @@
-// The service-wide objects: what the service owns and hands to the library, and the state database in which
-// everything stands that others mount.
+// The service-wide objects: what the service owns and hands to the library, and the state database
+// in which everything stands that others mount.
 //
 // Thread and process rule: the activity thread.
 // Ownership: holds a reference to each; all are there, and the same, from construction on.
@@ -27,8 +27,8 @@
 namespace Sim {
 
 struct ServiceObjects {
-  // Makes everything and places it in the tree. Throws what the table service throws when named shared
-  // memory cannot be had.
+  // Makes everything and places it in the tree. Throws what the table service throws when named
+  // shared memory cannot be had.
   ServiceObjects();
 
   [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {

@@ -14,8 +14,8 @@ using P4Runtime::ErrorCode;
 using P4Runtime::TelemetryTimestampType;
 using P4Runtime::TransactionResult;
 
-// An entry error says why; what the hardware reports of a flow has no words. The hardware still works on
-// earlier updates of a row when an entry error ends the current one.
+// An entry error says why; what the hardware reports of a flow has no words. The hardware still
+// works on earlier updates of a row when an entry error ends the current one.
 bool isEntryError(const TransactionResult& result) noexcept {
   return result.code != ErrorCode::success_ && !result.message.empty();
 }

@@ -1,20 +1,23 @@
-// The service's books: which rows are stored, which writes wait for a result, and what has come of them.
+// The service's books: which rows are stored, which writes wait for a result, and what has come of
+// them.
 //
-// Updates are entered one by one into a batch that is begun before the first and finished after the last.
-// While one is being applied it is the current one; once applied it is open, in its row, until a result
-// comes. A result completes
+// Updates are entered one by one into a batch that is begun before the first and finished after the
+// last. While one is being applied it is the current one; once applied it is open, in its row,
+// until a result comes. A result completes
 // - the current update, when it is for its row; an entry error always comes that way;
 // - all open updates of its row, which the hardware sees as one;
-// - the current delete, when it is an acknowledgement for an entry of which the batch knows nothing more:
-//   the library found the key under an earlier handle, or under none.
-// Everything else is a report. When the batch is finished, what is open is pending if it is a flow; members
-// and groups have succeeded unless the hardware has left an error in their batch status entry.
+// - the current delete, when it is an acknowledgement for an entry of which the batch knows nothing
+//   more: the library found the key under an earlier handle, or under none.
+// Everything else is a report. When the batch is finished, what is open is pending if it is a flow;
+// members and groups have succeeded unless the hardware has left an error in their batch status
+// entry.
 //
-// The batch status entry of a row that has something pending stays open until a result comes, however many
-// batches later, so that the result finds it, and with it its root entry.
+// The batch status entry of a row that has something pending stays open until a result comes,
+// however many batches later, so that the result finds it, and with it its root entry.
 //
 // Thread and process rule: the activity thread.
-// Ownership: refers to the service's objects, which outlive it. Updates, rows and results are its own.
+// Ownership: refers to the service's objects, which outlive it. Updates, rows and results are its
+// own.
 #pragma once
 
 #include <algorithm>
@@ -91,21 +94,21 @@ class Transactions {
   void begin(std::size_t updates, bool live);
   // Enters an update that reaches no table.
   void reject(const Result& result) { append(result); }
-  // Enters an update of a stored row and makes it the current one. `alias` is the handle, if another,
-  // under which the library will act on a delete.
+  // Enters an update of a stored row and makes it the current one. `alias` is the handle, if
+  // another, under which the library will act on a delete.
   void enter(const Result& result, EntryHandle alias = {});
-  // Announces a row: enters it without making it current, so that results of the library's creation are
-  // its results.
+  // Announces a row: enters it without making it current, so that results of the library's creation
+  // are its results.
   void enterAnnouncement(const Result& result);
   // Makes an announced row's update the current one, with what has come of it so far forgotten.
   void reenter(EntryHandle handle);
-  // The current update, applied, is open from now on unless a result has come already. A deleted row is
-  // stored no more.
+  // The current update, applied, is open from now on unless a result has come already. A deleted
+  // row is stored no more.
   void leave();
   // The same, with the text of the range exception that left the library.
   void leaveFailed(std::string_view text);
-  // The same when the change could not be made: the update is rejected. Whether its row is none any more,
-  // which is so for an insert.
+  // The same when the change could not be made: the update is rejected. Whether its row is none any
+  // more, which is so for an insert.
   bool leaveRejected(std::string_view text);
   // Decides what is open, settles the books, and returns the results in the order of entering.
   [[nodiscard]] std::vector<Result> finish();
@@ -143,7 +146,8 @@ class Transactions {
   [[nodiscard]] static StoredRow viewOf(const Row& row) noexcept;
   Index append(const Result& result);
   Row& rowOf(EntryHandle handle);
-  // Holds the row in the batch, with its batch status entry open and free of errors of earlier updates.
+  // Holds the row in the batch, with its batch status entry open and free of errors of earlier
+  // updates.
   Row& holdRow(EntryHandle handle);
   Row& holdRow(EntryHandle handle, Row& row);
   void clearStatusEntry(EntryHandle handle);

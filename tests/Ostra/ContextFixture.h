@@ -17,8 +17,8 @@ namespace OstraTest {
 using Ostra::FlowTableIndex;
 namespace StatePath = Ostra::StatePath;
 
-// A context in a service: the state database with all that is to be mounted, and the service's objects,
-// with flow tables in the slots 0, 3, 14 and 15.
+// A context in a service: the state database with all that is to be mounted, and the service's
+// objects, with flow tables in the slots 0, 3, 14 and 15.
 class Context : public FlowFixture {
  protected:
   Context() {

@@ -201,7 +201,8 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
   EXPECT_EQ(context->ipv4EncapTable(), otherEncapTable);
 }
 
-// For each change of one input alone: another state machine takes the place of the one that is stored.
+// For each change of one input alone: another state machine takes the place of the one that is
+// stored.
 template <class Sm, class Stored, class Store>
 void expectReplacedByEach(const std::vector<std::function<void(typename Sm::Inputs&)>>& changes,
                           Stored stored, Store store) {

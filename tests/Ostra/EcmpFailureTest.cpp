@@ -19,8 +19,8 @@ class EcmpFailure : public Ecmp {
     start();
   }
 
-  // Stores a group's row with these counts, of which one is more than a list can have. The text of the
-  // exception that comes of it.
+  // Stores a group's row with these counts, of which one is more than a list can have. The text of
+  // the exception that comes of it.
   std::string writeDamagedGroup(Id id, std::uint32_t memberCount, std::uint32_t weightCount) {
     auto row = groupRow(id, {5, 5});
     row->lists.storedCountsIs(memberCount, weightCount);

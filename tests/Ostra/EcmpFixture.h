@@ -1,8 +1,8 @@
 // A service with its ECMP tables, the Corvex configuration, and an ECMP state machine between them.
 //
 // What happens is kept as lines, in order: writes() of Corvex groups ("created member 5", "written
-// group 3", "deleted group 3") and corruptions() reported to the tables. Each call takes the lines since
-// the last one.
+// group 3", "deleted group 3") and corruptions() reported to the tables. Each call takes the lines
+// since the last one.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// The flow path as a service sees it: a flow table, the state machine that follows it, and everything
-// that the state machine writes to.
+// The flow path as a service sees it: a flow table, the state machine that follows it, and
+// everything that the state machine writes to.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,8 @@ class FlowFixture : public ServiceFixture {
   }
   void start() { sm = makeSm(); }
 
-  // An entry of this handle with nothing but a key; its entry id is a thousand more than the handle.
+  // An entry of this handle with nothing but a key; its entry id is a thousand more than the
+  // handle.
   [[nodiscard]] static OstraConfigEntry flow(std::uint64_t handle, const OstraKey& key) {
     OstraConfigEntry entry;
     entry.entryHandle = handle;
@@ -41,8 +42,8 @@ class FlowFixture : public ServiceFixture {
     return entry;
   }
 
-  // A controller's write of an entry, in a batch that holds its handle. What came of it at once: results,
-  // or "raised: TEXT"; empty when the result is left to the hardware.
+  // A controller's write of an entry, in a batch that holds its handle. What came of it at once:
+  // results, or "raised: TEXT"; empty when the result is left to the hardware.
   std::string write(const OstraConfigEntry& entry) {
     batchStatus->batchStatusEntryIs(entry.entryHandle);
     return cameOf([&] { table->entryIs(entry); });

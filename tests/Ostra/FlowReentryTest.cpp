@@ -1,5 +1,5 @@
-// What reactors do back while a flow is written or deleted: they delete it, write it again, replace it, or
-// drop the state machine.
+// What reactors do back while a flow is written or deleted: they delete it, write it again, replace
+// it, or drop the state machine.
 #include <functional>
 #include <map>
 #include <memory>
@@ -32,7 +32,8 @@ class FlowReentry : public FlowFixture {
     flow.changeCountIs(5);
   }
 
-  // The Corvex flows, and what the library remembers: "flow-7 id 1 dscp 1 changed 0; handle 7 vrf 5".
+  // The Corvex flows, and what the library remembers: "flow-7 id 1 dscp 1 changed 0; handle 7 vrf
+  // 5".
   [[nodiscard]] std::string state() const {
     std::map<std::string, std::string> flows;
     for (const auto& [name, flow] : cxHwConfig->flowEntries()) {

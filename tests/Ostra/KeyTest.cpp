@@ -32,8 +32,8 @@ OstraKey keyOf(std::uint8_t value, std::uint8_t mask) {
   return key;
 }
 
-// Keys that differ from this one in one thing each: the placement, and every value, mask and given flag
-// that the donor has otherwise.
+// Keys that differ from this one in one thing each: the placement, and every value, mask and given
+// flag that the donor has otherwise.
 std::vector<OstraKey> changed(const OstraKey& key, const OstraKey& donor) {
   std::vector<OstraKey> result(3, key);
   result[0].tableTypeIs(key.tableType() ^ 1);

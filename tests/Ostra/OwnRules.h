@@ -1,4 +1,5 @@
-// A service's rules of its own: entries are refused with an error of its own, ports with no entry error.
+// A service's rules of its own: entries are refused with an error of its own, ports with no entry
+// error.
 #pragma once
 
 #include <stdexcept>

@@ -39,8 +39,8 @@ std::string raised(Call call) {
   return {};
 }
 
-// Collects the results that the service is told: "7 notFound: Group id: 3 is not found", with "dependent "
-// before those that are for a root entry.
+// Collects the results that the service is told: "7 notFound: Group id: 3 is not found", with
+// "dependent " before those that are for a root entry.
 class Results final : public Korm::Notifiee<const P4Runtime::TransactionResult&> {
  public:
   explicit Results(P4Runtime::BatchStatus& batchStatus) {

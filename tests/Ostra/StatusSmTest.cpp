@@ -293,7 +293,8 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
   EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
 }
 
-// The service, on hearing the reports of a new state machine, replaces or removes what they come from.
+// The service, on hearing the reports of a new state machine, replaces or removes what they come
+// from.
 TEST_F(StatusSm, SettlesOnTheEntityThatIsInTheDirectory) {
   const auto second = Korm::makePtr<HwStatus>("p4rt");
   second->flowStatsIs("flow-2", FlowStatus::programmed_);

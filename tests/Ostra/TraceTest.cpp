@@ -1,4 +1,5 @@
-// What an operator reads: every line that the library traces, with its level, by the unit that it names.
+// What an operator reads: every line that the library traces, with its level, by the unit that it
+// names.
 #include <map>
 #include <string>
 

@@ -42,8 +42,9 @@ void mustBeWhole(const Row& row) {
   Korm::assertTrue(row.isWhole(), "a record is whole or refused");
 }
 
-// Writes to a segment what the bytes say. The first one chooses: even, what follows is its content; odd, each
-// twelve of what follows are a place and a word that is written, added or mixed in there, or a new size.
+// Writes to a segment what the bytes say. The first one chooses: even, what follows is its content;
+// odd, each twelve of what follows are a place and a word that is written, added or mixed in there,
+// or a new size.
 void damage(const char* segment, Bytes bytes) {
   const int descriptor = ::shm_open(segment, O_RDWR, 0);
   struct stat status {};
@@ -134,7 +135,8 @@ std::string uniqueName(const char* kind) {
 
 }  // namespace
 
-// The first byte chooses the segment, the second whether the reader, the next writer or both come to it.
+// The first byte chooses the segment, the second whether the reader, the next writer or both come
+// to it.
 void table(Bytes bytes) {
   if (bytes.size() < 2) {
     return;

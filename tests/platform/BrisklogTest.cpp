@@ -239,7 +239,8 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
   EXPECT_EQ(newest.front().text(), "Drawer::draw 197");
 }
 
-// Any one bit of the head, of the counts in the header or of a record's sequence is wrong for a while.
+// Any one bit of the head, of the counts in the header or of a record's sequence is wrong for a
+// while.
 TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
   const std::string name = shmName();
   useRing({.shmName = name, .records = 64});

@@ -1,4 +1,5 @@
-// Explain before, audit after: what a write would do, and what an audit finds when somebody has interfered.
+// Explain before, audit after: what a write would do, and what an audit finds when somebody has
+// interfered.
 
 #include <functional>
 
@@ -18,7 +19,8 @@ const Flow withPort{.number = 2, .output = 2};
 const Flow plain{.number = 3};
 const Flow toGroup{.number = 4, .group = 4};
 
-// Entries 1 to 4: members 5 and 6, group 3 of member 5, group 4 of member 6; entries 5 to 8: the flows.
+// Entries 1 to 4: members 5 and 6, group 3 of member 5, group 4 of member 6; entries 5 to 8: the
+// flows.
 class Audit : public Switch {
  protected:
   Audit() {

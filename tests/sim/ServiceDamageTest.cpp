@@ -1,4 +1,5 @@
-// Rows that are damaged and shared memory that runs out: the write that meets it fails, the others do not.
+// Rows that are damaged and shared memory that runs out: the write that meets it fails, the others
+// do not.
 #include <sys/resource.h>
 
 #include <string>

@@ -148,7 +148,8 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
     service.verify();
     shared.keep();
   }
-  // Whatever stands under the name of a table and is none keeps the service from starting, and stays.
+  // Whatever stands under the name of a table and is none keeps the service from starting, and
+  // stays.
   const std::string header = "/vasta." + KormVasta::segmentName(name, Sim::memberTablePath());
   const int file = ::shm_open(header.c_str(), O_RDWR, 0);
   ASSERT_EQ(::pwrite(file, "foreign!", 8, 0), 8);

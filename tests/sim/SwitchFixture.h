@@ -1,7 +1,9 @@
-// A switch without a command language: the hosting service with the library running, and the hardware agent.
+// A switch without a command language: the hosting service with the library running, and the
+// hardware agent.
 //
-// What comes of writes is kept as lines: "insert flow 1 done 0", "insert member 5 as 2 done 15 <message>",
-// "modify flow 1 pending", "delete flow rejected <message>"; reports as "1 code 0", with the message behind.
+// What comes of writes is kept as lines: "insert flow 1 done 0", "insert member 5 as 2 done 15
+// <message>", "modify flow 1 pending", "delete flow rejected <message>"; reports as "1 code 0",
+// with the message behind.
 #pragma once
 
 #include <algorithm>
