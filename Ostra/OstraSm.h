@@ -113,7 +113,8 @@ class OstraSm final : public Korm::Entity {
   void handleInitialized();
   void deleteStaleFlows();
 
-  // The work for one key. Throws entry errors and range exceptions.
+  // The work for one key.
+  // Throws: entry errors and range exceptions.
   void handleFlowConfigImpl(const HashedKey& key);
   void insertFlow(const HashedKey& key, const OstraConfigEntry& entry);
   void deleteFlow(const HashedKey& key);
@@ -127,8 +128,8 @@ class OstraSm final : public Korm::Entity {
    protected:
     ~Effects() = default;
   };
-  // Takes all steps of a write but the last, in their order. Throws entry errors and range
-  // exceptions.
+  // Takes all steps of a write but the last, in their order.
+  // Throws: entry errors and range exceptions.
   void translate(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;

@@ -109,8 +109,8 @@ struct MatchFieldTag : std::integral_constant<MatchFieldId, field> {
 class OstraKey {
  public:
   OstraKey() noexcept = default;
-  // Reads the text form, and moves `current` behind it. Throws Korm::ParseException for anything
-  // that the text form would not print.
+  // Reads the text form, and moves `current` behind it.
+  // Throws: Korm::ParseException for anything that the text form would not print.
   OstraKey(std::string::const_iterator& current, std::string::const_iterator end);
 
   [[nodiscard]] std::int32_t tableType() const noexcept { return tableType_; }

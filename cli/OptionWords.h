@@ -26,13 +26,13 @@ template <class Options>
 struct OptionWord {
   std::string_view name;
   std::string_view argument;  // what it is called; empty: the option takes none
-  // Throws CommandError for an argument that makes no sense.
+  // Throws: CommandError for an argument that makes no sense.
   void (*apply)(Options& options, std::string_view argument);
 };
 
 // Applies the option at the front, "--name VALUE", "--name=VALUE" or "--name", and returns how many
-// of the arguments it took. Throws UsageError. `expected` is what is expected where the word is no
-// option.
+// of the arguments it took. `expected` is what is expected where the word is no option.
+// Throws: UsageError.
 template <class Options, std::size_t size>
 std::size_t applyOption(std::span<const char* const> arguments,
                         const std::array<OptionWord<Options>, size>& words,

@@ -29,7 +29,8 @@ struct Options {
   std::vector<std::string> files;  // "-" is standard input; never empty
 };
 
-// `arguments` are those behind the program's name. Throws UsageError.
+// `arguments` are those behind the program's name.
+// Throws: UsageError.
 [[nodiscard]] Options parseOptions(std::span<const char* const> arguments);
 
 // What --help prints.

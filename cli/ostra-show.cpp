@@ -89,7 +89,7 @@ void addOption(Options& options, std::string_view word) {
   }
 }
 
-// Throws Cli::CommandError.
+// Throws: Cli::CommandError.
 Options parseOptions(std::span<const char* const> arguments) {
   Options options;
   for (const std::string_view word : arguments) {

@@ -28,8 +28,8 @@ class Blobs {
 
   explicit Blobs(BlobTable& table) noexcept : table_{table} {}
 
-  // Writes or replaces. Throws std::system_error when shared memory runs out, with the old value in
-  // place.
+  // Writes or replaces.
+  // Throws: std::system_error when shared memory runs out, with the old value in place.
   void is(Kind kind, Id id, std::string_view value);
   // Whether there was one.
   bool del(Kind kind, Id id);

@@ -109,8 +109,9 @@ struct TableView {
 class Service {
  public:
   // All objects and tables, with the library stopped. `shared` outlives the service; null for
-  // tables that no other process sees. Throws what the table service throws when named shared
-  // memory cannot be had; what was to be resumed then stays as it is.
+  // tables that no other process sees.
+  // Throws: what the table service throws when named shared memory cannot be had; what was to be
+  // resumed then stays as it is.
   explicit Service(SharedMemory* shared = nullptr);
   ~Service();
   Service(const Service&) = delete;

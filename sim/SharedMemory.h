@@ -50,8 +50,8 @@ class LeftoverError : public SharedNameError {
 
 class SharedMemory {
  public:
-  // Throws SharedNameError when another process has the name, or when there are tables and they are
-  // to be refused; std::system_error or Brisklog::RingError when the system refuses.
+  // Throws: SharedNameError when another process has the name, or when there are tables and they
+  // are to be refused; std::system_error or Brisklog::RingError when the system refuses.
   // Requires: `name` has no fault (SharedNames.h).
   explicit SharedMemory(const std::string& name, Leftover leftover = Leftover::refuse_);
   // Removes the tables, the ring and the name. Keeps the tables, and gives up the name only, after

@@ -11,8 +11,8 @@ namespace P4rtBench {
 
 class ServerProcess {
  public:
-  // Starts it on a free port, with the commands of that file. Throws std::runtime_error when it
-  // does not come up.
+  // Starts it on a free port, with the commands of that file.
+  // Throws: std::runtime_error when it does not come up.
   ServerProcess(const std::string& program, const std::string& config);
   // Asks it to end, and waits.
   ~ServerProcess();

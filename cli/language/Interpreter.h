@@ -38,8 +38,8 @@ class Interpreter {
   Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& printer,
               InterpreterOptions options);
 
-  // Plays all of the input. Places in messages are `name` and the line. Throws ReadError.
-  // `progress` may be null.
+  // Plays all of the input. Places in messages are `name` and the line. `progress` may be null.
+  // Throws: ReadError.
   void play(LineReader& input, const std::string& name, Progress* progress = nullptr);
   // The input is a person at a terminal: `prompt` is written to `out`, and a bad command does not
   // end the run.
@@ -88,7 +88,7 @@ class Interpreter {
   void hintAt(const Sim::Result& result);
   [[nodiscard]] Ostra::AuditReport audited() const;
   void auditBatch();
-  // Throws CommandError when entries are written by somebody else.
+  // Throws: CommandError when entries are written by somebody else.
   void checkWriter() const;
   void fail(std::string_view where, std::string_view message);
 

@@ -31,7 +31,7 @@ class LineReader {
     bool cut = false;       // it was longer than longestLine, and all of it has been passed over
   };
 
-  // Throws ReadError when the file cannot be opened.
+  // Throws: ReadError when the file cannot be opened.
   explicit LineReader(const std::string& path);
   // Reads from a descriptor of somebody else's.
   explicit LineReader(int descriptor);
@@ -43,7 +43,7 @@ class LineReader {
   void beforeReadIs(std::function<void()> hook) { beforeRead_ = std::move(hook); }
 
   // The next line, or nothing at the end of the input. The end of the file ends a line as well.
-  // Throws ReadError when reading fails, with EINTR when a signal came.
+  // Throws: ReadError when reading fails, with EINTR when a signal came.
   [[nodiscard]] std::optional<Line> next();
 
   // Bytes that next() has passed.

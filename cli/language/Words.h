@@ -35,13 +35,14 @@ class Words {
   [[nodiscard]] bool done() const noexcept { return word_.empty(); }
   // The next word; empty when done.
   [[nodiscard]] std::string_view peek() const noexcept { return word_; }
-  // The next word, and moves past it. Throws when done.
+  // The next word, and moves past it.
+  // Throws: CommandError when there is none.
   std::string_view take(std::string_view expected);
   // The next word if it is this one.
   bool takeIf(std::string_view word) noexcept;
   // All that is left, up to a comment, without the blanks around it; done after that.
   std::string_view takeRest() noexcept;
-  // Throws unless done.
+  // Throws: CommandError when there are words left.
   void end() const;
 
  private:

@@ -31,7 +31,8 @@ class Viewer {
     whole_,
   };
 
-  // Prints everything once. Throws Brisklog::RingError when what is there cannot be read.
+  // Prints everything once.
+  // Throws: Brisklog::RingError when what is there cannot be read.
   Shown print(std::ostream& out);
 
   // Prints what has changed since the last call, and in lines of their own that the process came or

@@ -23,7 +23,7 @@
 
 namespace Brisklog {
 
-// Raw bytes as an argument of a trace point, shown as hexadecimal digits. Owns nothing.
+// Raw bytes as an argument of a trace point, shown as hexadecimal digits. Does not copy them.
 struct Bytes {
   const void* data = nullptr;
   std::size_t size = 0;

@@ -20,7 +20,8 @@ constinit RingWriter noRing;
 constinit std::atomic<RingWriter*> currentWriter{&noRing};
 }  // namespace detail
 
-// What the process traces into. Never destroyed: trace points may be passed until the very end.
+// The current ring of the process. Never destroyed, because trace points may run until the very
+// end.
 struct CurrentRing {
   Ring& get() KORM_REQUIRES(mutex) {
     if (ring == nullptr) {
@@ -36,7 +37,7 @@ struct CurrentRing {
     return previous;
   }
 
-  // Without the lock: at exit, in a forked child too, another thread may never give it back.
+  // Does not take the lock: at exit, and in a forked child, its holder may never release it.
   void removeName() const noexcept KORM_THREAD_ANNOTATION(no_thread_safety_analysis) {
     if (ring != nullptr) {
       ring->removeName();
@@ -56,7 +57,7 @@ struct ExitGuard {
 };
 const ExitGuard exitGuard;
 
-// What a ring's owner leaves that died, also in the middle of making it.
+// Whether the owner of this ring has died, possibly while it was creating the ring.
 bool isStaleRing(const Korm::Segment& segment) noexcept {
   const detail::Word magic = detail::loadShared(segment.words()[detail::magicWord]);
   const detail::Word layout = detail::loadShared(segment.words()[detail::layoutWord]);

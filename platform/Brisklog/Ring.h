@@ -1,14 +1,13 @@
 // The binary trace ring of a process.
 //
-// A ring holds the newest records of everything that the process traces, in anonymous memory or in
-// a named POSIX shared memory segment that other processes read (RingReader.h) at any time, also
-// after the owner was killed: nothing is buffered elsewhere.
+// A ring holds the newest records that the process has traced, in anonymous memory or in a named
+// POSIX shared memory segment. Other processes can read a named ring (RingReader.h) at any time,
+// even after its owner was killed, because records are not buffered anywhere else.
 //
-// Thread and process rule: a ring has one owning process. Any number of its threads write at once,
-// without waiting for each other: one that is suspended in the middle of a record costs the others
-// that record and nothing else.
-// Invariant: what has been published is complete. A record under way when its process died is never
-// shown.
+// Threads: a ring has one owning process. Any number of its threads write at once without waiting
+// for each other. A thread that is suspended while it writes a record keeps only that record from
+// the others. Invariant: published records are complete. A record that was being written when its
+// process died is never shown.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +21,7 @@
 
 namespace Brisklog {
 
-// A ring could not be made or attached; the message names it and says why.
+// A ring could not be created or attached. The message names the ring and the reason.
 class RingError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -40,13 +39,12 @@ struct RingWriter;
 
 class Ring {
  public:
-  // A ring of that name whose owner is gone is replaced by a fresh one, which leaves the readers of
-  // the old one what they have. All memory is allocated here.
-  // Throws: RingError if the owner lives, if the segment of that name is not a ring, or if there is
-  // not enough memory.
+  // Creates a ring. It replaces a ring of the same name whose owner has died; readers of the old
+  // ring keep what they have mapped. All memory is allocated here. Throws: RingError if the owner
+  // lives, if the segment of that name is not a ring, or if there is not enough memory.
   [[nodiscard]] static std::unique_ptr<Ring> create(const RingOptions& options = {});
 
-  // Removes the name and unmaps the memory. No thread may still be tracing into this ring.
+  // Removes the name and unmaps the memory. Requires: no thread is tracing into this ring.
   ~Ring();
   Ring(const Ring&) = delete;
   Ring& operator=(const Ring&) = delete;
@@ -69,13 +67,13 @@ class Ring {
   std::unique_ptr<detail::RingWriter> writer_;
 };
 
-// The ring that trace points write to. Before a host sets one this makes an anonymous ring, as the
-// first trace does. The reference is good until ringIs().
+// The ring that trace points write to. If the host has not set one, an anonymous ring is created,
+// as by the first trace. The reference is valid until ringIs().
 [[nodiscard]] Ring& ring();
 
-// Makes `next` the ring of the process and hands back the one it replaces, null if there was none.
-// Another thread may still be inside a trace point: destroy the old ring when that is over. Null:
-// the next trace makes an anonymous ring. The ring that is current at exit loses its name then.
+// Makes `next` the ring of the process and returns the one it replaces, or null. Another thread may
+// still be writing to the old ring: destroy it only when that has ended. With null, the next trace
+// creates an anonymous ring. The name of the ring that is current at exit is removed at exit.
 [[nodiscard]] std::unique_ptr<Ring> ringIs(std::unique_ptr<Ring> next);
 
 }  // namespace Brisklog

@@ -5,10 +5,9 @@
 //   records     a power of two of records of 128 bytes
 //   dictionary  entries, each the description of a trace point, appended and never changed
 //
-// Every word of it is accessed through shared(): payload words are stored with release and loaded
-// with acquire, so that whoever sees one word of a later writer also sees that the record was taken
-// over. All values are in the machine's own byte order: a ring is read on the machine that wrote
-// it.
+// Every word is accessed through shared(). Payload words are stored with release and loaded with
+// acquire, so a reader that sees one word of a later writer also sees the later sequence word. All
+// values are in the machine's own byte order, because a ring is read on the machine that wrote it.
 #pragma once
 
 #include <atomic>
@@ -23,7 +22,7 @@ namespace Brisklog::detail {
 
 using Word = std::uint64_t;
 
-// What the ring is called in messages, and what its segment is called in the system.
+// The name of the ring in messages, and the name of its segment in the system.
 [[nodiscard]] inline std::string ringSubject(const std::string& shmName) {
   return shmName.empty() ? "trace ring" : "trace ring '" + shmName + "'";
 }
@@ -35,7 +34,7 @@ using Word = std::uint64_t;
   return std::atomic_ref<Word>(word);
 }
 
-// For a reader, whose mapping is read-only: it may only load.
+// For a reader, whose mapping is read-only.
 [[nodiscard]] inline Word loadShared(const Word& word) noexcept {
   return std::atomic_ref<Word>(const_cast<Word&>(word)).load(std::memory_order_acquire);
 }
@@ -44,7 +43,7 @@ inline void storeShared(Word& word, Word value) noexcept {
   shared(word).store(value, std::memory_order_release);
 }
 
-// Words that writers change stand on cache lines of their own.
+// Each word that writers change has a cache line of its own.
 enum HeaderWord : std::size_t {
   magicWord = 0,  // stored last: until then the segment is not ready
   layoutWord = 1,
@@ -52,9 +51,9 @@ enum HeaderWord : std::size_t {
   ownerWord = 3,     // process id
   recordCountWord = 4,
   dictionaryWordsWord = 5,
-  headWord = 8,             // about the next free ticket; never trusted alone
-  dictionaryUsedWord = 16,  // words of the dictionary that have been handed out
-  clockVersionWord = 24,    // the calibration in force is the cell of this version's last bit
+  headWord = 8,             // a guess at the next free ticket; the slots decide
+  dictionaryUsedWord = 16,  // words of the dictionary that have been allocated
+  clockVersionWord = 24,    // the lowest bit selects the cell of the valid calibration
   clockCellsWord = 25,  // two cells of {ticks, nanoseconds since the epoch, nanoseconds per tick}
 };
 constexpr std::size_t clockCellWords = 3;
@@ -62,8 +61,8 @@ constexpr std::size_t headerWords = 512;
 
 constexpr Word ringMagic = 0x676f6c6b73697242;  // "Brisklog"
 
-// A record. Its sequence word tells which ticket it holds and whether that is complete:
-// 0 never written, 2t+1 ticket t being written, 2t+2 ticket t complete.
+// A record. Its sequence word says which ticket it holds and whether the record is complete:
+// 0 means never written, 2t+1 that ticket t is being written, 2t+2 that ticket t is complete.
 constexpr std::size_t recordWords = 16;
 constexpr std::size_t sequenceWord = 0;
 constexpr std::size_t timeWord = 1;
@@ -86,8 +85,8 @@ constexpr unsigned cutMark = 0x80;
 [[nodiscard]] constexpr bool isWriting(Word sequence) noexcept { return (sequence & 1) != 0; }
 [[nodiscard]] constexpr Word ticketOf(Word sequence) noexcept { return (sequence - 1) / 2; }
 
-// A dictionary entry. Its id is its offset in words; 0, which no entry has, stands for a point that
-// found the dictionary full.
+// A dictionary entry. Its id is its offset in words. No entry has the id 0, which means that the
+// dictionary was full when the point was to be entered.
 constexpr std::size_t entrySizeWord = 0;     // words of the entry, stored last; 0: not valid yet
 constexpr std::size_t entryPlaceWord = 1;    // level << 32 | line
 constexpr std::size_t entryLengthsWord = 2;  // scope, function, format, unit: 16 bits each
@@ -95,8 +94,8 @@ constexpr std::size_t entryHandleWord = 3;   // length of the handle's name
 constexpr std::size_t entryTextWord = 4;     // the five texts, one after the other
 constexpr std::size_t maxEntryText = 4095;   // bytes of one text
 
-// Changes whenever one of the above does, so that programs of different builds do not misread each
-// other.
+// A hash of the layout: it changes when the layout does, so that a program does not misread the
+// ring of another build.
 constexpr Word ringLayout = [] {
   Word hash = 0xcbf29ce484222325;
   for (const Word part :

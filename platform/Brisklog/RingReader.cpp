@@ -25,10 +25,10 @@ struct RingReader::RawRecord {
 
 namespace {
 
-// Stands for what the dictionary does not tell.
+// Shown for what the dictionary does not say.
 constexpr char unknownMark = '?';
 
-// Takes the words of a record apart, whatever is in them.
+// Decodes the words of a record, whatever is in them.
 class PayloadReader {
  public:
   explicit PayloadReader(std::span<const Word> payload) noexcept : payload_(payload) {}
@@ -79,7 +79,7 @@ class PayloadReader {
   std::span<const Word> payload_;
 };
 
-// Control characters, which a text from outside may well hold, as "\x" and two digits.
+// Appends control characters as "\x" and two digits: a text from outside may contain them.
 void appendPrintable(std::string& line, std::string_view text) {
   for (const char character : text) {
     const auto byte = static_cast<unsigned char>(character);
@@ -222,13 +222,13 @@ std::vector<DecodedRecord> RingReader::newest(std::size_t count) {
   return decoded;
 }
 
-// Whether a sequence word that was found in a slot may stand there.
+// Whether a sequence word can belong to the slot in which it was found.
 bool RingReader::holds(std::size_t slot, Word sequence) const noexcept {
   return sequence != 0 && (detail::ticketOf(sequence) & (recordCount_ - 1)) == slot;
 }
 
-// Behind the newest record. The head is not trusted. Of the slots, a single one that is a whole
-// round ahead of all others is damaged.
+// The ticket behind the newest record, by the slots: the head word is only a guess. A single slot
+// that is a whole round ahead of all others is damaged.
 Word RingReader::end() const noexcept {
   Word newest = 0;
   Word second = 0;
@@ -245,7 +245,8 @@ bool RingReader::abandoned(Word ticket, Word end) const {
   return end > ticket + recordCount_ / 2 || owner() != Owner::alive_;
 }
 
-// No word of the ring moves the cursor beyond the end, and each step of the loop moves it forward.
+// The loop ends whatever the ring contains: each step moves the cursor forward, and never beyond
+// the end.
 std::vector<DecodedRecord> RingReader::follow(RingCursor& cursor) {
   const Word instance = loadShared(header_[detail::instanceWord]);
   const Word end = this->end();
@@ -267,7 +268,7 @@ std::vector<DecodedRecord> RingReader::follow(RingCursor& cursor) {
     if (sequence == detail::sequenceComplete(cursor.next) && copy(cursor.next, raw)) {
       decoded.push_back(decode(raw));
     } else {
-      // Overwritten, never completed, or never used because a suspended writer still held its slot.
+      // Overwritten, never completed, or skipped because a suspended writer still held the slot.
       ++cursor.lost;
     }
   }

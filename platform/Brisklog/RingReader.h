@@ -1,10 +1,9 @@
 // Reading a trace ring, from the process that writes it or from any other one.
 //
-// The reader needs nothing but the ring: no symbols and no memory of the program that traces. It
-// maps the segment read-only and never waits: not for a writer, alive or dead, nor does any writer
-// wait for it.
+// The reader needs only the ring, and neither symbols nor memory of the program that traces. It
+// maps the segment read-only. Readers and writers never wait for each other.
 //
-// Thread and process rule: a reader belongs to one thread; there may be any number of readers.
+// Threads: a reader belongs to one thread; there may be any number of readers.
 #pragma once
 
 #include <sys/types.h>
@@ -33,22 +32,22 @@ struct DecodedRecord {
   std::string format;
   std::vector<std::string> arguments;  // one that was cut ends in "..."
 
-  // False if the ring does not describe the trace point: its dictionary is full, or the point was
-  // being entered when the process died. Unit and function are "?" then.
+  // False if the ring does not describe the trace point, because its dictionary is full or because
+  // the process died while it entered the point. Unit and function are "?" then.
   bool described = true;
 
-  // As the text trace has it.
+  // The same text as in the text trace.
   [[nodiscard]] std::string text() const;
   // "<time> <level> <unit>:<line> <text>" in one line of printable characters.
   [[nodiscard]] std::string printedLine() const;
 };
 
-// The records that were not seen yet. A fresh one stands at the oldest record of any ring.
+// How far a reader has come. A new cursor is at the oldest record of whatever ring it is used with.
 struct RingCursor {
   std::uint64_t instance = 0;  // the ring that `next` counts in
   std::uint64_t next = 0;
-  // Records that were overwritten or abandoned before they could be read. Numbers that writers left
-  // unused because of a suspended one count too.
+  // Records that were overwritten or abandoned before they could be read, and record numbers that
+  // were skipped because a suspended writer still held the slot.
   std::uint64_t lost = 0;
 };
 
@@ -56,11 +55,11 @@ class RingReader {
  public:
   enum class Owner {
     alive_,
-    gone_,      // died, or let go of the ring: no more records will come
-    replaced_,  // its name now belongs to another segment: attach again
+    gone_,      // died or closed the ring: no more records will come
+    replaced_,  // another segment has the name now: attach again
   };
 
-  // Throws RingError if there is no such segment or if it is not a ring of this layout.
+  // Throws: RingError if there is no such segment or if it is not a ring of this layout.
   [[nodiscard]] static RingReader attach(const std::string& shmName);
   // Reads a ring of this process, which must outlive the reader.
   [[nodiscard]] static RingReader attach(const Ring& ring);
@@ -72,10 +71,10 @@ class RingReader {
   // The newest complete records, at most `count`, oldest first.
   [[nodiscard]] std::vector<DecodedRecord> newest(std::size_t count);
 
-  // The records since the cursor, oldest first, at most a ringful, and moves the cursor past them.
-  // A record that is being written holds back the ones behind it until it is complete, its process
-  // is gone or half a ring has been written since. A cursor of another ring, or one that lies
-  // beyond the newest record, starts over at the oldest record.
+  // Returns the records since the cursor, oldest first, and moves the cursor past them; at most as
+  // many as the ring holds. It stops at a record that is still being written, until that record is
+  // complete, its process has died, or half a ring has been written since. A cursor of another
+  // ring, or one beyond the newest record, starts over at the oldest record.
   [[nodiscard]] std::vector<DecodedRecord> follow(RingCursor& cursor);
 
   [[nodiscard]] Owner owner() const;
@@ -115,7 +114,7 @@ class RingReader {
   std::size_t recordCount_;
   std::size_t dictionaryWords_;
 
-  // Entries never change, so that what has been read once stays good.
+  // A cache of the dictionary, whose entries never change.
   std::unordered_map<std::uint32_t, PointText> points_;
 };
 

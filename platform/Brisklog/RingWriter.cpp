@@ -83,8 +83,9 @@ RingWriter::RingWriter(Word* memory, std::size_t recordCount, std::size_t dictio
   storeShared(header[magicWord], ringMagic);
 }
 
-// The slot itself is what gets claimed: the head only says where to look and may lag behind after a
-// writer was suspended between the two, never losing more than a walk over the slots taken since.
+// A writer claims a record by the slot's sequence word. The head word only says where to start: it
+// lags behind when a writer is suspended between the two stores, and then the loop passes over the
+// slots that were claimed since.
 ClaimedRecord RingWriter::claim() noexcept {
   Word ticket = shared(header[headWord]).load(std::memory_order_acquire);
   for (;;) {
@@ -94,7 +95,7 @@ ClaimedRecord RingWriter::claim() noexcept {
     if (seen >= sequenceWriting(ticket)) {
       ticket = ticketOf(seen) + 1;
     } else if (isWriting(seen)) {
-      // Its writer has been suspended, or died in a forked child, for a whole round: leave it the
+      // The slot's writer was suspended a whole round ago, or died in a forked child. Skip the
       // slot.
       ++ticket;
     } else if (sequence.compare_exchange_strong(seen, sequenceWriting(ticket),
@@ -175,7 +176,7 @@ namespace Brisklog {
 namespace detail {
 namespace {
 
-// Where a record goes while there is no memory for a ring.
+// Receives the records while there is no memory for a ring.
 ClaimedRecord discardedRecord() noexcept {
   thread_local std::array<Word, recordWords> words;
   return {.words = words.data(), .complete = 0};
@@ -195,7 +196,7 @@ detail::ClaimedRecord TracePoint::claim(detail::Word kinds) const noexcept {
   }
   detail::RingWriter& writer = *current.writer;
   const detail::ClaimedRecord claimed = writer.claim();
-  const bool hasTicks = writer.usesTicks && !Korm::Moment::stands() && Korm::clockIsSystem();
+  const bool hasTicks = writer.usesTicks && !Korm::Moment::exists() && Korm::clockIsSystem();
   const detail::Word flags = hasTicks ? detail::timeIsTicks : 0;
   const detail::Word time =
       hasTicks ? writer.now() : std::bit_cast<detail::Word>(Korm::currentTime());

@@ -1,7 +1,7 @@
 // The writing side of a ring: claiming records, the dictionary, the clock. For Brisklog's own use.
 //
-// Thread and process rule: any thread. Writers claim records without waiting for each other;
-// entering a trace point in the dictionary and renewing the calibration take a lock of the process.
+// Threads: any thread. Writers claim records without waiting for each other. Entering a trace point
+// in the dictionary and renewing the clock's calibration take a lock of the process.
 #pragma once
 
 #include <atomic>
@@ -15,10 +15,10 @@
 namespace Brisklog::detail {
 
 struct RingWriter {
-  // Lays out a ring in zeroed memory and opens it to readers.
+  // Formats a ring in zeroed memory and makes it visible to readers.
   RingWriter(Word* memory, std::size_t recordCount, std::size_t dictionaryWords);
 
-  // Never matches a trace point: stands for the ring that does not exist yet.
+  // Stands for a ring that does not exist yet: no trace point is registered with it.
   constexpr RingWriter() noexcept : generation(~std::uint32_t{0}) {}
 
   [[nodiscard]] static constexpr std::size_t bytes(std::size_t recordCount,
@@ -48,14 +48,14 @@ struct RingWriter {
 // The writer of the current ring, never null.
 extern constinit std::atomic<RingWriter*> currentWriter;
 
-// The current writer in a place of its own, so that the pair belongs together.
+// A trace point's place in the dictionary of one particular ring.
 struct Registration {
   RingWriter* writer;
   std::uint64_t word;  // as TracePoint keeps it
 };
 
-// Enters the point into the current ring, which it makes if need be. The writer is null when there
-// is no memory for a ring.
+// Enters the point into the current ring, which is created if need be. The writer is null when
+// there is no memory for a ring.
 [[nodiscard]] Registration registerPoint(const TracePoint& point,
                                          std::atomic<std::uint64_t>& registration) noexcept;
 

@@ -1,4 +1,4 @@
-// The text of values and messages, the same in the text trace and in what a reader decodes. For
+// The texts of values and messages. The text trace and the reader of a ring share them. For
 // Brisklog's own use.
 #pragma once
 
@@ -18,8 +18,8 @@ namespace Brisklog::detail {
 [[nodiscard]] std::string textOf(std::string_view value);
 [[nodiscard]] std::string textOf(Bytes value);
 
-// scope, function, and format with its "%s" replaced in turn. Arguments left over are appended,
-// each after a space; a "%s" left over stays.
+// The scope, the function, and the format with each "%s" replaced by the next argument. Surplus
+// arguments are appended, each after a space; a surplus "%s" stays.
 [[nodiscard]] std::string messageText(std::string_view scope, std::string_view function,
                                       std::string_view format,
                                       std::span<const std::string> arguments);

@@ -15,7 +15,7 @@
 namespace Brisklog {
 namespace {
 
-// Never destroyed: trace points may be passed until the very end.
+// Never destroyed, because trace points may run until the very end.
 struct SinkHolder {
   Korm::Mutex mutex;
   std::shared_ptr<const TextSink> sink KORM_GUARDED_BY(mutex);
@@ -47,7 +47,7 @@ std::string argumentText(const detail::TextArgument& argument) {
       break;
   }
   std::ostringstream stream;
-  // Whatever locale the host has chosen for its users, a trace reads the same everywhere.
+  // A trace looks the same in every locale that a host may have chosen for its users.
   stream.imbue(std::locale::classic());
   argument.print(stream, argument.value);
   return std::move(stream).str();

@@ -1,8 +1,7 @@
 // Where the text trace goes.
 //
-// Thread and process rule: textSinkIs() may be called at any time from any thread. The sink is
-// called on the thread that traces, possibly on several at once; a call under way may still use the
-// sink that was just replaced.
+// Threads: textSinkIs() may be called at any time from any thread. The sink is called on the thread
+// that traces, possibly on several at once. A call in progress may still use the replaced sink.
 #pragma once
 
 #include <functional>
@@ -10,7 +9,7 @@
 
 namespace Brisklog {
 
-// One text message. The views are good for the duration of the call.
+// One text message. The views are valid during the call.
 struct TextMessage {
   std::string_view handle;
   int level = 0;
@@ -20,7 +19,7 @@ struct TextMessage {
   std::string_view text;      // scope, function and format, with the arguments filled in
 };
 
-// Must not throw. What the sink itself traces is recorded in the ring only.
+// Must not throw. What the sink itself traces goes to the ring only.
 using TextSink = std::function<void(const TextMessage&)>;
 
 // Replaces the sink of the process; null, as at the start, discards the text.

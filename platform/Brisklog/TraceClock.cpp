@@ -17,7 +17,7 @@ namespace {
 
 constexpr double baselineNanoseconds = 1e6;
 
-// The rate is taken against the monotonic clock, which nobody sets.
+// The rate is measured against the monotonic clock, which nobody sets.
 struct Sample {
   std::uint64_t ticks = 0;
   std::uint64_t realtime = 0;
@@ -31,7 +31,7 @@ std::uint64_t readClock(clockid_t clock) noexcept {
          static_cast<std::uint64_t>(now.tv_nsec);
 }
 
-// Several tries, of which the one that was interrupted least counts.
+// Takes several samples and returns the one that was interrupted least.
 Sample sample() noexcept {
   Sample best;
   std::uint64_t bestSpan = std::numeric_limits<std::uint64_t>::max();

@@ -5,16 +5,16 @@
 //   ...
 //   insertPoint(flowName);
 //
-// The binary record goes to the process's ring (Ring.h), always: no lock, no allocation, no
-// formatting. The text goes to the host's sink (TextTrace.h) when the handle's level is at least
-// the point's.
+// The binary record always goes to the process's ring (Ring.h), without a lock, an allocation or
+// any formatting. The text goes to the host's sink (TextTrace.h) when the handle's level is at
+// least the level of the point.
 //
-// Thread and process rule: any thread may trace, change a level, or do both at once. A forked child
-// goes on writing into a named ring of its parent until it sets a ring of its own.
-// Ownership: handles and points are objects of static storage that live as long as the program
-// traces. The texts that they are given are not copied and must live as long: string literals.
-// Invariant: a call never throws and never changes what it is given. Where no ring was set and
-// there is no memory for one, or none for a text, the record or the text is dropped.
+// Threads: any thread may trace and change levels. A forked child goes on writing into a named ring
+// of its parent until it sets a ring of its own.
+// Ownership: handles and points have static storage and live as long as the program traces. The
+// texts that they are given are not copied, so they must be string literals. Invariant: a call
+// never throws. Where there is no memory for a ring or for a text, the record or the text is
+// dropped.
 #pragma once
 
 #include <array>
@@ -31,7 +31,7 @@
 
 namespace Brisklog {
 
-// What a library traces under, and how much of it is wanted as text. One per library.
+// A library's name in the trace, and how much of its trace is wanted as text. One per library.
 class TraceHandle {
  public:
   constexpr explicit TraceHandle(std::string_view name) noexcept : name_(name) {}
@@ -86,13 +86,13 @@ template <class T>
   return {.value = value.value, .print = &Streamed<T>::print};
 }
 
-// A record claimed for its writer, who alone may store into it until it is published.
+// A record that one writer has claimed. Nobody else stores into it until it is published.
 struct ClaimedRecord {
   Word* words;
   Word complete;  // the sequence word that publishes it
 };
 
-// Stores as much of the bytes as fits between `next` and `end`; gives the first word left free.
+// Stores as many of the bytes as fit between `next` and `end`. Returns the first word behind them.
 Word* storeBytes(Word* next, const Word* end, const void* data, std::size_t size) noexcept;
 
 [[nodiscard]] constexpr Word rawWord(bool value) noexcept { return value ? 1 : 0; }
@@ -114,7 +114,7 @@ inline Word* storeArgument(Word* next, const Word* end, Bytes value) noexcept {
   return storeBytes(next, end, value.data, value.size);
 }
 
-// The kinds of a record's arguments as they stand in its control word.
+// The kinds of a record's arguments as bits of its control word.
 template <class... Values>
 [[nodiscard]] consteval Word kindsOf() {
   Word kinds = 0;
@@ -125,7 +125,7 @@ template <class... Values>
 
 }  // namespace detail
 
-// A place in the program that traces: one object for each, at namespace scope.
+// A place in the program that traces. There is one object for each, at namespace scope.
 class TracePoint {
  public:
   // level: 0 for failures, larger numbers for finer detail.
@@ -150,9 +150,9 @@ class TracePoint {
   TracePoint(const TracePoint&) = delete;
   TracePoint& operator=(const TracePoint&) = delete;
 
-  // Traces the values, at most eight; see Argument.h for the types. Texts and bytes share what a
-  // record has left, which is 104 bytes less 8 for each other argument, and are cut with a mark
-  // where that is not enough; the text trace is never cut.
+  // Traces the values, at most eight; see Argument.h for their types. In a record, texts and bytes
+  // share 104 bytes less 8 for each other argument. Where that is not enough they are cut and
+  // marked as cut. The text trace is never cut.
   template <class... Args>
   void operator()(const Args&... args) const noexcept {
     static_assert(sizeof...(Args) <= detail::maxArguments);
@@ -175,8 +175,7 @@ class TracePoint {
   void record(Values... values) const noexcept {
     const detail::ClaimedRecord claimed = claim(detail::kindsOf<Values...>());
     [[maybe_unused]] detail::Word* next = claimed.words + detail::payloadWord;
-    // One word stays reserved for each argument still to come, so that a long text takes nobody's
-    // place.
+    // One word stays reserved for each later argument, so that a long text leaves room for them.
     [[maybe_unused]] const detail::Word* end =
         claimed.words + detail::recordWords - sizeof...(values);
     ((next = detail::storeArgument(next, ++end, values)), ...);
@@ -202,7 +201,7 @@ class TracePoint {
   const int level_;
   const int line_;
 
-  // Generation of the ring << 32 | id in its dictionary; 0: entered nowhere yet.
+  // Generation of the ring << 32 | id in its dictionary; 0 while the point is not registered.
   mutable std::atomic<std::uint64_t> registration_ = 0;
 };
 

@@ -12,7 +12,7 @@ class Config final : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // Whether the feature is on. Off at first.
+  // Whether the feature is on. It is off at first.
   [[nodiscard]] bool enabled() const noexcept { return enabled_(); }
   void enabledIs(bool enabled) { enabled_.is(enabled); }
   [[nodiscard]] Korm::NotifieeList<>& enabledNotifiees() const noexcept {

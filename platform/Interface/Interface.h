@@ -13,21 +13,22 @@
 
 namespace Interface {
 
-// The name of an interface, held inline so that it can stand in shared memory. The default is the
-// empty id, no interface.
+// The name of an interface, stored inline so that it can be in shared memory. The default is the
+// empty id, which means no interface.
 class IntfId {
  public:
   static constexpr std::size_t maxLength = 23;
 
   constexpr IntfId() noexcept = default;
-  // Raises the range exception for a name longer than maxLength.
+  // Throws: Korm::RangeException for a name longer than maxLength.
   explicit IntfId(std::string_view name);
 
-  // Never longer than maxLength, also where a damaged row says so.
+  // Never longer than maxLength, even when a damaged row says so.
   [[nodiscard]] std::string_view name() const noexcept {
     return {name_.data(), std::min<std::size_t>(length_, maxLength)};
   }
-  // The first two letters and the number: "Et1" for "Ethernet1". A name of another shape as it is.
+  // The first two letters and the number: "Et1" for "Ethernet1". Names of another form stay as they
+  // are.
   [[nodiscard]] IntfId shortName() const;
   [[nodiscard]] bool empty() const noexcept { return length_ == 0; }
 

@@ -16,8 +16,8 @@ class Activity {
  public:
   void defer(std::function<void()> work) { queue_.push_back(std::move(work)); }
 
-  // Runs until nothing waits, including what the work itself defers. An exception leaves with the
-  // work behind it still queued.
+  // Runs until the queue is empty, including what the work itself defers.
+  // Throws: whatever the work throws; the work behind it stays queued.
   void run() {
     while (!queue_.empty()) {
       const std::function<void()> work = std::move(queue_.front());
@@ -27,7 +27,7 @@ class Activity {
   }
 
   [[nodiscard]] bool idle() const noexcept { return queue_.empty(); }
-  // Drops what waits, but for what the dropped work defers as it goes.
+  // Drops the queue. What the destructors of the dropped work defer stays queued.
   void clear() noexcept { std::deque<std::function<void()>>{}.swap(queue_); }
 
  private:
@@ -37,7 +37,7 @@ class Activity {
 // The run queue of the process.
 [[nodiscard]] Activity& activity() noexcept;
 
-// Counts of an entity's activity, by name. A counter's address is good for the set's life.
+// Counts of an entity's activity, by name. A counter never moves while the set lives.
 class ActivityCounters {
  public:
   using Counter = std::uint64_t;

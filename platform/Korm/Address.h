@@ -1,7 +1,7 @@
 // Ethernet and IP addresses.
 //
-// Trivially copyable without padding, so that they can stand in shared memory and be compared as
-// bytes.
+// The types are trivially copyable and have no padding, so that they can be stored in shared memory
+// and compared as bytes.
 #pragma once
 
 #include <array>
@@ -44,8 +44,8 @@ struct Ip6Addr {
 
 enum class AddressFamily : std::uint8_t { none_ = 0, ipv4_ = 4, ipv6_ = 6 };
 
-// An address of either family, or of none (the unspecified address, the default). The octets behind
-// an IPv4 address are zero.
+// An IPv4 or an IPv6 address, or none, which is the default. The octets behind an IPv4 address are
+// zero.
 class IpAddr {
  public:
   constexpr IpAddr() noexcept = default;
@@ -57,16 +57,17 @@ class IpAddr {
   constexpr explicit IpAddr(const Ip6Addr& address) noexcept
       : family_{AddressFamily::ipv6_}, octets_{address.octets} {}
 
-  // The mask of `length` leading ones. Raises the range exception for a length above the family's
-  // width: 32, 128, or 0 for no family.
+  // The mask of `length` leading ones.
+  // Throws: Korm::RangeException for a length above the family's width: 32, 128, or 0 for no
+  // family.
   [[nodiscard]] static IpAddr prefixMask(AddressFamily family, unsigned length);
 
   [[nodiscard]] constexpr AddressFamily family() const noexcept { return family_; }
-  // All-zero, whatever the family, or of no family.
+  // Whether all octets are zero, whatever the family.
   [[nodiscard]] constexpr bool isZero() const noexcept {
     return octets_ == std::array<std::uint8_t, 16>{};
   }
-  // The address as one of that family; of the other family, or of none, the zero address.
+  // The address if it is of that family, otherwise the zero address.
   [[nodiscard]] constexpr Ip4Addr ip4() const noexcept {
     return family_ == AddressFamily::ipv4_
                ? Ip4Addr{{octets_[0], octets_[1], octets_[2], octets_[3]}}
@@ -89,7 +90,8 @@ std::ostream& operator<<(std::ostream& out, const Ip4Addr& address);
 std::ostream& operator<<(std::ostream& out, const Ip6Addr& address);
 std::ostream& operator<<(std::ostream& out, const IpAddr& address);
 
-// From text; nothing when it is no such address. Leading zeros in a decimal part are refused.
+// Parse a text; nothing when it is not such an address. Leading zeros in a decimal part are
+// refused.
 [[nodiscard]] std::optional<EthAddr> parseEthAddr(std::string_view text);
 [[nodiscard]] std::optional<IpAddr> parseIpAddr(std::string_view text);
 

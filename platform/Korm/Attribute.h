@@ -7,7 +7,8 @@
 
 namespace Korm {
 
-// A value that tells its reactors that it changed; setting the value that it has tells nobody.
+// A value that notifies its reactors when it changes. Setting the value that it already has
+// notifies nobody.
 template <class T>
 class Attribute {
  public:
@@ -23,7 +24,7 @@ class Attribute {
     }
   }
 
-  // Tells the reactors even when the value is the present one: for counts whose writing is the
+  // Notifies the reactors even when the value does not change. For counts: writing one is the
   // event.
   void setAndNotify(const T& value) {
     value_ = value;

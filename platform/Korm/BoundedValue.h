@@ -10,8 +10,8 @@
 
 namespace Korm {
 
-// An integer that refuses to be built outside its limits. `Limits` supplies `min`, `max` (both
-// accepted) and `message`, the whole text of the range exception.
+// An integer within limits. `Limits` supplies `min` and `max`, which are both accepted, and
+// `message`, the whole text of the exception for any other value.
 template <class Int, class Limits>
 class BoundedValue {
  public:
@@ -21,7 +21,9 @@ class BoundedValue {
 
   constexpr BoundedValue() noexcept = default;
 
-  // Takes an integer of any width and sign, so that no value is converted into the limits.
+  // Takes an integer of any width and sign, so that no conversion brings a bad value into the
+  // limits.
+  // Throws: RangeException for a value outside the limits.
   template <std::integral Wide>
   constexpr explicit BoundedValue(Wide value) : value_{static_cast<Int>(value)} {
     if (std::cmp_less(value, min) || std::cmp_greater(value, max)) [[unlikely]] {

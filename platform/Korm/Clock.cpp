@@ -17,7 +17,7 @@ double currentTime() {
   }
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const double seconds = std::chrono::duration<double>(now).count();
-  if (Moment::stands()) {
+  if (Moment::exists()) {
     detail::momentTime = seconds;
   }
   return seconds;

@@ -18,16 +18,14 @@ void clockIs(ClockFunction clock) noexcept;
 [[nodiscard]] bool clockIsSystem() noexcept;
 
 namespace detail {
-// 0 while no moment stands; unreadMoment before its clock was read; the time that it has
-// afterwards.
+// 0 while there is no moment, unreadMoment until its clock is read, and from then on its time.
 inline constexpr double unreadMoment = -1;
 inline constinit thread_local double momentTime = 0;
 }  // namespace detail
 
-// While one stands, its thread reads the system clock at most once: currentTime() and the trace
-// records have the time at which either was first asked for. For the length of one call of a
-// handler. A moment within another one has no effect. A clock that the host has set is read every
-// time.
+// While a Moment exists, its thread reads the system clock at most once: currentTime() and the
+// trace records all have the time of the first reading. Meant for one call of a handler. A moment
+// within another one has no effect. A clock that the host has set is read every time.
 class Moment {
  public:
   Moment() noexcept : outer_{detail::momentTime} {
@@ -39,7 +37,7 @@ class Moment {
   Moment(const Moment&) = delete;
   Moment& operator=(const Moment&) = delete;
 
-  [[nodiscard]] static bool stands() noexcept { return detail::momentTime != 0; }
+  [[nodiscard]] static bool exists() noexcept { return detail::momentTime != 0; }
 
  private:
   const double outer_;

@@ -13,8 +13,8 @@ namespace Korm {
 
 // A keyed collection that tells its reactors the key of every change, and nothing else.
 //
-// Where a hash is taken it is Map::hash(key), for a caller that has it already. A look-up takes
-// whatever compares with a key and has the same hash.
+// An overload with a hash is for a caller that has computed it before. Requires: it is
+// Map::hash(key). A look-up accepts any type that compares with a key and has the same hash.
 template <class Key, class Value>
 class Collection {
  public:
@@ -25,14 +25,14 @@ class Collection {
   void is(const Key& key, Value value) {
     const auto [entry, inserted] = map_.tryEmplace(key, std::move(value));
     if (!inserted) {
-      // tryEmplace leaves it alone when the key is present.
+      // tryEmplace does not move from the value when the key is present.
       entry.value = std::move(value);  // NOLINT(bugprone-use-after-move)
     }
     tell(key);
   }
 
-  // The element, made from `args` if it is not there; true when it was made. Tells nobody: the
-  // caller does, once the element is what it is to be.
+  // The element, made from `args` if it is missing; true when it was made. Notifies nobody: the
+  // caller calls tell() once it has filled the element in.
   template <class K, class... Args>
   std::pair<Value&, bool> make(const K& key, std::uint32_t hash, Args&&... args) {
     const auto [entry, made] = map_.tryEmplaceHashed(hash, key, std::forward<Args>(args)...);
@@ -41,18 +41,18 @@ class Collection {
   template <class K>
   void tell(const K& key) const {
     if (!notifiees_.empty()) {
-      const Key copy{key};  // `key` may stand in an element that a reactor removes
+      const Key copy{key};  // `key` may be part of an element that a reactor removes
       notifiees_.notify(copy);
     }
   }
 
-  // Whether there was such an element; only then are the reactors told.
+  // Removes the element; false when there is none, and then nobody is notified.
   template <class K>
   bool erase(const K& key, std::uint32_t hash) {
     if (notifiees_.empty()) {
       return map_.erase(key, hash);
     }
-    const Key copy{key};  // `key` may stand in the element that goes
+    const Key copy{key};  // `key` may be part of the element that is erased
     if (!map_.erase(copy, hash)) {
       return false;
     }
@@ -61,7 +61,8 @@ class Collection {
   }
   bool erase(const Key& key) { return erase(key, Map::hash(key)); }
 
-  // The value removed, if there was one; only then are the reactors told.
+  // Removes the element and returns its value; nothing when there is none, and then nobody is
+  // notified.
   std::optional<Value> del(const Key& key) {
     auto* const entry = map_.find(key);
     if (entry == nullptr) {
@@ -72,8 +73,9 @@ class Collection {
     return removed;
   }
 
-  // Removes the elements one by one, telling each. An exception from a reactor leaves when all have
-  // gone. The collection must not be destroyed meanwhile.
+  // Removes the elements one by one and notifies of each.
+  // Requires: no reactor destroys the collection.
+  // Throws: the first exception of a reactor, once all elements are gone.
   void delAll() {
     std::exception_ptr first;
     for (auto& entry : map_) {

@@ -32,7 +32,7 @@ void Dir::entityIs(const Name& name, Ptr<Entity> entity) {
   if (replaced) {
     release(*replaced);
   }
-  notifiees_.notify(copy);  // what was replaced goes once everybody has been told
+  notifiees_.notify(copy);  // the replaced entity is released after the notification
 }
 
 Ptr<Entity> Dir::entityDel(const Name& name) {

@@ -7,28 +7,30 @@
 
 namespace Korm {
 
-// Holds a reference to each entity. Reactors hear the name of each one added, replaced or removed.
+// Holds a reference to each entity. Its reactors are told the name of each entity that is added,
+// replaced or removed.
 class Dir final : public NamedEntity {
  public:
   explicit Dir(Name name = {}) : NamedEntity{std::move(name)} {}
   ~Dir() override;
 
-  // Adds or replaces; the entity that is there already is left alone and nobody is told. A null
-  // entity removes. The entity hears of its parent first; when that throws, nothing has changed. A
-  // named entity is to bear the name under which it is placed.
+  // Adds the entity, or replaces the one of that name. Null removes it. Nobody is told when the
+  // entity is there already.
+  // Requires: a named entity has the name under which it is placed.
+  // Throws: whatever the entity's handleParent() throws; nothing has changed then.
   void entityIs(const Name& name, Ptr<Entity> entity);
   // The entity removed, or null.
   Ptr<Entity> entityDel(const Name& name);
 
-  // Null when there is none of that name or it is of another type.
+  // Null when there is no entity of that name or it is of another type.
   template <class T = Entity>
   [[nodiscard]] Ptr<T> entityPtr(const Name& name) const {
     const auto found = entities_.find(name);
     return found == entities_.end() ? Ptr<T>{} : dynamicPtrCast<T>(found->second);
   }
 
-  // Name and entity of each, by name. Changes to the directory end the walk's validity only for the
-  // element removed.
+  // All entities in the order of their names. A change of the directory invalidates only iterators
+  // to the element that it removes.
   [[nodiscard]] const std::map<Name, Ptr<Entity>>& entities() const noexcept { return entities_; }
 
   [[nodiscard]] NotifieeList<const Name&>& notifiees() const noexcept { return notifiees_; }

@@ -26,8 +26,9 @@ class Entity : public Counted {
     }
   }
 
-  // Told, in attachment order, when the last outside reference has gone. An observer that takes a
-  // reference then keeps the entity alive until that reference goes, and is asked again.
+  // Told, in attachment order, when the last outside reference has been dropped. A reactor that
+  // takes a reference keeps the entity alive. Once that reference is dropped too, all are told
+  // again.
   [[nodiscard]] NotifieeList<>& zeroReferencesNotifiees() noexcept { return zeroReferences_; }
 
   // Called by a directory on the entity that was placed in it.
@@ -39,7 +40,7 @@ class Entity : public Counted {
 
   void onZeroReferences() override { zeroReferences_.notify(); }
 
-  // Called when the switch changes, to pass the new value on to the object's reactors.
+  // Called when notifications are switched on or off, to pass that on to the object's reactors.
   virtual void onNotificationActive(bool /*active*/) {}
 
  private:

@@ -1,6 +1,6 @@
 // The framework's failures: the range exception, the parse errors, and the assertion.
 //
-// Thread and process rule: everything here may be called from any thread.
+// Threads: everything here may be called from any thread.
 #pragma once
 
 #include <stdexcept>
@@ -9,8 +9,8 @@
 
 namespace Korm {
 
-// The last folder and the name of a source file without its ending: "Ostra/OstraSm" for
-// ".../Ostra/OstraSm.cpp". A text without an ending (a unit given by hand) stays as it is.
+// The last folder and the name of a source file, without its ending: "Ostra/OstraSm" for
+// ".../Ostra/OstraSm.cpp". A text without an ending is returned as it is.
 [[nodiscard]] constexpr std::string_view sourceUnit(std::string_view file) noexcept {
   if (const auto dot = file.rfind('.'); dot != std::string_view::npos) {
     file = file.substr(0, dot);
@@ -35,7 +35,7 @@ class ParseException : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A text whose shape is right but in which one attribute has a value that its type refuses.
+// The text is well formed, but one attribute has a value that its type refuses.
 class DeserializationException : public ParseException {
  public:
   DeserializationException(std::string attribute, const std::string& reason)
@@ -47,7 +47,7 @@ class DeserializationException : public ParseException {
   std::string attribute_;
 };
 
-// A read or write that a value's generic interface does not offer.
+// A value's generic interface has no such attribute, or the attribute cannot be written.
 class AttributeException : public std::invalid_argument {
  public:
   using std::invalid_argument::invalid_argument;
@@ -58,7 +58,7 @@ class AttributeException : public std::invalid_argument {
 // Prints `Assertion failed: TEXT (UNIT:LINE)` on standard error and aborts, in every build type.
 [[noreturn]] void assertionFailed(const char* text, std::string_view unit, int line) noexcept;
 
-// Stops the process on a broken invariant; `text` is the invariant in words or as code.
+// Aborts the process when `condition` is false. `text` says in words or as code what must hold.
 constexpr void assertTrue(bool condition, const char* text, const char* file = __builtin_FILE(),
                           int line = __builtin_LINE()) noexcept {
   if (!condition) [[unlikely]] {

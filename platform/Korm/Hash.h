@@ -1,7 +1,7 @@
 // Hashing for the framework's keyed collections and for the shared-memory tables.
 //
-// The hashes are stable within one process and its readers on one machine; they are not meant to be
-// stored for longer.
+// The hashes agree between the processes of one machine. They may change with the next version of
+// the program, so they must not be stored for longer.
 #pragma once
 
 #include <bit>
@@ -27,8 +27,8 @@ namespace Korm {
   return value ^ (value >> 31);
 }
 
-// The 32-bit hash under which a key stands in a keyed collection: the key's own `hash(seed)` with
-// seed 0 where it has one, otherwise a hash of its integer or of its characters.
+// The 32-bit hash of a key in a keyed collection: the key's own `hash(seed)` with seed 0 where it
+// has one, otherwise a hash of its integer or of its characters.
 template <class Key>
 struct Hash {
   [[nodiscard]] std::uint32_t operator()(const Key& key) const noexcept {
@@ -50,14 +50,14 @@ struct Hash<std::string> {
   }
 };
 
-// A name with its hash, for a caller that looks it up several times. Refers to the text.
+// A name with its hash, for a caller that looks it up several times. Does not copy the text.
 class HashedName {
  public:
   // Any text converts to it.
   template <std::convertible_to<std::string_view> Text>
   HashedName(const Text& text) noexcept  // NOLINT(google-explicit-constructor)
       : HashedName{text, Hash<std::string>{}(text)} {}
-  // `hash` is that of the name in a collection keyed by names.
+  // Requires: `hash` is Hash<std::string> of the text.
   HashedName(std::string_view text, std::uint32_t hash) noexcept : text_{text}, hash_{hash} {}
 
   [[nodiscard]] std::string_view text() const noexcept { return text_; }

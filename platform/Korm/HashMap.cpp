@@ -51,7 +51,8 @@ void HashIndex::erase(std::uint32_t hash, std::uint32_t slot) noexcept {
   while (slotOf(words[hole]) != slot) {
     hole = (hole + 1) & mask_;
   }
-  // Close the gap with the words behind it that may stand there, so that no tombstones gather.
+  // Move words back into the gap where their probe sequences allow it, so that no tombstones are
+  // needed.
   for (std::uint32_t at = (hole + 1) & mask_; words[at] != 0; at = (at + 1) & mask_) {
     const std::uint32_t home = hashOf(words[at]) & mask_;
     if (((at - home) & mask_) >= ((at - hole) & mask_)) {
@@ -100,8 +101,8 @@ void HashIndex::split(std::uint32_t hash) {
       place((hashOf(word) >> (31 - oldDepth) & 1) != 0 ? high : low, word);
     }
   }
-  // The directory entries of one segment stand side by side; the upper half of them is the new
-  // one's.
+  // The directory entries of one segment are adjacent. The upper half of them goes to the new
+  // segment.
   const std::uint32_t entries = 1U << (depth_ - oldDepth);
   const std::uint32_t first = directoryAt(hash) & ~(entries - 1);
   std::fill_n(directory_.begin() + first + entries / 2, entries / 2, high);

@@ -1,19 +1,18 @@
 // A hash map for the framework's keyed collections.
 //
-// What it gives that std::unordered_map does not: it grows in small steps (no insertion ever
-// rehashes the whole map), keeps its elements in dense chunks in the order of their slots, and lets
-// the caller hash a key once for several look-ups. The figures are in docs/performance.md.
+// It differs from std::unordered_map in three ways. It grows in small steps: no insertion rehashes
+// the whole map. Its elements lie in dense chunks, so that a walk is fast. The caller can hash a
+// key once for several look-ups. docs/performance.md has the figures.
 //
-// Elements never move: a reference to one stays good until that element is erased. An iterator
-// stays good across every change but clear(), also when the element that it stands on is erased. An
-// element's destructor may look at the map and, except during clear(), change it.
+// Elements never move: a reference to one stays valid until that element is erased. An iterator
+// stays valid across every change but clear(), even when its element is erased. The destructor of
+// an element may read the map and, except during clear(), change it.
 //
-// The upper bits of a hash choose the segment, so hashes are to be well mixed: at most 448 keys may
-// agree in the upper 22 bits of theirs. One more is a std::length_error that leaves the map as it
-// is.
-//
-// Shape: elements live in chunks that double in size. An index of {hash, slot} words finds them; it
-// is cut into segments of 512 words under a directory, and a segment that fills splits in two.
+// Elements are stored in slots, and the slots in chunks that double in size. An index maps a hash
+// to slots. It is cut into segments of 512 words, which a directory finds by the upper bits of the
+// hash; a segment that is full splits in two. Hashes must therefore be well mixed: when more than
+// 448 keys agree in the upper 22 bits of their hashes, inserting one throws std::length_error and
+// leaves the map as it was.
 #pragma once
 
 #include <array>
@@ -32,7 +31,7 @@
 
 namespace Korm {
 
-// The part of the map that does not depend on the types: from a hash to candidate slots.
+// The part of the map that does not depend on its types: maps a hash to candidate slots.
 class HashIndex {
  public:
   HashIndex() = default;
@@ -56,6 +55,7 @@ class HashIndex {
   }
 
   // Makes room for one more element with this hash, so that the next insert() cannot fail.
+  // Throws: std::bad_alloc, or std::length_error when too many keys share the hash.
   void reserveFor(std::uint32_t hash);
   void insert(std::uint32_t hash, std::uint32_t slot) noexcept;
   void erase(std::uint32_t hash, std::uint32_t slot) noexcept;
@@ -66,7 +66,7 @@ class HashIndex {
   static constexpr std::uint32_t none = 0xFFFFFFFFU;
 
  private:
-  // Behind the words of a segment stands one word of {depth, number of words in use}.
+  // The words of a segment are followed by one word of {depth, number of words in use}.
   static constexpr std::uint32_t fullSegment = 512;
   static constexpr std::uint32_t maxDepth = 22;
 
@@ -121,7 +121,7 @@ class HashMap {
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
   [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
 
-  // The element, or null. `hash` is hash(key), for a caller that has it already.
+  // The element, or null. Requires: `hash` is hash(key), where it is given.
   template <class K>
   [[nodiscard]] Entry* find(const K& key) noexcept {
     return find(key, hash(key));
@@ -167,7 +167,7 @@ class HashMap {
     return {fresh.entry(), true};
   }
 
-  // Whether there was such an element.
+  // Removes the element; false when there is none.
   template <class K>
   bool erase(const K& key) noexcept {
     return erase(key, hash(key));
@@ -182,7 +182,7 @@ class HashMap {
     index_.erase(hash, slot);
     --size_;
     Node& gone = node(slot);
-    gone.state = noFree;  // before the destructor runs, which may come back here
+    gone.state = noFree;  // before the destructor runs, which may call the map again
     gone.entry().~Entry();
     free(slot);
     return true;
@@ -226,7 +226,7 @@ class HashMap {
       ++*this;
       return before;
     }
-    // An end is past whatever the map holds by now.
+    // All positions behind the last slot are equal, however much the map has grown since.
     friend bool operator==(const Iterator& a, const Iterator& b) {
       return a.slot_ == b.slot_ || (a.atEnd() && b.atEnd());
     }

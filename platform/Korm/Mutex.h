@@ -1,10 +1,10 @@
-// A mutex whose use Clang checks: data declared KORM_GUARDED_BY(mutex) may only be accessed while a
-// Lock of that mutex stands (-Wthread-safety). Other compilers see a plain std::mutex.
+// A mutex whose use Clang checks (-Wthread-safety): data declared KORM_GUARDED_BY(mutex) may only
+// be accessed while a Lock holds that mutex. Other compilers see a plain std::mutex.
 #pragma once
 
 #include <mutex>
 
-// Attributes cannot be had without macros where another compiler does not know them.
+// These are macros because other compilers do not know the attributes.
 #if defined(__clang__)
 #define KORM_THREAD_ANNOTATION(x) __attribute__((x))
 #else

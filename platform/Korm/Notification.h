@@ -1,13 +1,14 @@
 // Notifications: reactors attached to the attributes of entities.
 //
-// Delivery is synchronous, in attachment order, on the thread of the mutator. During a delivery
-// reactors may attach, detach, be destroyed, or change the same attribute: none that has been
-// destroyed or switched off is called, none attached during a delivery hears of that change,
-// nothing is skipped or told twice. An exception from a reactor does not rob the others of the
-// change: the first one leaves the mutator after all have been told.
+// Delivery is synchronous, in the order of attachment, on the thread of the mutator. It is
+// re-entrant: during a delivery reactors may attach, detach, be destroyed, or change the same
+// attribute. A reactor that has been destroyed, detached or switched off is not called. One that is
+// attached during a delivery does not hear of that change. All others are called exactly once. When
+// a reactor throws, the others are called nevertheless; the first exception then leaves the
+// mutator.
 //
-// Thread and process rule: one attribute and its reactors belong to one thread at a time.
-// Ownership: a reactor belongs to whoever reacts, never to the attribute; either may go first.
+// Threads: one attribute and its reactors belong to one thread at a time.
+// Ownership: a reactor belongs to its owner, never to the attribute. Either may be destroyed first.
 #pragma once
 
 #include <exception>
@@ -17,7 +18,7 @@ namespace Korm {
 
 class NotifieeListBase;
 
-// What all reactors have in common: the place in an attribute's list, and the switch.
+// What all reactors have in common: their place in an attribute's list, and a switch.
 class Reactor {
  public:
   Reactor(const Reactor&) = delete;
@@ -27,10 +28,10 @@ class Reactor {
   [[nodiscard]] bool hasNotificationActive() const noexcept { return active_; }
   void hasNotificationActiveIs(bool active) noexcept { active_ = active; }
 
-  // Whether the attribute still exists and this reactor has not left it.
+  // Whether the reactor is attached to an attribute that still exists.
   [[nodiscard]] bool attached() const noexcept { return list_ != nullptr; }
 
-  // Leaves the attribute for good; a reactor that is destroyed does so by itself.
+  // Leaves the attribute. The destructor does so too.
   void detach() noexcept;
 
  protected:
@@ -41,12 +42,13 @@ class Reactor {
   friend class NotifieeListBase;
 
   NotifieeListBase* list_ = nullptr;
-  Reactor* previous_ = nullptr;  // the first one's is the last one
+  Reactor* previous_ = nullptr;  // of the first reactor: the last one
   Reactor* next_ = nullptr;
   bool active_ = true;
 };
 
-// The reactors of one attribute, in attachment order. One pointer, as most attributes have none.
+// The reactors of one attribute, in the order of attachment. It is a single pointer, because most
+// attributes have no reactors.
 class NotifieeListBase {
  public:
   NotifieeListBase() = default;
@@ -59,8 +61,8 @@ class NotifieeListBase {
  protected:
   void attachReactor(Reactor& reactor) noexcept;
 
-  // One delivery under way. Deliveries of a thread nest, and a list's reactors tell those over it
-  // when they go.
+  // One delivery in progress. The deliveries of a thread nest, and form a list. A reactor that is
+  // detached removes itself from every delivery that would still call it.
   class Delivery {
    public:
     explicit Delivery(const NotifieeListBase& list) noexcept;
@@ -68,7 +70,7 @@ class NotifieeListBase {
     Delivery& operator=(const Delivery&) = delete;
     ~Delivery();
 
-    // The next reactor that is still there and switched on, or null.
+    // The next reactor that is attached and switched on, or null.
     [[nodiscard]] Reactor* next() noexcept;
 
    private:
@@ -87,7 +89,7 @@ class NotifieeListBase {
   Reactor* first_ = nullptr;
 };
 
-// A reactor to changes that are told with `Args`: the key of a collection, nothing for a plain
+// A reactor that receives `Args` with each change: the key for a collection, nothing for a plain
 // attribute.
 template <class... Args>
 class Notifiee : public Reactor {
@@ -104,7 +106,7 @@ class NotifieeList : public NotifieeListBase {
  public:
   using NotifieeType = Notifiee<Args...>;
 
-  // Attaches behind all others. A reactor attaches to one attribute, once.
+  // Attaches behind all others. Requires: the reactor is not attached anywhere.
   void attach(NotifieeType& reactor) noexcept { attachReactor(reactor); }
 
   void notify(Args... args) const {
@@ -132,7 +134,7 @@ class NotifieeList : public NotifieeListBase {
   }
 };
 
-// A reactor that calls one member function of its owner, which must outlive it.
+// A reactor that calls one member function of its owner. Requires: the owner outlives it.
 template <class Owner, auto handler, class... Args>
 class MemberNotifiee final : public Notifiee<Args...> {
  public:

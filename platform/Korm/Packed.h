@@ -1,5 +1,4 @@
-// A value that may stand at any offset, so that values of all widths stand side by side without
-// padding.
+// A value without alignment, so that a record can hold values of different widths without padding.
 #pragma once
 
 #include <array>
@@ -10,7 +9,7 @@
 
 namespace Korm {
 
-// Starts as all zero bytes, which must be the type's default value.
+// Requires: all zero bytes are the default value of T, because that is what it starts with.
 template <class T>
 class Packed {
   static_assert(std::is_trivially_copyable_v<T> && std::has_unique_object_representations_v<T>);

@@ -13,17 +13,17 @@
 namespace Korm {
 
 namespace detail {
-// Raises the size error "PodArray::set expected size <= ...", with the address and the first bytes
+// Throws the size error "PodArray::set expected size <= ...", with the address and the first bytes
 // of the buffer.
 [[noreturn]] void throwPodArraySize(std::size_t limit, std::size_t count, const void* buffer,
                                     std::size_t bytes);
 }  // namespace detail
 
-// Two lists of at most `capacity` items each. They stand one behind the other, so that the bytes
-// that count are the front of the object; what is behind them means nothing.
+// Two lists of at most `capacity` items each. The second follows directly on the first, so that the
+// bytes in use are the front of the object. The rest is unused.
 //
-// A record read from shared memory may hold any counts, so every access checks them first; one
-// above the capacity raises the range exception.
+// A record read from shared memory may hold any counts, so every access checks them first.
+// Throws: RangeException for a count above the capacity.
 template <class T, std::uint32_t capacity>
 class PodArrayPair {
   static_assert(std::is_trivially_copyable_v<T>);
@@ -31,7 +31,7 @@ class PodArrayPair {
  public:
   static constexpr std::uint32_t max = capacity;
 
-  // Neither span may be of this object's own items.
+  // Requires: the spans do not refer to this object's own items.
   void set(std::span<const T> first, std::span<const T> second = {}) {
     check(first.size(), first.data(), first.size_bytes());
     check(second.size(), second.data(), second.size_bytes());
@@ -50,13 +50,13 @@ class PodArrayPair {
     check(secondCount_, items_.data(), sizeof(items_));
     return {items_.data() + before.size(), secondCount_};
   }
-  // The size of the object's front that counts; by damaged counts, more than the object has.
+  // How many bytes of the object are in use. With damaged counts this may exceed its size.
   [[nodiscard]] std::size_t usedSize() const noexcept {
     return sizeof(PodArrayPair) - sizeof(items_) +
            (std::size_t{firstCount_} + secondCount_) * sizeof(T);
   }
 
-  // As stored, checked or not; setting them is for tests of what a damaged record does.
+  // The counts as they are stored, unchecked. Setting them is for tests of damaged records.
   [[nodiscard]] std::uint32_t storedFirstCount() const noexcept { return firstCount_; }
   [[nodiscard]] std::uint32_t storedSecondCount() const noexcept { return secondCount_; }
   void storedCountsIs(std::uint32_t first, std::uint32_t second) noexcept {

@@ -14,7 +14,7 @@ void Counted::zeroReferences() {
   retain();
   onZeroReferences();
   if (dropReference()) {
-    retain();  // so that pointers which destructors make and drop do not destroy it a second time
+    retain();  // a destructor may make and drop a pointer, which must not destroy it again
     delete this;
   }
 }

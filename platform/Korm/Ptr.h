@@ -1,8 +1,8 @@
 // Intrusive reference counting.
 //
-// Thread and process rule: counts are plain until threadSafePtrIs(true), which a process calls
-// before its first counted object exists; from then on they are atomic.
-// Ownership: a counted object belongs to the pointers at it and goes with the last of them.
+// Threads: counts are plain integers unless the process calls threadSafePtrIs(true) before its
+// first counted object exists. From then on they are atomic. Ownership: a counted object belongs to
+// the pointers to it and is destroyed with the last of them.
 #pragma once
 
 #include <atomic>
@@ -15,13 +15,12 @@
 namespace Korm {
 
 namespace detail {
-// One word for two facts, so that the constructor of a counted object reads it once.
 inline constinit std::atomic<bool> ptrThreadSafe{false};
 inline constinit std::atomic<bool> ptrInUse{false};
 }  // namespace detail
 
-// Makes reference counts atomic (true) or plain (false, the state at start). Asserts that no
-// counted object has been made yet, unless the value is the present one.
+// Makes reference counts atomic (true) or plain (false, as at the start).
+// Requires: no counted object has been made yet, unless the value does not change.
 void threadSafePtrIs(bool threadSafe) noexcept;
 
 [[nodiscard]] inline bool threadSafePtr() noexcept {
@@ -46,9 +45,9 @@ class Counted {
   }
   virtual ~Counted() = default;
 
-  // Called when the last reference has gone, with one reference held for the length of the call.
-  // The object is destroyed afterwards unless somebody has taken a reference. Must not throw: it is
-  // called from a pointer's destructor.
+  // Called when the last reference has been dropped; one reference is held during the call. The
+  // object is destroyed afterwards unless somebody has taken another reference. Must not throw,
+  // because the destructor of a pointer calls it.
   virtual void onZeroReferences() {}
 
  private:
@@ -143,9 +142,8 @@ template <class T, class... Args>
   return Ptr<T>{new T(std::forward<Args>(args)...)};
 }
 
-// A reference to an object that is at work, so that nothing that its work causes can free it
-// meanwhile. Null while the object has no references: it is under construction then, and nobody can
-// free it.
+// A reference that an object takes to itself while it runs code that might drop the last other one.
+// Null while the object has no references: it is under construction then, and cannot be destroyed.
 template <class T>
 [[nodiscard]] Ptr<T> keptAlive(T& object) noexcept {
   return object.references() > 0 ? Ptr<T>{&object} : Ptr<T>{};

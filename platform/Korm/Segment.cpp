@@ -15,14 +15,15 @@ namespace Korm {
 namespace {
 
 constexpr std::size_t pageSize = 4096;
-// Without it the opening of a FIFO would wait for a writer.
+// O_NONBLOCK: opening a FIFO would otherwise wait for a writer.
 constexpr int openFlags = O_CLOEXEC | O_NONBLOCK;
 
 constinit SegmentRights rightsInForce;
 
 std::size_t roundUpToPage(std::size_t bytes) { return (bytes + pageSize - 1) & ~(pageSize - 1); }
 
-// Where address space is short, the other segments and the stack need some of it too.
+// Where address space is limited, a segment reserves only a share of it: the other segments and the
+// stack need some too.
 std::size_t affordable(std::size_t reserve) noexcept {
   constexpr rlim_t share = 64;
   rlimit limit{};
@@ -53,7 +54,7 @@ int allocate(int descriptor, std::size_t from, std::size_t to) {
   return error;
 }
 
-// Gives the group its right to read. The umask has no say in it.
+// Gives the group the right to read, whatever the umask is.
 bool grantGroup(int descriptor) {
   constexpr mode_t readableByGroup = S_IRUSR | S_IWUSR | S_IRGRP;
   return !rightsInForce.group ||
@@ -143,7 +144,7 @@ std::unique_ptr<Segment> Segment::own(const SegmentName& name, std::size_t reser
     if (!segment->tryLockExclusive()) {
       return nullptr;
     }
-    // Its last owner may have removed it between the opening and the locking.
+    // The previous owner may have removed it after it was opened and before it was locked.
     if (segment->isNamed()) {
       segment->refreshSize();
       return segment;
@@ -219,7 +220,7 @@ void Segment::grow(std::size_t bytes) {
   if (const int error = allocate(descriptor_, present, target); error != 0) {
     fail(error, subject_, "grow shared memory");
   }
-  // Only saves the page faults of the first writes: a system that cannot do it is no worse off.
+  // This only saves the page faults of the first writes, so its failure does not matter.
   ::madvise(reinterpret_cast<std::byte*>(words_) + present, target - present, MADV_POPULATE_WRITE);
   size_ = target;
 }
@@ -230,8 +231,8 @@ void Segment::shrink(std::size_t bytes) noexcept {
   }
 }
 
-// Locks of the open file and not of the process, which would lose them by closing any other
-// descriptor of the same object, a reader's for instance.
+// These are locks of the open file. A process would lose its own locks by closing any other
+// descriptor of the same object, such as a reader's.
 bool Segment::tryLockExclusive() const noexcept { return setLock(descriptor_, F_WRLCK); }
 
 bool Segment::tryLockShared() const noexcept { return setLock(descriptor_, F_RDLCK); }

@@ -45,7 +45,7 @@ class SegmentName {
   std::size_t size_ = 0;
 };
 
-// Removes the named object if there is one. Mappings of it stay good.
+// Removes the named object if there is one. Existing mappings stay valid.
 void unlinkSegment(const SegmentName& name) noexcept;
 
 class Segment {
@@ -79,7 +79,7 @@ class Segment {
   [[nodiscard]] std::uint64_t* words() const noexcept { return words_; }
   [[nodiscard]] std::size_t mapped() const noexcept { return mapped_; }
   [[nodiscard]] std::size_t size() const noexcept { return size_.load(std::memory_order_relaxed); }
-  // size() is what it was at open() while another process grows the object; this looks again.
+  // Reads the size again: size() does not follow when another process grows the object.
   void refreshSize();
   // Identifies the object for as long as anyone has it open.
   [[nodiscard]] std::uint64_t identity() const noexcept { return identity_; }
@@ -87,12 +87,12 @@ class Segment {
   // Allocates up to `bytes` in all. Throws: std::system_error when memory, the mapping, or the
   // process's file-size limit runs out; the segment is unchanged then.
   void grow(std::size_t bytes);
-  // Gives back what lies beyond `bytes`. Requires: nobody reads there any more, in any process.
+  // Releases the memory beyond `bytes`. Requires: nobody reads there any more, in any process.
   void shrink(std::size_t bytes) noexcept;
 
-  // Locks of the whole object, exclusive (one holder) or shared. They never wait, and the system
-  // releases them when the last descriptor of this opening goes, however its process ends. A child
-  // made by fork() without exec holds them too.
+  // Lock the whole object, exclusively or shared, without waiting. The system releases a lock when
+  // the last descriptor of this opening is closed, however the process ends. A child made by fork()
+  // without exec holds the lock too.
   [[nodiscard]] bool tryLockExclusive() const noexcept;
   [[nodiscard]] bool tryLockShared() const noexcept;
   // Whether another opening of the object holds the exclusive lock.

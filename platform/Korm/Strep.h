@@ -1,8 +1,8 @@
-// Text forms ("streps") of values: how the framework prints them, reads them back, and reaches the
+// Text forms ("streps") of values: how the framework prints them, parses them, and accesses the
 // attributes of a value by name.
 //
-// Unsigned numbers are decimal without sign or leading zeros; bools are True and False. A reader
-// accepts what the printer prints and nothing else.
+// Unsigned numbers are decimal without sign or leading zeros; bools are True and False. A parser
+// accepts exactly what the printer prints.
 #pragma once
 
 #include <concepts>
@@ -25,9 +25,10 @@ namespace Korm {
   }
 }
 
-// Reads a text from a position to an end that the caller owns; the position stands behind what was
-// read last. Every operation that fails throws ParseException with the offset, what was expected
-// and what was found; one that reads an attribute names it in a DeserializationException.
+// Parses a text that the caller owns, and keeps the caller's iterator behind what it has read.
+// Throws: every operation that fails throws ParseException, which says the offset, what was
+// expected and what was found. One that reads an attribute throws DeserializationException with its
+// name.
 class StrepReader {
  public:
   using Iterator = std::string::const_iterator;
@@ -35,9 +36,9 @@ class StrepReader {
   StrepReader(Iterator& current, Iterator end) : current_{current}, start_{current}, end_{end} {}
 
   void literal(std::string_view expected);
-  // Whether the text goes on with this literal, which is then passed over.
+  // Reads the literal if it comes next; false when it does not.
   [[nodiscard]] bool maybeLiteral(std::string_view expected);
-  // At most `max`; a larger number is refused.
+  // A number above `max` is an error.
   [[nodiscard]] std::uint64_t unsignedAttribute(std::string_view attribute,
                                                 std::uint64_t max = UINT64_MAX);
   [[nodiscard]] std::int64_t signedAttribute(std::string_view attribute, std::int64_t min,
@@ -48,7 +49,8 @@ class StrepReader {
   [[nodiscard]] std::string_view rest() const { return {current_, end_}; }
   [[nodiscard]] bool atEnd() const { return current_ == end_; }
 
-  // Reads a value with its own parser, and names the attribute when that raises a range exception.
+  // Reads a value with its own parser. A RangeException of the parser becomes a
+  // DeserializationException with the name of the attribute.
   template <class Read>
   auto attribute(std::string_view name, Read read) {
     try {
@@ -81,7 +83,8 @@ template <class T>
   }
 }
 
-// Parses a whole text: T(current, end) reads the value, and nothing may stand behind it.
+// Parses a whole text with the constructor T(current, end).
+// Throws: ParseException also when something follows the value.
 template <class T>
 [[nodiscard]] T strepToValue(const std::string& text) {
   auto current = text.begin();
@@ -94,7 +97,7 @@ template <class T>
   return value;
 }
 
-// One attribute of a value type, as the generic interface sees it. A null `write` is a refusal.
+// One attribute of a value type, for generic access. It can only be read when `write` is null.
 template <class T>
 struct GenericAttribute {
   std::string_view name;

@@ -38,7 +38,7 @@ inline void appendHex(std::string& text, std::uint8_t byte) {
   return "0x" + (first == std::string::npos ? "0" : text.substr(first));
 }
 
-// A line for each value of an enumeration that has a text.
+// The texts of an enumeration: one line for each value that has one.
 template <class Enum>
 using EnumTexts = std::span<const std::pair<Enum, std::string_view>>;
 

@@ -6,8 +6,9 @@
 
 namespace KormVasta {
 
-// Held by the entity whose table it controls. When the entity has lost its last outside reference,
-// the control takes over the entity's own one, so that whoever still holds the control keeps both.
+// Held by the entity whose table it controls. When the last outside reference to the entity has
+// been dropped, the control takes a reference to it: whoever still holds the control then keeps
+// both.
 class CollectionControl final : public Korm::Entity {
  public:
   [[nodiscard]] bool quiesced() const noexcept { return quiesced_; }

@@ -31,7 +31,7 @@ std::string prepareSegment(std::string_view path) {
   }
   std::string name = segmentName(options().prefix, path);
   if (!options().takeOver) {
-    Vasta::removeTable(name);  // one that is in use stays, and refuses the new writer
+    Vasta::removeTable(name);  // a table in use stays, and refuses a new writer
   }
   return name;
 }

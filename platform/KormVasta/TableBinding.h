@@ -1,7 +1,5 @@
-// The binding of a shared-memory table to the entity that owns it.
-//
-// Thread and process rule: the activity thread of the writing process.
-// Ownership: the entity owns the binding, the binding the table. The entity outlives it.
+// The binding of a shared-memory table to the entity that owns it. For the activity thread of the
+// writing process. The entity owns the binding, and the binding owns the table.
 #pragma once
 
 #include <memory>
@@ -24,18 +22,18 @@ class TableOwner {
   virtual void tableNotify(const Key& key) = 0;
   // The table became quiet (true), or busy with a first change after that (false).
   virtual void tableNotifyQuiesced(bool quiesced) = 0;
-  // The table's mount state is another one.
+  // The table's mount state has changed.
   virtual void tableNotifyMountStatus() = 0;
 
  protected:
   ~TableOwner() = default;
 };
 
-// A writable table of records. It lives in anonymous memory until its entity is placed in the tree
-// while the process has named shared memory (SharedMemory.h); then it moves, with its rows, to the
-// segment named after its place, and references to the table and to its rows end. Rows that it
-// takes over there are told to nobody; the last of those that are corrupt goes to the corruption
-// handler. It turns quiet when the activity has nothing else to do.
+// A writable table of records. At first it is in anonymous memory. When its entity is placed in the
+// tree and the process has named shared memory (SharedMemory.h), it moves with its rows to the
+// segment named after its place, which invalidates references to the table and its rows. Rows that
+// it takes over there are not notified; the last corrupt one is reported to the corruption handler.
+// The table becomes quiet when the activity has nothing else to do.
 template <Vasta::Record R>
 class TableBinding final : private Vasta::TableWriter::Listener {
  public:
@@ -53,15 +51,15 @@ class TableBinding final : private Vasta::TableWriter::Listener {
   [[nodiscard]] Table& table() noexcept { return *table_; }
   [[nodiscard]] const Table& table() const noexcept { return *table_; }
 
-  // Stays with the binding when the table moves.
+  // The handler stays in place when the table moves.
   void corruptionHandlerIs(Vasta::TableWriter::CorruptionHandler handler) {
     corruptionHandler_ = std::move(handler);
     table_->corruptionHandlerIs(corruptionHandler_);
   }
 
-  // Gives the table its place, from the position of its entity. Throws what the table service
-  // throws when the named segment cannot be had; the table then stays where it was, its mount
-  // failed.
+  // Moves the table to the segment named after its entity's path.
+  // Throws: Vasta::AttachError or std::system_error when it cannot get that segment; the table then
+  // stays where it was, and its mount state is failed_.
   void handleParent(const Korm::Dir& parent, const Korm::Name& entity) {
     const std::string above = parent.path();
     const std::string path = (above.empty() ? entity : above + "/" + entity) + "/" + name_;
@@ -130,7 +128,7 @@ class TableBinding final : private Vasta::TableWriter::Listener {
   const std::string name_;
   TableOwner<Key>& owner_;
   std::unique_ptr<Table> table_;
-  std::string segment_;  // in which the table is; empty while it is anonymous
+  std::string segment_;  // of the table; empty while it is anonymous
   Vasta::TableWriter::CorruptionHandler corruptionHandler_;
   const std::shared_ptr<void> alive_ = std::make_shared<char>();
 };

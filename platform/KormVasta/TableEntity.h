@@ -1,7 +1,5 @@
-// An entity whose keyed collection `entry` is a shared-memory table.
-//
-// Thread and process rule: one writing process, on its activity thread; other processes read the
-// table by its segment name (SharedMemory.h).
+// An entity whose keyed collection `entry` is a shared-memory table. The activity thread of one
+// process writes it; other processes read it by its segment name (SharedMemory.h).
 #pragma once
 
 #include <exception>
@@ -22,19 +20,21 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
   explicit TableEntity(Korm::Name name = {})
       : NamedEntity{std::move(name)}, binding_{"entry", *this} {}
 
-  // The row in place, or null; see Vasta::Table for how long it stays readable. Throws
-  // Vasta::Corruption. `hash` is Korm::Hash of the key, for a caller that has it already.
+  // The row in place, or null; see Vasta::Table for how long it stays readable.
+  // Requires: `hash` is Korm::Hash of the key.
+  // Throws: Vasta::Corruption.
   [[nodiscard]] const R* entry(const Key& key) const { return binding_.table().find(key); }
   [[nodiscard]] const R* entry(const Key& key, std::uint32_t hash) const {
     return binding_.table().find(key, hash);
   }
-  // Inserts or overwrites, then tells the reactors the key. An exception from a reactor leaves the
-  // row written.
+  // Inserts or overwrites, and then notifies the reactors of the key. The row stays written when a
+  // reactor throws.
   void entryIs(const R& record) { binding_.table().is(record); }
-  // Whether there was such a row; only then are the reactors told.
+  // Removes the row; false when there is none, and then nobody is notified.
   bool entryDel(const Key& key) { return binding_.table().del(key).has_value(); }
-  // Removes row by row, corrupt ones too, telling the key of each that is intact. An exception from
-  // a reactor leaves when all have gone. The entity must not be destroyed meanwhile.
+  // Removes all rows, corrupt ones too, and notifies of the key of each that is intact.
+  // Requires: no reactor destroys the entity.
+  // Throws: the first exception of a reactor, once all rows are gone.
   void entryDelAll() {
     std::exception_ptr first;
     for (bool done = false; !done;) {
@@ -46,7 +46,8 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
         if (!first) {
           first = std::current_exception();
         }
-        done = table().changeSequence() == sequence;  // it was the table that could not go on
+        done =
+            table().changeSequence() == sequence;  // nothing was removed: the table itself failed
       }
     }
     if (first) {
@@ -55,14 +56,14 @@ class TableEntity : public Korm::NamedEntity, private TableOwner<typename R::Key
   }
   [[nodiscard]] std::size_t entries() const noexcept { return binding_.table().size(); }
 
-  // Walks the rows; the hint stays good whatever changes. Throws Vasta::Corruption with the hint
-  // past the bad row.
+  // The next row of a walk, or null; the hint stays valid whatever changes.
+  // Throws: Vasta::Corruption with the hint past the bad row.
   [[nodiscard]] const R* next(Vasta::Hint& hint) const { return binding_.table().next(hint); }
 
   // Told the key of every change.
   [[nodiscard]] Notifiees& entryNotifiees() const noexcept { return notifiees_; }
 
-  // Hands a corruption met by a reader of this process to the table's handler.
+  // Passes a corruption that a reader of this process has found to the table's handler.
   void reportCorruption(const std::string& message) { binding_.table().reportCorruption(message); }
   void corruptionHandlerIs(Vasta::TableWriter::CorruptionHandler handler) {
     binding_.corruptionHandlerIs(std::move(handler));

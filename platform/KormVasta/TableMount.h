@@ -1,6 +1,4 @@
-// The shared-memory table service's mount on a state database.
-//
-// Thread and process rule: the activity thread.
+// Access to the shared-memory tables of a state database. For the activity thread.
 #pragma once
 
 #include <string_view>
@@ -10,7 +8,7 @@
 
 namespace KormVasta {
 
-// Gives access to the tables in the tree of an entity manager, of which it holds a reference.
+// Finds the tables in the tree of an entity manager, and holds a reference to the manager.
 class TableMount final : public Korm::Entity {
  public:
   explicit TableMount(Korm::Ptr<Tessel::EntityManager> manager) : manager_{std::move(manager)} {}

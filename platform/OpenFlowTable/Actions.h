@@ -1,6 +1,7 @@
 // What a flow, or a bucket of a group, does.
 //
-// Trivially copyable without padding: the service stores actions in shared memory.
+// Actions are trivially copyable and have no padding, because the service stores them in shared
+// memory.
 #pragma once
 
 #include <array>
@@ -30,7 +31,7 @@ struct PolicerConfig {
   friend bool operator==(const PolicerConfig&, const PolicerConfig&) noexcept = default;
 };
 
-// How packets are encapsulated on their way out. The numbers are those of the routing feature's
+// How packets are encapsulated on their way out. `type` is one of the routing feature's
 // encapsulation types.
 struct EncapInfo {
   Korm::Ip4Addr src;
@@ -49,16 +50,15 @@ using FixedBlock = std::array<std::uint8_t, 8>;
 // Where the value of a flow's action comes from.
 enum class ActionRule : std::uint8_t {
   copied_,    // as the controller gave it
-  resolved_,  // whoever writes the flow works it out from a port, a group or the like
+  resolved_,  // the writer of the flow determines it from a port, a group or the like
 };
 
 // The actions: one line each, and nowhere else.
 //
-// VALUE is an action with a value, and FLAG one that is there or not. A line gives the accessor,
-// which is also the name that people and programs are shown, the type, the word by which a person
-// asks for the action (empty: nobody asks for it by word), and the rule. A bounded type limits what
-// the setter takes. A writer of flows copies them in the order of the lines, which is also the
-// order of all output.
+// VALUE is an action with a value, and FLAG one without. A line has the name of the accessor, which
+// is also the name in all output, the type, the word of the action in the command language (empty
+// if it has none), and the rule. A bounded type limits what the setter accepts. A writer of flows
+// copies the actions in the order of the lines, which is also the order of all output.
 #define OPENFLOW_ACTIONS(VALUE, FLAG)                                 \
   VALUE(trafficClass, TrafficClass, "traffic-class", copied_)         \
   FLAG(drop, "drop", copied_)                                         \
@@ -85,7 +85,7 @@ enum class Action : std::uint8_t { OPENFLOW_ACTIONS(OPENFLOW_NUMBER, OPENFLOW_NU
 #undef OPENFLOW_NUMBER
 static_assert(static_cast<unsigned>(Action::count_) <= 32, "a bit of ActionSet per action");
 
-// Which actions are present.
+// The set of actions that are present.
 class ActionSet {
  public:
   [[nodiscard]] constexpr bool has(Action action) const noexcept {
@@ -170,9 +170,10 @@ constexpr void forEachAction(Visit&& visit) {
 
 // The values of the actions and, in actionSet(), which of them are present.
 //
-// For each line of OPENFLOW_ACTIONS with a value there is an accessor `name()` and a mutator
-// `nameIs(value, present)`; for each flag there is `nameIs(present)`. Values are stored as wide as
-// the service may hand them over; the bounded types at the mutators keep the limits.
+// For each VALUE of OPENFLOW_ACTIONS there is an accessor `name()` and a mutator
+// `nameIs(value, present)`; for each FLAG there is `nameIs(present)`. A value of a bounded type is
+// stored as its plain number, because the service stores it unchecked (uncheckedIs). The mutators
+// accept only the bounded type, so they keep the limits.
 class Actions {
  public:
   [[nodiscard]] const ActionSet& actionSet() const noexcept { return set_; }
@@ -189,7 +190,7 @@ class Actions {
 #undef OPENFLOW_VALUE_ACCESS
 #undef OPENFLOW_FLAG_ACCESS
 
-  // The value of an action, known when it is compiled; true for a flag.
+  // The value of an action; true for a flag.
   template <Action action>
   [[nodiscard]] auto value() const noexcept {
     if constexpr (isFlag<action>) {
@@ -203,15 +204,15 @@ class Actions {
     static_assert(isFlag<action>);
     set_.hasIs(action, present);
   }
-  // The value as a controller gave it, for the service: the translation checks it.
+  // For the service: stores a controller's value, which the translation checks later.
   template <Action action>
   void uncheckedIs(const detail::StoredAs<ActionType<action>>& value, bool present) noexcept {
     place<action>(*this).valueIs(value);
     set_.hasIs(action, present);
   }
 
-  // Takes an action over from `other`, where it is present. Throws: Korm::RangeException, with
-  // nothing taken over, for a value that the action's type refuses.
+  // Copies an action from `other` if it is present there.
+  // Throws: Korm::RangeException, with nothing copied, for a value that the action's type refuses.
   template <Action action>
   void take(const Actions& other) {
     if (!other.has(action)) {
@@ -276,7 +277,7 @@ class Actions {
   OPENFLOW_ACTIONS(OPENFLOW_STORAGE, OPENFLOW_NO_STORAGE)
 #undef OPENFLOW_STORAGE
 #undef OPENFLOW_NO_STORAGE
-  // Fills up to eight bytes, whatever the actions.
+  // Pads the object to a multiple of eight bytes.
   std::array<std::byte, 8 - (sizeof(ActionSet) + valueBytes) % 8> reserved_{};
 };
 static_assert(std::is_trivially_copyable_v<Actions>);

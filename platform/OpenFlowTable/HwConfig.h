@@ -1,8 +1,6 @@
-// The hardware configuration of the static-flow feature: what its writers want programmed.
-//
-// Thread and process rule: the activity thread.
-// Ownership: the configuration owns its entries; a reference to one stays good until that entry
-// goes.
+// The hardware configuration of the static-flow feature: what its writers want programmed. For the
+// activity thread. The configuration owns its entries; a reference to an entry is valid until the
+// entry is deleted.
 #pragma once
 
 #include <vector>
@@ -33,7 +31,7 @@ class FlowEntry {
   // Seconds since the epoch of the last modification, 0 for none.
   [[nodiscard]] double changeCount() const noexcept { return changeCount_; }
 
-  // These two accompany a flowEntryIs(), which tells of the flow; by themselves they tell nobody.
+  // Set after a flowEntryIs(), which notifies the reactors. These two notify nobody.
   void entryIdIs(std::uint32_t id) noexcept { entryId_ = id; }
   void changeCountIs(double count) noexcept { changeCount_ = count; }
 
@@ -62,8 +60,8 @@ struct Bucket {
 
 class FlowHwConfig;
 
-// One group. A writer changes its attributes and then its change count, which tells the group's
-// reactors in the configuration that it changed.
+// One group. A writer changes its attributes and then its change count, which notifies the reactors
+// on groups.
 class GroupEntry {
  public:
   GroupEntry(FlowHwConfig& config, GroupId id) : config_{config}, id_{id} {}
@@ -77,14 +75,14 @@ class GroupEntry {
   [[nodiscard]] const std::vector<Bucket>& bucket() const noexcept { return buckets_; }
 
   void groupTypeIs(GroupType type) noexcept { groupType_ = type; }
-  // Keeps the memory of the buckets for those that follow.
+  // Keeps the memory for the next buckets.
   void bucketDelAll() noexcept { buckets_.clear(); }
   // Appends a copy.
   void bucketEnq(const Bucket& bucket) { buckets_.push_back(bucket); }
   void bucketReserve(std::size_t count) { buckets_.reserve(count); }
   void deletedIs(bool deleted) noexcept { deleted_ = deleted; }
   void readyIs(bool ready) noexcept { ready_ = ready; }
-  // Seconds since the epoch. Written last: tells the reactors on groups.
+  // Seconds since the epoch. Set last: notifies the reactors on groups.
   void changeCountIs(double count);
 
  private:
@@ -104,29 +102,30 @@ class FlowHwConfig : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // Creates the flow or replaces all of its contents, and tells the reactors its name. A new flow's
-  // entry id and change count are 0; a replaced one keeps them. The flow returned is gone if a
-  // reactor has deleted it by then. `cookie` is opaque to the switch; the timeouts are seconds of
-  // idleness and of life after which the hardware withdraws the flow, 0 for never;
-  // `sendFlowRemoved` asks to be told when it does; `persistent` keeps the flow when its writer
-  // restarts.
+  // Creates the flow or replaces all of its contents, and notifies the reactors of its name. A new
+  // flow's entry id and change count are 0; a replaced flow keeps them. The reference returned is
+  // invalid if a reactor has deleted the flow.
+  //
+  // `cookie` is opaque to the switch. The timeouts are the seconds without traffic, and since the
+  // write, after which the hardware removes the flow; 0 means never. `sendFlowRemoved` requests a
+  // message when it does. `persistent` keeps the flow when its writer restarts.
   FlowEntry& flowEntryIs(const Korm::HashedName& name, const Match& match, const Actions& actions,
                          Priority priority, PriorityGroupType priorityGroupType,
                          TableType tableType, std::uint64_t cookie, double idleTimeout,
                          double hardTimeout, bool sendFlowRemoved, bool persistent);
-  // Whether there was such a flow; only then are the reactors told.
+  // Removes the flow; false when there is none, and then nobody is notified.
   bool flowEntryDel(const Korm::HashedName& name) { return flows_.erase(name.text(), name.hash()); }
   [[nodiscard]] const FlowEntry* flowEntry(const Korm::HashedName& name) const noexcept {
     return flows_.find(name.text(), name.hash());
   }
-  // Entries {key, value}; a walk survives the deletion of the flow on which it stands.
+  // Entries {key, value}. An iterator stays valid when its flow is deleted.
   [[nodiscard]] const Flows& flowEntries() const noexcept { return flows_.map(); }
   [[nodiscard]] Korm::NotifieeList<const Korm::Name&>& flowEntryNotifiees() const noexcept {
     return flows_.notifiees();
   }
 
-  // The group, created if it is not there; the reactors are told of a creation. The group returned
-  // is gone if a reactor has deleted it by then.
+  // The group, which is created if it is missing; the reactors are notified of a creation. The
+  // reference returned is invalid if a reactor has deleted the group.
   GroupEntry& groupEntryIs(GroupId id);
   bool groupEntryDel(GroupId id) { return groups_.erase(id); }
   [[nodiscard]] const GroupEntry* groupEntry(GroupId id) const noexcept { return groups_.find(id); }
@@ -134,7 +133,7 @@ class FlowHwConfig : public Korm::NamedEntity {
     return groups_.find(id, Groups::hash(id));
   }
   [[nodiscard]] const Groups& groupEntries() const noexcept { return groups_.map(); }
-  // Told of creation, deletion and every change count of a group.
+  // Notified when a group is created or deleted, and when its change count is set.
   [[nodiscard]] Korm::NotifieeList<const GroupId&>& groupEntryNotifiees() const noexcept {
     return groups_.notifiees();
   }

@@ -1,7 +1,6 @@
 // The hardware status of the static-flow feature: what the hardware says of flows and groups.
-//
-// Thread and process rule: the activity thread.
-// Ownership: the status owns its statistics; a reference to one stays good until that element goes.
+// For the activity thread. The status owns its statistics; a reference to one is valid until that
+// element is deleted.
 #pragma once
 
 #include "platform/Korm/Attribute.h"
@@ -11,8 +10,8 @@
 
 namespace OpenFlowTable {
 
-// What the hardware says of one flow. The status and the change count notify separately; a count
-// that is written is a change, whatever its value.
+// What the hardware says of one flow. The status and the change count notify separately. The change
+// count notifies even when it is set to the value that it has.
 class FlowStats {
  public:
   explicit FlowStats(Korm::Name name, FlowStatus status)
@@ -26,7 +25,7 @@ class FlowStats {
 
   void statusIs(FlowStatus status) { status_.is(status); }
   void changeCountIs(double count) { changeCount_.setAndNotify(count); }
-  // Counters are read, not watched.
+  // Counters notify nobody.
   void countersIs(std::uint64_t packets, std::uint64_t bytes) noexcept {
     packets_ = packets;
     bytes_ = bytes;
@@ -81,9 +80,9 @@ class HwStatus final : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // The statistics of a flow, made with `status` if they are not there. The reactors are told the
-  // name of new ones; those that are there are returned as they are. What is returned is gone if a
-  // reactor has deleted it by then.
+  // The statistics of a flow. If they are missing they are created with `status`, and the reactors
+  // are notified of the name; otherwise they stay as they are. The reference returned is invalid if
+  // a reactor has deleted the statistics.
   FlowStats& flowStatsIs(const Korm::HashedName& name, FlowStatus status = FlowStatus::pending_);
   bool flowStatsDel(const Korm::HashedName& name) { return flows_.erase(name.text(), name.hash()); }
   [[nodiscard]] const FlowStats* flowStats(const Korm::HashedName& name) const noexcept {

@@ -12,7 +12,7 @@
 
 namespace OpenFlowTable {
 
-// A value and the bits of it that count.
+// A value and a mask of the bits that must match.
 template <class T>
 struct Masked {
   T value{};
@@ -22,9 +22,9 @@ struct Masked {
 
 // The fields of a match: one line each, and nowhere else.
 //
-// MASKED is a field with a mask: its name, which is also what people and programs are shown, its
-// type, and its width in bits, all of which an exact mask has. PLAIN is a field that is matched
-// exactly. All output is in the order of the lines.
+// MASKED is a field with a mask: its name, which is also its name in all output, its type, and its
+// width in bits. An exact mask has all of these bits. PLAIN is a field that is matched exactly. All
+// output is in the order of the lines.
 #define OPENFLOW_MATCH_FIELDS(PLAIN, MASKED) \
   PLAIN(inIntf, Interface::IntfId)           \
   PLAIN(egressIntf, Interface::IntfId)       \
@@ -46,9 +46,9 @@ struct Masked {
   MASKED(l4DstPort, std::uint16_t, 16)       \
   MASKED(innerData, std::uint32_t, 32)
 
-// A match. Each field is set or unset (a wildcard). A field is a data member of its name, for
-// everybody to read. `nameIs(value, mask)` gives a masked one its value and sets it; `nameIs(value,
-// set)` gives a plain one its value and sets it or not.
+// A match. Each field is set or unset (a wildcard). A field is a public data member of its name.
+// `nameIs(value, mask)` stores the value of a masked field and sets the field. `nameIs(value, set)`
+// stores the value of a plain field and sets or unsets the field.
 struct Match {
 #define OPENFLOW_NUMBER(name, ...) name##_,
   enum class Field : std::uint8_t {
@@ -82,8 +82,8 @@ struct Match {
     present = set ? present | bit : present & ~bit;
   }
 
-  // Calls visit(info, value) for each field that is set, in the order of the lines. A masked
-  // field's value is its Masked one.
+  // Calls visit(info, value) for each field that is set, in the order of the lines. The value of a
+  // masked field is a Masked.
   template <class Visit>
   void forEachSet(Visit&& visit) const;
 

@@ -45,7 +45,7 @@ using GroupId = std::uint64_t;
 // OpenFlow's group types (OpenFlow 1.3.5, 7.3.4.2, enum ofp_group_type).
 enum class GroupType : std::uint8_t { all_ = 0, select_ = 1, indirect_ = 2, fastFailover_ = 3 };
 
-// What the hardware says of a flow. Only the numbers are fixed; the hardware may report others.
+// What the hardware says of a flow. The hardware may also report numbers that are not in this list.
 enum class FlowStatus : std::uint32_t {
   pending_ = 0,
   programmed_ = 1,
@@ -63,7 +63,7 @@ enum class FlowStatus : std::uint32_t {
   deleting_ = 13,
 };
 
-// What the hardware says of a group: 0 is ready.
+// What the hardware says of a group.
 enum class GroupStatus : std::uint32_t {
   ready_ = 0,
   pending_ = 1,

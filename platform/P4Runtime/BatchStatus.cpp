@@ -65,7 +65,7 @@ void BatchStatus::resultIs(EntryHandle handle, ErrorCode code, std::string_view 
     open->value->messageIs(message);
   }
   if (!notifiees_.empty()) {
-    // A reactor may close the entry, or write it again, in which the message stands.
+    // The message may be part of an entry that a reactor closes or writes again.
     const std::string copy{message};
     notifiees_.notify(TransactionResult{handle, code, copy, dependent});
   }

@@ -1,10 +1,8 @@
-// Results of the writes under way.
+// Results of the writes in progress. For the activity thread.
 //
-// The service opens an entry for each write of a batch and closes it once it has answered the
-// controller. Whoever learns a result marks it here; the service hears of each, in or outside a
-// batch.
-//
-// Thread and process rule: the activity thread.
+// The service opens an entry for each write of a batch, and closes it once it has answered the
+// controller. Whoever learns the result of a write marks it here. The service is notified of each
+// result, whether there is an open entry for it or not.
 #pragma once
 
 #include <optional>
@@ -38,22 +36,22 @@ class BatchStatusEntry final : public Korm::Entity {
   std::string message_;
 };
 
-// The entry under which the results of dependent entries gather: those that a VRF's creation or
-// removal waits for. Not to be used once the batch status has gone.
+// Collects the results of dependent entries: the creation or removal of a VRF waits for the results
+// of the entries that use it. Requires: not used after the batch status is destroyed.
 class RootStatusEntry final : public Korm::Entity {
  public:
   RootStatusEntry(BatchStatus& batch, EntryHandle handle) : batch_{batch}, handle_{handle} {}
 
   [[nodiscard]] EntryHandle handle() const noexcept { return handle_; }
 
-  // Marks (or unmarks) an entry whose result this root waits for.
+  // Adds or removes an entry whose result this root waits for.
   void dependentEntryHandleIs(EntryHandle handle, bool dependent);
   [[nodiscard]] const std::vector<EntryHandle>& dependentEntryHandles() const noexcept {
     return dependents_;
   }
 
-  // Delivers a dependent's result, which completes that entry's write. The entry is no longer
-  // waited for.
+  // Delivers the result of a dependent entry. It completes that entry's write, and the root no
+  // longer waits for it.
   void dependentEntryStatusIs(const Korm::Ptr<BatchStatusEntry>& status);
   // The last result delivered, or null.
   [[nodiscard]] const Korm::Ptr<BatchStatusEntry>& dependentEntryStatus() const noexcept {
@@ -72,7 +70,7 @@ class AggregatorStatus {
  public:
   explicit AggregatorStatus(BatchStatus& batch) : batch_{batch} {}
 
-  // The root entry of an entry that the batch holds; null for any other. Made when first asked for.
+  // The root entry of an open entry, created when first used; null if the entry is not open.
   [[nodiscard]] Korm::Ptr<RootStatusEntry> rootStatusEntry(EntryHandle handle);
 
  private:
@@ -82,7 +80,7 @@ class AggregatorStatus {
   Korm::HashMap<EntryHandle, Korm::Ptr<RootStatusEntry>> roots_;
 };
 
-// One result, as the service hears of it.
+// One result, as the service is notified of it.
 struct TransactionResult {
   EntryHandle handle;
   ErrorCode code;
@@ -96,9 +94,9 @@ class BatchStatus final : public Korm::Entity {
 
   BatchStatus() : aggregator_{*this} {}
 
-  // Opens the entry of a write, with no result; one that is open starts again.
+  // Opens the entry of a write, with success and no message. Clears an entry that is open already.
   Korm::Ptr<BatchStatusEntry> batchStatusEntryIs(EntryHandle handle);
-  // Closes it, with its root entry.
+  // Closes the entry and its root entry.
   void batchStatusEntryDel(EntryHandle handle);
   void batchStatusEntryDelAll();
   // The open entry, or null.
@@ -107,14 +105,14 @@ class BatchStatus final : public Korm::Entity {
 
   [[nodiscard]] AggregatorStatus& aggregatorStatus() noexcept { return aggregator_; }
 
-  // Records the result of an entry's write in its open entry, if there is one, and tells the
-  // service either way.
+  // Records the result of a write in its open entry, if there is one, and notifies the service in
+  // any case.
   void markTransaction(EntryHandle handle, ErrorCode code, std::string_view message);
   void markTransactionSucceeded(EntryHandle handle) {
     markTransaction(handle, ErrorCode::success_, {});
   }
 
-  // Told of every result.
+  // Notified of every result.
   [[nodiscard]] ResultNotifiees& resultNotifiees() const noexcept { return notifiees_; }
 
  private:

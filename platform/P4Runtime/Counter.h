@@ -8,7 +8,7 @@
 
 namespace P4Runtime {
 
-// What a counter holds. The first field is the meter's, unused by direct counters.
+// The values of a counter. The first field belongs to meters; direct counters do not use it.
 struct P4CounterData {
   std::uint64_t meterTokens = 0;
   std::uint64_t packets = 0;
@@ -19,14 +19,14 @@ struct P4CounterData {
 // Reads one kind of counter.
 class CounterImpl : public Korm::Entity {
  public:
-  // The counts of an entry; zeros for an entry that has none.
+  // The counts of an entry; zeros for an entry without a counter.
   [[nodiscard]] virtual P4CounterData getCounters(std::uint64_t entryId) const = 0;
 };
 
-// The readers by counter id. The activity thread's.
+// The readers by counter id. For the activity thread.
 class P4RuntimeCounterHelper final : public Korm::Entity {
  public:
-  // Registers a reader; a null one removes the present one.
+  // Registers a reader; null removes the present one.
   void counterImplMapIs(std::uint32_t counterId, Korm::Ptr<CounterImpl> reader) {
     if (reader) {
       readers_[counterId] = std::move(reader);

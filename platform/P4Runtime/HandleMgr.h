@@ -1,4 +1,4 @@
-// From the ids of action-profile members and groups to entry handles.
+// Maps the ids of action-profile members and groups to entry handles.
 #pragma once
 
 #include "platform/Korm/Entity.h"
@@ -7,11 +7,11 @@
 
 namespace P4Runtime {
 
-// The service's handle of a group, which stands for one entry; 0 is none.
+// The service's handle of a group entry; 0 is none.
 enum class GroupHandle : std::uint64_t { none_ = 0 };
 
-// Kept by the service: an id is mapped from its insert until its delete has been acknowledged. The
-// activity thread's.
+// The service maps an id from its insert until its delete has been acknowledged. For the activity
+// thread.
 class P4HandleMgr final : public Korm::Entity {
  public:
   // none_, or 0, for an id that is not mapped.

@@ -1,4 +1,4 @@
-// What the status records of all tables have in common.
+// The part that the status records of all tables have in common.
 #pragma once
 
 #include <array>

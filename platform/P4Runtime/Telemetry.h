@@ -11,7 +11,7 @@
 
 namespace P4Runtime {
 
-// The stations of a transaction, in their order.
+// The stages of a transaction, in their order.
 enum class TelemetryTimestampType : std::uint8_t {
   received_ = 0,
   stored_ = 1,
@@ -19,7 +19,7 @@ enum class TelemetryTimestampType : std::uint8_t {
   programmed_ = 3,
 };
 
-// Keeps the newest `capacity` time stamps. The activity thread's.
+// Keeps the newest `capacity` time stamps. For the activity thread.
 class Telemetry final : public Korm::Entity {
  public:
   static constexpr std::size_t capacity = 4096;
@@ -33,7 +33,7 @@ class Telemetry final : public Korm::Entity {
   void newTransactionTimestamp(EntryHandle handle, TelemetryTimestampType type) {
     stamps_[total_++ % capacity] = {handle, type, Korm::currentTime()};
   }
-  // How many have ever been taken.
+  // How many have been taken, kept or not.
   [[nodiscard]] std::uint64_t total() const noexcept { return total_; }
   // Calls visit(stamp) for each that is kept, oldest first.
   template <class Visit>
@@ -43,7 +43,7 @@ class Telemetry final : public Korm::Entity {
       visit(stamps_[number % capacity]);
     }
   }
-  // The newest of that handle and type, if it is still kept.
+  // The newest time stamp of that handle and type, if it is still kept.
   [[nodiscard]] std::optional<Timestamp> newest(EntryHandle handle,
                                                 TelemetryTimestampType type) const;
 

@@ -11,7 +11,8 @@
 
 namespace P4Runtime {
 
-// The service's handle of one written entry; 0 is none. Converts to and from its number.
+// The service's handle of one stored entry, under which its results are reported; 0 is none.
+// Converts to and from its number.
 class EntryHandle {
  public:
   constexpr EntryHandle() noexcept = default;
@@ -37,8 +38,7 @@ using P4PortId = std::uint32_t;
 // An action-profile member or group.
 using MemberOrGroupId = std::uint32_t;
 
-// Results of a write. 0 is success; 1, 6, 7 and 19 come from the hardware, the others from
-// validation.
+// Results of a write. 1, 6, 7 and 19 come from the hardware; the other errors come from validation.
 enum class ErrorCode : std::uint32_t {
   success_ = 0,
   hardwareResourceExhausted_ = 1,
@@ -52,10 +52,10 @@ enum class ErrorCode : std::uint32_t {
   hardwareError_ = 19,
 };
 
-// The name of a named code, "invalidArgument"; otherwise the number.
+// The name of a code, such as "invalidArgument"; the number of a code without a name.
 [[nodiscard]] std::string errorCodeText(ErrorCode code);
-// Reads what errorCodeText prints, from the front of the text, and moves `current` behind it.
-// Raises the range exception for anything else.
+// Reads what errorCodeText() prints from the front of the text, and moves `current` behind it.
+// Throws: Korm::RangeException for anything else.
 [[nodiscard]] ErrorCode parseErrorCode(std::string::const_iterator& current,
                                        std::string::const_iterator end);
 std::ostream& operator<<(std::ostream& out, ErrorCode code);

@@ -1,6 +1,4 @@
-// Entry errors: how the service checks entries and how a bad one is refused.
-//
-// Thread and process rule: the activity thread.
+// Entry errors: how the service checks entries and refuses bad ones. For the activity thread.
 #pragma once
 
 #include <exception>
@@ -12,8 +10,8 @@
 
 namespace P4Runtime {
 
-// The family of the service's entry errors. Whoever catches one calls report(), which records the
-// error against its entry.
+// The base class of the service's entry errors. Whoever catches one calls report(), which records
+// the error as the result of its entry.
 class P4RuntimeExceptionBase : public std::exception {
  public:
   virtual void report() const = 0;
@@ -40,17 +38,17 @@ class EntryErrorException final : public P4RuntimeExceptionBase {
   std::string message_;
 };
 
-// The service's rules for entries. A `throw...` operation always throws an exception of the family
-// above; a `validate...` operation does so when the value is bad.
+// The service's rules for entries. A `throw...` function always throws an exception derived from
+// P4RuntimeExceptionBase; a `validate...` function does so when the value is bad.
 class ValidationHelper : public Korm::Entity {
  public:
   [[noreturn]] virtual void throwEntryErrorException(EntryHandle handle, ErrorCode code,
                                                      const Korm::String& message) = 0;
-  // The two fields' combination has no defined meaning.
+  // For a combination of two fields that has no defined meaning.
   [[noreturn]] virtual void throwUndefinedEntryBehavior(EntryHandle handle,
                                                         const Korm::String& fieldA,
                                                         const Korm::String& fieldB) = 0;
-  // The reason forbids the field.
+  // For a field that is not allowed, for the reason given.
   [[noreturn]] virtual void throwNotAllowedEntryBehavior(EntryHandle handle,
                                                          const Korm::String& reason,
                                                          const Korm::String& field) = 0;
@@ -60,17 +58,17 @@ class ValidationHelper : public Korm::Entity {
                               const Korm::String& fieldName) = 0;
 };
 
-// The rules of the service in this process: ports are 1 to 0xFFFFFEFF (P4Runtime 1.3.0,
-// "Translation of Port Numbers": the 256 values above are reserved), their masks all ones; a bad
-// one is an invalidArgument_. A combination without meaning is undefinedBehavior_, a forbidden
-// field notAllowed_.
+// The rules of the service in this process. A port is 1 to 0xFFFFFEFF, because the 256 values above
+// are reserved (P4Runtime 1.3.0, "Translation of Port Numbers"), and its mask is all ones; anything
+// else is invalidArgument_. A combination without meaning is undefinedBehavior_, and a field that
+// is not allowed is notAllowed_.
 class DefaultValidationHelper final : public ValidationHelper {
  public:
   static constexpr P4PortId minPortId = 1;
   static constexpr P4PortId maxPortId = 0xFFFFFEFF;
   static constexpr P4PortId exactMask = 0xFFFFFFFF;
 
-  // The errors record themselves in this batch status.
+  // The errors are reported to this batch status.
   explicit DefaultValidationHelper(Korm::Ptr<BatchStatus> batchStatus)
       : batchStatus_{std::move(batchStatus)} {}
 

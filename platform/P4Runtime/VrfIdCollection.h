@@ -11,20 +11,20 @@
 
 namespace P4Runtime {
 
-// Per VRF, how many entries use it, and the entries whose arrival started and whose removal ended
-// its use. The activity thread's.
+// For each VRF: how many entries use it, which entry was the first to use it, and which entry was
+// the last one removed. For the activity thread.
 class VrfIdCollection final : public Korm::Entity {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;
   using RefCounts = Korm::Collection<VrfId, std::uint32_t>;
   using RootHandles = Korm::Collection<VrfId, EntryHandle>;
 
-  // Nothing for a VRF that was never counted; a count that has fallen to 0 stays as 0.
+  // Nothing for a VRF that was never counted. A count that has fallen to 0 is kept as 0.
   [[nodiscard]] std::optional<std::uint32_t> vrfIdRefCount(VrfId vrf) const {
     const std::uint32_t* const count = refCounts_.find(vrf);
     return count == nullptr ? std::nullopt : std::optional{*count};
   }
-  // Each returns the new count; a count stops at 0.
+  // Return the new count, which never falls below 0.
   std::uint32_t vrfIdRefCountInc(VrfId vrf, std::uint32_t by) {
     return vrfIdRefCountIs(vrf, vrfIdRefCount(vrf).value_or(0) + by);
   }

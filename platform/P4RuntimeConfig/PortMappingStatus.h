@@ -1,4 +1,4 @@
-// From the ports of the P4 program to interfaces.
+// Maps the ports of the P4 program to interfaces.
 #pragma once
 
 #include "platform/Interface/Interface.h"
@@ -20,7 +20,7 @@ class PortMappingStatus final : public Korm::Entity {
   }
 
   void portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf) { ports_.is(port, intf); }
-  // Whether the port was mapped.
+  // Removes the mapping; false when there is none.
   bool portDel(P4Runtime::P4PortId port) { return ports_.del(port).has_value(); }
   [[nodiscard]] const PortMap& ports() const noexcept { return ports_; }
 

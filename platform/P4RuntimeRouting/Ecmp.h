@@ -27,7 +27,7 @@ struct MemberIndexLimits {
 };
 }  // namespace detail
 
-// A place in a group's member list.
+// A position in a group's member list.
 using MemberIndex = Korm::BoundedValue<std::uint32_t, detail::MemberIndexLimits>;
 
 // A group's row: its members' ids, in order, and as many weights.
@@ -40,7 +40,7 @@ struct EcmpMemberList {
     return offsetof(EcmpMemberList, lists) + lists.usedSize();
   }
 
-  // Both raise the range exception for more than maxMembers, also when a damaged row says so.
+  // Throws: these two throw Korm::RangeException when a damaged row has more than maxMembers.
   [[nodiscard]] std::span<const P4Runtime::MemberOrGroupId> memberIds() const {
     return lists.first();
   }
@@ -56,8 +56,7 @@ struct EcmpMemberList {
   Korm::PodArrayPair<std::uint32_t, maxMembers> lists;  // member ids, weights
 };
 
-// A link-layer address as the 16-bit words in which a member's row holds it, most significant
-// first.
+// A link-layer address as three 16-bit words, the most significant first, as in a member's row.
 using LinkLayerWords = std::array<std::uint16_t, 3>;
 
 [[nodiscard]] constexpr Korm::EthAddr toEthAddr(const LinkLayerWords& words) noexcept {

@@ -1,6 +1,4 @@
-// The state database: entities by path, and the two-phase mount protocol.
-//
-// Thread and process rule: the activity thread.
+// The state database: entities by path, and the two-phase mount protocol. For the activity thread.
 #pragma once
 
 #include <cstdint>
@@ -20,14 +18,14 @@ enum class MountFlag : std::uint32_t {
   writable_ = 1,   // w
   read_ = 2,       // r
   create_ = 4,     // c: made when missing
-  immediate_ = 8,  // i: whole when the mount completes
+  immediate_ = 8,  // i: complete when the mount completes
 };
 
 struct MountFlags {
   std::uint32_t bits = 0;
 
-  // Adds the letters' flags to those already there. Throws Korm::ParseException for a letter that
-  // is none, and leaves the flags as they were.
+  // Adds the flags of the letters.
+  // Throws: Korm::ParseException for an unknown letter, with no flag added.
   void parse(std::string_view letters);
   [[nodiscard]] bool has(MountFlag flag) const noexcept {
     return (bits & static_cast<std::uint32_t>(flag)) != 0;
@@ -60,8 +58,8 @@ class MountGroup {
 // Makes an entity of one type under a name.
 using EntityFactory = std::function<Korm::Ptr<Korm::Entity>(const Korm::Name&)>;
 
-// The tree of entities. Paths are names joined with '/'; empty names are passed over, so that a
-// path with a trailing '/' is the path without it.
+// The tree of entities. A path is names joined with '/'. Empty names are skipped, so a trailing '/'
+// means nothing.
 class EntityManager final : public Korm::Entity {
  public:
   EntityManager() : root_{Korm::makePtr<Korm::Dir>()} {}
@@ -73,8 +71,8 @@ class EntityManager final : public Korm::Entity {
   [[nodiscard]] Korm::Ptr<T> entity(std::string_view path) const {
     return Korm::dynamicPtrCast<T>(entity(path));
   }
-  // Places an entity, making the directories on the way. Throws Korm::RangeException when something
-  // on the way is no directory, or the path is empty.
+  // Places an entity, and creates the directories above it.
+  // Throws: Korm::RangeException when the path is empty or something above it is not a directory.
   void entityIs(std::string_view path, Korm::Ptr<Korm::Entity> entity);
   // The entity removed, or null.
   Korm::Ptr<Korm::Entity> entityDel(std::string_view path);
@@ -88,13 +86,13 @@ class EntityManager final : public Korm::Entity {
            [](const Korm::Name& name) { return Korm::Ptr<Korm::Entity>{Korm::makePtr<T>(name)}; });
   }
 
-  // Makes the mounts of the group: creates what is missing where the mode says so and the type is
-  // known. Success when there is then an entity at every path, of whatever type. A failed mount
-  // does not keep the others from being made.
+  // Makes the mounts of the group. A missing entity is created if its mount has the create flag and
+  // its type is known. Succeeds if there is then an entity at every path, of whatever type. All
+  // mounts are made even when one fails.
   MountStatus complete(const MountGroup& group);
 
  private:
-  // Whether everything on the way to the path, as far as it is there, is a directory.
+  // Whether everything that exists above the path is a directory.
   [[nodiscard]] bool isPlaceable(std::string_view path) const;
 
   Korm::Ptr<Korm::Dir> root_;

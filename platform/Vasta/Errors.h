@@ -1,8 +1,5 @@
-// What goes wrong with a shared table: it cannot be attached, or one of its records is damaged.
-// Memory that runs out is a std::system_error that names the table; a misuse by the program is an
-// assertion.
-//
-// Thread and process rule: plain exceptions, thrown on the caller's thread.
+// The errors of a shared table: it cannot be attached, or one of its records is damaged. When
+// memory runs out, a std::system_error names the table. Misuse by the program is an assertion.
 #pragma once
 
 #include <cstdint>
@@ -11,13 +8,13 @@
 
 namespace Vasta {
 
-// A record whose check sum does not match its bytes. what() names the table, the row and both sums.
+// The checksum of a record does not match its bytes. what() names the table, the row and both sums.
 class Corruption : public std::runtime_error {
  public:
   Corruption(const std::string& table, std::uint32_t row, std::uint64_t stored,
              std::uint64_t computed);
 
-  // The row that is damaged. It stays in place until it is overwritten or removed.
+  // The damaged row. It stays in place until it is overwritten or removed.
   [[nodiscard]] std::uint32_t row() const noexcept { return row_; }
 
  private:
@@ -26,12 +23,12 @@ class Corruption : public std::runtime_error {
 
 enum class AttachFailure {
   missing,     // no table of that name, or it was removed
-  notReady,    // its writer has not finished to create it
-  foreign,     // the segment is not a table at all
+  notReady,    // its writer has not finished creating it
+  foreign,     // the segment is not a table
   version,     // another version of the shared format
   layout,      // another record type, or another build of it
   truncated,   // its segments are shorter than its header says
-  damaged,     // a word of its header is
+  damaged,     // a word of its header is damaged
   writerBusy,  // another writer, in this process or another, has the table
 };
 
@@ -45,7 +42,7 @@ class AttachError : public std::runtime_error {
   AttachFailure failure_;
 };
 
-// What the table is called in messages: "table 'routes'".
+// The table's name in messages: "table 'routes'".
 [[nodiscard]] std::string tableSubject(const std::string& table);
 
 // Throws the std::system_error with `error` (an errno value) for an operation on `table`.

@@ -23,9 +23,9 @@ constexpr std::size_t entriesWord = 8;
 
 constexpr std::size_t minimumCapacity = 512;
 
-// The work of one step, chosen so that a step costs tens of microseconds at most, and so that a
-// generation that begins to be replaced when half full is replaced before it is three quarters
-// full: copying takes an eighth of its capacity in steps, allocating far less.
+// The work of one step. A step takes tens of microseconds at most. The replacement of a generation
+// begins when it is half full and is complete before it is three quarters full: copying takes an
+// eighth of its capacity in steps, and allocating far fewer.
 constexpr std::size_t bytesPerStep = std::size_t{32} << 10U;
 constexpr std::uint64_t stepsPerAllocation = 16;
 constexpr std::size_t entriesPerStep = 8;
@@ -72,7 +72,7 @@ Index::Generation Index::makeGeneration(std::uint64_t number, std::size_t capaci
     return generation;
   }
   generation.name = place_.names->index(number);
-  // A writer that died while it built this generation has left it.
+  // A writer that died while it built this generation may have left it.
   Korm::unlinkSegment(*generation.name);
   generation.segment = Korm::Segment::create(*generation.name, segmentBytes(capacity), subject);
   return generation;
@@ -118,7 +118,7 @@ void Index::erase(std::size_t slot) noexcept {
     const auto position = next_->view.find(
         IndexEntry::tagOf(word),
         [word](std::uint32_t candidate) { return candidate == IndexEntry::rowOf(word); });
-    if (position) {  // unless the entry was damaged since it was copied
+    if (position) {  // the entry may have been damaged since it was copied
       remove(*next_, position->slot);
     }
   }
@@ -135,7 +135,7 @@ void Index::eraseRow(std::uint32_t row) noexcept {
   }
 }
 
-// Bounded by the capacity: if damage makes every entry look live, there is none.
+// The walk is bounded by the capacity: damage may make every entry look live.
 std::optional<std::size_t> Index::freeSlot(const IndexView& view, std::uint32_t tag) noexcept {
   std::size_t slot = view.home(tag);
   for (std::size_t probes = 0; probes < view.capacity(); ++probes, slot = view.next(slot)) {
@@ -161,8 +161,8 @@ void Index::putInto(Generation& generation, std::uint64_t word) noexcept {
   }
 }
 
-// No search goes on past an entry that an empty one follows. Such an entry, and the removed ones
-// before it, become empty at once; only the others stay as removed.
+// A search ends at an empty entry. A removed entry directly before an empty one is therefore made
+// empty at once, and so are the removed entries before it. All others stay marked as removed.
 void Index::remove(Generation& generation, std::size_t slot) noexcept {
   const IndexView& view = generation.view;
   generation.live -= generation.live > 0 ? 1U : 0U;  // damaged entries were never counted
@@ -179,7 +179,7 @@ void Index::remove(Generation& generation, std::size_t slot) noexcept {
 
 std::size_t Index::capacityWanted() const noexcept {
   const std::size_t capacity = current_.view.capacity();
-  // Many removed entries and few live ones ask for a clean copy, not for a larger one.
+  // With many removed and few live entries, a clean copy of the same size is enough.
   return current_.live > capacity / 4 ? 2 * capacity : capacity;
 }
 
@@ -224,7 +224,7 @@ void Index::advance() noexcept {
     try {
       allocateStep();
     } catch (const std::exception&) {
-      // The generation in force has room left; prepareInsert() fails when it has none.
+      // The generation in force still has room; prepareInsert() throws when it has none.
     }
   }
 }
@@ -239,8 +239,8 @@ void Index::replaceCurrent() noexcept {
   replaced_.push_back(std::move(previous.segment));
 }
 
-// To free many pages at once would stall the writer, so it frees them bit by bit, and only once no
-// reader looks at them any more.
+// Freeing many pages at once would stall the writer, so it frees them in small pieces, and only
+// when no reader uses them any more.
 void Index::releaseStep() noexcept {
   const auto alone = std::find_if(replaced_.begin(), replaced_.end(),
                                   [](const std::shared_ptr<Korm::Segment>& segment) {

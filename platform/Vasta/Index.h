@@ -1,17 +1,17 @@
 // The index of a table: open addressing over words of {hash of the key, row}.
 //
-// Each generation is one segment: a few words that describe it, then a power of two of entries. A
-// generation that fills is replaced by the next one, which is allocated and filled a little with
-// every change so that no single change has to wait; until it is complete, changes go to both. Then
-// it is published by its number in the table's header.
+// Each generation is one segment: a few words that describe it, then a power of two of entries.
+// When a generation gets full, the next one is allocated and filled a little with every change, so
+// that no single change has to wait. Until it is complete, changes go to both. Then its number in
+// the table's header makes it the generation in force.
 //
-// Readers look up while the writer changes the index. An entry never moves within a generation, and
-// no entry becomes empty that lies between where a key's search begins and where its entry stands:
-// a removed entry is only marked, unless an empty one follows it. So a reader finds every key that
-// was there for the whole of its search, or sees afterwards that the generation has changed.
+// Readers look up while the writer changes the index. An entry never moves within a generation. An
+// entry between the start of a key's search and the key's own entry never becomes empty: a removed
+// entry is only marked, unless an empty one follows it. So a reader finds every key that is present
+// during the whole search, or sees afterwards that the generation has changed.
 //
-// Thread and process rule: IndexView::find by any thread or process; Index by the table's writer
-// only.
+// Threads: IndexView::find may be called by any thread or process, Index only by the table's
+// writer.
 #pragma once
 
 #include <cstddef>
@@ -29,7 +29,7 @@ namespace Vasta {
 namespace IndexEntry {
 inline constexpr std::uint64_t empty_ = 0;
 inline constexpr std::uint64_t removed_ = 1;
-inline constexpr std::uint64_t firstRow_ = 2;  // what stands for row 0
+inline constexpr std::uint64_t firstRow_ = 2;  // row 0 is stored as this number
 
 [[nodiscard]] constexpr std::uint64_t of(std::uint32_t tag, std::uint32_t row) noexcept {
   return (std::uint64_t{tag} << 32U) | (row + firstRow_);
@@ -52,14 +52,14 @@ struct IndexPosition {
   std::uint32_t row;
 };
 
-// One generation, mapped; for look-ups by anyone.
+// One mapped generation, for look-ups.
 class IndexView {
  public:
   IndexView() = default;
   // `capacity` entries at `entries`, a power of two of at least 2.
   IndexView(std::uint64_t* entries, std::size_t capacity) noexcept;
-  // The view of a complete segment. Throws AttachError when it is not an index of the table whose
-  // rows segment has that identity.
+  // The view of a complete segment.
+  // Throws: AttachError when it is not an index of the table whose rows segment has that identity.
   IndexView(const Korm::Segment& segment, std::uint64_t generation, std::uint64_t identity,
             const std::string& table);
 
@@ -72,7 +72,7 @@ class IndexView {
     return static_cast<std::size_t>((tag * 0x9E3779B97F4A7C15U) >> shift_);
   }
 
-  // The first entry with this hash of which `matches(row)` says that it is the one.
+  // The first entry with this hash for which `matches(row)` is true.
   template <class Matches>
   [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
     std::size_t slot = home(tag);
@@ -95,7 +95,7 @@ class IndexView {
   unsigned shift_ = 63;
 };
 
-// The writer's side. Owns the generation in force and the one being built.
+// The writer's side. Owns the generation in force and the one that is being built.
 class Index {
  public:
   struct Place {
@@ -105,10 +105,11 @@ class Index {
     std::string table;
   };
 
-  // An empty index, not published yet, for at least `rows` rows. Throws std::system_error.
+  // An empty index, not published yet, for at least `rows` rows.
+  // Throws: std::system_error.
   Index(Place place, std::uint64_t generation, std::size_t rows);
 
-  // Makes this generation the one in force, for new look-ups everywhere.
+  // Makes this generation the one in force.
   void publish() noexcept;
 
   template <class Matches>
@@ -116,23 +117,24 @@ class Index {
     return current_.view.find(tag, matches);
   }
 
-  // Where an entry with this hash goes. Throws: std::system_error when there is neither room for
-  // one more entry nor memory to make some, or when damaged entries take all the room.
+  // The slot for an entry with this hash.
+  // Throws: std::system_error when there is no room for one more entry and no memory for a larger
+  // generation, or when damaged entries take all the room.
   [[nodiscard]] std::size_t prepareInsert(std::uint32_t tag);
   // Requires: `slot` is from prepareInsert(tag), the index has not changed since, and the key is
   // not there.
   void insert(std::size_t slot, std::uint32_t tag, std::uint32_t row) noexcept;
   void erase(std::size_t slot) noexcept;
-  // For a row whose key is damaged, so that its hash is unknown. Looks at every entry.
+  // Removes a row whose key is damaged, so that its hash is unknown. Looks at every entry.
   void eraseRow(std::uint32_t row) noexcept;
-  // A bounded piece of the work on the next generation and on the release of the previous one;
-  // called once per insertion and removal. Memory that runs out here only delays the next
+  // Does a bounded part of the work on the next generation and of the release of previous ones.
+  // Called once per insertion and removal. When memory runs out here, that only delays the next
   // generation.
   void advance() noexcept;
 
   [[nodiscard]] std::size_t size() const noexcept { return current_.live; }
-  // The first violated invariant of the index itself, in words; whether the entries belong to the
-  // rows is for the table to know.
+  // The first violated invariant of the index itself, in words. Whether its entries agree with the
+  // rows is for the table to check.
   [[nodiscard]] std::optional<std::string> verify() const;
 
  private:
@@ -148,7 +150,7 @@ class Index {
   [[nodiscard]] static std::size_t segmentBytes(std::size_t capacity) noexcept;
   [[nodiscard]] Generation makeGeneration(std::uint64_t number, std::size_t capacity) const;
   static void complete(Generation& generation, std::uint64_t identity) noexcept;
-  // The first slot without a live entry on the way of a search for this hash, if there is one.
+  // The first slot without a live entry in the probe sequence of this hash, if there is one.
   [[nodiscard]] static std::optional<std::size_t> freeSlot(const IndexView& view,
                                                            std::uint32_t tag) noexcept;
   static void put(Generation& generation, std::size_t slot, std::uint64_t word) noexcept;

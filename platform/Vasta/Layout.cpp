@@ -15,7 +15,7 @@ constexpr std::uint32_t wholeCacheLines(std::uint32_t words) {
   return (words + cacheLineWords - 1) / cacheLineWords * cacheLineWords;
 }
 
-// FNV-1a: independent of the framework's hash, which is one of the things to be checked.
+// FNV-1a, and not the framework's hash, because that hash is one of the things to be compared.
 class Fingerprint {
  public:
   void add(std::string_view text) {
@@ -63,7 +63,7 @@ std::uint64_t layoutHash(const RecordLayout& layout) {
   fingerprint.add(geometry.rowWords);
   fingerprint.add(layout.typeName);
   fingerprint.add(std::uint64_t{layout.usedSize != nullptr});
-  // Two programs that hash keys differently would miss each other's records.
+  // Two programs that hash keys differently would not find each other's records.
   const std::vector<std::uint64_t> zeroKey(layout.keySize / wordSize + 1);
   fingerprint.add(layout.hashOfKey(zeroKey.data()));
   return fingerprint.value();

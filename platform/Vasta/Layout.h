@@ -6,20 +6,18 @@
 // - the index, one segment per generation: see Index.h.
 //
 // A cell is {record words, live, change sequence, checksum}. The upper half of the live word is the
-// number of record words that are stored, from the first one on; its lowest bit says whether the
-// record is there. The low bit of the version selects the cell in force; version 0 means that
-// neither ever was. The writer fills the other cell and then publishes it by adding one to the
-// version, so a writer that dies at any instant leaves the record as it was. A reader copies the
-// cell in force and looks at the version again. If it is unchanged, the copy is the record, because
-// the writer changes a cell only after it has moved the version away from it.
+// number of record words that are stored; its lowest bit says whether there is a record. The lowest
+// bit of the version selects the cell in force; version 0 means that no cell was ever written. The
+// writer fills the other cell and then publishes it by adding one to the version, so a writer that
+// dies at any instant leaves the record as it was. A reader copies the cell in force and then reads
+// the version again. If it is unchanged, the copy is the record, because the writer changes a cell
+// only after it has moved the version away from it.
 //
-// Whoever reads these words does not trust them. The version and the counters of the header are
-// checked words, a cell has its checksum, and everything that is constant is compared with what the
-// reader knows by itself.
+// No reader trusts these words. The version and the counters of the header are checked words, a
+// cell has its checksum, and everything constant is compared with what the reader expects.
 //
-// Every word that two threads or processes may share is read by loadWord and written by storeWord.
-// A word stored with release that a reader sees by its acquiring load brings with it everything
-// stored before.
+// Every word that two threads or processes may share is read by loadWord (acquire) and written by
+// storeWord (release): a reader that sees a word also sees everything stored before it.
 #pragma once
 
 #include <algorithm>
@@ -47,8 +45,8 @@ inline constexpr std::size_t wordSize = sizeof(std::uint64_t);
 inline constexpr std::uint64_t tableMagic = 0x5641'5354'4154'424CU;
 inline constexpr std::uint64_t formatVersion = 2;
 
-// A number below 2^48 with a check of it in the upper 16 bits of its word. Any single bit that
-// flips is noticed. The word of 0 is 0, as fresh memory has it.
+// A number below 2^48 with a check in the upper 16 bits of its word, which detects any single
+// flipped bit. The word of 0 is 0, as in fresh memory.
 inline constexpr std::uint64_t checkedNumberMask = (std::uint64_t{1} << 48U) - 1;
 [[nodiscard]] constexpr std::uint64_t checkedWord(std::uint64_t number) noexcept {
   return number | ((number * 0x9E3779B97F4A7C15U) & ~checkedNumberMask);
@@ -60,7 +58,7 @@ inline constexpr std::uint64_t checkedNumberMask = (std::uint64_t{1} << 48U) - 1
 }
 
 // Word offsets in the header segment. Words that change at different rates lie in different cache
-// lines, so that a change does not take from a looking-up reader what it needs.
+// lines, so that a write does not invalidate the lines that a look-up reads.
 namespace Header {
 // Constant once the table is there. The magic is stored last of all.
 inline constexpr std::size_t magic_ = 0;
@@ -70,10 +68,10 @@ inline constexpr std::size_t recordSize_ = 3;
 inline constexpr std::size_t keyOffset_ = 4;
 inline constexpr std::size_t keySize_ = 5;
 inline constexpr std::size_t identity_ = 6;  // of the rows segment
-// Seldom changed. All that counts is a checked word.
+// Seldom changed. Every number from here on is a checked word.
 inline constexpr std::size_t writerGeneration_ = 8;  // counts the writers so far
 inline constexpr std::size_t indexGeneration_ = 9;   // the generation in force
-inline constexpr std::size_t removed_ = 10;          // removedMark: the writer removes the table
+inline constexpr std::size_t removed_ = 10;          // removedMark once the table is removed
 // Changed when the table grows.
 inline constexpr std::size_t rowCount_ = 16;
 // Changed by every write.
@@ -105,7 +103,7 @@ struct RowGeometry {
     return std::uint64_t{storedWords} << 32U | (live ? 1U : 0U);
   }
   [[nodiscard]] static bool isLive(std::uint64_t live) noexcept { return (live & 1U) != 0; }
-  // As many as a live word says, and never more than there are.
+  // As many as the live word says, but never more than the record has.
   [[nodiscard]] std::size_t storedWords(std::uint64_t live) const noexcept {
     return std::min<std::uint64_t>(live >> 32U, recordWords);
   }
@@ -114,15 +112,15 @@ struct RowGeometry {
   }
 };
 
-// What the checksum word of a cell must be: a hash of its other words, less the record words that
-// are not stored, begun with the row's number and version, so that a record in the wrong row is
-// found out too. Requires: `cell` is contiguous and not written meanwhile.
+// The right value of a cell's checksum word: a hash of its other words, without the record words
+// that are not stored. The seed is the row's number and version, so that a record in the wrong row
+// is detected too. Requires: nobody writes to `cell` meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
                                                 std::uint64_t version,
                                                 const RowGeometry& geometry) noexcept {
   const std::uint64_t place = (version * 0x9E3779B97F4A7C15U) ^ row;
   const std::size_t stored = geometry.storedWords(cell[geometry.liveWord()]);
-  if (stored == geometry.recordWords) {  // as most are: in one go
+  if (stored == geometry.recordWords) {  // the usual case takes one call
     return Korm::hashBytes(cell, geometry.checksumWord() * wordSize, place);
   }
   const std::uint64_t ofRecord = Korm::hashBytes(cell, stored * wordSize, place);
@@ -137,14 +135,14 @@ struct RowGeometry {
 
 enum class RowState { vacant_, removed_, live_, corrupt_ };
 
-// What a row's version word and the cell that it selects say together.
+// The state of a row by its version word and the cell that the version selects.
 struct RowCheck {
   RowState state;
-  std::uint64_t stored = 0;    // of a corrupt row: what its check is
-  std::uint64_t computed = 0;  // and what it should be
+  std::uint64_t stored = 0;    // of a corrupt row: its check as stored
+  std::uint64_t computed = 0;  // and as it should be
 };
 
-// Requires: `cell` is contiguous and not written meanwhile.
+// Requires: nobody writes to `cell` meanwhile.
 [[nodiscard]] inline RowCheck checkRow(const std::uint64_t* cell, std::uint32_t row,
                                        std::uint64_t versionWord,
                                        const RowGeometry& geometry) noexcept {
@@ -164,7 +162,7 @@ struct RowCheck {
                                                                   : RowState::removed_};
 }
 
-// Differs between two programs that would not read the same thing from the same bytes.
+// A hash of the layout. It differs between programs that would read the same bytes differently.
 [[nodiscard]] std::uint64_t layoutHash(const RecordLayout& layout);
 
 // Throws: AttachError unless `header` is a table's header in this format for this layout.

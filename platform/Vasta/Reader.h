@@ -1,5 +1,5 @@
-// The reading side of a table of records R. See TableReader.h for what a reader promises, and the
-// same rules of threads and processes.
+// The reading side of a table of records R. TableReader.h has the contract and the rules for
+// threads and processes.
 #pragma once
 
 #include <cstddef>
@@ -22,18 +22,21 @@ class Reader {
  public:
   using Key = typename R::Key;
 
-  // Attaches to a named table. Throws AttachError.
+  // Attaches to a named table.
+  // Throws: AttachError.
   explicit Reader(std::string shmName) : reader_{std::move(shmName), recordLayout<R>()} {}
   // Attaches to a table in this process, named or not, which it may outlive.
   explicit Reader(const Table<R>& table) : reader_{table.segments(), recordLayout<R>()} {}
 
-  // A copy of the committed record. Throws Corruption.
+  // A copy of the committed record.
+  // Throws: Corruption.
   [[nodiscard]] std::optional<R> find(const Key& key) {
     Storage storage;
     return reader_.find(&key, hashOfKey<R>(key), storage.bytes) ? std::optional<R>{storage.record()}
                                                                 : std::nullopt;
   }
-  // Copies the record to `out`; false, with `out` untouched, when there is none. Throws Corruption.
+  // Copies the record to `out`; false, with `out` untouched, when there is none.
+  // Throws: Corruption.
   [[nodiscard]] bool find(const Key& key, R& out) { return find(key, hashOfKey<R>(key), out); }
   [[nodiscard]] bool find(const Key& key, std::uint32_t hash, R& out) {
     return reader_.find(&key, hash, reinterpret_cast<std::byte*>(&out));
@@ -44,7 +47,8 @@ class Reader {
     return reader_.next(hint, reinterpret_cast<std::byte*>(&out));
   }
 
-  // Calls `visit(const R&)` for every record. Throws Corruption, and whatever `visit` throws.
+  // Calls `visit(const R&)` for every record.
+  // Throws: Corruption, and whatever `visit` throws.
   template <class Visit>
   void forEach(Visit&& visit) {
     Storage storage;

@@ -1,7 +1,6 @@
-// What a record must be to stand in a shared table, and how the untyped core sees it.
-//
-// Thread and process rule: compile-time descriptions; the layout of a record type must be the same
-// in every process that attaches, which the table's header checks.
+// What a record type must fulfil to be stored in a shared table, and its description for the
+// untyped core. The layout must be the same in every process that attaches; the table's header
+// checks that.
 #pragma once
 
 #include <array>
@@ -17,13 +16,14 @@
 
 namespace Vasta {
 
-// A fixed-size value with its key inside it. It is copied, compared and summed as bytes, so it has
-// neither pointers to itself nor padding; it lies on 8-byte boundaries, so it asks for no more. A
-// `static constexpr std::string_view vastaName` tells apart record types of equal shape.
+// A fixed-size value that contains its key. It is copied, compared and checksummed as bytes, so it
+// has neither pointers nor padding. It is stored on 8-byte boundaries, so its alignment is at
+// most 8. A `static constexpr std::string_view vastaName` distinguishes record types of equal
+// shape.
 //
-// A record with a long array of which it mostly uses the front may say by `usedSize()` how many of
-// its bytes count, from the first one on, the key among them. The others are neither stored nor
-// summed: a copy has zeros there, and one looked at in place has anything.
+// A record that ends in a long, mostly unused array may have a function `usedSize()`, which says
+// how many of its first bytes are in use, the key included. The others are neither stored nor
+// summed: in a copy they are zero, and in a record that is read in place they are undefined.
 template <class R>
 concept Record = std::is_trivially_copyable_v<R> && std::has_unique_object_representations_v<R> &&
                  std::has_unique_object_representations_v<typename R::Key> &&(alignof(R) <= 8) &&
@@ -71,8 +71,8 @@ template <Record R>
   return layout;
 }
 
-// A place in a walk over the rows of a table: the first row not yet visited. It stays good whatever
-// happens to the table between two steps, because rows never move.
+// A position in a walk over the rows of a table: the first row not yet visited. It stays valid
+// whatever happens to the table between two steps, because rows never move.
 struct Hint {
   std::uint32_t row = 0;
 };

@@ -34,7 +34,7 @@ class SegmentNames {
   }
 
  private:
-  // Leaves room for the suffixes, so that appending one never fails.
+  // Leaves room for the suffixes, so that appending one cannot fail.
   static constexpr std::size_t longestHeaderName = NAME_MAX - 32;
 
   [[nodiscard]] static bool isPlain(char c) noexcept {

@@ -23,8 +23,8 @@ std::shared_ptr<Korm::Segment> NamedSegments::rows() {
 std::shared_ptr<Korm::Segment> NamedSegments::index(std::uint64_t& generation) {
   std::shared_ptr<Korm::Segment> segment = Korm::Segment::open(
       names_.index(generation), Korm::Segment::Access::readOnly_, 0, tableSubject(shmName_));
-  // The writer takes a replaced index apart once it holds the lock alone: whoever gets a share of
-  // the lock first may read for as long as it likes, and whoever comes later asks for the new one.
+  // The writer frees a replaced index once it holds the exclusive lock. A reader that gets a shared
+  // lock before that keeps the index; one that does not must take the new index.
   if (segment != nullptr && !segment->tryLockShared()) {
     return nullptr;
   }

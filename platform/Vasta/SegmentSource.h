@@ -1,8 +1,8 @@
-// How a reader comes by the segments of a table: by name from another process, or straight from the
+// How a reader gets the segments of a table: by name in another process, or directly from the
 // writer in the same process.
 //
-// Thread and process rule: LocalSegments may be asked by any thread while its writer works;
-// NamedSegments belong to one reader.
+// Threads: any thread may use LocalSegments while the writer works. NamedSegments belong to one
+// reader.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +24,9 @@ class SegmentSource {
   // Null when there is no such segment. May throw std::system_error.
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> header() = 0;
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> rows() = 0;
-  // The index of this generation, or a later one, which `generation` becomes; null when it was
-  // replaced meanwhile. The writer leaves the segment alone for as long as the pointer is held.
+  // The index of this generation or of a later one, whose number `generation` becomes. Null when
+  // the index was replaced meanwhile. The writer does not free the segment while the pointer is
+  // held.
   [[nodiscard]] virtual std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) = 0;
 };
 
@@ -43,7 +44,7 @@ class NamedSegments : public SegmentSource {
   const SegmentNames names_;
 };
 
-// The segments of a writer, which keeps this up to date for the readers in its process.
+// The segments of a writer, for the readers in its process. The writer keeps this up to date.
 class LocalSegments : public SegmentSource {
  public:
   LocalSegments(std::string table, std::shared_ptr<Korm::Segment> header,
@@ -53,7 +54,7 @@ class LocalSegments : public SegmentSource {
   [[nodiscard]] std::shared_ptr<Korm::Segment> rows() override { return rows_; }
   [[nodiscard]] std::shared_ptr<Korm::Segment> index(std::uint64_t& generation) override;
 
-  // From now on `segment` is the index; the previous one is handed out no more.
+  // Makes `segment` the index that readers get from now on.
   void indexIs(std::uint64_t generation, std::shared_ptr<Korm::Segment> segment);
 
  private:

@@ -1,5 +1,5 @@
-// The writing side of a table of records R. See TableWriter.h for what a table promises, and the
-// same rules of threads and processes.
+// The writing side of a table of records R. TableWriter.h has the contract and the rules for
+// threads and processes.
 #pragma once
 
 #include <cstddef>
@@ -22,46 +22,49 @@ class Table {
   using Key = typename R::Key;
   using CorruptionHandler = TableWriter::CorruptionHandler;
 
-  // Creates the table or takes it over. Throws AttachError or std::system_error.
+  // Creates the table or takes it over.
+  // Throws: AttachError or std::system_error.
   explicit Table(TableOptions options) : writer_{recordLayout<R>(), std::move(options)} {}
 
-  // Where a hash is given it must be hashOf(key).
+  // Requires: a hash that is passed to a function below is hashOf(key).
   [[nodiscard]] static std::uint32_t hashOf(const Key& key) noexcept { return hashOfKey<R>(key); }
 
-  // The committed record in place, or null. It stays readable, and as it is, until the second next
-  // change of its row. Throws Corruption.
+  // The committed record in place, or null. It stays readable and unchanged until the second change
+  // of its row from now.
+  // Throws: Corruption.
   [[nodiscard]] const R* find(const Key& key) const { return find(key, hashOf(key)); }
   [[nodiscard]] const R* find(const Key& key, std::uint32_t hash) const {
     return asRecord(writer_.find(&key, hash));
   }
 
-  // Inserts or overwrites. Throws std::system_error when memory runs out, unchanged then.
+  // Inserts or overwrites.
+  // Throws: std::system_error when memory runs out; nothing has changed then.
   void is(const R& record) { is(record, hashOf(record.key())); }
   void is(const R& record, std::uint32_t hash) { writer_.is(bytesOf(record), hash); }
 
-  // Removes the record and returns it; nothing when there is none. Throws Corruption, unchanged
-  // then.
+  // Removes the record and returns it; nothing when there is none.
+  // Throws: Corruption; nothing has changed then.
   std::optional<R> del(const Key& key) {
     Storage removed;
     return writer_.del(&key, hashOf(key), removed.bytes) ? std::optional<R>{removed.record()}
                                                          : std::nullopt;
   }
-  // Removes the record, into `removed` unless that is null; false when there is none. Throws
-  // Corruption when `removed` is wanted; with null a corrupt record goes like any other.
+  // Removes the record, into `removed` unless that is null; false when there is none.
+  // Throws: Corruption when `removed` is wanted; with null a corrupt record goes like any other.
   bool del(const Key& key, R* removed) { return del(key, hashOf(key), removed); }
   bool del(const Key& key, std::uint32_t hash, R* removed) {
     return writer_.del(&key, hash, reinterpret_cast<std::byte*>(removed));
   }
-  // Removes what lies in a row, for a corrupt record: see Corruption::row().
+  // Removes whatever is in the row. For corrupt records: see Corruption::row().
   bool discard(std::uint32_t row) { return writer_.discard(row); }
   void delAll() { writer_.delAll(); }
 
-  // The writer's private copy to change, key excepted, and commit; null when there is no such
-  // record. The next edit() takes it over. Throws Corruption.
+  // The writer's private copy of the record, to be changed and committed; null when there is no
+  // such record. The key must not be changed. Valid until the next edit(). Throws: Corruption.
   [[nodiscard]] R* edit(const Key& key) {
     return reinterpret_cast<R*>(writer_.edit(&key, hashOf(key)));
   }
-  // False, and no change, when the record has gone since edit().
+  // False, with nothing changed, when the record was removed since edit().
   bool commit(const R* staging) {
     return writer_.commit(reinterpret_cast<const std::byte*>(staging));
   }
@@ -79,7 +82,7 @@ class Table {
     return writer_.segments();
   }
 
-  // Not owned; outlives its use here. Null for none.
+  // Null for none. Requires: the listener outlives the table or is replaced first.
   void listenerIs(TableWriter::Listener* listener) noexcept { writer_.listenerIs(listener); }
 
   void quiesce() { writer_.quiesce(); }

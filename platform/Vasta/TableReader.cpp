@@ -51,7 +51,7 @@ std::uint64_t TableReader::counter(std::size_t word) const {
   return headerCounter(header_->words(), word, source_->name());
 }
 
-// The writer allocates rows before it counts them, so there are at least as many as are counted.
+// The writer allocates a row before it counts it, so all rows that are counted can be read.
 std::uint32_t TableReader::rowCount() {
   const std::uint64_t count = counter(Header::rowCount_);
   if (count > readableRows_) {
@@ -72,7 +72,7 @@ bool TableReader::refreshIndex() {
   for (std::uint64_t inForce = counter(Header::indexGeneration_); inForce != generation_;) {
     std::uint64_t generation = inForce;
     if (std::shared_ptr<Korm::Segment> segment = source_->index(generation)) {
-      // Within the writer's process the next index can be had a moment before it is announced.
+      // Within the writer's process the next index is available a moment before it is announced.
       if (generation == generation_) {
         return false;
       }
@@ -81,7 +81,7 @@ bool TableReader::refreshIndex() {
       generation_ = generation;
       return true;
     }
-    // It must have been replaced, or else it has gone with the table.
+    // The index was replaced, or it was removed with the table.
     const std::uint64_t tried = inForce;
     inForce = counter(Header::indexGeneration_);
     if (inForce == tried) {
@@ -126,7 +126,7 @@ RowState TableReader::copyRow(std::uint32_t row) {
 
 bool TableReader::lookUp(const void* key, std::uint32_t hash) {
   const auto* copiedKey = reinterpret_cast<const std::byte*>(cell_.data()) + geometry_.keyOffset;
-  // An entry is written after its row is counted, so a row beyond the count is damage, not growth.
+  // An entry is written after its row is counted, so a row beyond the count is damage.
   return indexView_
       .find(hash,
             [&](std::uint32_t row) {
@@ -143,7 +143,7 @@ bool TableReader::find(const void* key, std::uint32_t hash, std::byte* record) {
       std::memcpy(record, cell_.data(), geometry_.recordSize);
       return true;
     }
-    // A miss counts only in the index that was in force all the time.
+    // A miss is final only if the same index was in force during the whole search.
   } while (refreshIndex());
   return false;
 }
@@ -159,7 +159,7 @@ bool TableReader::next(Hint& hint, std::byte* record) {
   return false;
 }
 
-// Of the cell in force when it was looked at. What is behind it is checked when the row is copied.
+// The change sequence of the cell in force. It is not checked here but when the row is copied.
 std::uint64_t TableReader::sequenceOf(std::uint32_t row) const noexcept {
   const std::uint64_t* words = rowWords(row);
   const std::uint64_t version = loadWord(words[0]);

@@ -1,12 +1,12 @@
 // The reading side of a table, on records as bytes; for another process than the writer's, or for
 // another thread. Reader<R> in Reader.h is its typed face.
 //
-// Thread and process rule: one reader object per thread. It never waits for the writer, alive or
-// dead, never writes to the table, and always has the last committed record. It stays good when the
-// writer dies and when another one takes the table over.
+// Threads: one reader object per thread. It never waits for the writer, alive or dead, never writes
+// to the table, and always finds the last committed record. It stays valid when the writer dies and
+// when another one takes the table over.
 //
-// Ownership and invariants: owns its mappings, all read-only. Once the writer has removed the
-// table, a look-up throws AttachError if it needs an index that was not mapped by then.
+// Ownership: owns its mappings, which are all read-only. Once the writer has removed the table, a
+// look-up throws AttachError if it needs an index that was not mapped before.
 #pragma once
 
 #include <cstddef>
@@ -24,27 +24,27 @@
 
 namespace Vasta {
 
-// How far a follower has come. A new cursor stands before all changes: to follow from it gives
-// every record there is. Opaque but for its sequence and its writer.
+// How far a follower has come. A new cursor is before all changes, so following from it visits
+// every record. Only the sequence and the writer generation are meant for the caller.
 struct FollowCursor {
-  std::uint64_t sequence = 0;          // all changes up to this one were told
+  std::uint64_t sequence = 0;          // all changes up to this one were reported
   std::uint64_t writerGeneration = 0;  // the writer at that time
-  std::uint32_t nextRow = 0;           // where the pass over the rows that is under way goes on,
-  std::uint64_t passEnd = 0;           // and the sequence that it ends with; 0: none under way
+  std::uint32_t nextRow = 0;           // where the current pass over the rows continues
+  std::uint64_t passEnd = 0;           // the sequence at the end of that pass; 0: no pass
 };
 
-// What a follower is told: the state of a row. A row holds one record at a time, so a record that
-// was removed and whose row holds another one by now shows only by the new one standing in its row.
+// What a follower is told: the state of a row. When a record was removed and its row was reused
+// since, the follower is told only of the new record in that row.
 struct RowChange {
   std::uint32_t row = 0;
-  std::uint64_t sequence = 0;         // of the change that made it so
+  std::uint64_t sequence = 0;         // of the row's latest change
   bool live = false;                  // false: the record was removed
-  std::span<const std::byte> record;  // for a removed one, as it was last; good during the call
+  std::span<const std::byte> record;  // a removed one as it was last; valid during the call
 };
 
 struct FollowResult {
   std::size_t told = 0;
-  bool writerChanged = false;  // another writer has the table than when the cursor last moved
+  bool writerChanged = false;  // another writer has taken the table over since the last call
 };
 
 class TableReader {
@@ -52,12 +52,13 @@ class TableReader {
   class Follower {
    public:
     virtual ~Follower() = default;
-    // An exception leaves follow(), and the change is told again the next time.
+    // An exception leaves follow(); the next call reports the change again.
     virtual void rowChanged(const RowChange& change) = 0;
   };
 
-  // Attaches to a named table. Throws AttachError when there is none or when it is not a table of
-  // `layout`, std::system_error when the system refuses.
+  // Attaches to a named table.
+  // Throws: AttachError when there is none or when it is not a table of `layout`, std::system_error
+  // when the system refuses.
   TableReader(std::string shmName, const RecordLayout& layout);
   // Attaches within the writer's process; see TableWriter::segments().
   TableReader(std::shared_ptr<SegmentSource> source, const RecordLayout& layout);
@@ -65,20 +66,20 @@ class TableReader {
   [[nodiscard]] const RowGeometry& geometry() const noexcept { return geometry_; }
 
   // Copies the record of this key to `record`, which has room for one; false when there is none,
-  // with `record` untouched. `hash` is the key's under the writer's hash. Throws Corruption.
+  // with `record` untouched. `hash` is the key's under the writer's hash.
+  // Throws: Corruption.
   [[nodiscard]] bool find(const void* key, std::uint32_t hash, std::byte* record);
 
   // Copies the next record of a walk in the order of rows; false at the end. A record that is there
-  // for the whole walk is met exactly once. Throws Corruption with the hint already past the
-  // record.
+  // for the whole walk is met exactly once.
+  // Throws: Corruption with the hint already past the record.
   [[nodiscard]] bool next(Hint& hint, std::byte* record);
 
-  // Tells every row that has changed since the cursor, at least once each, in its latest state, and
-  // moves the cursor. When there was a change it looks at the change sequence of every row. A
-  // cursor that lies behind the latest change, because a damaged one was lost with its writer,
-  // starts over.
-  // Throws: Corruption for a corrupt row, with the cursor already past it; AttachError when the
-  // header is damaged.
+  // Reports every row that has changed since the cursor, at least once each, in its latest state,
+  // and moves the cursor. If there was any change, it reads the change sequence of every row. A
+  // cursor beyond the latest change starts over: that happens when damaged changes were lost with a
+  // writer. Throws: Corruption for a corrupt row, with the cursor already past it; AttachError when
+  // the header is damaged.
   FollowResult follow(FollowCursor& cursor, Follower& follower);
 
   // These are counters of the header. Throws: AttachError when one is damaged.
@@ -88,23 +89,24 @@ class TableReader {
   [[nodiscard]] std::uint64_t writerGeneration() const {
     return counter(Header::writerGeneration_);
   }
-  // The writer has removed the table: what is mapped stays readable but changes no more, and a new
-  // table of that name is attached by a new reader.
+  // Whether the writer has removed the table. What is mapped stays readable but no longer changes.
+  // A new table of that name needs a new reader.
   [[nodiscard]] bool isRemoved() const noexcept;
 
  private:
   void attachRows();
-  // Whether the index in force is another one than at the last call; maps it then.
+  // Maps the index in force; false when it is the one that is mapped already.
   bool refreshIndex();
   [[nodiscard]] std::uint64_t header(std::size_t word) const noexcept;
   [[nodiscard]] std::uint64_t counter(std::size_t word) const;
-  // How many rows there are, all of which may be read. Throws: AttachError when that number is
-  // damaged.
+  // How many rows there are, all of which may be read.
+  // Throws: AttachError when that number is damaged.
   [[nodiscard]] std::uint32_t rowCount();
   // Requires: there is such a row.
   [[nodiscard]] const std::uint64_t* rowWords(std::uint32_t row) const noexcept;
   [[nodiscard]] std::uint64_t sequenceOf(std::uint32_t row) const noexcept;
-  // Takes the row's committed cell to cell_. Throws Corruption.
+  // Copies the row's committed cell to cell_.
+  // Throws: Corruption.
   RowState copyRow(std::uint32_t row);
   [[nodiscard]] bool lookUp(const void* key, std::uint32_t hash);
   void tell(FollowCursor& cursor, Follower& follower, FollowResult& result);

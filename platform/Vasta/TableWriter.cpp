@@ -13,7 +13,7 @@
 namespace Vasta {
 namespace {
 
-// Rows are allocated a little at a time, so that no insertion waits for more than one such piece.
+// Rows are allocated in small pieces, so that no insertion waits for more than one of them.
 constexpr std::size_t smallestGrowth = std::size_t{16} << 10U;
 constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
 
@@ -44,8 +44,8 @@ Corruption TableWriter::corruptionOf(std::uint32_t row, const RowCheck& check) c
   return {options_.name, row, check.stored, check.computed};
 }
 
-// A row that is occupied and intact is live. One that is neither live nor corrupt has lost its
-// record to damage that happens to have a right checksum.
+// An occupied row must be live. If it is neither live nor corrupt, its words were overwritten by
+// others with a right checksum, which is damage too.
 void TableWriter::requireIntact(std::uint32_t row) const {
   if (const RowCheck found = check(row); found.state != RowState::live_) [[unlikely]] {
     throw corruptionOf(row, found);
@@ -57,9 +57,8 @@ bool TableWriter::hasKey(std::uint32_t row, const void* key) const noexcept {
 }
 
 std::optional<IndexPosition> TableWriter::locate(const void* key, std::uint32_t hash) const {
-  // A corrupt row under the whole hash of the key is taken for the key's, though its own key may be
-  // what is damaged: a look-up reports it and a write heals it. Damaged entries may lead to any
-  // row.
+  // A corrupt row with the same hash is taken for the row of this key, although the damage may be
+  // in its key: so a look-up reports it and a write heals it. A damaged entry may lead to any row.
   return index_->find(hash, [this, key](std::uint32_t row) {
     return row < rowCount_ && occupied_[row] &&
            (hasKey(row, key) || check(row).state == RowState::corrupt_);
@@ -116,7 +115,7 @@ std::uint32_t TableWriter::takeRow() {
     rowsSegment_->grow(std::max(needed, size + std::clamp(size, smallestGrowth, largestGrowth)));
   }
   occupied_.resize(std::size_t{row} + 1);
-  // Counted before it is filled: a row that a dying writer leaves unfilled is vacant.
+  // The row is counted before it is filled: if the writer dies in between, the row is vacant.
   ++rowCount_;
   storeWord(header_[Header::rowCount_], checkedWord(rowCount_));
   return row;
@@ -156,7 +155,8 @@ void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool liv
   storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
   storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
   storeWord(words[0], checkedWord(version));
-  // The words change under records that the caller reads in place through another type.
+  // The caller reads records in place through another type, so the compiler must not move its
+  // reads.
   std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
@@ -181,7 +181,7 @@ void TableWriter::notify(const void* key) {
     listener_->recordChanged(key);
     return;
   }
-  // The listener may change the row that the key stands in.
+  // The listener may change the row that contains the key.
   std::vector<std::uint64_t> copy(geometry_.keySize / wordSize + 1);
   std::memcpy(copy.data(), key, geometry_.keySize);
   listener_->recordChanged(copy.data());
@@ -201,7 +201,7 @@ bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
   return true;
 }
 
-// The record stays in the row's new cell, no longer live, so that a follower still sees its key.
+// The record stays in the new cell and is only marked as removed, so that a follower sees its key.
 void TableWriter::removeRow(std::uint32_t row, std::optional<std::size_t> slot) {
   freeRows_.push_back(row);
   commitRow(row, recordOf(row), false);

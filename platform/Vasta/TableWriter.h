@@ -1,16 +1,16 @@
 // The writing side of a table, on records as bytes. Table<R> in Table.h is its typed face.
 //
-// A table is a set of records, one per key, in shared memory. Rows are the truth: a record lies in
-// one row from its insertion to its removal, and a row once there is there for good, to be used
-// again for another record. The index is a cache of the rows and can be rebuilt from them.
+// A table is a set of records, one per key, in shared memory. A record stays in one row from its
+// insertion to its removal. Rows are never given back, but reused for other records. The index can
+// be rebuilt from the rows.
 //
-// Thread and process rule: one writer in all of the system, held by a lock that goes with its
-// process; all calls on one thread. Readers never wait for it, whatever it does and wherever it
-// dies. A child made by fork() without exec holds the lock too until it ends.
+// Threads: there is one writer in the whole system. A lock that the system releases with its
+// process ensures that; a child made by fork() without exec holds it too. All calls come from one
+// thread. Readers never wait for the writer, even if it dies.
 //
-// Ownership and invariants: owns its mappings. A call that throws has changed nothing, unless it
-// says otherwise. A change is durable for every reader, and for the next writer, when the call
-// returns.
+// Ownership: owns its mappings.
+// Invariants: a call that throws has changed nothing, unless it says otherwise. When a call
+// returns, every reader and the next writer see its change.
 #pragma once
 
 #include <cstddef>
@@ -35,16 +35,16 @@ enum class MountState { unmounted_, mounting_, mounted_, failed_ };
 struct TableOptions {
   std::string name;     // the table's own name, for messages
   std::string shmName;  // by which other processes find it; empty: an anonymous table
-  // Whether the shared memory goes with the writer. A writer that dies leaves it in any case.
+  // Whether the destructor removes the shared memory. A writer that dies always leaves it.
   bool unlinkOnClose = false;
   MountState mountState = MountState::mounted_;
 };
 
 class TableWriter {
  public:
-  // What the table tells its owner. Called on the writer's thread, within the call that caused it
-  // and after the change is committed; the table may be changed meanwhile. An exception leaves that
-  // call, the change stays.
+  // Receives what the table tells its owner, on the writer's thread, within the call that caused it
+  // and after the change is committed. It may change the table. An exception leaves that call; the
+  // change stays.
   class Listener {
    public:
     virtual ~Listener() = default;
@@ -54,47 +54,49 @@ class TableWriter {
   };
   using CorruptionHandler = std::function<void(const std::string& message)>;
 
-  // Creates the table, or takes it over from the writer before: counts the writer generation on,
-  // checks every row, rebuilds the index, and reports the rows that are corrupt
-  // (corruptionCount()). Throws AttachError when another writer has the table or when it is another
-  // record's table, std::system_error when memory runs out.
+  // Creates the table, or takes it over from the previous writer: increments the writer generation,
+  // checks every row, rebuilds the index, and reports the corrupt rows (corruptionCount()).
+  // Throws: AttachError when another writer has the table or when it is another record's table,
+  // std::system_error when memory runs out.
   TableWriter(const RecordLayout& layout, TableOptions options);
   ~TableWriter();
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
-  // The committed record of this key, in place, or null. It stays readable, and as it is, until the
-  // second next change of the same record; its key's row is reused after a removal. Throws
-  // Corruption.
+  // The committed record of this key, in place, or null. It stays readable and unchanged until the
+  // second change of its row from now. A removal is a change, and the row may then be reused.
+  // Throws: Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
 
-  // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that. Throws
-  // std::system_error when memory runs out.
+  // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that.
+  // Throws: std::system_error when memory runs out.
   void is(const std::byte* record, std::uint32_t hash);
 
   // Removes the record of this key; false when there is none. Copies it to `removed` unless that is
-  // null. Throws Corruption when it is to be copied and is corrupt; without a copy a corrupt record
-  // is removed like any other.
+  // null.
+  // Throws: Corruption when it is to be copied and is corrupt; without a copy a corrupt record is
+  // removed like any other.
   bool del(const void* key, std::uint32_t hash, std::byte* removed);
 
-  // Removes whatever record lies in this row, corrupt or not; false when there is none. The
-  // listener hears the key if it is intact.
+  // Removes the record in this row, corrupt or not; false when there is none. The listener is told
+  // the key if it is intact.
   bool discard(std::uint32_t row);
 
-  // Removes all records, corrupt ones too; the listener hears the key of each that is intact. An
-  // exception of the listener ends it, with the records after that one still there.
+  // Removes all records, corrupt ones too. The listener is told the key of each that is intact. An
+  // exception of the listener ends the removal; the later records then remain.
   void delAll();
 
-  // The record of this key in the writer's private staging, for the caller to change and commit;
-  // null when there is none. The next edit() takes the staging over. Throws Corruption.
+  // A private copy of the record of this key, for the caller to change and commit; null when there
+  // is no such record. Valid until the next edit(). Throws: Corruption.
   [[nodiscard]] std::byte* edit(const void* key, std::uint32_t hash);
-  // Overwrites the record with what edit() gave, whose key must be unchanged. False, and no change,
-  // when the record has gone meanwhile.
+  // Overwrites the record with the copy from edit(). False, with nothing changed, when the record
+  // was removed meanwhile. Requires: the key in the copy is unchanged.
   bool commit(const std::byte* staging);
 
   // The next record of a walk in the order of rows, in place as for find(); null at the end. A
-  // record that is there for the whole walk is met exactly once, whatever else changes. Throws
-  // Corruption for a corrupt record with the hint already past it, so that the walk can go on.
+  // record that is there for the whole walk is met exactly once, whatever else changes.
+  // Throws: Corruption for a corrupt record with the hint already past it, so that the walk can go
+  // on.
   [[nodiscard]] const std::byte* next(Hint& hint) const;
 
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
@@ -105,19 +107,19 @@ class TableWriter {
   // For readers in this process, on other threads too.
   [[nodiscard]] std::shared_ptr<SegmentSource> segments() const noexcept { return local_; }
 
-  // Not owned; null for none.
+  // Null for none. Requires: the listener outlives the table or is replaced first.
   void listenerIs(Listener* listener) noexcept { listener_ = listener; }
 
-  // A table is quiet at first, busy from its first change on, and quiet again when its owner says
-  // so. The listener hears of each transition.
+  // A table is quiet at first, busy from its next change on, and quiet again when the owner calls
+  // quiesce(). The listener is told of each transition.
   void quiesce();
   [[nodiscard]] bool isQuiesced() const noexcept { return quiesced_; }
 
-  // The listener hears when it becomes another one.
+  // The listener is told when the state changes.
   void mountStateIs(MountState state);
   [[nodiscard]] MountState mountState() const noexcept { return mountState_; }
 
-  // Replaces the default, which does nothing.
+  // The default handler does nothing.
   void corruptionHandlerIs(CorruptionHandler handler) { corruptionHandler_ = std::move(handler); }
   // Counts and keeps the message, then calls the handler.
   void reportCorruption(const std::string& message);

@@ -1,4 +1,4 @@
-// How a writer comes by its table: creation, and the take-over from a writer that closed or died.
+// How a writer gets its table: creation, and the take-over from a writer that closed or died.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::uint64_t firstGeneration = 1;
 
-// Also generations that a writer died in the middle of building or of removing.
+// Includes the generations that a writer was building or removing when it died.
 void unlinkIndexes(const SegmentNames& names, std::uint64_t generation) noexcept {
   Korm::unlinkSegment(names.index(generation - 1));
   Korm::unlinkSegment(names.index(generation));
@@ -21,8 +21,7 @@ void unlinkIndexes(const SegmentNames& names, std::uint64_t generation) noexcept
 
 bool isFormatted(const Korm::Segment& header) noexcept { return header.size() >= headerBytes; }
 
-// The header goes last: as long as it is there, whoever opens the table finds out what else is
-// left.
+// The header is removed last: while it exists, the next writer can find out what else is left.
 void unlinkTable(const SegmentNames& names, const Korm::Segment& header) noexcept {
   const auto generation = isFormatted(header)
                               ? checkedNumber(loadWord(header.words()[Header::indexGeneration_]))
@@ -32,7 +31,7 @@ void unlinkTable(const SegmentNames& names, const Korm::Segment& header) noexcep
   Korm::unlinkSegment(names.header());
 }
 
-// What a writer left that died while it created or removed the table.
+// Whether the writer died while it created or removed the table.
 bool isRemnant(const Korm::Segment& header) noexcept {
   if (!isFormatted(header)) {
     return true;
@@ -136,8 +135,8 @@ void TableWriter::formatHeader() {
   storeWord(header_[Header::writerGeneration_], checkedWord(writerGeneration_));
 }
 
-// The counters of the header are only believed where they can be: the rows are counted by the size
-// of their segment, since rows that are allocated and not counted are vacant.
+// The row count in the header is not trusted. Rows are counted by the size of their segment
+// instead, which is right because rows that are allocated but not counted are vacant.
 void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
   checkHeader(header->words(), header->size(), layout_, options_.name);
   std::shared_ptr<Korm::Segment> rows =
@@ -169,7 +168,7 @@ void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
   Korm::unlinkSegment(names_->index(generation - 1));
 }
 
-// The writer before may have died between a change and its sequence in the header.
+// The previous writer may have died between a change and the store of its sequence in the header.
 void TableWriter::takeOverRows() {
   occupied_.resize(rowCount_);
   for (std::uint32_t row = 0; row < rowCount_; ++row) {
@@ -179,8 +178,8 @@ void TableWriter::takeOverRows() {
   }
 }
 
-// A corrupt row is kept, for whoever walks the table to find and for the owner to discard, but not
-// indexed: its key cannot be trusted.
+// A corrupt row is kept, so that a walk finds it and the owner can discard it. It is not indexed,
+// because its key cannot be trusted.
 RowState TableWriter::takeOverRow(std::uint32_t row) {
   const RowCheck found = check(row);
   if (found.state != RowState::live_ && found.state != RowState::corrupt_) {

@@ -1,4 +1,4 @@
-// The check of every invariant of a table, for tests and for an owner in doubt.
+// The check of every invariant of a table, for tests and for owners that suspect damage.
 #include <algorithm>
 #include <string>
 #include <vector>

@@ -27,8 +27,8 @@
 namespace Sim {
 
 struct ServiceObjects {
-  // Makes everything and places it in the tree. Throws what the table service throws when named
-  // shared memory cannot be had.
+  // Makes everything and places it in the tree.
+  // Throws: what the table service throws when named shared memory cannot be had.
   ServiceObjects();
 
   [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {
