@@ -12,21 +12,21 @@
 
 namespace Ostra {
 
-// The steps of a write, in their order. All but three of them are checks, which translate what they
-// check.
+// The steps of a write, in their order. Except for the three that are marked, they check a part of
+// the entry and translate it.
 enum class FlowStep : std::uint8_t {
   ports_,        // ingress and egress port of the match
-  matchFields_,  // which fields may stand together, and the families of addresses
+  matchFields_,  // which fields may be combined, and the families of addresses
   matchValues_,  // values with limits
-  actions_,      // plain actions that stand before the output action, with their limits
+  actions_,      // the plain actions before the output action, with their limits
   outputPort_,
   vlan_,         // the VLAN to set
-  bookVrf_,      // no check: the flow is counted in its VRF
+  bookVrf_,      // not a check: the flow is counted in its VRF
   moreActions_,  // the other plain actions
   group_,        // whether the group to forward to is ready
-  mapKey_,       // no check: the index maps the key to the entry handle
+  mapKey_,       // not a check: the index maps the key to the entry handle
   priority_,
-  write_,  // no check: the Corvex flow is written
+  write_,  // not a check: the Corvex flow is written
 };
 
 // What a write does to the counts of VRFs. A flow that moves from one VRF to another releases the
@@ -36,8 +36,8 @@ struct VrfChange {
 
   std::optional<VrfId> released;
   std::optional<VrfId> taken;
-  bool lastUser = false;   // of the VRF released, and so its deletor
-  bool firstUser = false;  // of the VRF taken, and so its creator
+  bool lastUser = false;   // whether the flow is the last user of the VRF that it releases
+  bool firstUser = false;  // whether the flow is the first user of the VRF that it takes
 };
 
 // The Corvex group that a flow forwards to.
@@ -51,7 +51,7 @@ struct GroupNeed {
 
 // A Corvex flow, as far as an entry has been translated.
 struct TranslatedFlow {
-  FlowStep step = FlowStep::ports_;  // the step under way
+  FlowStep step = FlowStep::ports_;  // the current step
   OpenFlowTable::Match match;
   OpenFlowTable::Actions actions;
   std::int32_t priority = 0;
@@ -59,8 +59,8 @@ struct TranslatedFlow {
   OpenFlowTable::TableType tableType{};
 };
 
-// When the write is refused, `step` is the step that refuses. What comes before it is done
-// nevertheless.
+// What a write would do. If it is refused, `step` is the step that refuses it. The steps before
+// that one are done nevertheless.
 struct FlowPreview : TranslatedFlow {
   enum class Outcome : std::uint8_t {
     inserts_,     // a new Corvex flow
@@ -75,17 +75,17 @@ struct FlowPreview : TranslatedFlow {
   }
 
   Outcome outcome = Outcome::nowhere_;
-  std::optional<P4Runtime::ErrorCode> code;  // none for an error that is not the service's own
+  std::optional<P4Runtime::ErrorCode> code;  // nothing unless it is an EntryErrorException
   std::string message;
-  // The match field that refuses at matchFields_, where it is a single one.
+  // The match field for which the step matchFields_ refuses the entry, if it is a single one.
   std::optional<MatchFieldId> field;
 
   std::string name;  // of the Corvex flow
   std::uint32_t entryId = 0;
-  // The Corvex flow of that name as it is now, or null. Good until the configuration changes.
+  // The Corvex flow of that name as it is now, or null. Valid until the configuration changes.
   const OpenFlowTable::FlowEntry* present = nullptr;
 
-  // What the index says of the key before the write.
+  // The index entries of the key before the write.
   std::optional<std::uint64_t> mappedHandle;
   std::optional<VrfChange::VrfId> countedVrf;
 

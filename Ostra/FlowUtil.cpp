@@ -34,8 +34,8 @@ Korm::String buildFlowName(std::uint64_t identifier) {
 }
 
 std::uint64_t flowIdFromName(const Korm::String& name) {
-  // The common name, digits right behind the prefix, without the cost of a scan. Overflow, blanks
-  // and signs are left to the scan, whose rules are the grammar.
+  // The usual name has digits directly behind the prefix, and needs no sscanf. Overflow, blanks and
+  // signs are left to sscanf, whose rules are the grammar.
   if (name.starts_with(prefix)) {
     std::uint64_t identifier = 0;
     const auto [end, error] =

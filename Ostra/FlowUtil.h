@@ -11,14 +11,13 @@
 
 namespace Ostra {
 
-// Follows the name of a flow of this library in the statistics of the hardware units.
+// The hardware units keep the statistics of a flow of this library under its name and this suffix.
 inline constexpr std::string_view flowCounterSuffix = "-p4rt";
 
 // "flow-" and the identifier, an entry handle, in decimal.
 [[nodiscard]] Korm::String buildFlowName(std::uint64_t identifier);
 
-// The same without allocating memory, for the paths that are to be fast. `suffix` follows the
-// number.
+// The same without allocating memory, for the fast paths. `suffix` follows the number.
 // Requires: `suffix` has at most `longestSuffix` characters.
 class FlowName {
  public:
@@ -33,10 +32,10 @@ class FlowName {
   std::size_t length_;
 };
 
-// The identifier in a flow name, read as sscanf reads "flow-%lu". White space and a sign may stand
-// before the number, and whatever stands behind it is ignored. A negative number wraps around. A
-// number too large for 64 bits gives the largest. A name that does not parse is traced and gives 0,
-// as "flow-0" does.
+// The identifier in a flow name, parsed as sscanf parses "flow-%lu". White space and a sign may
+// precede the number, and anything may follow it. A negative number wraps around. A number too
+// large for 64 bits gives the largest one. A name that does not parse is traced and gives 0, like
+// "flow-0".
 [[nodiscard]] std::uint64_t flowIdFromName(const Korm::String& name);
 
 }  // namespace Ostra

@@ -2,16 +2,16 @@
 //
 // A line gives
 // - the accessor in OstraKey,
-// - the type of value and mask,
+// - the type of the value and the mask,
 // - the name in the P4 program,
-// - the width in bits (MatchWidth): an exact mask has all of them, and an IP address of 32 bits is
-//   IPv4,
-// - what else the entry must match (MatchNeeds) so that the field may be constrained,
+// - the width in bits (MatchWidth), which is also the width of an exact mask; an IP address of 32
+//   bits is IPv4,
+// - what else the entry must match so that the field may be constrained (MatchNeeds),
 // - the rule by which the field becomes part of the Corvex match
 //   (Ostra/private/MatchTranslation.cpp).
-// Storage, text form, parser, checks, translation and the names that ostra-sim reads follow from
-// the line. The order is that of the key: where several fields share a Corvex field, a later one
-// overwrites.
+// Storage, text form, parser, checks, translation and the names in the command language all come
+// from the line. The order of the lines is the order of the fields in the key. Where several fields
+// share a Corvex field, a later one overwrites an earlier one.
 #pragma once
 
 #include <concepts>
@@ -21,9 +21,9 @@
 
 namespace Ostra {
 
-// What an entry must match, too, so that a field may be constrained. The ether types must be exact:
-// the hardware must know which header it looks at, and the is-IP-packet flag does not say it. In
-// the order in which the needs are checked.
+// What else an entry must match so that a field may be constrained. The ether type must be exact,
+// because the hardware must know which header it reads, and the is-IP-packet flag does not say
+// that. The needs are checked in this order.
 enum class MatchNeeds : std::uint8_t {
   ip6_,       // ether type 0x86DD
   ip4_,       // ether type 0x0800
@@ -33,7 +33,7 @@ enum class MatchNeeds : std::uint8_t {
   none_,
 };
 
-// Whether an exact ether type is what is needed. None is enough for none_.
+// Whether an exact match on this ether type meets the need. False for none_.
 [[nodiscard]] constexpr bool isMetBy(MatchNeeds needs, std::uint16_t etherType) noexcept {
   switch (needs) {
     case MatchNeeds::ip6_:
@@ -51,19 +51,20 @@ enum class MatchNeeds : std::uint8_t {
   return false;
 }
 
-// How many bits of a field's value and mask there are.
+// The number of bits in a field's value and mask.
 struct MatchWidth {
   constexpr MatchWidth(unsigned count) noexcept
       : bits{count} {}  // NOLINT(google-explicit-constructor)
 
-  // The mask of an exact value in a field that is stored as a T.
+  // The exact mask of a field that is stored as a T.
   template <std::unsigned_integral T>
   [[nodiscard]] constexpr T allOnes() const noexcept {
     return static_cast<T>(std::numeric_limits<T>::max() >> (std::numeric_limits<T>::digits - bits));
   }
 
   unsigned bits;
-  // The translation refuses a value that has more, in words of its own; nobody else should.
+  // Whether the translation refuses wider values, with an error message of its own. The command
+  // language then accepts them.
   bool checkedByTranslation = false;
 };
 
@@ -73,7 +74,7 @@ constexpr MatchWidth checkedByTranslation(unsigned bits) noexcept {
   return width;
 }
 
-// What a line says to those who do not translate.
+// The parts of a line that do not concern the translation.
 struct MatchFieldInfo {
   std::string_view name;
   MatchWidth width;

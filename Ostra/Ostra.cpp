@@ -37,7 +37,7 @@ constexpr std::array<MountRecord, 4> mounts{{
     {StatePath::flowCounterDir, "Korm::Dir", "ri"},
 }};
 
-// Flow state machines exist for the indexes 0 to 14; the last slot of a FlowTableIndex gets none.
+// Flow state machines exist for the indexes 0 to 14, but not for the last FlowTableIndex.
 constexpr std::uint8_t flowTables = FlowTableIndex::max;
 
 constexpr std::uint32_t directCounterId = 0;
@@ -49,8 +49,8 @@ Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> mountEncapTable(
   return mount->table<NexthopGroup::L2NexthopGroupEncapTable>(StatePath::ipv4EncapTable);
 }
 
-// Stores another state machine, or none. Switches the old one off, which somebody else may hold,
-// and returns it.
+// Stores another state machine, or none. Switches the old one off, because somebody else may hold
+// it, and returns it.
 template <class Sm>
 Korm::Ptr<Sm> replace(Korm::Ptr<Sm>& stored, Korm::Ptr<Sm> fresh) {
   auto old = std::exchange(stored, std::move(fresh));

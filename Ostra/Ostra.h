@@ -76,16 +76,16 @@ class OstraContext final : public Korm::Entity {
   void doMounts(Tessel::MountGroup& mountGroup);
 
   // Builds the library on the mounted entities. A second call builds it again, and keeps a status
-  // or ECMP state machine whose inputs are the same objects. The mount status is not examined. An
-  // entity that is missing is null for the state machines; the two that the library cannot do
-  // without assert.
+  // or ECMP state machine whose inputs are the same objects. The mount status is not examined. The
+  // state machines get null for an entity that is missing.
+  // Requires: the directories of hardware statuses and of flow counters are there.
   // Throws: Korm::RangeException for a stored entry with a value out of range. What has been built
   // until then stays.
   void doMountsComplete(Tessel::MountStatus status,
                         const Korm::Ptr<Tessel::EntityManager>& entityManager);
 
   [[nodiscard]] const OstraSmColl& ostraSmColl() const noexcept { return ostraSmColl_; }
-  // Inserts or replaces; a null state machine removes.
+  // Inserts or replaces the state machine of a flow table. Null removes it.
   void ostraSmCollIs(std::uint8_t index, Korm::Ptr<OstraSm> sm);
   // The state machine removed, or null.
   Korm::Ptr<OstraSm> ostraSmCollDel(std::uint8_t index);
@@ -94,15 +94,15 @@ class OstraContext final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusDirSm>& ostraStatusDirSm() const noexcept {
     return ostraStatusDirSm_;
   }
-  // Keeps the state machine if its inputs are these very objects, otherwise replaces it by a new
-  // one. Returns the one that is stored then. One that is replaced is switched off.
+  // Keeps the state machine if its inputs are the same objects. Otherwise switches it off and
+  // replaces it by a new one. Returns the state machine that is stored then.
   Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmIs(
       const Korm::Ptr<const Korm::Dir>& cxHwStatusDir,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
       const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
       const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
       const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable);
-  // Takes the state machine out and switches it off. The caller drops the last reference.
+  // Removes the state machine, switches it off and returns it.
   Korm::Ptr<OstraStatusDirSm> ostraStatusDirSmDel();
 
   [[nodiscard]] const Korm::Ptr<OstraEcmpGroupSm>& ostraEcmpGroupSm() const noexcept {
@@ -125,7 +125,6 @@ class OstraContext final : public Korm::Entity {
   }
 
  private:
-  // Destroyed in reverse, as the inputs are among themselves.
   const Inputs inputs_;
 
   // Built by doMountsComplete.

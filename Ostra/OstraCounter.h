@@ -14,7 +14,7 @@ namespace Ostra {
 // Answers the service's reads of the direct counter of a flow entry.
 class FlowDirectCounterImpl final : public P4Runtime::CounterImpl {
  public:
-  // Entities of the directory that are no OpenFlowTable::HwStatus are passed over.
+  // Entities of the directory that are not an OpenFlowTable::HwStatus are skipped.
   // Requires: `dir` is not null.
   explicit FlowDirectCounterImpl(Korm::Ptr<Korm::Dir> dir);
 

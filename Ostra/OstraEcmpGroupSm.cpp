@@ -31,7 +31,7 @@ using P4RuntimeRouting::NexthopInfo;
 
 constexpr std::string_view scope = "OstraEcmpGroupSm::";
 
-// The handlers trace their entry at the level of failures, so that it is seen whenever anything is.
+// The handlers trace their calls at the level of failures, so that every text trace shows them.
 constexpr int entryLevel = TraceLevel::failure;
 
 constinit TracePoint traceInitialized{traceHandle, entryLevel, scope, "handleInitialized"};
@@ -70,12 +70,12 @@ constinit TracePoint traceCorvexMemberGone{traceHandle, TraceLevel::routine, sco
 constinit TracePoint traceMemberGone{traceHandle, TraceLevel::routine, scope,
                                      "handleNexthopInfoDelete", " memberId: %s deleted"};
 
-// Stands in every member's bucket.
+// Part of every member's bucket.
 constexpr OpenFlowTable::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00, 0x40, 0x00, 0x00, 0x00};
 
 static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::lists)::max);
 
-// One bad row never stops the processing of others.
+// Runs the step and reports its entry error, so that one bad row does not stop the others.
 template <class Step>
 void reportingEntryErrors(Step step) {
   try {
@@ -127,7 +127,7 @@ void OstraEcmpGroupSm::onNotificationActive(bool active) {
   }
 }
 
-// Members before groups, so that every group finds the groups of its members.
+// Members come before groups, so that every group finds the Corvex groups of its members.
 void OstraEcmpGroupSm::handleInitialized() {
   traceInitialized();
   initialized_ = true;
@@ -241,7 +241,7 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
     return;
   }
   validateGroup(row);
-  // Buckets have no weights, but a damaged list of them is refused all the same.
+  // Buckets have no weights, but a damaged list of weights is refused all the same.
   static_cast<void>(row.weights());
   if (row.memberIds().empty()) {
     traceEmptyGroup(groupId);
@@ -253,7 +253,7 @@ void OstraEcmpGroupSm::addEcmpGroup(const EcmpMemberList& row) {
     group->bucketReserve(row.memberIds().size());
     copyMemberBuckets(row, [group](const Bucket& bucket) { group->bucketEnq(bucket); });
   } else {
-    // Copied before the group is there, as a reactor to the new group may change its members.
+    // Copied before the group is created, because a reactor to the creation may change its members.
     std::vector<Bucket> buckets;
     buckets.reserve(row.memberIds().size());
     copyMemberBuckets(row, [&buckets](const Bucket& bucket) { buckets.push_back(bucket); });
@@ -334,7 +334,7 @@ Bucket OstraEcmpGroupSm::memberBucket(const NexthopInfo& row, const EncapEntry& 
   return bucket;
 }
 
-// Groups that list the member keep their copy of its bucket until their own rows change.
+// The groups that list the member keep their copy of its bucket until their own rows change.
 void OstraEcmpGroupSm::handleNexthopInfoDelete(MemberOrGroupId memberId) {
   const GroupId corvexId = memberGroupId(memberId);
   if (inputs_.cxHwConfig && inputs_.cxHwConfig->groupEntryDel(corvexId)) {
@@ -376,7 +376,7 @@ GroupEntry* OstraEcmpGroupSm::newGroup(GroupId id) {
 
 namespace {
 
-// What a check throws, as a refusal.
+// The refusal for which a check throws, or nothing.
 template <class Check>
 std::optional<ProfileRefusal> refusalBy(Check check) {
   const DryRun dryRun;

@@ -8,9 +8,9 @@
 // Threads: the hosting service's activity thread.
 // Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex
 // stays when it is destroyed.
-// Invariants: it keeps no copy of groups or members. The service's tables and the Corvex groups are
-// all the state there is, and each handler works from what they hold at that moment. A select group
-// is written only when each of its members has a group of its own.
+// Invariants: it keeps no copy of groups or members. The only state is in the service's tables and
+// in the Corvex groups, and each handler reads them anew. A select group is written only when each
+// of its members has a Corvex group.
 #pragma once
 
 #include <optional>
@@ -30,9 +30,9 @@ namespace Ostra {
 
 // Why a member's or group's row cannot be programmed now.
 struct ProfileRefusal {
-  std::optional<P4Runtime::ErrorCode> code;  // of an entry error of the service's own
+  std::optional<P4Runtime::ErrorCode> code;  // nothing unless the error is an EntryErrorException
   std::string message;
-  bool damaged = false;  // the stored list is damaged: a range exception
+  bool damaged = false;  // the stored list is damaged, and a write throws Korm::RangeException
 };
 
 // What writing a member's row now would do.
@@ -43,10 +43,10 @@ struct MemberPreview {
 
 class OstraEcmpGroupSm final : public Korm::Entity {
  public:
-  // Any may be null. A table that is null is as good as an empty one that never changes. Without
-  // the port mapping no port is mapped. Without the batch status or the handle manager nobody is
-  // told of deletes. Without the Corvex configuration or the validation helper members and groups
-  // are not written.
+  // Any may be null. A null table is treated as an empty one that never changes. Without the port
+  // mapping no port is mapped. Without the batch status or the handle manager, deletes are not
+  // acknowledged. Without the Corvex configuration or the validation helper, members and groups are
+  // not written.
   struct Inputs {
     Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
     Korm::Ptr<P4RuntimeRouting::EcmpGroup> p4rtEcmpGroupTable;
@@ -60,8 +60,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
     friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
   };
 
-  // Attaches to the tables and then processes all that they hold: encapsulation entries, members,
-  // groups.
+  // Attaches to the tables, and then processes all encapsulation entries, members and groups.
   // Throws: Korm::RangeException for a group whose stored list is damaged, as every handler does.
   explicit OstraEcmpGroupSm(Inputs inputs);
 
@@ -72,21 +71,22 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   // When the first processing began, in seconds since the epoch.
   [[nodiscard]] double startedAt() const noexcept { return startedAt_; }
 
-  // What writing the row now would do, by the checks of a write. Both change nothing and trace
-  // nothing.
+  // What writing the row now would do. These two make the same checks as a write, but change
+  // nothing and trace nothing.
   [[nodiscard]] MemberPreview preview(const P4RuntimeRouting::NexthopInfo& row) const;
   // Nothing for a group's row that can be programmed.
   [[nodiscard]] std::optional<ProfileRefusal> refusalOf(
       const P4RuntimeRouting::EcmpMemberList& row) const;
 
-  // Detach from one table, for good. The Corvex groups stay as they are, and the table is still
-  // read.
+  // Stop reacting to one table, permanently. The Corvex groups stay as they are. The handlers still
+  // read the table.
   void p4rtEcmpGroupTableDel() noexcept { groupReactor_.reset(); }
   void p4rtEcmpMemberTableDel() noexcept { memberReactor_.reset(); }
   void ipv4EncapTableDel() noexcept { encapReactor_.reset(); }
 
-  // Process one key, whether its row is there or gone. An entry error is reported against its entry
-  // and goes no further. A corrupt row is reported to its table and treated as absent.
+  // Process one key, whether it has a row or not. An entry error is reported as the result of its
+  // entry and does not leave the handler. A corrupt row is reported to its table and treated as
+  // missing.
   // Throws: Korm::RangeException for a group whose stored list is damaged. The member handlers read
   // the lists of all groups.
   void handleEcmpGroup(P4Runtime::MemberOrGroupId groupId);
@@ -109,13 +109,14 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   using TableReactor = Korm::MemberNotifiee<OstraEcmpGroupSm, handler, const Key&>;
 
   void handleInitialized();
-  // The same for a walk that stands on the row, which spares another look-up.
+  // The same for a walk that has the row already.
   void handleEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
   void handleNexthopInfo(const P4RuntimeRouting::NexthopInfo& row);
-  // Whether there is what it takes to check and write the Corvex group; traces the group otherwise.
+  // Whether the inputs that are needed to check and write groups are there. Otherwise traces the
+  // group.
   [[nodiscard]] bool canProgram(OpenFlowTable::GroupId corvexId) const noexcept;
 
-  // Throw an entry error against the row's entry. The second returns the next hop's encapsulation.
+  // Throw an entry error if the row is refused. The second returns the next hop's encapsulation.
   void validateGroup(const P4RuntimeRouting::EcmpMemberList& row) const;
   [[nodiscard]] const NexthopGroup::EncapEntry& validateNexthop(
       const P4RuntimeRouting::NexthopInfo& row) const;
@@ -132,7 +133,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   template <class Put>
   void copyMemberBuckets(const P4RuntimeRouting::EcmpMemberList& row, Put put) const;
   [[nodiscard]] OpenFlowTable::GroupEntry* groupEntry(OpenFlowTable::GroupId id) const noexcept;
-  // Creates a group, empty as yet. Null when a reactor that heard of it has removed or written it.
+  // Creates an empty group. Null when a reactor to its creation has removed or written it.
   [[nodiscard]] OpenFlowTable::GroupEntry* newGroup(OpenFlowTable::GroupId id);
   void acknowledgeDelete(P4Runtime::EntryHandle handle) const;
 
@@ -140,7 +141,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   bool initialized_ = false;
   double startedAt_ = 0;
 
-  // Each there while its table is watched; released before the tables.
+  // Each is set while its table is watched. They are destroyed before the tables.
   std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleEcmpGroup>>
       groupReactor_;
   std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleNexthopInfo>>

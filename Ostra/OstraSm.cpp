@@ -128,8 +128,8 @@ void OstraSm::handleInitialized() {
   });
 }
 
-// A flow of another table is stale to this one, too. Each of the fifteen state machines deletes
-// whatever its own table does not hold.
+// A flow of another table counts as stale too: each of the fifteen state machines deletes all flows
+// that its own table does not have.
 void OstraSm::deleteStaleFlows() {
   if (!inputs_.cxHwConfig) {
     return;
@@ -164,7 +164,7 @@ void OstraSm::handleFlowConfigImpl(const HashedKey& key) {
   if (const auto& table = inputs_.ostraConfigTable) {
     const auto read = reportingCorruption(*table, [&] { return table->entry(key.key, key.hash); });
     if (!read) {
-      return;  // what the entry says cannot be known, so its flow stays as it is
+      return;  // the entry cannot be read, so its flow stays as it is
     }
     stored = *read;
   }
@@ -216,8 +216,8 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   (existed ? traceModified : traceInserted)(name.text(), entry.entryId);
 }
 
-// The order decides what a failure leaves behind: one before the VRF is booked leaves nothing, and
-// one before the key is mapped leaves the VRF booked.
+// The order decides what a failure leaves behind: a failure before the VRF is booked leaves
+// nothing, and a failure before the key is mapped leaves the VRF booked.
 void OstraSm::translate(const OstraConfigEntry& entry, TranslatedFlow& flow,
                         Effects& effects) const {
   flow.tableType = static_cast<OpenFlowTable::TableType>(entry.flowKey.tableType());
@@ -258,7 +258,7 @@ void OstraSm::buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) co
   copyMatchFields(key, match);
 }
 
-// The plain actions whose lines stand before the output action are copied before the VRF is booked,
+// The plain actions on the lines before the output action are copied before the VRF is booked, and
 // the others after it.
 void OstraSm::buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow,
                            Effects& effects) const {
@@ -304,7 +304,7 @@ void OstraSm::deleteFlow(const HashedKey& key) {
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
   if (inputs_.cxHwConfig->flowEntry(name) == nullptr) {
-    // Whoever removed the flow did not release its VRF, so the key stays mapped.
+    // Somebody else removed the flow and did not release its VRF, so the key stays mapped.
     traceNotPresent(name.text());
     inputs_.batchStatus->markTransactionSucceeded(handle);
     return;
@@ -317,7 +317,7 @@ void OstraSm::deleteFlow(const HashedKey& key) {
   const bool writtenAgain =
       watch.overtaken() && findRow(inputs_.ostraConfigTable, key.key) != nullptr;
   if (writtenAgain || index_->handle(key) != mapped) {
-    return;  // by a reactor, and the books are those of the new flow
+    return;  // a reactor wrote the flow again, and has done the bookkeeping for it
   }
   handleVrfChange(key, false, 0, handle);
   index_->handleDel(key);
@@ -393,7 +393,7 @@ void OstraSm::markDependent(P4Runtime::EntryHandle handle) {
   if (const auto root = inputs_.batchStatus->aggregatorStatus().rootStatusEntry(handle)) {
     root->dependentEntryHandleIs(handle, true);
   } else {
-    traceNoRoot(handle);  // the entry is in no batch, so there is no result to hold back
+    traceNoRoot(handle);  // the entry is in no batch, so no result waits for the VRF
   }
 }
 

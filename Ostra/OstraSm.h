@@ -37,9 +37,9 @@ struct HashedKey;
 
 class OstraSm final : public Korm::Entity {
  public:
-  // What a state machine works on. Any may be null. Without a table it never sees a change. Without
-  // a hardware configuration it writes nothing.
-  // Requires: the objects from `vrfIdCollection` on are there when there is a flow to translate.
+  // The objects that a state machine works on. Any may be null. Without a table it never sees a
+  // change. Without a hardware configuration it writes nothing.
+  // Requires: the objects from `vrfIdCollection` on are not null when there is a flow to translate.
   struct Inputs {
     Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig;
     Korm::Ptr<CorvexConfig::Config> cxConfig;
@@ -90,13 +90,13 @@ class OstraSm final : public Korm::Entity {
   // Throws: Korm::RangeException for an entry with a value out of range.
   void handleFlowConfig(const OstraKey& key);
 
-  // What writing the entry now would do, by the steps that a write takes. Changes nothing and
-  // traces nothing.
+  // What writing the entry now would do. It takes the same steps as a write, but changes nothing
+  // and traces nothing.
   [[nodiscard]] FlowPreview preview(const OstraConfigEntry& entry) const;
 
-  // How many keys the index knows, by handle or by VRF.
+  // How many keys have a handle, a VRF or both.
   [[nodiscard]] std::size_t indexedKeys() const noexcept;
-  // Calls visit(key, handle, vrf) for each, with what it has of the two.
+  // Calls visit(key, handle, vrf) for each of them.
   using VisitIndexed = std::function<void(const OstraKey& key, std::optional<std::uint64_t> handle,
                                           std::optional<Vrf::VrfIdMap::VrfId> vrf)>;
   void forEachIndexed(const VisitIndexed& visit) const;
@@ -108,12 +108,12 @@ class OstraSm final : public Korm::Entity {
   // Switches the reactor on the table.
   void onNotificationActive(bool active) override;
 
-  // Start-up: enables Corvex, deletes the flows that the table does not know, translates all
+  // Start-up: enables Corvex, deletes the flows that the table does not have, and translates all
   // entries.
   void handleInitialized();
   void deleteStaleFlows();
 
-  // The work for one key.
+  // The work of handleFlowConfig().
   // Throws: entry errors and range exceptions.
   void handleFlowConfigImpl(const HashedKey& key);
   void insertFlow(const HashedKey& key, const OstraConfigEntry& entry);
@@ -128,15 +128,15 @@ class OstraSm final : public Korm::Entity {
    protected:
     ~Effects() = default;
   };
-  // Takes all steps of a write but the last, in their order.
+  // Takes the steps of a write in their order, except the last one.
   // Throws: entry errors and range exceptions.
   void translate(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
 
   // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. If the flow
-  // is the first or last user of a VRF, the batch should hold the handle, whose result then waits
-  // for the VRF.
+  // is the first or the last user of a VRF, and the batch holds the handle, the result of the flow
+  // is delivered to the root entry of the VRF.
   void handleVrfChange(const HashedKey& key, bool newValid, Vrf::VrfIdMap::VrfId newVrf,
                        P4Runtime::EntryHandle handle);
   // Which VRF it would release and which it would take.
@@ -144,8 +144,8 @@ class OstraSm final : public Korm::Entity {
                                     Vrf::VrfIdMap::VrfId newVrf) const;
   [[nodiscard]] bool isLastUser(Vrf::VrfIdMap::VrfId vrf) const;
   [[nodiscard]] bool isFirstUser(Vrf::VrfIdMap::VrfId vrf) const;
-  // Each marks the entry in its root status entry, and returns true, if it is the VRF's last or
-  // first.
+  // Each changes the user count of the VRF. If the entry is the last or the first user, it is
+  // marked as dependent in its root status entry, and the result is true.
   bool releaseVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   bool takeVrf(const HashedKey& key, Vrf::VrfIdMap::VrfId vrf, P4Runtime::EntryHandle handle);
   void markDependent(P4Runtime::EntryHandle handle);
@@ -158,14 +158,14 @@ class OstraSm final : public Korm::Entity {
                           const OpenFlowTable::ActionSet& actionSet,
                           const OstraConfigEntry& entry) const;
   [[nodiscard]] GroupNeed groupNeed(OpenFlowTable::GroupId id) const;
-  // The field for which validateFlowKey() refuses the key, where it is a single one.
+  // The field for which validateFlowKey() refuses the key, if it is a single one.
   [[nodiscard]] static std::optional<MatchFieldId> refusedField(const OstraKey& key);
 
-  // Destroyed in reverse: the reactor first, the inputs last.
+  // Members are destroyed in reverse order: the reactor first, the inputs last.
   const Inputs inputs_;
   const std::unique_ptr<FlowIndex> index_;
   bool initialized_ = false;
-  // There when there is a table.
+  // Set if there is a table.
   std::optional<Korm::MemberNotifiee<OstraSm, &OstraSm::handleFlowConfig, const OstraKey&>>
       reactor_;
 };

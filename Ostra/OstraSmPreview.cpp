@@ -40,7 +40,7 @@ FlowPreview OstraSm::preview(const OstraConfigEntry& entry) const {
     if (preview.step == FlowStep::matchFields_) {
       preview.field = refusedField(entry.flowKey);
     } else if (preview.step == FlowStep::group_) {
-      // Here everything has been translated but this.
+      // This is the only step of the translation that is still missing.
       maybeUpdateFlowMatch(preview.tableType, preview.priorityGroupType, preview.match);
     }
   } catch (const Korm::RangeException& error) {

@@ -17,7 +17,7 @@ namespace {
 using P4Runtime::ErrorCode;
 
 constexpr std::string_view scope = "OstraSm::";
-constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
+constexpr const char* unit = "Ostra/OstraSm";  // the trace shows one unit for all its files
 
 constinit StepTrace traceKey{traceHandle, TraceLevel::routine, scope, "validateFlowKey", "", unit};
 constinit StepTrace traceAction{traceHandle, TraceLevel::routine, scope, "validateFlowAction", "",
@@ -33,7 +33,7 @@ constinit Brisklog::TracePoint traceNoVerdict{
 constexpr const char* etherTypeName = matchFieldName(MatchFieldId::etherType_);
 constexpr const char* isIpPacketName = "local.metadata.isIpPacket";
 
-// What a flow says of being IP: by its ether type, and by the is-IP-packet flag.
+// Whether one field restricts a flow to IP packets: yes_ to IP packets only, no_ to others only.
 enum class SaysIp : std::uint8_t { ignored_, yes_, no_ };
 
 // Whether a flow matches IP packets only, and if not, why.
@@ -78,8 +78,8 @@ constexpr std::size_t needyFieldCount = static_cast<std::size_t>(
     std::count_if(detail::matchFieldInfos.begin(), detail::matchFieldInfos.end(),
                   [](const auto& info) { return info.needs != MatchNeeds::none_; }));
 
-// The fields that need something, in the order of the checks: by what they need, then by name. The
-// first one that breaks its condition is the one reported.
+// The fields that need something else in the match, in the order of the checks: by need, then by
+// name. The first one whose need is not met is reported.
 constexpr auto needyFields = [] {
   std::array<MatchFieldId, needyFieldCount> fields{};
   std::size_t count = 0;
@@ -103,7 +103,7 @@ bool isMet(MatchNeeds needs, const MatchField<std::uint16_t>& etherType, bool is
              : etherType.constrained() && isMetBy(needs, etherType.value);
 }
 
-// The first field that is constrained and has not what it needs.
+// The first constrained field whose need is not met.
 std::optional<MatchFieldId> fieldInNeed(const OstraKey& key,
                                         const MatchField<std::uint16_t>& etherType, bool isIp) {
   for (const MatchFieldId field : needyFields) {
@@ -114,7 +114,7 @@ std::optional<MatchFieldId> fieldInNeed(const OstraKey& key,
   return std::nullopt;
 }
 
-// Whether the address is of that family, or of none, which stands for zero.
+// Whether the address is of that family or of none, which means zero.
 bool isOf(Korm::AddressFamily family, const Korm::IpAddr& address) noexcept {
   return address.family() == family || address.family() == Korm::AddressFamily::none_;
 }

@@ -99,8 +99,8 @@ OstraStatusZeroReferencesNotifiee::OstraStatusZeroReferencesNotifiee(OstraStatus
 void OstraStatusZeroReferencesNotifiee::onAttribute() {
   if (const auto& control = status_.tableControl()) {
     control->entityIs(&status_);
-    // Unless somebody else holds the control, it goes here, and with it the reference to the
-    // entity.
+    // This destroys the control, and with it its reference to the entity, unless somebody else
+    // holds the control.
     status_.tableControlIs(nullptr);
   }
   detach();
@@ -116,8 +116,8 @@ OstraStatus::OstraStatus(Korm::Name name)
   tableControlIs(Korm::makePtr<KormVasta::CollectionControl>());
 }
 
-// Makes a change, and reports a corruption that it meets to the corruption handler. A corruption
-// that an observer throws is another table's, so it is passed on.
+// Makes a change, and reports a corruption of this table to the corruption handler. A corruption
+// that an observer throws belongs to another table and is passed on.
 template <class Change>
 void OstraStatus::changeTable(Change change) {
   const auto told = tableNotifyCount_;

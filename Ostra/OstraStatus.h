@@ -1,10 +1,10 @@
 // What the library publishes about its entries for the service: a status record per flow, the
 // tables of such records, and the list of entries whose result a VRF waits for.
 //
-// Threads: the activity thread. A record stands in shared memory, so it is trivially copyable and
-// has no padding. A status table has one writer, its entity, and any number of reading processes.
-// Ownership: an OstraStatus owns its table. When its last outside reference has gone, it lives on
-// as long as somebody holds its collection control.
+// Threads: the activity thread. A record is stored in shared memory, so it is trivially copyable
+// and has no padding. A status table has one writer, its entity, and any number of reading
+// processes. Ownership: an OstraStatus owns its table. After its last outside reference has been
+// dropped, it lives on as long as somebody holds its collection control.
 #pragma once
 
 #include <array>
@@ -38,8 +38,8 @@ class OstraStatusEntry : public P4Runtime::TableStatusEntryBase {
   OstraStatusEntry(const TableStatusEntryBase& status, const OstraKey& key) noexcept
       : TableStatusEntryBase{status}, key_{key} {}
   // Reads the text form and moves `current` behind it.
-  // Throws: Korm::ParseException for a text that valueToStrep() would not print. If it is only the
-  // value of one attribute that is refused, this is a Korm::DeserializationException with its name.
+  // Throws: Korm::ParseException for a text that valueToStrep() would not print. If only the value
+  // of one attribute is refused, it is a Korm::DeserializationException with the attribute's name.
   OstraStatusEntry(std::string::const_iterator& current, std::string::const_iterator end);
 
   [[nodiscard]] const OstraKey& key() const noexcept { return key_; }
@@ -64,7 +64,7 @@ class OstraStatusEntry : public P4Runtime::TableStatusEntryBase {
 
  private:
   OstraKey key_;
-  // Fills up to eight bytes, whatever the size of the key. Always zero.
+  // Pads the record to a multiple of eight bytes. Always zero.
   std::array<std::byte, 8 - sizeof(OstraKey) % 8> reserved_{};
 };
 static_assert(std::is_trivially_copyable_v<OstraStatusEntry>);
@@ -72,8 +72,9 @@ static_assert(std::has_unique_object_representations_v<OstraStatusEntry>);
 
 class OstraStatus;
 
-// An entity's observer of itself. When the last outside reference has gone, it hands the entity to
-// the collection control, makes the entity let go of the control, and detaches itself.
+// Observes the references to an OstraStatus. When the last outside reference has been dropped, it
+// gives the collection control a reference to the entity, clears the entity's reference to the
+// control, and detaches itself.
 class OstraStatusZeroReferencesNotifiee final : public Korm::Notifiee<> {
  public:
   explicit OstraStatusZeroReferencesNotifiee(OstraStatus& status);
@@ -111,8 +112,8 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   // the row has been removed meanwhile.
   void tableCommit(const OstraStatusEntry* entry);
 
-  // Told of a corruption that tableIs, tableDel or tableCommit meets. The observers are not told
-  // then.
+  // Called for a corruption that tableIs, tableDel or tableCommit finds. The observers are not told
+  // of the change then.
   void corruptionHandlerIs(Vasta::TableWriter::CorruptionHandler handler) {
     binding_.corruptionHandlerIs(std::move(handler));
   }
@@ -122,8 +123,8 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   void tableNotifyQuiesced(bool quiesced) override;
   void tableNotifyMountStatus() override;
 
-  // Shows the state of the table, from the moment that the control is set. Null once the entity has
-  // lost its last outside reference.
+  // Shows the state of the table from when the control is set. Null once the last outside reference
+  // to the entity has been dropped.
   [[nodiscard]] const Korm::Ptr<KormVasta::CollectionControl>& tableControl() const noexcept {
     return tableControl_;
   }
@@ -132,13 +133,13 @@ class OstraStatus final : public Korm::NamedEntity, private KormVasta::TableOwne
   // Told the key of each row that is written or removed.
   [[nodiscard]] Notifiees& notifieeList() const noexcept { return notifiees_; }
 
-  // "tableIs" counts the calls of tableIs and tableCommit, "tableDel" those of tableDel,
-  // "tableNotify" the changes that the observers were told.
+  // "tableIs" counts the calls of tableIs and tableCommit, "tableDel" those of tableDel, and
+  // "tableNotify" the changes that were notified.
   [[nodiscard]] const Korm::ActivityCounters& activityCounters() const noexcept {
     return counters_;
   }
 
-  // Gives the table its place.
+  // Moves the table to its segment.
   // Throws: what KormVasta::TableBinding::handleParent() throws.
   void handleParent(Korm::Dir& parent) override { binding_.handleParent(parent, name()); }
 
@@ -164,10 +165,10 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
 
   using NamedEntity::NamedEntity;
 
-  // Requires, as every operation on a slot: `index` is less than 16. Asserts otherwise.
+  // Requires, for every operation on a slot: `index` is less than 16, which is asserted.
   [[nodiscard]] const Korm::Ptr<OstraStatus>& ostraStatus(std::uint64_t index) const noexcept;
   // Puts the table into the slot, or empties it for null, and tells the observers the index.
-  // Nothing happens if the slot holds this very table already.
+  // Nothing happens if the slot holds the same table already.
   void ostraStatusIs(std::uint64_t index, Korm::Ptr<OstraStatus> status);
   // Empties the slot, tells the observers, and returns the table that was there. Returns null and
   // tells nobody if the slot is empty already.
@@ -183,7 +184,7 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
     Korm::Ptr<OstraStatus> status;
   };
 
-  // Over the occupied slots in index order. Stays valid across every change of the collection.
+  // Visits the occupied slots in index order. Stays valid when the collection changes.
   class Iterator {
    public:
     using value_type = Slot;
@@ -234,9 +235,9 @@ class OstraStatusTableColl final : public Korm::NamedEntity {
   mutable Notifiees ostraStatusNotifiees_;
 };
 
-// The entries whose next result is to be delivered to a VRF root entry, with their VRF. The flow
-// side adds an entry that starts or ends the use of a VRF. The status side removes it with the
-// result.
+// The entries whose next result must be delivered to the root entry of a VRF, with that VRF. The
+// flow side adds an entry that is the first or the last user of a VRF. The status side removes the
+// entry when it delivers the result.
 class OstraStatusInfo final : public Korm::Entity {
  public:
   using VrfId = Vrf::VrfIdMap::VrfId;

@@ -22,7 +22,7 @@ using OpenFlowTable::GroupStatus;
 using P4Runtime::EntryHandle;
 using P4Runtime::ErrorCode;
 
-constexpr const char* unit = "Ostra/OstraStatus";  // an operator sees one unit, however it is cut
+constexpr const char* unit = "Ostra/OstraStatus";  // the trace shows one unit for all its files
 constexpr std::string_view scope = "OstraStatusSm::";
 constexpr std::string_view flowHandler = "handleFlowHwStatus";
 constexpr std::string_view groupHandler = "handleGroupHwStatus";
@@ -64,8 +64,8 @@ constinit TracePoint traceDirEntity{traceHandle, routine, dirScope, dirHandler, 
 constinit TracePoint traceSmCreated{traceHandle, routine, dirClass, "", " create statusSm", unit};
 constinit TracePoint traceSmDeleted{traceHandle, routine, dirClass, "", " delete statusSm", unit};
 
-// Why the write of a group or member failed, by the status of its group. Any other status leaves
-// the result of the write alone.
+// Why the write of a group or member failed, by the status of its Corvex group. Any other status
+// does not change the result of the write.
 struct GroupFailure {
   GroupStatus status;
   ErrorCode code;
@@ -79,7 +79,7 @@ constexpr std::array<GroupFailure, 3> groupFailures{{
     {GroupStatus::hardwareError_, ErrorCode::hardwareError_, "Unknown error to program profile"},
 }};
 
-// What a group of the hardware stands for on the controller's side.
+// The action-profile group or member that a Corvex group stands for.
 struct Profile {
   bool isMember;
   P4Runtime::MemberOrGroupId id;
@@ -128,7 +128,7 @@ OstraStatusSm::OstraStatusSm(Inputs inputs)
     : inputs_{std::move(inputs)},
       flowStatsReactor_{*this, inputs_.cxHwStatus->flowStatsNotifiees()},
       groupStatsReactor_{*this, inputs_.cxHwStatus->groupStatsNotifiees()} {
-  // Before the first report, which may lead to changes of the status.
+  // This comes before the first report, which may lead to changes of the status.
   handleCxHwStatus();
   handleInitialized();
 }
@@ -237,7 +237,7 @@ void OstraStatusSm::handleFlowStats(const Korm::Name& name) {
   const std::uint32_t hash = OpenFlowTable::HwStatus::Flows::hash(name);
   const auto* flow = flows.find(name, hash);
   reportFlow(name, flow == nullptr ? nullptr : &flow->value);
-  flow = flows.find(name, hash);  // the report may have made the service change the status
+  flow = flows.find(name, hash);  // the service may have changed the status in reaction
   if (flow != nullptr) {
     flowStatsIs(flow->value, hash);
   } else {
@@ -286,7 +286,7 @@ void OstraStatusSm::reportGroup(GroupId id, const GroupStats* stats) {
     traceGroupDeleted(id);
     return;
   }
-  // The write may have been answered and its entry closed.
+  // There is no open entry if the write has been answered already.
   const auto entry = inputs_.batchStatus ? inputs_.batchStatus->batchStatusEntry(*handle) : nullptr;
   const GroupStatus status = stats->status();
   if (entry) {
@@ -349,7 +349,8 @@ void OstraStatusDirSm::handleStatusDir(const Korm::Name& name) {
   const auto entity = [this] {
     return inputs_.cxStatusDir->entityPtr<const OpenFlowTable::HwStatus>(p4rtName);
   };
-  // The reports of a new state machine may lead the service to replace or remove the entity.
+  // The service may react to the reports of a new state machine by replacing or removing the
+  // entity.
   Korm::Ptr<const OpenFlowTable::HwStatus> status;
   do {
     status = entity();
@@ -369,7 +370,7 @@ void OstraStatusDirSm::handleStatusDir() {
   const auto self = Korm::keptAlive(*this);
   const auto& entities = inputs_.cxStatusDir->entities();
   for (auto entity = entities.begin(); entity != entities.end();) {
-    const Korm::Name name = entity->first;  // a report may make somebody remove the entity
+    const Korm::Name name = entity->first;  // the entity may be removed in reaction to a report
     handleStatusDir(name);
     entity = entities.upper_bound(name);
   }
@@ -392,7 +393,7 @@ Korm::Ptr<OstraStatusSm> OstraStatusDirSm::p4RtCxStatusSmIs(
 }
 
 void OstraStatusDirSm::p4RtCxStatusSmDel() {
-  // Off, because a report of its own may still be holding it.
+  // It is switched off because one of its own reports may still hold a reference to it.
   if (const auto removed = std::exchange(p4RtCxStatusSm_, nullptr)) {
     removed->hasNotificationActiveIs(false);
   }

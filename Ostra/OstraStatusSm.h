@@ -3,8 +3,9 @@
 // Threads: the activity thread.
 // Ownership: a state machine holds references to its inputs and owns its reactors. The one for the
 // directory owns the one for the hardware status in it.
-// Invariants: nothing is remembered between two changes; a result is what the hardware says at that
-// moment. The service, on hearing of a result, may change the status or drop the state machine.
+// Invariant: nothing is remembered between two changes; a result is what the hardware says at that
+// moment. It is re-entrant: the service, when it is notified of a result, may change the hardware
+// status or drop the state machine.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +30,7 @@ class OstraStatusSm final : public Korm::Entity {
   using GroupId = OpenFlowTable::GroupId;
   using GroupStats = OpenFlowTable::GroupStats;
 
-  // Any but `cxHwStatus` may be null. A result that has nowhere to go is dropped.
+  // Any but `cxHwStatus` may be null. A result that cannot be delivered then is dropped.
   // Requires: `cxHwStatus` is not null.
   struct Inputs {
     Korm::Ptr<const OpenFlowTable::HwStatus> cxHwStatus;
@@ -41,7 +42,7 @@ class OstraStatusSm final : public Korm::Entity {
     friend bool operator==(const Inputs&, const Inputs&) noexcept = default;
   };
 
-  // Follows all that the status holds, then reports it.
+  // Attaches to everything in the status, and then reports it.
   explicit OstraStatusSm(Inputs inputs);
 
   [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
@@ -55,13 +56,13 @@ class OstraStatusSm final : public Korm::Entity {
   void handleFlowHwStatus(const Korm::Name& flowName);
   // Reports every flow of the status.
   void handleFlowHwStatus();
-  // Reports one group, which stands for an ECMP group or, with anything in the upper half of its
-  // id, for a member.
+  // Reports one group. It is an ECMP group if the upper half of its id is zero, and otherwise an
+  // ECMP member.
   void handleGroupHwStatus(GroupId groupId);
   // Reports every group of the status.
   void handleGroupHwStatus();
 
-  // The reactors to single flows and groups, one for each that the status holds.
+  // The reactors to single flows and groups, one for each in the status.
   void flowStatsIs(const FlowStats& flowStats);
   void flowStatsDel(const Korm::Name& flowName);
   void flowStatsDelAll();
@@ -72,11 +73,12 @@ class OstraStatusSm final : public Korm::Entity {
   [[nodiscard]] const auto& groupStats() const noexcept { return groupStats_; }
 
  private:
-  // Switches the reactors. When they come on, they are brought in line with the status.
+  // Switches the reactors. When they are switched on, they are first brought in line with the
+  // status.
   void onNotificationActive(bool active) override;
 
-  // Follows the status and the change count of one flow or group. It may be destroyed by what it
-  // reports.
+  // Reacts to the status and the change count of one flow or group. Its report may lead to its own
+  // destruction.
   template <class Stats>
   class StatsReactor {
    public:
@@ -88,7 +90,7 @@ class OstraStatusSm final : public Korm::Entity {
       hasNotificationActiveIs(sm.cxHwStatusActive());
     }
 
-    // Whether these are the statistics that it follows, and not others in the same memory.
+    // Whether it is attached to these statistics, and not to deleted ones at the same address.
     [[nodiscard]] bool follows(const Stats& stats) const noexcept {
       return &stats_ == &stats && status_.attached();
     }
@@ -112,14 +114,14 @@ class OstraStatusSm final : public Korm::Entity {
   [[nodiscard]] bool cxHwStatusActive() const noexcept {
     return flowStatsReactor_.hasNotificationActive();
   }
-  // A flow or group came or went.
+  // A flow or group was added or removed.
   void handleFlowStats(const Korm::Name& name);
   void handleGroupStats(const GroupId& id);
-  // One that is there changed.
+  // An existing one changed.
   void handleStats(const FlowStats& stats);
   void handleStats(const GroupStats& stats);
 
-  // The statistics are what the status holds under that name or id, null for nothing.
+  // `stats` are the statistics of that name or id in the status, or null.
   void reportFlow(const Korm::Name& name, const FlowStats* stats);
   void reportResult(P4Runtime::EntryHandle handle, P4Runtime::ErrorCode code);
   void reportDependentResult(P4Runtime::EntryHandle handle, P4Runtime::ErrorCode code);
@@ -136,8 +138,7 @@ class OstraStatusSm final : public Korm::Entity {
       groupStatsReactor_;
 };
 
-// Keeps one OstraStatusSm for the hardware status named "p4rt" of a directory, as long as there is
-// one.
+// Has an OstraStatusSm while the directory contains a hardware status named "p4rt".
 class OstraStatusDirSm final : public Korm::Entity {
  public:
   // Any but `cxStatusDir` may be null.
@@ -154,7 +155,7 @@ class OstraStatusDirSm final : public Korm::Entity {
 
   // Looks at all entities of the directory.
   explicit OstraStatusDirSm(Inputs inputs);
-  // Switches the status state machine off and lets go of it.
+  // Switches the status state machine off and drops it.
   ~OstraStatusDirSm() override;
 
   [[nodiscard]] const Inputs& inputs() const noexcept { return inputs_; }
@@ -172,15 +173,15 @@ class OstraStatusDirSm final : public Korm::Entity {
   [[nodiscard]] const Korm::Ptr<OstraStatusSm>& p4RtCxStatusSm() const noexcept {
     return p4RtCxStatusSm_;
   }
-  // Keeps the one whose inputs are these very objects. Otherwise makes one, which reports all that
-  // its status holds, and then lets go of the old one. Returns the one that is stored then.
+  // Keeps the state machine if its inputs are the same objects. Otherwise creates a new one, which
+  // reports everything in its status, and then drops the old one. Returns the one stored then.
   Korm::Ptr<OstraStatusSm> p4RtCxStatusSmIs(
       const Korm::Ptr<const OpenFlowTable::HwStatus>& hwStatus,
       const Korm::Ptr<P4Runtime::BatchStatus>& batchStatus,
       const Korm::Ptr<OstraStatusInfo>& ostraStatusInfo,
       const Korm::Ptr<P4RuntimeRouting::EcmpGroup>& p4rtEcmpGroupTable,
       const Korm::Ptr<P4RuntimeRouting::EcmpMember>& p4rtEcmpMemberTable);
-  // Switches it off and lets go of it.
+  // Switches it off and drops it.
   void p4RtCxStatusSmDel();
 
  private:

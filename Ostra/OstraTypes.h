@@ -1,9 +1,9 @@
 // The types that the library shares with the service: the flow key, the flow entries and their
 // tables.
 //
-// Thread and process rule: keys and entries are values that stand in shared memory, trivially
-// copyable and without padding, so that equality and hash are exact over their bytes. The tables
-// are the service's to write, on the activity thread.
+// Keys and entries are stored in shared memory. They are trivially copyable and have no padding, so
+// they can be compared and hashed as bytes. Only the service writes the tables, on the activity
+// thread.
 #pragma once
 
 #include <array>
@@ -40,7 +40,7 @@ struct FlowTableIndexLimits {
       "FlowTableIndex::value < 0 or > FlowTableIndex::max not allowed";
 };
 
-// Whether a mask leaves everything open: zero, for an address also no family, for a flag false.
+// Whether a mask matches everything: it is zero, or false, or an address without a family.
 template <class T>
 [[nodiscard]] constexpr bool isWildcardMask(const T& mask) noexcept {
   if constexpr (requires { mask.isZero(); }) {
@@ -52,17 +52,17 @@ template <class T>
 
 }  // namespace detail
 
-// The place of one flow table among the status tables.
+// The number of a flow table, by which its configuration and its status are found.
 using FlowTableIndex = Korm::BoundedValue<std::uint8_t, detail::FlowTableIndexLimits>;
 
-// One field of a match as a reader sees it.
+// A copy of one match field of a key.
 template <class T>
 struct MatchField {
   T value{};
   T mask{};
-  bool given = false;  // whether the entry gave the field at all
+  bool given = false;  // whether the entry has the field at all
 
-  // Given, with a mask that is not a wildcard.
+  // Whether the field restricts the match: it is given, with a mask that is not a wildcard.
   [[nodiscard]] constexpr bool constrained() const noexcept {
     return given && !detail::isWildcardMask(mask);
   }
@@ -85,7 +85,7 @@ inline constexpr std::array matchFieldInfos{OSTRA_MATCH_FIELDS(OSTRA_FIELD_INFO)
 }
 // The field's name in the P4 program.
 [[nodiscard]] constexpr const char* matchFieldName(MatchFieldId field) noexcept {
-  return matchFieldInfo(field).name.data();  // of a literal, so there is a zero behind it
+  return matchFieldInfo(field).name.data();  // a literal, so it is terminated by a zero
 }
 // The family of the addresses that an address field holds.
 [[nodiscard]] constexpr Korm::AddressFamily addressFamily(MatchFieldId field) noexcept {
@@ -93,7 +93,7 @@ inline constexpr std::array matchFieldInfos{OSTRA_MATCH_FIELDS(OSTRA_FIELD_INFO)
                                                 : Korm::AddressFamily::ipv6_;
 }
 
-// A field that is known when the visitor is compiled; converts to its number and to its name.
+// A field as a compile-time constant, for visitors. Converts to its number and to its name.
 template <MatchFieldId field>
 struct MatchFieldTag : std::integral_constant<MatchFieldId, field> {
   constexpr operator std::string_view() const noexcept {  // NOLINT(google-explicit-constructor)
@@ -101,8 +101,9 @@ struct MatchFieldTag : std::integral_constant<MatchFieldId, field> {
   }
 };
 
-// Identifies one flow entry by its whole match and its placement. Two entries with the same match
-// and placement are the same flow. The default key is all zero: nothing is given.
+// Identifies a flow entry by its placement (table type, priority group and priority) and its match.
+// Two entries with the same placement and match are the same flow. The default key is all zero, and
+// has no fields.
 //
 // For each line of OSTRA_MATCH_FIELDS there is an accessor `member()`, which returns the
 // MatchField, and a mutator `memberIs(value, mask)`, after which the field is given.
@@ -117,7 +118,7 @@ class OstraKey {
   void tableTypeIs(std::int32_t type) noexcept { tableType_ = type; }
   [[nodiscard]] std::uint32_t priorityGroupType() const noexcept { return priorityGroupType_; }
   void priorityGroupTypeIs(std::uint32_t type) noexcept { priorityGroupType_ = type; }
-  // As the controller gave it; the translation checks it.
+  // As the controller gave it: the range is checked by the translation.
   [[nodiscard]] std::int32_t priority() const noexcept { return priority_; }
   void priorityIs(std::int32_t priority) noexcept { priority_ = priority; }
 
@@ -136,7 +137,7 @@ class OstraKey {
   [[nodiscard]] bool given(MatchFieldId field) const noexcept {
     return (given_ >> static_cast<unsigned>(field) & 1U) != 0;
   }
-  // Given, with a mask that is not a wildcard.
+  // See MatchField::constrained().
   [[nodiscard]] bool constrained(MatchFieldId field) const noexcept {
     if (!given(field)) {
       return false;
@@ -160,7 +161,7 @@ class OstraKey {
   friend bool operator==(const OstraKey& a, const OstraKey& b) noexcept {
     return std::memcmp(&a, &b, sizeof(OstraKey)) == 0;
   }
-  // An order of no meaning, for sorted containers.
+  // An arbitrary order, for sorted containers.
   friend bool operator<(const OstraKey& a, const OstraKey& b) noexcept {
     return std::memcmp(&a, &b, sizeof(OstraKey)) < 0;
   }
@@ -168,12 +169,12 @@ class OstraKey {
     return static_cast<std::uint32_t>(Korm::hashBytes(this, sizeof(OstraKey), seed) >> 32);
   }
 
-  // "Value('Ostra::OstraKey', ** {'tableType': 0, ..., 'hdr.icmp.type': '8&255'})": the placement,
-  // then the fields that are given, each as value and mask. A field that is not given but not zero
-  // either stands with a '!' before the quote.
+  // The text form: "Value('Ostra::OstraKey', ** {'tableType': 0, ..., 'hdr.icmp.type': '8&255'})",
+  // which is the placement and then the fields that are given, each as value and mask. A field that
+  // is not given, but whose bytes are not zero, is marked by a '!' before the quote.
   [[nodiscard]] std::string valueToStrep() const;
   friend std::ostream& operator<<(std::ostream& out, const OstraKey& key);
-  // In the binary trace a key is its hash.
+  // The binary trace records only the hash of a key.
   friend std::uint32_t brisklogArgument(const OstraKey& key) noexcept { return key.hash(0); }
 
   // Calls visit(tag, field) for each match field, in the order of the key. The tag is a
@@ -195,7 +196,7 @@ class OstraKey {
 #undef OSTRA_FIELD_VISIT
   }
   // Calls visit(tag, field, put) for each; put(value, mask) writes the field and makes it given.
-  // For those who fill a key by name.
+  // For parsers that fill a key by the names of the fields.
   template <class Visit>
   void forEachField(Visit&& visit) {
 #define OSTRA_FIELD_VISIT(member, Type, ...)                \
@@ -234,10 +235,16 @@ static_assert(static_cast<unsigned>(MatchFieldId::count_) <= 32, "a bit of given
 
 // One flow entry as the service stores it.
 //
-// What the entry does stands as the controller gave it, and the translation checks it. The plain
-// actions are in `actions`. Those that the switch has to resolve stand beside it, each with a flag
-// that says whether the controller gave it: a port becomes an interface, a member or group becomes
-// a Corvex group. Where both a member and a group are given, the group counts.
+// The values are those of the controller, unchecked: the translation checks them. The plain actions
+// are in `actions`. The other actions refer to something that the switch has to resolve: a port
+// becomes an interface, a member or a group becomes a Corvex group. Each of these has a flag that
+// says whether the controller gave it. If both a member and a group are given, the group is used.
+//
+// An entry has two numbers. The entry handle identifies it: the service reports results under the
+// handle, the Corvex flow is named after it, and the handle leads back from the flow to the entry.
+// No two stored entries have the same handle, and 0 is none. The entry id is only a label that
+// travels with the flow to the hardware, for people and for counters. The library passes it on and
+// never looks anything up by it, so two entries may have the same id.
 struct OstraConfigEntry {
   using Key = OstraKey;
   static constexpr std::string_view vastaName = "Ostra::OstraConfigEntry";
@@ -246,7 +253,7 @@ struct OstraConfigEntry {
   [[nodiscard]] const OpenFlowTable::ActionSet& actionSet() const noexcept {
     return actions.actionSet();
   }
-  // The port is given, in other words.
+  // Whether `outputPort` is given. The flag is the output action in `actions`, which has no value.
   [[nodiscard]] bool outputGiven() const noexcept {
     return actions.has(OpenFlowTable::Action::outputIntf_);
   }
@@ -255,28 +262,24 @@ struct OstraConfigEntry {
     actions.outputIntfIs({}, true);
   }
 
-  // Who the entry is to the service: its results are reported under the handle, and the Corvex flow
-  // is named after it. No two rows that are stored at a time have the same handle, and none has 0.
   P4Runtime::EntryHandle entryHandle;
-  // The plain actions. The output action is present in them, without a value, when `outputPort` is
-  // given.
   OpenFlowTable::Actions actions;
-  // A number that travels with the flow to the hardware, as a label for people and counters. The
-  // library passes it on and finds nothing by it; unlike handles, ids may repeat.
   std::uint32_t entryId = 0;
-  P4Runtime::P4PortId outputPort = 0;  // see outputGiven()
-  Vrf::VrfIdMap::VrfId vrfId = 0;      // with vrfGiven: the VRF in which the flow lives
-  P4Runtime::MemberOrGroupId memberId =
-      0;  // with memberGiven: the action-profile member to forward to
-  P4Runtime::MemberOrGroupId groupId =
-      0;                     // with groupGiven: the action-profile group to forward to
-  OstraKey flowKey;          // what the flow matches, and its place among the flows
-  std::uint16_t vlanId = 0;  // with vlanGiven: the VLAN to put packets in
+  // The port to send packets to, if outputGiven().
+  P4Runtime::P4PortId outputPort = 0;
+  // The VRF that the flow uses, if vrfGiven.
+  Vrf::VrfIdMap::VrfId vrfId = 0;
+  // The action-profile member or group to forward to, if memberGiven or groupGiven.
+  P4Runtime::MemberOrGroupId memberId = 0;
+  P4Runtime::MemberOrGroupId groupId = 0;
+  OstraKey flowKey;
+  // The VLAN to set, if vlanGiven.
+  std::uint16_t vlanId = 0;
   bool vrfGiven = false;
   bool vlanGiven = false;
   bool memberGiven = false;
   bool groupGiven = false;
-  // Fills up to eight bytes, whatever the size of the key.
+  // Pads the entry to a multiple of eight bytes.
   std::array<std::byte, 8 - (sizeof(OpenFlowTable::Actions) + 34 + sizeof(OstraKey)) % 8>
       reserved{};
 };

@@ -1,16 +1,17 @@
-// Where the library looks in the state database. The hosting service places its entities there.
+// The paths at which the library finds its entities in the state database. The hosting service
+// places them there.
 #pragma once
 
 namespace Ostra {
 
-// The name under which the library's flows are known in the static-flow feature: the last element
-// of its paths, and the hardware status that reports on them.
+// The library's name in the static-flow feature: the last element of its paths, and the name of the
+// hardware status that reports on its flows.
 inline constexpr const char* p4rtName = "p4rt";
 
 namespace StatePath {
 inline constexpr const char* cxHwConfig = "corvex/dyninput/p4rt";
 inline constexpr const char* cxHwStatusDir = "corvex/cxHwStatusDir/dyninputstatus";
-// The same as it is mounted: with the slash, the entities below it come along.
+// The same as a mount: with the slash, the entities below it are mounted too.
 inline constexpr const char* cxHwStatusDirMount = "corvex/cxHwStatusDir/dyninputstatus/";
 inline constexpr const char* cxConfig = "corvex/configDir/p4rt";
 inline constexpr const char* flowCounterDir = "openflow/corvexhwstatusdir";

@@ -1,4 +1,4 @@
-// What a flow state machine remembers of its flows, by key. Private to the library.
+// A flow state machine's index of its flows by key. Private to the library.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 namespace Ostra {
 
 // A key with its hash, so that a key is hashed once on its way through the library.
-// Requires: the key outlives this, which only refers to it.
+// Requires: the key outlives this object, which only refers to it.
 struct HashedKey {
   explicit HashedKey(const OstraKey& itsKey) noexcept : key{itsKey}, hash{itsKey.hash(0)} {}
 

@@ -17,7 +17,7 @@ using OpenFlowTable::Match;
 
 constexpr std::string_view scope = "OstraSm::";
 constexpr std::string_view function = "handleFlowConfigImpl";
-constexpr const char* unit = "Ostra/OstraSm";  // an operator sees one unit, however it is cut
+constexpr const char* unit = "Ostra/OstraSm";  // the trace shows one unit for all its files
 constexpr int level = TraceLevel::routine;
 
 constinit StepTrace traceIp{traceHandle, level, scope, function, " matchIp:%s", unit};
@@ -30,9 +30,9 @@ constinit StepTrace traceRewrite{
 constinit StepTrace traceReplace{
     traceHandle, level, scope, function, "replace ethertype %s with l3PacketType %s", unit};
 
-// A DSCP stands in the upper six bits of the type-of-service byte (RFC 2474, 3).
+// The DSCP is the upper six bits of the type-of-service byte (RFC 2474, 3).
 constexpr unsigned dscpShift = 2;
-// The inner layer-3 byte's place in the inner data.
+// The position of the inner layer-3 byte in the inner data.
 constexpr unsigned innerL3Shift = 16;
 
 // The rules: how a constrained field becomes part of the Corvex match.
@@ -99,7 +99,7 @@ struct Port {
   static void apply(Match& /*match*/, const MatchField<P4Runtime::P4PortId>& /*field*/) {}
 };
 
-// The rules by MatchFieldId. `void` stands behind the last comma.
+// The rules by MatchFieldId. `void` follows the last comma.
 #define OSTRA_FIELD_RULE(member, Type, name, width, needs, ...) __VA_ARGS__,
 using Rules = std::tuple<OSTRA_MATCH_FIELDS(OSTRA_FIELD_RULE) void>;
 #undef OSTRA_FIELD_RULE

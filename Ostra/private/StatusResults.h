@@ -1,4 +1,4 @@
-// What the statuses of the hardware mean. Private to the library.
+// The results that the statuses of the hardware stand for. Private to the library.
 #pragma once
 
 #include <optional>
@@ -8,7 +8,8 @@
 
 namespace Ostra {
 
-// The result of a flow's write by the status of the flow. None while the hardware is still at it.
+// The result of a flow's write by the status of the flow. Nothing while the hardware is still
+// working on the flow.
 [[nodiscard]] constexpr std::optional<P4Runtime::ErrorCode> flowResult(
     OpenFlowTable::FlowStatus status) noexcept {
   switch (status) {

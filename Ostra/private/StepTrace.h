@@ -1,4 +1,4 @@
-// Trace points of steps that a dry run takes as well, and then without a trace. Private to the
+// Trace points for code that a dry run executes too, where they trace nothing. Private to the
 // library.
 #pragma once
 
@@ -6,7 +6,7 @@
 
 namespace Ostra {
 
-// While one lives, nothing is traced by a StepTrace. The activity thread's.
+// While one exists, no StepTrace traces anything. For the activity thread.
 class DryRun {
  public:
   DryRun() noexcept { ++depth_; }

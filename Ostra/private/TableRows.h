@@ -1,4 +1,4 @@
-// Reading the service's tables, whose rows a stray write may have damaged. Private to the library.
+// Reads the service's tables, whose rows may be corrupt. Private to the library.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace Ostra {
 
-// What `read` gives. Nothing when it meets a corruption, which is reported to the table.
+// The result of `read`. Nothing when it finds a corruption, which is reported to the table.
 template <class Table, class Read>
 auto reportingCorruption(Table& table, Read read) -> std::optional<std::invoke_result_t<Read>> {
   try {

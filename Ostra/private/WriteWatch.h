@@ -1,13 +1,13 @@
-// Whether a write was the only one. Private to the library.
+// Detects a write within a write. Private to the library.
 #pragma once
 
 #include "platform/Korm/Notification.h"
 
 namespace Ostra {
 
-// A write to Corvex tells reactors, and a reactor may remove what has just been written or write it
-// again. A watch that stands on the stack around the write hears of it: it attaches behind all
-// other reactors and counts the changes of its key.
+// A write to Corvex notifies reactors, and a reactor may remove or rewrite what has just been
+// written. A watch is created before the write. It attaches behind all other reactors and counts
+// the changes of its key.
 template <class Key>
 class WriteWatch final : public Korm::Notifiee<const Key&> {
  public:
