@@ -58,6 +58,12 @@ AuditState::AuditState(const OstraContext& itsContext, const AuditOptions& itsOp
   }
 }
 
+bool AuditState::isReady(OpenFlowTable::GroupId group) const {
+  const auto* const stats = hardware ? hardware->groupStats(group) : nullptr;
+  return inputs->cxHwConfig->groupEntry(group) != nullptr && stats != nullptr &&
+         stats->status() == OpenFlowTable::GroupStatus::ready_;
+}
+
 bool AuditState::underWay(P4Runtime::EntryHandle handle) const {
   return inputs->batchStatus && inputs->batchStatus->batchStatusEntry(handle) != nullptr;
 }
@@ -147,7 +153,7 @@ void auditVrfs(AuditState& state) {
       continue;
     }
     const auto* const row = state.rows.find(dependent.key);
-    const bool refused = row == nullptr || !row->value.accepted || row->value.refersToGroup;
+    const bool refused = row == nullptr || row->value.refused;
     state.finding(AuditKind::dependent_, !refused, "entry " + std::to_string(dependent.key),
                   "no write of the entry is under way, so nothing that its VRF waits for",
                   vrfName(dependent.value) + " waits for it",

@@ -88,6 +88,8 @@ struct FlowPreview : TranslatedFlow {
   // The index entries of the key before the write.
   std::optional<std::uint64_t> mappedHandle;
   std::optional<VrfChange::VrfId> countedVrf;
+  // Whether the last write of the key was refused.
+  bool refusedBefore = false;
 
   VrfChange vrf;                   // when bookVrf_ was reached
   std::optional<GroupNeed> group;  // when group_ was reached and there is one

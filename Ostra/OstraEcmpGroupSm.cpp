@@ -75,16 +75,6 @@ constexpr OpenFlowTable::FixedBlock memberBlock{0x00, 0x05, 0x41, 0x00, 0x40, 0x
 
 static_assert(MemberIndex::max + 1 == decltype(EcmpMemberList::lists)::max);
 
-// Runs the step and reports its entry error, so that one bad row does not stop the others.
-template <class Step>
-void reportingEntryErrors(Step step) {
-  try {
-    step();
-  } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
-    error.report();
-  }
-}
-
 void announce(GroupEntry& group) {
   group.deletedIs(false);
   group.readyIs(true);
@@ -175,13 +165,14 @@ void OstraEcmpGroupSm::handleNexthopInfo(MemberOrGroupId memberId) {
   const Korm::Moment moment;
   traceMember(memberId);
   const NexthopInfo* const row = findRow(inputs_.p4rtEcmpMemberTable, memberId);
-  reportingEntryErrors(
-      [&] { row != nullptr ? handleNexthopInfoUpdate(*row) : handleNexthopInfoDelete(memberId); });
+  process(memberGroupId(memberId), [&] {
+    row != nullptr ? handleNexthopInfoUpdate(*row) : handleNexthopInfoDelete(memberId);
+  });
 }
 
 void OstraEcmpGroupSm::handleNexthopInfo(const NexthopInfo& row) {
   traceMember(row.memberId);
-  reportingEntryErrors([&] { handleNexthopInfoUpdate(row); });
+  process(memberGroupId(row.memberId), [&] { handleNexthopInfoUpdate(row); });
 }
 
 void OstraEcmpGroupSm::handleEcmpGroup(MemberOrGroupId groupId) {
@@ -189,12 +180,29 @@ void OstraEcmpGroupSm::handleEcmpGroup(MemberOrGroupId groupId) {
   const Korm::Moment moment;
   traceGroup(groupId);
   const EcmpMemberList* const row = findRow(inputs_.p4rtEcmpGroupTable, groupId);
-  reportingEntryErrors([&] { row != nullptr ? addEcmpGroup(*row) : deleteEcmpGroup(groupId); });
+  process(ecmpGroupId(groupId),
+          [&] { row != nullptr ? addEcmpGroup(*row) : deleteEcmpGroup(groupId); });
 }
 
 void OstraEcmpGroupSm::handleEcmpGroup(const EcmpMemberList& row) {
   traceGroup(row.groupId);
-  reportingEntryErrors([&] { addEcmpGroup(row); });
+  process(ecmpGroupId(row.groupId), [&] { addEcmpGroup(row); });
+}
+
+// Runs the step, notes a refusal, and reports an entry error, so that one bad row does not stop the
+// others.
+template <class Step>
+void OstraEcmpGroupSm::process(GroupId corvexId, Step step) {
+  refused_.erase(corvexId);
+  try {
+    step();
+  } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
+    refused_.tryEmplace(corvexId);
+    error.report();
+  } catch (...) {
+    refused_.tryEmplace(corvexId);
+    throw;
+  }
 }
 
 bool OstraEcmpGroupSm::canProgram(GroupId corvexId) const noexcept {

@@ -8,9 +8,9 @@
 // Threads: the hosting service's activity thread.
 // Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex
 // stays when it is destroyed.
-// Invariants: it keeps no copy of groups or members. The only state is in the service's tables and
-// in the Corvex groups, and each handler reads them anew. A select group is written only when each
-// of its members has a Corvex group.
+// Invariants: it keeps no copy of groups or members. The state is in the service's tables and in the
+// Corvex groups, and each handler reads them anew. Which rows were refused is kept for audits alone.
+// A select group is written only when each of its members has a Corvex group.
 #pragma once
 
 #include <optional>
@@ -18,6 +18,7 @@
 #include <utility>
 
 #include "platform/Korm/Entity.h"
+#include "platform/Korm/HashMap.h"
 #include "platform/NexthopGroup/Encap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/P4Runtime/BatchStatus.h"
@@ -78,6 +79,11 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   [[nodiscard]] std::optional<ProfileRefusal> refusalOf(
       const P4RuntimeRouting::EcmpMemberList& row) const;
 
+  // Whether the row of that Corvex group was refused when it was processed last.
+  [[nodiscard]] bool refused(OpenFlowTable::GroupId corvexId) const noexcept {
+    return refused_.find(corvexId) != nullptr;
+  }
+
   // Stop reacting to one table, permanently. The Corvex groups stay as they are. The handlers still
   // read the table.
   void p4rtEcmpGroupTableDel() noexcept { groupReactor_.reset(); }
@@ -112,6 +118,9 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   // The same for a walk that has the row already.
   void handleEcmpGroup(const P4RuntimeRouting::EcmpMemberList& row);
   void handleNexthopInfo(const P4RuntimeRouting::NexthopInfo& row);
+  // Runs the step for the row of that Corvex group, reports an entry error, and notes a refusal.
+  template <class Step>
+  void process(OpenFlowTable::GroupId corvexId, Step step);
   // Whether the inputs that are needed to check and write groups are there. Otherwise traces the
   // group.
   [[nodiscard]] bool canProgram(OpenFlowTable::GroupId corvexId) const noexcept;
@@ -140,6 +149,8 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   const Inputs inputs_;
   bool initialized_ = false;
   double startedAt_ = 0;
+  struct Nothing {};
+  Korm::HashMap<OpenFlowTable::GroupId, Nothing> refused_;
 
   // Each is set while its table is watched. They are destroyed before the tables.
   std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleEcmpGroup>>

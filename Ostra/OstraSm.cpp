@@ -198,7 +198,13 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   };
   LiveEffects effects{*this, key, entry};
   TranslatedFlow translated;
-  translate(entry, translated, effects);
+  try {
+    translate(entry, translated, effects);
+  } catch (...) {
+    index_->refusedIs(key, true);
+    throw;
+  }
+  index_->refusedIs(key, false);
 
   const bool existed = inputs_.cxHwConfig->flowEntry(name) != nullptr;
   const FlowWatch watch{inputs_.cxHwConfig->flowEntryNotifiees(), name.text()};
@@ -294,6 +300,7 @@ void OstraSm::buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow,
 }
 
 void OstraSm::deleteFlow(const HashedKey& key) {
+  index_->refusedIs(key, false);
   const std::optional<std::uint64_t> mapped = index_->handle(key);
   if (!mapped) {
     traceNotMapped(key.key);

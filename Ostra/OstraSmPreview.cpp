@@ -15,6 +15,7 @@ FlowPreview OstraSm::preview(const OstraConfigEntry& entry) const {
   preview.entryId = entry.entryId;
   preview.mappedHandle = index_->handle(key);
   preview.countedVrf = index_->vrf(key);
+  preview.refusedBefore = index_->refused(key);
   if (!inputs_.cxHwConfig) {
     return preview;
   }

@@ -215,6 +215,10 @@ bool Service::corvexFlowDel(const Korm::Name& name) {
   return was;
 }
 
+bool Service::rowDamaged(P4Runtime::EntryHandle handle) {
+  return RowWriter{*objects_, *transactions_, nullptr}.damage(handle);
+}
+
 void Service::verify() const {
   transactions_->verify();
   objects_->verifyTables();

@@ -19,6 +19,17 @@ const OpenFlowTable::FlowStats* published(const ServiceObjects& objects, const K
   return status ? status->flowStats(name) : nullptr;
 }
 
+// Null when there is none, and when it is damaged.
+const Ostra::OstraConfigEntry* intactRow(ServiceObjects& objects, std::uint8_t table,
+                                         const Ostra::OstraKey& key) {
+  try {
+    return objects.flowTable(table).entry(key);
+  } catch (const Vasta::Corruption& corruption) {
+    objects.faults.add(corruption.what());
+    return nullptr;
+  }
+}
+
 }  // namespace
 
 std::optional<Ostra::FlowPreview> Service::explain(std::uint8_t table,
@@ -26,10 +37,9 @@ std::optional<Ostra::FlowPreview> Service::explain(std::uint8_t table,
   if (!running()) {
     return std::nullopt;
   }
-  const auto* const stored = objects_->flowTable(table).entry(entry.flowKey);
-  entry.entryHandle = stored != nullptr ? stored->entryHandle : transactions_->handleOfNextInsert();
-  entry.entryId =
-      stored != nullptr ? stored->entryId : static_cast<std::uint32_t>(entry.entryHandle);
+  const P4Runtime::EntryHandle stored = transactions_->storedFlow(table, entry.flowKey);
+  entry.entryHandle = stored != 0 ? stored : transactions_->handleOfNextInsert();
+  entry.entryId = static_cast<std::uint32_t>(entry.entryHandle);
   return context_->ostraSmColl().at(table)->preview(entry);
 }
 
@@ -38,7 +48,7 @@ std::optional<StoredFlow> Service::storedFlow(P4Runtime::EntryHandle handle) con
   if (!known || known->kind != Kind::flow_ || !known->stored) {
     return std::nullopt;
   }
-  const auto* const row = objects_->flowTable(known->table).entry(*known->key);
+  const auto* const row = intactRow(*objects_, known->table, *known->key);
   if (row == nullptr || row->entryHandle != handle) {
     return std::nullopt;
   }
@@ -70,7 +80,7 @@ std::vector<PendingView> Service::pending() const {
   transactions_->forEachPending([&](P4Runtime::EntryHandle handle, const StoredRow& row) {
     PendingView view{.handle = handle, .op = row.op, .table = row.table, .since = row.since};
     if (row.stored) {
-      view.row = objects_->flowTable(row.table).entry(*row.key);
+      view.row = intactRow(*objects_, row.table, *row.key);
     }
     view.key = row.key;
     if (const auto* const stats = published(*objects_, Ostra::buildFlowName(handle))) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <vector>
 
 #include "Ostra/FlowUtil.h"
 #include "Ostra/private/AuditState.h"
@@ -14,8 +15,6 @@ using OpenFlowTable::FlowEntry;
 using OpenFlowTable::Match;
 
 constexpr const char* refusedBefore = "the row was refused";
-constexpr const char* groupBefore =
-    "the row was refused while its group was not ready; writing it again would succeed";
 
 // The names of what two flows differ in.
 class Differences {
@@ -78,7 +77,10 @@ bool isAsPreviewed(const FlowPreview& wanted, const FlowEntry& present) {
          wanted.entryId == present.entryId();
 }
 
-std::string refusalText(const FlowPreview& preview) { return "refused: " + preview.message; }
+// What is there in place of what the row says, as "no such flow; refused: ...".
+std::string foundText(const std::string& there, const FlowPreview& preview) {
+  return preview.accepted() ? there : there + "; refused: " + preview.message;
+}
 
 std::string handleText(std::optional<std::uint64_t> handle) {
   return handle ? "entry " + std::to_string(*handle) : "no entry";
@@ -114,8 +116,8 @@ class TableAudit {
         }
         auditRow(*row);
       } catch (const Vasta::Corruption& corruption) {
-        state_.fault(AuditKind::corruptRow_, "a flow table", "a row as it was written",
-                     corruption.what(), "a stray write into the table's memory");
+        state_.corruptRow("flow table", corruption);
+        ++corruptRows_;
       }
     }
   }
@@ -123,26 +125,23 @@ class TableAudit {
   void auditRow(const OstraConfigEntry& row) {
     ++state_.report.rows;
     const FlowPreview preview = machine_.preview(row);
-    const bool refersToGroup = row.memberGiven || row.groupGiven;
-    AuditState::Row& known = state_.rows.tryEmplace(row.entryHandle).first.value;
-    known = {.accepted = preview.accepted(), .refersToGroup = refersToGroup};
+    const bool refused = preview.refusedBefore;
+    state_.rows.tryEmplace(row.entryHandle).first.value = {.refused = refused};
     indexedRows_ += preview.mappedHandle || preview.countedVrf ? 1 : 0;
-    // Whether what is missing, or not up to date, is the consequence of a refusal.
-    const bool wasRefused = !known.accepted || refersToGroup;
     if (preview.present == nullptr) {
-      missingFlow(row, preview, wasRefused);
+      missingFlow(row, preview);
     } else {
       ++flowsOfRows_;
-      presentFlow(row, preview);
+      presentFlow(preview);
       if (preview.mappedHandle != row.entryHandle) {
-        state_.finding(AuditKind::indexDiffers_, !wasRefused, about(row),
-                       handleText(row.entryHandle),
+        state_.finding(AuditKind::indexDiffers_, !refused, about(row), handleText(row.entryHandle),
                        "its key is mapped to " + handleText(preview.mappedHandle),
-                       wasRefused ? refusedBefore : "somebody else has changed the index");
+                       refused ? refusedBefore : "somebody else has changed the index");
       }
     }
     const auto wanted = row.vrfGiven ? std::optional{row.vrfId} : std::nullopt;
-    const bool counted = preview.accepted() || preview.step > FlowStep::bookVrf_;
+    // What refuses before that depends on the row alone.
+    const bool counted = !refused || preview.step > FlowStep::bookVrf_;
     if (preview.countedVrf != wanted) {
       state_.finding(AuditKind::vrfDiffers_, counted, about(row), vrfText(wanted),
                      "counts in " + vrfText(preview.countedVrf),
@@ -151,81 +150,109 @@ class TableAudit {
     }
   }
 
-  void missingFlow(const OstraConfigEntry& row, const FlowPreview& preview, bool wasRefused) {
-    const std::string expected = "the Corvex flow " + preview.name;
-    if (!preview.accepted()) {
-      state_.expected(AuditKind::rowWithoutFlow_, about(row), expected, refusalText(preview),
-                      refusedBefore);
+  void missingFlow(const OstraConfigEntry& row, const FlowPreview& preview) {
+    const char* cause = "the library was not told of the row";
+    if (preview.refusedBefore) {
+      cause = preview.accepted() ? "the row was refused while its group was not ready; writing it "
+                                   "again would succeed"
+                                 : refusedBefore;
     } else if (preview.mappedHandle == row.entryHandle) {
-      state_.fault(
-          AuditKind::rowWithoutFlow_, about(row), expected, "no such flow",
-          "somebody has deleted it, or another table's start has done so and the rows were "
-          "not announced again");
-    } else if (wasRefused) {
-      state_.expected(AuditKind::rowWithoutFlow_, about(row), expected, "no such flow",
-                      groupBefore);
-    } else {
-      state_.fault(AuditKind::rowWithoutFlow_, about(row), expected,
-                   "no such flow, and its key is mapped to " + handleText(preview.mappedHandle),
-                   "the library was not told of the row");
+      cause =
+          "somebody has deleted it, or another table's start has done so and the rows were not "
+          "announced again";
     }
+    state_.finding(AuditKind::rowWithoutFlow_, !preview.refusedBefore, about(row),
+                   "the Corvex flow " + preview.name, foundText("no such flow", preview), cause);
   }
 
-  void presentFlow(const OstraConfigEntry& row, const FlowPreview& preview) {
+  void presentFlow(const FlowPreview& preview) {
     // Up to here everything has been translated.
-    const bool translated = preview.step >= FlowStep::group_;
-    if (!translated) {
-      state_.expected(AuditKind::flowDiffers_, preview.name, "what its row says now",
-                      "what it said before; " + refusalText(preview), "the change was refused");
+    if (preview.step < FlowStep::group_) {
+      state_.finding(AuditKind::flowDiffers_, !preview.refusedBefore, preview.name,
+                     "what its row says now", foundText("another flow", preview),
+                     preview.refusedBefore ? "the change was refused"
+                                           : "somebody else has written the flow or its row");
     } else if (!isAsPreviewed(preview, *preview.present)) {
       reportDifferences(preview);
     }
-    if (preview.group && preview.group->state != GroupNeed::State::ready_) {
+    const OpenFlowTable::Actions& actions = preview.present->actions();
+    if (actions.has(OpenFlowTable::Action::group_) && !state_.isReady(actions.group())) {
+      const bool there = state_.inputs->cxHwConfig->groupEntry(actions.group()) != nullptr;
       state_.expected(AuditKind::flowWithoutGroup_, preview.name,
-                      "a group " + std::to_string(preview.group->id) + " that is ready",
-                      preview.group->state == GroupNeed::State::missing_
-                          ? "no such group"
-                          : "a group that is not ready",
+                      "a group " + std::to_string(actions.group()) + " that is ready",
+                      there ? "a group that is not ready" : "no such group",
                       "the group was deleted or has failed since the flow was written");
     }
-    static_cast<void>(row);
   }
 
   void reportDifferences(const FlowPreview& preview) {
     const Differences differences{preview, *preview.present};
-    const bool excused = !preview.accepted() || differences.interfacesOnly();
+    const bool excused = preview.refusedBefore || differences.interfacesOnly();
     state_.finding(AuditKind::flowDiffers_, !excused, preview.name,
                    "what its row translates to now", "another " + differences.names(),
-                   !preview.accepted()            ? "the change was refused"
+                   preview.refusedBefore          ? "the change was refused"
                    : differences.interfacesOnly() ? "a port was mapped to another interface since"
                                                   : "somebody else has written the flow");
   }
 
-  // Keys that are in the index and have no row.
+  // A key of the index.
+  struct Indexed {
+    std::optional<std::uint64_t> handle;
+    std::optional<VrfChange::VrfId> vrf;
+    bool flowThere = false;
+  };
+
+  // Keys that are in the index and have no row. One of them may be that of a row that cannot be read.
   void auditIndex() {
-    machine_.forEachIndexed([this](const OstraKey& key, std::optional<std::uint64_t> handle,
-                                   std::optional<VrfChange::VrfId> vrf) {
-      const auto& table = machine_.inputs().ostraConfigTable;
-      if (table && isStored(*table, key)) {
-        return;
+    std::vector<Indexed> missing;
+    machine_.forEachIndexed([&](const OstraKey& key, std::optional<std::uint64_t> handle,
+                                std::optional<VrfChange::VrfId> vrf) {
+      const auto& config = state_.inputs->cxHwConfig;
+      const Indexed indexed{
+          handle, vrf,
+          handle && config && config->flowEntry(Korm::HashedName{FlowName{*handle}.text()})};
+      const std::optional<bool> stored = isStored(key);
+      if (!stored) {
+        isOfCorruptRow(indexed);
+      } else if (!*stored) {
+        missing.push_back(indexed);
       }
-      const bool flowThere =
-          handle && state_.inputs->cxHwConfig &&
-          state_.inputs->cxHwConfig->flowEntry(Korm::HashedName{FlowName{*handle}.text()});
-      state_.finding(
-          AuditKind::indexWithoutRow_, flowThere, handle ? handleText(handle) : vrfText(vrf),
-          "no such key in the index",
-          "a key without a row, mapped to " + handleText(handle) + ", counted in " + vrfText(vrf),
-          flowThere ? "the library was not told of the delete"
-                    : "when the row was deleted, its flow had gone or was never written");
     });
+    for (const Indexed& indexed : missing) {
+      if (indexed.flowThere && corruptRows_ > 0) {
+        isOfCorruptRow(indexed);
+      } else {
+        indexedInVain(indexed);
+      }
+    }
   }
 
-  [[nodiscard]] static bool isStored(const OstraConfig& table, const OstraKey& key) {
+  // The flow is the row's still.
+  void isOfCorruptRow(const Indexed& indexed) {
+    corruptRows_ -= corruptRows_ > 0 ? 1 : 0;
+    flowsOfRows_ += indexed.flowThere ? 1 : 0;
+    if (indexed.handle) {
+      state_.rows.tryEmplace(*indexed.handle);
+    }
+  }
+
+  void indexedInVain(const Indexed& indexed) {
+    const auto& [handle, vrf, flowThere] = indexed;
+    state_.finding(
+        AuditKind::indexWithoutRow_, flowThere, handle ? handleText(handle) : vrfText(vrf),
+        "no such key in the index",
+        "a key without a row, mapped to " + handleText(handle) + ", counted in " + vrfText(vrf),
+        flowThere ? "the library was not told of the delete"
+                  : "when the row was deleted, its flow had gone or was never written");
+  }
+
+  // Nothing for a key whose row is corrupt.
+  [[nodiscard]] std::optional<bool> isStored(const OstraKey& key) const {
+    const auto& table = machine_.inputs().ostraConfigTable;
     try {
-      return table.entry(key) != nullptr;
+      return table && table->entry(key) != nullptr;
     } catch (const Vasta::Corruption&) {
-      return true;  // told of already
+      return std::nullopt;
     }
   }
 
@@ -237,6 +264,7 @@ class TableAudit {
   const OstraSm& machine_;
   std::size_t indexedRows_ = 0;
   std::size_t flowsOfRows_ = 0;
+  std::size_t corruptRows_ = 0;  // whose flow has not been found
 };
 
 }  // namespace

@@ -5,12 +5,12 @@
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "Ostra/private/AuditState.h"
 #include "Ostra/private/GroupNumbering.h"
-#include "platform/P4Runtime/Telemetry.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Ostra {
 namespace {
 
+using NexthopGroup::EncapEntry;
 using OpenFlowTable::Bucket;
 using OpenFlowTable::GroupEntry;
 using OpenFlowTable::GroupId;
@@ -19,6 +19,9 @@ using P4RuntimeRouting::EcmpMemberList;
 using P4RuntimeRouting::NexthopInfo;
 
 constexpr const char* refusedBefore = "the row was refused";
+constexpr const char* memberBefore =
+    "the row was refused while a member was missing; writing it again would succeed";
+constexpr const char* damagedBefore = "a damaged row stops the updates of the rows behind it";
 
 class GroupAudit {
  public:
@@ -26,19 +29,27 @@ class GroupAudit {
       : state_{state}, machine_{machine}, inputs_{machine.inputs()} {}
 
   void run() {
-    walk(inputs_.p4rtEcmpMemberTable, [this](const NexthopInfo& row) { auditMember(row); });
-    walk(inputs_.p4rtEcmpGroupTable, [this](const EcmpMemberList& row) {
-      const auto refusal = machine_.refusalOf(row);
-      damagedList_ = damagedList_ || (refusal && refusal->damaged);
-    });
-    walk(inputs_.p4rtEcmpGroupTable, [this](const EcmpMemberList& row) { auditGroup(row); });
+    walk(inputs_.ipv4EncapTable, "encapsulation table", [](const EncapEntry&) {});
+    // First what is damaged, as it also stops updates of the rows behind it.
+    corruptMembers_ = walk(inputs_.p4rtEcmpMemberTable, "member table", [](const NexthopInfo&) {});
+    corruptGroups_ =
+        walk(inputs_.p4rtEcmpGroupTable, "group table", [this](const EcmpMemberList& row) {
+          const auto refusal = machine_.refusalOf(row);
+          groupsDamaged_ = groupsDamaged_ || (refusal && refusal->damaged);
+        });
+    membersDamaged_ = corruptMembers_ > 0;
+    groupsDamaged_ = groupsDamaged_ || corruptGroups_ > 0;
+    forEachIntact(inputs_.p4rtEcmpMemberTable,
+                  [this](const NexthopInfo& row) { auditMember(row); });
+    forEachIntact(inputs_.p4rtEcmpGroupTable,
+                  [this](const EcmpMemberList& row) { auditGroup(row); });
     const auto& groups = inputs_.cxHwConfig->groupEntries();
     state_.report.groups = groups.size();
     if (groups.size() == accounted_.size()) {
       return;
     }
     for (const auto& group : groups) {
-      if (accounted_.find(group.key) == nullptr) {
+      if (accounted_.find(group.key) == nullptr && !isOfCorruptRow(group.key)) {
         strayGroup(group.value);
       }
     }
@@ -47,8 +58,15 @@ class GroupAudit {
  private:
   struct Nothing {};
 
-  template <class Table, class Visit>
-  void walk(const Korm::Ptr<Table>& table, Visit visit) {
+  // How the buckets of a group's members compare with its own.
+  enum class Buckets : std::uint8_t {
+    same_,
+    kept_,  // of a member whose row is gone
+    differ_,
+  };
+
+  template <class Table, class Visit, class Damaged>
+  static void forEach(const Korm::Ptr<Table>& table, Visit visit, Damaged damaged) {
     Vasta::Hint hint;
     while (table) {
       try {
@@ -58,14 +76,54 @@ class GroupAudit {
         }
         visit(*row);
       } catch (const Vasta::Corruption& corruption) {
-        state_.fault(AuditKind::corruptRow_, "an ECMP table", "a row as it was written",
-                     corruption.what(), "a stray write into the table's memory");
+        damaged(corruption);
       }
     }
   }
+  template <class Table, class Visit>
+  static void forEachIntact(const Korm::Ptr<Table>& table, Visit visit) {
+    forEach(table, visit, [](const Vasta::Corruption&) {});
+  }
+  // The same with a finding for each corrupt row. How many there are.
+  template <class Table, class Visit>
+  std::size_t walk(const Korm::Ptr<Table>& table, const char* name, Visit visit) {
+    std::size_t corrupt = 0;
+    forEach(table, visit, [&](const Vasta::Corruption& corruption) {
+      state_.corruptRow(name, corruption);
+      ++corrupt;
+    });
+    return corrupt;
+  }
 
+  // Whether a table has the row: null for one that is corrupt.
+  template <class Table, class Key>
+  [[nodiscard]] static std::optional<bool> has(const Korm::Ptr<Table>& table, const Key& key) {
+    try {
+      return table && table->entry(key) != nullptr;
+    } catch (const Vasta::Corruption&) {
+      return std::nullopt;
+    }
+  }
+  // Whether its row is corrupt; a row whose very id is damaged may be the group's.
+  [[nodiscard]] bool isOfCorruptRow(GroupId group) {
+    const auto id = static_cast<P4Runtime::MemberOrGroupId>(group);
+    const bool isMember = group == memberGroupId(id);
+    if (!isMember && group != ecmpGroupId(id)) {
+      return false;
+    }
+    std::size_t& corrupt = isMember ? corruptMembers_ : corruptGroups_;
+    const auto stored =
+        isMember ? has(inputs_.p4rtEcmpMemberTable, id) : has(inputs_.p4rtEcmpGroupTable, id);
+    const bool may = !stored || corrupt > 0;
+    corrupt -= corrupt > 0 ? 1 : 0;
+    return may;
+  }
+
+  [[nodiscard]] const GroupEntry* present(GroupId id) const {
+    return std::as_const(*inputs_.cxHwConfig).groupEntry(id);
+  }
   [[nodiscard]] const GroupEntry* find(GroupId id) {
-    const GroupEntry* const group = std::as_const(*inputs_.cxHwConfig).groupEntry(id);
+    const GroupEntry* const group = present(id);
     if (group != nullptr) {
       accounted_.tryEmplace(id);
     }
@@ -75,29 +133,39 @@ class GroupAudit {
   void auditMember(const NexthopInfo& row) {
     ++state_.report.rows;
     const std::string about = "member " + std::to_string(row.memberId);
+    const GroupId id = memberGroupId(row.memberId);
+    const bool refused = machine_.refused(id);
     const MemberPreview preview = machine_.preview(row);
-    const GroupEntry* const group = find(memberGroupId(row.memberId));
+    const std::string refusal = preview.refusal ? "; refused: " + preview.refusal->message : "";
+    const GroupEntry* const group = find(id);
     if (group == nullptr) {
-      state_.finding(AuditKind::rowWithoutGroup_, !preview.refusal, about,
-                     corvexGroupName(memberGroupId(row.memberId)),
-                     preview.refusal ? "refused: " + preview.refusal->message : "no such group",
-                     preview.refusal ? refusedBefore : "somebody has deleted it");
-    } else if (preview.refusal) {
-      state_.expected(AuditKind::groupDiffers_, about, "the bucket that its row says now",
-                      "the one it said before; refused: " + preview.refusal->message,
-                      "the change was refused");
-    } else if (group->groupType() != GroupType::indirect_ || group->buckets() != 1 ||
-               !(group->bucket().front() == preview.bucket)) {
-      const bool interfaceOnly = differsInInterfaceOnly(*group, preview.bucket);
-      state_.finding(AuditKind::groupDiffers_, !interfaceOnly, about,
-                     "the bucket that its row translates to now", "another one",
-                     interfaceOnly ? "its port was mapped to another interface since"
-                                   : "somebody else has written the group");
+      state_.finding(AuditKind::rowWithoutGroup_, !refused && !membersDamaged_, about,
+                     corvexGroupName(id), "no such group" + refusal,
+                     refused           ? refusedBefore
+                     : membersDamaged_ ? damagedBefore
+                                       : "somebody has deleted it");
+      return;
     }
+    if (preview.refusal && !has(inputs_.ipv4EncapTable, row.encapId)) {
+      return;  // what it should be cannot be known
+    }
+    if (!preview.refusal && isIndirect(*group) && group->bucket().front() == preview.bucket) {
+      return;
+    }
+    const bool interfaceOnly = !preview.refusal && differsInInterfaceOnly(*group, preview.bucket);
+    state_.finding(AuditKind::groupDiffers_, !refused && !membersDamaged_ && !interfaceOnly, about,
+                   "the bucket that its row translates to now", "another one" + refusal,
+                   refused           ? "the change was refused"
+                   : interfaceOnly   ? "its port was mapped to another interface since"
+                   : membersDamaged_ ? damagedBefore
+                                     : "somebody else has written the group");
   }
 
+  [[nodiscard]] static bool isIndirect(const GroupEntry& group) {
+    return group.groupType() == GroupType::indirect_ && group.buckets() == 1;
+  }
   [[nodiscard]] static bool differsInInterfaceOnly(const GroupEntry& group, Bucket bucket) {
-    if (group.groupType() != GroupType::indirect_ || group.buckets() != 1) {
+    if (!isIndirect(group)) {
       return false;
     }
     bucket.actions.outputIntfIs(group.bucket().front().actions.outputIntf(), true);
@@ -107,61 +175,51 @@ class GroupAudit {
   void auditGroup(const EcmpMemberList& row) {
     ++state_.report.rows;
     const std::string about = "group " + std::to_string(row.groupId);
+    const GroupId id = ecmpGroupId(row.groupId);
     const auto refusal = machine_.refusalOf(row);
-    const GroupEntry* const group = find(ecmpGroupId(row.groupId));
+    const bool damaged = refusal && refusal->damaged;
+    // A list without members is passed over, so nothing is refused.
+    const bool refused = machine_.refused(id) || (!damaged && row.memberIds().empty());
+    const bool excused = refused || groupsDamaged_;
+    const std::string refusalText = refusal ? "; refused: " + refusal->message : "";
+    const GroupEntry* const group = find(id);
     if (group == nullptr) {
-      const bool excused = refusal || couldHaveBeenRefused(row);
-      state_.finding(AuditKind::rowWithoutGroup_, !excused, about,
-                     corvexGroupName(ecmpGroupId(row.groupId)),
-                     refusal ? "refused: " + refusal->message : "no such group",
-                     refusal   ? refusedBefore
-                     : excused ? "the row was refused while a member was missing, or the group was "
-                                 "deleted by somebody; write it again"
+      state_.finding(AuditKind::rowWithoutGroup_, !excused, about, corvexGroupName(id),
+                     "no such group" + refusalText,
+                     refused   ? refusal ? refusedBefore : memberBefore
+                     : excused ? damagedBefore
                                : "somebody has deleted it");
-    } else if (refusal) {
+      return;
+    }
+    const Buckets buckets = damaged ? Buckets::differ_ : compareBuckets(row, *group);
+    if (refused) {
       state_.expected(AuditKind::groupDiffers_, about, "the buckets of its members",
-                      "those of before; refused: " + refusal->message,
-                      "a group keeps its buckets when a member is deleted, and when it is refused");
-    } else if (!hasBucketsOfMembers(row, *group)) {
-      state_.finding(AuditKind::groupDiffers_, !damagedList_, about, "the buckets of its members",
-                     "others",
-                     damagedList_ ? "the list of another group is damaged, which stops the update"
-                                  : "somebody else has written the group or a member's");
+                      "those of before" + refusalText, "the change was refused");
+    } else if (buckets == Buckets::kept_) {
+      state_.expected(AuditKind::groupDiffers_, about, "the buckets of its members",
+                      "one whose member is gone", "a group keeps the bucket of a deleted member");
+    } else if (buckets == Buckets::differ_) {
+      state_.finding(AuditKind::groupDiffers_, !excused, about, "the buckets of its members",
+                     "others" + refusalText,
+                     excused ? damagedBefore : "somebody else has written the group or a member's");
     }
   }
 
-  [[nodiscard]] bool hasBucketsOfMembers(const EcmpMemberList& row, const GroupEntry& group) const {
+  [[nodiscard]] Buckets compareBuckets(const EcmpMemberList& row, const GroupEntry& group) const {
     const auto members = row.memberIds();
     if (group.groupType() != GroupType::select_ || group.buckets() != members.size()) {
-      return false;
+      return Buckets::differ_;
     }
+    bool kept = false;
     for (std::size_t at = 0; at < members.size(); ++at) {
-      const GroupEntry* const member =
-          std::as_const(*inputs_.cxHwConfig).groupEntry(memberGroupId(members[at]));
-      if (member == nullptr || member->buckets() != 1 ||
-          !(member->bucket().front() == group.bucket()[at])) {
-        return false;
+      const GroupEntry* const member = present(memberGroupId(members[at]));
+      if (member == nullptr) {  // told of already, if its row is there
+        kept = kept || has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
+      } else if (member->buckets() != 1 || !(member->bucket().front() == group.bucket()[at])) {
+        return Buckets::differ_;
       }
     }
-    return true;
-  }
-
-  // A group that is refused for a missing member is not tried again when the member comes. When all
-  // members were there before the row was stored, that is not what happened.
-  [[nodiscard]] bool couldHaveBeenRefused(const EcmpMemberList& row) const {
-    const auto stored = state_.inputs->telemetry
-                            ? state_.inputs->telemetry->newest(
-                                  row.entryHandle, P4Runtime::TelemetryTimestampType::stored_)
-                            : std::nullopt;
-    if (!stored) {
-      return true;
-    }
-    const auto members = row.memberIds();
-    return std::any_of(members.begin(), members.end(), [&](P4Runtime::MemberOrGroupId id) {
-      const GroupEntry* const member =
-          std::as_const(*inputs_.cxHwConfig).groupEntry(memberGroupId(id));
-      return member == nullptr || member->changeCount() >= stored->time;
-    });
+    return kept ? Buckets::kept_ : Buckets::same_;
   }
 
   void strayGroup(const GroupEntry& group) {
@@ -177,7 +235,11 @@ class GroupAudit {
   const OstraEcmpGroupSm& machine_;
   const OstraEcmpGroupSm::Inputs& inputs_;
   Korm::HashMap<GroupId, Nothing> accounted_;
-  bool damagedList_ = false;
+  // Whose group has not been found.
+  std::size_t corruptMembers_ = 0;
+  std::size_t corruptGroups_ = 0;
+  bool membersDamaged_ = false;
+  bool groupsDamaged_ = false;  // or one of their lists
 };
 
 }  // namespace

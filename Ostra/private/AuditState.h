@@ -12,6 +12,7 @@
 #include "platform/Korm/HashMap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/OpenFlowTable/HwStatus.h"
+#include "platform/Vasta/Errors.h"
 
 namespace Ostra {
 
@@ -21,11 +22,8 @@ namespace Ostra {
 [[nodiscard]] std::string corvexGroupName(OpenFlowTable::GroupId id);
 
 struct AuditState {
-  // What a flow's row came to.
   struct Row {
-    bool accepted = false;  // writing it now would be
-    // Its outcome depends on a group, which may have been another one when it was written.
-    bool refersToGroup = false;
+    bool refused = false;  // by its last write
   };
   using Rows = Korm::HashMap<std::uint64_t, Row>;  // by entry handle
 
@@ -44,6 +42,13 @@ struct AuditState {
     report.findings.push_back({kind, isFault, std::forward<Texts>(texts)...});
   }
 
+  void corruptRow(std::string table, const Vasta::Corruption& corruption) {
+    fault(AuditKind::corruptRow_, std::move(table), "a row as it was written", corruption.what(),
+          "a stray write into the table's memory");
+  }
+
+  // Whether the hardware says that the group is ready.
+  [[nodiscard]] bool isReady(OpenFlowTable::GroupId group) const;
   // Whether a write of the entry is under way.
   [[nodiscard]] bool underWay(P4Runtime::EntryHandle handle) const;
   // Whether a row accounts for the Corvex flow of that name.

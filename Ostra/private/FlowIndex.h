@@ -21,7 +21,8 @@ struct HashedKey {
 };
 
 // Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow
-// counts against, and the entry handle under which it was written.
+// counts against, and the entry handle under which it was written. And the keys whose last write
+// was refused, which an audit asks for.
 //
 // Invariant: a key is in the map exactly while it has a VRF or a handle.
 class FlowIndex {
@@ -50,6 +51,18 @@ class FlowIndex {
   }
   void handleDelAll() noexcept { takeAll(&Record::handle); }
 
+  // Whether the last write of the key was refused.
+  [[nodiscard]] bool refused(const HashedKey& key) const noexcept {
+    return !refused_.empty() && refused_.find(key.key, key.hash) != nullptr;
+  }
+  void refusedIs(const HashedKey& key, bool refused) {
+    if (refused) {
+      refused_.tryEmplaceHashed(key.hash, key.key);
+    } else if (!refused_.empty()) [[unlikely]] {
+      refused_.erase(key.key, key.hash);
+    }
+  }
+
   [[nodiscard]] std::size_t size() const noexcept { return map_.size(); }
   // Calls visit(key, handle, vrf) for each key.
   template <class Visit>
@@ -62,6 +75,7 @@ class FlowIndex {
   // Asserts every invariant.
   void verify() const {
     map_.verify();
+    refused_.verify();
     for (const auto& entry : map_) {
       Korm::assertTrue(entry.value.used(), "an index entry has a handle or a VRF");
     }
@@ -100,7 +114,10 @@ class FlowIndex {
     }
   }
 
+  struct Nothing {};
+
   Korm::HashMap<OstraKey, Record> map_;
+  Korm::HashMap<OstraKey, Nothing> refused_;  // few, so beside the map that every write uses
 };
 
 }  // namespace Ostra

@@ -1,4 +1,4 @@
-// Trace points for code that a dry run executes too, where they trace nothing. Private to the
+// Dry runs, and trace points for code that they execute too, where they trace nothing. Private to the
 // library.
 #pragma once
 
@@ -6,7 +6,8 @@
 
 namespace Ostra {
 
-// While one exists, no StepTrace traces anything. For the activity thread.
+// While one exists, no StepTrace traces anything, and damaged rows are not reported. For the activity
+// thread.
 class DryRun {
  public:
   DryRun() noexcept { ++depth_; }

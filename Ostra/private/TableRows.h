@@ -4,19 +4,23 @@
 #include <optional>
 #include <type_traits>
 
+#include "Ostra/private/StepTrace.h"
 #include "platform/Korm/Ptr.h"
 #include "platform/Vasta/Errors.h"
 #include "platform/Vasta/Table.h"
 
 namespace Ostra {
 
-// The result of `read`. Nothing when it finds a corruption, which is reported to the table.
+// The result of `read`. Nothing when it finds a corruption, which is reported to the table unless it is
+// a dry run that reads.
 template <class Table, class Read>
 auto reportingCorruption(Table& table, Read read) -> std::optional<std::invoke_result_t<Read>> {
   try {
     return read();
   } catch (const Vasta::Corruption& corruption) {
-    table.reportCorruption(corruption.what());
+    if (!DryRun::active()) {
+      table.reportCorruption(corruption.what());
+    }
     return std::nullopt;
   }
 }

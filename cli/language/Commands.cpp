@@ -115,6 +115,15 @@ void corvexNoFlow(Interpreter& interpreter, Words& words) {
   interpreter.tampered();
 }
 
+void damage(Interpreter& interpreter, Words& words) {
+  const auto handle = takeNumber<std::uint64_t>(words, "the handle of an entry");
+  words.end();
+  if (!interpreter.service().rowDamaged(handle)) {
+    interpreter.printer().note("there was no intact row of entry " + std::to_string(handle));
+  }
+  interpreter.tampered();
+}
+
 // The hardware.
 
 template <bool automatic>
@@ -368,6 +377,8 @@ constexpr std::array table{
     Command{"corvex flow", "NAME", "place a Corvex flow behind the library's back", corvexFlow},
     Command{"corvex no flow", "NAME", "remove a Corvex flow behind the library's back",
             corvexNoFlow},
+    Command{"damage", "HANDLE", "flip a bit in the stored row of a flow entry, member or group",
+            damage},
     Command{"stop", "", "destroy the library; tables, Corvex and hardware stay", stop},
     Command{"start", "", "create the library and announce every stored row", start<false>},
     Command{"start bare", "", "create the library without announcing the rows", start<true>},

@@ -1,5 +1,7 @@
 #include "p4rt/core/Audit.h"
 
+#include <algorithm>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -68,11 +70,24 @@ Holdings switchHoldings(const Sim::Service& service) {
   return holdings;
 }
 
+// The hardware may take as long as it likes.
+std::string faultOf(const Sim::Service& service) {
+  const auto report = service.audit({.answerLimit = std::numeric_limits<double>::infinity()});
+  const auto& findings = report.value().findings;
+  const auto fault = std::find_if(findings.begin(), findings.end(),
+                                  [](const auto& finding) { return finding.fault; });
+  return fault == findings.end()
+             ? std::string{}
+             : std::string{auditKindText(fault->kind)} + " " + fault->about + ": " + fault->found;
+}
+
 }  // namespace
 
 void audit(const Pipeline& pipeline, const Store& store, const Sim::Service& service) {
   store.verify();
   service.verify();
+  const std::string fault = faultOf(service);
+  Korm::assertTrue(fault.empty(), fault.c_str());
   const Holdings stored = storedHoldings(pipeline, store);
   const Holdings held = switchHoldings(service);
   Korm::assertTrue(stored.handles == held.handles, "the switch holds the rows of the entries");

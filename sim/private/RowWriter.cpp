@@ -259,6 +259,22 @@ void RowWriter::enterAnnouncements() {
   });
 }
 
+bool RowWriter::damage(EntryHandle handle) {
+  bool found = false;
+  forEachKind([&](const auto& rows) {
+    forEachRow(
+        rows.table(),
+        [&](const auto& row) {
+          if (row.entryHandle == handle) {
+            const_cast<EntryHandle&>(row.entryHandle) = EntryHandle{std::uint64_t{handle} ^ 1U};
+            found = true;
+          }
+        },
+        [](const Vasta::Corruption&) {});
+  });
+  return found;
+}
+
 void RowWriter::announce(bool groupsFirst) {
   forEachKind([this, groupsFirst](const auto& rows) {
     using Rows = std::remove_cvref_t<decltype(rows)>;

@@ -38,6 +38,8 @@ class RowWriter {
   // the hardware settles before the flows, which are refused as long as it does not have their
   // groups.
   void announce(bool groupsFirst = false);
+  // Flips a bit in the intact row of that handle, past its key; false when there is none.
+  bool damage(P4Runtime::EntryHandle handle);
 
  private:
   // What a kind of row differs in.
