@@ -8,9 +8,9 @@
 // Threads: the hosting service's activity thread.
 // Ownership: holds references to its inputs and owns its reactors. What it has written to Corvex
 // stays when it is destroyed.
-// Invariants: it keeps no copy of groups or members. The state is in the service's tables and in the
-// Corvex groups, and each handler reads them anew. Which rows were refused is kept for audits alone.
-// A select group is written only when each of its members has a Corvex group.
+// Invariants: it keeps no copy of groups or members. The state is in the service's tables and in
+// the Corvex groups, and each handler reads them anew. Which rows were refused is kept for audits
+// alone. A select group is written only when each of its members has a Corvex group.
 #pragma once
 
 #include <optional>

@@ -195,8 +195,8 @@ class Service {
   // when there was none). Behind the library's back.
   void corvexFlowIs(const Korm::Name& name);
   bool corvexFlowDel(const Korm::Name& name);
-  // Flips a bit in the stored row of the flow entry, member or group (false when there is no intact one), as
-  // a stray write would.
+  // Flips a bit in the stored row of the flow entry, member or group, as a stray write would. False
+  // when there is no intact one.
   bool rowDamaged(P4Runtime::EntryHandle handle);
 
   // What a front end keeps beside the entries.

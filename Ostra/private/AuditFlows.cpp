@@ -202,7 +202,7 @@ class TableAudit {
     bool flowThere = false;
   };
 
-  // Keys that are in the index and have no row. One of them may be that of a row that cannot be read.
+  // Keys that are in the index and have no row. One may be that of a row that cannot be read.
   void auditIndex() {
     std::vector<Indexed> missing;
     machine_.forEachIndexed([&](const OstraKey& key, std::optional<std::uint64_t> handle,

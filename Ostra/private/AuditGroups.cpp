@@ -212,10 +212,11 @@ class GroupAudit {
     }
     bool kept = false;
     for (std::size_t at = 0; at < members.size(); ++at) {
+      kept = kept || has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
+      // One that is missing is told of already, or kept.
       const GroupEntry* const member = present(memberGroupId(members[at]));
-      if (member == nullptr) {  // told of already, if its row is there
-        kept = kept || has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
-      } else if (member->buckets() != 1 || !(member->bucket().front() == group.bucket()[at])) {
+      if (member != nullptr &&
+          (member->buckets() != 1 || !(member->bucket().front() == group.bucket()[at]))) {
         return Buckets::differ_;
       }
     }

@@ -1,13 +1,13 @@
-// Dry runs, and trace points for code that they execute too, where they trace nothing. Private to the
-// library.
+// Dry runs, and trace points for code that they execute too, where they trace nothing. Private to
+// the library.
 #pragma once
 
 #include "platform/Brisklog/TracePoint.h"
 
 namespace Ostra {
 
-// While one exists, no StepTrace traces anything, and damaged rows are not reported. For the activity
-// thread.
+// While one exists, no StepTrace traces anything, and damaged rows are not reported. For the
+// activity thread.
 class DryRun {
  public:
   DryRun() noexcept { ++depth_; }

@@ -11,8 +11,8 @@
 
 namespace Ostra {
 
-// The result of `read`. Nothing when it finds a corruption, which is reported to the table unless it is
-// a dry run that reads.
+// The result of `read`. Nothing when it finds a corruption, which is reported to the table unless
+// it is a dry run that reads.
 template <class Table, class Read>
 auto reportingCorruption(Table& table, Read read) -> std::optional<std::invoke_result_t<Read>> {
   try {

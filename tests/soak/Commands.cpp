@@ -61,6 +61,18 @@ std::string valueText(Form form, const Bits& bits) {
   return bits.low != 0 ? "true" : "false";
 }
 
+std::string policerText(const Policer& policer) {
+  constexpr std::array<const char*, 3> drops{",drop-green", ",drop-yellow", ",drop-red"};
+  std::string text =
+      " policer=" + std::to_string(policer.rate) + "," + std::to_string(policer.burst);
+  for (std::size_t color = 0; color < drops.size(); ++color) {
+    text += policer.drop[color] ? drops[color] : "";
+  }
+  return text;
+}
+
+}  // namespace
+
 std::string keyText(const FlowKey& key) {
   std::string text = " table=" + std::to_string(key.table) +
                      " priority=" + std::to_string(key.priority) +
@@ -77,33 +89,21 @@ std::string keyText(const FlowKey& key) {
   return text;
 }
 
-template <class T>
-void append(std::string& text, const char* name, const std::optional<T>& value) {
-  if (value) {
-    text += name + std::to_string(*value);
-  }
-}
-
-std::string policerText(const Policer& policer) {
-  constexpr std::array<const char*, 3> drops{",drop-green", ",drop-yellow", ",drop-red"};
-  std::string text =
-      " policer=" + std::to_string(policer.rate) + "," + std::to_string(policer.burst);
-  for (std::size_t color = 0; color < drops.size(); ++color) {
-    text += policer.drop[color] ? drops[color] : "";
-  }
-  return text;
-}
-
 std::string actionsText(const FlowActions& actions) {
   std::string text = " ->";
-  append(text, " output=", actions.output);
-  append(text, " vrf=", actions.vrf);
-  append(text, " vlan=", actions.vlan);
-  append(text, " group=", actions.group);
-  append(text, " member=", actions.member);
-  append(text, " traffic-class=", actions.trafficClass);
-  append(text, " cpu-traffic-class=", actions.cpuTrafficClass);
-  append(text, " set-dscp=", actions.setDscp);
+  const auto append = [&text](const char* name, const auto& value) {
+    if (value) {
+      text += std::string{" "} + name + "=" + std::to_string(*value);
+    }
+  };
+  append("output", actions.output);
+  append("vrf", actions.vrf);
+  append("vlan", actions.vlan);
+  append("group", actions.group);
+  append("member", actions.member);
+  append("traffic-class", actions.trafficClass);
+  append("cpu-traffic-class", actions.cpuTrafficClass);
+  append("set-dscp", actions.setDscp);
   text += actions.setEthSrc ? " set-eth-src=" + macText(*actions.setEthSrc) : "";
   text += actions.setEthDst ? " set-eth-dst=" + macText(*actions.setEthDst) : "";
   text += actions.mirrorIngress ? " mirror-ingress=" + *actions.mirrorIngress : "";
@@ -115,102 +115,23 @@ std::string actionsText(const FlowActions& actions) {
   return text;
 }
 
-std::string lineOf(const FlowWrite& write) {
-  return std::string{text(write.op)} + " flow" + keyText(write.key) +
-         (write.op == Op::delete_ ? "" : actionsText(write.actions));
-}
-std::string lineOf(const MemberWrite& write) {
-  std::string line = std::string{text(write.op)} + " member " + std::to_string(write.id);
-  if (write.op != Op::delete_) {
-    line += " port=" + std::to_string(write.port) + " encap=" + std::to_string(write.encap);
-    line += write.dstMac != 0 ? " dst-mac=" + macText(write.dstMac) : "";
-    line += write.srcMac != 0 ? " src-mac=" + macText(write.srcMac) : "";
-  }
-  return line;
-}
-std::string lineOf(const GroupWrite& write) {
-  std::string line = std::string{text(write.op)} + " group " + std::to_string(write.id);
-  if (write.op != Op::delete_) {
-    line += " members=";
-    for (const std::uint32_t member : write.members) {
-      line += (line.back() == '=' ? "" : ",") + std::to_string(member);
-    }
-  }
-  return line;
-}
-
-std::string lineOf(const PortIs& port) {
-  return (port.name.empty() ? "no port " : "port ") + std::to_string(port.id) +
-         (port.name.empty() ? "" : " " + port.name);
-}
-std::string lineOf(const EncapIs& encap) {
-  if (encap.removed) {
-    return "no encap " + std::to_string(encap.id);
-  }
-  return "encap " + std::to_string(encap.id) + " src=" + ip4Text(encap.src) +
-         " dst=" + ip4Text(encap.dst) + " ttl=" + std::to_string(encap.ttl) +
-         " dscp=" + std::to_string(encap.dscp);
-}
-std::string lineOf(const HwMode& mode) { return mode.automatic ? "hw auto" : "hw manual"; }
-std::string lineOf(const HwRun& /*run*/) { return "hw run"; }
-std::string lineOf(const HwFlow& flow) {
-  return flow.status ? "hw flow " + flow.name + " " + std::to_string(*flow.status)
-                     : "hw remove flow " + flow.name;
-}
-std::string lineOf(const HwGroup& group) {
-  const std::string id = std::to_string(group.id);
-  return group.status ? "hw group " + id + " " + std::to_string(*group.status)
-                      : "hw remove group " + id;
-}
-std::string lineOf(const HwCapacity& capacity) {
-  return std::string{"hw capacity "} + (capacity.ofGroups ? "groups " : "flows ") +
-         (capacity.room ? std::to_string(*capacity.room) : "none");
-}
-std::string lineOf(const HwCount& count) {
-  return "hw count " + count.name + " " + std::to_string(count.packets) + " " +
-         std::to_string(count.bytes) + " " + count.unit;
-}
-std::string lineOf(const HwPublish& publish) {
-  return publish.published ? "hw publish" : "hw unpublish";
-}
-std::string lineOf(const CorvexFlow& flow) {
-  return (flow.removed ? "corvex no flow " : "corvex flow ") + flow.name;
-}
-std::string lineOf(const Stop& /*stop*/) { return "stop"; }
-std::string lineOf(const Start& start) { return start.bare ? "start bare" : "start"; }
-std::string lineOf(const Resync& /*resync*/) { return "resync"; }
-std::string lineOf(const Counter& counter) { return "counter " + std::to_string(counter.handle); }
-
-Lines linesOf(const auto& command) { return {lineOf(command)}; }
-Lines linesOf(const Batch& batch) {
-  Lines lines;
-  for (const Write& write : batch.writes) {
-    lines.push_back(std::visit([](const auto& one) { return lineOf(one); }, write));
-  }
-  if (batch.bracketed || lines.size() != 1) {
-    lines.insert(lines.begin(), "begin");
-    lines.emplace_back("commit");
-  }
-  return lines;
-}
-
-}  // namespace
-
-std::string_view text(Op op) {
-  constexpr std::array<std::string_view, 4> names{"insert", "modify", "delete", "announce"};
+std::string text(Op op) {
+  constexpr std::array<const char*, 4> names{"insert", "modify", "delete", "announce"};
   return names.at(static_cast<std::size_t>(op));
 }
 
 const FieldInfo& info(Field field) { return fields.at(field); }
 
 std::string macText(std::uint64_t address) {
-  std::array<char, 18> out{};
-  const auto octet = [address](unsigned at) {
-    return static_cast<unsigned>(address >> (40 - at * 8) & 0xFFU);
-  };
-  (void)std::snprintf(out.data(), out.size(), "%02x:%02x:%02x:%02x:%02x:%02x", octet(0), octet(1),
-                      octet(2), octet(3), octet(4), octet(5));
-  return out.data();
+  std::string text;
+  for (unsigned shift = 48; shift > 0; shift -= 8) {
+    std::array<char, 4> octet{};
+    (void)std::snprintf(octet.data(), octet.size(),
+                        "%02x:", static_cast<unsigned>(address >> (shift - 8) & 0xFFU));
+    text += octet.data();
+  }
+  text.pop_back();
+  return text;
 }
 
 std::string ip4Text(std::uint32_t address) {
@@ -220,7 +141,15 @@ std::string ip4Text(std::uint32_t address) {
 }
 
 Lines lines(const Command& command) {
-  return std::visit([](const auto& one) { return linesOf(one); }, command);
+  Lines lines;
+  for (const Step& step : command.steps) {
+    lines.push_back(step.line);
+  }
+  if (command.isBatch && (command.bracketed || lines.size() != 1)) {
+    lines.insert(lines.begin(), "begin");
+    lines.emplace_back("commit");
+  }
+  return lines;
 }
 
 }  // namespace Soak

@@ -1,4 +1,4 @@
-// The commands of a history, and how ostra-sim spells them.
+// The commands of a history, and how ostra-sim spells keys and actions.
 //
 // Thread and process rule: plain values.
 #pragma once
@@ -6,10 +6,10 @@
 #include <array>
 #include <compare>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 #include <vector>
 
 namespace Soak {
@@ -18,7 +18,7 @@ using Lines = std::vector<std::string>;
 using Handle = std::uint64_t;
 
 enum class Op : std::uint8_t { insert_, modify_, delete_, announce_ };
-[[nodiscard]] std::string_view text(Op op);
+[[nodiscard]] std::string text(Op op);
 
 // The match fields in the order of the key, by number.
 enum Field : std::uint8_t {
@@ -62,9 +62,6 @@ struct Bits {
   std::uint64_t low = 0;
   friend auto operator<=>(const Bits&, const Bits&) = default;
 };
-[[nodiscard]] std::string macText(std::uint64_t address);
-[[nodiscard]] std::string ip4Text(std::uint32_t address);
-
 struct MatchField {
   Field field{};
   Bits value;
@@ -97,81 +94,25 @@ struct FlowActions {
   bool drop = false, copyToCpu = false, decTtl = false;
 };
 
-struct FlowWrite {
-  Op op{};
-  FlowKey key;
-  FlowActions actions;
-};
-struct MemberWrite {
-  Op op{};
-  std::uint32_t id = 0;
-  std::uint32_t port = 0;
-  std::uint16_t encap = 0;
-  std::uint64_t dstMac = 0, srcMac = 0;
-};
-struct GroupWrite {
-  Op op{};
-  std::uint32_t id = 0;
-  std::vector<std::uint32_t> members;
-};
-using Write = std::variant<FlowWrite, MemberWrite, GroupWrite>;
+class Model;
 
-// Several writes, or one between `begin` and `commit`; otherwise one alone.
-struct Batch {
-  std::vector<Write> writes;
-  bool bracketed = false;
+// A line of ostra-sim, and what it does to the model.
+struct Step {
+  std::string line;
+  std::function<void(Model&)> play;
 };
-struct PortIs {
-  std::uint32_t id = 0;
-  std::string name;  // empty: drop the mapping
+// One command, or the writes of a batch.
+struct Command {
+  std::vector<Step> steps;
+  bool isBatch = false;
+  bool bracketed = false;  // also if it is a single write
 };
-struct EncapIs {
-  std::uint16_t id = 0;
-  bool removed = false;
-  std::uint32_t src = 0, dst = 0;
-  std::uint8_t ttl = 0, dscp = 0;
-};
-struct HwMode {
-  bool automatic = true;
-};
-struct HwRun {};
-struct HwFlow {
-  std::string name;
-  std::optional<std::uint32_t> status;  // nothing: remove
-};
-struct HwGroup {
-  std::uint64_t id = 0;
-  std::optional<std::uint32_t> status;  // nothing: remove
-};
-struct HwCapacity {
-  bool ofGroups = false;
-  std::optional<std::uint32_t> room;
-};
-struct HwCount {
-  std::string name;
-  std::uint64_t packets = 0, bytes = 0;
-  std::string unit;
-};
-struct HwPublish {
-  bool published = true;
-};
-struct CorvexFlow {
-  std::string name;
-  bool removed = false;
-};
-struct Stop {};
-struct Start {
-  bool bare = false;
-};
-struct Resync {};
-struct Counter {
-  Handle handle = 0;
-};
-
-using Command = std::variant<Batch, PortIs, EncapIs, HwMode, HwRun, HwFlow, HwGroup, HwCapacity,
-                             HwCount, HwPublish, CorvexFlow, Stop, Start, Resync, Counter>;
 
 // As ostra-sim reads it: one line, or those of a batch.
 [[nodiscard]] Lines lines(const Command& command);
+[[nodiscard]] std::string macText(std::uint64_t address);
+[[nodiscard]] std::string ip4Text(std::uint32_t address);
+[[nodiscard]] std::string keyText(const FlowKey& key);
+[[nodiscard]] std::string actionsText(const FlowActions& actions);
 
 }  // namespace Soak

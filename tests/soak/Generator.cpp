@@ -10,6 +10,7 @@ Generator::Generator(std::uint64_t seed) : random_{seed * 0x9E3779B97F4A7C15ULL 
   configuration_ = anyOf<std::uint64_t>({1, 5, 20});
   life_ = anyOf<std::uint64_t>({0, 1, 1, 6});
   members_ = anyOf<std::uint64_t>({0, 20, 60});
+  damage_ = anyOf<std::uint64_t>({0, 0, 0, 2});
   longestBatch_ = 1 + below(12);
   memberIds_ = {0, 1, 2, 5, 8, 4294967295};
   groupIds_ = {0, 1, 5, 7, 4294967295};
@@ -154,39 +155,53 @@ Op Generator::op(bool stored) {
   return !stored ? Op::insert_ : oneIn(2) ? Op::modify_ : Op::delete_;
 }
 
-FlowWrite Generator::flow(const Model& model) {
+Step Generator::flow(const Model& model) {
   const FlowKey& key = anyOf(keys_);
-  return {op(model.flowTables.at(key.table).find(key) != nullptr), key, actions()};
+  const Op op = this->op(model.flowTables.at(key.table).find(key) != nullptr);
+  const FlowActions given = actions();
+  return {text(op) + " flow" + keyText(key) + (op == Op::delete_ ? "" : actionsText(given)),
+          [=](Model& m) { m.writeFlow(op, key, given); }};
 }
 
-MemberWrite Generator::member(const Model& model) {
+Step Generator::member(const Model& model) {
   const std::uint32_t id = anyOf(memberIds_);
-  MemberWrite write{.op = op(model.members.find(id) != nullptr), .id = id, .port = anyOf(ports_)};
-  write.port = below(100) < faults_ ? 0 : write.port;
-  write.encap = static_cast<std::uint16_t>(below(100) < 2 * faults_ ? 65535 : below(3));
-  write.dstMac = oneIn(3) ? 0 : random_() >> 16U;
-  write.srcMac = oneIn(3) ? 0 : random_() >> 16U;
-  return write;
+  const Op op = this->op(model.members.find(id) != nullptr);
+  MemberRow row{.port = below(100) < faults_ ? 0 : anyOf(ports_)};
+  row.encap = static_cast<std::uint16_t>(below(100) < 2 * faults_ ? 65535 : below(3));
+  row.dstMac = oneIn(3) ? 0 : random_() >> 16U;
+  row.srcMac = oneIn(3) ? 0 : random_() >> 16U;
+  std::string line = text(op) + " member " + std::to_string(id);
+  if (op != Op::delete_) {
+    line += " port=" + std::to_string(row.port) + " encap=" + std::to_string(row.encap);
+    line += row.dstMac != 0 ? " dst-mac=" + macText(row.dstMac) : "";
+    line += row.srcMac != 0 ? " src-mac=" + macText(row.srcMac) : "";
+  }
+  return {line, [=](Model& m) { m.writeMember(op, id, row); }};
 }
 
-GroupWrite Generator::group(const Model& model) {
+Step Generator::group(const Model& model) {
   const std::uint32_t id = anyOf(groupIds_);
-  GroupWrite write{.op = op(model.groups.find(id) != nullptr), .id = id, .members = {}};
+  const Op op = this->op(model.groups.find(id) != nullptr);
+  std::vector<std::uint32_t> list;
   for (auto count = below(5); count > 0; --count) {
-    write.members.push_back(anyOf(memberIds_));
+    list.push_back(anyOf(memberIds_));
   }
   if (model.members.size() != 0 && !oneIn(4)) {  // only members that are stored
-    std::erase_if(write.members,
+    std::erase_if(list,
                   [&](std::uint32_t member) { return model.members.find(member) == nullptr; });
   }
-  return write;
+  std::string line = text(op) + " group " + std::to_string(id);
+  if (op != Op::delete_) {
+    line += " members=";
+    for (const std::uint32_t member : list) {
+      line += (line.back() == '=' ? "" : ",") + std::to_string(member);
+    }
+  }
+  return {line, [=](Model& m) { m.writeGroup(op, id, list); }};
 }
 
-Write Generator::write(const Model& model) {
-  if (below(100) >= members_) {
-    return flow(model);
-  }
-  return oneIn(2) ? Write{member(model)} : Write{group(model)};
+Step Generator::write(const Model& model) {
+  return below(100) >= members_ ? flow(model) : oneIn(2) ? member(model) : group(model);
 }
 
 std::string Generator::flowName(const Model& model) {
@@ -204,64 +219,96 @@ std::uint64_t Generator::corvexGroup() {
   return oneIn(2) ? anyOf(groupIds_) : memberBase + anyOf(memberIds_);
 }
 
-Command Generator::hardware(const Model& model) {
+Step Generator::hardware(const Model& model) {
+  const std::string name = flowName(model);
+  const std::uint64_t id = corvexGroup();
+  const auto number = static_cast<std::uint32_t>(random_());
   switch (below(16)) {
     case 0:
-      return HwMode{true};
+      return {"hw auto", [](Model& m) { m.automaticIs(true); }};
     case 1:
-      return HwMode{oneIn(2)};
+      return {"hw manual", [](Model& m) { m.automaticIs(false); }};
     case 2:
     case 3:
-      return HwRun{};
+      return {"hw run", [](Model& m) { m.runHardware(); }};
     case 4:
     case 5:
-    case 6:
-      return HwFlow{flowName(model), static_cast<std::uint32_t>(oneIn(9) ? random_() : below(15))};
+    case 6: {
+      const std::uint32_t status = oneIn(9) ? number : number % 15;
+      return {"hw flow " + name + " " + std::to_string(status),
+              [=](Model& m) { m.flowStatusIs(name, status); }};
+    }
     case 7:
-      return HwFlow{flowName(model), std::nullopt};
+      return {"hw remove flow " + name, [=](Model& m) { m.flowStatusIs(name, std::nullopt); }};
     case 8:
-    case 9:
-      return HwGroup{corvexGroup(), static_cast<std::uint32_t>(oneIn(9) ? random_() : below(5))};
+    case 9: {
+      const std::uint32_t status = oneIn(9) ? number : number % 5;
+      return {"hw group " + std::to_string(id) + " " + std::to_string(status),
+              [=](Model& m) { m.groupStatusIs(id, status); }};
+    }
     case 10:
-      return HwGroup{corvexGroup(), std::nullopt};
-    case 11:
-      return HwCapacity{
-          oneIn(3), oneIn(2) ? std::nullopt : std::optional{static_cast<std::uint32_t>(below(8))}};
+      return {"hw remove group " + std::to_string(id),
+              [=](Model& m) { m.groupStatusIs(id, std::nullopt); }};
+    case 11: {
+      const bool ofGroups = oneIn(3);
+      const auto room = oneIn(2) ? std::nullopt : std::optional{number % 8};
+      return {std::string{"hw capacity "} + (ofGroups ? "groups " : "flows ") +
+                  (room ? std::to_string(*room) : "none"),
+              [=](Model& m) { m.roomIs(ofGroups, room); }};
+    }
     case 12:
-      return HwCount{flowName(model), below(1000), random_() >> 20U,
-                     "unit" + std::to_string(below(3))};
+      return {"hw count " + name + " " + std::to_string(number % 1000) + " " +
+                  std::to_string(number) + " unit" + std::to_string(below(3)),
+              [=](Model& m) { m.count(name, number % 1000, number); }};
     case 13:
-      return HwPublish{false};
+      return {"hw unpublish", [](Model& m) { m.publishedIs(false); }};
     default:
-      return HwPublish{true};
+      return {"hw publish", [](Model& m) { m.publishedIs(true); }};
   }
 }
 
-Command Generator::life(const Model& model) {
+Step Generator::life(const Model& model) {
   if (!model.running) {
-    return Start{oneIn(4)};
+    const bool bare = oneIn(4);
+    return {bare ? "start bare" : "start", [=](Model& m) { m.start(bare); }};
   }
-  return oneIn(3) ? Command{Resync{}} : Command{Stop{}};
+  return oneIn(3) ? Step{"resync", [](Model& m) { m.resync(); }}
+                  : Step{"stop", [](Model& m) { m.stop(); }};
 }
 
-Command Generator::configuration() {
-  switch (below(8)) {
-    case 0:
-      return PortIs{anyOf(ports_), ""};
-    case 1:
-    case 2:
-      return PortIs{anyOf(ports_),
-                    "Ethernet" + std::to_string(below(3)) + "/" + std::to_string(below(1000))};
-    case 3:
-      return EncapIs{.id = static_cast<std::uint16_t>(below(3)), .removed = true};
-    default:
-      return EncapIs{.id = static_cast<std::uint16_t>(below(3)),
-                     .removed = false,
-                     .src = static_cast<std::uint32_t>(random_()),
-                     .dst = static_cast<std::uint32_t>(random_()),
-                     .ttl = static_cast<std::uint8_t>(random_()),
-                     .dscp = static_cast<std::uint8_t>(random_())};
+Step Generator::configuration() {
+  if (oneIn(3)) {
+    const std::uint32_t port = anyOf(ports_);
+    const std::string name =
+        oneIn(3) ? "" : "Ethernet" + std::to_string(below(3)) + "/" + std::to_string(below(1000));
+    return {(name.empty() ? "no port " : "port ") + std::to_string(port) + " " + name,
+            [=](Model& m) { m.portIs(port, name); }};
   }
+  const auto id = static_cast<std::uint16_t>(below(3));
+  if (oneIn(5)) {
+    return {"no encap " + std::to_string(id), [=](Model& m) { m.encapIs(id, std::nullopt); }};
+  }
+  const Encap encap{.src = static_cast<std::uint32_t>(random_()),
+                    .dst = static_cast<std::uint32_t>(random_()),
+                    .ttl = static_cast<std::uint8_t>(random_()),
+                    .dscp = static_cast<std::uint8_t>(random_())};
+  return {"encap " + std::to_string(id) + " src=" + ip4Text(encap.src) +
+              " dst=" + ip4Text(encap.dst) + " ttl=" + std::to_string(encap.ttl) +
+              " dscp=" + std::to_string(encap.dscp),
+          [=](Model& m) { m.encapIs(id, encap); }};
+}
+
+Step Generator::other(const Model& model) {
+  const Handle handle = 1 + below(model.lastHandle + 1);
+  if (below(100) < 10 * damage_) {
+    return {"damage " + std::to_string(handle), [=](Model& m) { m.damage(handle); }};
+  }
+  if (hardware_ == 0 || oneIn(3)) {
+    return {"counter " + std::to_string(handle), [=](Model& m) { m.counter(handle); }};
+  }
+  const std::string name = flowName(model);
+  return oneIn(2) ? Step{"corvex flow " + name, [=](Model& m) { m.corvexFlowIs(name); }}
+                  : Step{"corvex no flow " + name, [=](Model& m) { m.corvexFlowGone(name); }};
 }
 
 Command Generator::next(const Model& model) {
@@ -272,25 +319,21 @@ Command Generator::next(const Model& model) {
     return hit;
   };
   if (falls(model.running ? life_ : 20)) {
-    return life(model);
+    return {{life(model)}};
   }
   if (falls(hardware_)) {
-    return hardware(model);
+    return {{hardware(model)}};
   }
   if (falls(configuration_)) {
-    return configuration();
+    return {{configuration()}};
   }
-  if (falls(1)) {
-    return Counter{1 + below(model.lastHandle + 1)};
+  if (falls(3 + 2 * damage_)) {
+    return {{other(model)}};
   }
-  if (hardware_ != 0 && falls(2)) {
-    return CorvexFlow{flowName(model), oneIn(2)};
-  }
-  Batch batch;
+  Command batch{.steps = {}, .isBatch = true, .bracketed = oneIn(2)};
   for (auto count = 1 + below(longestBatch_); count > 0; --count) {
-    batch.writes.push_back(write(model));
+    batch.steps.push_back(write(model));
   }
-  batch.bracketed = oneIn(2);
   return batch;
 }
 

@@ -1,4 +1,5 @@
-// Random commands: a seed makes a small world of keys, members, groups and VRFs, and a mix of commands.
+// Random commands: a seed makes a small world of keys, members, groups and VRFs, and a mix of
+// commands.
 //
 // Thread and process rule: a value.
 #pragma once
@@ -29,21 +30,23 @@ class Generator {
   void addField(FlowKey& key, Field field);
   FlowActions actions();
   Op op(bool stored);
-  Write write(const Model& model);
-  FlowWrite flow(const Model& model);
-  MemberWrite member(const Model& model);
-  GroupWrite group(const Model& model);
+  Step write(const Model& model);
+  Step flow(const Model& model);
+  Step member(const Model& model);
+  Step group(const Model& model);
   std::string flowName(const Model& model);
   std::uint64_t corvexGroup();
-  Command hardware(const Model& model);
-  Command life(const Model& model);
-  Command configuration();
+  Step hardware(const Model& model);
+  Step life(const Model& model);
+  Step configuration();
+  Step other(const Model& model);
 
   std::mt19937_64 random_;
   std::vector<FlowKey> keys_;
   std::vector<std::uint32_t> memberIds_, groupIds_, ports_, vrfs_;
   // How often, of 100.
-  std::uint64_t faults_ = 0, hardware_ = 0, configuration_ = 0, life_ = 0, members_ = 0;
+  std::uint64_t faults_ = 0, hardware_ = 0, configuration_ = 0, life_ = 0, members_ = 0,
+                damage_ = 0;
   std::uint64_t longestBatch_ = 1;
 };
 

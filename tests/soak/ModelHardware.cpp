@@ -25,38 +25,36 @@ bool hasRoom(const auto& statuses, const std::uint32_t* present, std::uint32_t h
 
 }  // namespace
 
-void Model::corvexFlowIs(const std::string& name, const CorvexFlowState& flow) {
+void Model::configureFlow(const std::string& name, const CorvexFlowState& flow) {
   CorvexFlowState& state = corvexFlows.at(name);
   const auto [entryId, changeCount] = std::pair{state.entryId, state.changeCount};
   state = flow;
   state.entryId = entryId;
   state.changeCount = changeCount;
-  enqueue(false, name, 0);
+  enqueue(name, 0);
 }
 
-bool Model::corvexFlowDel(const std::string& name) {
+bool Model::removeFlow(const std::string& name) {
   const bool was = corvexFlows.erase(name);
   if (was) {
-    enqueue(false, name, 0);
+    enqueue(name, 0);
   }
   return was;
 }
 
-void Model::corvexGroupIs(std::uint64_t id, CorvexGroupState group) {
+void Model::configureGroup(std::uint64_t id, CorvexGroupState group) {
   corvexGroups[id] = std::move(group);
-  enqueue(true, {}, id);
+  enqueue({}, id);
 }
 
-bool Model::corvexGroupDel(std::uint64_t id) {
-  const bool was = corvexGroups.erase(id) != 0;
-  if (was) {
-    enqueue(true, {}, id);
+void Model::removeGroup(std::uint64_t id) {
+  if (corvexGroups.erase(id) != 0) {
+    enqueue({}, id);
   }
-  return was;
 }
 
-void Model::enqueue(bool isGroup, const std::string& flow, std::uint64_t group) {
-  const Waiting one{isGroup, flow, group};
+void Model::enqueue(const std::string& flow, std::uint64_t group) {
+  const Waiting one{flow, group};
   if (std::find(queue_.begin(), queue_.end(), one) == queue_.end()) {
     queue_.push_back(one);
   }
@@ -70,12 +68,12 @@ void Model::settle() {
 
 void Model::program() {
   while (!queue_.empty()) {
-    const Waiting one = queue_.front();
+    const auto [flow, group] = queue_.front();
     queue_.erase(queue_.begin());
-    if (one.isGroup) {
-      programGroup(one.group);
+    if (flow.empty()) {
+      programGroup(group);
     } else {
-      programFlow(one.flow);
+      programFlow(flow);
     }
   }
 }
@@ -100,7 +98,8 @@ void Model::programGroup(std::uint64_t id) {
   }
 }
 
-// A status that is there already is told of by the status, if that changes, and by its change count.
+// A status that is there already is told of by the status, if that changes, and by its change
+// count.
 void Model::publishFlow(const std::string& name, std::uint32_t status) {
   std::uint32_t* const present = flowStatus.find(name);
   if (present == nullptr) {
@@ -133,82 +132,55 @@ void Model::answerDelete(const std::string& name) {
   }
 }
 
-void Model::perform(const HwMode& mode) {
-  automatic_ = mode.automatic;
-  settle();
-}
+void Model::automaticIs(bool automatic) { automatic_ = automatic; }
 
-void Model::perform(const HwRun& /*run*/) { program(); }
-
-void Model::perform(const HwFlow& flow) {
-  if (flow.status) {
-    publishFlow(flow.name, *flow.status);
+void Model::flowStatusIs(const std::string& name, std::optional<std::uint32_t> status) {
+  if (status) {
+    publishFlow(name, *status);
   } else {
-    withdrawFlow(flow.name);
+    withdrawFlow(name);
   }
-  settle();
 }
 
-void Model::perform(const HwGroup& group) {
-  if (group.status) {
-    publishGroup(group.id, *group.status);
-  } else if (groupStatus.erase(group.id)) {
-    groupReported(group.id);
+void Model::groupStatusIs(std::uint64_t id, std::optional<std::uint32_t> status) {
+  if (status) {
+    publishGroup(id, *status);
+  } else if (groupStatus.erase(id)) {
+    groupReported(id);
   }
-  settle();
 }
 
-void Model::perform(const HwCapacity& capacity) {
-  (capacity.ofGroups ? groupRoom_ : flowRoom_) = capacity.room;
+void Model::roomIs(bool ofGroups, std::optional<std::uint32_t> room) {
+  (ofGroups ? groupRoom_ : flowRoom_) = room;
 }
 
-void Model::perform(const HwCount& count) {
-  auto& [packets, bytes] = counts_[count.unit][count.name];
-  packets += count.packets;
-  bytes += count.bytes;
-}
-
-void Model::perform(const HwPublish& publish) {
-  if (publish.published == published) {
+void Model::publishedIs(bool isPublished) {
+  if (std::exchange(published, isPublished) || !published) {
     return;
   }
-  published = publish.published;
-  if (!published) {
-    return;
-  }
-  flowStatus.each(
-      [this](const std::string& name, std::uint32_t /*status*/) { flowReported(name); });
-  groupStatus.each([this](std::uint64_t id, std::uint32_t /*status*/) { groupReported(id); });
+  flowStatus.each([this](const std::string& name, std::uint32_t) { flowReported(name); });
+  groupStatus.each([this](std::uint64_t id, std::uint32_t) { groupReported(id); });
   for (const std::string& name : std::exchange(unanswered_, {})) {
     if (flowStatus.find(name) == nullptr) {
       answerDelete(name);
     }
   }
-  settle();
 }
 
-void Model::perform(const CorvexFlow& flow) {
-  if (flow.removed) {
-    corvexFlowDel(flow.name);
-  } else {
-    corvexFlowIs(flow.name, {});
-  }
-  settle();
+void Model::corvexFlowIs(const std::string& name) { configureFlow(name, {}); }
+
+void Model::corvexFlowGone(const std::string& name) { removeFlow(name); }
+
+// Of all units.
+void Model::count(const std::string& name, std::uint64_t packets, std::uint64_t bytes) {
+  counts_[name].first += packets;
+  counts_[name].second += bytes;
 }
 
-void Model::perform(const Counter& counter) {
-  std::uint64_t packets = 0;
-  std::uint64_t bytes = 0;
-  for (const auto& [unit, flows] : counts_) {
-    if (const auto found = flows.find("flow-" + std::to_string(counter.handle));
-        found != flows.end()) {
-      packets += found->second.first;
-      bytes += found->second.second;
-    }
-  }
-  out_.push_back(R"({"type":"counter","handle":)" + std::to_string(counter.handle) +
-                 R"(,"packets":)" + std::to_string(packets) + R"(,"bytes":)" +
-                 std::to_string(bytes) + "}");
+void Model::counter(Handle handle) {
+  const auto [packets, bytes] = counts_[flowName(handle)];
+  out_.push_back(R"({"type":"counter","handle":)" + std::to_string(handle) + R"(,"packets":)" +
+                 std::to_string(packets) + R"(,"bytes":)" + std::to_string(bytes) + "}");
 }
 
 }  // namespace Soak

@@ -1,4 +1,5 @@
-// The library: what becomes of the stored rows in Corvex, and of the hardware's words for the service.
+// The library: what becomes of the stored rows in Corvex, and of the hardware's words for the
+// service.
 #include <algorithm>
 #include <cstdio>
 
@@ -19,8 +20,6 @@ Handle handleIn(const std::string& name) {
   return std::sscanf(name.c_str(), "flow-%lu", &number) > 0 ? number : 0;
 }
 
-std::string flowName(Handle handle) { return "flow-" + std::to_string(handle); }
-
 Korm::EthAddr mac(std::uint64_t address) {
   Korm::EthAddr to;
   for (std::size_t at = to.octets.size(); at-- > 0; address >>= 8U) {
@@ -37,8 +36,9 @@ Korm::Ip4Addr ip4(std::uint32_t address) {
 
 }  // namespace
 
-template <class Step>
-void Model::reporting(Step step) {
+std::string flowName(Handle handle) { return "flow-" + std::to_string(handle); }
+
+void Model::reporting(auto step) {
   try {
     step();
   } catch (const EntryError& refused) {
@@ -49,25 +49,29 @@ void Model::reporting(Step step) {
 void Model::createLibrary() {
   for (std::uint8_t table = 0; table < flowTables.size(); ++table) {
     removeStaleFlows(table);
-    flowTables[table].each([this](const FlowKey& key, const FlowRow& /*row*/) { handleFlow(key); });
+    eachRow(flowTables[table], AtDamage::goOn_,
+            [this](const FlowKey& key, const FlowRow&) { handleFlow(key); });
   }
+  startedAt_ = now_;
   running = true;  // from here on the hardware's word is heard
   if (published) {
     flowStatus.each([this](const std::string& name, std::uint32_t) { flowReported(name); });
     groupStatus.each([this](std::uint64_t id, std::uint32_t) { groupReported(id); });
   }
-  encaps_.each([this](std::uint16_t id, const EncapIs&) { handleEncap(id); });
-  members.each([this](std::uint32_t id, const MemberRow&) { handleMember(id); });
-  groups.each([this](std::uint32_t id, const GroupRow&) { handleGroup(id); });
+  encaps_.each([this](std::uint16_t id, const Encap&) { handleEncap(id); });
+  eachRow(members, AtDamage::stop_,
+          [this](std::uint32_t id, const MemberRow&) { handleMember(id); });
+  eachRow(groups, AtDamage::stop_, [this](std::uint32_t id, const GroupRow&) { handleGroup(id); });
 }
 
 // Each of the fifteen removes what its own table does not hold.
 void Model::removeStaleFlows(std::uint8_t table) {
   std::set<Handle> handles;
-  flowTables[table].each([&](const FlowKey&, const FlowRow& row) { handles.insert(row.handle); });
+  eachRow(flowTables[table], AtDamage::goOn_,
+          [&](const FlowKey&, const FlowRow& row) { handles.insert(row.handle); });
   corvexFlows.each([&](const std::string& name, const CorvexFlowState&) {
     if (!handles.contains(handleIn(name))) {
-      corvexFlowDel(name);
+      removeFlow(name);
     }
   });
 }
@@ -83,40 +87,62 @@ void Model::handleFlow(const FlowKey& key) {
 }
 
 void Model::insertFlow(const FlowKey& key, const FlowRow& row) {
-  Match match = buildMatch(key, row.handle);
-  const OpenFlowTable::Actions actions = buildActions(key, row);
-  if (actions.has(OpenFlowTable::Action::group_) && !groupReady(actions.group())) {
+  Translation written;
+  refusedFlows_.insert(key);
+  translate(key, row, written, true);
+  refusedFlows_.erase(key);
+  const std::string name = flowName(row.handle);
+  const bool existed = corvexFlows.find(name) != nullptr;
+  configureFlow(name, written.flow);
+  corvexFlows.at(name).entryId = written.flow.entryId;
+  if (existed) {
+    corvexFlows.at(name).changeCount = now_;
+  }
+}
+
+void Model::translate(const FlowKey& key, const FlowRow& row, Translation& out, bool live) {
+  CorvexFlowState& flow = out.flow;
+  flow = {{},
+          {},
+          key.priority,
+          key.priorityGroup,
+          key.tableType,
+          static_cast<std::uint32_t>(row.handle),
+          0.0};
+  Match& match = flow.match = buildMatch(key, row.handle);
+  const MatchField* const type = constrained(key, etherType_);
+  if (key.tableType == 1 && type != nullptr &&
+      (type->value.low == ip4Type || type->value.low == ip6Type)) {
+    match.l3PacketTypeIs(type->value.low == ip4Type ? OpenFlowTable::L3PacketType::ipv4_
+                                                    : OpenFlowTable::L3PacketType::ipv6_,
+                         true);
+    match.etherTypeIs(0, 0xFFFF);
+    match.hasIs(Match::Field::etherType_, false);
+  }
+  buildActions(key, row, out, live);
+  out.translated = true;
+  if (flow.actions.has(OpenFlowTable::Action::group_) && !groupReady(flow.actions.group())) {
     throw EntryError{row.handle, notFound,
                      (row.actions.member ? "Member id: " + std::to_string(*row.actions.member)
                                          : "Group id: " + std::to_string(*row.actions.group)) +
                          " is not found"};
   }
-  const std::string name = flowName(row.handle);
-  const bool existed = corvexFlows.find(name) != nullptr;
-  handleOf[key] = row.handle;
-  const MatchField* const type = constrained(key, etherType_);
-  if (key.tableType == 1 && type != nullptr &&
-      (type->value.low == ip4Type || type->value.low == ip6Type)) {
-    match.l3PacketType = type->value.low == ip4Type ? OpenFlowTable::L3PacketType::ipv4_
-                                                    : OpenFlowTable::L3PacketType::ipv6_;
-    match.hasIs(Match::Field::l3PacketType_, true);
-    match.etherType = {0, 0xFFFF};
-    match.hasIs(Match::Field::etherType_, false);
+  if (live) {
+    handleOf[key] = row.handle;
   }
   if (key.priority < -1 || key.priority > 65536) {
     throw RangeError{"Priority::value < -1 or > Priority::max not allowed"};
   }
-  corvexFlowIs(name, {match, actions, key.priority, key.priorityGroup, key.tableType, 0, 0});
-  CorvexFlowState& flow = corvexFlows.at(name);
-  flow.entryId = static_cast<std::uint32_t>(row.handle);
-  if (existed) {
-    flow.changeCount = now_;
-  }
 }
 
-OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& row) {
+Interface::IntfId Model::interfaceOf(std::uint32_t port) const {
+  const auto mapped = ports_.find(port);
+  return mapped == ports_.end() ? Interface::IntfId{} : Interface::IntfId{mapped->second};
+}
+
+void Model::buildActions(const FlowKey& key, const FlowRow& row, Translation& out, bool live) {
   const FlowActions& given = row.actions;
-  OpenFlowTable::Actions built;
+  OpenFlowTable::Actions& built = out.flow.actions;
   const auto trafficClass = [](std::uint8_t value) {
     if (value > 16) {
       throw RangeError{
@@ -142,9 +168,7 @@ OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& ro
       [&](const auto& name) { built.egrMirrorIntfIs(Interface::IntfId{name}, true); });
   put(given.output, [&](std::uint32_t port) {
     checkPort(row.handle, port, "egress port-id");
-    const auto mapped = ports_.find(port);
-    built.outputIntfIs(
-        mapped == ports_.end() ? Interface::IntfId{} : Interface::IntfId{mapped->second}, true);
+    built.outputIntfIs(interfaceOf(port), true);
   });
   put(given.vrf, [&](auto value) { built.vrfIs(value, true); });
   put(given.vlan, [&](auto value) {
@@ -153,7 +177,10 @@ OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& ro
     }
     built.vlanIdIs(Bridging::VlanIdOrNone{value}, true);
   });
-  changeVrf(key, given.vrf, row.handle);
+  out.counted = true;
+  if (live) {
+    changeVrf(key, given.vrf, row.handle);
+  }
   put(given.policer, [&](const Policer& policer) {
     OpenFlowTable::PolicerConfig config{.rate = policer.rate, .burst = policer.burst};
     std::copy(policer.drop.begin(), policer.drop.end(), config.dropByColor.begin());
@@ -163,16 +190,16 @@ OpenFlowTable::Actions Model::buildActions(const FlowKey& key, const FlowRow& ro
       [&](auto value) { built.cpuTrafficClassIs(trafficClass(value), true); });
   put(given.member, [&](auto member) { built.groupIs(memberBase + member, true); });
   put(given.group, [&](auto group) { built.groupIs(group, true); });
-  return built;
 }
 
 void Model::deleteFlow(const FlowKey& key) {
+  refusedFlows_.erase(key);
   const auto mapped = handleOf.find(key);
   if (mapped == handleOf.end()) {
     return result(0, 0, "");
   }
   const Handle handle = mapped->second;
-  if (!corvexFlowDel(flowName(handle))) {
+  if (!removeFlow(flowName(handle))) {
     return result(handle, 0, "");  // and the key stays mapped
   }
   changeVrf(key, std::nullopt, handle);
@@ -190,20 +217,19 @@ void Model::changeVrf(const FlowKey& key, std::optional<std::uint32_t> vrf, Hand
   std::optional<std::uint32_t> marked;
   if (old) {
     VrfState& left = vrfs[*old];
-    if (left.users == 1U && !left.deletor) {
+    if (left.users == 1 && left.deletor == 0) {
       left.deletor = handle;
       marked = old;
     }
-    left.users = left.users.value_or(0) > 0 ? *left.users - 1 : 0;
+    left.users -= left.users > 0 ? 1 : 0;
     vrfOf.erase(key);
   }
   if (vrf) {
     VrfState& entered = vrfs[*vrf];
-    if (entered.users.value_or(0) == 0 && !entered.creator) {
+    if (entered.users++ == 0 && entered.creator == 0) {
       entered.creator = handle;
       marked = vrf;
     }
-    entered.users = entered.users.value_or(0) + 1;
     vrfOf[key] = *vrf;
   }
   if (marked && *marked != noVrf) {
@@ -216,62 +242,75 @@ bool Model::groupReady(std::uint64_t id) const {
   return corvexGroups.contains(id) && published && status != nullptr && *status == 0;
 }
 
-void Model::handleMember(std::uint32_t id) {
+// What is refused is noted until it is processed again.
+void Model::processGroup(std::uint64_t corvexId, auto step) {
+  refusedGroups_.erase(corvexId);
   reporting([&] {
-    if (const MemberRow* const row = members.find(id)) {
-      updateMember(*row);
-      return;
+    try {
+      step();
+    } catch (const EntryError&) {
+      refusedGroups_.insert(corvexId);
+      throw;
     }
-    corvexGroupDel(memberBase + id);
-    result(batch_[*current_].handle, 0, "");  // only a write of the member removes it
   });
 }
 
-void Model::updateMember(const MemberRow& row) {
-  const MemberWrite& member = row.write;
-  const std::string id = std::to_string(member.id);
-  checkPort(row.handle, member.port, "Action profile member " + id);
-  const EncapIs* const encap = encaps_.find(member.encap);
+void Model::handleMember(std::uint32_t id) {
+  processGroup(memberBase + id, [&] {
+    const MemberRow* const row = members.find(id);
+    if (row == nullptr) {
+      removeGroup(memberBase + id);
+      return result(batch_[*current_].handle, 0, "");  // only a write of the member removes it
+    }
+    configureGroup(memberBase + id,
+                   {.type = 2, .buckets = {bucketOf(id, *row)}, .changeCount = now_});
+    eachRow(groups, AtDamage::stop_, [&](std::uint32_t group, const GroupRow& list) {
+      if (std::count(list.members.begin(), list.members.end(), id) != 0 &&
+          corvexGroups.contains(group)) {
+        handleGroup(group);
+      }
+    });
+  });
+}
+
+OpenFlowTable::Actions Model::bucketOf(std::uint32_t id, const MemberRow& row) const {
+  const std::string name = std::to_string(id);
+  checkPort(row.handle, row.port, "Action profile member " + name);
+  const Encap* const encap = encaps_.find(row.encap);
   if (encap == nullptr) {
     throw EntryError{
         row.handle, invalidArgument,
-        "Action profile member: " + id + " has invalid encapId: " + std::to_string(member.encap)};
+        "Action profile member: " + name + " has invalid encapId: " + std::to_string(row.encap)};
   }
   OpenFlowTable::Actions bucket;
-  const auto port = ports_.find(member.port);
-  bucket.outputIntfIs(port == ports_.end() ? Interface::IntfId{} : Interface::IntfId{port->second},
-                      true);
+  bucket.outputIntfIs(interfaceOf(row.port), true);
   bucket.encapIs({.src = ip4(encap->src),
                   .dst = ip4(encap->dst),
                   .type = 1,
                   .ttl = encap->ttl,
                   .dscp = encap->dscp},
                  true);
-  bucket.dstMacIs(mac(member.dstMac), member.dstMac != 0);
-  bucket.srcMacIs(mac(member.srcMac), member.srcMac != 0);
+  bucket.dstMacIs(mac(row.dstMac), row.dstMac != 0);
+  bucket.srcMacIs(mac(row.srcMac), row.srcMac != 0);
   bucket.fixedBlockIs({0x00, 0x05, 0x41, 0x00, 0x40, 0x00, 0x00, 0x00}, true);
-  corvexGroupIs(memberBase + member.id, {.type = 2, .buckets = {bucket}, .changeCount = now_});
-  groups.each([&](std::uint32_t group, const GroupRow& list) {
-    if (std::count(list.members.begin(), list.members.end(), member.id) != 0 &&
-        corvexGroups.contains(group)) {
-      handleGroup(group);
-    }
-  });
+  return bucket;
 }
 
 void Model::handleGroup(std::uint32_t id) {
-  reporting([&] {
+  processGroup(id, [&] {
     if (const GroupRow* const row = groups.find(id)) {
-      updateGroup(id, *row);
+      if (auto buckets = bucketsOf(id, *row); !buckets.empty()) {
+        configureGroup(id, {.type = 1, .buckets = std::move(buckets), .changeCount = now_});
+      }
       return;
     }
-    corvexGroupDel(id);
+    removeGroup(id);
     result(batch_[*current_].handle, 0, "");
   });
 }
 
-void Model::updateGroup(std::uint32_t id, const GroupRow& row) {
-  CorvexGroupState group{.type = 1, .buckets = {}, .changeCount = now_};
+std::vector<OpenFlowTable::Actions> Model::bucketsOf(std::uint32_t id, const GroupRow& row) const {
+  std::vector<OpenFlowTable::Actions> buckets;
   for (const std::uint32_t member : row.members) {
     const auto programmed = corvexGroups.find(memberBase + member);
     if (programmed == corvexGroups.end()) {
@@ -279,16 +318,14 @@ void Model::updateGroup(std::uint32_t id, const GroupRow& row) {
                        "Action profile group: " + std::to_string(id) + " member " +
                            std::to_string(member) + " not found"};
     }
-    group.buckets.push_back(programmed->second.buckets.at(0));
+    buckets.push_back(programmed->second.buckets.at(0));
   }
-  if (!group.buckets.empty()) {
-    corvexGroupIs(id, std::move(group));
-  }
+  return buckets;
 }
 
 void Model::handleEncap(std::uint16_t id) {
-  members.each([&](std::uint32_t member, const MemberRow& row) {
-    if (row.write.encap == id) {
+  eachRow(members, AtDamage::stop_, [&](std::uint32_t member, const MemberRow& row) {
+    if (row.encap == id) {
       handleMember(member);
     }
   });
@@ -327,7 +364,7 @@ void Model::groupReported(std::uint64_t id) {
   const auto profile = static_cast<std::uint32_t>(id);
   const MemberRow* const member = id >= memberBase ? members.find(profile) : nullptr;
   const GroupRow* const group = id < memberBase ? groups.find(profile) : nullptr;
-  if (member == nullptr && group == nullptr) {
+  if ((member == nullptr || member->damaged) && (group == nullptr || group->damaged)) {
     return;
   }
   const auto book = books_.find(member != nullptr ? member->handle : group->handle);

@@ -186,9 +186,7 @@ Match Model::buildMatch(const FlowKey& key, Handle handle) const {
                                   " is not all ones; a port is matched exactly");
     }
     checkPort(handle, number<std::uint32_t>(given->value), what);
-    const auto mapped = ports_.find(number<std::uint32_t>(given->value));
-    (match.*put)(mapped == ports_.end() ? Interface::IntfId{} : Interface::IntfId{mapped->second},
-                 true);
+    (match.*put)(interfaceOf(number<std::uint32_t>(given->value)), true);
   };
   port(ingressPort_, "ingress port-id", &Match::inIntfIs);
   port(egressPort_, "egress port-id", &Match::egressIntfIs);

@@ -14,11 +14,21 @@ bool isEntryError(unsigned code, const std::string& message) {
 
 }  // namespace
 
-Model::Model() : running{true} {}
-
 Lines Model::play(const Command& command) {
   now_ += static_cast<double>(lines(command).size());
-  std::visit([this](const auto& one) { perform(one); }, command);
+  if (command.isBatch) {
+    beginBatch(running);
+  }
+  for (const Step& step : command.steps) {
+    step.play(*this);
+  }
+  settle();
+  if (command.isBatch) {
+    writes += command.steps.size();
+    for (const Update& update : finishBatch()) {
+      print(update);
+    }
+  }
   for (const Report& report : std::exchange(reports_, {})) {
     out_.push_back(R"({"type":"report","handle":)" + std::to_string(report.handle) + R"(,"code":)" +
                    std::to_string(report.code) + R"(,"message":")" + report.message + "\"}");
@@ -33,7 +43,7 @@ void Model::error(const std::string& text) {
 void Model::print(const Update& update) {
   constexpr std::array<const char*, 3> kinds{"flow", "member", "group"};
   constexpr std::array<const char*, 5> states{"done", "pending", "rejected", "failed", "stored"};
-  std::string line = R"({"type":"result","op":")" + std::string{text(update.op)} + R"(","kind":")" +
+  std::string line = R"({"type":"result","op":")" + text(update.op) + R"(","kind":")" +
                      kinds.at(static_cast<std::size_t>(update.kind)) + "\"";
   line += update.kind != Kind::flow_ ? ",\"id\":" + std::to_string(update.id) : "";
   line += update.handle != 0 ? ",\"handle\":" + std::to_string(update.handle) : "";
@@ -44,39 +54,38 @@ void Model::print(const Update& update) {
 
 // The switch's own configuration.
 
-void Model::perform(const PortIs& port) {
-  if (port.name.empty()) {
-    ports_.erase(port.id);
+void Model::portIs(std::uint32_t id, const std::string& name) {
+  if (name.empty()) {
+    ports_.erase(id);
   } else {
-    ports_[port.id] = port.name;
+    ports_[id] = name;
   }
 }
 
-void Model::perform(const EncapIs& encap) {
-  if (!encap.removed) {
-    encaps_.at(encap.id) = encap;
-  } else if (!encaps_.erase(encap.id)) {
+void Model::encapIs(std::uint16_t id, const std::optional<Encap>& encap) {
+  if (encap) {
+    encaps_.at(id) = *encap;
+  } else if (!encaps_.erase(id)) {
     return;
   }
   if (running) {
-    handleEncap(encap.id);
+    handleEncap(id);
   }
-  settle();
+}
+
+void Model::damage(Handle handle) {
+  const auto look = [&](const auto& /*key*/, auto& row) {
+    damaged += row.handle == handle && !row.damaged ? 1 : 0;
+    row.damaged = row.damaged || row.handle == handle;
+  };
+  members.each(look);
+  groups.each(look);
+  for (auto& table : flowTables) {
+    table.each(look);
+  }
 }
 
 // Writes.
-
-void Model::perform(const Batch& batch) {
-  beginBatch(running);
-  for (const Write& one : batch.writes) {
-    ++writes;
-    std::visit([this](const auto& given) { write(given); }, one);
-  }
-  settle();
-  for (const Update& update : finishBatch()) {
-    print(update);
-  }
-}
 
 template <class Rows, class Key, class Store, class Heard>
 void Model::writeRow(Rows& rows, const Key& key, Update update, const std::string& name,
@@ -106,12 +115,14 @@ void Model::writeRow(Rows& rows, const Key& key, Update update, const std::strin
   }
   enter(update, alias);
   apply([&] {
+    damaged -= stored != nullptr && stored->damaged ? 1 : 0;
     if (update.op == Op::delete_) {
       rows.erase(key);
     } else {
       auto& row = rows.at(key);
-      row.handle = update.handle;
       store(row);
+      row.handle = update.handle;
+      row.damaged = false;
     }
     if (running) {
       heard();
@@ -119,25 +130,22 @@ void Model::writeRow(Rows& rows, const Key& key, Update update, const std::strin
   });
 }
 
-void Model::write(const FlowWrite& write) {
+void Model::writeFlow(Op op, const FlowKey& key, const FlowActions& actions) {
   writeRow(
-      flowTables.at(write.key.table), write.key, {.op = write.op, .kind = Kind::flow_},
-      "a flow with this key", [&](FlowRow& row) { row.actions = write.actions; },
-      [&] { handleFlow(write.key); });
+      flowTables.at(key.table), key, {.op = op, .kind = Kind::flow_}, "a flow with this key",
+      [&](FlowRow& row) { row.actions = actions; }, [&] { handleFlow(key); });
 }
 
-void Model::write(const MemberWrite& write) {
+void Model::writeMember(Op op, std::uint32_t id, const MemberRow& given) {
   writeRow(
-      members, write.id, {.op = write.op, .kind = Kind::member_, .id = write.id},
-      "member " + std::to_string(write.id), [&](MemberRow& row) { row.write = write; },
-      [&] { handleMember(write.id); });
+      members, id, {.op = op, .kind = Kind::member_, .id = id}, "member " + std::to_string(id),
+      [&](MemberRow& row) { row = given; }, [&] { handleMember(id); });
 }
 
-void Model::write(const GroupWrite& write) {
+void Model::writeGroup(Op op, std::uint32_t id, const std::vector<std::uint32_t>& list) {
   writeRow(
-      groups, write.id, {.op = write.op, .kind = Kind::group_, .id = write.id},
-      "group " + std::to_string(write.id), [&](GroupRow& row) { row.members = write.members; },
-      [&] { handleGroup(write.id); });
+      groups, id, {.op = op, .kind = Kind::group_, .id = id}, "group " + std::to_string(id),
+      [&](GroupRow& row) { row.members = list; }, [&] { handleGroup(id); });
 }
 
 // The books.
@@ -163,18 +171,24 @@ void Model::enter(const Update& update, Handle alias) {
   batch_.push_back(update);
   current_ = batch_.size() - 1;
   batch_.back().state = live_ ? State::pending_ : State::stored_;
+  if (update.op != Op::announce_) {
+    books_.at(update.handle).op = update.op;
+    books_.at(update.handle).since = now_;
+  }
   if (!live_) {
     return;
   }
   currentAlias_ = alias;
-  const Book& book = hold(update.handle);
+  Book& book = hold(update.handle);
   if (alias != 0) {
     if (!books_.contains(alias)) {
       Book& known = books_[alias];
       known.key = book.key;
       known.stored = false;
     }
-    hold(alias);
+    Book& known = hold(alias);
+    known.op = update.op;
+    known.since = now_;
     aliases_.push_back(alias);
   }
 }
@@ -207,9 +221,9 @@ void Model::leave(const std::optional<RangeError>& failure) {
   currentAlias_ = 0;
 }
 
-// A result completes the update that is being applied, if it is for its entry; otherwise all that wait
-// under its handle; otherwise the delete that is being applied, of which the library has said under which
-// handle it knew the key. Any other is a report.
+// A result completes the update that is being applied, if it is for its entry; otherwise all that
+// wait under its handle; otherwise the delete that is being applied, of which the library has said
+// under which handle it knew the key. Any other is a report.
 void Model::result(Handle handle, unsigned code, const std::string& message) {
   const auto found = books_.find(handle);
   Book* const book = found == books_.end() ? nullptr : &found->second;
@@ -342,13 +356,22 @@ void Model::dropEntry(Handle handle) {
 void Model::clearVrfRecords(Handle handle) {
   for (auto vrf = vrfs.begin(); vrf != vrfs.end();) {
     VrfState& state = vrf->second;
-    const bool creator = state.creator == handle;
-    const bool deletor = state.deletor == handle;
-    state.creator = creator ? std::nullopt : state.creator;
-    state.deletor = deletor ? std::nullopt : state.deletor;
-    const bool unused = state.users.value_or(0) == 0 && !state.creator && !state.deletor;
-    vrf = (creator || deletor) && unused ? vrfs.erase(vrf) : std::next(vrf);
+    const bool recorded = state.creator == handle || state.deletor == handle;
+    state.creator = state.creator == handle ? 0 : state.creator;
+    state.deletor = state.deletor == handle ? 0 : state.deletor;
+    vrf = recorded && state == VrfState{} ? vrfs.erase(vrf) : std::next(vrf);
   }
+}
+
+std::map<Handle, std::string> Model::pending() const {
+  std::map<Handle, std::string> all;
+  for (const auto& [handle, book] : books_) {
+    if (book.pending) {
+      all[handle] = text(book.op) + " in " + std::to_string(book.key.table) + " since " +
+                    std::to_string(book.since);
+    }
+  }
+  return all;
 }
 
 void Model::forget() {
@@ -371,19 +394,20 @@ void Model::forget() {
   handleOf.clear();
   vrfOf.clear();
   dependents.clear();
+  refusedFlows_.clear();
+  refusedGroups_.clear();
 }
 
 // The library's life.
 
-void Model::perform(const Stop& /*stop*/) {
+void Model::stop() {
   if (!running) {
     return error("read 'stop', expected 'start' first: the library is stopped");
   }
   forget();
-  settle();
 }
 
-void Model::perform(const Start& start) {
+void Model::start(bool bare) {
   if (running) {
     return error("read 'start', expected 'stop' first: the library is running");
   }
@@ -393,17 +417,16 @@ void Model::perform(const Start& start) {
     createLibrary();
   } catch (const RangeError& refused) {
     forget();
-    settle();
     return error(refused.text);
   }
-  if (!start.bare) {
+  if (!bare) {
     announce();
   }
   settle();
   finishAnnouncement();
 }
 
-void Model::perform(const Resync& /*resync*/) {
+void Model::resync() {
   if (!running) {
     return error("read 'resync', expected 'start' first: the library is stopped");
   }
@@ -414,37 +437,41 @@ void Model::perform(const Resync& /*resync*/) {
   finishAnnouncement();
 }
 
+// Calls visit(kind, handle, id, heard) with what the library does when it hears of the row.
+template <class Visit>
+void Model::eachStored(Visit visit) {
+  eachRow(members, AtDamage::goOn_, [&](std::uint32_t id, const MemberRow& row) {
+    visit(Kind::member_, row.handle, id, [=, this] { handleMember(id); });
+  });
+  eachRow(groups, AtDamage::goOn_, [&](std::uint32_t id, const GroupRow& row) {
+    visit(Kind::group_, row.handle, id, [=, this] { handleGroup(id); });
+  });
+  for (auto& table : flowTables) {
+    eachRow(table, AtDamage::goOn_, [&](const FlowKey& key, const FlowRow& row) {
+      visit(Kind::flow_, row.handle, 0U, [&] { handleFlow(key); });
+    });
+  }
+}
+
 void Model::enterAnnouncements() {
-  const auto enterRow = [this](Kind kind, Handle handle, std::uint32_t id) {
+  eachStored([this](Kind kind, Handle handle, std::uint32_t id, auto /*heard*/) {
     enter({.op = Op::announce_, .kind = kind, .handle = handle, .id = id});
     leave(std::nullopt);
-  };
-  members.each(
-      [&](std::uint32_t id, const MemberRow& row) { enterRow(Kind::member_, row.handle, id); });
-  groups.each(
-      [&](std::uint32_t id, const GroupRow& row) { enterRow(Kind::group_, row.handle, id); });
-  for (auto& table : flowTables) {
-    table.each([&](const FlowKey&, const FlowRow& row) { enterRow(Kind::flow_, row.handle, 0); });
-  }
+  });
 }
 
 void Model::announce() {
   std::size_t at = 0;  // in the same order as they were entered
-  const auto announceRow = [&](auto heard) {
+  eachStored([&](Kind /*kind*/, Handle handle, std::uint32_t /*id*/, auto heard) {
+    hold(handle);
     Update& update = batch_[at];
-    hold(update.handle);
     update.openUnder = 0;
     update.state = State::pending_;
     update.code = 0;
     update.message.clear();
     current_ = at++;
     apply(heard);
-  };
-  members.each([&](std::uint32_t id, const MemberRow&) { announceRow([&] { handleMember(id); }); });
-  groups.each([&](std::uint32_t id, const GroupRow&) { announceRow([&] { handleGroup(id); }); });
-  for (auto& table : flowTables) {
-    table.each([&](const FlowKey& key, const FlowRow&) { announceRow([&] { handleFlow(key); }); });
-  }
+  });
 }
 
 void Model::finishAnnouncement() {

@@ -1,5 +1,5 @@
-// A map that is walked in the order of its slots, of which the one freed last is filled first: the order in
-// which the switch's tables and collections are walked.
+// A map that is walked in the order of its slots, of which the one freed last is filled first: the
+// order in which the switch's tables and collections are walked.
 //
 // Thread and process rule: a value.
 #pragma once
@@ -66,6 +66,12 @@ class SlotMap {
         visit(slot->first, slot->second);
       }
     }
+  }
+
+  [[nodiscard]] std::map<Key, Value> asMap() const {
+    std::map<Key, Value> all;
+    each([&all](const Key& key, const Value& value) { all.emplace(key, value); });
+    return all;
   }
 
  private:

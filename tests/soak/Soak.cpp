@@ -29,7 +29,9 @@ class Switch {
     }
     Lines out;
     for (std::string line; std::getline(out_, line);) {
-      out.push_back(line);
+      if (line.find("is corrupt: ") == std::string::npos) {
+        out.push_back(line);
+      }
     }
     out_.str({});
     out_.clear();
@@ -51,11 +53,13 @@ class Switch {
 // Looks at everything that can be seen, and says what differs first.
 class Comparison {
  public:
-  Comparison(const Switch& real, const Model& model)
+  Comparison(const Switch& real, Model& model)
       : service_{real.service()}, agent_{real.agent()}, model_{model} {}
 
   std::string difference() {
-    service_.verify();
+    if (model_.damaged == 0) {
+      service_.verify();
+    }
     agent_.verify();
     same("the library is running", service_.running(), model_.running);
     flows();
@@ -64,6 +68,8 @@ class Comparison {
     entries();
     hardware();
     statusTables();
+    pending();
+    audit();
     return difference_;
   }
 
@@ -78,70 +84,71 @@ class Comparison {
       difference_ = text.str();
     }
   }
+  template <class Key, class Value>
+  void same(const std::string& what, const std::map<Key, Value>& real,
+            const std::map<Key, Value>& expected) {
+    const auto missing = [](const auto& all, const auto& from) {
+      return std::find_if(all.begin(), all.end(),
+                          [&](const auto& one) { return !from.contains(one.first); });
+    };
+    std::ostringstream text;
+    if (const auto more = missing(real, expected); more != real.end()) {
+      text << what << more->first << " is there";
+    } else if (const auto lacks = missing(expected, real); lacks != expected.end()) {
+      text << what << lacks->first << " is not there";
+    }
+    same(text.str(), text.str().empty(), true);
+    for (const auto& [key, value] : expected) {
+      if (difference_.empty() && !(real.at(key) == value)) {
+        text << what << key;
+        same(text.str(), real.at(key), value);
+      }
+    }
+  }
 
   void flows() {
-    const auto views = service_.flows();
-    same("the number of Corvex flows", views.size(), model_.corvexFlows.size());
-    for (const Sim::FlowView& view : views) {
-      const CorvexFlowState* const flow = model_.corvexFlows.find(*view.name);
-      same("a Corvex flow " + *view.name, true, flow != nullptr);
-      if (flow == nullptr) {
-        return;
-      }
-      same("the match of " + *view.name, view.flow->match(), flow->match);
-      same("the actions of " + *view.name, view.flow->actions(), flow->actions);
-      same("the priority of " + *view.name, view.flow->priority().value(), flow->priority);
-      same("the priority group of " + *view.name, view.flow->priorityGroupType(),
-           flow->priorityGroup);
-      same("the table type of " + *view.name, static_cast<std::int32_t>(view.flow->tableType()),
-           flow->tableType);
-      same("the entry id of " + *view.name, view.flow->entryId(), flow->entryId);
-      same("the change count of " + *view.name, view.flow->changeCount(), flow->changeCount);
-      same("the rest of " + *view.name,
-           view.flow->persistent() && !view.flow->sendFlowRemoved() && view.flow->cookie() == 0 &&
-               view.flow->idleTimeout() == 0 && view.flow->hardTimeout() == 0,
+    std::map<std::string, CorvexFlowState> real;
+    for (const auto& [name, flow] : service_.flows()) {
+      real[*name] = {flow->match(),
+                     flow->actions(),
+                     flow->priority().value(),
+                     flow->priorityGroupType(),
+                     static_cast<std::int32_t>(flow->tableType()),
+                     flow->entryId(),
+                     flow->changeCount()};
+      same("the rest of " + *name,
+           flow->persistent() && !flow->sendFlowRemoved() && flow->cookie() == 0 &&
+               flow->idleTimeout() == 0 && flow->hardTimeout() == 0,
            true);
     }
+    same("Corvex flow ", real, model_.corvexFlows.asMap());
   }
 
   void groups() {
-    const auto views = service_.groups();
-    same("the number of Corvex groups", views.size(), model_.corvexGroups.size());
-    for (const auto* const view : views) {
-      const std::string what = "Corvex group " + std::to_string(view->id());
-      const auto group = model_.corvexGroups.find(view->id());
-      same(what, true, group != model_.corvexGroups.end());
-      if (group == model_.corvexGroups.end()) {
-        return;
+    std::map<std::uint64_t, CorvexGroupState> real;
+    for (const auto* const group : service_.groups()) {
+      CorvexGroupState& state = real[group->id()];
+      state = {static_cast<unsigned>(group->groupType()), {}, group->changeCount()};
+      for (const auto& bucket : group->bucket()) {
+        state.buckets.push_back(bucket.actions);
       }
-      same("the type of " + what, static_cast<unsigned>(view->groupType()), group->second.type);
-      same("the change count of " + what, view->changeCount(), group->second.changeCount);
-      same("the flags of " + what, view->ready() && !view->deleted(), true);
-      same(
-          "the buckets of " + what,
-          std::equal(view->bucket().begin(), view->bucket().end(), group->second.buckets.begin(),
-                     group->second.buckets.end(),
-                     [](const auto& real, const auto& actions) { return real.actions == actions; }),
-          true);
+      same("the flags of group " + std::to_string(group->id()), group->ready() && !group->deleted(),
+           true);
     }
+    same("Corvex group ", real, model_.corvexGroups);
   }
 
   void vrfs() {
-    const auto views = service_.vrfs();
-    same("the number of VRFs", views.size(), model_.vrfs.size());
-    for (const Sim::VrfView& view : views) {
-      const auto found = model_.vrfs.find(view.vrf);
-      const VrfState vrf = found == model_.vrfs.end() ? VrfState{} : found->second;
-      const std::string what = "VRF " + std::to_string(view.vrf);
-      same("the users of " + what, view.refCount, vrf.users.value_or(0));
-      same("the creator of " + what, Handle{view.creator}, vrf.creator.value_or(0));
-      same("the deletor of " + what, Handle{view.deletor}, vrf.deletor.value_or(0));
+    std::map<std::uint32_t, VrfState> real;
+    for (const Sim::VrfView& view : service_.vrfs()) {
+      real[view.vrf] = {view.refCount, Handle{view.creator}, Handle{view.deletor}};
     }
+    same("VRF ", real, model_.vrfs);
     std::map<Handle, std::uint32_t> dependents;
     for (const Sim::DependentView& view : service_.dependents()) {
       dependents[view.handle] = view.vrf;
     }
-    same("the entries that a VRF waits for", dependents, model_.dependents);
+    same("dependent ", dependents, model_.dependents);
   }
 
   void entries() {
@@ -156,13 +163,15 @@ class Comparison {
       table.each([&](const FlowKey& key, const FlowRow& row) {
         const auto handle = model_.handleOf.find(key);
         const auto vrf = model_.vrfOf.find(key);
-        expected[row.handle] = entryText(
-            key.table, handle != model_.handleOf.end() && handle->second == row.handle,
-            vrf == model_.vrfOf.end() || vrf->second == noVrf ? std::nullopt
-                                                              : std::optional{vrf->second});
+        if (!row.damaged) {
+          expected[row.handle] = entryText(
+              key.table, handle != model_.handleOf.end() && handle->second == row.handle,
+              vrf == model_.vrfOf.end() || vrf->second == noVrf ? std::nullopt
+                                                                : std::optional{vrf->second});
+        }
       });
     }
-    same("the stored entries", real, expected);
+    same("entry ", real, expected);
   }
   static std::string entryText(unsigned table, bool indexed, std::optional<std::uint32_t> vrf) {
     return std::to_string(table) + (indexed ? " indexed" : "") +
@@ -179,39 +188,62 @@ class Comparison {
     for (const auto& group : agent_.status().groupStats()) {
       groups[group.key] = static_cast<std::uint32_t>(group.value.status());
     }
-    same("the status of the flows", flows, asMap(model_.flowStatus));
-    same("the status of the groups", groups, asMap(model_.groupStatus));
+    same("the status of flow ", flows, model_.flowStatus.asMap());
+    same("the status of group ", groups, model_.groupStatus.asMap());
     same("what is published", agent_.publishedFlows().size(),
          model_.published ? model_.flowStatus.size() : 0);
   }
-  template <class Key>
-  static std::map<Key, std::uint32_t> asMap(const SlotMap<Key, std::uint32_t>& statuses) {
-    std::map<Key, std::uint32_t> all;
-    statuses.each([&](const Key& key, std::uint32_t status) { all[key] = status; });
-    return all;
-  }
 
   void statusTables() {
-    std::map<std::pair<unsigned, Handle>, StatusRow> real;
-    for (unsigned table = 0; table < model_.flowTables.size(); ++table) {
+    std::map<Handle, StatusRow> real;
+    std::map<Handle, StatusRow> expected;
+    const auto place = [](std::uint64_t table, Handle handle) { return table << 56U | handle; };
+    for (std::uint64_t table = 0; table < model_.flowTables.size(); ++table) {
       const auto status = service_.entityManager()->entity<Ostra::OstraStatus>(
           std::string{Sim::flowStatusDir} + "/" + std::to_string(table));
       Vasta::Hint hint;
       while (const auto* const row = status->table().next(hint)) {
-        real[{table, row->entryHandle}] = {
+        real[place(table, row->entryHandle)] = {
             row->entryHandle, static_cast<std::uint32_t>(row->errorCode), row->deleted, row->genId};
       }
     }
-    std::map<std::pair<unsigned, Handle>, StatusRow> expected;
     for (const auto& [key, row] : model_.statusRows) {
-      expected[{key.table, row.handle}] = row;
+      expected[place(key.table, row.handle)] = row;
     }
-    same("the status tables", real, expected);
+    same("status row ", real, expected);
+  }
+
+  void pending() {
+    std::map<Handle, std::string> real;
+    for (const Sim::PendingView& view : service_.pending()) {
+      real[view.handle] = std::string{text(view.op)} + " in " + std::to_string(view.table) +
+                          " since " + std::to_string(view.since);
+    }
+    same("the pending entry ", real, model_.pending());
+  }
+
+  // All that an audit finds, with every answer of the hardware overdue.
+  void audit() {
+    const auto expected = model_.running ? model_.audit() : std::nullopt;
+    if (!expected) {
+      return;
+    }
+    Lines real;
+    const auto report = service_.audit({.answerLimit = -1});
+    for (const Ostra::AuditFinding& finding : report.value().findings) {
+      real.push_back((finding.fault ? "fault " : "expected ") +
+                     std::string{auditKindText(finding.kind)} + " " + finding.about);
+    }
+    std::sort(real.begin(), real.end());
+    for (std::size_t at = 0; at < std::max(real.size(), expected->size()); ++at) {
+      same("a finding", at < real.size() ? real[at] : "none",
+           at < expected->size() ? (*expected)[at] : "none");
+    }
   }
 
   const Sim::Service& service_;
   const Sim::HwAgent& agent_;
-  const Model& model_;
+  Model& model_;
   std::string difference_;
 };
 
@@ -268,12 +300,9 @@ void removeCommands(History& history) {
 
 void removeWrites(History& history) {
   for (std::size_t at = 0; at < history.size(); ++at) {
-    for (std::size_t one = 0; std::holds_alternative<Batch>(history[at]);) {
+    for (std::size_t one = 0; history[at].isBatch && one < history[at].steps.size();) {
       History fewer = history;
-      auto& writes = std::get<Batch>(fewer[at]).writes;
-      if (one >= writes.size()) {
-        break;
-      }
+      auto& writes = fewer[at].steps;
       writes.erase(writes.begin() + static_cast<std::ptrdiff_t>(one));
       if (differs(fewer)) {
         history = std::move(fewer);

@@ -21,7 +21,8 @@ struct Outcome {
 // Plays a given history.
 [[nodiscard]] Outcome replay(const History& history);
 
-// A part of the history, as small as removing commands and writes makes it, that still ends in a difference.
+// A part of the history, as small as removing commands and writes makes it, that still ends in a
+// difference.
 [[nodiscard]] History shrunk(History history);
 
 // The difference and the history, as a script for ostra-sim.
