@@ -1,5 +1,8 @@
 #include "Ostra/OstraSm.h"
 
+#include <algorithm>
+#include <array>
+
 #include "Ostra/FlowUtil.h"
 #include "Ostra/Trace.h"
 #include "Ostra/private/FlowIndex.h"
@@ -155,6 +158,24 @@ void OstraSm::handleFlowConfig(const OstraKey& key) {
   }
 }
 
+void OstraSm::prefetch(std::span<const OstraKey* const> keys) const noexcept {
+  if (!inputs_.cxHwConfig) {
+    return;
+  }
+  keys = keys.first(std::min(keys.size(), prefetchable));
+  std::array<std::uint32_t, prefetchable> hashes;
+  std::transform(keys.begin(), keys.end(), hashes.begin(),
+                 [](const OstraKey* key) { return key->hash(0); });
+  index_->prefetch(std::span{hashes}.first(keys.size()));
+  std::size_t known = 0;
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (const auto handle = index_->handle({*keys[i], hashes[i]})) {
+      hashes[known++] = Korm::HashedName{FlowName{*handle}.text()}.hash();
+    }
+  }
+  inputs_.cxHwConfig->flowEntries().prefetch(std::span{hashes}.first(known));
+}
+
 void OstraSm::handleFlowConfigImpl(const HashedKey& key) {
   if (!inputs_.cxHwConfig) {
     traceNoConfig(key.key);
@@ -180,6 +201,9 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   const P4Runtime::EntryHandle handle = entry.entryHandle;
   const FlowName builtName{handle};
   const Korm::HashedName name{builtName.text()};
+  // What the write looks up arrives while the entry is being translated.
+  index_->prefetch(key.hash);
+  inputs_.cxHwConfig->flowEntries().prefetch(name.hash());
   traceInsert(name.text());
 
   class LiveEffects final : public Effects {

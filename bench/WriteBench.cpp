@@ -84,10 +84,28 @@ void writeDelete(benchmark::State& state) {
   }
 }
 
+// The comparison of everything that is stored, rows to hardware, where all is well.
+void audit(benchmark::State& state) {
+  const auto count = static_cast<std::size_t>(state.range(0));
+  Switch side{count};
+  side.writeAll(Op::insert_);
+  for (auto _ : state) {
+    timeEach(state, 1, [&] {
+      const auto report = side.service.audit();
+      require(report && report->flows == count && report->findings.empty(), "all is well");
+    });
+  }
+}
+
 const bool registered = [] {
   registerSizes("BM_WriteInsert", writeInsert);
   registerSizes("BM_WriteModify", writeModify);
   registerSizes("BM_WriteDelete", writeDelete);
+  benchmark::RegisterBenchmark("BM_Audit", audit)
+      ->Arg(100'000)
+      ->Iterations(3)
+      ->UseManualTime()
+      ->Unit(benchmark::kMillisecond);
   return true;
 }();
 

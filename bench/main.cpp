@@ -49,6 +49,7 @@ constexpr Target targets[] = {
     {"BM_GroupRebuild/64", 25},
     {"BM_GroupRebuild/1024", 25},
     {"BM_Reconcile/100000", 100'000'000},
+    {"BM_Audit/100000", 150'000'000},
     {"BM_TableIs/100000", 200},
     {"BM_TableFind/100000", 100},
     {"BM_TableReaderCopy/100000", 150},

@@ -143,8 +143,13 @@ void Service::stop() {
 std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
   transactions_->begin(batch.size(), running());
-  for (const Update& update : batch) {
-    writer.apply(update);
+  for (std::span<const Update> left = batch; !left.empty();) {
+    const auto next = left.first(std::min(left.size(), Ostra::OstraSm::prefetchable));
+    writer.prefetchRemoved(next);
+    for (const Update& update : next) {
+      writer.apply(update);
+    }
+    left = left.subspan(next.size());
   }
   settle();
   return transactions_->finish();

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "Ostra/OstraTypes.h"
@@ -14,7 +15,8 @@ namespace Ostra {
 // A key with its hash, so that a key is hashed once on its way through the library.
 // Requires: the key outlives this object, which only refers to it.
 struct HashedKey {
-  explicit HashedKey(const OstraKey& itsKey) noexcept : key{itsKey}, hash{itsKey.hash(0)} {}
+  explicit HashedKey(const OstraKey& itsKey) noexcept : HashedKey{itsKey, itsKey.hash(0)} {}
+  HashedKey(const OstraKey& itsKey, std::uint32_t itsHash) noexcept : key{itsKey}, hash{itsHash} {}
 
   const OstraKey& key;
   const std::uint32_t hash;
@@ -62,6 +64,10 @@ class FlowIndex {
       refused_.erase(key.key, key.hash);
     }
   }
+
+  // As Korm::HashMap::prefetch(), by the hashes of keys.
+  void prefetch(std::uint32_t hash) const noexcept { map_.prefetch(hash); }
+  void prefetch(std::span<const std::uint32_t> hashes) const noexcept { map_.prefetch(hashes); }
 
   [[nodiscard]] std::size_t size() const noexcept { return map_.size(); }
   // Calls visit(key, handle, vrf) for each key.

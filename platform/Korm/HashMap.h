@@ -22,12 +22,14 @@
 #include <iterator>
 #include <memory>
 #include <new>
+#include <span>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "platform/Korm/Exceptions.h"
 #include "platform/Korm/Hash.h"
+#include "platform/Korm/Prefetch.h"
 
 namespace Korm {
 
@@ -52,6 +54,13 @@ class HashIndex {
       }
     }
     return none;
+  }
+
+  // Starts to load the words at which the search for this hash begins.
+  void prefetch(std::uint32_t hash) const noexcept {
+    if (!directory_.empty()) {
+      Korm::prefetch(segment(hash) + (hash & mask_), sizeof(std::uint64_t));
+    }
   }
 
   // Makes room for one more element with this hash, so that the next insert() cannot fail.
@@ -139,6 +148,23 @@ class HashMap {
   template <class K>
   [[nodiscard]] const Entry* find(const K& key, std::uint32_t hash) const noexcept {
     return const_cast<HashMap*>(this)->find(key, hash);
+  }
+
+  // Starts to load the elements with these hashes, for a caller that has other work to do before it
+  // looks them up: a look-up in a large map waits for memory twice. Changes nothing but the time.
+  void prefetch(std::span<const std::uint32_t> hashes) const noexcept {
+    for (const std::uint32_t hash : hashes) {
+      index_.prefetch(hash);
+    }
+    for (const std::uint32_t hash : hashes) {
+      prefetch(hash);
+    }
+  }
+  void prefetch(std::uint32_t hash) const noexcept {
+    const std::uint32_t slot = index_.find(hash, [](std::uint32_t) { return true; });
+    if (slot != HashIndex::none) {
+      Korm::prefetch(&node(slot), sizeof(Node));
+    }
   }
 
   // The element with this key, made from `args` if there is none; true when it was made.

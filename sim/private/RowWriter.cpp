@@ -1,5 +1,6 @@
 #include "sim/private/RowWriter.h"
 
+#include <array>
 #include <system_error>
 #include <type_traits>
 #include <utility>
@@ -114,6 +115,29 @@ const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
   }
   const auto found = library_->ostraSmColl().find(table);
   return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
+}
+
+void RowWriter::prefetchRemoved(std::span<const Update> updates) const {
+  std::array<const Ostra::OstraKey*, Ostra::OstraSm::prefetchable> keys;
+  std::size_t count = 0;
+  std::uint8_t table = 0;
+  const auto prefetch = [&] {
+    if (const Ostra::OstraSm* const its = machine(table); its != nullptr && count > 0) {
+      its->prefetch(std::span{keys}.first(count));
+    }
+    count = 0;
+  };
+  for (const Update& update : updates) {
+    if (update.op() != Op::delete_ || update.kind() != Kind::flow_) {
+      continue;
+    }
+    if (update.table() != table || count == keys.size()) {
+      prefetch();
+      table = update.table();
+    }
+    keys[count++] = &update.flow().flowKey;
+  }
+  prefetch();
 }
 
 void RowWriter::apply(const Update& update) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "Ostra/Ostra.h"
@@ -26,6 +27,9 @@ class RowWriter {
   // Applies an update, which is then in the books with what has come of it so far. A range
   // exception that leaves the library is such a result.
   void apply(const Update& update);
+
+  // Has the library start to load what it knows of the flows that the updates will remove.
+  void prefetchRemoved(std::span<const Update> updates) const;
 
   // How many rows are stored.
   [[nodiscard]] std::size_t storedRows();
