@@ -7,8 +7,10 @@
 #include "p4rt/core/Audit.h"
 #include "p4rt/core/Batch.h"
 #include "p4rt/core/Fault.h"
+#include "p4rt/core/Keeper.h"
 #include "p4rt/core/Reader.h"
 #include "p4rt/core/Reconciliation.h"
+#include "p4rt/core/Restoration.h"
 #include "sim/Service.h"
 
 namespace P4rt {
@@ -70,7 +72,12 @@ struct Realized {
 class Engine::State {
  public:
   State(Sim::Service& service, Timers& timers, EngineOptions options)
-      : service_{service}, timers_{timers}, options_{options} {}
+      : service_{service},
+        timers_{timers},
+        options_{options},
+        keeper_{options.keeps ? &service.blobs() : nullptr} {}
+
+  std::vector<std::string> resume();
 
   // Runs once everything accepted before is through; `refused` when the engine is shutting down. To end
   // with finished().
@@ -115,14 +122,16 @@ class Engine::State {
  private:
   void pump();
   void run(const WriteRequest& request, std::function<void(Batch::Outcomes&&)> done);
-  void commit(Realized&& next, const Done& done);
+  // `saved`: it is the saved one, and is so again when that fails.
+  void commit(Realized&& next, const Done& done, bool saved = false);
   void reconcile(Realized&& next, const Done& done);
   // Deletes what `removal_` says, then puts the new configuration in place.
-  void replace(Realized&& next, std::unique_ptr<Store> store, const Done& done);
+  void replace(Realized&& next, std::unique_ptr<Store> store, const Done& done, bool saved);
 
   Sim::Service& service_;
   Timers& timers_;
   const EngineOptions options_;
+  Keeper keeper_;
 
   std::deque<Task> tasks_;
   bool busy_ = false;
@@ -135,6 +144,31 @@ class Engine::State {
   WriteRequest removal_;
   std::unique_ptr<Batch> batch_;
 };
+
+std::vector<std::string> Engine::State::resume() {
+  const bool nothing = storesNothing(service_);
+  try {
+    if (!keeper_.open()) {
+      if (!nothing) {
+        throw ResumeError{"what is kept is no P4Runtime server's"};
+      }
+      keeper_.create();
+      return {};
+    }
+    if (const auto config = keeper_.config(Keeper::Kind::committed_)) {
+      committed_.emplace(*config);
+    } else if (!nothing) {
+      throw ResumeError{"the forwarding pipeline that was kept is damaged"};
+    }
+    if (const auto config = keeper_.config(Keeper::Kind::saved_)) {
+      saved_.emplace(*config);
+    }
+  } catch (const Fault& fault) {
+    throw ResumeError{"the forwarding pipeline that was kept: " + fault.message};
+  }
+  return committed_ ? restore(*committed_->pipeline, keeper_, *store_, service_)
+                    : std::vector<std::string>{};
+}
 
 void Engine::State::pump() {
   if (pumping_) {
@@ -151,12 +185,13 @@ void Engine::State::pump() {
 }
 
 void Engine::State::run(const WriteRequest& request, std::function<void(Batch::Outcomes&&)> done) {
-  batch_ = std::make_unique<Batch>(
-      Batch::Parts{*committed_->pipeline, *store_, service_, timers_, options_.writeTimeout},
-      request, [this, done = std::move(done)](Batch::Outcomes&& outcomes) {
-        const auto over = std::move(batch_);
-        done(std::move(outcomes));
-      });
+  batch_ =
+      std::make_unique<Batch>(Batch::Parts{*committed_->pipeline, *store_, keeper_, service_,
+                                           timers_, options_.writeTimeout},
+                              request, [this, done = std::move(done)](Batch::Outcomes&& outcomes) {
+                                const auto over = std::move(batch_);
+                                done(std::move(outcomes));
+                              });
   batch_->start();
 }
 
@@ -203,7 +238,7 @@ void Engine::State::setPipeline(const SetForwardingPipelineConfigRequest& reques
     if (!saved_) {
       refuse(Code::notFound_, "no configuration is saved");
     }
-    commit(*std::exchange(saved_, std::nullopt), done);
+    commit(*std::exchange(saved_, std::nullopt), done, true);
     return;
   }
   if (request.action() == Request::UNSPECIFIED || !Request::Action_IsValid(request.action())) {
@@ -215,6 +250,8 @@ void Engine::State::setPipeline(const SetForwardingPipelineConfigRequest& reques
   Realized next{request.config()};
   switch (request.action()) {
     case Request::VERIFY_AND_SAVE:
+      keeper_.noteSaved(next.config);
+      keeper_.keepNoted();
       saved_ = std::move(next);
       break;
     case Request::VERIFY_AND_COMMIT:
@@ -229,12 +266,12 @@ void Engine::State::setPipeline(const SetForwardingPipelineConfigRequest& reques
   answer(done, {});
 }
 
-void Engine::State::commit(Realized&& next, const Done& done) {
+void Engine::State::commit(Realized&& next, const Done& done, bool saved) {
   removal_.clear_updates();
   if (committed_) {
     appendClearing(*committed_->pipeline, *store_, service_, removal_);
   }
-  replace(std::move(next), std::make_unique<Store>(), done);
+  replace(std::move(next), std::make_unique<Store>(), done, saved);
 }
 
 void Engine::State::reconcile(Realized&& next, const Done& done) {
@@ -245,10 +282,12 @@ void Engine::State::reconcile(Realized&& next, const Done& done) {
   Reconciliation outcome =
       P4rt::reconcile(*committed_->pipeline, *store_, service_, *next.pipeline);
   removal_ = std::move(outcome.removal);
-  replace(std::move(next), std::move(outcome.kept), done);
+  replace(std::move(next), std::move(outcome.kept), done, false);
 }
 
-void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const Done& done) {
+void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const Done& done,
+                            bool saved) {
+  keeper_.noteCommitted(next.config);
   // A function object is copied, and what the batch is to leave behind cannot be.
   const auto after = std::make_shared<std::pair<Realized, std::unique_ptr<Store>>>(
       std::move(next), std::move(store));
@@ -259,16 +298,27 @@ void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const
     saved_.reset();
     answer(done, {});
   };
+  const auto fail = [this, after, done, saved](const Fault& fault) {
+    if (saved) {
+      saved_ = std::move(after->first);
+    }
+    answer(done, statusOf(fault));
+  };
   if (removal_.updates().empty()) {
+    try {
+      keeper_.keepNoted();
+    } catch (const Fault& fault) {
+      fail(fault);
+      return;
+    }
     install();
     return;
   }
   removal_.set_atomicity(WriteRequest::ROLLBACK_ON_ERROR);
-  run(removal_, [this, install, done](Batch::Outcomes&& outcomes) {
+  run(removal_, [install, fail](Batch::Outcomes&& outcomes) {
     for (const auto& outcome : outcomes) {
       if (outcome && outcome->code != Code::aborted_) {
-        answer(done, {.code = outcome->code,
-                      .message = "what is there could not be removed: " + outcome->message});
+        fail({outcome->code, "what is there could not be removed: " + outcome->message});
         return;
       }
     }
@@ -349,6 +399,8 @@ void Engine::shutDown(std::function<void()> done) {
   state_->stop();
   afterAccepted(std::move(done));
 }
+
+std::vector<std::string> Engine::resume() { return state_->resume(); }
 
 bool Engine::hasPipeline() const noexcept { return state_->hasPipeline(); }
 

@@ -18,6 +18,16 @@
 // answer by then is undone and fails with DEADLINE_EXCEEDED. What failed leaves nothing behind in the
 // switch.
 //
+// One that keeps what it holds does so in the shared memory of the service, so that another one goes on with
+// it after its process has died: with every request that was answered with OK, and those that were not
+// answered as a whole or not at all (of a Write that does not roll back a first part of the updates). What is
+// read then is what it was; counters begin anew.
+//
+//   Sim::Service service{&sharedMemory};
+//   P4rt::Engine engine{service, timers, {.keeps = true}};
+//   for (const std::string& text : engine.resume()) ...
+//   service.start();
+//
 // Thread and process rule: the activity thread.
 // Ownership: service and timers outlive the engine, which is the only one to write flows, members and
 // groups through the service. A request lives until its last callback has returned. When the engine is
@@ -27,6 +37,9 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "p4/v1/p4runtime.pb.h"
 #include "p4rt/RpcStatus.h"
@@ -41,6 +54,13 @@ namespace P4rt {
 struct EngineOptions {
   // How long the hardware may take to answer a Write.
   std::chrono::milliseconds writeTimeout{5000};
+  bool keeps = false;
+};
+
+// What the shared memory holds cannot be gone on with.
+class ResumeError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
 };
 
 class Engine {
@@ -52,6 +72,11 @@ class Engine {
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
+
+  // Goes on with what is kept, and begins to keep where nothing is. Returns a text for everything that was
+  // damaged and is dropped. Throws ResumeError. Requires: the engine keeps, nothing has been asked of it yet,
+  // and the service's library does not run.
+  std::vector<std::string> resume();
 
   // FAILED_PRECONDITION without a pipeline, UNKNOWN with an Error per update if some update failed.
   void write(const p4::v1::WriteRequest& request, Done done);

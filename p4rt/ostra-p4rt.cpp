@@ -51,16 +51,23 @@ class Program {
   Status run() {
     std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
-      sharedMemory.emplace(options_.shm,
-                           options_.discard ? Sim::Leftover::discard_ : Sim::Leftover::refuse_);
+      sharedMemory.emplace(options_.shm, options_.leftover);
     }
+    const LeftoverGuard guard{*this,
+                              sharedMemory && sharedMemory->resuming() ? &*sharedMemory : nullptr};
     Sim::Service service{sharedMemory ? &*sharedMemory : nullptr};
     Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
-    service.start();
-    service.reportsGatheredIs(false);
     P4rt::Loop loop;
-    P4rt::Engine engine{service, loop, {.writeTimeout = options_.writeTimeout}};
+    P4rt::Engine engine{
+        service, loop, {.writeTimeout = options_.writeTimeout, .keeps = sharedMemory.has_value()}};
+    if (sharedMemory) {
+      for (const std::string& text : engine.resume()) {
+        printer_->error("resume", text);
+      }
+    }
     P4rt::Console console{loop, service, agent, *printer_, out_};
+    console.start();
+    service.reportsGatheredIs(false);
     if (!options_.config.empty() && !console.play(options_.config)) {
       return badInput;
     }
@@ -68,6 +75,7 @@ class Program {
     P4rt::Server server{loop, engine, serverOptions()};
     const auto shutDown = [&] { server.shutDown([&] { loop.stop(); }); };
     announce(server);
+    up_ = true;
     signals_.watch([&] { loop.post(shutDown); });
     if (hasConsole()) {
       console.readInput(prompts(), shutDown);
@@ -77,6 +85,17 @@ class Program {
   }
 
  private:
+  // What was to be gone on with is lost only by a switch that has come up.
+  struct LeftoverGuard {
+    ~LeftoverGuard() {
+      if (leftover != nullptr && !program.up_) {
+        leftover->keep();
+      }
+    }
+    const Program& program;
+    Sim::SharedMemory* leftover;
+  };
+
   [[nodiscard]] std::unique_ptr<Cli::Printer> makePrinter(Cli::Output& errors) const {
     if (options_.json) {
       return std::make_unique<Cli::JsonPrinter>(out_);
@@ -154,6 +173,7 @@ class Program {
   }
 
   const P4rt::Options& options_;
+  bool up_ = false;
   P4rt::Signals& signals_;
   Cli::Output& out_;
   const std::unique_ptr<Cli::Printer> printer_;
@@ -185,7 +205,8 @@ Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) 
   } catch (const P4rt::FileError& error) {
     return fail(badInput, error.what());
   } catch (const Sim::LeftoverError& error) {
-    return fail(failure, std::string{error.what()} + ": --discard removes them");
+    return fail(failure,
+                std::string{error.what()} + ": --resume goes on with them, --discard removes them");
   } catch (const BadInput& error) {
     return fail(badInput, error.what());
   } catch (const std::exception& error) {

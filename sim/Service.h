@@ -106,6 +106,12 @@ struct TableView {
   std::vector<EntryView> entries;  // by handle
 };
 
+// The stored members and groups, by id.
+struct ProfileView {
+  std::vector<P4Runtime::MemberOrGroupId> members;
+  std::vector<P4Runtime::MemberOrGroupId> groups;
+};
+
 class Service {
  public:
   // All objects and tables, with the library stopped. `shared` outlives the service; null for
@@ -214,6 +220,7 @@ class Service {
   [[nodiscard]] std::vector<DependentView> dependents() const;
   // The flow tables that store rows, by index.
   [[nodiscard]] std::vector<TableView> entries() const;
+  [[nodiscard]] ProfileView storedProfile() const;
 
   // Asserts the invariants of the books, of the tables and, of a running library, its indexes.
   // Looks at everything.

@@ -106,4 +106,19 @@ std::vector<TableView> Service::entries() const {
   return views;
 }
 
+ProfileView Service::storedProfile() const {
+  ProfileView view;
+  const auto collect = [this](const auto& table, auto idOf, auto& ids) {
+    forEachRow(
+        table, [&](const auto& row) { ids.push_back(idOf(row)); },
+        [this](const Vasta::Corruption& corruption) { objects_->faults.add(corruption.what()); });
+    std::sort(ids.begin(), ids.end());
+  };
+  collect(
+      objects_->memberTable(), [](const auto& row) { return row.memberId; }, view.members);
+  collect(
+      objects_->groupTable(), [](const auto& row) { return row.groupId; }, view.groups);
+  return view;
+}
+
 }  // namespace Sim

@@ -106,7 +106,7 @@ void Batch::advance() {
     }
     finishRun();
   }
-  if (stopped_) {
+  if (stopped_ || (rollsBack_ && !keepAll())) {
     rollBack();
   }
   finish();
@@ -233,6 +233,9 @@ Fault Batch::faultOf(const Sim::Result& result, const Sim::Update& write) const 
 void Batch::finishRun() {
   std::vector<Job*> undone;
   for (Job& job : run_) {
+    if (!failed(job) && !rollsBack_) {
+      keep(job);
+    }
     if (failed(job)) {
       undone.push_back(&job);
     } else if (!rollsBack_) {
@@ -255,6 +258,33 @@ void Batch::finishRun() {
   manyStages_ = false;
 }
 
+void Batch::keep(const Job& job) {
+  try {
+    parts_.keeper.note(job.change, request_.updates(static_cast<int>(job.update)).entity(),
+                       parts_.store);
+    parts_.keeper.keepNoted();
+  } catch (Fault& fault) {
+    outcomes_[job.update] = std::move(fault);
+  }
+}
+
+bool Batch::keepAll() {
+  for (const auto& run : runs_) {
+    for (const Job& job : run) {
+      parts_.keeper.note(job.change, request_.updates(static_cast<int>(job.update)).entity(),
+                         parts_.store);
+    }
+  }
+  try {
+    parts_.keeper.keepNoted();
+  } catch (Fault& fault) {
+    // Any of them is as good as the others.
+    outcomes_.front() = std::move(fault);
+    return false;
+  }
+  return true;
+}
+
 void Batch::undo(const std::vector<Job*>& jobs) {
   if (jobs.empty()) {
     return;
@@ -263,6 +293,9 @@ void Batch::undo(const std::vector<Job*>& jobs) {
     undoStage(stage, jobs);
   }
   for (Job* const job : jobs) {
+    if (job->lost) {
+      parts_.keeper.drop(job->change);
+    }
     revert(job->change, job->restored, parts_.store);
     if (job->lost) {
       drop(job->change, parts_.store);
@@ -307,6 +340,7 @@ void Batch::takeUndone(Job& job, const Sim::Result& result) {
 }
 
 void Batch::rollBack() {
+  parts_.keeper.forgetNoted();
   for (auto run = runs_.rbegin(); run != runs_.rend(); ++run) {
     std::vector<Job*> jobs;
     for (Job& job : *run) {
@@ -314,6 +348,9 @@ void Batch::rollBack() {
     }
     undo(jobs);
     for (const Job& job : *run) {
+      if (failed(job)) {  // of what could not be kept
+        continue;
+      }
       outcomes_[job.update] = {Code::aborted_,
                                job.lost ? "rolled back" + notRestored() : "rolled back"};
     }

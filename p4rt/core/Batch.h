@@ -3,10 +3,11 @@
 // Updates of one kind and one type that stand together go to the switch together: a run. The next one
 // begins when the hardware has answered for every update of this one or the batch's time is up. What the
 // switch has refused, and what has no answer by then, is undone before the next run, so each update meets
-// the state that those before it have left.
+// the state that those before it have left. What has gone well is kept: when its run is through, or of a
+// batch that rolls back at the end of all, together with what the keeper has noted before.
 //
 // Thread and process rule: the activity thread.
-// Ownership: the request, the pipeline, the store and the timers outlive it.
+// Ownership: the request and the parts outlive it.
 #pragma once
 
 #include <chrono>
@@ -17,6 +18,7 @@
 #include "p4/v1/p4runtime.pb.h"
 #include "p4rt/Timers.h"
 #include "p4rt/core/Fault.h"
+#include "p4rt/core/Keeper.h"
 #include "p4rt/core/Planner.h"
 #include "p4rt/core/SwitchWriter.h"
 
@@ -30,6 +32,7 @@ class Batch {
   struct Parts {
     const Pipeline& pipeline;
     Store& store;
+    Keeper& keeper;
     Sim::Service& service;
     Timers& timers;
     std::chrono::milliseconds timeout;
@@ -68,6 +71,10 @@ class Batch {
   [[nodiscard]] bool writeStage();
   void takeStage();
   void finishRun();
+  // Keeps what the job has made; a fault is its outcome.
+  void keep(const Job& job);
+  // The same for the whole batch. False when that failed.
+  [[nodiscard]] bool keepAll();
 
   [[nodiscard]] bool failed(const Job& job) const { return outcomes_[job.update].has_value(); }
   [[nodiscard]] Fault faultOf(const Sim::Result& result, const Sim::Update& write) const;

@@ -221,6 +221,7 @@ Change Planner::modifyFlow(const TableInfo& table, const p4::v1::TableEntry& ent
   }
   describe(entry, flow);
   flow.handle = present->handle;
+  flow.kept = present->kept;
   Change change{Op::modify_, FlowChange{&table, key, store_.takeFlow(table, key), keeps}};
   store_.put(table, key, std::move(flow));
   return change;

@@ -85,6 +85,14 @@ void writeTableAction(const FlowEntry& flow, p4::v1::TableAction& action) {
 
 }  // namespace
 
+void writeFlow(const TableInfo& table, const Ostra::OstraKey& key, const FlowEntry& flow,
+               p4::v1::TableEntry& entry) {
+  writeKey(table, key, entry);
+  writeTableAction(flow, *entry.mutable_action());
+  entry.set_metadata(flow.metadata);
+  entry.set_controller_metadata(flow.controllerMetadata);
+}
+
 void Reader::read(const p4::v1::Entity& filter) {
   switch (filter.entity_case()) {
     case p4::v1::Entity::kTableEntry:
@@ -239,10 +247,7 @@ void Reader::readGroups(const p4::v1::ActionProfileGroup& filter) {
 void Reader::emitEntry(const TableInfo& table, const Ostra::OstraKey& key, const FlowEntry& flow,
                        bool withCounter) {
   p4::v1::TableEntry& entry = *next().mutable_table_entry();
-  writeKey(table, key, entry);
-  writeTableAction(flow, *entry.mutable_action());
-  entry.set_metadata(flow.metadata);
-  entry.set_controller_metadata(flow.controllerMetadata);
+  writeFlow(table, key, flow, entry);
   if (withCounter) {
     writeCounter(flow, *entry.mutable_counter_data());
   }

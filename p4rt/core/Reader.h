@@ -16,6 +16,10 @@ class Service;
 
 namespace P4rt {
 
+// Writes an entry as it is read, without its counter.
+void writeFlow(const TableInfo& table, const Ostra::OstraKey& key, const FlowEntry& flow,
+               p4::v1::TableEntry& entry);
+
 class Reader {
  public:
   using Emit = std::function<void(p4::v1::ReadResponse&&)>;

@@ -107,6 +107,7 @@ class Keeper {
       return false;
     }
     is.handle = was->handle;
+    is.kept = was->kept;
     return true;
   }
   bool same_(const p4::v1::Entity& /*entity*/, const MemberChange& what) {

@@ -8,6 +8,7 @@
 // Ownership: points into the pipeline, which outlives it. What is found stays in place until it is taken.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <memory>
@@ -47,7 +48,8 @@ struct FlowEntry {
   std::unique_ptr<OneShot> oneShot{};
   std::string metadata{};
   std::uint64_t controllerMetadata = 0;
-  std::uint32_t run = 0;  // of the batch under way that has written it last
+  std::uint32_t run = 0;   // of the batch under way that has written it last
+  std::uint64_t kept = 0;  // the number under which it is kept; 0 while it is not
 };
 
 struct MemberEntry {
@@ -108,6 +110,9 @@ class Store {
   static constexpr Id firstHidden = 0x80000000U;
   [[nodiscard]] Id takeHidden();
   void giveHidden(Id id) { freeHidden_.push_back(id); }
+
+  // This one is in use, and so may be any before it.
+  void hiddenTaken(Id id) noexcept { nextHidden_ = std::max(nextHidden_, id + 1); }
 
   // Those of this store become those of `before`, which it takes the place of.
   void adoptHidden(const Store& before) {

@@ -30,6 +30,8 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
+  // Starts the switch.
+  void start() { interpreter_.start(); }
   // Plays a file, at once, up to the first command that makes no sense. Returns whether there was none.
   // Throws Cli::ReadError.
   [[nodiscard]] bool play(const std::string& file);

@@ -30,6 +30,13 @@ void fileIs(Options& options, std::string_view name) {
   options.*file = name;
 }
 
+void leftoverIs(Options& options, Sim::Leftover leftover) {
+  if (options.leftover != Sim::Leftover::refuse_ && options.leftover != leftover) {
+    throw Cli::CommandError{"read both --resume and --discard, expected one of them"};
+  }
+  options.leftover = leftover;
+}
+
 template <bool Options::*flag>
 void flagIs(Options& options, std::string_view /*argument*/) {
   options.*flag = true;
@@ -67,7 +74,10 @@ constexpr std::array words{
            }
            options.shm = name;
          }},
-    Word{"--discard", "", flagIs<&Options::discard>},
+    Word{"--resume", "",
+         [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::resume_); }},
+    Word{"--discard", "",
+         [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::discard_); }},
     Word{"--help", "", flagIs<&Options::help>},
     Word{"--version", "", flagIs<&Options::version>},
 };
@@ -95,8 +105,10 @@ until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and
                          read commands of ostra-sim from standard input; on a terminal this is the default
   --json                 print JSON, one object a line, in place of text
   --shm NAME             keep the tables and the trace ring in named shared memory, where
-                         'ostra-show NAME' reads them
-  --discard              remove the tables that a killed one has left under NAME
+                         'ostra-show NAME' reads them. One that is killed leaves them, and with them all
+                         that controllers have written
+  --resume               go on with what a killed one has left under NAME
+  --discard              remove what a killed one has left under NAME
   --help                 print this
   --version              print the version
 
@@ -114,8 +126,8 @@ void check(const Options& options) {
   if (options.insecure && !options.tlsKey.empty()) {
     throw Cli::UsageError{"read --insecure and --tls-key, expected one of them"};
   }
-  if (options.discard && options.shm.empty()) {
-    throw Cli::UsageError{"read --discard, expected --shm NAME with it"};
+  if (options.leftover != Sim::Leftover::refuse_ && options.shm.empty()) {
+    throw Cli::UsageError{"read --resume or --discard, expected --shm NAME with it"};
   }
   if (!options.address.loopback() && options.tlsKey.empty() && !options.insecure) {
     throw Cli::UsageError{"--listen " + options.address.text() +

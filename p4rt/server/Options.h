@@ -12,6 +12,7 @@
 #include "cli/OptionWords.h"
 #include "p4rt/server/ListenAddress.h"
 #include "p4rt/server/RuntimeService.h"
+#include "sim/SharedMemory.h"
 
 namespace P4rt {
 
@@ -26,9 +27,9 @@ struct Options {
   std::string tlsCertificate;
   std::string tlsKey;
   std::string clientRoots;
-  std::string shm;              // empty: no named shared memory
+  std::string shm;  // empty: no named shared memory
+  Sim::Leftover leftover = Sim::Leftover::refuse_;
   std::optional<bool> console;  // nothing: where standard input is a terminal
-  bool discard = false;
   bool insecure = false;
   bool json = false;
   bool help = false;

@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -23,6 +24,7 @@
 #include "platform/Korm/Activity.h"
 #include "sim/HwAgent.h"
 #include "sim/Service.h"
+#include "sim/SharedMemory.h"
 
 namespace P4rtTest {
 
@@ -57,6 +59,7 @@ class ManualTimers final : public P4rt::Timers {
     now_ = until;
   }
   [[nodiscard]] bool idle() const { return waiting_.empty(); }
+  void forget() { waiting_.clear(); }
 
  private:
   std::int64_t now_ = 0;
@@ -218,23 +221,34 @@ struct Call {
 
 class EngineTest : public testing::Test {
  protected:
-  EngineTest() {
-    service.portIs(1, Interface::IntfId{"Ethernet1"});
-    service.portIs(2, Interface::IntfId{"Ethernet2"});
+  // With a name, the switch and what the engine holds are in that shared memory.
+  explicit EngineTest(std::string sharedName = {}) : sharedName_{std::move(sharedName)} {
+    boot(Sim::Leftover::discard_);
+    service->portIs(1, Interface::IntfId{"Ethernet1"});
+    service->portIs(2, Interface::IntfId{"Ethernet2"});
     encap(9);
-    service.start();
   }
   ~EngineTest() override {
     Korm::activity().run();
-    service.verify();
-    agent.verify();
+    service->verify();
+    agent->verify();
+  }
+
+  // As if the process were killed and another one went on.
+  void restart() {
+    engine.reset();
+    timers.forget();
+    agent.reset();
+    service.reset();
+    shared_->keep();
+    boot(Sim::Leftover::resume_);
   }
 
   void encap(NexthopGroup::EncapId id) {
     NexthopGroup::EncapEntry entry;
     entry.encapId = id;
     entry.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-    EXPECT_EQ(service.encapIs(entry), std::nullopt);
+    EXPECT_EQ(service->encapIs(entry), std::nullopt);
   }
 
   // Pipelines.
@@ -250,7 +264,7 @@ class EngineTest : public testing::Test {
   }
   P4rt::RpcStatus setPipeline(const SetPipeline& request) {
     P4rt::RpcStatus result{.code = P4rt::Code::cancelled_};
-    engine.setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
+    engine->setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
     timers.pass(0);
     return result;
   }
@@ -268,7 +282,7 @@ class EngineTest : public testing::Test {
       *call->request.add_updates() = one;
     }
     call->request.set_atomicity(atomicity);
-    engine.write(call->request, [call](P4rt::RpcStatus status) {
+    engine->write(call->request, [call](P4rt::RpcStatus status) {
       EXPECT_FALSE(call->done) << "answered twice";
       call->done = true;
       call->status = std::move(status);
@@ -295,7 +309,7 @@ class EngineTest : public testing::Test {
       *request.add_entities() = parse<p4::v1::Entity>(filter);
     }
     Answer answer;
-    engine.read(
+    engine->read(
         request,
         [&answer](p4::v1::ReadResponse&& response) {
           EXPECT_LE(response.entities_size(), P4rt::Engine::readChunk);
@@ -312,18 +326,40 @@ class EngineTest : public testing::Test {
     return read({"table_entry {}", "action_profile_member {}", "action_profile_group {}"}).entities;
   }
 
+ private:
+  const std::string sharedName_;
+  std::optional<Sim::SharedMemory> shared_;
+
  public:
   ManualTimers timers;
-  Sim::Service service;
-  Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
-  P4rt::Engine engine{service, timers};
+  std::optional<Sim::Service> service;
+  std::optional<Sim::HwAgent> agent;
+  std::optional<P4rt::Engine> engine;
+
+ private:
+  void boot(Sim::Leftover leftover) {
+    const bool keeps = !sharedName_.empty();
+    if (keeps) {
+      shared_.reset();
+      shared_.emplace(sharedName_, leftover);
+    }
+    service.emplace(keeps ? &*shared_ : nullptr);
+    agent.emplace(service->hwConfig(), service->hwStatusDir(), service->hwUnitDir());
+    engine.emplace(*service, timers, P4rt::EngineOptions{.keeps = keeps});
+    if (keeps) {
+      EXPECT_THAT(engine->resume(), IsEmpty());
+    }
+    service->start();
+  }
 };
 
 // With the shipped pipeline.
 class Programmed : public EngineTest {
  protected:
-  Programmed() { commitShipped(); }
-  ~Programmed() override { engine.verify(); }
+  explicit Programmed(std::string sharedName = {}) : EngineTest{std::move(sharedName)} {
+    commitShipped();
+  }
+  ~Programmed() override { engine->verify(); }
 };
 
 }  // namespace P4rtTest

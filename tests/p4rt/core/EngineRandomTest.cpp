@@ -1,5 +1,8 @@
 // Random batches of all kinds against a model of what is to be stored, on hardware that is full, late or broken.
-// After every batch everything is read back, and the switch's own tables, groups and VRFs are looked at.
+// After every batch everything is read back, and the switch's own tables, groups and VRFs are looked at. Now
+// and then the process dies, also in the middle of a batch, and another one goes on with what it has kept.
+#include <unistd.h>
+
 #include <optional>
 #include <random>
 #include <set>
@@ -146,6 +149,8 @@ class Model {
 
 class EngineRandom : public Programmed {
  protected:
+  EngineRandom() : Programmed{"p4rt-random-" + std::to_string(::getpid())} {}
+
   int upTo(int most) { return std::uniform_int_distribution<int>{0, most}(random_); }
   bool oneIn(int chances) { return upTo(chances - 1) == 0; }
 
@@ -252,13 +257,16 @@ class EngineRandom : public Programmed {
     const int id = 1 + upTo(3);
     Model::Step made{.type = type(), .key = "g" + std::to_string(id)};
     std::vector<std::pair<int, int>> members;
+    int weights = 0;
     for (int one = 1; one <= 4; ++one) {
       if (oneIn(3)) {
         members.emplace_back(one, 1 + upTo(2));
+        weights += members.back().second;
         made.entity.uses.members.insert(one);
       }
     }
     made.entity.hasMembers = !members.empty();
+    made.fault = weights > 8 ? "RESOURCE_EXHAUSTED" : "";
     made.entity.text = group(id, members);
     made.wire = made.entity.text;
     return made;
@@ -266,16 +274,16 @@ class EngineRandom : public Programmed {
 
   // Automatic, full, or late: programmed when the test says so, at random, or not in time.
   void moodIs() {
-    agent.automaticIs(!oneIn(4));
-    agent.flowCapacityIs(oneIn(3) ? std::optional<std::size_t>(upTo(12)) : std::nullopt);
-    agent.groupCapacityIs(oneIn(4) ? std::optional<std::size_t>(upTo(8)) : std::nullopt);
+    agent->automaticIs(!oneIn(4));
+    agent->flowCapacityIs(oneIn(3) ? std::optional<std::size_t>(upTo(12)) : std::nullopt);
+    agent->groupCapacityIs(oneIn(4) ? std::optional<std::size_t>(upTo(8)) : std::nullopt);
   }
   // Lets the hardware answer, or time pass, until the write is answered.
   void carryThrough(const WriteCall& call) {
     for (int round = 0; !call->done && round < 200; ++round) {
-      if (!oneIn(8)) {
-        agent.run();
-        service.settle();
+      if (!oneIn(4)) {
+        agent->run();
+        service->settle();
         timers.pass(0);
       } else {
         timers.pass(upTo(2500));
@@ -286,12 +294,12 @@ class EngineRandom : public Programmed {
 
   // What the hardware may answer instead of OK.
   bool hardwareMay(const std::string& outcome) const {
-    return (!agent.automatic() && outcome == "DEADLINE_EXCEEDED") ||
+    return (!agent->automatic() && outcome == "DEADLINE_EXCEEDED") ||
            outcome == "RESOURCE_EXHAUSTED/1" || outcome == "FAILED_PRECONDITION/16";
   }
   // Whether nothing but the request decides.
   [[nodiscard]] bool kind() const {
-    return agent.automatic() && !agent.flowCapacity() && !agent.groupCapacity();
+    return agent->automatic() && !agent->flowCapacity() && !agent->groupCapacity();
   }
 
   void compare(const std::vector<Model::Step>& steps, const Words& outcomes, bool rollback) {
@@ -320,19 +328,57 @@ class EngineRandom : public Programmed {
     }
   }
 
+  // The process dies before the batch is through, if it takes that long. A first part of the updates stands
+  // then, or of a batch that rolls back all or none.
+  void crash(const std::vector<Model::Step>& steps, const WriteCall& call, bool rollback) {
+    for (int round = upTo(6); !call->done && round > 0; --round) {
+      agent->run();
+      service->settle();
+      timers.pass(0);
+    }
+    if (call->done) {
+      compare(steps, wordsOf(call->status), rollback);
+    }
+    const bool answered = call->done;
+    restart();
+    const Words seen = everything();
+    Model next = model_;
+    bool found = seen == next.everything();
+    if (found) {
+      return;
+    }
+    bool whole = true;
+    for (const Model::Step& step : steps) {
+      if (next.expected(step) == "OK") {
+        next.apply(step);
+        found = found || (!rollback && seen == next.everything());
+      } else {
+        whole = false;
+      }
+      if (found) {
+        break;
+      }
+    }
+    found = found || (rollback && whole && seen == next.everything());
+    EXPECT_TRUE(found && !answered) << testing::PrintToString(seen) << "\n before "
+                                    << testing::PrintToString(model_.everything());
+    seen_.insert("a part of a batch");
+    model_ = next;
+  }
+
   // The hardware has room and answers again, also for what it had no room for.
   void recover() {
-    agent.flowCapacityIs(std::nullopt);
-    agent.groupCapacityIs(std::nullopt);
-    agent.automaticIs(true);
-    agent.run();
-    for (const auto* const one : service.groups()) {
-      agent.groupStatusIs(one->id(), OpenFlowTable::GroupStatus::ready_);
+    agent->flowCapacityIs(std::nullopt);
+    agent->groupCapacityIs(std::nullopt);
+    agent->automaticIs(true);
+    agent->run();
+    for (const auto* const one : service->groups()) {
+      agent->groupStatusIs(one->id(), OpenFlowTable::GroupStatus::ready_);
     }
-    for (const Sim::FlowView& flow : service.flows()) {
-      agent.flowStatusIs(*flow.name, OpenFlowTable::FlowStatus::programmed_);
+    for (const Sim::FlowView& flow : service->flows()) {
+      agent->flowStatusIs(*flow.name, OpenFlowTable::FlowStatus::programmed_);
     }
-    service.settle();
+    service->settle();
     timers.pass(0);
   }
 
@@ -350,8 +396,14 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
     random_.seed(static_cast<std::uint32_t>(seed));
     for (int batch = 0; batch < batches && !HasFailure(); ++batch) {
       SCOPED_TRACE("batch " + std::to_string(batch));
+      const bool crashes = oneIn(6);
       moodIs();
-      kind_ = kind();
+      if (crashes) {
+        agent->automaticIs(false);
+        agent->flowCapacityIs(std::nullopt);
+        agent->groupCapacityIs(std::nullopt);
+      }
+      kind_ = crashes || kind();
       std::vector<Model::Step> steps;
       std::vector<Update> updates;
       for (int count = 1 + upTo(11); count > 0; --count) {
@@ -361,19 +413,23 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
       const bool rollback = oneIn(4) && kind_;
       const WriteCall call = begin(updates, rollback ? p4::v1::WriteRequest::ROLLBACK_ON_ERROR
                                                      : p4::v1::WriteRequest::CONTINUE_ON_ERROR);
-      carryThrough(call);
-      compare(steps, wordsOf(call->status), rollback);
+      if (crashes) {
+        crash(steps, call, rollback);
+      } else {
+        carryThrough(call);
+        compare(steps, wordsOf(call->status), rollback);
+      }
       EXPECT_EQ(everything(), model_.everything());
-      engine.verify();
+      engine->verify();
       recover();
-      engine.verify();
+      engine->verify();
     }
   }
   EXPECT_THAT(seen_, testing::IsSupersetOf({"OK", "NOT_FOUND", "ALREADY_EXISTS", "INVALID_ARGUMENT",
                                             "ABORTED", "INVALID_ARGUMENT/15", "FAILED_PRECONDITION",
                                             "FAILED_PRECONDITION/15", "FAILED_PRECONDITION/16",
                                             "OUT_OF_RANGE", "UNIMPLEMENTED", "RESOURCE_EXHAUSTED/1",
-                                            "DEADLINE_EXCEEDED"}));
+                                            "DEADLINE_EXCEEDED", "a part of a batch"}));
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ TEST_F(EntryTest, GoesIntoItsFlowTableWithEveryAction) {
                      insert(acl(8, does(0x0d, {"Ethernet2"})))}),
               ElementsAre("OK"));
   Words actions;
-  for (const Sim::FlowView& flow : service.flows()) {
+  for (const Sim::FlowView& flow : service->flows()) {
     const OpenFlowTable::Actions& does = flow.flow->actions();
     std::ostringstream line;
     line << does.has(OpenFlowTable::Action::drop_) << does.has(OpenFlowTable::Action::copyToCpu_)
@@ -105,7 +105,7 @@ class RefusalTest : public Programmed {
                   ElementsAre("OK", refusal.outcome, "OK"))
           << refusal.what;
       EXPECT_EQ(everything(), before) << refusal.what;
-      engine.verify();
+      engine->verify();
     }
   }
 };
@@ -309,10 +309,10 @@ TEST_F(EntryTest, WeightsRepeatAMemberInTheSwitch) {
   ASSERT_THAT(write({insert(member(1)), insert(member(2)), insert(group(7, {{1, 3}, {2, 1}}, 1024)),
                      insert(group(8, {}, 1))}),
               ElementsAre("OK"));
-  ASSERT_EQ(service.groups().size(), 3U);
-  EXPECT_EQ(service.groups().front()->buckets(), 4U);
+  ASSERT_EQ(service->groups().size(), 3U);
+  EXPECT_EQ(service->groups().front()->buckets(), 4U);
   EXPECT_THAT(write({modify(group(7, {{2, 1024}}, 1024))}), ElementsAre("OK"));
-  EXPECT_EQ(service.groups().front()->buckets(), 1024U);
+  EXPECT_EQ(service->groups().front()->buckets(), 1024U);
   EXPECT_THAT(read({"action_profile_group { group_id: 7 }"}).entities,
               ElementsAre(shown(group(7, {{2, 1024}}, 1024))));
   // A group without members is stored, and an entry cannot use it yet.
@@ -328,7 +328,7 @@ TEST_F(EntryTest, OneShotsAreReadBackAndLeaveNothing) {
   const std::string one = oneShot({{nexthop(9, 2), 3}});
   EXPECT_THAT(write({insert(route(1, two)), insert(route(2, one)), insert(route(1, one))}),
               ElementsAre("OK", "OK", "ALREADY_EXISTS"));
-  EXPECT_EQ(service.groups().size(), 5U);
+  EXPECT_EQ(service->groups().size(), 5U);
   EXPECT_THAT(everything(), ElementsAre(shown(route(1, two)), shown(route(2, one))));
   EXPECT_THAT(write({insert(member(1)), insert(group(1, {})),
                      insert(route(3, "action_profile_group_id: 1"))}),
@@ -339,19 +339,19 @@ TEST_F(EntryTest, OneShotsAreReadBackAndLeaveNothing) {
                      insert(route(3, oneShot({{nexthop(), 1}, {nexthop(8), 1}})))}),
               ElementsAre("INVALID_ARGUMENT", "INVALID_ARGUMENT", "RESOURCE_EXHAUSTED",
                           "INVALID_ARGUMENT", "FAILED_PRECONDITION/15"));
-  engine.verify();
+  engine->verify();
   // Other next hops; then other metadata, with the hidden group left alone.
   EXPECT_THAT(write({modify(route(1, one)), modify(route(1, two)), modify(route(1, one)),
                      modify(route(2, oneShot({{nexthop(8), 1}})))}),
               ElementsAre("OK", "OK", "OK", "FAILED_PRECONDITION/15"));
-  engine.verify();
+  engine->verify();
   std::string kept = route(2, one);
   kept.replace(kept.find("action {"), std::string::npos, "metadata: 'm' }");
   EXPECT_THAT(write({modify(kept)}), ElementsAre("OK"));
-  EXPECT_EQ(service.groups().size(), 4U);
+  EXPECT_EQ(service->groups().size(), 4U);
   EXPECT_THAT(write({remove(route(1, "")), remove(route(2, "")), insert(member(1))}),
               ElementsAre("OK"));
-  EXPECT_EQ(service.groups().size(), 1U);
+  EXPECT_EQ(service->groups().size(), 1U);
 }
 
 TEST_F(EntryTest, ADuplicateInABatchMeetsWhatTheFirstHasLeft) {
@@ -379,7 +379,7 @@ TEST_F(EntryTest, RollbackUndoesAllInReverse) {
               ElementsAre("ABORTED", "ABORTED", "ABORTED", "ABORTED", "ABORTED", "ABORTED",
                           "ABORTED", "INVALID_ARGUMENT/15", "ABORTED", "ABORTED"));
   EXPECT_EQ(everything(), before);
-  engine.verify();
+  engine->verify();
   EXPECT_THAT(write({remove(route(1, "")), remove(group(1, {})), remove(member(1)),
                      insert(route(2, oneShot({{nexthop(), 2}}))),
                      modify(route(2, oneShot({{nexthop(9, 2), 1}}))), remove(route(2, "")),
@@ -388,7 +388,7 @@ TEST_F(EntryTest, RollbackUndoesAllInReverse) {
               ElementsAre("ABORTED", "ABORTED", "ABORTED", "ABORTED", "ABORTED", "ABORTED",
                           "ALREADY_EXISTS"));
   EXPECT_EQ(everything(), before);
-  engine.verify();
+  engine->verify();
   EXPECT_THAT(write({remove(acl(1)), insert(acl(1, drop()))}, rollback), ElementsAre("OK"));
   EXPECT_THAT(write({remove(acl(1))}, p4::v1::WriteRequest::DATAPLANE_ATOMIC),
               ElementsAre("UNIMPLEMENTED"));

@@ -12,25 +12,25 @@ constexpr OpenFlowTable::GroupId memberBase = 4294967296;
 class HardwareTest : public Programmed {
  protected:
   ~HardwareTest() override {
-    agent.automaticIs(true);
+    agent->automaticIs(true);
     runHardware();
   }
   void runHardware() {
-    agent.run();
-    service.settle();
+    agent->run();
+    service->settle();
     timers.pass(0);
   }
   // The name of the flow that was written last.
-  [[nodiscard]] Korm::Name lastFlow() const { return *service.flows().back().name; }
+  [[nodiscard]] Korm::Name lastFlow() const { return *service->flows().back().name; }
 };
 
 TEST_F(HardwareTest, AWriteWaitsForTheAnswersToEachKindInTurn) {
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   const WriteCall call =
       begin({insert(member(1)), insert(member(2)), insert(group(1, {{1, 1}, {2, 1}})),
              insert(route(1, "action_profile_group_id: 1")), insert(acl(1, drop()))});
   bool after = false;
-  engine.afterAccepted([&after] { after = true; });
+  engine->afterAccepted([&after] { after = true; });
   for (int round = 0; round < 3; ++round) {
     EXPECT_FALSE(call->done) << round;
     runHardware();
@@ -52,13 +52,13 @@ TEST_F(HardwareTest, AWriteWaitsForTheAnswersToEachKindInTurn) {
 }
 
 TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   const WriteCall first = begin({insert(acl(1, drop()))});
   const WriteCall second = begin({remove(acl(1)), insert(acl(2, drop()))});
   p4::v1::ReadRequest request;
   request.add_entities()->mutable_table_entry();
   bool read = false;
-  engine.read(
+  engine->read(
       request, [](p4::v1::ReadResponse&&) { FAIL() << "nothing has been written"; },
       [&read](const P4rt::RpcStatus&) { read = true; });
   timers.pass(4999);
@@ -78,7 +78,7 @@ TEST_F(HardwareTest, WhatIsLateIsUndone) {
                      insert(acl(2, does(0x0a, {"\\001", "\\010"})))}),
               ElementsAre("OK"));
   const Words before = everything();
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   const WriteCall call =
       begin({insert(member(2)), insert(group(2, {{1, 1}})), modify(member(1, nexthop(9, 2))),
              modify(group(1, {{1, 3}})), modify(acl(1, does(4, {"\\011"}))), remove(acl(2)),
@@ -90,39 +90,39 @@ TEST_F(HardwareTest, WhatIsLateIsUndone) {
               ElementsAre(late, late, late, late, late, late, late, "FAILED_PRECONDITION", late,
                           "INVALID_ARGUMENT/15"));
   EXPECT_EQ(everything(), before);
-  engine.verify();
+  engine->verify();
   runHardware();
   EXPECT_EQ(everything(), before);
-  engine.verify();
+  engine->verify();
   // The hardware is where the entries are.
-  agent.automaticIs(true);
+  agent->automaticIs(true);
   EXPECT_THAT(write({modify(acl(1, does(4, {"\\011"}))), remove(acl(2)), insert(member(2))}),
               ElementsAre("OK"));
-  EXPECT_EQ(agent.flowsProgrammed(), 2U);
-  EXPECT_EQ(agent.groupsProgrammed(), 3U);
+  EXPECT_EQ(agent->flowsProgrammed(), 2U);
+  EXPECT_EQ(agent->groupsProgrammed(), 3U);
 }
 
 TEST_F(HardwareTest, WhatFindsNoRoomIsUndone) {
   ASSERT_THAT(write({insert(member(1)), insert(acl(1, drop())), insert(acl(2, drop()))}),
               ElementsAre("OK"));
-  agent.flowCapacityIs(3);
-  agent.groupCapacityIs(2);
+  agent->flowCapacityIs(3);
+  agent->groupCapacityIs(2);
   EXPECT_THAT(write({insert(acl(3, drop())), insert(acl(4, does(4, {"\\007"}))),
                      modify(acl(1, forward(1))), remove(acl(2)), insert(acl(5, drop()))}),
               ElementsAre("OK", "RESOURCE_EXHAUSTED/1", "OK", "OK", "OK"));
-  engine.verify();
+  engine->verify();
   EXPECT_THAT(
       write({insert(member(2)), insert(member(3)), insert(group(1, {{1, 1}})),
              insert(route(1, "action_profile_group_id: 1")), remove(member(2)),
              insert(group(1, {{1, 1}}))}),
       ElementsAre("OK", "RESOURCE_EXHAUSTED/1", "RESOURCE_EXHAUSTED/1", "NOT_FOUND", "OK", "OK"));
-  engine.verify();
-  EXPECT_EQ(agent.flowsProgrammed(), 3U);
+  engine->verify();
+  EXPECT_EQ(agent->flowsProgrammed(), 3U);
   EXPECT_THAT(write({remove(group(1, {})), remove(member(1)),
                      insert(route(1, oneShot({{nexthop(), 1}, {nexthop(), 1}})))}),
               ElementsAre("OK", "OK", "RESOURCE_EXHAUSTED/1"));
-  EXPECT_TRUE(service.groups().empty());
-  EXPECT_EQ(agent.groupsProgrammed(), 0U);
+  EXPECT_TRUE(service->groups().empty());
+  EXPECT_EQ(agent->groupsProgrammed(), 0U);
 }
 
 struct StatusCase {
@@ -141,50 +141,50 @@ TEST_F(HardwareTest, EachStatusOfAFlowHasItsCode) {
                                                        {11, "INTERNAL/19"},
                                                        {12, "UNIMPLEMENTED/6"},
                                                        {4000000000, "INTERNAL/19"}}) {
-    agent.automaticIs(false);
+    agent->automaticIs(false);
     const WriteCall call = begin({insert(acl(1, does(4, {"\\007"})))});
-    agent.flowStatusIs(lastFlow(), FlowStatus{3});
+    agent->flowStatusIs(lastFlow(), FlowStatus{3});
     timers.pass(0);
     EXPECT_FALSE(call->done);
-    agent.flowStatusIs(lastFlow(), FlowStatus{one.status});
+    agent->flowStatusIs(lastFlow(), FlowStatus{one.status});
     timers.pass(0);
     EXPECT_THAT(wordsOf(call->status), ElementsAre(one.outcome)) << one.status;
-    agent.automaticIs(true);
+    agent->automaticIs(true);
     runHardware();
-    engine.verify();
+    engine->verify();
     EXPECT_THAT(write({remove(acl(1))}), ElementsAre(one.outcome == "OK" ? "OK" : "NOT_FOUND"));
-    EXPECT_TRUE(service.vrfs().empty());
+    EXPECT_TRUE(service->vrfs().empty());
   }
 }
 
 TEST_F(HardwareTest, EachStatusOfAGroupHasItsCode) {
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   for (const StatusCase& one : std::vector<StatusCase>{{2, "UNIMPLEMENTED/6"},
                                                        {3, "RESOURCE_EXHAUSTED/1"},
                                                        {4, "INTERNAL/19"},
                                                        {5, "INTERNAL/19"},
                                                        {0, "OK"}}) {
     const WriteCall call = begin({insert(member(1))});
-    agent.groupStatusIs(memberBase + 1, GroupStatus{1});
+    agent->groupStatusIs(memberBase + 1, GroupStatus{1});
     timers.pass(0);
     EXPECT_FALSE(call->done);
-    agent.groupStatusIs(memberBase + 1, GroupStatus{one.status});
+    agent->groupStatusIs(memberBase + 1, GroupStatus{one.status});
     timers.pass(0);
     EXPECT_TRUE(call->done);
     EXPECT_THAT(wordsOf(call->status), ElementsAre(one.outcome)) << one.status;
     runHardware();
-    engine.verify();
+    engine->verify();
   }
 }
 
 TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
   ASSERT_THAT(write({insert(member(1))}), ElementsAre("OK"));
-  agent.automaticIs(false);
-  agent.publishedIs(false);
+  agent->automaticIs(false);
+  agent->publishedIs(false);
   const WriteCall call = begin({modify(member(1, nexthop(9, 2)))});
   runHardware();
   EXPECT_FALSE(call->done);
-  agent.publishedIs(true);
+  agent->publishedIs(true);
   timers.pass(0);
   EXPECT_TRUE(call->done);
   EXPECT_TRUE(call->status.ok());
@@ -196,11 +196,11 @@ TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
   EXPECT_TRUE(again->done);
 
   const WriteCall gone = begin({remove(member(1))});
-  agent.publishedIs(false);
+  agent->publishedIs(false);
   timers.pass(0);
   EXPECT_FALSE(gone->done);
   runHardware();
-  agent.publishedIs(true);
+  agent->publishedIs(true);
   timers.pass(0);
   EXPECT_TRUE(gone->done);
   EXPECT_TRUE(gone->status.ok());
@@ -210,7 +210,7 @@ TEST_F(HardwareTest, AGroupThatIsNotReadyCostsAnEntryNothing) {
   ASSERT_THAT(write({insert(member(1)), insert(group(1, {{1, 1}})), insert(group(2, {{1, 1}})),
                      insert(acl(1, does(0x0a, {"\\001", "\\005"})))}),
               ElementsAre("OK"));
-  agent.groupStatusIs(2, GroupStatus{4});
+  agent->groupStatusIs(2, GroupStatus{4});
   const Words before = everything();
   const std::string byGroup2 = does(0x0a, {"\\002", "\\006"});
   EXPECT_THAT(write({insert(acl(2, byGroup2)), modify(acl(1, byGroup2)), insert(acl(3, byGroup2)),
@@ -218,10 +218,10 @@ TEST_F(HardwareTest, AGroupThatIsNotReadyCostsAnEntryNothing) {
               ElementsAre("FAILED_PRECONDITION/16", "FAILED_PRECONDITION/16",
                           "FAILED_PRECONDITION/16", "FAILED_PRECONDITION/16"));
   EXPECT_EQ(everything(), before);
-  engine.verify();
-  EXPECT_TRUE(service.dependents().empty());
-  EXPECT_EQ(service.vrfs().size(), 1U);
-  EXPECT_EQ(agent.flowsProgrammed(), 1U);
+  engine->verify();
+  EXPECT_TRUE(service->dependents().empty());
+  EXPECT_EQ(service->vrfs().size(), 1U);
+  EXPECT_EQ(agent->flowsProgrammed(), 1U);
 }
 
 TEST_F(HardwareTest, AStoppedSwitchIsUnavailableAndLosesNothing) {
@@ -229,9 +229,9 @@ TEST_F(HardwareTest, AStoppedSwitchIsUnavailableAndLosesNothing) {
                      insert(acl(2, does(5, {"\\005", "\\001"})))}),
               ElementsAre("OK"));
   const Words before = everything();
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   const WriteCall under = begin({insert(acl(3, drop()))});
-  service.stop();
+  service->stop();
   timers.pass(5000);
   EXPECT_THAT(wordsOf(under->status), ElementsAre("DEADLINE_EXCEEDED"));
   EXPECT_THAT(
@@ -239,19 +239,19 @@ TEST_F(HardwareTest, AStoppedSwitchIsUnavailableAndLosesNothing) {
              remove(member(1))}),
       ElementsAre("UNAVAILABLE", "UNAVAILABLE", "UNAVAILABLE", "UNAVAILABLE", "UNAVAILABLE"));
   EXPECT_EQ(everything(), before);
-  agent.automaticIs(true);
-  EXPECT_EQ(service.start().failure, std::nullopt);
-  engine.verify();
+  agent->automaticIs(true);
+  EXPECT_EQ(service->start().failure, std::nullopt);
+  engine->verify();
   EXPECT_THAT(write({modify(acl(1, drop())), remove(acl(2)), remove(member(1))}),
               ElementsAre("OK"));
 }
 
 TEST_F(HardwareTest, ShuttingDownFinishesWhatIsUnderWay) {
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   const WriteCall under = begin({insert(acl(1, drop()))});
   const WriteCall behind = begin({insert(acl(2, drop()))});
   bool down = false;
-  engine.shutDown([&down] { down = true; });
+  engine->shutDown([&down] { down = true; });
   const WriteCall late = begin({insert(acl(3, drop()))});
   EXPECT_FALSE(under->done || behind->done || down);
   runHardware();
@@ -259,13 +259,13 @@ TEST_F(HardwareTest, ShuttingDownFinishesWhatIsUnderWay) {
   EXPECT_TRUE(under->status.ok());
   EXPECT_THAT(wordsOf(behind->status), ElementsAre("UNAVAILABLE"));
   EXPECT_THAT(wordsOf(late->status), ElementsAre("UNAVAILABLE"));
-  EXPECT_EQ(service.flows().size(), 1U);
+  EXPECT_EQ(service->flows().size(), 1U);
 }
 
 TEST_F(HardwareTest, CountersAreReadAndNeverWritten) {
   ASSERT_THAT(write({insert(acl(1, drop() + "counter_data {}")), insert(acl(2, drop()))}),
               ElementsAre("OK"));
-  agent.countersAdd(lastFlow(), 3, 400);
+  agent->countersAdd(lastFlow(), 3, 400);
   const std::string counted = "counter_data { byte_count: 400 packet_count: 3 }";
   EXPECT_THAT(read({"table_entry { table_id: 0x02000001 counter_data {} }"}).entities,
               testing::UnorderedElementsAre(shown(acl(1, drop() + "counter_data {}")),

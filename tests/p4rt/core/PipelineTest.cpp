@@ -17,7 +17,7 @@ class PipelineTest : public EngineTest {
     request.set_response_type(type);
     p4::v1::GetForwardingPipelineConfigResponse response;
     bool done = false;
-    engine.getPipeline(request, response, [&done](const P4rt::RpcStatus& status) {
+    engine->getPipeline(request, response, [&done](const P4rt::RpcStatus& status) {
       EXPECT_TRUE(status.ok());
       done = true;
     });
@@ -182,7 +182,7 @@ TEST_F(PipelineTest, IsRefusedWithAReasonWhenTheSwitchCannotRealizeIt) {
         EXPECT_EQ(status.code, P4rt::Code::invalidArgument_) << bad.reason;
         EXPECT_THAT(status.message, HasSubstr(bad.reason));
       }
-      EXPECT_FALSE(engine.hasPipeline());
+      EXPECT_FALSE(engine->hasPipeline());
     }
   }
   // None of them was saved.
@@ -196,7 +196,7 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   const auto info = shippedP4Info();
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY, &info).ok());
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_SAVE, &info).ok());
-  EXPECT_FALSE(engine.hasPipeline());
+  EXPECT_FALSE(engine->hasPipeline());
   EXPECT_EQ(setPipeline(SetPipeline::UNSPECIFIED, &info).code, P4rt::Code::invalidArgument_);
   EXPECT_EQ(setPipeline(SetPipeline::VERIFY_AND_COMMIT).code, P4rt::Code::invalidArgument_);
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT, &info).code, P4rt::Code::invalidArgument_);
@@ -237,32 +237,32 @@ class Replacing : public PipelineTest {
                        insert(route(1, "action_profile_group_id: 1")),
                        insert(route(2, "action_profile_group_id: 2"))}),
                 ElementsAre("OK"));
-    agent.countersAdd(Korm::Name{"flow-1"}, 5, 50);
+    agent->countersAdd(Korm::Name{"flow-1"}, 5, 50);
   }
-  ~Replacing() override { engine.verify(); }
+  ~Replacing() override { engine->verify(); }
 };
 
 TEST_F(Replacing, ACommitClearsTheSwitch) {
   const auto info = shippedP4Info();
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
   EXPECT_THAT(everything(), IsEmpty());
-  EXPECT_TRUE(service.flows().empty() && service.groups().empty() && service.vrfs().empty());
-  EXPECT_EQ(agent.flowsProgrammed() + agent.groupsProgrammed(), 0U);
+  EXPECT_TRUE(service->flows().empty() && service->groups().empty() && service->vrfs().empty());
+  EXPECT_EQ(agent->flowsProgrammed() + agent->groupsProgrammed(), 0U);
 }
 
 TEST_F(Replacing, NothingIsReplacedWhileTheHardwareKeepsWhatIsThere) {
   const Words before = everything();
-  agent.automaticIs(false);
+  agent->automaticIs(false);
   SetPipeline request;
   request.set_action(SetPipeline::VERIFY_AND_COMMIT);
   *request.mutable_config()->mutable_p4info() = shippedP4Info();
   request.mutable_config()->mutable_p4info()->mutable_pkg_info()->set_name("other");
   P4rt::RpcStatus result;
-  engine.setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
+  engine->setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
   timers.pass(5000);
   EXPECT_EQ(result.code, P4rt::Code::deadlineExceeded_);
-  agent.automaticIs(true);
-  agent.run();
+  agent->automaticIs(true);
+  agent->run();
   EXPECT_EQ(everything(), before);
   EXPECT_NE(configured().p4info().pkg_info().name(), "other");
 }
@@ -282,9 +282,9 @@ TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   for (const std::string& kept : after) {
     EXPECT_THAT(before, testing::Contains(kept));
   }
-  engine.verify();
+  engine->verify();
   // What stays has its row, and its counter.
-  EXPECT_EQ(service.flows().size(), 2U);
+  EXPECT_EQ(service->flows().size(), 2U);
   EXPECT_THAT(read({"direct_counter_entry { " + acl(1) + " }"}).entities,
               ElementsAre(HasSubstr("packet_count: 5")));
   EXPECT_THAT(write({modify(acl(1, drop())), insert(acl(3, forward(1)))}),
@@ -313,11 +313,11 @@ TEST_F(Replacing, ReconcilingKeepsOneShots) {
   info.mutable_tables(0)->set_size(7);
   EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
   EXPECT_EQ(everything(), before);
-  engine.verify();
+  engine->verify();
   EXPECT_THAT(write({insert(route(3, oneShot({{nexthop(), 1}}))), remove(route(1, "")),
                      remove(route(2, ""))}),
               ElementsAre("OK"));
-  EXPECT_EQ(service.groups().size(), 2U);
+  EXPECT_EQ(service->groups().size(), 2U);
 }
 
 TEST_F(Replacing, FiltersSelectWhatIsRead) {
@@ -411,7 +411,7 @@ TEST_F(PipelineTest, TablesOfOtherShapes) {
   EXPECT_THAT(read({byPort(1, ""), byPort(1, "counter_data {}")}).outcome,
               ElementsAre("OK", "INVALID_ARGUMENT"));
   EXPECT_EQ(read({byPort(1, "")}).entities.size(), 1U);
-  engine.verify();
+  engine->verify();
 }
 
 TEST_F(PipelineTest, AProfileMayCountMembers) {
@@ -427,7 +427,7 @@ TEST_F(PipelineTest, AProfileMayCountMembers) {
                      insert(group(3, {{1, 1}}, 1)), insert(group(4, {{1, 1}}, -1))}),
               ElementsAre("OK", "OK", "INVALID_ARGUMENT", "RESOURCE_EXHAUSTED", "OK", "OK",
                           "RESOURCE_EXHAUSTED", "INVALID_ARGUMENT"));
-  engine.verify();
+  engine->verify();
 }
 
 }  // namespace
