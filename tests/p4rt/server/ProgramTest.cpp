@@ -7,8 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/cli/CliProgram.h"
-#include "tests/p4rt/server/TestServer.h"
+#include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
 namespace {
@@ -19,33 +18,6 @@ using CliTest::Json;
 using CliTest::Process;
 using testing::AllOf;
 using testing::HasSubstr;
-
-// A server on a free port that has said where it listens.
-class Program {
- public:
-  explicit Program(Arguments more)
-      : process{OSTRA_P4RT_PROGRAM, all(std::move(more))},
-        greeting(Json::parse(process.readUntil("\n"))) {}
-
-  [[nodiscard]] std::string address() const { return greeting.at("address"); }
-  // Types a command, and a line behind it that tells where its output ends.
-  std::string type(const std::string& command) {
-    process.write(command + "\necho end-of-output\n");
-    const std::string end = "{\"type\":\"echo\",\"text\":\"end-of-output\"}\n";
-    std::string output = process.readUntil(end);
-    return output.substr(0, output.size() - end.size());
-  }
-
- private:
-  static Arguments all(Arguments more) {
-    more.insert(more.end(), {"--json", "--listen", "127.0.0.1:0", "--config", OSTRA_TOPOLOGY});
-    return more;
-  }
-
- public:
-  Process process;
-  const Json greeting;
-};
 
 Finished finished(const Arguments& arguments) {
   return Process{OSTRA_P4RT_PROGRAM, arguments}.finish();
