@@ -68,7 +68,8 @@ TEST(ProgramTest, EndsByQuitAndBySignalsAndFinishesTheWriteUnderWay) {
   while (program.type("show entries").find("\"handle\"") == std::string::npos) {
   }
   program.process.kill(SIGTERM);
-  while (codeOf(controller.write({})) != Code::unavailable_) {
+  // One that comes before the signal waits behind the Write under way.
+  while (codeOf(controller.write({}, std::chrono::milliseconds{100})) != Code::unavailable_) {
   }
   program.process.write("hw run\n");
   EXPECT_EQ(codeOf(written.get()), Code::ok_);
@@ -87,7 +88,8 @@ TEST(ProgramTest, ASecondSignalEndsItAtOnce) {
   while (program.type("show entries").find("\"handle\"") == std::string::npos) {
   }
   program.process.kill(SIGINT);
-  while (codeOf(controller.write({})) != Code::unavailable_) {
+  // One that comes before the signal waits behind the Write under way.
+  while (codeOf(controller.write({}, std::chrono::milliseconds{100})) != Code::unavailable_) {
   }
   program.process.kill(SIGTERM);
   EXPECT_EQ(program.process.finish().status, -SIGTERM);

@@ -10,8 +10,6 @@
 namespace P4rtTest {
 namespace {
 
-constexpr std::chrono::seconds patience{30};
-
 constexpr std::uint32_t aclTable = 0x02000001;
 constexpr std::uint32_t forwardAction = 0x01000003;
 constexpr std::uint32_t etherTypeField = 5;
@@ -196,8 +194,9 @@ p4::v1::WriteRequest Controller::writeRequest(const std::vector<Update>& updates
   return request;
 }
 
-grpc::Status Controller::write(const std::vector<Update>& updates) {
-  const auto context = newContext();
+grpc::Status Controller::write(const std::vector<Update>& updates,
+                               std::chrono::milliseconds patience) {
+  const auto context = newContext(patience);
   p4::v1::WriteResponse response;
   return stub_->Write(context.get(), writeRequest(updates), &response);
 }
@@ -234,7 +233,7 @@ std::size_t Controller::entries() {
 
 // Messages.
 
-std::unique_ptr<grpc::ClientContext> newContext() {
+std::unique_ptr<grpc::ClientContext> newContext(std::chrono::milliseconds patience) {
   auto context = std::make_unique<grpc::ClientContext>();
   context->set_deadline(std::chrono::system_clock::now() + patience);
   return context;

@@ -4,6 +4,7 @@
 
 #include <grpcpp/grpcpp.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -77,6 +78,11 @@ struct Id {
   std::uint64_t high = 0;
 };
 
+// A context whose RPC fails rather than hangs.
+inline constexpr std::chrono::milliseconds defaultPatience{30'000};
+[[nodiscard]] std::unique_ptr<grpc::ClientContext> newContext(
+    std::chrono::milliseconds patience = defaultPatience);
+
 // A client with a connection of its own.
 class Controller {
  public:
@@ -109,7 +115,8 @@ class Controller {
 
   // Requests, in the name of this controller.
   [[nodiscard]] p4::v1::WriteRequest writeRequest(const std::vector<Update>& updates) const;
-  grpc::Status write(const std::vector<Update>& updates);
+  grpc::Status write(const std::vector<Update>& updates,
+                     std::chrono::milliseconds patience = defaultPatience);
   // The same on another thread.
   std::future<grpc::Status> writeLater(const std::vector<Update>& updates);
   grpc::Status setPipeline();
@@ -127,9 +134,6 @@ class Controller {
       grpc::ClientReaderWriter<p4::v1::StreamMessageRequest, p4::v1::StreamMessageResponse>>
       stream_;
 };
-
-// A context whose RPC fails rather than hangs.
-[[nodiscard]] std::unique_ptr<grpc::ClientContext> newContext();
 
 // A flow to one address that is forwarded to a port, by the P4Info that comes with the server.
 [[nodiscard]] Update flow(Update::Type type, std::uint32_t number, std::uint32_t port = 1);
