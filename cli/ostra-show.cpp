@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <new>
 #include <span>
 #include <string>
 #include <string_view>
@@ -151,6 +152,10 @@ Status runProgram(std::span<const char* const> arguments, Cli::Output& out, Cli:
   } catch (const Cli::CommandError& error) {
     errors << "ostra-show: " << error.what() << "\nTry 'ostra-show --help'.\n";
     return badInput;
+  } catch (const std::bad_alloc&) {
+    out.flush();
+    errors << "ostra-show: out of memory\n";
+    return nothingThere;
   } catch (const std::exception& error) {
     out.flush();
     errors << "ostra-show: " << error.what() << '\n';

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <exception>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -175,31 +176,33 @@ class Program {
 };
 
 Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) {
-  Cli::Options options;
-  try {
-    options = Cli::parseOptions({argv + 1, argv + argc});
-  } catch (const Cli::UsageError& error) {
-    errors << "ostra-sim: " << error.what() << "\nTry 'ostra-sim --help'.\n";
-    return badInput;
-  }
-  if (options.help) {
-    out << Cli::usage();
-    return success;
-  }
-  if (options.version) {
-    out << "ostra-sim " << OSTRA_VERSION << '\n';
-    return success;
-  }
-  try {
-    return Program{options, out, errors}.run();
-  } catch (const Sim::LeftoverError& error) {
-    errors << "ostra-sim: " << error.what()
-           << ": --resume goes on with them, --discard removes them\n";
-    return internalFailure;
-  } catch (const std::exception& error) {
+  const auto fail = [&](Status status, auto... text) {
     out.flush();
-    errors << "ostra-sim: " << error.what() << '\n';
-    return internalFailure;
+    errors << "ostra-sim: ";
+    (errors << ... << text);
+    errors << '\n';
+    return status;
+  };
+  try {
+    const Cli::Options options = Cli::parseOptions({argv + 1, argv + argc});
+    if (options.help) {
+      out << Cli::usage();
+      return success;
+    }
+    if (options.version) {
+      out << "ostra-sim " << OSTRA_VERSION << '\n';
+      return success;
+    }
+    return Program{options, out, errors}.run();
+  } catch (const Cli::UsageError& error) {
+    return fail(badInput, error.what(), "\nTry 'ostra-sim --help'.");
+  } catch (const Sim::LeftoverError& error) {
+    return fail(internalFailure, error.what(),
+                ": --resume goes on with them, --discard removes them");
+  } catch (const std::bad_alloc&) {
+    return fail(internalFailure, "out of memory");
+  } catch (const std::exception& error) {
+    return fail(internalFailure, error.what());
   }
 }
 

@@ -10,8 +10,8 @@
 #include <optional>
 #include <string>
 
+#include "cli/output/Json.h"
 #include "cli/output/JsonPrinter.h"
-#include "cli/output/JsonValues.h"
 #include "cli/output/Output.h"
 #include "cli/output/TextPrinter.h"
 #include "p4rt/Engine.h"
@@ -154,9 +154,9 @@ class Program {
                      {"device", options_.service.device},
                      {"tls", !options_.tlsKey.empty()}};
       if (!p4info.empty()) {
-        line["p4info"] = p4info;
+        line.add("p4info", p4info);
       }
-      out_ << line.dump() << '\n' << std::flush;
+      out_ << line << '\n' << std::flush;
       return;
     }
     out_ << "P4Runtime " << (options_.tlsKey.empty() ? "without TLS" : "over TLS") << " on "

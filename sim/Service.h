@@ -17,9 +17,10 @@
 //
 // A range exception that leaves the library is a result (apply, start, resync) or a returned text
 // (the others); the service goes on. It also goes on where a row is damaged or shared memory runs
-// out: the write that meets it fails, and takeFaults() has a text. Any other exception, the memory
-// of the process running out for one, leaves the operation, and the service can then only be
-// destroyed.
+// out: the write that meets it fails, and takeFaults() has a text. Any other exception leaves the
+// operation, and the service can then only be destroyed. So it is with std::bad_alloc, at whatever
+// allocation it comes: what had been returned stays true of the tables, and of the operation a
+// first part has been made.
 //
 // Given a SharedMemory, the service keeps its tables under that name, where they outlive a process
 // that dies. One that resumes has the rows, the ports, the encapsulations and the blobs of the

@@ -2,6 +2,9 @@
 
 #include <unistd.h>
 
+#include <exception>
+#include <utility>
+
 #include "platform/Brisklog/Ring.h"
 #include "platform/KormVasta/SharedMemory.h"
 #include "platform/Vasta/Layout.h"
@@ -40,37 +43,54 @@ std::string processOf(const Korm::Segment& segment) {
 
 Korm::SegmentName segmentOf(const std::string& name) { return Korm::SegmentName{"/ostra." + name}; }
 
-void removeTables(const std::string& name) {
+std::vector<Vasta::SegmentNames> tablesOf(const std::string& name) {
+  std::vector<Vasta::SegmentNames> tables;
   for (const std::string& path : tablePaths()) {
-    const std::string segment = KormVasta::segmentName(name, path);
-    if (!Vasta::removeTable(segment)) {
-      throw SharedNameError{"the table '" + segment + "' has another writer"};
-    }
+    tables.emplace_back(KormVasta::segmentName(name, path));
   }
+  return tables;
 }
 
 }  // namespace
 
 SharedMemory::SharedMemory(const std::string& name, Leftover leftover)
-    : name_{name}, segmentName_{segmentOf(name)} {
+    : name_{name}, segmentName_{segmentOf(name)}, tables_{tablesOf(name)}, leftover_{leftover} {
   takeName();
   try {
-    inspect(leftover);
+    inspect();
     KormVasta::sharedMemoryIs({.prefix = name, .takeOver = true});
     // After the tables are in order: its coming tells readers to look. No trace has been written
     // yet that the ring it replaces could hold.
-    (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = traceSegment(name)}));
+    std::unique_ptr<Brisklog::Ring> ring = Brisklog::Ring::create({.shmName = traceSegment(name)});
+    ring_ = ring.get();
+    (void)Brisklog::ringIs(std::move(ring));
   } catch (...) {
     release();
     throw;
   }
 }
 
+void SharedMemory::removeTables() const {
+  for (const Vasta::SegmentNames& table : tables_) {
+    if (!Vasta::removeTable(table)) {
+      throw SharedNameError{"the table '" + std::string{table.header().text()} +
+                            "' has another writer"};
+    }
+  }
+}
+
 SharedMemory::~SharedMemory() {
+  if (leftover_ == Leftover::resume_ && std::uncaught_exceptions() > 0) {
+    keep();
+  }
+  if (!removes_ && ring_ != nullptr) {
+    ring_->keepName();
+  }
   (void)Brisklog::ringIs(nullptr);
   release();
 }
 
+// Memory may have run out: nothing here allocates unless it fails.
 void SharedMemory::release() noexcept {
   KormVasta::sharedMemoryIs({});
   if (!removes_) {
@@ -80,7 +100,7 @@ void SharedMemory::release() noexcept {
     if (isState(*segment_)) {
       // What a death in the middle of the removal leaves is worth nothing.
       storeWord(segment_->words()[Word::inService_], 0);
-      removeTables(name_);
+      removeTables();
     }
     Korm::unlinkSegment(segmentName_);
   } catch (const std::exception&) {  // somebody else's tables are theirs to remove
@@ -99,7 +119,7 @@ void SharedMemory::takeName() {
       (owned != nullptr && isState(*owned) ? " by process " + processOf(*owned) : std::string{})};
 }
 
-void SharedMemory::inspect(Leftover leftover) {
+void SharedMemory::inspect() {
   std::uint64_t* const words = segment_->words();
   const bool known = isState(*segment_);
   if (!known && segment_->size() != 0 && loadWord(words[magic_]) != 0) {
@@ -109,17 +129,17 @@ void SharedMemory::inspect(Leftover leftover) {
     throw SharedNameError{subject() + " is of another version"};
   }
   const bool left = known && loadWord(words[Word::inService_]) != 0;
-  if (left && leftover == Leftover::refuse_) {
+  if (left && leftover_ == Leftover::refuse_) {
     throw LeftoverError{subject() + " holds the tables of process " + processOf(*segment_) +
                         ", which is gone"};
   }
-  resuming_ = left && leftover == Leftover::resume_;
+  resuming_ = left && leftover_ == Leftover::resume_;
   removes_ = !resuming_;
   segment_->grow(bytes);
   numbers_ = reinterpret_cast<GivenNumbers*>(words + Word::givenNumbers_);
   if (!resuming_) {
     storeWord(words[Word::inService_], 0);
-    removeTables(name_);
+    removeTables();
     *numbers_ = {};
   } else {
     // What was said of the entries is not true of a hardware that starts anew.

@@ -17,8 +17,11 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "platform/Brisklog/Ring.h"
 #include "platform/Korm/Segment.h"
+#include "platform/Vasta/SegmentNames.h"
 
 namespace Sim {
 
@@ -54,8 +57,11 @@ class SharedMemory {
   // are to be refused; std::system_error or Brisklog::RingError when the system refuses.
   // Requires: `name` has no fault (SharedNames.h).
   explicit SharedMemory(const std::string& name, Leftover leftover = Leftover::refuse_);
-  // Removes the tables, the ring and the name. Keeps the tables, and gives up the name only, after
-  // keep() and where they are those of another process which no service has gone on with.
+  // Removes the tables, the ring and the name, without allocating. It keeps the tables and the
+  // ring, and gives up the name only,
+  // - after keep(),
+  // - where the tables are another process's which no service has gone on with,
+  // - made with resume_, where an exception ends the use: the next one resumes what was answered.
   ~SharedMemory();
   SharedMemory(const SharedMemory&) = delete;
   SharedMemory& operator=(const SharedMemory&) = delete;
@@ -67,20 +73,24 @@ class SharedMemory {
   // The tables are complete, from now on they are worth something: a process that dies before this
   // leaves nothing to go on with unless it was resuming.
   void inServiceIs() noexcept;
-  // The tables stay when this object goes, for a next process to resume.
+  // The tables and the ring stay when this object goes, for a next process to resume.
   void keep() noexcept { removes_ = false; }
 
  private:
   void takeName();
   // Looks at what the last owner of the name has left.
-  void inspect(Leftover leftover);
+  void inspect();
+  void removeTables() const;
   [[nodiscard]] std::string subject() const { return "the shared memory '" + name_ + "'"; }
   void release() noexcept;
 
   const std::string name_;
   const Korm::SegmentName segmentName_;
+  const std::vector<Vasta::SegmentNames> tables_;  // made before there is anything to remove
+  const Leftover leftover_;
   std::unique_ptr<Korm::Segment> segment_;
   GivenNumbers* numbers_ = nullptr;
+  Brisklog::Ring* ring_ = nullptr;  // the process's
   bool resuming_ = false;
   bool removes_ = false;
 };

@@ -16,8 +16,9 @@ using Ostra::MatchFieldId;
 using Ostra::MatchNeeds;
 using Ostra::OstraConfigEntry;
 
-const std::string etherType = Ostra::matchFieldName(MatchFieldId::etherType_);
-const std::string isIpPacket = Ostra::matchFieldName(MatchFieldId::isIpPacket_);
+std::string etherTypeIs(const std::string& value) {
+  return std::string{Ostra::matchFieldName(MatchFieldId::etherType_)} + "=" + value;
+}
 
 std::string etherTypeText(std::uint16_t type) {
   // Four digits, as ether types are written.
@@ -33,8 +34,10 @@ std::string needsText(MatchNeeds needs) {
       types += (types.empty() ? "" : " or ") + etherTypeText(type);
     }
   }
-  const std::string text = etherType + "=" + types;
-  return needs == MatchNeeds::ipPacket_ ? text + ", or " + isIpPacket + "=true" : text;
+  const std::string text = etherTypeIs(types);
+  return needs == MatchNeeds::ipPacket_
+             ? text + ", or " + Ostra::matchFieldName(MatchFieldId::isIpPacket_) + "=true"
+             : text;
 }
 
 std::string matchHint(const OstraConfigEntry& entry, const FlowPreview& preview) {
@@ -49,7 +52,7 @@ std::string matchHint(const OstraConfigEntry& entry, const FlowPreview& preview)
   if (*preview.field == MatchFieldId::isIpPacket_) {
     const std::uint16_t type = entry.flowKey.etherType().value;
     const bool isIp = isMetBy(MatchNeeds::ip4OrIp6_, type);
-    return etherType + "=" + etherTypeText(type) + (isIp ? " is" : " is not") + " IP, so " + name +
+    return etherTypeIs(etherTypeText(type)) + (isIp ? " is" : " is not") + " IP, so " + name +
            (isIp ? " is true" : " is false") + " or is left out";
   }
   // What it needs may be there, and then its address is of the wrong family.

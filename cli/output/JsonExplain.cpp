@@ -46,12 +46,12 @@ const char* stateText(Ostra::GroupNeed::State state) {
 Json vrfToJson(const Ostra::VrfChange& change) {
   Json json = Json::object();
   if (change.released) {
-    json["released"] = *change.released;
-    json["lastUser"] = change.lastUser;
+    json.add("released", *change.released);
+    json.add("lastUser", change.lastUser);
   }
   if (change.taken) {
-    json["taken"] = *change.taken;
-    json["firstUser"] = change.firstUser;
+    json.add("taken", *change.taken);
+    json.add("firstUser", change.firstUser);
   }
   return json;
 }
@@ -59,7 +59,7 @@ Json vrfToJson(const Ostra::VrfChange& change) {
 Json groupNeedToJson(const Ostra::GroupNeed& need) {
   Json json{{"id", need.id}, {"state", stateText(need.state)}};
   if (need.status) {
-    json["status"] = static_cast<std::uint32_t>(*need.status);
+    json.add("status", static_cast<std::uint32_t>(*need.status));
   }
   return json;
 }
@@ -67,29 +67,29 @@ Json groupNeedToJson(const Ostra::GroupNeed& need) {
 Json previewToJson(const Ostra::OstraConfigEntry& entry, const FlowPreview& preview) {
   Json json{{"outcome", outcomeText(preview.outcome)}};
   if (preview.code) {
-    json["code"] = static_cast<std::uint32_t>(*preview.code);
+    json.add("code", static_cast<std::uint32_t>(*preview.code));
   }
   if (!preview.accepted()) {
-    json["message"] = preview.message;
-    json["step"] = stepText(preview.step);
+    json.add("message", preview.message);
+    json.add("step", stepText(preview.step));
   }
   if (const std::string text = hintText(entry, preview); !text.empty()) {
-    json["hint"] = text;
+    json.add("hint", text);
   }
   if (preview.accepted()) {
-    json["flow"] = {{"name", preview.name},
-                    {"entryId", preview.entryId},
-                    {"priority", preview.priority},
-                    {"priorityGroup", preview.priorityGroupType},
-                    {"tableType", static_cast<std::int32_t>(preview.tableType)},
-                    {"match", matchToJson(preview.match)},
-                    {"actions", actionsToJson(preview.actions)}};
+    json.add("flow", {{"name", preview.name},
+                      {"entryId", preview.entryId},
+                      {"priority", preview.priority},
+                      {"priorityGroup", preview.priorityGroupType},
+                      {"tableType", static_cast<std::int32_t>(preview.tableType)},
+                      {"match", matchToJson(preview.match)},
+                      {"actions", actionsToJson(preview.actions)}});
   }
   if (preview.group) {
-    json["group"] = groupNeedToJson(*preview.group);
+    json.add("group", groupNeedToJson(*preview.group));
   }
-  if (const Json vrf = vrfToJson(preview.vrf); !vrf.empty()) {
-    json["vrf"] = vrf;
+  if (const Json vrf = vrfToJson(preview.vrf); !vrf.isEmpty()) {
+    json.add("vrf", vrf);
   }
   return json;
 }
@@ -100,8 +100,8 @@ void JsonPrinter::hint(std::string_view /*text*/) {}
 
 void JsonPrinter::explanation(const Ostra::OstraConfigEntry& entry, const FlowPreview& preview) {
   Json json{{"type", "explanation"}};
-  json.update(previewToJson(entry, preview));
-  printJson(out_, json);
+  json.addAll(previewToJson(entry, preview));
+  out_ << json << '\n';
 }
 
 void JsonPrinter::storedFlow(const Sim::StoredFlow& flow) {
@@ -113,36 +113,34 @@ void JsonPrinter::storedFlow(const Sim::StoredFlow& flow) {
             {"storedAt", secondsToJson(flow.storedAt)},
             {"row", keyText(row.flowKey) + " -> " + entryActionsText(row)}};
   if (flow.flow != nullptr) {
-    json["flow"] = flowToJson(Korm::Name{"flow-" + std::to_string(row.entryHandle)}, *flow.flow);
-    json["configuredAt"] = secondsToJson(flow.configuredAt);
+    json.add("flow", flowToJson(Korm::Name{"flow-" + std::to_string(row.entryHandle)}, *flow.flow));
+    json.add("configuredAt", secondsToJson(flow.configuredAt));
   }
   if (flow.hardware != nullptr) {
-    json["status"] = static_cast<std::uint32_t>(flow.hardware->status());
-    json["programmedAt"] = secondsToJson(flow.programmedAt);
+    json.add("status", static_cast<std::uint32_t>(flow.hardware->status()));
+    json.add("programmedAt", secondsToJson(flow.programmedAt));
   }
   if (flow.preview) {
-    json["explanation"] = previewToJson(row, *flow.preview);
+    json.add("explanation", previewToJson(row, *flow.preview));
   }
-  printJson(out_, json);
+  out_ << json << '\n';
 }
 
 void JsonPrinter::audit(const Ostra::AuditReport& report) {
   Json findings = Json::array();
   for (const Ostra::AuditFinding& finding : report.findings) {
-    findings.push_back({{"kind", auditKindText(finding.kind)},
-                        {"fault", finding.fault},
-                        {"about", finding.about},
-                        {"expected", finding.expected},
-                        {"found", finding.found},
-                        {"cause", finding.cause}});
+    findings.push({{"kind", auditKindText(finding.kind)},
+                   {"fault", finding.fault},
+                   {"about", finding.about},
+                   {"expected", finding.expected},
+                   {"found", finding.found},
+                   {"cause", finding.cause}});
   }
-  printJson(out_, {{"type", "audit"},
-                   {"findings", std::move(findings)},
-                   {"faults", report.faults()},
-                   {"rows", report.rows},
-                   {"flows", report.flows},
-                   {"groups", report.groups},
-                   {"seconds", report.seconds}});
+  out_ << Json{{"type", "audit"},           {"findings", std::move(findings)},
+               {"faults", report.faults()}, {"rows", report.rows},
+               {"flows", report.flows},     {"groups", report.groups},
+               {"seconds", report.seconds}}
+       << '\n';
 }
 
 void JsonPrinter::pending(const std::vector<Sim::PendingView>& writes) {
@@ -154,12 +152,12 @@ void JsonPrinter::pending(const std::vector<Sim::PendingView>& writes) {
               {"match", keyText(*write.key)},
               {"age", secondsToJson(Korm::currentTime() - write.since)}};
     if (write.status) {
-      json["status"] = static_cast<std::uint32_t>(*write.status);
-      json["words"] = flowStatusText(*write.status);
+      json.add("status", static_cast<std::uint32_t>(*write.status));
+      json.add("words", flowStatusText(*write.status));
     }
-    array.push_back(std::move(json));
+    array.push(std::move(json));
   }
-  printJson(out_, {{"type", "pending"}, {"writes", std::move(array)}});
+  out_ << Json{{"type", "pending"}, {"writes", std::move(array)}} << '\n';
 }
 
 }  // namespace Cli

@@ -18,7 +18,7 @@ template <class Items, class ToJson>
 Json arrayOf(const Items& items, ToJson toJson) {
   Json array = Json::array();
   for (const auto& item : items) {
-    array.push_back(toJson(item));
+    array.push(toJson(item));
   }
   return array;
 }
@@ -26,7 +26,7 @@ Json arrayOf(const Items& items, ToJson toJson) {
 Json toJson(const Sim::EntryView& entry) {
   Json row{{"handle", number(entry.handle)}, {"indexed", entry.indexed}};
   if (entry.vrf) {
-    row["vrf"] = *entry.vrf;
+    row.add("vrf", *entry.vrf);
   }
   return row;
 }
@@ -35,35 +35,35 @@ Json toJson(const Sim::EntryView& entry) {
 
 void JsonPrinter::result(const Sim::Result& result) {
   Json line = object("result");
-  line["op"] = text(result.op);
-  line["kind"] = text(result.kind);
+  line.add("op", text(result.op));
+  line.add("kind", text(result.kind));
   if (result.kind != Sim::Kind::flow_) {
-    line["id"] = result.id;
+    line.add("id", result.id);
   }
   if (number(result.handle) != 0) {
-    line["handle"] = number(result.handle);
+    line.add("handle", number(result.handle));
   }
-  line["state"] = text(result.state);
+  line.add("state", text(result.state));
   if (result.state == Sim::State::done_) {
-    line["code"] = static_cast<std::uint32_t>(result.code);
+    line.add("code", static_cast<std::uint32_t>(result.code));
   }
-  line["message"] = result.message;
-  printJson(out_, line);
+  line.add("message", result.message);
+  out_ << line << '\n';
 }
 
 void JsonPrinter::report(const Sim::Report& report) {
   Json line = object("report");
-  line["handle"] = number(report.handle);
-  line["code"] = static_cast<std::uint32_t>(report.code);
-  line["message"] = report.message;
-  printJson(out_, line);
+  line.add("handle", number(report.handle));
+  line.add("code", static_cast<std::uint32_t>(report.code));
+  line.add("message", report.message);
+  out_ << line << '\n';
 }
 
 void JsonPrinter::error(std::string_view where, std::string_view message) {
   Json line = object("error");
-  line["where"] = where;
-  line["message"] = message;
-  printJson(out_, line);
+  line.add("where", where);
+  line.add("message", message);
+  out_ << line << '\n';
 }
 
 void JsonPrinter::failure(std::string_view where, std::string_view /*command*/,
@@ -75,83 +75,85 @@ void JsonPrinter::note(std::string_view /*text*/) {}
 
 void JsonPrinter::echo(std::string_view text) {
   Json line = object("echo");
-  line["text"] = text;
-  printJson(out_, line);
+  line.add("text", text);
+  out_ << line << '\n';
 }
 
 void JsonPrinter::help(std::span<const HelpEntry> commands, bool grammar) {
   Json line = object("help");
-  line["commands"] = arrayOf(commands, [grammar](const HelpEntry& command) {
-    Json entry{{"name", command.name}, {"summary", command.summary}};
-    if (grammar) {
-      entry["grammar"] = command.grammar;
-    }
-    return entry;
-  });
-  printJson(out_, line);
+  line.add("commands", arrayOf(commands, [grammar](const HelpEntry& command) {
+             Json entry{{"name", command.name}, {"summary", command.summary}};
+             if (grammar) {
+               entry.add("grammar", command.grammar);
+             }
+             return entry;
+           }));
+  out_ << line << '\n';
 }
 
 void JsonPrinter::counter(P4Runtime::EntryHandle handle, const P4Runtime::P4CounterData& data) {
   Json line = object("counter");
-  line["handle"] = number(handle);
-  line["packets"] = data.packets;
-  line["bytes"] = data.bytes;
-  printJson(out_, line);
+  line.add("handle", number(handle));
+  line.add("packets", data.packets);
+  line.add("bytes", data.bytes);
+  out_ << line << '\n';
 }
 
 void JsonPrinter::flows(const std::vector<Sim::FlowView>& flows) {
   Json line = object("flows");
-  line["flows"] =
-      arrayOf(flows, [](const Sim::FlowView& view) { return flowToJson(*view.name, *view.flow); });
-  printJson(out_, line);
+  line.add("flows", arrayOf(flows, [](const Sim::FlowView& view) {
+             return flowToJson(*view.name, *view.flow);
+           }));
+  out_ << line << '\n';
 }
 
 void JsonPrinter::groups(const std::vector<const OpenFlowTable::GroupEntry*>& groups) {
   Json line = object("groups");
-  line["groups"] =
-      arrayOf(groups, [](const OpenFlowTable::GroupEntry* group) { return groupToJson(*group); });
-  printJson(out_, line);
+  line.add("groups", arrayOf(groups, [](const OpenFlowTable::GroupEntry* group) {
+             return groupToJson(*group);
+           }));
+  out_ << line << '\n';
 }
 
 void JsonPrinter::vrfs(const std::vector<Sim::VrfView>& vrfs,
                        const std::vector<Sim::DependentView>& dependents) {
   Json line = object("vrfs");
-  line["vrfs"] = arrayOf(vrfs, [](const Sim::VrfView& view) {
-    return Json{{"vrf", view.vrf},
-                {"refCount", view.refCount},
-                {"creator", number(view.creator)},
-                {"deletor", number(view.deletor)}};
-  });
-  line["dependents"] = arrayOf(dependents, [](const Sim::DependentView& view) {
-    return Json{{"handle", number(view.handle)}, {"vrf", view.vrf}};
-  });
-  printJson(out_, line);
+  line.add("vrfs", arrayOf(vrfs, [](const Sim::VrfView& view) {
+             return Json{{"vrf", view.vrf},
+                         {"refCount", view.refCount},
+                         {"creator", number(view.creator)},
+                         {"deletor", number(view.deletor)}};
+           }));
+  line.add("dependents", arrayOf(dependents, [](const Sim::DependentView& view) {
+             return Json{{"handle", number(view.handle)}, {"vrf", view.vrf}};
+           }));
+  out_ << line << '\n';
 }
 
 void JsonPrinter::entries(const std::vector<Sim::TableView>& tables) {
   Json line = object("entries");
-  line["tables"] = arrayOf(tables, [](const Sim::TableView& table) {
-    return Json{{"table", table.table}, {"entries", arrayOf(table.entries, toJson)}};
-  });
-  printJson(out_, line);
+  line.add("tables", arrayOf(tables, [](const Sim::TableView& table) {
+             return Json{{"table", table.table}, {"entries", arrayOf(table.entries, toJson)}};
+           }));
+  out_ << line << '\n';
 }
 
 void JsonPrinter::hw(const Sim::HwAgent& agent) {
   Json line = object("hw");
-  line["flows"] = arrayOf(agent.publishedFlows(), [](const Sim::HwAgent::FlowView& view) {
-    return Json{{"name", *view.name}, {"status", static_cast<std::uint32_t>(view.status)}};
-  });
-  line["groups"] = arrayOf(agent.publishedGroups(), [](const Sim::HwAgent::GroupView& view) {
-    return Json{{"id", view.id}, {"status", static_cast<std::uint32_t>(view.status)}};
-  });
-  line["counterPoll"] = agent.counterPoll();
-  printJson(out_, line);
+  line.add("flows", arrayOf(agent.publishedFlows(), [](const Sim::HwAgent::FlowView& view) {
+             return Json{{"name", *view.name}, {"status", static_cast<std::uint32_t>(view.status)}};
+           }));
+  line.add("groups", arrayOf(agent.publishedGroups(), [](const Sim::HwAgent::GroupView& view) {
+             return Json{{"id", view.id}, {"status", static_cast<std::uint32_t>(view.status)}};
+           }));
+  line.add("counterPoll", agent.counterPoll());
+  out_ << line << '\n';
 }
 
 void JsonPrinter::trace(const std::vector<std::string>& lines) {
   Json line = object("trace");
-  line["lines"] = lines;
-  printJson(out_, line);
+  line.add("lines", arrayOf(lines, [](const std::string& text) { return Json{text}; }));
+  out_ << line << '\n';
 }
 
 }  // namespace Cli

@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <ostream>
 #include <string>
 
 #include "cli/output/TextValues.h"
@@ -39,7 +38,7 @@ Json toJson(const Masked<T>& field) {
 Json toJson(const PolicerConfig& policer) {
   Json drop = Json::array();
   for (const std::string_view color : droppedColors(policer)) {
-    drop.push_back(std::string{color});
+    drop.push(color);
   }
   return {{"rate", policer.rate}, {"burst", policer.burst}, {"drop", std::move(drop)}};
 }
@@ -58,10 +57,6 @@ Json toJson(const OpenFlowTable::FixedBlock& block) {
 
 }  // namespace
 
-void printJson(std::ostream& out, const Json& object) {
-  out << object.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
-}
-
 Json secondsToJson(double seconds) {
   if (std::trunc(seconds) == seconds && std::abs(seconds) < largestWhole) {
     return static_cast<std::int64_t>(seconds);
@@ -72,16 +67,15 @@ Json secondsToJson(double seconds) {
 Json matchToJson(const OpenFlowTable::Match& match) {
   Json result = Json::object();
   match.forEachSet([&result](const OpenFlowTable::MatchFieldInfo& info, const auto& field) {
-    result[std::string{info.name}] = toJson(field);
+    result.add(info.name, toJson(field));
   });
   return result;
 }
 
 Json actionsToJson(const OpenFlowTable::Actions& actions) {
   Json result = Json::object();
-  actions.forEachPresent([&result](std::string_view name, const auto& value) {
-    result[std::string{name}] = toJson(value);
-  });
+  actions.forEachPresent(
+      [&result](std::string_view name, const auto& value) { result.add(name, toJson(value)); });
   return result;
 }
 
@@ -99,7 +93,7 @@ Json flowToJson(const Korm::Name& name, const OpenFlowTable::FlowEntry& flow) {
 Json groupToJson(const OpenFlowTable::GroupEntry& group) {
   Json buckets = Json::array();
   for (const OpenFlowTable::Bucket& bucket : group.bucket()) {
-    buckets.push_back({{"actions", actionsToJson(bucket.actions)}});
+    buckets.push({{"actions", actionsToJson(bucket.actions)}});
   }
   return {{"id", group.id()},
           {"groupType", static_cast<unsigned>(group.groupType())},

@@ -3,18 +3,10 @@
 // Thread and process rule: free functions without state.
 #pragma once
 
-#include <iosfwd>
-
+#include "cli/output/Json.h"
 #include "platform/OpenFlowTable/HwConfig.h"
-#include <nlohmann/json.hpp>
 
 namespace Cli {
-
-// Members stay in the order in which they are written.
-using Json = nlohmann::ordered_json;
-
-// Writes the object in one line. Bytes that are not UTF-8 are replaced, so that the line is JSON.
-void printJson(std::ostream& out, const Json& object);
 
 // A time: without a fraction where it is a whole number of seconds.
 [[nodiscard]] Json secondsToJson(double seconds);

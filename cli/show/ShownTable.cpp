@@ -50,8 +50,8 @@ std::string listText(std::span<const std::uint32_t> numbers) {
 
 template <>
 struct Columns<OstraConfigEntry> {
-  static inline const std::vector<std::string_view> titles{">entry", ">priority", "match",
-                                                           "actions"};
+  static constexpr std::array<std::string_view, 4> titles{">entry", ">priority", "match",
+                                                          "actions"};
   static std::uint64_t number(const OstraConfigEntry& row) { return row.entryHandle; }
   static Cells cells(const OstraConfigEntry& row) {
     return {numberText(row.entryHandle), std::to_string(row.flowKey.priority()),
@@ -61,8 +61,8 @@ struct Columns<OstraConfigEntry> {
 
 template <>
 struct Columns<NexthopInfo> {
-  static inline const std::vector<std::string_view> titles{">id",    ">entry",  ">port",
-                                                           ">encap", "dst-mac", "src-mac"};
+  static constexpr std::array<std::string_view, 6> titles{">id",    ">entry",  ">port",
+                                                          ">encap", "dst-mac", "src-mac"};
   static std::uint64_t number(const NexthopInfo& row) { return row.memberId; }
   static Cells cells(const NexthopInfo& row) {
     return {numberText(row.memberId), numberText(row.entryHandle), numberText(row.p4PortId),
@@ -72,7 +72,7 @@ struct Columns<NexthopInfo> {
 
 template <>
 struct Columns<EcmpMemberList> {
-  static inline const std::vector<std::string_view> titles{">id", ">entry", "members", "weights"};
+  static constexpr std::array<std::string_view, 4> titles{">id", ">entry", "members", "weights"};
   static std::uint64_t number(const EcmpMemberList& row) { return row.groupId; }
   static Cells cells(const EcmpMemberList& row) {
     return {numberText(row.groupId), numberText(row.entryHandle), listText(row.memberIds()),
@@ -82,7 +82,7 @@ struct Columns<EcmpMemberList> {
 
 template <>
 struct Columns<OstraStatusEntry> {
-  static inline const std::vector<std::string_view> titles{">entry", "result", "match"};
+  static constexpr std::array<std::string_view, 3> titles{">entry", "result", "match"};
   static std::uint64_t number(const OstraStatusEntry& row) { return row.entryHandle; }
   static Cells cells(const OstraStatusEntry& row) {
     const bool success = row.errorCode == P4Runtime::ErrorCode::success_;

@@ -132,10 +132,8 @@ std::size_t Ring::records() const noexcept { return writer_->ticketMask + 1; }
 // A forked child that ends leaves its parent's name alone.
 void Ring::removeName() const noexcept {
   const auto owner = static_cast<pid_t>(detail::loadShared(writer_->header[detail::ownerWord]));
-  if (!shmName_.empty() && owner == ::getpid()) {
-    if (segment_->isNamed()) {
-      Korm::unlinkSegment(*name_);
-    }
+  if (name_ && owner == ::getpid() && segment_->isNamed()) {
+    Korm::unlinkSegment(*name_);
   }
 }
 

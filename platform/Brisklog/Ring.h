@@ -44,13 +44,16 @@ class Ring {
   // lives, if the segment of that name is not a ring, or if there is not enough memory.
   [[nodiscard]] static std::unique_ptr<Ring> create(const RingOptions& options = {});
 
-  // Removes the name and unmaps the memory. Requires: no thread is tracing into this ring.
+  // Removes the name, unless keepName() was called, and unmaps the memory. Requires: no thread is
+  // tracing into this ring.
   ~Ring();
   Ring(const Ring&) = delete;
   Ring& operator=(const Ring&) = delete;
 
   [[nodiscard]] const std::string& shmName() const noexcept { return shmName_; }
   [[nodiscard]] std::size_t records() const noexcept;
+  // Others can go on reading under the name when this ring has gone, as after a crash.
+  void keepName() noexcept { name_.reset(); }
 
  private:
   friend class RingReader;
@@ -60,7 +63,7 @@ class Ring {
   void removeName() const noexcept;
 
   const std::string shmName_;
-  std::optional<Korm::SegmentName> name_;    // of a named ring
+  std::optional<Korm::SegmentName> name_;    // of a named ring; what to remove
   std::unique_ptr<Korm::Segment> segment_;   // of a named ring
   std::unique_ptr<std::uint64_t[]> memory_;  // of an anonymous one: a forked child has its own
   const std::uint64_t* words_ = nullptr;

@@ -1,12 +1,14 @@
 // The activity thread's run queue, and counters of what entities do.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <map>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace Korm {
 
@@ -19,19 +21,26 @@ class Activity {
   // Runs until the queue is empty, including what the work itself defers.
   // Throws: whatever the work throws; the work behind it stays queued.
   void run() {
-    while (!queue_.empty()) {
-      const std::function<void()> work = std::move(queue_.front());
-      queue_.pop_front();
+    while (!idle()) {
+      const std::function<void()> work = std::move(queue_[next_]);
+      ++next_;
       work();
     }
+    queue_.clear();
+    next_ = 0;
   }
 
-  [[nodiscard]] bool idle() const noexcept { return queue_.empty(); }
+  [[nodiscard]] bool idle() const noexcept { return next_ == queue_.size(); }
   // Drops the queue. What the destructors of the dropped work defer stays queued.
-  void clear() noexcept { std::deque<std::function<void()>>{}.swap(queue_); }
+  void clear() noexcept {
+    next_ = 0;
+    std::vector<std::function<void()>>{}.swap(queue_);
+  }
 
  private:
-  std::deque<std::function<void()>> queue_;
+  // Neither making nor clearing it allocates.
+  std::vector<std::function<void()>> queue_;
+  std::size_t next_ = 0;  // in the queue; what stands before it is done
 };
 
 // The run queue of the process.

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace Korm {
 namespace {
@@ -62,12 +63,11 @@ bool grantGroup(int descriptor) {
           ::fchmod(descriptor, readableByGroup) == 0);
 }
 
-int createObject(const SegmentName& name, const std::string& subject) {
-  const int descriptor =
-      ::shm_open(name.text(), O_RDWR | O_CREAT | O_EXCL | openFlags, S_IRUSR | S_IWUSR);
-  if (descriptor >= 0 && !grantGroup(descriptor)) {
+Descriptor createObject(const SegmentName& name, const std::string& subject) {
+  Descriptor descriptor{
+      ::shm_open(name.text(), O_RDWR | O_CREAT | O_EXCL | openFlags, S_IRUSR | S_IWUSR)};
+  if (descriptor.isOpen() && !grantGroup(descriptor.get())) {
     const int error = errno;
-    ::close(descriptor);
     unlinkSegment(name);
     fail(error, subject, "give shared memory to the group");
   }
@@ -99,32 +99,34 @@ void unlinkSegment(const SegmentName& name) noexcept { ::shm_unlink(name.text())
 
 std::unique_ptr<Segment> Segment::create(const SegmentName& name, std::size_t reserve,
                                          const std::string& subject) {
-  const int descriptor = createObject(name, subject);
-  if (descriptor < 0) {
+  Descriptor descriptor = createObject(name, subject);
+  if (!descriptor.isOpen()) {
     fail(errno, subject, "create shared memory");
   }
-  return std::unique_ptr<Segment>{new Segment{descriptor, Access::readWrite_, reserve, subject}};
+  return makeNamed(name, std::move(descriptor), reserve, subject);
 }
 
 std::unique_ptr<Segment> Segment::createAnonymous(std::size_t reserve, const std::string& subject) {
-  const int descriptor = ::memfd_create("ostra", MFD_CLOEXEC);
-  if (descriptor < 0) {
+  Descriptor descriptor{::memfd_create("ostra", MFD_CLOEXEC)};
+  if (!descriptor.isOpen()) {
     fail(errno, subject, "create shared memory");
   }
-  return std::unique_ptr<Segment>{new Segment{descriptor, Access::readWrite_, reserve, subject}};
+  return make(std::move(descriptor), Access::readWrite_, reserve, subject);
+}
+
+Descriptor Segment::openObject(const SegmentName& name, Access access, const std::string& subject) {
+  const int mode = access == Access::readOnly_ ? O_RDONLY : O_RDWR;
+  Descriptor descriptor{::shm_open(name.text(), mode | openFlags, 0)};
+  if (!descriptor.isOpen() && errno != ENOENT) {
+    fail(errno, subject, "open shared memory");
+  }
+  return descriptor;
 }
 
 std::unique_ptr<Segment> Segment::open(const SegmentName& name, Access access, std::size_t reserve,
                                        const std::string& subject) {
-  const int mode = access == Access::readOnly_ ? O_RDONLY : O_RDWR;
-  const int descriptor = ::shm_open(name.text(), mode | openFlags, 0);
-  if (descriptor < 0) {
-    if (errno == ENOENT) {
-      return nullptr;
-    }
-    fail(errno, subject, "open shared memory");
-  }
-  return std::unique_ptr<Segment>{new Segment{descriptor, access, reserve, subject}};
+  Descriptor descriptor = openObject(name, access, subject);
+  return descriptor.isOpen() ? make(std::move(descriptor), access, reserve, subject) : nullptr;
 }
 
 std::unique_ptr<Segment> Segment::own(const SegmentName& name, std::size_t reserve,
@@ -132,14 +134,14 @@ std::unique_ptr<Segment> Segment::own(const SegmentName& name, std::size_t reser
   for (;;) {
     std::unique_ptr<Segment> segment = open(name, Access::readWrite_, reserve, subject);
     if (segment == nullptr) {
-      const int descriptor = createObject(name, subject);
-      if (descriptor < 0 && errno != EEXIST) {
+      Descriptor descriptor = createObject(name, subject);
+      if (!descriptor.isOpen() && errno != EEXIST) {
         fail(errno, subject, "create shared memory");
       }
-      if (descriptor < 0) {
+      if (!descriptor.isOpen()) {
         continue;
       }
-      segment.reset(new Segment{descriptor, Access::readWrite_, reserve, subject});
+      segment = makeNamed(name, std::move(descriptor), reserve, subject);
     }
     if (!segment->tryLockExclusive()) {
       return nullptr;
@@ -152,20 +154,31 @@ std::unique_ptr<Segment> Segment::own(const SegmentName& name, std::size_t reser
   }
 }
 
-Segment::Segment(int descriptor, Access access, std::size_t reserve, const std::string& subject)
-    : subject_{subject}, descriptor_{descriptor} {
+std::unique_ptr<Segment> Segment::make(Descriptor descriptor, Access access, std::size_t reserve,
+                                       const std::string& subject) {
+  return std::unique_ptr<Segment>{new Segment{std::move(descriptor), access, reserve, subject}};
+}
+
+std::unique_ptr<Segment> Segment::makeNamed(const SegmentName& name, Descriptor descriptor,
+                                            std::size_t reserve, const std::string& subject) {
   try {
-    inspect();
-    map(access, reserve);
+    return make(std::move(descriptor), Access::readWrite_, reserve, subject);
   } catch (...) {
-    ::close(descriptor_);
+    unlinkSegment(name);
     throw;
   }
 }
 
+Segment::Segment(Descriptor descriptor, Access access, std::size_t reserve,
+                 const std::string& subject)
+    : subject_{subject}, descriptor_{std::move(descriptor)} {
+  inspect();
+  map(access, reserve);
+}
+
 void Segment::inspect() {
   struct stat status {};
-  if (::fstat(descriptor_, &status) != 0) {
+  if (::fstat(descriptor_.get(), &status) != 0) {
     fail(errno, subject_, "inspect shared memory");
   }
   if (!S_ISREG(status.st_mode)) {
@@ -180,7 +193,7 @@ void Segment::inspect() {
 
 void Segment::refreshSize() {
   struct stat status {};
-  if (::fstat(descriptor_, &status) != 0) {
+  if (::fstat(descriptor_.get(), &status) != 0) {
     fail(errno, subject_, "inspect shared memory");
   }
   size_ = static_cast<std::size_t>(status.st_size);
@@ -191,7 +204,8 @@ void Segment::map(Access access, std::size_t reserve) {
   const std::size_t least = roundUpToPage(std::max(size(), pageSize));
   for (std::size_t bytes = std::max(roundUpToPage(affordable(reserve)), least);;
        bytes = std::max(roundUpToPage(bytes / 2), least)) {
-    void* address = ::mmap(nullptr, bytes, protection, MAP_SHARED | MAP_NORESERVE, descriptor_, 0);
+    void* address =
+        ::mmap(nullptr, bytes, protection, MAP_SHARED | MAP_NORESERVE, descriptor_.get(), 0);
     if (address != MAP_FAILED) {
       words_ = static_cast<std::uint64_t*>(address);
       mapped_ = bytes;
@@ -203,10 +217,7 @@ void Segment::map(Access access, std::size_t reserve) {
   }
 }
 
-Segment::~Segment() {
-  ::munmap(words_, mapped_);
-  ::close(descriptor_);
-}
+Segment::~Segment() { ::munmap(words_, mapped_); }
 
 void Segment::grow(std::size_t bytes) {
   const std::size_t present = size();
@@ -217,7 +228,7 @@ void Segment::grow(std::size_t bytes) {
   if (target > mapped_) {
     fail(ENOMEM, subject_, "grow shared memory");
   }
-  if (const int error = allocate(descriptor_, present, target); error != 0) {
+  if (const int error = allocate(descriptor_.get(), present, target); error != 0) {
     fail(error, subject_, "grow shared memory");
   }
   // This only saves the page faults of the first writes, so its failure does not matter.
@@ -226,27 +237,27 @@ void Segment::grow(std::size_t bytes) {
 }
 
 void Segment::shrink(std::size_t bytes) noexcept {
-  if (bytes < size() && ::ftruncate(descriptor_, static_cast<off_t>(bytes)) == 0) {
+  if (bytes < size() && ::ftruncate(descriptor_.get(), static_cast<off_t>(bytes)) == 0) {
     size_ = bytes;
   }
 }
 
 // These are locks of the open file. A process would lose its own locks by closing any other
 // descriptor of the same object, such as a reader's.
-bool Segment::tryLockExclusive() const noexcept { return setLock(descriptor_, F_WRLCK); }
+bool Segment::tryLockExclusive() const noexcept { return setLock(descriptor_.get(), F_WRLCK); }
 
-bool Segment::tryLockShared() const noexcept { return setLock(descriptor_, F_RDLCK); }
+bool Segment::tryLockShared() const noexcept { return setLock(descriptor_.get(), F_RDLCK); }
 
 bool Segment::isLocked() const noexcept {
   struct flock lock {};
   lock.l_type = F_RDLCK;
   lock.l_whence = SEEK_SET;
-  return ::fcntl(descriptor_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+  return ::fcntl(descriptor_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 bool Segment::isNamed() const noexcept {
   struct stat status {};
-  return ::fstat(descriptor_, &status) == 0 && status.st_nlink > 0;
+  return ::fstat(descriptor_.get(), &status) == 0 && status.st_nlink > 0;
 }
 
 }  // namespace Korm

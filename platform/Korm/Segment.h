@@ -20,6 +20,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+
+#include "platform/Korm/Descriptor.h"
 
 namespace Korm {
 
@@ -72,6 +75,21 @@ class Segment {
   [[nodiscard]] static std::unique_ptr<Segment> own(const SegmentName& name, std::size_t reserve,
                                                     const std::string& subject);
 
+  // Calls use(segment) for the existing object; false when there is none of that name. For whoever
+  // cleans up when memory has run out: it allocates nothing unless it fails. Throws: what `use`
+  // throws too.
+  template <class Use>
+  static bool with(const SegmentName& name, Access access, std::size_t reserve,
+                   const std::string& subject, Use use) {
+    Descriptor descriptor = openObject(name, access, subject);
+    if (!descriptor.isOpen()) {
+      return false;
+    }
+    Segment segment{std::move(descriptor), access, reserve, subject};
+    use(segment);
+    return true;
+  }
+
   ~Segment();
   Segment(const Segment&) = delete;
   Segment& operator=(const Segment&) = delete;
@@ -102,13 +120,24 @@ class Segment {
   [[nodiscard]] bool isNamed() const noexcept;
 
  private:
-  Segment(int descriptor, Access access, std::size_t reserve, const std::string& subject);
+  Segment(Descriptor descriptor, Access access, std::size_t reserve, const std::string& subject);
+  // Not open when there is no such object.
+  [[nodiscard]] static Descriptor openObject(const SegmentName& name, Access access,
+                                             const std::string& subject);
+  [[nodiscard]] static std::unique_ptr<Segment> make(Descriptor descriptor, Access access,
+                                                     std::size_t reserve,
+                                                     const std::string& subject);
+  // Of an object that is created here, which goes again when that fails.
+  [[nodiscard]] static std::unique_ptr<Segment> makeNamed(const SegmentName& name,
+                                                          Descriptor descriptor,
+                                                          std::size_t reserve,
+                                                          const std::string& subject);
   void inspect();
   void map(Access access, std::size_t reserve);
 
   // Constant after construction.
   const std::string subject_;
-  const int descriptor_;
+  const Descriptor descriptor_;
   std::uint64_t* words_ = nullptr;
   std::size_t mapped_ = 0;
   std::uint64_t identity_ = 0;

@@ -26,6 +26,7 @@
 #include "platform/Vasta/Index.h"
 #include "platform/Vasta/Layout.h"
 #include "platform/Vasta/Record.h"
+#include "platform/Vasta/SegmentNames.h"
 #include "platform/Vasta/SegmentSource.h"
 
 namespace Vasta {
@@ -198,5 +199,7 @@ class TableWriter {
 // it or when what has its name is not a table. For a table that no writer can take over, because
 // its records have another shape or its header is damaged.
 bool removeTable(const std::string& shmName);
+// The same for whoever cleans up when memory has run out: it allocates nothing unless it fails.
+bool removeTable(const SegmentNames& names, const std::string& subject = {});
 
 }  // namespace Vasta

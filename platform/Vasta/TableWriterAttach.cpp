@@ -44,6 +44,21 @@ bool isRemnant(const Korm::Segment& header) noexcept {
                    loadWord(words[Header::removed_]) == removedMark;
 }
 
+bool removeUnowned(const SegmentNames& names, Korm::Segment& header) {
+  if (!header.tryLockExclusive()) {
+    return false;
+  }
+  header.refreshSize();
+  if (!isRemnant(header)) {
+    if (loadWord(header.words()[Header::magic_]) != tableMagic) {
+      return false;
+    }
+    storeWord(header.words()[Header::removed_], removedMark);
+  }
+  unlinkTable(names, header);
+  return true;
+}
+
 }  // namespace
 
 TableWriter::TableWriter(const RecordLayout& layout, TableOptions options)
@@ -198,24 +213,14 @@ RowState TableWriter::takeOverRow(std::uint32_t row) {
 }
 
 bool removeTable(const std::string& shmName) {
-  const SegmentNames names{shmName};
-  const auto header = Korm::Segment::open(names.header(), Korm::Segment::Access::readWrite_,
-                                          headerBytes, tableSubject(shmName));
-  if (header == nullptr) {
-    return true;
-  }
-  if (!header->tryLockExclusive()) {
-    return false;
-  }
-  header->refreshSize();
-  if (!isRemnant(*header)) {
-    if (loadWord(header->words()[Header::magic_]) != tableMagic) {
-      return false;
-    }
-    storeWord(header->words()[Header::removed_], removedMark);
-  }
-  unlinkTable(names, *header);
-  return true;
+  return removeTable(SegmentNames{shmName}, tableSubject(shmName));
+}
+
+bool removeTable(const SegmentNames& names, const std::string& subject) {
+  bool gone = true;
+  Korm::Segment::with(names.header(), Korm::Segment::Access::readWrite_, headerBytes, subject,
+                      [&](Korm::Segment& header) { gone = removeUnowned(names, header); });
+  return gone;
 }
 
 }  // namespace Vasta
