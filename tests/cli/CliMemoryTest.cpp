@@ -1,8 +1,9 @@
-// Memory that runs out: every allocation of a run fails in turn, by itself or with all that come after it.
-// What a program has said then is the start of what it says otherwise, and it ends with an error and in
-// order. Under --resume what had been answered is there for the next one.
+// Memory that runs out: every allocation of a run fails in turn, by itself or with all after it.
+// What a program has said then is the start of what it says otherwise, and it ends in order, with
+// an error. Under --resume what had been answered is there for the next one.
 //
-// OSTRA_MEMORY_STRIDE in the environment is the distance from one allocation that fails to the next.
+// OSTRA_MEMORY_STRIDE in the environment is the distance from one allocation that fails to the
+// next.
 
 #include <unistd.h>
 
@@ -79,8 +80,8 @@ class CliMemory : public testing::Test {
     return Process{OSTRA_FAILING_SIM, arguments, input.path()}.finish();
   }
 
-  // Runs the program with each of its allocations failing, `stride` apart, and all after it if `forGood`.
-  // Compares what comes of each, the count aside, and calls then(finished) after each that has ended early.
+  // Runs the program with each of its allocations failing, `stride` apart, and all after it if
+  // `forGood`. Compares what comes of each, and calls then(finished) after each that ended early.
   static void exhaust(unsigned long stride, bool forGood, const std::function<Finished()>& run,
                       const std::function<void(const Finished&)>& then) {
     failingIs("0");
