@@ -66,10 +66,9 @@ bool isStaleRing(const Korm::Segment& segment) noexcept {
 }
 
 // The segment of that name, fresh, locked for this process and allocated in full.
-std::unique_ptr<Korm::Segment> ownSegment(const std::string& shmName, std::size_t bytes) {
-  const std::string subject = detail::ringSubject(shmName);
+std::unique_ptr<Korm::Segment> ownSegment(const Korm::SegmentName& name, const std::string& subject,
+                                          std::size_t bytes) {
   try {
-    const Korm::SegmentName name = detail::ringSegmentName(shmName);
     for (;;) {
       auto segment = Korm::Segment::own(name, bytes, subject);
       if (segment == nullptr) {
@@ -91,6 +90,12 @@ std::unique_ptr<Korm::Segment> ownSegment(const std::string& shmName, std::size_
     }
   } catch (const std::system_error& error) {
     throw RingError(error.what());
+  }
+}
+
+Korm::SegmentName segmentNameOf(const std::string& shmName) {
+  try {
+    return detail::ringSegmentName(shmName);
   } catch (const std::length_error& error) {
     throw RingError(error.what());
   }
@@ -117,12 +122,19 @@ Ring::Ring(const RingOptions& options) : shmName_(options.shmName) {
     memory_ = std::make_unique<detail::Word[]>(bytes / sizeof(detail::Word));
     words = memory_.get();
   } else {
-    segment_ = ownSegment(shmName_, bytes);
-    name_ = detail::ringSegmentName(shmName_);
+    name_ = segmentNameOf(shmName_);
+    segment_ = ownSegment(*name_, detail::ringSubject(shmName_), bytes);
     words = segment_->words();
   }
   words_ = words;
-  writer_ = std::make_unique<detail::RingWriter>(words, records, dictionaryWords);
+  try {
+    writer_ = std::make_unique<detail::RingWriter>(words, records, dictionaryWords);
+  } catch (...) {
+    if (name_) {
+      Korm::unlinkSegment(*name_);
+    }
+    throw;
+  }
 }
 
 Ring::~Ring() { removeName(); }
