@@ -2,6 +2,7 @@
 
 #include <array>
 
+#include "cli/RightsOptions.h"
 #include "cli/language/Values.h"
 #include "sim/SharedNames.h"
 
@@ -45,6 +46,8 @@ constexpr std::array optionWords{
          [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::resume_); }},
     Word{"--discard", "",
          [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::discard_); }},
+    groupWord<Options>,
+    trustWord<Options>,
     Word{"--verify", "", [](Options& options, std::string_view) { options.verify = true; }},
     Word{"--help", "", [](Options& options, std::string_view) { options.help = true; }},
     Word{"--version", "", [](Options& options, std::string_view) { options.version = true; }},
@@ -68,6 +71,8 @@ input is read where a FILE is - or where there is none; on a terminal that is a 
                        'ostra-show NAME' reads them. One that is killed leaves its tables
   --resume             go on with the tables that a killed one has left under NAME
   --discard            remove the tables that a killed one has left under NAME
+  --shm-group GROUP    let the GROUP, a name or a number, read that memory; otherwise its user alone can
+  --trust-owner        go on with, or remove, what belongs to another user
   --verify             check every invariant after each command; a fault ends in an abort
   --help               print this
   --version            print the version
@@ -93,8 +98,11 @@ Options parseOptions(std::span<const char* const> arguments) {
     }
     arguments = arguments.subspan(taken);
   }
-  if (options.leftover != Sim::Leftover::refuse_ && options.shm.empty()) {
-    throw UsageError{"read --resume or --discard, expected --shm NAME with it"};
+  const bool forShared = options.leftover != Sim::Leftover::refuse_ || options.rights.group ||
+                         options.rights.trustOtherUsers;
+  if (forShared && options.shm.empty()) {
+    throw UsageError{
+        "read --resume, --discard, --shm-group or --trust-owner, expected --shm NAME with it"};
   }
   if (options.files.empty()) {
     options.files.emplace_back("-");

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "cli/OptionWords.h"
+#include "platform/Korm/Segment.h"
 #include "sim/SharedMemory.h"
 
 namespace Cli {
@@ -25,6 +26,7 @@ struct Options {
   std::optional<int> traceLevel;
   bool verify = false;
   std::string shm;  // empty: no named shared memory
+  Korm::SegmentRights rights;
   Sim::Leftover leftover = Sim::Leftover::refuse_;
   std::vector<std::string> files;  // "-" is standard input; never empty
 };

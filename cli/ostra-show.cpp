@@ -21,6 +21,7 @@
 #include "cli/show/Check.h"
 #include "cli/show/ShownTable.h"
 #include "cli/show/Viewer.h"
+#include "platform/Korm/Segment.h"
 #include "sim/SharedMemory.h"
 #include "sim/SharedNames.h"
 
@@ -44,6 +45,8 @@ Without a topic it prints all of them.
                attaches again when it has been restarted
   --check      read every row of every table, look each up by its key, and say what is damaged
   --remove     remove what a killed ostra-sim has left under NAME
+  --trust-owner
+               read, or remove, what belongs to another user
   --help       print this
   --version    print the version
 
@@ -57,6 +60,7 @@ struct Options {
   bool follow = false;
   bool check = false;
   bool remove = false;
+  bool trustOwner = false;
   bool help = false;
   bool version = false;
 };
@@ -71,23 +75,23 @@ void addTopic(Options& options, std::string_view word) {
   }
 }
 
+struct Flag {
+  std::string_view name;
+  bool Options::*flag;
+};
+constexpr std::array flags{
+    Flag{"--follow", &Options::follow}, Flag{"--check", &Options::check},
+    Flag{"--remove", &Options::remove}, Flag{"--trust-owner", &Options::trustOwner},
+    Flag{"--help", &Options::help},     Flag{"--version", &Options::version}};
+
 void addOption(Options& options, std::string_view word) {
-  static constexpr std::array<std::string_view, 5> words{"--follow", "--check", "--remove",
-                                                         "--help", "--version"};
-  if (word == "--follow") {
-    options.follow = true;
-  } else if (word == "--check") {
-    options.check = true;
-  } else if (word == "--remove") {
-    options.remove = true;
-  } else if (word == "--help") {
-    options.help = true;
-  } else if (word == "--version") {
-    options.version = true;
-  } else {
-    Cli::throwUnexpected(word, "--follow, --check, --remove, --help or --version",
-                         Cli::nearMatch(word, words));
+  const auto found = std::find_if(flags.begin(), flags.end(),
+                                  [word](const Flag& flag) { return flag.name == word; });
+  if (found == flags.end()) {
+    Cli::throwUnexpected(word, "--follow, --check, --remove, --trust-owner, --help or --version",
+                         Cli::nearMatch(word, flags));
   }
+  options.*found->flag = true;
 }
 
 // Throws: Cli::CommandError.
@@ -115,6 +119,7 @@ Options parseOptions(std::span<const char* const> arguments) {
 }
 
 Status show(const Options& options, Cli::Output& out, Cli::Output& errors) {
+  Korm::segmentRightsIs({.group = {}, .trustOtherUsers = options.trustOwner});
   if (options.remove) {
     const Sim::SharedMemory left{options.name, Sim::Leftover::discard_};
     return success;

@@ -72,6 +72,7 @@ class Program {
     }
     std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
+      Korm::segmentRightsIs(options_.rights);
       sharedMemory.emplace(options_.shm, options_.leftover);
     }
     if (options_.traceLevel) {

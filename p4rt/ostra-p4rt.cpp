@@ -51,6 +51,7 @@ class Program {
   Status run() {
     std::optional<Sim::SharedMemory> sharedMemory;
     if (!options_.shm.empty()) {
+      Korm::segmentRightsIs(options_.rights);
       sharedMemory.emplace(options_.shm, options_.leftover);
     }
     const LeftoverGuard guard{*this,

@@ -37,9 +37,15 @@ bool isState(const Korm::Segment& segment) noexcept {
   return segment.size() >= bytes && loadWord(segment.words()[magic_]) == stateMagic;
 }
 
-std::string processOf(const Korm::Segment& segment) {
-  return std::to_string(loadWord(segment.words()[process_]));
+std::uint64_t processOf(const Korm::Segment& segment) noexcept {
+  return loadWord(segment.words()[process_]);
 }
+
+bool hasTables(const Korm::Segment& segment) noexcept {
+  return isState(segment) && loadWord(segment.words()[Word::inService_]) != 0;
+}
+
+std::string subjectOf(const std::string& name) { return "the shared memory '" + name + "'"; }
 
 Korm::SegmentName segmentOf(const std::string& name) { return Korm::SegmentName{"/ostra." + name}; }
 
@@ -52,6 +58,13 @@ std::vector<Vasta::SegmentNames> tablesOf(const std::string& name) {
 }
 
 }  // namespace
+
+std::optional<std::uint64_t> processWithTables(const std::string& name) {
+  const auto segment = Korm::Segment::open(segmentOf(name), Korm::Segment::Access::readOnly_, bytes,
+                                           subjectOf(name));
+  return segment != nullptr && hasTables(*segment) ? std::optional{processOf(*segment)}
+                                                   : std::nullopt;
+}
 
 SharedMemory::SharedMemory(const std::string& name, Leftover leftover)
     : name_{name}, segmentName_{segmentOf(name)}, tables_{tablesOf(name)}, leftover_{leftover} {
@@ -108,30 +121,31 @@ void SharedMemory::release() noexcept {
 }
 
 void SharedMemory::takeName() {
-  segment_ = Korm::Segment::own(segmentName_, bytes, subject());
+  segment_ = Korm::Segment::own(segmentName_, bytes, subjectOf(name_));
   if (segment_ != nullptr) {
     return;
   }
   const auto owned =
-      Korm::Segment::open(segmentName_, Korm::Segment::Access::readOnly_, bytes, subject());
-  throw SharedNameError{
-      subject() + " is in use" +
-      (owned != nullptr && isState(*owned) ? " by process " + processOf(*owned) : std::string{})};
+      Korm::Segment::open(segmentName_, Korm::Segment::Access::readOnly_, bytes, subjectOf(name_));
+  throw SharedNameError{subjectOf(name_) + " is in use" +
+                        (owned != nullptr && isState(*owned)
+                             ? " by process " + std::to_string(processOf(*owned))
+                             : std::string{})};
 }
 
 void SharedMemory::inspect() {
   std::uint64_t* const words = segment_->words();
   const bool known = isState(*segment_);
   if (!known && segment_->size() != 0 && loadWord(words[magic_]) != 0) {
-    throw SharedNameError{subject() + ": what has its name is not a switch's"};
+    throw SharedNameError{subjectOf(name_) + ": what has its name is not a switch's"};
   }
   if (known && loadWord(words[version_]) != stateVersion) {
-    throw SharedNameError{subject() + " is of another version"};
+    throw SharedNameError{subjectOf(name_) + " is of another version"};
   }
-  const bool left = known && loadWord(words[Word::inService_]) != 0;
+  const bool left = hasTables(*segment_);
   if (left && leftover_ == Leftover::refuse_) {
-    throw LeftoverError{subject() + " holds the tables of process " + processOf(*segment_) +
-                        ", which is gone"};
+    throw LeftoverError{subjectOf(name_) + " holds the tables of process " +
+                        std::to_string(processOf(*segment_)) + ", which is gone"};
   }
   resuming_ = left && leftover_ == Leftover::resume_;
   removes_ = !resuming_;

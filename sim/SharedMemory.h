@@ -15,6 +15,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -51,6 +52,10 @@ class LeftoverError : public SharedNameError {
   using SharedNameError::SharedNameError;
 };
 
+// The process whose tables stand under the name, also when it is gone; nothing where there are
+// none. Throws: std::system_error when what has the name cannot be opened.
+[[nodiscard]] std::optional<std::uint64_t> processWithTables(const std::string& name);
+
 class SharedMemory {
  public:
   // Throws: SharedNameError when another process has the name, or when there are tables and they
@@ -81,7 +86,6 @@ class SharedMemory {
   // Looks at what the last owner of the name has left.
   void inspect();
   void removeTables() const;
-  [[nodiscard]] std::string subject() const { return "the shared memory '" + name_ + "'"; }
   void release() noexcept;
 
   const std::string name_;

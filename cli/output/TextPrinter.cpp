@@ -221,7 +221,7 @@ void TextPrinter::hw(const Sim::HwAgent& agent) {
 void TextPrinter::trace(const std::vector<std::string>& lines) {
   out_ << "trace: " << lines.size() << '\n';
   for (const std::string& line : lines) {
-    out_ << "  " << line << '\n';
+    out_ << "  " << printable(line) << '\n';
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <utility>
 
 namespace Cli {
 
@@ -9,6 +10,13 @@ std::size_t displayWidth(std::string_view text) noexcept {
   return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char character) {
     return (static_cast<unsigned char>(character) & 0xC0U) != 0x80U;
   }));
+}
+
+std::string printable(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(),
+      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
+  return text;
 }
 
 TextTable::TextTable(const std::vector<std::string_view>& titles) {
@@ -22,6 +30,7 @@ TextTable::TextTable(const std::vector<std::string_view>& titles) {
 
 void TextTable::rowIs(std::vector<std::string> cells) {
   for (std::size_t at = 0; at < columns_.size(); ++at) {
+    cells[at] = printable(std::move(cells[at]));
     columns_[at].width = std::max(columns_[at].width, displayWidth(cells[at]));
   }
   rows_.push_back(std::move(cells));

@@ -15,7 +15,7 @@ class TextTable {
   // A column whose title starts with '>' is aligned to the right.
   explicit TextTable(const std::vector<std::string_view>& titles);
 
-  // As many cells as there are titles.
+  // As many cells as there are titles. They are shown printable.
   void rowIs(std::vector<std::string> cells);
   [[nodiscard]] bool empty() const noexcept { return rows_.empty(); }
 
@@ -34,6 +34,10 @@ class TextTable {
   std::vector<std::string> titles_;
   std::vector<std::vector<std::string>> rows_;
 };
+
+// The text with '?' in place of control characters. Names come from controllers and from shared
+// memory, and a terminal obeys what it reads.
+[[nodiscard]] std::string printable(std::string text);
 
 // The number of characters that a UTF-8 text takes on a terminal, combining ones aside.
 [[nodiscard]] std::size_t displayWidth(std::string_view text) noexcept;

@@ -222,12 +222,6 @@ class ShownTableOf final : public ShownTable {
 
   [[nodiscard]] Cells cells(std::size_t source, const R& row) const {
     Cells cells = Columns<R>::cells(row);
-    // Texts in shared memory are whatever another process wrote there.
-    for (std::string& cell : cells) {
-      std::replace_if(
-          cell.begin(), cell.end(),
-          [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7f; }, '?');
-    }
     if (numbered_) {
       cells.insert(cells.begin(), numberText(source));
     }
@@ -239,7 +233,7 @@ class ShownTableOf final : public ShownTable {
     for (std::size_t at = 0; at < cells.size(); ++at) {
       std::string_view title = titles_[at];
       title.remove_prefix(title.starts_with('>') ? 1 : 0);
-      out << (at == 0 ? " " : ", ") << title << ' ' << cells[at];
+      out << (at == 0 ? " " : ", ") << title << ' ' << printable(cells[at]);
     }
     out << '\n';
   }

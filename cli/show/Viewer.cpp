@@ -2,7 +2,9 @@
 
 #include <ostream>
 
+#include "cli/output/TextTable.h"
 #include "platform/Korm/Segment.h"
+#include "sim/SharedMemory.h"
 #include "sim/SharedNames.h"
 
 namespace Cli {
@@ -33,22 +35,27 @@ Viewer::Viewer(std::string name, const std::vector<std::string_view>& topics)
 
 Viewer::Shown Viewer::print(std::ostream& out) {
   const std::string segment = Sim::traceSegment(name_);
+  const auto process = Sim::processWithTables(name_);
   if (Korm::Segment::open(Korm::SegmentName{"/" + segment}, Korm::Segment::Access::readOnly_, 0,
-                          "'" + name_ + "'") == nullptr) {
+                          "'" + name_ + "'") != nullptr) {
+    ring_ = Brisklog::RingReader::attach(segment);
+  } else if (!process) {
     return Shown::nothing_;
   }
-  ring_ = Brisklog::RingReader::attach(segment);
-  out << name_ << ": process " << ring_->ownerProcess()
-      << (ring_->owner() == Owner::alive_ ? "" : ", which is gone; this is what it left") << '\n';
+  // A process that died while it resumed has left the tables, and perhaps no ring.
+  out << name_ << ": process "
+      << (ring_ ? static_cast<std::uint64_t>(ring_->ownerProcess()) : *process)
+      << (ring_ && ring_->owner() == Owner::alive_ ? "" : ", which is gone; this is what it left")
+      << '\n';
   bool whole = true;
   for (const auto& table : tables_) {
     whole = table->print(out) && whole;
   }
-  if (trace_) {
+  if (trace_ && ring_) {
     const auto records = ring_->newest(traceLines);
     out << shownTrace << ": " << records.size() << '\n';
     for (const auto& record : records) {
-      out << "  " << record.printedLine() << '\n';
+      out << "  " << printable(record.printedLine()) << '\n';
     }
   }
   return whole ? Shown::whole_ : Shown::damaged_;
@@ -98,7 +105,7 @@ void Viewer::printTrace(std::ostream& out) {
     return;
   }
   for (const auto& record : ring_->follow(cursor_)) {
-    out << shownTrace << ' ' << record.printedLine() << '\n';
+    out << shownTrace << ' ' << printable(record.printedLine()) << '\n';
   }
   if (cursor_.lost != lost_) {
     out << "# " << cursor_.lost - lost_

@@ -3,6 +3,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "cli/RightsOptions.h"
 #include "cli/language/Values.h"
 #include "sim/SharedNames.h"
 
@@ -78,6 +79,8 @@ constexpr std::array words{
          [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::resume_); }},
     Word{"--discard", "",
          [](Options& options, std::string_view) { leftoverIs(options, Sim::Leftover::discard_); }},
+    Cli::groupWord<Options>,
+    Cli::trustWord<Options>,
     Word{"--help", "", flagIs<&Options::help>},
     Word{"--version", "", flagIs<&Options::version>},
 };
@@ -109,6 +112,8 @@ until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and
                          that controllers have written
   --resume               go on with what a killed one has left under NAME
   --discard              remove what a killed one has left under NAME
+  --shm-group GROUP      let the GROUP, a name or a number, read that memory; otherwise its user alone can
+  --trust-owner          go on with, or remove, what belongs to another user
   --help                 print this
   --version              print the version
 
@@ -128,6 +133,9 @@ void check(const Options& options) {
   }
   if (options.leftover != Sim::Leftover::refuse_ && options.shm.empty()) {
     throw Cli::UsageError{"read --resume or --discard, expected --shm NAME with it"};
+  }
+  if ((options.rights.group || options.rights.trustOtherUsers) && options.shm.empty()) {
+    throw Cli::UsageError{"read --shm-group or --trust-owner, expected --shm NAME with it"};
   }
   if (!options.address.loopback() && options.tlsKey.empty() && !options.insecure) {
     throw Cli::UsageError{"--listen " + options.address.text() +

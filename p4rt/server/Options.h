@@ -12,6 +12,7 @@
 #include "cli/OptionWords.h"
 #include "p4rt/server/ListenAddress.h"
 #include "p4rt/server/RuntimeService.h"
+#include "platform/Korm/Segment.h"
 #include "sim/SharedMemory.h"
 
 namespace P4rt {
@@ -29,6 +30,7 @@ struct Options {
   std::string clientRoots;
   std::string shm;  // empty: no named shared memory
   Sim::Leftover leftover = Sim::Leftover::refuse_;
+  Korm::SegmentRights rights;
   std::optional<bool> console;  // nothing: where standard input is a terminal
   bool insecure = false;
   bool json = false;

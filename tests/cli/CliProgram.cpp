@@ -121,6 +121,13 @@ std::string Process::readUntil(std::string_view text) {
   return result;
 }
 
+std::string Process::readLines() {
+  while (output_ >= 0 && !pending_.ends_with('\n')) {
+    readSome(output_, pending_);
+  }
+  return std::exchange(pending_, {});
+}
+
 void Process::kill(int signal) const { ::kill(id_, signal); }
 
 Finished Process::finish(std::string_view input) {

@@ -39,6 +39,8 @@ class Process {
   // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when it does
   // not come.
   std::string readUntil(std::string_view text);
+  // All that it says up to the end of a line or its own end; empty when it ends without a word.
+  std::string readLines();
   void kill(int signal) const;
   // Writes the input, which is short, closes it, and reads all until the program ends.
   Finished finish(std::string_view input = {});
