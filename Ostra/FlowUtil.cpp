@@ -12,13 +12,13 @@ namespace {
 
 constexpr std::string_view prefix = "flow-";
 
-constinit Brisklog::TracePoint invalidName{traceHandle,
-                                           TraceLevel::failure,
-                                           "Ostra::",
-                                           "flowIdFromName",
-                                           " Invalid flow Name: %s",
-                                           "Ostra/FlowUtil",
-                                           19};
+constinit Brisklog::TracePoint traceInvalidName{traceHandle,
+                                                TraceLevel::failure,
+                                                "Ostra::",
+                                                "flowIdFromName",
+                                                " Invalid flow Name: %s",
+                                                "Ostra/FlowUtil",
+                                                19};
 
 }  // namespace
 
@@ -48,7 +48,7 @@ std::uint64_t flowIdFromName(const Korm::String& name) {
   if (std::sscanf(name.c_str(), "flow-%lu", &identifier) > 0) {
     return identifier;
   }
-  invalidName(name);
+  traceInvalidName(name);
   return 0;
 }
 

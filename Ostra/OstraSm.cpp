@@ -12,6 +12,7 @@
 #include "Ostra/private/TableRows.h"
 #include "Ostra/private/WriteWatch.h"
 #include "platform/Korm/Clock.h"
+#include "platform/Korm/HashSet.h"
 
 namespace Ostra {
 namespace {
@@ -137,12 +138,11 @@ void OstraSm::deleteStaleFlows() {
   if (!inputs_.cxHwConfig) {
     return;
   }
-  struct Nothing {};
-  Korm::HashMap<std::uint64_t, Nothing> handles;
+  Korm::HashSet<std::uint64_t> handles;
   forEachRow(inputs_.ostraConfigTable, AtCorruption::goOn_,
-             [&handles](const OstraConfigEntry& entry) { handles.tryEmplace(entry.entryHandle); });
+             [&handles](const OstraConfigEntry& entry) { handles.insert(entry.entryHandle); });
   for (const auto& flow : inputs_.cxHwConfig->flowEntries()) {
-    if (handles.find(flowIdFromName(flow.key)) == nullptr) {
+    if (!handles.contains(flowIdFromName(flow.key))) {
       inputs_.cxHwConfig->flowEntryDel(flow.key);
     }
   }

@@ -33,7 +33,7 @@ void Blobs::is(Kind kind, Id id, std::string_view value) {
   const std::uint64_t oldVersion = old == nullptr ? 0 : old->version;
   const std::size_t oldTotal = old == nullptr ? 0 : old->total;
   const std::uint64_t version = oldVersion + 1;
-  // The head last: until it is there, the value is the old one.
+  // The head is written last: until then the old value is in force.
   for (std::size_t at = partsOf(value.size()); at-- > 0;) {
     BlobRow row;
     row.blob = keyOf(kind, id, version, static_cast<std::uint32_t>(at));

@@ -1,9 +1,9 @@
 // Values of any length that a front end keeps in the service's shared memory, by kind and id: what
-// it adds to the entries, and what it needs to go on after a crash.
+// it adds to the entries, and what it needs to resume after a crash.
 //
-// A value is replaced as a whole: a process that dies leaves the old one or the new one. The order
-// in which values and table rows are written is kept, so a front end that writes a row first and
-// its value next knows, after a crash, that a row without a value was never answered for.
+// A value is replaced atomically: a process that dies leaves the old value or the new one. Values
+// and table rows are written in program order. So a front end that writes a row and then its value
+// knows, after a crash, that a row without a value was never answered.
 //
 // Thread and process rule: the activity thread.
 // Ownership: refers to the service's table, which outlives it.
@@ -31,15 +31,15 @@ class Blobs {
   // Writes or replaces.
   // Throws: std::system_error when shared memory runs out, with the old value in place.
   void is(Kind kind, Id id, std::string_view value);
-  // Whether there was one.
+  // Removes the value; false when there is none.
   bool del(Kind kind, Id id);
-  // Nothing also for one that is damaged.
+  // Nothing when the value is missing or damaged.
   [[nodiscard]] std::optional<std::string> find(Kind kind, Id id) const;
   // The ids of a kind, in order.
   [[nodiscard]] std::vector<Id> ids(Kind kind) const;
 
-  // Removes what a process left that died while it wrote a value, and values that are damaged;
-  // returns a text for each of the latter.
+  // Removes the incomplete value of a process that died while it wrote, and all damaged values.
+  // Returns a text for each damaged value.
   std::vector<std::string> recover();
 
  private:

@@ -21,7 +21,7 @@ struct GroupAnswers::Expected {
   const GroupId id;
   const bool gone;
   std::optional<double> before{};  // the change count of what was published, if something was
-  bool awaited = false;            // asked for in vain
+  bool awaited = false;            // answer() has returned nothing
   std::optional<Reactor> status{};
   std::optional<Reactor> changeCount{};
 };
@@ -128,7 +128,7 @@ void GroupAnswers::handleGroup(const GroupId& id) {
   }
   Expected& expected = *found->value;
   if (status_ && stats(id) == nullptr) {
-    expected.before.reset();  // what comes next counts its changes anew
+    expected.before.reset();  // the change count of new statistics starts at 0
   }
   if (expected.awaited) {
     follow(expected);

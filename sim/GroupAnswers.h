@@ -1,5 +1,5 @@
-// What the hardware answers to writes of members and groups. The service counts such a write as
-// done before the hardware has seen it, so whoever wants to know asks here.
+// The hardware's answers to writes of members and groups. The service reports such a write as done
+// before the hardware has seen it; this class finds out what the hardware says later.
 //
 //   answers.expect(id, false);
 //   service.apply(...);
@@ -31,15 +31,15 @@ class GroupAnswers {
   GroupAnswers(const GroupAnswers&) = delete;
   GroupAnswers& operator=(const GroupAnswers&) = delete;
 
-  // The Corvex group is about to be written, or removed if `gone`: what the hardware says of it
-  // from now on is the answer. What it said before is not.
+  // Call before the Corvex group is written, or removed if `gone`. The answer is what the hardware
+  // says of the group from now on.
   void expect(GroupId id, bool gone);
-  // The answer to what was expected, as the result of the write; nothing as long as there is none.
+  // The answer as the result of the write; nothing while there is none.
   [[nodiscard]] std::optional<ErrorCode> answer(GroupId id);
-  // Expects nothing any more.
+  // Drops everything that is expected.
   void forget();
 
-  // Told of an id once its answer has come, if it was asked for in vain before.
+  // Notified of the answer for an id for which answer() has returned nothing.
   [[nodiscard]] Notifiees& notifiees() noexcept { return notifiees_; }
 
  private:

@@ -20,7 +20,7 @@ using OpenFlowTable::GroupStats;
 using OpenFlowTable::GroupStatus;
 using OpenFlowTable::HwStatus;
 
-// Flows and groups are published alike; these name what differs.
+// What differs between the publishing of flows and of groups.
 template <class Stats>
 struct Verdicts;
 template <>
@@ -43,7 +43,7 @@ void add(HwStatus& status, GroupId group, GroupStatus value) { status.groupStats
 bool drop(HwStatus& status, const Korm::HashedName& flow) { return status.flowStatsDel(flow); }
 bool drop(HwStatus& status, GroupId group) { return status.groupStatsDel(group); }
 
-// Whether the hardware holds what these statistics, perhaps null, are of.
+// Whether the flow or group of these statistics, which may be null, takes room.
 template <class Stats>
 bool holds(const Stats* stats) {
   return stats != nullptr && stats->status() == Verdicts<Stats>::held;
@@ -54,7 +54,7 @@ double newerThan(double count) {
                   std::nextafter(count, std::numeric_limits<double>::infinity()));
 }
 
-// `present` are the key's statistics, perhaps null, and `used` is how much room its kind takes.
+// `present` are the key's statistics or null, and `used` is the room that its kind takes.
 template <class Stats, class Key, class Status>
 void publish(HwStatus& status, std::size_t& used, Stats* present, const Key& key, Status value) {
   used -= holds(present) ? 1U : 0U;
@@ -74,7 +74,7 @@ bool withdraw(HwStatus& status, std::size_t& used, const Key& key) {
   return present != nullptr && drop(status, key);
 }
 
-// Gives room to a key that has it already or finds some.
+// Programs a key if it has room already or if there is room left.
 template <class Side, class Key>
 void program(HwStatus& status, Side& side, const Key& key) {
   auto* const present = find(status, key);
@@ -122,14 +122,14 @@ void HwAgent::automaticIs(bool automatic) {
 
 void HwAgent::handleFlow(const Korm::Name& name) {
   const Korm::HashedName hashed{name};
-  if (flows_.queued.tryEmplaceHashed(hashed.hash(), name).second) {
+  if (flows_.queued.insert(name, hashed.hash())) {
     queue_.push_back({.flow = name, .flowHash = hashed.hash()});
     schedule();
   }
 }
 
 void HwAgent::handleGroup(const GroupId& id) {
-  if (groups_.queued.tryEmplace(id).second) {
+  if (groups_.queued.insert(id)) {
     queue_.push_back({.flow = {}, .group = id, .isGroup = true});
     schedule();
   }
@@ -154,7 +154,7 @@ void HwAgent::schedule() {
 void HwAgent::run() {
   while (next_ < queue_.size()) {
     const Korm::Moment moment;
-    // The reactors to what is published may queue more, and the queue may move.
+    // The reactors to what is published may queue more, which may reallocate the queue.
     const Waiting waiting = std::move(queue_[next_++]);
     if (waiting.isGroup) {
       groups_.queued.erase(waiting.group);
@@ -189,7 +189,7 @@ void HwAgent::programGroup(GroupId id) {
   }
 }
 
-// For a flow of which nobody sees a status that could be withdrawn.
+// Answers the delete of a flow that has no published status to withdraw.
 void HwAgent::answerDelete(const Korm::HashedName& name) {
   if (!published_) {
     unanswered_.emplace_back(name.text());

@@ -1,32 +1,31 @@
 // The hardware agent: programs the flows and groups that the Corvex configuration wants, and
 // publishes what the hardware says of them.
 //
-// It follows the configuration by its reactors. What has changed waits in a queue, each flow or
-// group once, in the order of the first change; the queue is drained by work that is deferred on
-// the activity, never inside a write. In manual mode it waits until run() is called.
+// It reacts to changes of the configuration. Changed flows and groups wait in a queue, each once,
+// in the order of their first change. Work that is deferred on the activity drains the queue, never
+// a write itself. In manual mode the queue waits until run() is called.
 //
-// Draining, in that order:
+// Draining the queue, in that order:
 // - A flow or group that the hardware does not hold is programmed if there is room: its status is
 //   then programmed_, or ready_ for a group. Without room its status is hardwareFull_. It is not
 //   tried again when room comes back, because its writer has been told that it failed. It is tried
 //   again when it is changed.
 // - One that was changed is published again: its status as above, and then its change count, which
 //   always grows, even while the clock stands still. What is programmed keeps its room.
-// - One that is gone is withdrawn. A flow that came and went before it could be programmed is
-//   published as pending_ and withdrawn, so that its delete is answered.
+// - One that was deleted is withdrawn. A flow that was created and deleted before it could be
+//   programmed is published as pending_ and withdrawn, so that its delete is answered.
 //
-// Room is taken by what is published as programmed_ (ready_ for a group), whether the agent or
-// somebody's hand published it, and by nothing else.
+// Every flow that is published as programmed_, and every group that is published as ready_, takes
+// room, whether the agent or somebody by hand has published it.
 //
-// While the status entity is withdrawn (publishedIs) the agent goes on programming, and publishing
-// it again shows the same entity with everything as it is by then. Flows that were deleted
-// meanwhile are then published as pending_ and withdrawn, again so that their deletes are answered.
+// While the status entity is withdrawn (publishedIs), the agent goes on programming. The entity is
+// up to date when it is published again. Flows that were deleted meanwhile are then published as
+// pending_ and withdrawn, so that their deletes are answered.
 //
 // Thread and process rule: the activity thread. What the agent publishes reaches the library, and
-// the service, before the operation here returns; what it puts off is done by
-// Korm::activity().run().
-// Ownership: shares the Corvex entities with whoever made them. Lives independently of the library,
-// before, during and after it. Destroying the agent leaves what it has published.
+// the service, before the operation here returns. What it defers is done by Korm::activity().run().
+// Ownership: holds references to the Corvex entities. The agent does not depend on the library, and
+// may live longer or shorter. What it has published stays when it is destroyed.
 #pragma once
 
 #include <cstddef>
@@ -42,6 +41,7 @@
 #include "Ostra/StatePaths.h"
 #include "platform/Korm/Dir.h"
 #include "platform/Korm/HashMap.h"
+#include "platform/Korm/HashSet.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 
@@ -57,11 +57,11 @@ class HwAgent {
   // start.
   static constexpr std::string_view statusName = Ostra::p4rtName;
   static constexpr std::string_view firstUnit = "unit0";
-  // What the names of flows end in within the units.
+  // The suffix of flow names in the units.
   static constexpr std::string_view unitSuffix = Ostra::flowCounterSuffix;
 
-  // Publishes an empty status and the first unit, and queues whatever the configuration holds
-  // already. Automatic, with room for everything.
+  // Publishes an empty status and the first unit, and queues everything in the configuration. The
+  // mode is automatic, and the room unlimited.
   HwAgent(Korm::Ptr<OpenFlowTable::CorvexHwConfig> config, Korm::Ptr<Korm::Dir> statusDir,
           Korm::Ptr<Korm::Dir> unitDir);
   ~HwAgent();
@@ -71,15 +71,14 @@ class HwAgent {
   // Programming.
 
   [[nodiscard]] bool automatic() const noexcept { return automatic_; }
-  // Becoming automatic puts off the work that waits to the activity's next run.
+  // In automatic mode, the activity's next run drains the queue.
   void automaticIs(bool automatic);
-  // Programs all that is waiting, now and in either mode.
+  // Drains the queue now, in either mode.
   void run();
   // How many flows and groups wait.
   [[nodiscard]] std::size_t waiting() const noexcept { return queue_.size() - next_; }
 
-  // The hardware's room; nothing for no limit. Lowering it below what is programmed takes nothing
-  // away.
+  // The hardware's room; nothing means no limit. Lowering it removes nothing that is programmed.
   void flowCapacityIs(std::optional<std::size_t> capacity) noexcept { flows_.capacity = capacity; }
   void groupCapacityIs(std::optional<std::size_t> capacity) noexcept {
     groups_.capacity = capacity;
@@ -88,17 +87,17 @@ class HwAgent {
   [[nodiscard]] std::optional<std::size_t> groupCapacity() const noexcept {
     return groups_.capacity;
   }
-  // How much of it is taken.
+  // How much room is taken.
   [[nodiscard]] std::size_t flowsProgrammed() const noexcept { return flows_.used; }
   [[nodiscard]] std::size_t groupsProgrammed() const noexcept { return groups_.used; }
 
   // By hand.
 
-  // Publishes a status number, also for a flow or group that nobody wants or that is published with
-  // that number already.
+  // Publishes a status number, also for a flow or group that is not in the configuration or that
+  // has this status already.
   void flowStatusIs(const Korm::Name& name, FlowStatus status);
   void groupStatusIs(GroupId id, GroupStatus status);
-  // Withdraws what is published; false when nothing is.
+  // Withdraws the status; false when none is published.
   bool flowStatusDel(const Korm::Name& name);
   bool groupStatusDel(GroupId id);
 
@@ -108,8 +107,8 @@ class HwAgent {
 
   // Counters.
 
-  // Adds to a flow's counters on a unit; a new unit is added. They are kept whatever becomes of the
-  // flow, and stand in the unit's status while counter polling is on.
+  // Adds to a flow's counters on a unit, which is created if it is missing. The counters are kept
+  // when the flow is deleted. The unit's status shows them while counter polling is on.
   void countersAdd(const Korm::Name& flow, std::uint64_t packets, std::uint64_t bytes,
                    const Korm::Name& unit = Korm::Name{firstUnit});
   // By name.
@@ -119,15 +118,15 @@ class HwAgent {
   // What there is to see.
 
   struct FlowView {
-    const Korm::Name* name;  // never null; good until the next change
+    const Korm::Name* name;  // never null; valid until the next change
     FlowStatus status;
   };
   struct GroupView {
     GroupId id;
     GroupStatus status;
   };
-  // What is published, in the order of the number in the name, names without one last; groups by
-  // id. Nothing while the status entity is withdrawn.
+  // What is published: flows in the order of the number in the name, with names without a number
+  // last, and groups by id. Empty while the status entity is withdrawn.
   [[nodiscard]] std::vector<FlowView> publishedFlows() const;
   [[nodiscard]] std::vector<GroupView> publishedGroups() const;
   // The status entity, also while it is withdrawn.
@@ -143,10 +142,9 @@ class HwAgent {
     std::uint32_t flowHash = 0;  // of the flow's name
     bool isGroup = false;
   };
-  struct Nothing {};
   template <class Key>
   struct Side {
-    Korm::HashMap<Key, Nothing> queued;
+    Korm::HashSet<Key> queued;
     std::optional<std::size_t> capacity;
     std::size_t used = 0;  // published as programmed, or ready
   };
@@ -164,7 +162,7 @@ class HwAgent {
   void programGroup(GroupId id);
   void answerDelete(const Korm::HashedName& name);
 
-  // Added when it is not there.
+  // The unit of that name, created if it is missing.
   OpenFlowTable::HwStatus& unit(const Korm::Name& name);
 
   // Constant after construction.
@@ -178,7 +176,7 @@ class HwAgent {
   bool published_ = true;
   bool scheduled_ = false;
   std::vector<Waiting> queue_;
-  std::size_t next_ = 0;  // in the queue; what stands before it is done
+  std::size_t next_ = 0;  // the first element of the queue that is not done
   Side<Korm::Name> flows_;
   Side<GroupId> groups_;
   std::vector<Korm::Name> unanswered_;  // withdrawn while nobody could see it

@@ -14,10 +14,10 @@
 namespace Sim {
 namespace {
 
-// Under which the library registers the reader of direct counters.
+// The id under which the library registers the reader of direct counters.
 constexpr std::uint32_t directCounter = 0;
 
-// Makes a change that the library reacts to.
+// Makes a change to which the library reacts.
 template <class Change>
 Failure guarded(Change change) {
   try {
@@ -88,8 +88,8 @@ Announcement Service::create(bool announceRows) {
     return {.failure = "the library is running already", .results = {}};
   }
   RowWriter writer{*objects_, *transactions_, nullptr};
-  transactions_->begin(writer.storedRows(), true);
-  writer.enterAnnouncements();
+  transactions_->beginBatch(writer.storedRows(), true);
+  writer.addAnnouncements();
   if (Failure failure = createContext()) {
     transactions_->forget();
     settle();
@@ -121,15 +121,15 @@ Announcement Service::resync() {
     return {.failure = "the library is stopped", .results = {}};
   }
   RowWriter writer{*objects_, *transactions_, context_.get()};
-  transactions_->begin(writer.storedRows(), true);
-  writer.enterAnnouncements();
+  transactions_->beginBatch(writer.storedRows(), true);
+  writer.addAnnouncements();
   writer.announce();
   return announcement();
 }
 
 Announcement Service::announcement() {
   settle();
-  Announcement announced{.failure = std::nullopt, .results = transactions_->finish()};
+  Announcement announced{.failure = std::nullopt, .results = transactions_->finishBatch()};
   std::erase_if(announced.results, [](const Result& result) { return result.succeeded(); });
   return announced;
 }
@@ -142,7 +142,7 @@ void Service::stop() {
 
 std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
-  transactions_->begin(batch.size(), running());
+  transactions_->beginBatch(batch.size(), running());
   for (std::span<const Update> left = batch; !left.empty();) {
     const auto next = left.first(std::min(left.size(), Ostra::OstraSm::prefetchable));
     writer.prefetchRemoved(next);
@@ -152,7 +152,7 @@ std::vector<Result> Service::apply(std::span<const Update> batch) {
     left = left.subspan(next.size());
   }
   settle();
-  return transactions_->finish();
+  return transactions_->finishBatch();
 }
 
 Korm::NotifieeList<const Report&>& Service::reportNotifiees() noexcept {
@@ -198,7 +198,7 @@ bool Service::hasEncap(NexthopGroup::EncapId id) const {
   try {
     return objects_->encapTable->entry(id) != nullptr;
   } catch (const Vasta::Corruption&) {
-    return true;  // and can be removed
+    return true;  // it is damaged, but it can be removed
   }
 }
 

@@ -11,21 +11,21 @@
 // activity's queue until nothing waits. After an operation on the hardware agent itself, call
 // settle().
 //
-// What the library reports is either the result of a write of the batch under way, or a report.
-// Reports gather in the order of their arrival, during any operation, until takeReports() fetches
-// them: a front end does so after every command.
+// What the library reports is either the result of a write of the current batch, or a report.
+// Reports are collected in the order of their arrival until takeReports() fetches them. A front end
+// does so after every command.
 //
-// A range exception that leaves the library is a result (apply, start, resync) or a returned text
-// (the others); the service goes on. It also goes on where a row is damaged or shared memory runs
-// out: the write that meets it fails, and takeFaults() has a text. Any other exception leaves the
-// operation, and the service can then only be destroyed. So it is with std::bad_alloc, at whatever
-// allocation it comes: what had been returned stays true of the tables, and of the operation a
-// first part has been made.
+// When a range exception leaves the library, its text is a result (apply, start, resync) or the
+// return value (the others), and the service goes on. It also goes on where a row is damaged or
+// shared memory runs out: the write concerned fails, and takeFaults() returns a text. Any other
+// exception leaves the operation, and the service can then only be destroyed. This holds for
+// std::bad_alloc, too, at whatever allocation: what had been returned stays true of the tables, and
+// of the operation a first part has been made.
 //
-// Given a SharedMemory, the service keeps its tables under that name, where they outlive a process
-// that dies. One that resumes has the rows, the ports, the encapsulations and the blobs of the
-// process before from construction on, under the same handles; start() announces them. Counters,
-// statuses and everything in Corvex begin anew.
+// Given a SharedMemory, the service keeps its tables under that name, and they survive the death of
+// the process. A service that resumes has the rows, ports, encapsulations and blobs of the previous
+// process, under the same handles; start() announces them. Counters, statuses and everything in
+// Corvex start empty.
 //
 // Thread and process rule: one thread, the activity thread. The shared memory and the switch for
 // thread-safe pointers are set before the service is made. There is one service at a time in a
@@ -63,18 +63,18 @@ namespace Sim {
 struct ServiceObjects;
 class Transactions;
 
-// The range exception's text when one left the library; nothing when all went well.
+// The text of the range exception that left the library; nothing when there was none.
 using Failure = std::optional<std::string>;
 
 // What came of announcing the stored rows.
 struct Announcement {
-  // Why the library is not running: it could not be created, or it is stopped. Nothing otherwise.
+  // Why the library is not running: it could not be created, or it is stopped.
   Failure failure;
   // The rows that did not end in success, each with Op::announce_: members, groups, flows.
   std::vector<Result> results;
 };
 
-// Views for printers. Pointers in them are never null, and good until the next change.
+// Views for printers. Pointers in them are never null, and valid until the next change.
 
 struct FlowView {
   const Korm::Name* name;
@@ -94,11 +94,11 @@ struct DependentView {
   Vrf::VrfIdMap::VrfId vrf = 0;
 };
 
-// A stored flow entry, and what the library's indexes say of its key. A stopped library indexes
-// nothing.
+// A stored flow entry, and its key's entries in the library's index. A stopped library has no
+// index.
 struct EntryView {
   P4Runtime::EntryHandle handle;
-  bool indexed = false;  // the key is mapped to this very handle
+  bool indexed = false;  // the key is mapped to this handle
   std::optional<Vrf::VrfIdMap::VrfId> vrf;
 };
 
@@ -117,15 +117,15 @@ class Service {
  public:
   // All objects and tables, with the library stopped. `shared` outlives the service; null for
   // tables that no other process sees.
-  // Throws: what the table service throws when named shared memory cannot be had; what was to be
-  // resumed then stays as it is.
+  // Throws: Vasta::AttachError or std::system_error when named shared memory cannot be used. What
+  // was to be resumed then stays as it is.
   explicit Service(SharedMemory* shared = nullptr);
   ~Service();
   Service(const Service&) = delete;
   Service& operator=(const Service&) = delete;
 
-  // The state database, and the entities in it that a hardware agent works on. They are there from
-  // the start and outlive the library.
+  // The state database, and the entities in it that a hardware agent works on. They exist from the
+  // start and outlive the library.
   [[nodiscard]] const Korm::Ptr<Tessel::EntityManager>& entityManager() const noexcept;
   [[nodiscard]] const Korm::Ptr<OpenFlowTable::CorvexHwConfig>& hwConfig() const noexcept;
   [[nodiscard]] const Korm::Ptr<Korm::Dir>& hwStatusDir() const noexcept;
@@ -138,13 +138,14 @@ class Service {
   // Null when stopped.
   [[nodiscard]] const Korm::Ptr<Ostra::OstraContext>& context() const noexcept { return context_; }
   // Creates the library and announces every stored row (members, groups, flows) in one batch that
-  // holds all their handles. When creating it raises a range exception, the library stays stopped
-  // and the text is returned. A running library is left alone; `failure` says so.
+  // holds all their handles. When the creation throws a range exception, the library stays stopped
+  // and `failure` has the text. Does nothing when the library is running, and `failure` says so.
   Announcement start() { return create(true); }
-  // The same without the announcement; the results are those that the creation itself brought.
+  // The same without the announcement; the results are those of the creation itself.
   Announcement startBare() { return create(false); }
-  // Destroys the library. Tables, Corvex and the hardware keep what they hold, stored rows their
-  // handles; the VRF books and the batch status are empty, and what was pending is forgotten.
+  // Destroys the library. Tables, Corvex and the hardware stay as they are, and stored rows keep
+  // their handles. The VRF counts and the batch status are emptied, and pending writes are
+  // forgotten.
   void stop();
   // Announces every stored row again.
   Announcement resync();
@@ -152,28 +153,28 @@ class Service {
   // A controller's writes.
 
   // Applies the updates in order as one batch, lets the hardware settle, and returns what came of
-  // each, in the same order. While the library is stopped the rows are stored and that is all.
+  // each, in the same order. While the library is stopped, the rows are only stored.
   std::vector<Result> apply(std::span<const Update> batch);
   std::vector<Result> apply(const Update& update) { return apply(std::span{&update, 1}); }
-  // Told of each report as it comes, within the operation that brings it. A reactor changes nothing
-  // in the service.
+  // Notified of each report, within the operation that causes it. A reactor must not change
+  // anything in the service.
   [[nodiscard]] Korm::NotifieeList<const Report&>& reportNotifiees() noexcept;
-  // The reports since the last call. One that repeats the report just before it is left out: the
-  // hardware publishes a status and its change count one after the other.
+  // The reports since the last call. A report that equals the one before it is left out, because
+  // the hardware publishes a status and its change count separately.
   [[nodiscard]] std::vector<Report> takeReports() { return std::exchange(reports_, {}); }
-  // Whether they gather. On from the start; off for a host that never takes them.
+  // Whether reports are collected. On at first; off for a host that never takes them.
   void reportsGatheredIs(bool gathered) noexcept;
-  // Lets the hardware do what it has put off, and the tables become quiet.
+  // Runs what the hardware has deferred, and lets the tables become quiet.
   static void settle();
-  // Damaged rows and shared memory that ran out, as they were met since the last call.
+  // The damaged rows and the shortages of shared memory that were found since the last call.
   [[nodiscard]] std::vector<std::string> takeFaults();
 
-  // The direct counter of a flow entry; zeros for one that has none. Nothing when no reader is
-  // registered, which is before the first start.
+  // The direct counter of a flow entry; zeros for one that has none. Nothing before the first
+  // start, when no counter reader is registered.
   [[nodiscard]] std::optional<P4Runtime::P4CounterData> counter(
       P4Runtime::EntryHandle handle) const;
 
-  // What a write would do, and what has become of it. All of them change nothing.
+  // What a write would do, and what has become of it. None of these changes anything.
 
   // Writing the entry into that table now, under the handle and entry id that the service would
   // give it. Nothing while the library is stopped.
@@ -189,24 +190,24 @@ class Service {
 
   // The switch's own configuration.
 
-  // Maps a port, or drops the mapping (false when there was none). Entries that name the port are
-  // not translated again.
+  // Map a port, or remove the mapping (false when there is none). Entries with the port are not
+  // translated again.
   Failure portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf);
   bool portDel(P4Runtime::P4PortId port);
-  // Writes or removes an encapsulation entry; members that use it are programmed again, or refused,
-  // which shows as reports. The type must be IP in IP, the only one that members may use.
+  // Write or remove an encapsulation entry. Members that use it are programmed again or refused,
+  // which is reported. Requires: the type is IP in IP, the only one that members may use.
   Failure encapIs(const NexthopGroup::EncapEntry& entry);
   [[nodiscard]] bool hasEncap(NexthopGroup::EncapId id) const;
   Failure encapDel(NexthopGroup::EncapId id);
-  // Places an empty flow in Corvex, or replaces the one of that name by one; removes one (false
-  // when there was none). Behind the library's back.
+  // Create or empty a flow in Corvex, or remove it (false when there is none), as if another writer
+  // than the library did so.
   void corvexFlowIs(const Korm::Name& name);
   bool corvexFlowDel(const Korm::Name& name);
   // Flips a bit in the stored row of the flow entry, member or group, as a stray write would. False
   // when there is no intact one.
   bool rowDamaged(P4Runtime::EntryHandle handle);
 
-  // What a front end keeps beside the entries.
+  // The data that a front end stores in addition to the entries.
   [[nodiscard]] Blobs& blobs() noexcept { return *blobs_; }
 
   // What there is to see.
@@ -223,20 +224,20 @@ class Service {
   [[nodiscard]] std::vector<TableView> entries() const;
   [[nodiscard]] ProfileView storedProfile() const;
 
-  // Asserts the invariants of the books, of the tables and, of a running library, its indexes.
+  // Asserts the invariants of the transactions, the tables and, of a running library, its indexes.
   // Looks at everything.
   void verify() const;
 
  private:
   void restore();
   Announcement create(bool announceRows);
-  // Makes the context; the range exception's text if one left it, with no context then.
+  // Creates the context. There is none when a range exception left it.
   Failure createContext();
   [[nodiscard]] Announcement announcement();
   void handleReport(const Report& report);
 
-  bool resumed_ = false;  // the hardware has nothing yet of the rows that are stored
-  GivenNumbers numbers_;  // where no shared memory has them
+  bool resumed_ = false;  // the hardware does not have the stored rows yet
+  GivenNumbers numbers_;  // unless they are in shared memory
   std::unique_ptr<ServiceObjects> objects_;
   std::unique_ptr<Blobs> blobs_;
   std::unique_ptr<Transactions> transactions_;

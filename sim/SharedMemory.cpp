@@ -23,11 +23,11 @@ constexpr std::uint64_t stateVersion = 1;
 
 // Word offsets in the segment.
 enum Word : std::size_t {
-  magic_,  // stored last, and first taken away
+  magic_,  // stored last, and removed first
   version_,
   inService_,
   process_,
-  givenNumbers_ = 8,  // changed by every insert, the others hardly ever
+  givenNumbers_ = 8,  // changed by every insert, unlike the others
   words_ = 16,
 };
 
@@ -72,8 +72,8 @@ SharedMemory::SharedMemory(const std::string& name, Leftover leftover)
   try {
     inspect();
     KormVasta::sharedMemoryIs({.prefix = name, .takeOver = true});
-    // After the tables are in order: its coming tells readers to look. No trace has been written
-    // yet that the ring it replaces could hold.
+    // The ring is created after the tables are in order, because it tells readers to look at them.
+    // Nothing has been traced yet, so the ring that it replaces is empty.
     std::unique_ptr<Brisklog::Ring> ring = Brisklog::Ring::create({.shmName = traceSegment(name)});
     ring_ = ring.get();
     (void)Brisklog::ringIs(std::move(ring));
@@ -111,12 +111,12 @@ void SharedMemory::release() noexcept {
   }
   try {
     if (isState(*segment_)) {
-      // What a death in the middle of the removal leaves is worth nothing.
+      // If the process dies during the removal, nothing that is left can be resumed.
       storeWord(segment_->words()[Word::inService_], 0);
       removeTables();
     }
     Korm::unlinkSegment(segmentName_);
-  } catch (const std::exception&) {  // somebody else's tables are theirs to remove
+  } catch (const std::exception&) {  // tables of another user are theirs to remove
   }
 }
 
@@ -156,7 +156,7 @@ void SharedMemory::inspect() {
     removeTables();
     *numbers_ = {};
   } else {
-    // What was said of the entries is not true of a hardware that starts anew.
+    // The hardware starts empty, so the old statuses of the entries no longer hold.
     for (std::uint8_t index = 0; index < flowTables; ++index) {
       (void)Vasta::removeTable(KormVasta::segmentName(name_, flowStatusTablePath(index)));
     }

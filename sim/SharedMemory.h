@@ -1,12 +1,13 @@
-// The named shared memory of a process: what another one reads the tables and the trace from, who
-// has the name, and the few words that have to outlive the process beside the tables.
+// The named shared memory of a process, from which other processes read the tables and the trace.
+// It also records who owns the name, and the few numbers that must survive the process with the
+// tables.
 //
 //   Sim::SharedMemory shared{"demo", Sim::Leftover::resume_};
 //   Sim::Service service{&shared};
 //
-// From construction on the name belongs to this process, until the object goes or the process ends,
-// however it ends. A process that dies leaves its tables under the name; the next one says whether
-// it goes on with them or removes them.
+// The name belongs to this process until the object is destroyed or the process ends in any way. A
+// process that dies leaves its tables under the name. The next one chooses whether to resume or to
+// remove them.
 //
 // Thread and process rule: one process has a name at a time, and within it the activity thread. It
 // is made before the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and
@@ -26,27 +27,27 @@
 
 namespace Sim {
 
-// The last numbers that a service gave out. They go up by Vasta::storeWord.
+// The last numbers that a service has assigned. They are stored with Vasta::storeWord.
 struct GivenNumbers {
   std::uint64_t handle = 0;            // of an entry
   std::uint64_t statusGeneration = 0;  // of a row of status
 };
 
-// What to do with the tables that a process left which is gone.
+// What to do with the tables of a process that has died.
 enum class Leftover {
   refuse_,   // they are an error
-  resume_,   // go on with them; where there are none, start empty
+  resume_,   // go on with them, or start empty if there are none
   discard_,  // remove them
 };
 
-// The name cannot be had; what() names it and says why.
+// The name cannot be used; what() says which name and why.
 class SharedNameError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// There are tables of a process that is gone, and they are to be refused. The program adds to
-// what() which of its options go on with them or remove them.
+// There are tables of a process that has died, and Leftover::refuse_ was given. The program adds to
+// what() which of its options resume or remove them.
 class LeftoverError : public SharedNameError {
  public:
   using SharedNameError::SharedNameError;
@@ -58,32 +59,34 @@ class LeftoverError : public SharedNameError {
 
 class SharedMemory {
  public:
-  // Throws: SharedNameError when another process has the name, or when there are tables and they
-  // are to be refused; std::system_error or Brisklog::RingError when the system refuses.
+  // Throws: SharedNameError when another process has the name; LeftoverError for tables that are to
+  // be refused; std::system_error or Brisklog::RingError when the system refuses.
   // Requires: `name` has no fault (SharedNames.h).
   explicit SharedMemory(const std::string& name, Leftover leftover = Leftover::refuse_);
-  // Removes the tables, the ring and the name, without allocating. It keeps the tables and the
-  // ring, and gives up the name only,
+  // Removes the tables, the ring and the name, without allocating. Gives up the name only, and keeps
+  // the tables and the ring,
   // - after keep(),
-  // - where the tables are another process's which no service has gone on with,
-  // - made with resume_, where an exception ends the use: the next one resumes what was answered.
+  // - when they belong to another process and no service has resumed them,
+  // - when it was made with resume_ and an exception ends the use, so that the next process can
+  //   resume what was answered.
   ~SharedMemory();
   SharedMemory(const SharedMemory&) = delete;
   SharedMemory& operator=(const SharedMemory&) = delete;
 
-  // Whether there are tables to go on with.
+  // Whether there are tables to resume.
   [[nodiscard]] bool resuming() const noexcept { return resuming_; }
-  // In shared memory.
+  // The numbers in shared memory.
   [[nodiscard]] GivenNumbers& numbers() noexcept { return *numbers_; }
-  // The tables are complete, from now on they are worth something: a process that dies before this
-  // leaves nothing to go on with unless it was resuming.
+  // Says that the tables are complete. A process that dies before this leaves nothing to resume,
+  // unless it was resuming itself.
   void inServiceIs() noexcept;
-  // The tables and the ring stay when this object goes, for a next process to resume.
+  // Keeps the tables and the ring when this object is destroyed, so that the next process can
+  // resume.
   void keep() noexcept { removes_ = false; }
 
  private:
   void takeName();
-  // Looks at what the last owner of the name has left.
+  // Examines what the previous owner of the name has left.
   void inspect();
   void removeTables() const;
   void release() noexcept;

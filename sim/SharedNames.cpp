@@ -5,7 +5,7 @@
 namespace Sim {
 namespace {
 
-// What is left of the 255 that the system allows, after the longest path of a table.
+// The system allows 255 characters, and the paths of the tables need the rest.
 constexpr std::size_t longestName = 128;
 constexpr std::string_view allowed =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";

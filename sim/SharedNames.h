@@ -1,5 +1,5 @@
-// What stands under the name that --shm gives, for the process that has it and for those that read
-// it. The tables' segments are those of TablePaths.h.
+// The names of segments under the name that --shm gives. TablePaths.h has the segments of the
+// tables.
 //
 // Thread and process rule: free functions without state.
 #pragma once

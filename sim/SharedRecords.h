@@ -33,10 +33,10 @@ class PortTable final : public KormVasta::TableEntity<PortRow> {
   using TableEntity::TableEntity;
 };
 
-// Which part of which blob; see Blobs.h.
+// Identifies one part of a blob; see Blobs.h.
 struct BlobKey {
   std::uint64_t id = 0;
-  std::uint64_t version = 0;  // 0 of the head
+  std::uint64_t version = 0;  // 0 for the head
   std::uint32_t kind = 0;
   std::uint32_t part = 0;  // 0 is the head
 
@@ -45,7 +45,7 @@ struct BlobKey {
   }
 };
 
-// A part of a blob. The head says how long all of it is and in which version the other parts are.
+// A part of a blob. The head has the length of the whole blob and the version of the other parts.
 struct BlobRow {
   using Key = BlobKey;
   static constexpr std::string_view vastaName = "Sim::BlobRow";

@@ -1,6 +1,5 @@
-// What there is to tell of a stored flow entry, and of writes that wait for the hardware.
-//
-// Thread and process rule: views. Pointers in them are good until the next change.
+// Views of a stored flow entry, and of writes that wait for the hardware. Pointers in them are
+// valid until the next change.
 #pragma once
 
 #include <cstdint>
@@ -14,13 +13,13 @@
 
 namespace Sim {
 
-// The way from the row to what the hardware says. Times are seconds since the epoch, 0 when not
-// known.
+// A flow entry from its row to its status in the hardware. Times are seconds since the epoch, 0
+// when unknown.
 struct StoredFlow {
   const Ostra::OstraConfigEntry* row = nullptr;  // never null
   std::uint8_t table = 0;
-  double storedAt = 0;                                 // its last write
-  bool pending = false;                                // which waits for the hardware
+  double storedAt = 0;                                 // the time of the last write
+  bool pending = false;                                // that write waits for the hardware
   const OpenFlowTable::FlowEntry* flow = nullptr;      // in Corvex, or null
   double configuredAt = 0;                             // handed to Corvex
   const OpenFlowTable::FlowStats* hardware = nullptr;  // what is published, or null

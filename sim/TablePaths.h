@@ -1,5 +1,5 @@
-// Where the service's tables stand in the state database, and thereby under which segment names
-// another process finds them: KormVasta::segmentName(prefix, path).
+// The paths of the service's tables in the state database. Another process finds a table by the
+// segment name KormVasta::segmentName(prefix, path).
 //
 // Thread and process rule: constants and functions without state.
 #pragma once

@@ -1,4 +1,4 @@
-// What a controller writes, and what it hears of its writes.
+// A controller's writes and their results.
 //
 // Thread and process rule: plain values.
 #pragma once
@@ -19,17 +19,17 @@ enum class Op : std::uint8_t {
   insert_,
   modify_,
   delete_,
-  announce_,  // of a result only: the service wrote the stored row again
+  announce_,  // only in results: the service wrote the stored row again
 };
 
 enum class Kind : std::uint8_t { flow_, member_, group_ };
 
 enum class State : std::uint8_t {
-  done_,      // there is a result: `code` and `message`
-  pending_,   // the hardware has not reported yet; its result comes as a report
-  rejected_,  // the service itself refused the write, no table was touched; `message` says why
-  failed_,    // a range exception left the library, whose text is `message`; the row is stored
-  stored_,    // the library is stopped: the tables have changed and nobody has heard of it
+  done_,      // the result is in `code` and `message`
+  pending_,   // the hardware has not answered yet; the result will be a report
+  rejected_,  // the service refused the write and changed no table; `message` says why
+  failed_,    // a range exception with the text `message` left the library; the row is stored
+  stored_,    // the library is stopped, so the row was only stored
 };
 
 // The words of the command language and of the JSON output: "insert", "flow", "done" and so on.
@@ -37,8 +37,8 @@ enum class State : std::uint8_t {
 [[nodiscard]] std::string_view text(Kind kind) noexcept;
 [[nodiscard]] std::string_view text(State state) noexcept;
 
-// One write. Handles and entry ids in the rows are the service's to fill in; of a row to be deleted
-// only the key counts.
+// One write. The service fills in the handles and entry ids of the rows. Only the key of a row that
+// is to be deleted is used.
 class Update {
  public:
   // `table` is the flow table's index, 0 to 14.
@@ -56,13 +56,13 @@ class Update {
   [[nodiscard]] Op op() const noexcept { return op_; }
   [[nodiscard]] Kind kind() const noexcept { return static_cast<Kind>(row_.index()); }
   [[nodiscard]] std::uint8_t table() const noexcept { return table_; }
-  // The row of that kind; to ask for another kind's is an assertion.
+  // Requires: the update is of that kind, which is asserted.
   [[nodiscard]] const Ostra::OstraConfigEntry& flow() const;
   [[nodiscard]] const P4RuntimeRouting::NexthopInfo& member() const;
   [[nodiscard]] const P4RuntimeRouting::EcmpMemberList& group() const;
 
  private:
-  // In the order of Kind. A group's row is ten times the size of the others, and shared.
+  // In the order of Kind. A group's row is shared because it is ten times larger than the others.
   using Row = std::variant<Ostra::OstraConfigEntry, P4RuntimeRouting::NexthopInfo,
                            std::shared_ptr<const P4RuntimeRouting::EcmpMemberList>>;
   Update(Op op, std::uint8_t table, Row row) : op_{op}, table_{table}, row_{std::move(row)} {}
@@ -72,23 +72,23 @@ class Update {
   Row row_;
 };
 
-// What came of one write.
+// The result of one write.
 struct Result {
   Op op = Op::insert_;
   Kind kind = Kind::flow_;
   State state = State::done_;
-  P4Runtime::ErrorCode code = P4Runtime::ErrorCode::success_;  // of a done_ one
-  P4Runtime::EntryHandle handle{};                             // 0, none, of a rejected_ one
+  P4Runtime::ErrorCode code = P4Runtime::ErrorCode::success_;  // if done_
+  P4Runtime::EntryHandle handle{};                             // 0 if rejected_
   P4Runtime::MemberOrGroupId id = 0;                           // of a member or group
-  std::string message{};                                       // empty when there is nothing to say
+  std::string message{};                                       // may be empty
 
   [[nodiscard]] bool succeeded() const noexcept {
     return state == State::done_ && code == P4Runtime::ErrorCode::success_;
   }
 };
 
-// A result that came for an entry outside the batch under way: of a write that had been left
-// pending, or because the hardware's mind changed. Never for handle 0.
+// A result for an entry outside the current batch: of a pending write, or because the status in the
+// hardware has changed. The handle is never 0.
 struct Report {
   P4Runtime::EntryHandle handle;
   P4Runtime::ErrorCode code = P4Runtime::ErrorCode::success_;

@@ -5,6 +5,7 @@
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "Ostra/private/AuditState.h"
 #include "Ostra/private/GroupNumbering.h"
+#include "platform/Korm/HashSet.h"
 #include "platform/Vasta/Errors.h"
 
 namespace Ostra {
@@ -49,15 +50,13 @@ class GroupAudit {
       return;
     }
     for (const auto& group : groups) {
-      if (accounted_.find(group.key) == nullptr && !isOfCorruptRow(group.key)) {
+      if (!accounted_.contains(group.key) && !isOfCorruptRow(group.key)) {
         strayGroup(group.value);
       }
     }
   }
 
  private:
-  struct Nothing {};
-
   // How the buckets of a group's members compare with its own.
   enum class Buckets : std::uint8_t {
     same_,
@@ -125,7 +124,7 @@ class GroupAudit {
   [[nodiscard]] const GroupEntry* find(GroupId id) {
     const GroupEntry* const group = present(id);
     if (group != nullptr) {
-      accounted_.tryEmplace(id);
+      accounted_.insert(id);
     }
     return group;
   }
@@ -235,7 +234,7 @@ class GroupAudit {
   AuditState& state_;
   const OstraEcmpGroupSm& machine_;
   const OstraEcmpGroupSm::Inputs& inputs_;
-  Korm::HashMap<GroupId, Nothing> accounted_;
+  Korm::HashSet<GroupId> accounted_;
   // Whose group has not been found.
   std::size_t corruptMembers_ = 0;
   std::size_t corruptGroups_ = 0;

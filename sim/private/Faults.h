@@ -1,5 +1,5 @@
-// What went wrong in the service's memory and was got over: damaged rows, shared memory that ran
-// out.
+// The faults in the service's memory from which it has recovered: damaged rows, and shared memory
+// that ran out.
 //
 // Thread and process rule: the activity thread.
 #pragma once
@@ -14,7 +14,7 @@ namespace Sim {
 
 class Faults {
  public:
-  // One that is known already, or that comes when there are too many, is dropped.
+  // Drops a fault that is known already, and any beyond the hundredth.
   void add(std::string_view text) {
     if (texts_.size() < most && std::find(texts_.begin(), texts_.end(), text) == texts_.end()) {
       texts_.emplace_back(text);

@@ -7,8 +7,8 @@
 
 namespace Sim {
 
-// By the first number in the name ("flow-7": 7; numbers of any length), names without one last,
-// equal ones as text.
+// Orders by the first number in the name ("flow-7": 7), which may have any length, and then as
+// text. Names without a number come last.
 [[nodiscard]] bool numberedBefore(std::string_view a, std::string_view b) noexcept;
 
 }  // namespace Sim

@@ -17,8 +17,8 @@ namespace Sim {
 using P4Runtime::EntryHandle;
 using P4Runtime::MemberOrGroupId;
 
-// Each of the three has: the table, the id that a result shows, the name in messages, what an
-// inserted row gets beside its handle, and the books kept of an id.
+// Each of these three has the table, the id and the name of a row in results and messages, and the
+// maps that the service keeps for a kind of row.
 
 struct RowWriter::FlowRows {
   using Record = Ostra::OstraConfigEntry;
@@ -36,12 +36,12 @@ struct RowWriter::FlowRows {
     writer.transactions_.flowIs(row.entryHandle, index, row.flowKey);
   }
   void removed(const Record& /*row*/) const {}
-  // What the books know of a key whose row cannot be read.
+  // The recorded handle of a key whose row cannot be read.
   [[nodiscard]] EntryHandle known(const Record& row) const {
     return writer.transactions_.storedFlow(index, row.flowKey);
   }
-  // The handle under which the library knows the key, if it is another than the row's.
-  [[nodiscard]] EntryHandle alias(const Record& row, EntryHandle handle) const {
+  // The handle under which the library will act on a delete, if it differs from the row's.
+  [[nodiscard]] EntryHandle deleteHandle(const Record& row, EntryHandle handle) const {
     const Ostra::OstraSm* const machine = writer.machine(index);
     if (machine == nullptr) {
       return {};
@@ -75,7 +75,8 @@ struct RowWriter::MemberRows {
   [[nodiscard]] EntryHandle known(const Record& row) const {
     return writer.objects_.handles->getEntryHandleFromMemberId(row.memberId);
   }
-  [[nodiscard]] static EntryHandle alias(const Record& /*row*/, EntryHandle /*handle*/) noexcept {
+  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/,
+                                                EntryHandle /*handle*/) noexcept {
     return {};
   }
 
@@ -102,7 +103,8 @@ struct RowWriter::GroupRows {
     const P4Runtime::P4HandleMgr& handles = *writer.objects_.handles;
     return handles.groupHandleToEntryHandle(handles.getGroupHandleFromGroupId(row.groupId));
   }
-  [[nodiscard]] static EntryHandle alias(const Record& /*row*/, EntryHandle /*handle*/) noexcept {
+  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/,
+                                                EntryHandle /*handle*/) noexcept {
     return {};
   }
 
@@ -190,7 +192,7 @@ void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& give
     Rows::handleIs(row, transactions_.nextHandle());
     rows.stored(row);
     result.handle = row.entryHandle;
-    transactions_.enter(result);
+    transactions_.begin(result);
     perform(rows, row, [&] { table.table().is(row, hash); });
     return;
   }
@@ -202,13 +204,13 @@ void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& give
   if (op == Op::modify_) {
     auto row = given;
     Rows::handleIs(row, stored);
-    transactions_.enter(result);
+    transactions_.begin(result);
     perform(rows, row, [&] { table.table().is(row, hash); });
     return;
   }
-  transactions_.enter(result, rows.alias(given, stored));
+  transactions_.begin(result, rows.deleteHandle(given, stored));
   perform(rows, given, [&] { table.table().del(given.key(), hash, nullptr); });
-  rows.removed(given);  // not before: the library finds the handle by the id to acknowledge
+  rows.removed(given);  // last, because the library finds the handle to acknowledge by the id
 }
 
 void RowWriter::reject(Result result, std::string message) {
@@ -222,19 +224,19 @@ void RowWriter::perform(const Rows& rows, const typename Rows::Record& row, Chan
   try {
     change();
   } catch (const Korm::RangeException& refused) {
-    transactions_.leaveFailed(refused.what());
+    transactions_.endFailed(refused.what());
     return;
   } catch (const Vasta::Corruption& corruption) {
     objects_.faults.add(corruption.what());
-    transactions_.leaveFailed(corruption.what());
+    transactions_.endFailed(corruption.what());
     return;
-  } catch (const std::system_error& full) {  // the table is as it was
-    if (transactions_.leaveRejected(full.what())) {
+  } catch (const std::system_error& full) {  // the table has not changed
+    if (transactions_.endRejected(full.what())) {
       rows.removed(row);
     }
     return;
   }
-  transactions_.leave();
+  transactions_.end();
 }
 
 template <class Visit>
@@ -268,16 +270,16 @@ void RowWriter::restore() {
   });
 }
 
-void RowWriter::enterAnnouncements() {
+void RowWriter::addAnnouncements() {
   forEachKind([this](const auto& rows) {
     using Rows = std::remove_cvref_t<decltype(rows)>;
     forEachRow(
         rows.table(),
         [this](const auto& row) {
-          transactions_.enterAnnouncement({.op = Op::announce_,
-                                           .kind = Rows::kind,
-                                           .handle = row.entryHandle,
-                                           .id = Rows::id(row)});
+          transactions_.addAnnouncement({.op = Op::announce_,
+                                         .kind = Rows::kind,
+                                         .handle = row.entryHandle,
+                                         .id = Rows::id(row)});
         },
         faultCollector());
   });
@@ -312,7 +314,7 @@ void RowWriter::announce(bool groupsFirst) {
         table,
         [&](const typename Rows::Record& stored) {
           const typename Rows::Record row = stored;
-          transactions_.reenter(row.entryHandle);
+          transactions_.replay(row.entryHandle);
           perform(rows, row, [&] { table.entryIs(row); });
         },
         faultCollector());

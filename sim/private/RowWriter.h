@@ -1,8 +1,8 @@
-// Writes rows of the service's tables, and tells the books of each: a controller's updates, and the
-// announcement of what is stored.
+// Writes rows of the service's tables and records them in the transactions: a controller's updates,
+// and the announcements of stored rows.
 //
-// Thread and process rule: the activity thread. Made for one batch.
-// Ownership: refers to the service's objects and books, and to the library, which outlive it.
+// Thread and process rule: the activity thread. Created for one batch.
+// Ownership: refers to the service's objects, the transactions and the library, which outlive it.
 #pragma once
 
 #include <cstddef>
@@ -24,8 +24,8 @@ class RowWriter {
             const Ostra::OstraContext* library) noexcept
       : objects_{objects}, transactions_{transactions}, library_{library} {}
 
-  // Applies an update, which is then in the books with what has come of it so far. A range
-  // exception that leaves the library is such a result.
+  // Applies an update and records its result so far. A range exception that leaves the library is a
+  // result.
   void apply(const Update& update);
 
   // Has the library start to load what it knows of the flows that the updates will remove.
@@ -33,20 +33,19 @@ class RowWriter {
 
   // How many rows are stored.
   [[nodiscard]] std::size_t storedRows();
-  // Enters the rows that an earlier process left into the books, and discards those that are
-  // damaged.
+  // Records the rows that an earlier process has left, and discards the damaged ones.
   void restore();
-  // Enters every stored row as an announcement: members, groups, flows.
-  void enterAnnouncements();
-  // Writes each of them again, in the same order, so that the library hears of it. `groupsFirst`:
-  // the hardware settles before the flows, which are refused as long as it does not have their
-  // groups.
+  // Adds an announcement to the batch for every stored row: members, groups, flows.
+  void addAnnouncements();
+  // Writes each of them again, in the same order, so that the library is notified. With
+  // `groupsFirst` the hardware settles before the flows, which would be refused while it lacks
+  // their groups.
   void announce(bool groupsFirst = false);
   // Flips a bit in the intact row of that handle, past its key; false when there is none.
   bool damage(P4Runtime::EntryHandle handle);
 
  private:
-  // What a kind of row differs in.
+  // What differs between the kinds of rows.
   struct FlowRows;
   struct MemberRows;
   struct GroupRows;
@@ -54,24 +53,24 @@ class RowWriter {
   template <class Rows>
   void write(const Rows& rows, Op op, const typename Rows::Record& given);
   void reject(Result result, std::string message);
-  // The handle of the row of that key, 0 when none is stored. Of a damaged row it is the one in the
-  // books.
+  // The handle of the row of that key, 0 when none is stored. For a damaged row it is the handle in
+  // the transactions.
   template <class Rows>
   [[nodiscard]] P4Runtime::EntryHandle storedHandle(const Rows& rows,
                                                     const typename Rows::Record& given,
                                                     std::uint32_t hash);
-  // Makes the change of `row` that the current update stands for.
+  // Makes the change of the current update to `row`.
   template <class Rows, class Change>
   void perform(const Rows& rows, const typename Rows::Record& row, Change change);
 
   template <class Visit>
   void forEachKind(Visit visit);
-  // For damaged rows that are passed over.
+  // For damaged rows that are skipped.
   [[nodiscard]] auto faultCollector() const {
     return [this](const std::exception& fault) { objects_.faults.add(fault.what()); };
   }
 
-  // The library's machine for a flow table; null when the library is stopped.
+  // The library's state machine for a flow table; null when the library is stopped.
   [[nodiscard]] const Ostra::OstraSm* machine(std::uint8_t table) const;
 
   ServiceObjects& objects_;

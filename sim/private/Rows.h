@@ -1,4 +1,4 @@
-// Walking the rows of a table of which some may be damaged.
+// A walk over the rows of a table, some of which may be damaged.
 //
 // Thread and process rule: the activity thread.
 #pragma once
@@ -8,8 +8,8 @@
 
 namespace Sim {
 
-// Calls visit(row) for each intact row, which may change the table, and damaged(corruption) for
-// each other.
+// Calls visit(row) for each intact row and damaged(corruption) for each other row. `visit` may
+// change the table.
 template <class Table, class Visit, class Damaged>
 void forEachRow(const Table& table, Visit visit, Damaged damaged) {
   Vasta::Hint hint;

@@ -18,7 +18,7 @@ constexpr std::string_view lastName(std::string_view path) noexcept {
   return path.substr(path.rfind('/') + 1);
 }
 
-// An entity that bears the name under which it stands.
+// A new entity, whose name is the last element of its path.
 template <class T>
 Korm::Ptr<T> make(std::string_view path) {
   return Korm::makePtr<T>(Korm::Name{lastName(path)});
@@ -62,7 +62,7 @@ void ServiceObjects::placeCorvex() {
                           make<Interface::AllIntfStatusDir>(StatePath::intfStatusDir));
 }
 
-// A table is written only once it has its place, since the place decides where its rows live.
+// A table is placed before it is written, because its place decides which memory its rows are in.
 void ServiceObjects::placeTables() {
   entityManager->entityIs(encapTableEntity, encapTable);
   entityManager->entityIs(portTableEntity, portTable);
@@ -99,7 +99,7 @@ void ServiceObjects::verifyTables() const {
   }
 }
 
-// Those that the library meets; the service's own come with an exception.
+// Collects the faults that the library finds. The service's own accesses throw instead.
 void ServiceObjects::collectFaults() {
   const auto collect = [this](const std::string& text) { faults.add(text); };
   encapTable->corruptionHandlerIs(collect);

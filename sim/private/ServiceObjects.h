@@ -1,8 +1,8 @@
-// The service-wide objects: what the service owns and hands to the library, and the state database
-// in which everything stands that others mount.
+// The service-wide objects: those that the service owns and passes to the library, and the state
+// database with everything that others mount.
 //
 // Thread and process rule: the activity thread.
-// Ownership: holds a reference to each; all are there, and the same, from construction on.
+// Ownership: holds a reference to each. None is null, and none is ever replaced.
 #pragma once
 
 #include <cstdint>
@@ -27,8 +27,8 @@
 namespace Sim {
 
 struct ServiceObjects {
-  // Makes everything and places it in the tree.
-  // Throws: what the table service throws when named shared memory cannot be had.
+  // Creates everything and places it in the tree.
+  // Throws: Vasta::AttachError or std::system_error when named shared memory cannot be used.
   ServiceObjects();
 
   [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {

@@ -14,8 +14,8 @@ using P4Runtime::ErrorCode;
 using P4Runtime::TelemetryTimestampType;
 using P4Runtime::TransactionResult;
 
-// An entry error says why; what the hardware reports of a flow has no words. The hardware still
-// works on earlier updates of a row when an entry error ends the current one.
+// An entry error has a message, and a hardware result of a flow has none. When an entry error ends
+// the current update, the hardware may still be working on earlier updates of the row.
 bool isEntryError(const TransactionResult& result) noexcept {
   return result.code != ErrorCode::success_ && !result.message.empty();
 }
@@ -69,7 +69,7 @@ std::optional<StoredRow> Transactions::row(EntryHandle handle) const {
   return found == nullptr ? std::nullopt : std::optional{viewOf(found->value)};
 }
 
-void Transactions::begin(std::size_t updates, bool live) {
+void Transactions::beginBatch(std::size_t updates, bool live) {
   Korm::assertTrue(!batchActive_, "one batch at a time");
   ++batch_;
   batchActive_ = true;
@@ -113,7 +113,7 @@ void Transactions::clearStatusEntry(EntryHandle handle) {
   }
 }
 
-void Transactions::enter(const Result& result, EntryHandle alias) {
+void Transactions::begin(const Result& result, EntryHandle deleteHandle) {
   current_ = append(result);
   results_[current_].state = live_ ? State::pending_ : State::stored_;
   Row& row = rowOf(result.handle);
@@ -127,21 +127,21 @@ void Transactions::enter(const Result& result, EntryHandle alias) {
   }
   currentRow_ = &holdRow(result.handle, row);
   currentRow_->last = current_;
-  if (alias != 0) {
-    const auto [entry, created] = rows_.tryEmplace(alias);
+  if (deleteHandle != 0) {
+    const auto [entry, created] = rows_.tryEmplace(deleteHandle);
     if (created) {
       entry.value.key = currentRow_->key;
       entry.value.table = currentRow_->table;
       entry.value.stored = false;
     }
-    currentRow_ = &holdRow(alias, entry.value);
+    currentRow_ = &holdRow(deleteHandle, entry.value);
     currentRow_->op = result.op;
     currentRow_->since = batchTime_;
-    aliases_.push_back(alias);
+    deleteHandles_.push_back(deleteHandle);
   }
 }
 
-void Transactions::enterAnnouncement(const Result& result) {
+void Transactions::addAnnouncement(const Result& result) {
   const Index update = append(result);
   results_[update].state = State::pending_;
   Row& row = holdRow(result.handle);
@@ -149,7 +149,7 @@ void Transactions::enterAnnouncement(const Result& result) {
   row.open = update;
 }
 
-void Transactions::reenter(EntryHandle handle) {
+void Transactions::replay(EntryHandle handle) {
   currentRow_ = &holdRow(handle);
   currentRow_->open = none;
   current_ = currentRow_->last;
@@ -159,7 +159,7 @@ void Transactions::reenter(EntryHandle handle) {
   result.message.clear();
 }
 
-void Transactions::leave() {
+void Transactions::end() {
   if (currentIsOpen()) {
     nextOpen_[current_] = currentRow_->open;
     currentRow_->open = current_;
@@ -176,13 +176,13 @@ void Transactions::leave() {
   currentRow_ = nullptr;
 }
 
-void Transactions::leaveFailed(std::string_view text) {
+void Transactions::endFailed(std::string_view text) {
   results_[current_].state = State::failed_;
   results_[current_].message = text;
-  leave();
+  end();
 }
 
-bool Transactions::leaveRejected(std::string_view text) {
+bool Transactions::endRejected(std::string_view text) {
   Result& result = results_[current_];
   result.state = State::rejected_;
   result.message = text;
@@ -223,7 +223,7 @@ void Transactions::complete(Index update, const TransactionResult& result) {
   completed.code = result.code;
   completed.message = result.message;
   if (completed.kind != Kind::flow_) {
-    // So that what stands there in the end is what the hardware said of the other updates.
+    // The entry then shows only what the hardware says of the other updates.
     clearStatusEntry(completed.handle);
   } else if (result.code == ErrorCode::success_) {
     objects_.telemetry->newTransactionTimestamp(completed.handle,
@@ -257,7 +257,7 @@ void Transactions::completeLate(Row* row, const TransactionResult& result) {
   }
 }
 
-std::vector<Result> Transactions::finish() {
+std::vector<Result> Transactions::finishBatch() {
   if (live_) {
     for (Index update = 0; update < results_.size(); ++update) {
       Result& result = results_[update];
@@ -273,9 +273,9 @@ std::vector<Result> Transactions::finish() {
         result.handle = {};
       }
     }
-    for (const EntryHandle alias : std::exchange(aliases_, {})) {
-      if (auto* const found = rows_.find(alias)) {
-        settleRow(alias, found->value);
+    for (const EntryHandle deleteHandle : std::exchange(deleteHandles_, {})) {
+      if (auto* const found = rows_.find(deleteHandle)) {
+        settleRow(deleteHandle, found->value);
       }
     }
   }
@@ -322,7 +322,7 @@ void Transactions::settleRow(EntryHandle handle, Row& row) {
 
 void Transactions::dropRow(EntryHandle handle, const Row& row) {
   if (row.kind == Kind::flow_) {
-    // The key may stand for another entry by now.
+    // The key may belong to another entry by now.
     Ostra::OstraStatus& status = objects_.statusTable(row.table);
     try {
       const Ostra::OstraStatusEntry* const entry = status.table().find(row.key);
@@ -364,7 +364,7 @@ void Transactions::forget() {
   currentRow_ = nullptr;
   results_.clear();
   nextOpen_.clear();
-  aliases_.clear();
+  deleteHandles_.clear();
   for (auto& entry : rows_) {
     Row& row = entry.value;
     row.open = none;

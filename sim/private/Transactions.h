@@ -1,19 +1,20 @@
-// The service's books: which rows are stored, which writes wait for a result, and what has come of
-// them.
+// The service's transactions: which rows are stored, which writes wait for a result, and the
+// results.
 //
-// Updates are entered one by one into a batch that is begun before the first and finished after the
-// last. While one is being applied it is the current one; once applied it is open, in its row,
-// until a result comes. A result completes
-// - the current update, when it is for its row; an entry error always comes that way;
-// - all open updates of its row, which the hardware sees as one;
-// - the current delete, when it is an acknowledgement for an entry of which the batch knows nothing
-//   more: the library found the key under an earlier handle, or under none.
-// Everything else is a report. When the batch is finished, what is open is pending if it is a flow;
-// members and groups have succeeded unless the hardware has left an error in their batch status
-// entry.
+// A batch is begun before its first update and finished after its last one. An update is the
+// current one while it is applied. After that it is open, and belongs to its row, until its result
+// comes. A result completes
+// - the current update, when it is for the same row; an entry error always comes in this way;
+// - all open updates of its row, because the hardware sees them as one;
+// - the current delete, when the result acknowledges a handle without an open update: the library
+// has
+//   found the key under an earlier handle, or under none.
+// Any other result is a report. When the batch is finished, an open update of a flow is pending. An
+// open update of a member or group has succeeded, unless the hardware has left an error in its
+// batch status entry.
 //
-// The batch status entry of a row that has something pending stays open until a result comes,
-// however many batches later, so that the result finds it, and with it its root entry.
+// The batch status entry of a row with a pending update stays open until the result comes, possibly
+// many batches later. The result needs this entry and its root entry.
 //
 // Thread and process rule: the activity thread.
 // Ownership: refers to the service's objects, which outlive it. Updates, rows and results are its
@@ -36,13 +37,13 @@
 
 namespace Sim {
 
-// What the books say of a row.
+// What is recorded of a row.
 struct StoredRow {
-  const Ostra::OstraKey* key = nullptr;  // of a flow; good until the next change
+  const Ostra::OstraKey* key = nullptr;  // of a flow; valid until the next change
   std::uint8_t table = 0;                // of a flow
   Kind kind = Kind::flow_;
   Op op = Op::insert_;  // of its last write
-  double since = 0;     // when that was, in seconds since the epoch; 0 when it is not known
+  double since = 0;     // the time of that write in seconds since the epoch; 0 when unknown
   bool stored = true;
   bool pending = false;
 };
@@ -51,7 +52,7 @@ class Transactions {
  public:
   using EntryHandle = P4Runtime::EntryHandle;
 
-  // `numbers` outlive the books. A handle counts as given out before its row is written.
+  // Requires: `numbers` outlive this object. A handle is assigned before its row is written.
   Transactions(ServiceObjects& objects, GivenNumbers& numbers);
   Transactions(const Transactions&) = delete;
   Transactions& operator=(const Transactions&) = delete;
@@ -66,7 +67,7 @@ class Transactions {
     Vasta::storeWord(numbers_.handle, numbers_.handle + 1);
     return EntryHandle{numbers_.handle};
   }
-  // A row has that handle already.
+  // Records that a row has that handle already.
   void handleTaken(EntryHandle handle) noexcept {
     Vasta::storeWord(numbers_.handle, std::max<std::uint64_t>(numbers_.handle, handle));
   }
@@ -76,7 +77,7 @@ class Transactions {
   // The handle of the stored flow of that key, 0 when there is none. Looks at all of them.
   [[nodiscard]] EntryHandle storedFlow(std::uint8_t table, const Ostra::OstraKey& key) const;
 
-  // Nothing for a handle that is not in the books.
+  // Nothing for an unknown handle.
   [[nodiscard]] std::optional<StoredRow> row(EntryHandle handle) const;
   // Calls visit(handle, row) for each row with a write that waits for the hardware.
   template <class Visit>
@@ -90,39 +91,40 @@ class Transactions {
 
   // A batch.
 
-  // `live`: the library is running, and results will come.
-  void begin(std::size_t updates, bool live);
-  // Enters an update that reaches no table.
+  // `live` says that the library is running, so that results will come.
+  void beginBatch(std::size_t updates, bool live);
+  // Adds an update that was rejected before it reached a table.
   void reject(const Result& result) { append(result); }
-  // Enters an update of a stored row and makes it the current one. `alias` is the handle, if
-  // another, under which the library will act on a delete.
-  void enter(const Result& result, EntryHandle alias = {});
-  // Announces a row: enters it without making it current, so that results of the library's creation
-  // are its results.
-  void enterAnnouncement(const Result& result);
-  // Makes an announced row's update the current one, with what has come of it so far forgotten.
-  void reenter(EntryHandle handle);
-  // The current update, applied, is open from now on unless a result has come already. A deleted
-  // row is stored no more.
-  void leave();
-  // The same, with the text of the range exception that left the library.
-  void leaveFailed(std::string_view text);
-  // The same when the change could not be made: the update is rejected. Whether its row is none any
-  // more, which is so for an insert.
-  bool leaveRejected(std::string_view text);
-  // Decides what is open, settles the books, and returns the results in the order of entering.
-  [[nodiscard]] std::vector<Result> finish();
+  // Begins an update of a stored row: it is now the current one. `deleteHandle` is the handle under
+  // which the library will act on a delete, if it differs from the row's.
+  void begin(const Result& result, EntryHandle deleteHandle = {});
+  // Adds the announcement of a row. It does not become the current update, but results that the
+  // library's creation brings are its results.
+  void addAnnouncement(const Result& result);
+  // Makes the announcement of a row the current update, and drops its result so far.
+  void replay(EntryHandle handle);
+  // Ends the current update after it was applied. It is open unless it has a result. A row that was
+  // deleted is no longer stored.
+  void end();
+  // Ends it with the text of the range exception that left the library.
+  void endFailed(std::string_view text);
+  // Ends it as rejected, because the change could not be made. Returns whether its row is removed,
+  // which is so for an insert.
+  bool endRejected(std::string_view text);
+  // Decides the open updates, releases what is no longer needed, and returns the results in the
+  // order of the updates.
+  [[nodiscard]] std::vector<Result> finishBatch();
 
-  // Forgets every write under way, a batch too, empties the batch status and the VRF books. What is
-  // stored stays.
+  // Forgets every write in progress, including the batch, and empties the batch status and the VRF
+  // counts. Stored rows stay.
   void forget();
 
-  // Told of every report.
+  // Notified of every report.
   [[nodiscard]] Korm::NotifieeList<const Report&>& reportNotifiees() noexcept {
     return reportNotifiees_;
   }
 
-  // Asserts the invariants of the books. Not within a batch.
+  // Asserts every invariant. Requires: there is no batch.
   void verify() const;
 
  private:
@@ -131,22 +133,22 @@ class Transactions {
 
   struct Row {
     Ostra::OstraKey key;      // of a flow
-    std::uint64_t batch = 0;  // the last one that held the row
-    Index open = none;        // its newest open update of that batch; others follow in nextOpen_
-    Index last = none;        // its newest update of that batch
+    std::uint64_t batch = 0;  // the last batch with the row
+    Index open = none;        // its newest open update in that batch; nextOpen_ has the others
+    Index last = none;        // its newest update in that batch
     Kind kind = Kind::flow_;
     std::uint8_t table = 0;  // of a flow
     double since = 0;        // of the last update
     Op op = Op::insert_;
     bool stored = true;
-    bool pending = false;      // an earlier batch left something open
+    bool pending = false;      // an earlier batch has left an update open
     bool statusEntry = false;  // its batch status entry is open
   };
 
   [[nodiscard]] static StoredRow viewOf(const Row& row) noexcept;
   Index append(const Result& result);
   Row& rowOf(EntryHandle handle);
-  // Holds the row in the batch, with its batch status entry open and free of errors of earlier
+  // Makes the row part of the batch. Its batch status entry is then open, without errors of earlier
   // updates.
   Row& holdRow(EntryHandle handle);
   Row& holdRow(EntryHandle handle, Row& row);
@@ -164,7 +166,7 @@ class Transactions {
   void completeLate(Row* row, const P4Runtime::TransactionResult& result);
 
   void decide(Result& result, const Row& row);
-  // Once the batch, or the last pending result, is through: lets go of what the row needs no more.
+  // Releases what the row no longer needs, after the batch or after its last pending result.
   void settleRow(EntryHandle handle, Row& row);
   void dropRow(EntryHandle handle, const Row& row);
   [[nodiscard]] std::uint64_t nextStatusGeneration() noexcept {
@@ -190,13 +192,13 @@ class Transactions {
   bool batchActive_ = false;
   bool live_ = false;
   Index current_ = none;
-  Row* currentRow_ =
-      nullptr;  // where the current update will be open; stays in place while it lives
+  // The row to which the current update will belong when it is open.
+  Row* currentRow_ = nullptr;
   std::vector<Result> results_;  // one per update of the batch; pending_ while it is open
   std::vector<Index> nextOpen_;  // per update, the open one of the same row before it
-  std::vector<EntryHandle> aliases_;
+  std::vector<EntryHandle> deleteHandles_;
   Korm::NotifieeList<const Report&> reportNotifiees_;
-  // The VRFs whose creator or deletor a handle has been recorded as. Complete, perhaps more.
+  // For each handle, a superset of the VRFs that have it recorded as their creator or deletor.
   Korm::HashMap<EntryHandle, std::vector<Vrf::VrfIdMap::VrfId>> vrfRecords_;
 
   Korm::MemberNotifiee<Transactions, &Transactions::handleResult,
