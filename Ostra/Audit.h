@@ -1,6 +1,6 @@
 // Whether what the hardware has is what the controller wanted: compares everything that is stored.
 //
-// Thread and process rule: the activity thread. An audit changes nothing and traces nothing.
+// Threads: the activity thread. An audit changes nothing and traces nothing.
 #pragma once
 
 #include <cstddef>

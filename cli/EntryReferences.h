@@ -1,7 +1,5 @@
-// What an entry asks for by number beside its plain actions: one line each, with the word of the
-// command language.
-//
-// Thread and process rule: a function without state.
+// The actions of an entry that refer to something by number (a port, a VRF, a group and so on), in
+// addition to its plain actions: one line each, with the word of the command language.
 #pragma once
 
 #include <string_view>
@@ -10,8 +8,8 @@
 
 namespace Cli {
 
-// A number of an entry and the flag that says whether it is given. For the output port the flag is
-// an action that is present; the entry's own functions see to that.
+// A number of an entry and the flag that says whether it is given. The flag of the output port is
+// the output action, which the entry's own functions set.
 template <auto numberMember, auto givenMember>
 struct EntryReference {
   std::string_view word;

@@ -1,6 +1,4 @@
-// A program's options as a table of words, and how a command line is read by it.
-//
-// Thread and process rule: free functions without state.
+// A program's options as a table of words, and the parser of command lines that uses it.
 #pragma once
 
 #include <algorithm>
@@ -25,13 +23,13 @@ class UsageError : public std::runtime_error {
 template <class Options>
 struct OptionWord {
   std::string_view name;
-  std::string_view argument;  // what it is called; empty: the option takes none
+  std::string_view argument;  // its name in messages; empty when the option takes none
   // Throws: CommandError for an argument that makes no sense.
   void (*apply)(Options& options, std::string_view argument);
 };
 
 // Applies the option at the front, "--name VALUE", "--name=VALUE" or "--name", and returns how many
-// of the arguments it took. `expected` is what is expected where the word is no option.
+// of the arguments it took. `expected` is for the message when the word is not an option.
 // Throws: UsageError.
 template <class Options, std::size_t size>
 std::size_t applyOption(std::span<const char* const> arguments,

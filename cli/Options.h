@@ -1,6 +1,4 @@
 // The command line of ostra-sim.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include <optional>
@@ -31,7 +29,7 @@ struct Options {
   std::vector<std::string> files;  // "-" is standard input; never empty
 };
 
-// `arguments` are those behind the program's name.
+// `arguments` are those after the program's name.
 // Throws: UsageError.
 [[nodiscard]] Options parseOptions(std::span<const char* const> arguments);
 

@@ -1,6 +1,6 @@
-// How far a long script has come, on a terminal.
+// Shows on a terminal how far a long script has come.
 //
-// Thread and process rule: one thread.
+// Threads: one thread.
 #pragma once
 
 #include <chrono>
@@ -10,8 +10,8 @@
 
 namespace Cli {
 
-// Shows nothing in the first second, and then a line that it keeps rewriting. Who writes to the
-// same terminal calls clear() first.
+// Shows nothing in the first second, and then a line that it keeps rewriting. Requires: clear() is
+// called before anything else is written to the same terminal.
 class Progress {
  public:
   // Writes to the descriptor, a terminal.
@@ -20,7 +20,7 @@ class Progress {
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // That line has been played, which ends at `position` of `size` bytes.
+  // Says that this line has been played; it ends at `position` of `size` bytes.
   void at(std::uint64_t line, std::uint64_t position, std::uint64_t size);
   // Wipes what is shown.
   void clear();

@@ -1,6 +1,6 @@
-// A clock for runs that repeat to the letter.
+// A clock that makes the output of a run reproducible.
 //
-// Thread and process rule: one thread; it is the clock of the whole process.
+// Threads: one thread; it is the clock of the whole process.
 #pragma once
 
 namespace Cli::StepClock {

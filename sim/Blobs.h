@@ -5,7 +5,7 @@
 // and table rows are written in program order. So a front end that writes a row and then its value
 // knows, after a crash, that a row without a value was never answered.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 // Ownership: refers to the service's table, which outlives it.
 #pragma once
 

@@ -5,7 +5,7 @@
 //   service.apply(...);
 //   if (const auto code = answers.answer(id)) ...   // otherwise notifiees() are told when it comes
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 // Ownership: shares the status directory.
 #pragma once
 

@@ -27,7 +27,7 @@
 // process, under the same handles; start() announces them. Counters, statuses and everything in
 // Corvex start empty.
 //
-// Thread and process rule: one thread, the activity thread. The shared memory and the switch for
+// Threads: one thread, the activity thread. The shared memory and the switch for
 // thread-safe pointers are set before the service is made. There is one service at a time in a
 // process, as there is one activity and one clock. It uses Korm::currentTime() only.
 // Ownership: the service owns its tables and objects and holds the library's context. A hardware

@@ -9,7 +9,7 @@
 // process that dies leaves its tables under the name. The next one chooses whether to resume or to
 // remove them.
 //
-// Thread and process rule: one process has a name at a time, and within it the activity thread. It
+// Threads: one process has a name at a time, and within it the activity thread. It
 // is made before the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and
 // outlives them.
 #pragma once

@@ -1,7 +1,5 @@
 // The names of segments under the name that --shm gives. TablePaths.h has the segments of the
 // tables.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include <string>

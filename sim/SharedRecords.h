@@ -1,7 +1,5 @@
 // The records of the service's own tables in shared memory, beside those that it shares with the
 // library.
-//
-// Thread and process rule: plain values.
 #pragma once
 
 #include <algorithm>

@@ -1,7 +1,5 @@
 // The paths of the service's tables in the state database. Another process finds a table by the
 // segment name KormVasta::segmentName(prefix, path).
-//
-// Thread and process rule: constants and functions without state.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,4 @@
 // A controller's writes and their results.
-//
-// Thread and process rule: plain values.
 #pragma once
 
 #include <cstdint>

@@ -1,6 +1,6 @@
 // An ostra-p4rt in a process of its own, as a controller meets it.
 //
-// Thread and process rule: one thread.
+// Threads: one thread.
 #pragma once
 
 #include <sys/types.h>

@@ -216,7 +216,7 @@ void start(Interpreter& interpreter, Words& words) {
   interpreter.print("start", announcement);
   interpreter.printer().note(service.running() ? "the library is running"
                                                : "the library stays stopped");
-  interpreter.tampered();  // without an announcement, rows may be without their flows
+  interpreter.tampered();  // without the announcement, rows may have no flows
 }
 
 void resync(Interpreter& interpreter, Words& words) {
@@ -402,20 +402,20 @@ constexpr std::array table{
     Command{"quit", "", "end", quit},
 };
 
-// Whether the words of `prefix` are the first ones of `name`.
+// Whether `name` starts with the words of `prefix`.
 bool startsWithWords(std::string_view name, std::string_view prefix) {
   return name.starts_with(prefix) &&
          (prefix.empty() || name.size() == prefix.size() || name[prefix.size()] == ' ');
 }
 
-// The word of a name behind its first `length` characters; empty at its end.
+// The next word of a name after its first `length` characters; empty at its end.
 std::string_view wordBehind(std::string_view name, std::size_t length) {
   name.remove_prefix(std::min(name.size(), length == 0 ? 0 : length + 1));
   return name.substr(0, name.find(' '));
 }
 
-// Takes words as long as they go on to the name of some command, and returns what it took in the
-// form of the table.
+// Takes words while they are a prefix of some command's name, and returns that prefix as a part of
+// the table's text.
 std::string_view takePrefix(Words& words) {
   std::string_view prefix;
   for (;;) {
@@ -432,7 +432,7 @@ std::string_view takePrefix(Words& words) {
   }
 }
 
-// The words stop in the middle of a name.
+// For words that are only a part of a name, or none.
 [[noreturn]] void throwUnknown(std::string_view prefix, std::string_view read) {
   std::vector<std::string_view> possible;
   for (const Command& command : table) {
@@ -459,7 +459,7 @@ std::string grammarOf(const Command& command) {
   return command.grammar.empty() ? text : text.append(" ").append(command.grammar);
 }
 
-// What the words of a command on flow entries stand for; empty for any other command.
+// The explanation of the words of a command on flow entries; empty for any other command.
 std::string flowGrammarOf(const Command& command) {
   return command.grammar.starts_with("[table") ? flowGrammar(command.grammar == flowWords)
                                                : std::string{};

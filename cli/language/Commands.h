@@ -1,6 +1,6 @@
 // The commands as a table: name, grammar, help and what each does.
 //
-// Thread and process rule: one thread. The table is a constant.
+// Threads: one thread. The table is a constant.
 #pragma once
 
 #include <span>
@@ -18,18 +18,18 @@ struct Command {
   std::string_view name;  // one word or more
   std::string_view grammar;
   std::string_view summary;
-  // Reads the words behind the name, all of them, and acts.
+  // Reads all words after the name, and executes the command.
   // Throws: CommandError, with nothing changed, for words that are not in the grammar.
   void (*handler)(Interpreter& interpreter, Words& words);
 };
 
 [[nodiscard]] std::span<const Command> commands() noexcept;
 
-// The command that the words start with, and moves behind its name.
+// Takes the name of a command, and returns the command.
 // Throws: CommandError when there is none.
 [[nodiscard]] const Command& takeCommand(Words& words);
 
-// What `help` shows: every command, or those whose names start with the words, which are all taken.
+// Takes all words, and returns what `help` shows: the commands whose names start with the words.
 // Throws: CommandError when there are none.
 [[nodiscard]] std::vector<HelpEntry> takeHelp(Words& words);
 

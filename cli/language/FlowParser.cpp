@@ -171,7 +171,7 @@ ValueAndMask<T> parseField(std::string_view text, MatchFieldId field) {
   }
 }
 
-// Whether there is such a field.
+// Applies the word if it names a field; false when it does not.
 bool applyField(const Assignment& word, OstraKey& key) {
   bool found = false;
   key.forEachField([&](auto id, const auto& field, auto put) {
@@ -198,7 +198,7 @@ void forEachKeyWord(Visit visit) {
   key.forEachField([&visit](std::string_view name, const auto& /*field*/) { visit(name); });
 }
 
-// A word of the key: it may also be one of the actions, which stand elsewhere.
+// For a word that is not a match field. It may be an action, which belongs after the arrow.
 [[noreturn]] void throwNotInKey(std::string_view read, std::string_view name) {
   NearMatch near{name};
   if (findWord(actionWords, name) != nullptr) {
@@ -218,7 +218,7 @@ void forEachKeyWord(Visit visit) {
   throwUnexpected(read, "an action", nearMatch(name, actionWords));
 }
 
-// Up to the arrow or the end.
+// Reads up to the arrow or the end.
 void readKey(Words& words, FlowWrite& flow) {
   SeenWords<placementWords.size()> seen;
   while (!words.done() && words.peek() != arrow) {

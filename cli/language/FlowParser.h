@@ -1,10 +1,10 @@
 // Flow entries of a controller in the command language.
 //
-// The match fields are those of OSTRA_MATCH_FIELDS and the plain actions those of OPENFLOW_ACTIONS:
-// one that is added there is read here without more, unless its value is of a new type.
+// The match fields come from OSTRA_MATCH_FIELDS and the plain actions from OPENFLOW_ACTIONS. A line
+// that is added there needs no change here, unless its value has a new type.
 //
-// Thread and process rule: free functions without state. Each takes the words behind "flow", reads
-// them all, and throws CommandError for anything that is not in the grammar.
+// Each function reads all words after "flow".
+// Throws: CommandError for anything that is not in the grammar.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +15,10 @@
 
 namespace Cli {
 
-// The index of the last flow table that commands can name: those behind it have no state machine.
+// The index of the last flow table that commands can name; the next one has no state machine.
 inline constexpr std::uint8_t maxFlowTable = 14;
 
-// A flow entry as a controller gives it; the handle and the entry id are the service's to fill in.
+// A flow entry as a controller gives it. The service fills in the handle and the entry id.
 struct FlowWrite {
   std::uint8_t table = 0;
   Ostra::OstraConfigEntry entry;
@@ -30,8 +30,8 @@ struct FlowWrite {
 // The key alone, for a delete.
 [[nodiscard]] FlowWrite parseFlowKey(Words& words);
 
-// What the words of a flow stand for, as lines that each begin with a line end: the fields, and the
-// actions if they are asked for.
+// The explanation of the words of a flow: the fields and, with `withActions`, the actions. Each
+// line begins with a line feed.
 [[nodiscard]] std::string flowGrammar(bool withActions);
 
 }  // namespace Cli

@@ -14,7 +14,7 @@ namespace {
 
 volatile std::sig_atomic_t stopWanted = 0;
 
-// The next line; nothing as well when a signal asked to stop while the system was waiting for it.
+// The next line; nothing at the end of the input, or when a signal has requested a stop meanwhile.
 std::optional<LineReader::Line> nextLine(LineReader& input) {
   for (;;) {
     try {
@@ -196,7 +196,7 @@ void Interpreter::apply(const std::vector<Sim::Update>& updates) {
   }
 }
 
-// What the entry says now may be accepted by now, and then there is nothing to say.
+// There is no hint when the same write would be accepted by now.
 void Interpreter::hintAt(const Sim::Result& result) {
   const bool refused = result.state == Sim::State::failed_ ||
                        (result.state == Sim::State::done_ && !result.message.empty());
@@ -212,7 +212,7 @@ void Interpreter::hintAt(const Sim::Result& result) {
   }
 }
 
-// Hardware that is driven by hand answers when the hand says so.
+// In manual mode the hardware answers only when it is told to, so no answer is overdue.
 Ostra::AuditReport Interpreter::audited() const {
   Ostra::AuditOptions auditOptions;
   if (!agent_.automatic()) {

@@ -1,6 +1,6 @@
-// Plays commands: reads lines, runs what the table of commands says, and prints what came of it.
+// Plays commands: reads lines, executes them by the table of commands, and prints the results.
 //
-// Thread and process rule: the activity thread. requestStop() alone may be called from a signal
+// Threads: the activity thread. requestStop() alone may be called from a signal
 // handler.
 // Ownership: the service, the agent, the printer and the streams belong to the host and outlive the
 // interpreter.
@@ -24,7 +24,7 @@ class Progress;
 
 struct InterpreterOptions {
   bool keepGoing = false;  // a bad command does not end the run
-  // Whose flows, members and groups are: not empty, and the commands that write them are refused.
+  // If not empty, the owner of all flows, members and groups: commands that write them are refused.
   std::string_view writer{};
   bool verify = false;  // every invariant is checked after each command
   bool audit = false;   // the first fault that an audit finds after a batch ends the run
@@ -38,22 +38,21 @@ class Interpreter {
   Interpreter(Sim::Service& service, Sim::HwAgent& agent, Printer& printer,
               InterpreterOptions options);
 
-  // Plays all of the input. Places in messages are `name` and the line. `progress` may be null.
+  // Plays the whole input. `name` is the input's name in messages. `progress` may be null.
   // Throws: ReadError.
   void play(LineReader& input, const std::string& name, Progress* progress = nullptr);
-  // The input is a person at a terminal: `prompt` is written to `out`, and a bad command does not
-  // end the run.
+  // The same for a person at a terminal: writes a prompt to `out`, and goes on after a bad command.
   void prompt(LineReader& input, const std::string& name, std::ostream& out);
   // Plays one line.
   void playLine(const LineReader::Line& line, std::string_view where);
-  // Creates the library before the first line, and prints what came of the rows that were there.
+  // Creates the library before the first line, and prints the results of the rows that are stored.
   void start();
-  // There is no more input: a batch that is still open is an error, and its writes are dropped.
+  // Ends the input. A batch that is still open is an error, and its writes are dropped.
   void finish();
 
-  // Whether no more lines are played: `quit`, a bad command, or a stop that was asked for.
+  // Whether the run has ended: by `quit`, by a bad command, or by requestStop().
   [[nodiscard]] bool ended() const noexcept;
-  // Whether some command made no sense.
+  // Whether there was a bad command.
   [[nodiscard]] bool failed() const noexcept { return failed_; }
 
   // What the commands work with.
@@ -62,22 +61,22 @@ class Interpreter {
   [[nodiscard]] Sim::HwAgent& agent() noexcept { return agent_; }
   [[nodiscard]] Printer& printer() noexcept { return printer_; }
 
-  // A controller's write: applied now, or kept for the end of the open batch.
+  // Applies a controller's write, or keeps it for the end of the open batch.
   void write(Sim::Update update);
   void beginBatch();
   void commitBatch();
   void quit() noexcept { quit_ = true; }
-  // The hardware has been told something: lets it act.
+  // Lets the hardware act after a command to it.
   void settle();
-  // A hand has changed the switch, so that the faults there are now are known.
+  // Says that a command has changed the switch by hand: the faults that there are now are known.
   void tampered();
-  // Says so if a command that was understood has failed.
+  // Prints the failure of a command, if there is one.
   void check(std::string_view command, const Sim::Failure& failure);
   void print(std::string_view command, const Sim::Announcement& announcement);
 
  private:
   struct Batch {
-    std::string begun;  // where
+    std::string begun;  // FILE:LINE of its begin
     std::vector<Sim::Update> updates;
   };
 
@@ -98,13 +97,13 @@ class Interpreter {
   InterpreterOptions options_;
   std::string_view where_;  // of the line that is being played
   std::optional<Batch> batch_;
-  std::set<std::string> knownFaults_;  // those that a hand has made
+  std::set<std::string> knownFaults_;  // those that were made by hand
   bool faultFound_ = false;
   bool quit_ = false;
   bool failed_ = false;
 };
 
-// Asks all interpreters of the process to end after the command that they are playing.
+// Makes all interpreters of the process end after the current command.
 void requestStop() noexcept;
 [[nodiscard]] bool stopRequested() noexcept;
 

@@ -6,7 +6,7 @@
 namespace Cli {
 namespace {
 
-// Nobody means a word of the language by a word that is longer.
+// A longer word is not a misspelt word of the language.
 constexpr std::size_t longestWord = 64;
 
 }  // namespace

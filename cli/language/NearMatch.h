@@ -1,6 +1,4 @@
-// The word that a misspelt one was probably meant to be.
-//
-// Thread and process rule: a class without state that is shared.
+// Finds the word that a misspelt one was probably meant to be.
 #pragma once
 
 #include <cstddef>
@@ -9,12 +7,12 @@
 
 namespace Cli {
 
-// The least number of letters to insert, remove, replace or swap with their neighbour that turns
-// one text into the other.
+// The edit distance: the least number of letters to insert, remove, replace, or swap with their
+// neighbour, to turn one text into the other.
 [[nodiscard]] std::size_t editDistance(std::string_view a, std::string_view b);
 
-// Remembers the nearest of the candidates that it is shown, among those so near that they are worth
-// asking about: a mistake in up to every third letter.
+// Remembers the nearest candidate. Only candidates with a mistake in at most every third letter
+// count.
 class NearMatch {
  public:
   explicit NearMatch(std::string_view word) noexcept;
@@ -25,7 +23,7 @@ class NearMatch {
 
  private:
   const std::string_view word_;
-  std::size_t distance_;  // a match has to be nearer
+  std::size_t distance_;  // a better match must be nearer
   std::string match_;
 };
 

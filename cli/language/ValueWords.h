@@ -1,6 +1,4 @@
 // Words of the form name=VALUE, described as tables.
-//
-// Thread and process rule: templates without state.
 #pragma once
 
 #include <algorithm>
@@ -15,14 +13,14 @@
 
 namespace Cli {
 
-// What a word name=VALUE, or the word `name` of a flag, does to a T. `apply` takes the value and
-// the name that messages use.
+// How a word name=VALUE, or the word `name` of a flag, is applied to a T. `apply` gets the value
+// and the name for messages.
 template <class T>
 struct ValueWord {
   std::string_view name;
   void (*apply)(T& target, std::string_view value, std::string_view name);
-  bool flag = false;          // there is no value
-  std::string_view syntax{};  // of the value, for those who print it
+  bool flag = false;          // the word has no value
+  std::string_view syntax{};  // of the value, for the help
 };
 
 namespace detail {
@@ -37,7 +35,7 @@ struct MemberOf<Value Class::*> {
 
 }  // namespace detail
 
-// For the table: the number goes into that data member.
+// The `apply` of a word whose number is stored in that data member.
 template <auto member>
 inline constexpr auto putNumber = [](typename detail::MemberOf<decltype(member)>::Target& target,
                                      std::string_view value, std::string_view name) {
@@ -52,18 +50,18 @@ template <class Table>
   return found == table.end() ? nullptr : &*found;
 }
 
-// Throws for a word that came before.
+// Throws the CommandError for a word that came before.
 [[noreturn]] void throwTwice(std::string_view word);
-// Throws unless there is a '='.
+// Throws: CommandError unless there is a '='.
 void requireValue(const Assignment& word);
-// Throws if there is one.
+// Throws: CommandError if there is one.
 void requireNoValue(const Assignment& word);
 
-// Which of the words of a table have been read.
+// Records which words of a table have been read.
 template <std::size_t count>
 class SeenWords {
  public:
-  // Throws if it has been seen before.
+  // Throws: CommandError if the word has been read before.
   template <class Table, class Word>
   void add(const Table& table, const Word& word) {
     if (std::exchange(seen_[static_cast<std::size_t>(&word - table.data())], true)) {
@@ -76,7 +74,7 @@ class SeenWords {
   std::array<bool, count> seen_{};
 };
 
-// Applies the word to `target` if it is one of the table's, each of which may come once.
+// Applies the word to `target` if it is in the table; each word may come once.
 template <class T, std::size_t count>
 [[nodiscard]] bool applyWord(const std::array<ValueWord<T>, count>& table, SeenWords<count>& seen,
                              const Assignment& word, T& target) {
@@ -90,7 +88,7 @@ template <class T, std::size_t count>
   return true;
 }
 
-// Reads the rest of the words, all of which are in the table; the first `required` of it must come.
+// Reads all remaining words, which must be in the table. The first `required` ones are mandatory.
 template <class T, std::size_t count>
 void applyWords(Words& words, const std::array<ValueWord<T>, count>& table, std::size_t required,
                 T& target) {

@@ -11,7 +11,7 @@ namespace {
 
 using Korm::AddressFamily;
 
-// A mistake in a part of a word, which may be empty.
+// For a mistake in a part of a word, which may be empty.
 [[noreturn]] void throwBadValue(std::string_view read, std::string_view expected,
                                 std::string_view what) {
   std::string message = "read ";
@@ -71,7 +71,7 @@ std::uint64_t detail::parseUnsigned(std::string_view text, std::string_view what
 std::int64_t detail::parseSigned(std::string_view text, std::string_view what, std::int64_t min,
                                  std::int64_t max) {
   const bool negative = text.starts_with('-');
-  // As many below zero as there are above it, and one more.
+  // The magnitude of the smallest number is one more than that of the largest.
   const auto limit = negative ? std::uint64_t{0} - static_cast<std::uint64_t>(min)
                               : static_cast<std::uint64_t>(max);
   std::uint64_t number = 0;

@@ -1,7 +1,5 @@
-// Values of the command language. Each function takes a word of the input and what it stands for,
-// and throws CommandError, which says what was expected, for anything that is not such a value.
-//
-// Thread and process rule: free functions without state.
+// Values of the command language. Each function parses a word; `what` names the value in messages.
+// Throws: CommandError, which says what was expected, for anything that is not such a value.
 #pragma once
 
 #include <concepts>
@@ -16,7 +14,7 @@
 
 namespace Cli {
 
-// A value and the bits of it that count.
+// A value and a mask of the bits that must match.
 template <class T>
 struct ValueAndMask {
   T value{};
@@ -41,24 +39,24 @@ template <std::integral T>
   }
 }
 
-// Numbers with commas between them. None at all is an empty list.
+// Numbers separated by commas. An empty text is an empty list.
 [[nodiscard]] std::vector<std::uint32_t> parseNumbers(std::string_view text, std::string_view what);
 
 [[nodiscard]] bool parseBool(std::string_view text, std::string_view what);
 [[nodiscard]] Korm::EthAddr parseMac(std::string_view text, std::string_view what);
-// Of that family; `none_` stands for either.
+// An address of that family; `none_` means of either.
 [[nodiscard]] Korm::IpAddr parseIp(std::string_view text, std::string_view what,
                                    Korm::AddressFamily family = Korm::AddressFamily::none_);
 [[nodiscard]] Interface::IntfId parseInterface(std::string_view text, std::string_view what);
 
-// VALUE, VALUE&MASK or, for an address, VALUE/LENGTH. Without a mask it is all ones.
+// VALUE, VALUE&MASK or, for an address, VALUE/LENGTH. The default mask is all ones.
 [[nodiscard]] ValueAndMask<bool> parseMaskedBool(std::string_view text, std::string_view what);
 [[nodiscard]] ValueAndMask<Korm::EthAddr> parseMaskedMac(std::string_view text,
                                                          std::string_view what);
 [[nodiscard]] ValueAndMask<Korm::IpAddr> parseMaskedIp(
     std::string_view text, std::string_view what,
     Korm::AddressFamily family = Korm::AddressFamily::none_);
-// `exactMask` is the mask where none is given, and `max` the largest value and mask.
+// `exactMask` is the default mask, and `max` the largest value and mask.
 template <std::unsigned_integral T>
 [[nodiscard]] ValueAndMask<T> parseMaskedNumber(std::string_view text, std::string_view what,
                                                 T exactMask, T max) {

@@ -1,7 +1,6 @@
-// A line of the command language as words, and what is said of a line that makes no sense.
+// A line of the command language as words, and the error for a line that makes no sense.
 //
-// Thread and process rule: values without state that is shared.
-// Ownership: a Words looks at a line that outlives it, and so do the words it hands out.
+// Ownership: a Words and the words that it returns refer to the line, which must outlive them.
 #pragma once
 
 #include <stdexcept>
@@ -22,11 +21,11 @@ class CommandError : public std::runtime_error {
 [[noreturn]] void throwUnexpected(std::string_view read, std::string_view expected,
                                   std::string_view nearMatch = {});
 
-// A text from the input as a message shows it: in quotes, without control characters, not too long.
+// A text from the input for a message: in quotes, without control characters, and not too long.
 [[nodiscard]] std::string quoted(std::string_view text);
 
-// The words of one line, front to back. Blanks separate words; a word that starts with '#' starts a
-// comment. Within a word a '#' is a character like any other.
+// The words of one line in order. Blanks separate words. A word that starts with '#' starts a
+// comment; within a word a '#' has no meaning.
 class Words {
  public:
   explicit Words(std::string_view line) noexcept : rest_{line} { skip(); }
@@ -35,12 +34,12 @@ class Words {
   [[nodiscard]] bool done() const noexcept { return word_.empty(); }
   // The next word; empty when done.
   [[nodiscard]] std::string_view peek() const noexcept { return word_; }
-  // The next word, and moves past it.
+  // Takes the next word.
   // Throws: CommandError when there is none.
   std::string_view take(std::string_view expected);
-  // The next word if it is this one.
+  // Takes the next word if it is this one; false when it is not.
   bool takeIf(std::string_view word) noexcept;
-  // All that is left, up to a comment, without the blanks around it; done after that.
+  // Takes everything that is left, without a comment and without the blanks around it.
   std::string_view takeRest() noexcept;
   // Throws: CommandError when there are words left.
   void end() const;

@@ -1,6 +1,4 @@
 // What would be accepted in place of what was refused, in plain words.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include <string>

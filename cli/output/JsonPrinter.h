@@ -1,8 +1,8 @@
 // One JSON object a line.
 //
-// Thread and process rule: one thread.
-// Invariant: members stand in the order that docs/simulator.md gives, and bytes that are not UTF-8
-// are replaced, so that every line is JSON.
+// Threads: one thread.
+// Invariant: members are in the order that docs/simulator.md gives. Bytes that are not UTF-8 are
+// replaced, so that every line is JSON.
 #pragma once
 
 #include <iosfwd>

@@ -1,6 +1,4 @@
 // The JSON forms of what the tables hold.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include "cli/output/Json.h"

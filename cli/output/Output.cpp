@@ -13,7 +13,7 @@ namespace Cli {
 void prepareStreams() noexcept {
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  // The lowest that is free is what open() gives.
+  // open() returns the lowest free descriptor.
   int descriptor = 0;
   do {
     descriptor = ::open("/dev/null", O_RDWR);

@@ -1,7 +1,7 @@
 // Standard output as a stream that knows why it failed.
 //
-// Thread and process rule: one thread. The host ignores SIGPIPE, so that a reader who has gone
-// shows here as an error.
+// Threads: one thread. The host ignores SIGPIPE, so that a closed pipe is an error
+// here.
 #pragma once
 
 #include <array>
@@ -12,16 +12,16 @@
 
 namespace Cli {
 
-// Readies the process for its standard streams: those that are closed lead nowhere instead of to
-// the next file that is opened, and a reader that goes or a file that may not grow is an error and
-// no signal.
+// Prepares the standard streams of the process. Closed ones are opened on /dev/null, because they
+// would otherwise become the next file that is opened. A closed pipe or the limit on file sizes is
+// an error and not a signal.
 void prepareStreams() noexcept;
 
-// Buffers what goes to a descriptor, which stays the caller's.
+// Buffers output to a descriptor, which the caller owns.
 class DescriptorBuffer final : public std::streambuf {
  public:
   explicit DescriptorBuffer(int descriptor);
-  // Writes what is left, and drops it where that fails.
+  // Writes what is left; if that fails, it is lost.
   ~DescriptorBuffer() override;
 
   // The errno of the first write that failed; 0 for none.
@@ -51,8 +51,8 @@ class Output final : public std::ostream {
   DescriptorBuffer buffer_;
 };
 
-// Whether texts to this descriptor may be coloured: it is a terminal that can, and NO_COLOR is not
-// set (https://no-color.org).
+// Whether output to this descriptor may be coloured: it is a terminal with colours, and NO_COLOR is
+// not set (https://no-color.org).
 [[nodiscard]] bool wantsColor(int descriptor) noexcept;
 
 }  // namespace Cli

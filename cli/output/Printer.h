@@ -1,7 +1,7 @@
-// How ostra-sim says what came of a command: the face that its two printers share.
+// How ostra-sim prints the results of commands: the interface of its two printers.
 //
-// Thread and process rule: one thread.
-// Ownership: a printer writes to a stream of its host's, which it neither flushes nor closes.
+// Threads: one thread.
+// Ownership: a printer writes to a stream of its host, and neither flushes nor closes it.
 #pragma once
 
 #include <span>
@@ -29,7 +29,7 @@ class Printer {
   Printer& operator=(const Printer&) = delete;
   virtual ~Printer() = default;
 
-  // What came of writes.
+  // The results of writes.
   virtual void result(const Sim::Result& result) = 0;
   virtual void report(const Sim::Report& report) = 0;
 
@@ -38,10 +38,10 @@ class Printer {
   // A command that was understood and failed.
   virtual void failure(std::string_view where, std::string_view command,
                        std::string_view message) = 0;
-  // Something that only a person wants to know.
+  // A message for people only.
   virtual void note(std::string_view text) = 0;
   virtual void echo(std::string_view text) = 0;
-  // Names and summaries of many commands, or all that there is to say of a few.
+  // Names and summaries of many commands, or the whole grammar of a few.
   virtual void help(std::span<const HelpEntry> commands, bool grammar) = 0;
 
   virtual void counter(P4Runtime::EntryHandle handle, const P4Runtime::P4CounterData& data) = 0;
@@ -54,7 +54,7 @@ class Printer {
   virtual void trace(const std::vector<std::string>& lines) = 0;
 
   // Writes before and after they are made.
-  // What would be accepted in place of what the last result refused; for people.
+  // What would be accepted instead of the refused write; for people only.
   virtual void hint(std::string_view text) = 0;
   virtual void explanation(const Ostra::OstraConfigEntry& entry,
                            const Ostra::FlowPreview& preview) = 0;

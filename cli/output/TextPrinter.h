@@ -1,6 +1,6 @@
 // Text for people: a line per result, aligned tables.
 //
-// Thread and process rule: one thread.
+// Threads: one thread.
 #pragma once
 
 #include <iosfwd>
@@ -16,8 +16,8 @@ struct TextStyle {
 
 class TextPrinter final : public Printer {
  public:
-  // Results go to `out`, bad commands to `errors`, before which `out` is flushed. The streams
-  // outlive the printer.
+  // Results go to `out`. Bad commands go to `errors`, and `out` is flushed first. Requires: the
+  // streams outlive the printer.
   TextPrinter(std::ostream& out, std::ostream& errors, TextStyle style);
 
   void result(const Sim::Result& result) override;

@@ -1,6 +1,4 @@
 // Rows of text in aligned columns.
-//
-// Thread and process rule: a value.
 #pragma once
 
 #include <iosfwd>
@@ -15,11 +13,12 @@ class TextTable {
   // A column whose title starts with '>' is aligned to the right.
   explicit TextTable(const std::vector<std::string_view>& titles);
 
-  // As many cells as there are titles. They are shown printable.
+  // Adds a row, in which control characters are replaced as by printable().
+  // Requires: as many cells as titles.
   void rowIs(std::vector<std::string> cells);
   [[nodiscard]] bool empty() const noexcept { return rows_.empty(); }
 
-  // The titles and the rows, each line behind `indent` and without blanks at its end.
+  // Prints the titles and the rows. Each line begins with `indent` and has no blanks at its end.
   void print(std::ostream& out, std::string_view indent = "  ") const;
 
  private:
@@ -39,7 +38,7 @@ class TextTable {
 // memory, and a terminal obeys what it reads.
 [[nodiscard]] std::string printable(std::string text);
 
-// The number of characters that a UTF-8 text takes on a terminal, combining ones aside.
+// How many columns a UTF-8 text takes on a terminal: its characters without combining ones.
 [[nodiscard]] std::size_t displayWidth(std::string_view text) noexcept;
 
 }  // namespace Cli

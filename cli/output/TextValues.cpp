@@ -54,7 +54,7 @@ std::string maskedAddress(const std::string& value, const std::array<std::uint8_
   return length ? value + "/" + std::to_string(*length) : value + "&" + maskText;
 }
 
-// `width` is the field's; ether types are known by their hexadecimal numbers.
+// `width` is the field's. Ether types are printed in hexadecimal, as people know them.
 template <class T>
 std::string maskedText(const T& value, const T& mask, Ostra::MatchWidth width, bool isEtherType) {
   if constexpr (std::is_same_v<T, bool>) {

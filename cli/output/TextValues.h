@@ -1,6 +1,4 @@
-// The words for people of what the tables hold and the hardware says.
-//
-// Thread and process rule: free functions without state.
+// The texts, for people, of values in the tables and of hardware statuses.
 #pragma once
 
 #include <cstdint>
@@ -21,23 +19,23 @@ namespace Cli {
 [[nodiscard]] std::string matchText(const OpenFlowTable::Match& match);
 // "group=3 vrf=5"; "none" for no action.
 [[nodiscard]] std::string actionsText(const OpenFlowTable::Actions& actions);
-// The fields that are given, by their names in the P4 program, as matchText() has them.
+// The fields that are given, with their names in the P4 program, in the form of matchText().
 [[nodiscard]] std::string keyText(const Ostra::OstraKey& key);
-// What the entry asks for, as the controller gave it.
+// The actions of the entry as the controller gave them.
 [[nodiscard]] std::string entryActionsText(const Ostra::OstraConfigEntry& entry);
 
 // The number and its meaning: "1 programmed", "7 hardware full".
 [[nodiscard]] std::string flowStatusText(OpenFlowTable::FlowStatus status);
 [[nodiscard]] std::string groupStatusText(OpenFlowTable::GroupStatus status);
 [[nodiscard]] std::string groupTypeText(OpenFlowTable::GroupType type);
-// What an error code says, for a result that has no message of its own.
+// The meaning of an error code, for a result without a message.
 [[nodiscard]] std::string errorText(P4Runtime::ErrorCode code);
 
 [[nodiscard]] std::string encapTypeText(std::uint8_t type);
 // The colours whose packets a policer drops, as "green", "yellow" and "red".
 [[nodiscard]] std::vector<std::string_view> droppedColors(
     const OpenFlowTable::PolicerConfig& policer);
-// Seconds without zeros behind the last digit that counts, "-" for none.
+// Seconds without trailing zeros, "-" for none.
 [[nodiscard]] std::string secondsText(double seconds);
 
 }  // namespace Cli

@@ -65,7 +65,7 @@ class Check {
         fault(corruption.what());
       }
     }
-    // A writer that is at work changes both meanwhile.
+    // A running writer may change both numbers meanwhile.
     if (count != reader.size() && reader.changeSequence() == before) {
       fault("it has " + std::to_string(count) + " intact rows, and its header says " +
             std::to_string(reader.size()));

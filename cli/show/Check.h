@@ -1,6 +1,6 @@
-// Whether the shared memory of a switch is whole, as another process sees it.
+// Checks the shared memory of a switch from another process.
 //
-// Thread and process rule: free functions of a process that only reads.
+// Threads: free functions of a process that only reads.
 #pragma once
 
 #include <iosfwd>

@@ -28,8 +28,7 @@ using P4RuntimeRouting::NexthopInfo;
 
 using Cells = std::vector<std::string>;
 
-// What is shown of a record: titles (see TextTable), cells, and the number by which rows are
-// sorted.
+// How a record is shown: titles (see TextTable), cells, and the number by which rows are sorted.
 template <class R>
 struct Columns;
 
@@ -161,8 +160,8 @@ class ShownTableOf final : public ShownTable {
     Vasta::FollowCursor cursor;
   };
 
-  // Whether there is a table to read. A table that was removed gives way to the one that is there
-  // now.
+  // Attaches to the table; false when there is none. A table that was removed is replaced by its
+  // successor.
   static bool attach(Source& source) {
     if (source.reader && !source.reader->isRemoved()) {
       return true;
@@ -172,7 +171,7 @@ class ShownTableOf final : public ShownTable {
     try {
       source.reader.emplace(source.segment);
     } catch (const Vasta::AttachError& error) {
-      // One that is not there, or not ready, may come.
+      // A table that is missing or not ready may appear later.
       if (error.failure() != Vasta::AttachFailure::missing &&
           error.failure() != Vasta::AttachFailure::notReady) {
         throw;
@@ -184,7 +183,7 @@ class ShownTableOf final : public ShownTable {
   static std::vector<R> readAll(Source& source, std::vector<std::string>& faults) {
     std::vector<R> rows;
     try {
-      // None is there where its writer has not got to it, or is about to go.
+      // There is none if its writer has not created it yet, or is about to end.
       if (attach(source)) {
         readRows(*source.reader, rows, faults);
       }
@@ -212,7 +211,7 @@ class ShownTableOf final : public ShownTable {
         faults.emplace_back(corruption.what());
       }
     }
-    // A writer that is at work changes both meanwhile.
+    // A running writer may change both numbers meanwhile.
     const std::size_t count = rows.size() + faults.size() - damaged;
     if (reader.changeSequence() == before && count != reader.size()) {
       faults.push_back("there are " + std::to_string(count) +

@@ -1,7 +1,7 @@
 // The shared tables of a running ostra-sim as ostra-show prints them, from another process.
 //
-// Thread and process rule: one thread of a process that only reads. The writer may start, stop or
-// be killed at any moment: whatever is missing then is passed over.
+// Threads: one thread of a process that only reads. The writer may start, stop or
+// be killed at any moment: whatever is missing then is skipped.
 #pragma once
 
 #include <iosfwd>
@@ -11,7 +11,7 @@
 
 namespace Cli {
 
-// The rows of one kind, which may lie in several segments.
+// The rows of one kind, which may be in several segments.
 class ShownTable {
  public:
   ShownTable() = default;
@@ -19,12 +19,12 @@ class ShownTable {
   ShownTable& operator=(const ShownTable&) = delete;
   virtual ~ShownTable() = default;
 
-  // All rows as an aligned table, and what is damaged below it; false when something is.
+  // Prints all rows as an aligned table, and then the damaged rows; false when there are any.
   virtual bool print(std::ostream& out) = 0;
-  // A line for each row that has changed since the last call: "+" with what it is now, "-" with
-  // what it was when it was removed. At first that is every row.
+  // Prints a line for each row that has changed since the last call: "+" and the row, or "-" and
+  // the row that was removed. The first call prints every row.
   virtual void follow(std::ostream& out) = 0;
-  // Lets go of the segments; the next follow() starts with every row again.
+  // Unmaps the segments; the next follow() starts with every row again.
   virtual void detach() = 0;
 };
 

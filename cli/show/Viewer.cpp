@@ -65,7 +65,7 @@ void Viewer::follow(std::ostream& out) {
   if (!attach(out)) {
     return;
   }
-  // Asked before the last look, so that nothing written in between is missed.
+  // Read before the last look at the ring, so that no record in between is missed.
   const Owner owner = ring_->owner();
   for (const auto& table : tables_) {
     table->follow(out);
@@ -81,7 +81,7 @@ bool Viewer::attach(std::ostream& out) {
     return true;
   }
   auto next = attachRing(name_);
-  // What a process left that is gone is shown once.
+  // The memory that an ended process has left is shown once.
   if (!next || (ownerGone_ && next->owner() != Owner::alive_)) {
     if (!saidWaiting_) {
       out << "# waiting for '" << name_ << "'\n";

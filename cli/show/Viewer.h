@@ -1,7 +1,7 @@
-// Shows what another process, an ostra-sim with --shm, does: its tables and its trace ring.
+// Shows the tables and the trace ring of another process, an ostra-sim with --shm.
 //
-// Thread and process rule: one thread of a process that only reads. The other process may start,
-// stop or be killed at any moment; the viewer never waits for it other than by looking again.
+// Threads: one thread of a process that only reads. The other process may start,
+// stop or be killed at any moment. The viewer never blocks on it.
 #pragma once
 
 #include <cstddef>
@@ -19,15 +19,15 @@ namespace Cli {
 
 class Viewer {
  public:
-  // The newest records that print() shows.
+  // How many of the newest records print() shows.
   static constexpr std::size_t traceLines = 50;
 
   // `topics` are kinds of tables (see ShownTable.h) and shownTrace.
   Viewer(std::string name, const std::vector<std::string_view>& topics);
 
   enum class Shown {
-    nothing_,  // there is no such process, and none has left anything
-    damaged_,  // with what is damaged said
+    nothing_,  // there is no such process, and no memory of an earlier one
+    damaged_,  // the damage has been printed
     whole_,
   };
 
@@ -35,12 +35,12 @@ class Viewer {
   // Throws: Brisklog::RingError when what is there cannot be read.
   Shown print(std::ostream& out);
 
-  // Prints what has changed since the last call, and in lines of their own that the process came or
-  // went. To be called again and again.
+  // Prints what has changed since the last call. Separate lines say that the process has started or
+  // ended. Meant to be called repeatedly.
   void follow(std::ostream& out);
 
  private:
-  // Whether there is a ring to read; says so when that has changed.
+  // Attaches to the ring; false when there is none. Prints a line when that has changed.
   bool attach(std::ostream& out);
   void noteOwner(std::ostream& out);
   void printTrace(std::ostream& out);
@@ -51,8 +51,8 @@ class Viewer {
   bool trace_ = false;
   std::optional<Brisklog::RingReader> ring_;
   Brisklog::RingCursor cursor_;
-  std::uint64_t lost_ = 0;  // of the records that have been spoken of
-  bool ownerGone_ = false;  // and that has been said
+  std::uint64_t lost_ = 0;  // the lost records that have been reported
+  bool ownerGone_ = false;  // the end of the process has been reported
   bool saidWaiting_ = false;
 };
 

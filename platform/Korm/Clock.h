@@ -1,6 +1,6 @@
 // The framework's clock.
 //
-// Thread and process rule: currentTime() may be called from any thread; clockIs() is for the host's
+// Threads: currentTime() may be called from any thread; clockIs() is for the host's
 // start-up and for tests, while no other thread reads the clock.
 #pragma once
 

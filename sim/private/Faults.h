@@ -1,7 +1,7 @@
 // The faults in the service's memory from which it has recovered: damaged rows, and shared memory
 // that ran out.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include <algorithm>

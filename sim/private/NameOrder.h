@@ -1,6 +1,4 @@
 // The order in which names with numbers are shown.
-//
-// Thread and process rule: a function without state.
 #pragma once
 
 #include <string_view>

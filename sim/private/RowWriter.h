@@ -1,7 +1,7 @@
 // Writes rows of the service's tables and records them in the transactions: a controller's updates,
 // and the announcements of stored rows.
 //
-// Thread and process rule: the activity thread. Created for one batch.
+// Threads: the activity thread. Created for one batch.
 // Ownership: refers to the service's objects, the transactions and the library, which outlive it.
 #pragma once
 

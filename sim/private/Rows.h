@@ -1,6 +1,6 @@
 // A walk over the rows of a table, some of which may be damaged.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include "platform/Vasta/Errors.h"

@@ -1,7 +1,7 @@
 // The service-wide objects: those that the service owns and passes to the library, and the state
 // database with everything that others mount.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 // Ownership: holds a reference to each. None is null, and none is ever replaced.
 #pragma once
 

@@ -16,7 +16,7 @@
 // The batch status entry of a row with a pending update stays open until the result comes, possibly
 // many batches later. The result needs this entry and its root entry.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 // Ownership: refers to the service's objects, which outlive it. Updates, rows and results are its
 // own.
 #pragma once

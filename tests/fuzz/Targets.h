@@ -1,7 +1,7 @@
 // What the fuzzer calls with any bytes. A target returns whatever they are, unless it finds a
 // fault: it then ends the process.
 //
-// Thread and process rule: one thread; the language, the table and the ring use what a process has
+// Threads: one thread; the language, the table and the ring use what a process has
 // once.
 #pragma once
 
