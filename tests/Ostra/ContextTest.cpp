@@ -120,7 +120,7 @@ TEST_F(Context, DirectCountersAreReadAfreshFromEveryUnitThatHasTheFlow) {
 }
 
 TEST_F(Context, WhatIsMissingOrMistypedShowsAsNull) {
-  manager->entityIs(StatePath::cxHwConfig, Korm::makePtr<Korm::Dir>("p4rt"));
+  manager->entityIs(StatePath::cxHwConfig, Korm::makePtr<Korm::Dir>(Ostra::p4rtName));
   manager->entityDel(StatePath::cxConfig);
   manager->entityDel(StatePath::intfStatusDir);
   manager->entityIs(StatePath::ipv4EncapTable, Korm::makePtr<Korm::Dir>("ipv4EncapTable"));
@@ -201,56 +201,33 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
   EXPECT_EQ(context->ipv4EncapTable(), otherEncapTable);
 }
 
-// For each change of one input alone: another state machine takes the place of the one that is
-// stored.
-template <class Sm, class Stored, class Store>
-void expectReplacedByEach(const std::vector<std::function<void(typename Sm::Inputs&)>>& changes,
-                          Stored stored, Store store) {
-  for (std::size_t number = 0; number < changes.size(); ++number) {
-    const Korm::Ptr<Sm> before = stored();
-    typename Sm::Inputs inputs = before->inputs();
-    EXPECT_EQ(store(inputs), before) << "the same inputs, before the change " << number;
-    changes[number](inputs);
-    const Korm::Ptr<Sm> after = store(inputs);
-    EXPECT_NE(after, before) << number;
-    EXPECT_EQ(stored(), after);
-    EXPECT_EQ(after->inputs(), inputs) << number;
-    EXPECT_TRUE(after->hasNotificationActive());
-    EXPECT_FALSE(before->hasNotificationActive()) << "somebody may still hold the old one";
-  }
-}
-
 TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   makeComplete();
-  using DirInputs = Ostra::OstraStatusDirSm::Inputs;
-  expectReplacedByEach<Ostra::OstraStatusDirSm>(
-      {[](DirInputs& in) { in.cxStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus"); },
-       [](DirInputs& in) { in.batchStatus = nullptr; },
-       [](DirInputs& in) { in.ostraStatusInfo = Ostra::ostraStatusInfoFactory(); },
-       [](DirInputs& in) { in.p4rtEcmpGroupTable = nullptr; },
-       [](DirInputs& in) { in.p4rtEcmpMemberTable = nullptr; }},
-      [this] { return context->ostraStatusDirSm(); },
-      [this](const DirInputs& in) {
-        return context->ostraStatusDirSmIs(in.cxStatusDir, in.batchStatus, in.ostraStatusInfo,
-                                           in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable);
-      });
-  using EcmpInputs = Ostra::OstraEcmpGroupSm::Inputs;
-  expectReplacedByEach<Ostra::OstraEcmpGroupSm>(
-      {[](EcmpInputs& in) { in.cxHwConfig = nullptr; },
-       [](EcmpInputs& in) { in.p4rtEcmpGroupTable = nullptr; },
-       [](EcmpInputs& in) { in.p4rtEcmpMemberTable = nullptr; },
-       [](EcmpInputs& in) { in.ipv4EncapTable = nullptr; },
-       [](EcmpInputs& in) { in.p4RtPortMappingStatus = nullptr; },
-       [](EcmpInputs& in) { in.validationHelper = nullptr; },
-       [](EcmpInputs& in) { in.batchStatus = nullptr; },
-       [](EcmpInputs& in) { in.p4HandleMgr = nullptr; }},
-      [this] { return context->ostraEcmpGroupSm(); },
-      [this](const EcmpInputs& in) {
-        return context->ostraEcmpGroupSmIs(
-            in.cxHwConfig, in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable, in.ipv4EncapTable,
-            in.p4RtPortMappingStatus, in.validationHelper, in.batchStatus, in.p4HandleMgr);
-      });
-
+  // Stores it with the same inputs, and then with another one.
+  const auto expectReplaced = [](const auto& stored, const auto& store) {
+    const auto before = stored();
+    EXPECT_EQ(store(true), before);
+    const auto after = store(false);
+    EXPECT_NE(after, before);
+    EXPECT_EQ(stored(), after);
+    EXPECT_TRUE(after->hasNotificationActive());
+    EXPECT_FALSE(before->hasNotificationActive()) << "somebody may still hold the old one";
+  };
+  expectReplaced([this] { return context->ostraStatusDirSm(); },
+                 [this](bool same) {
+                   const auto in = context->ostraStatusDirSm()->inputs();
+                   return context->ostraStatusDirSmIs(
+                       in.cxStatusDir, same ? in.batchStatus : nullptr, in.ostraStatusInfo,
+                       in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable);
+                 });
+  expectReplaced([this] { return context->ostraEcmpGroupSm(); },
+                 [this](bool same) {
+                   const auto in = context->ostraEcmpGroupSm()->inputs();
+                   return context->ostraEcmpGroupSmIs(
+                       in.cxHwConfig, in.p4rtEcmpGroupTable, in.p4rtEcmpMemberTable,
+                       in.ipv4EncapTable, in.p4RtPortMappingStatus, in.validationHelper,
+                       in.batchStatus, same ? in.p4HandleMgr : nullptr);
+                 });
   EXPECT_FALSE(context->ostraEcmpGroupSmDel()->hasNotificationActive());
   EXPECT_FALSE(context->ostraEcmpGroupSmDel()) << "it is gone";
   EXPECT_FALSE(context->ostraStatusDirSmDel()->hasNotificationActive());

@@ -70,27 +70,6 @@ TEST_F(FlowLifecycle, StartsWithoutWhatMayBeMissing) {
   EXPECT_TRUE(sm->hasNotificationActive());
 }
 
-TEST_F(FlowLifecycle, GoingItLeavesCorvexAndTheBooksToASuccessorAndLetsGoOfItsInputs) {
-  const auto before = inputReferences();
-  start();
-  write(flowInVrf(7, 1, 5));
-  write(flow(8, plainKey(2)));
-  sm = nullptr;
-  EXPECT_TRUE(table->entryNotifiees().empty());
-  batchStatus->batchStatusEntryDelAll();
-  EXPECT_EQ(inputReferences(), before);
-  EXPECT_EQ(cxFlows(), (Names{"flow-7", "flow-8"}));
-  EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
-
-  table->entryDel(plainKey(2));
-  vrfs->delAll();  // the service restarts with it
-  start();
-  EXPECT_EQ(cxFlows(), Names{"flow-7"});
-  EXPECT_EQ(books(5), "1 users, creator 7, deletor none");
-  EXPECT_EQ(remove(flow(7, plainKey(1))), "");
-  EXPECT_EQ(cxFlows(), Names{});
-}
-
 TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
   OstraConfigEntry bad = flow(2, plainKey(2));
   bad.flowKey.priorityIs(65537);

@@ -81,6 +81,8 @@ TEST_F(FlowTranslation, EachWriteIsToldOnceAndStampedWhenItIsDone) {
   EXPECT_EQ(write(entry), "");
   expectStamp();
   const auto* const made = cxFlow(entry.entryHandle);
+  EXPECT_TRUE(made->persistent()) << "it stays when the service restarts";
+  EXPECT_FALSE(made->sendFlowRemoved());
   now = 1010.5;
   EXPECT_EQ(write(entry), "");
   expectStamp();

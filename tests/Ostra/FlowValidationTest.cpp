@@ -236,7 +236,7 @@ OstraConfigEntry withEveryFault(OstraConfigEntry entry) {
   entry.vrfGiven = true;
   entry.vrfId = 5;
   entry.vlanGiven = true;
-  entry.vlanId = 4095;
+  entry.vlanId = 4097;  // no VLAN id, though its lower bits are one
   entry.actions.uncheckedIs<OpenFlowTable::Action::cpuTrafficClass_>(17, true);
   entry.groupGiven = true;
   entry.groupId = 3;

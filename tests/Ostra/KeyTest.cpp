@@ -115,6 +115,10 @@ TEST(KeyText, RefusesOtherSpellingsBeginningsAndAnythingBehindAndSaysWhy) {
   };
   const Case cases[] = {
       {"'priority': 10", "'priority': 010", "'priority'"},
+      {"'priority': 10", "'priority': -0", "'priority'"},
+      {"'priority': 10", "'priority': --1", "'priority'"},
+      {"'priorityGroupType': 0", "'priorityGroupType': +1", "'priorityGroupType'"},
+      {"'priorityGroupType': 0", "'priorityGroupType': 00", "'priorityGroupType'"},
       {"'priority': 10", "'priority': 2147483648", "to 2147483647"},
       {"'priority': 10", "'priority': -2147483649", "from -2147483648"},
       {"'priorityGroupType': 0", "'priorityGroupType': 4294967296", "up to 4294967295"},

@@ -12,6 +12,7 @@
 
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"
+#include "Ostra/StatePaths.h"
 #include "platform/CorvexConfig/Config.h"
 #include "platform/Korm/Clock.h"
 #include "platform/NexthopGroup/Encap.h"
@@ -108,8 +109,8 @@ class ServiceFixture : public testing::Test {
   ~ServiceFixture() override { Korm::clockIs(nullptr); }
 
   Korm::Ptr<OpenFlowTable::HwStatus> publishHwStatus() const {
-    auto status = Korm::makePtr<OpenFlowTable::HwStatus>("p4rt");
-    cxHwStatusDir->entityIs("p4rt", status);
+    auto status = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
+    cxHwStatusDir->entityIs(Ostra::p4rtName, status);
     return status;
   }
 
@@ -123,8 +124,9 @@ class ServiceFixture : public testing::Test {
   static inline double now = 100;
 
   const Korm::Ptr<OpenFlowTable::CorvexHwConfig> cxHwConfig =
-      Korm::makePtr<OpenFlowTable::CorvexHwConfig>("p4rt");
-  const Korm::Ptr<CorvexConfig::Config> cxConfig = Korm::makePtr<CorvexConfig::Config>("p4rt");
+      Korm::makePtr<OpenFlowTable::CorvexHwConfig>(Ostra::p4rtName);
+  const Korm::Ptr<CorvexConfig::Config> cxConfig =
+      Korm::makePtr<CorvexConfig::Config>(Ostra::p4rtName);
   const Korm::Ptr<Korm::Dir> cxHwStatusDir = Korm::makePtr<Korm::Dir>("dyninputstatus");
   const Korm::Ptr<P4RuntimeRouting::EcmpGroup> groups =
       Korm::makePtr<P4RuntimeRouting::EcmpGroup>("groups");

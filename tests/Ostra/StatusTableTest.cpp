@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "Ostra/OstraStatus.h"
+#include "tests/Heard.h"
 #include "tests/Ostra/ServiceFixture.h"
 
 namespace {
@@ -16,18 +17,6 @@ using Ostra::OstraKey;
 using Ostra::OstraStatus;
 using Ostra::OstraStatusEntry;
 using OstraTest::plainKey;
-
-// Remembers the keys that a collection told.
-template <class Key>
-class Keys final : public Korm::Notifiee<const Key&> {
- public:
-  explicit Keys(Korm::NotifieeList<const Key&>& list) { list.attach(*this); }
-  void onAttribute(const Key& key) override { heard_.push_back(key); }
-  std::vector<Key> take() { return std::exchange(heard_, {}); }
-
- private:
-  std::vector<Key> heard_;
-};
 
 OstraStatusEntry entry(std::uint16_t port, std::uint64_t handle) {
   return {{.entryHandle = handle}, plainKey(port)};
@@ -44,7 +33,7 @@ class StatusTable : public testing::Test {
   }
 
   Korm::Ptr<OstraStatus> status_ = Ostra::ostraStatusFactory("table-3");
-  Keys<OstraKey> told_{status_->notifieeList()};
+  TestSupport::Heard<OstraKey> told_{status_->notifieeList()};
   using Told = std::vector<OstraKey>;
 };
 
@@ -186,7 +175,7 @@ TEST_F(StatusTable, LivesOnWithAControlThatSomebodyHolds) {
 
 TEST(StatusTableColl, TellsTheSlotsThatGetAnotherTable) {
   const auto coll = Ostra::ostraStatusTableCollFactory("tables");
-  Keys<FlowTableIndex> told{coll->ostraStatusNotifiees()};
+  TestSupport::Heard<FlowTableIndex> told{coll->ostraStatusNotifiees()};
   using Told = std::vector<FlowTableIndex>;
   const auto a = Ostra::ostraStatusFactory("a");
   const auto b = Ostra::ostraStatusFactory("b");

@@ -53,23 +53,6 @@ TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {
   EXPECT_EQ(lamp->references(), 1U);
 }
 
-TEST_F(DirTest, HoldsWhatItReplacesOrRemovesUntilAllHaveBeenTold) {
-  struct Watched final : Entity {
-    explicit Watched(bool& flag) : alive{flag} { alive = true; }
-    ~Watched() override { alive = false; }
-    bool& alive;
-  };
-  bool alive = false;
-  const auto expectHeld = [&](const std::function<void()>& change) {
-    dir_->entityIs("a", makePtr<Watched>(alive));
-    action_ = [&] { EXPECT_TRUE(alive); };
-    change();
-    EXPECT_FALSE(alive);
-  };
-  expectHeld([this] { dir_->entityIs("a", makePtr<Lamp>("a")); });
-  expectHeld([this] { dir_->entityDel("a"); });
-}
-
 TEST_F(DirTest, MayBeChangedAndLeftByItsReactors) {
   dir_->entityIs("b", makePtr<Lamp>("b"));
   told_.clear();

@@ -1,10 +1,10 @@
 // Named shared memory: who may use it, and what stands in the way of a name.
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -78,27 +78,6 @@ TEST_F(SegmentTest, HasOneOwnerWhomAReaderCanAskFor) {
   EXPECT_FALSE(reader->isNamed());
 }
 
-TEST_F(SegmentTest, ShortageOfDescriptorsIsAnErrorAndLeavesNothing) {
-#if defined(__SANITIZE_ADDRESS__)
-  GTEST_SKIP() << "the sanitizers need descriptors themselves to look at an object's type";
-#endif
-  const VastaTest::TableName table;
-  rlimit before{};
-  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
-  const int next = ::dup(STDERR_FILENO);
-  ::close(next);
-  for (int free = 0; free < 3; ++free) {
-    const rlimit few{.rlim_cur = static_cast<rlim_t>(next + free), .rlim_max = before.rlim_max};
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
-    EXPECT_THROW((Vasta::Table<VastaTest::Route>{table.options()}), std::system_error) << free;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
-    const Vasta::SegmentNames names{*table};
-    for (const auto& segment : {names.header(), names.rows(), names.index(1)}) {
-      EXPECT_LT(::shm_open(segment.text(), O_RDONLY, 0), 0) << segment.text();
-    }
-  }
-}
-
 TEST_F(SegmentTest, WhatIsNeitherATableNorARingIsLeftAlone) {
   const auto write = [](const char* name) {
     const int file = ::shm_open(name, O_RDWR | O_CREAT, 0600);
@@ -117,6 +96,20 @@ TEST_F(SegmentTest, WhatIsNeitherATableNorARingIsLeftAlone) {
   EXPECT_THROW((Vasta::Table<VastaTest::Route>{table.options()}), Vasta::AttachError);
   EXPECT_NE(Segment::open(names.header(), Segment::Access::readOnly_, 0, "test"), nullptr);
   unlinkSegment(names.header());
+}
+
+TEST(TableNames, DifferentNamesAreDifferentTables) {
+  using RouteTable = Vasta::Table<VastaTest::Route>;
+  using RouteReader = Vasta::Reader<VastaTest::Route>;
+  const VastaTest::TableName name;
+  RouteTable slash{{.name = "a", .shmName = *name + "/b", .unlinkOnClose = true}};
+  RouteTable escape{{.name = "b", .shmName = *name + "%2fb", .unlinkOnClose = true}};
+  RouteTable suffix{{.name = "c", .shmName = *name + "#rows", .unlinkOnClose = true}};
+  slash.is(VastaTest::Route::of(1, 1));
+  EXPECT_EQ(RouteReader{*name + "/b"}.size(), 1U);
+  EXPECT_EQ(RouteReader{*name + "%2fb"}.size(), 0U);
+  EXPECT_THROW((RouteTable{{.name = "d", .shmName = std::string(300, 'x')}}),
+               std::invalid_argument);
 }
 
 }  // namespace

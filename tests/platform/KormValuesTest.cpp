@@ -1,23 +1,18 @@
-// The framework's values: text forms, arrays in records, addresses, limits, failures, deferred
+// The framework's values: addresses, limits, failures, deferred
 // work.
 #include <algorithm>
-#include <array>
 #include <climits>
-#include <csignal>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <string>
-#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <typeinfo>
 #include <utility>
 #include <vector>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/Bridging/Bridging.h"
@@ -26,14 +21,11 @@
 #include "platform/Korm/BoundedValue.h"
 #include "platform/Korm/Exceptions.h"
 #include "platform/Korm/PodArray.h"
-#include "platform/Korm/Strep.h"
 #include "platform/OpenFlowTable/Types.h"
 #include "platform/P4RuntimeRouting/Ecmp.h"
 
 namespace Korm {
 namespace {
-
-using testing::HasSubstr;
 
 template <class Exception, class Action>
 std::string messageOf(Action action) {
@@ -45,53 +37,6 @@ std::string messageOf(Action action) {
   }
   ADD_FAILURE() << "nothing was thrown";
   return {};
-}
-
-// Text forms.
-
-class Reading {
- public:
-  explicit Reading(std::string given) : text{std::move(given)} {}
-  StrepReader operator()() { return {current, text.end()}; }
-  [[nodiscard]] std::string rest() const { return {current, text.end()}; }
-  std::string text;
-  std::string::const_iterator current = text.begin();
-};
-
-TEST(Strep, RefusesEverySpellingButItsOwnAndNumbersOutOfRange) {
-  for (const char* text : {"", "x", "+1", "-1", "01", "00", " 1", "18446744073709551616"}) {
-    Reading reading{text};
-    EXPECT_THROW((void)reading().unsignedAttribute("n"), DeserializationException) << text;
-    EXPECT_EQ(reading.rest(), text) << "a refused text is not passed over";
-  }
-  for (const char* text : {"", "-", "-0", "--1", "1-", "+1", "007", "9223372036854775808"}) {
-    EXPECT_THROW((void)Reading{text}().signedAttribute("n", INT64_MIN, INT64_MAX),
-                 DeserializationException)
-        << text;
-  }
-  for (const char* text : {"", "true", "TRUE", "1", "Tru"}) {
-    EXPECT_THROW((void)Reading{text}().boolAttribute("b"), DeserializationException) << text;
-  }
-  EXPECT_EQ(Reading{"255"}().unsignedAttribute("n", 255), 255U);
-  EXPECT_THROW((void)Reading{"256"}().unsignedAttribute("n", 255), DeserializationException);
-  EXPECT_EQ(Reading{std::to_string(INT64_MIN)}().signedAttribute("n", INT64_MIN, 0), INT64_MIN);
-  EXPECT_EQ(Reading{"3"}().signedAttribute("n", -2, 3), 3);
-  EXPECT_THROW((void)Reading{"-3"}().signedAttribute("n", -2, 3), DeserializationException);
-  EXPECT_THROW((void)Reading{"4"}().signedAttribute("n", -2, 3), DeserializationException);
-}
-
-// Arrays in records.
-
-TEST(PodArray, RefusesToShowItemsOfADamagedRecord) {
-  PodArrayPair<std::uint32_t, 1024> lists;
-  lists.storedCountsIs(1025, 0);
-  const auto message = messageOf<RangeException>([&] { (void)lists.first(); });
-  EXPECT_THAT(message, HasSubstr("expected size <= 1024, instead got 1025. Buffer "));
-  EXPECT_THAT(message, HasSubstr(" with contents: 00000000"));
-  EXPECT_THROW((void)lists.second(), RangeException);
-  lists.storedCountsIs(1024, 0xFFFFFFFF);
-  EXPECT_EQ(lists.first().size(), 1024U);
-  EXPECT_THROW((void)lists.second(), RangeException);
 }
 
 // Addresses.
@@ -212,18 +157,6 @@ TEST(Activity, RunsWorkInTheOrderOfItsDeferralAndKeepsTheRestWhenWorkThrows) {
   queue.run();
   EXPECT_EQ(ran, "abc");
   EXPECT_TRUE(queue.idle());
-}
-
-TEST(Activity, DropsWorkThatDefersMoreAsItGoes) {
-  Activity queue;
-  int runs = 0;
-  for (int work = 0; work < 100; ++work) {
-    const std::shared_ptr<void> last{nullptr, [&](void*) { queue.defer([&runs] { ++runs; }); }};
-    queue.defer([last] { ADD_FAILURE(); });
-  }
-  queue.clear();
-  queue.run();
-  EXPECT_EQ(runs, 100);
 }
 
 }  // namespace

@@ -1,10 +1,8 @@
-// Shared tables bound to entities: notification, placement in named memory, take-over, other
-// processes.
+// Shared tables bound to entities: notification, and placement in named memory.
 #include <unistd.h>
 
 #include <array>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -13,13 +11,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ChildProcess.h"
 #include "VastaTestRecords.h"
 #include "platform/Korm/Activity.h"
 #include "platform/KormVasta/SharedMemory.h"
 #include "platform/KormVasta/TableBinding.h"
 #include "platform/KormVasta/TableEntity.h"
 #include "platform/Tessel/Tessel.h"
+#include "tests/Heard.h"
 
 namespace KormVasta {
 namespace {
@@ -34,27 +32,12 @@ class RouteTable final : public TableEntity<Route> {
   using TableEntity::TableEntity;
 };
 
-class Keys final : public Korm::Notifiee<const std::uint64_t&> {
- public:
-  explicit Keys(RouteTable& table) { table.entryNotifiees().attach(*this); }
-  void onAttribute(const std::uint64_t& key) override {
-    told_.push_back(key);
-    if (const auto action = action_) {
-      action(key);
-    }
-  }
-  std::vector<std::uint64_t> take() { return std::exchange(told_, {}); }
-  void actionIs(std::function<void(std::uint64_t)> action) { action_ = std::move(action); }
-
- private:
-  std::vector<std::uint64_t> told_;
-  std::function<void(std::uint64_t)> action_;
-};
+using Keys = TestSupport::Heard<std::uint64_t>;
 
 TEST(TableEntity, MayBeChangedByItsReactorsAndKeepsWhatTheyThrowAbout) {
   const auto table = Korm::makePtr<RouteTable>("routes");
-  Keys first{*table};
-  Keys second{*table};
+  Keys first{table->entryNotifiees()};
+  Keys second{table->entryNotifiees()};
   first.actionIs([&](std::uint64_t key) {
     if (key == 1 && table->entry(1) != nullptr) {
       table->entryDel(table->entry(1)->key());
@@ -78,8 +61,8 @@ TEST(TableEntity, IsEmptiedToTheLastRowThoughReactorsThrow) {
   for (std::uint64_t key = 0; key < 5; ++key) {
     table->entryIs(Route::of(key, 1));
   }
-  Keys thrower{*table};
-  Keys other{*table};
+  Keys thrower{table->entryNotifiees()};
+  Keys other{table->entryNotifiees()};
   thrower.actionIs([](std::uint64_t key) {
     if (key != 1) {
       throw key;
@@ -191,7 +174,7 @@ TEST_F(Placed, AnEntityMovesItsRowsAndItsCorruptionHandlerToTheNamedSegment) {
   for (std::uint64_t key = 0; key < 100; ++key) {
     table->entryIs(Route::of(key, 3));
   }
-  Keys keys{*table};
+  Keys keys{table->entryNotifiees()};
   manager_->entityIs("dir/routes", table);
   EXPECT_THAT(keys.take(), ElementsAre()) << "a move is no change";
   Vasta::Reader<Route> reader{segment("dir/routes/entry")};
@@ -212,45 +195,6 @@ TEST_F(Placed, AnEntityMovesItsRowsAndItsCorruptionHandlerToTheNamedSegment) {
   }
   ASSERT_EQ(corruptions.size(), 1U);
   EXPECT_THAT(corruptions.front(), HasSubstr("dir/routes/entry"));
-}
-
-class AfterADeadProcess : public Placed {
- protected:
-  // A writer process that ends without tidying up, with these rows and one of them damaged.
-  void leaveRows() {
-    ChildProcess writer{[this] {
-      named();
-      const auto table = Korm::makePtr<RouteTable>("routes");
-      manager_->entityIs("dir/routes", table);
-      for (std::uint64_t key = 1; key <= 10; ++key) {
-        table->entryIs(Route::of(key, 1));
-      }
-    }};
-    ASSERT_TRUE(writer.join());
-    const Route damaged = Route::of(3, 1);
-    VastaTest::Tampering{Vasta::SegmentNames{segment("dir/routes/entry")}.rows()}.flip(
-        &damaged.payload, 16);
-  }
-};
-
-TEST_F(AfterADeadProcess, AnEntityTakesTheRowsOverWhenItIsTo) {
-  leaveRows();
-  named(true);
-  const auto table = Korm::makePtr<RouteTable>("routes");
-  std::vector<std::string> corruptions;
-  table->corruptionHandlerIs([&](const std::string& message) { corruptions.push_back(message); });
-  table->entryIs(Route::of(10, 2));
-  table->entryIs(Route::of(11, 2));
-  manager_->entityIs("dir/routes", table);
-  EXPECT_EQ(table->entry(1)->version, 1U);
-  EXPECT_EQ(table->entry(10)->version, 2U) << "its own rows count more";
-  EXPECT_EQ(table->entry(11)->version, 2U);
-  EXPECT_EQ(table->entries(), 11U);
-  ASSERT_EQ(corruptions.size(), 1U);
-  EXPECT_EQ(table->entry(3), nullptr) << "what a damaged row was the row of, nobody can know";
-  table->entryDelAll();
-  EXPECT_EQ(table->entries(), 0U);
-  EXPECT_EQ(table->table().verify(), std::nullopt);
 }
 
 }  // namespace

@@ -1,55 +1,48 @@
-// The static-flow feature: configuration that is changed by those who hear of it.
-#include <cstdint>
-#include <functional>
+// The static-flow feature: what the configuration holds, and reactors that change it.
 #include <string>
-#include <utility>
-#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/OpenFlowTable/HwConfig.h"
+#include "tests/Heard.h"
 
 namespace OpenFlowTable {
 namespace {
 
 using testing::ElementsAre;
 
-// Writes down what it hears.
-template <class Key>
-class Listener final : public Korm::Notifiee<const Key&> {
- public:
-  explicit Listener(Korm::NotifieeList<const Key&>& list) { list.attach(*this); }
-  void onAttribute(const Key& key) override {
-    if (const auto action = action_) {
-      action(key);
-    }
-    heard_.push_back(key);
-  }
-  void actionIs(std::function<void(const Key&)> action) { action_ = std::move(action); }
-  std::vector<Key> take() { return std::exchange(heard_, {}); }
-
- private:
-  std::function<void(const Key&)> action_;
-  std::vector<Key> heard_;
-};
 class HwConfigTest : public testing::Test {
  protected:
-  FlowEntry& flow(const Korm::Name& name) {
-    return config_->flowEntryIs(name, {}, {}, Priority{1}, 2, TableType::l3_, 3, 4.5, 5.5, true,
-                                false);
+  FlowEntry& flow(const Korm::Name& name, bool sendFlowRemoved, bool persistent) {
+    return config_->flowEntryIs(name, {}, {}, Priority{1}, 2, TableType::l3_, 3, 4.5, 5.5,
+                                sendFlowRemoved, persistent);
   }
-  Korm::Ptr<CorvexHwConfig> config_ = Korm::makePtr<CorvexHwConfig>("p4rt");
-  Listener<Korm::Name> flows_{config_->flowEntryNotifiees()};
-  Listener<GroupId> groups_{config_->groupEntryNotifiees()};
+  Korm::Ptr<CorvexHwConfig> config_ = Korm::makePtr<CorvexHwConfig>("config");
+  TestSupport::Heard<Korm::Name> flows_{config_->flowEntryNotifiees()};
+  TestSupport::Heard<GroupId> groups_{config_->groupEntryNotifiees()};
 };
+
+TEST_F(HwConfigTest, HoldsWhatWasWrittenLast) {
+  flow("f", true, false).entryIdIs(9);
+  const FlowEntry& entry = flow("f", false, true);
+  EXPECT_EQ(entry.entryId(), 9U) << "a flow that is replaced keeps its entry id";
+  EXPECT_THAT((std::vector{entry.idleTimeout(), entry.hardTimeout()}), ElementsAre(4.5, 5.5));
+  EXPECT_TRUE(entry.persistent() && !entry.sendFlowRemoved());
+  EXPECT_EQ(entry.cookie(), 3U);
+  GroupEntry& group = config_->groupEntryIs(5);
+  for (const double count : {7.0, 4.0}) {
+    group.changeCountIs(count);
+    EXPECT_EQ(group.changeCount(), count) << "the clock may be set back";
+  }
+}
 
 TEST_F(HwConfigTest, AReactorMayDeleteTheFlowOrTheGroupThatItHearsOf) {
   const Korm::Name name(100, 'f');
-  flow(name);
+  flow(name, true, false);
   flows_.take();
   flows_.actionIs([this](const Korm::Name& told) { config_->flowEntryDel(told); });
-  flow(config_->flowEntries().begin()->key);
+  flow(config_->flowEntries().begin()->key, true, false);
   EXPECT_THAT(flows_.take(), ElementsAre(name, name));
   EXPECT_TRUE(config_->flowEntries().empty());
 

@@ -1,7 +1,6 @@
 // The service's side: results, entry errors, interfaces.
 #include <cstdint>
 #include <functional>
-#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,34 +19,24 @@ namespace {
 
 using testing::ElementsAre;
 
-// What the service hears.
-struct Result {
-  std::uint64_t handle;
-  ErrorCode code;
-  std::string message;
-  bool dependent;
-  friend bool operator==(const Result&, const Result&) = default;
-  friend std::ostream& operator<<(std::ostream& out, const Result& result) {
-    return out << result.handle << " " << result.code << " '" << result.message << "' "
-               << result.dependent;
-  }
-};
-
+// Remembers what the service hears, as "HANDLE CODE: MESSAGE", and may do something back.
 class Service final : public Korm::Notifiee<const TransactionResult&> {
  public:
   explicit Service(BatchStatus& batch) { batch.resultNotifiees().attach(*this); }
   void onAttribute(const TransactionResult& result) override {
-    if (const auto action = action_) {
+    if (const auto action = std::exchange(action_, nullptr)) {
       action(result.handle);
     }
-    heard_.push_back({result.handle, result.code, std::string{result.message}, result.dependent});
+    heard_.push_back((result.dependent ? "dependent " : "") + std::to_string(result.handle) + " " +
+                     errorCodeText(result.code) + ": " + std::string{result.message});
   }
+  // Called once, for the next result.
   void actionIs(std::function<void(EntryHandle)> action) { action_ = std::move(action); }
-  std::vector<Result> take() { return std::exchange(heard_, {}); }
+  std::vector<std::string> take() { return std::exchange(heard_, {}); }
 
  private:
   std::function<void(EntryHandle)> action_;
-  std::vector<Result> heard_;
+  std::vector<std::string> heard_;
 };
 
 class BatchStatusTest : public testing::Test {
@@ -65,8 +54,7 @@ TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot
   batch_->markTransaction(5, ErrorCode::notAllowed_, "no");
   batch_->markTransaction(9, ErrorCode::notFound_, "late");
   EXPECT_EQ(batch_->batchStatusEntry(9), nullptr) << "it is told of, and not held";
-  EXPECT_THAT(service_.take(), ElementsAre(Result{5, ErrorCode::notAllowed_, "no", false},
-                                           Result{9, ErrorCode::notFound_, "late", false}));
+  EXPECT_THAT(service_.take(), ElementsAre("5 notAllowed: no", "9 notFound: late"));
   const auto again = batch_->batchStatusEntryIs(5);
   EXPECT_EQ(again->errorCode(), ErrorCode::success_);
   EXPECT_EQ(again->message(), "");
@@ -77,8 +65,10 @@ TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot
   batch_->batchStatusEntryDel(5);
   EXPECT_EQ(roots.rootStatusEntry(5), nullptr);
   batch_->batchStatusEntryIs(5);
-  EXPECT_NE(roots.rootStatusEntry(5), rootAgain);
+  const auto last = roots.rootStatusEntry(5);
+  EXPECT_NE(last, rootAgain);
   batch_->batchStatusEntryDelAll();
+  EXPECT_EQ(last->references(), 1U) << "nobody else holds it any more";
   EXPECT_EQ(batch_->entries(), 0U);
   EXPECT_EQ(roots.rootStatusEntry(5), nullptr);
 }
@@ -95,15 +85,13 @@ TEST_F(BatchStatusTest, ADependentResultCompletesItsEntryThroughTheRoot) {
   root->dependentEntryStatusIs(status);
   EXPECT_THAT(root->dependentEntryHandles(), ElementsAre(EntryHandle{6}));
   EXPECT_EQ(root->dependentEntryStatus(), status);
-  EXPECT_THAT(service_.take(),
-              ElementsAre(Result{5, ErrorCode::hardwareResourceExhausted_, "full", true}));
+  EXPECT_THAT(service_.take(), ElementsAre("dependent 5 hardwareResourceExhausted: full"));
 }
 
 TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   const std::string message(64, 'm');
   Service second{*batch_};
   service_.actionIs([this](EntryHandle handle) {
-    service_.actionIs({});
     batch_->markTransaction(handle, ErrorCode::notFound_, "x");
     batch_->batchStatusEntryDel(handle);
   });
@@ -113,8 +101,7 @@ TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   }();
   root->dependentEntryStatusIs(batch_->batchStatusEntry(5));
   EXPECT_EQ(batch_->entries(), 0U);
-  EXPECT_THAT(second.take(), ElementsAre(Result{5, ErrorCode::notFound_, "x", false},
-                                         Result{5, ErrorCode::success_, message, true}));
+  EXPECT_THAT(second.take(), ElementsAre("5 notFound: x", "dependent 5 success: " + message));
 }
 
 // Entry errors.

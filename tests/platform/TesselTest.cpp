@@ -29,20 +29,20 @@ class EntityManagerTest : public testing::Test {
 };
 
 TEST_F(EntityManagerTest, FindsWhatStandsAtAPathWithTheTypeAskedFor) {
-  const auto config = Korm::makePtr<Config>("p4rt");
-  manager_->entityIs("/corvex//configDir/p4rt/", config);
-  for (const char* path : {"corvex/configDir/p4rt", "//corvex/configDir///p4rt//"}) {
+  const auto config = Korm::makePtr<Config>("config");
+  manager_->entityIs("/corvex//configDir/a/", config);
+  for (const char* path : {"corvex/configDir/a", "//corvex/configDir///a//"}) {
     EXPECT_EQ(manager_->entity<Config>(path), config) << "empty names are passed over";
   }
-  EXPECT_EQ(manager_->entity<Korm::Dir>("corvex/configDir/p4rt"), nullptr);
+  EXPECT_EQ(manager_->entity<Korm::Dir>("corvex/configDir/a"), nullptr);
   EXPECT_EQ(manager_->entity<Korm::Dir>("corvex/configDir")->path(), "corvex/configDir");
   for (const char* path :
-       {"corvex/configdir/p4rt", "corvex/configDir/p4rt/below", "corvex/configDir/p4rt2"}) {
+       {"corvex/configdir/a", "corvex/configDir/a/below", "corvex/configDir/a2"}) {
     EXPECT_EQ(manager_->entity(path), nullptr) << path;
   }
   EXPECT_EQ(manager_->entity("/").get(), &manager_->root());
-  EXPECT_EQ(manager_->entityDel("corvex/configDir/p4rt/"), config);
-  EXPECT_EQ(manager_->entity("corvex/configDir/p4rt"), nullptr);
+  EXPECT_EQ(manager_->entityDel("corvex/configDir/a/"), config);
+  EXPECT_EQ(manager_->entity("corvex/configDir/a"), nullptr);
 }
 
 TEST_F(EntityManagerTest, RemovesExactlyTheEntityAtThePath) {
@@ -59,17 +59,17 @@ TEST_F(EntityManagerTest, RemovesExactlyTheEntityAtThePath) {
 
 TEST_F(EntityManagerTest, CreatesWhatIsMissingOnlyWhereTheModeAndTheTypeAllowIt) {
   manager_->typeIs<Config>();
-  EXPECT_EQ(complete(mount("config/p4rt", Config::typeName, "wc")), MountStatus::success_);
-  const auto made = manager_->entity<Config>("config/p4rt");
+  EXPECT_EQ(complete(mount("config/a", Config::typeName, "wc")), MountStatus::success_);
+  const auto made = manager_->entity<Config>("config/a");
   ASSERT_NE(made, nullptr);
-  EXPECT_EQ(made->name(), "p4rt");
-  EXPECT_EQ(complete(mount("config/p4rt", Config::typeName, "wc")), MountStatus::success_);
-  EXPECT_EQ(manager_->entity<Config>("config/p4rt"), made) << "what is there stays";
-  EXPECT_EQ(complete(mount("config/p4rt/", Config::typeName, "ri")), MountStatus::success_);
+  EXPECT_EQ(made->name(), "a");
+  EXPECT_EQ(complete(mount("config/a", Config::typeName, "wc")), MountStatus::success_);
+  EXPECT_EQ(manager_->entity<Config>("config/a"), made) << "what is there stays";
+  EXPECT_EQ(complete(mount("config/a/", Config::typeName, "ri")), MountStatus::success_);
 
   EXPECT_EQ(complete(mount("config/other", Config::typeName, "ri")), MountStatus::failure_);
   EXPECT_EQ(complete(mount("config/other", "No::SuchType", "wc")), MountStatus::failure_);
-  EXPECT_EQ(complete(mount("config/p4rt/below", Config::typeName, "wc")), MountStatus::failure_);
+  EXPECT_EQ(complete(mount("config/a/below", Config::typeName, "wc")), MountStatus::failure_);
   manager_->typeIs("No::Entity", [](const Korm::Name&) { return nullptr; });
   EXPECT_EQ(complete(mount("config/other", "No::Entity", "wc")), MountStatus::failure_);
   EXPECT_EQ(manager_->entity("config/other"), nullptr);

@@ -1,11 +1,10 @@
-// Writers, readers and followers in processes of their own, with writers killed at any instant.
+// Writers and readers in processes of their own, with writers killed at any instant.
 #include <sys/mman.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
-#include <map>
 #include <new>
 #include <optional>
 #include <random>
@@ -44,7 +43,6 @@ void waitFor(const std::function<bool()>& condition) {
 constexpr std::uint64_t keys = 6'000;
 struct Journal {
   std::atomic<bool> stop{false};
-  std::atomic<bool> drained{false};
   std::atomic<std::uint64_t> commits{0};
   std::atomic<std::uint64_t> looks{0};
   std::atomic<std::uint64_t> opened{0};
@@ -175,35 +173,6 @@ void lookUp(const TableName& name, Journal& journal, std::uint64_t seed) {
   }
 }
 
-// Mirrors the table by its changes, and compares at the end.
-void follow(const TableName& name, Journal& journal) {
-  auto reader = attach(name, journal);
-  require(reader.has_value(), "no table to follow");
-  Vasta::FollowCursor cursor;
-  std::map<std::uint32_t, Route> rows;
-  const auto take = [&rows](const Vasta::RowChange& change, const Route& route) {
-    require(route.isWhole(), "a follower saw a torn record");
-    if (change.live) {
-      rows[change.row] = route;
-    } else {
-      rows.erase(change.row);
-    }
-  };
-  for (std::uint64_t round = 0; !journal.drained; ++round) {
-    reader->follow(cursor, take);
-    const std::uint64_t pause = round % 8 == 0 ? 500 : round % 3;
-    waitFor([&] { return journal.drained || reader->changeSequence() > cursor.sequence + pause; });
-  }
-  reader->follow(cursor, take);
-  std::map<std::uint64_t, Route> mirrored;
-  for (const auto& [row, route] : rows) {
-    mirrored[route.prefix] = route;
-  }
-  std::map<std::uint64_t, Route> present;
-  reader->forEach([&present](const Route& route) { present[route.prefix] = route; });
-  require(mirrored == present && rows.size() == present.size(), "the mirror differs");
-}
-
 TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
   constexpr int rounds = threadSanitized ? 3 : 6;
   constexpr int killsPerRound = threadSanitized ? 10 : 20;
@@ -215,7 +184,6 @@ TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
     for (const std::uint64_t seed : {1U, 2U}) {
       readers.emplace_back([&, seed] { lookUp(name, *journal, seed); });
     }
-    readers.emplace_back([&] { follow(name, *journal); });
     for (int kill = 0; kill < killsPerRound; ++kill) {
       const std::uint64_t opened = journal->opened;
       ChildProcess writer{[&] { write(name, *journal, random()); }};
@@ -231,7 +199,6 @@ TEST(VastaProcesses, AWriterKilledAtAnyInstantLosesNothingCommitted) {
     waitFor([&] { return journal->opened != opened; });
     journal->stop = true;
     EXPECT_TRUE(writer.join());
-    journal->drained = true;
     for (ChildProcess& reader : readers) {
       EXPECT_TRUE(reader.join());
     }
