@@ -19,7 +19,7 @@ TESTS = {
     "sim": ["soak-tests", "sim-tests", "cli-tests"],
     "platform": ["platform-tests", "soak-tests", "ostra-tests", "fuzz-tests"],
     "cli": ["cli-tests", "fuzz-tests"],
-    "p4rt": ["p4rt-core-tests"],
+    "p4rt": ["p4rt-core-tests", "p4rt-server-tests"],
 }
 # A fault may leave something unused, which is no reason to refuse it.
 LENIENT = "".join(f'#pragma GCC diagnostic ignored "-Wunused-{what}"\n'
@@ -50,7 +50,12 @@ class Tree:
         self.copy, self.build = work, work / "build/dev"
         self.environment = os.environ | {"CCACHE_BASEDIR": str(work)}
         listed = subprocess.run(["git", "ls-files", "-z"], cwd=source, check=True, capture_output=True)
-        for name in filter(None, listed.stdout.decode().split("\0")):
+        names = set(filter(None, listed.stdout.decode().split("\0")))
+        for old in [path for path in self.copy.rglob("*") if path.is_file()]:
+            name = old.relative_to(self.copy).as_posix()
+            if name not in names and not name.startswith("build/"):
+                old.unlink()
+        for name in names:
             to = self.copy / name
             to.parent.mkdir(parents=True, exist_ok=True)
             if (source / name).is_file() and not (
