@@ -1,0 +1,211 @@
+// What a successor accepts of what was left to it, and what readers make of another writer.
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "VastaTestRecords.h"
+#include "platform/Vasta/Layout.h"
+
+namespace VastaTest {
+namespace {
+
+using Vasta::AttachError;
+using Vasta::AttachFailure;
+
+using Vasta::Reader;
+using Vasta::Table;
+namespace Header = Vasta::Header;
+
+std::filesystem::path fileOf(const Korm::SegmentName& segment) {
+  return std::string{"/dev/shm"} + segment.text();
+}
+
+class VastaTakeOver : public testing::Test {
+ protected:
+  [[nodiscard]] static Vasta::SegmentNames names(const TableName& of) {
+    return Vasta::SegmentNames{*of};
+  }
+  // Opens and closes the table of this name with prefixes 0 to count - 1.
+  static void leave(const TableName& name, std::uint64_t count) {
+    Table<Route> table{name.options()};
+    for (std::uint64_t prefix = 0; prefix < count; ++prefix) {
+      table.is(Route::of(prefix, 1));
+    }
+  }
+  [[nodiscard]] std::size_t segments() const {
+    std::size_t count = 0;
+    const std::string prefix = names(name_).header().text() + 1;
+    for (const auto& file : std::filesystem::directory_iterator{"/dev/shm"}) {
+      const std::string found = file.path().filename();
+      count += found == prefix || found.starts_with(prefix + '#') ? 1U : 0U;
+    }
+    return count;
+  }
+  void refused(AttachFailure failure) const {
+    const std::size_t before = segments();
+    try {
+      Table<Route> table{name_.options()};
+      ADD_FAILURE() << "attached";
+    } catch (const AttachError& error) {
+      EXPECT_EQ(error.failure(), failure) << error.what();
+    }
+    EXPECT_EQ(segments(), before) << "what is refused stays as it is";
+  }
+  // The prefixes that a follower is told of.
+  std::vector<std::uint64_t> follow(Vasta::FollowCursor& cursor, bool* writerChanged = nullptr) {
+    Reader<Route> reader{*name_};
+    std::vector<std::uint64_t> told;
+    const auto result = reader.follow(cursor, [&told](const Vasta::RowChange&, const Route& route) {
+      told.push_back(route.prefix);
+    });
+    if (writerChanged != nullptr) {
+      *writerChanged = result.writerChanged;
+    }
+    return told;
+  }
+
+  TableName name_;
+};
+
+TEST_F(VastaTakeOver, RefusesRowsThatAreCutOffOrAnotherTables) {
+  leave(name_, 2'000);
+  const auto rows = fileOf(names(name_).rows());
+  const auto whole = std::filesystem::file_size(rows);
+  std::filesystem::copy_file(rows, rows.string() + ".kept");
+  std::filesystem::resize_file(rows, whole / 4);
+  refused(AttachFailure::truncated);
+  EXPECT_THROW(Reader<Route>{*name_}, AttachError);
+
+  const TableName other;
+  leave(other, 2'000);
+  std::filesystem::rename(fileOf(names(other).rows()), rows);
+  refused(AttachFailure::truncated);
+  std::filesystem::remove(rows.string() + ".kept");
+}
+
+TEST_F(VastaTakeOver, RefusesAHeaderWithoutItsMarkUnlessItIsThisFormats) {
+  leave(name_, 3);
+  {
+    Tampering header{names(name_).header()};
+    header.wordIs(Header::magic_, 0);
+    header.wordIs(Header::formatVersion_, header.word(Header::formatVersion_) + 1);
+  }
+  refused(AttachFailure::notReady);
+  {
+    Tampering header{names(name_).header()};
+    header.wordIs(Header::formatVersion_, header.word(Header::formatVersion_) - 1);
+  }
+  EXPECT_EQ(Table<Route>{name_.options()}.size(), 0U) << "a writer that died while it created it";
+}
+
+TEST_F(VastaTakeOver, LeavesNoIndexBehindHoweverOften) {
+  for (int times = 0; times < 5; ++times) {
+    const Table<Route> table{name_.options()};
+    EXPECT_EQ(segments(), 3U) << "header, rows and one index";
+  }
+}
+
+TEST_F(VastaTakeOver, AFollowerLearnsOfANewWriterAndOfNothingTwice) {
+  leave(name_, 3);
+  Vasta::FollowCursor cursor;
+  bool writerChanged = true;
+  EXPECT_EQ(follow(cursor, &writerChanged), (std::vector<std::uint64_t>{0, 1, 2}));
+  EXPECT_FALSE(writerChanged) << "there was none before";
+
+  // The newest row is damaged, so that the header alone knows how far the sequence went.
+  const Route newest = Route::of(2, 1);
+  Tampering{names(name_).rows()}.flip(&newest.payload, 16);
+  const std::uint64_t before = Reader<Route>{*name_}.changeSequence();
+  Table<Route> table{name_.options()};
+  EXPECT_EQ(Reader<Route>{*name_}.changeSequence(), before);
+  table.is(Route::of(0, 2));
+  EXPECT_EQ(follow(cursor, &writerChanged), std::vector<std::uint64_t>{0});
+  EXPECT_TRUE(writerChanged);
+}
+
+TEST_F(VastaTakeOver, AFollowerBeginsAgainWithATableThatBeganAgain) {
+  leave(name_, 20);
+  Vasta::FollowCursor cursor;
+  EXPECT_EQ(follow(cursor).size(), 20U);
+  ASSERT_TRUE(Vasta::removeTable(*name_));
+  leave(name_, 2);
+  EXPECT_EQ(follow(cursor), (std::vector<std::uint64_t>{0, 1}));
+}
+
+TEST_F(VastaTakeOver, AReaderWithTooLittleAddressSpaceIsToldSo) {
+  if (threadSanitized) {
+    GTEST_SKIP() << "the sanitizer needs address space of its own";
+  }
+  leave(name_, 100);
+  const auto work = [this] {
+    std::size_t pages = 0;
+    std::ifstream{"/proc/self/statm"} >> pages;
+    rlimit limit{};
+    ::getrlimit(RLIMIT_AS, &limit);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = pages * 4096 + (std::size_t{8} << 20U);
+    ::setrlimit(RLIMIT_AS, &limit);
+    Reader<Route> reader{*name_};
+    limit.rlim_cur = before;
+    ::setrlimit(RLIMIT_AS, &limit);
+    leave(name_, 100'000);
+    try {
+      static_cast<void>(reader.find(99'999));
+    } catch (const std::system_error&) {
+      std::_Exit(0);
+    }
+    std::_Exit(1);
+  };
+  EXPECT_EXIT(work(), testing::ExitedWithCode(0), "");
+}
+
+// An entry that is removed before others of its search chain stays as a removed one.
+TEST_F(VastaTakeOver, AnIndexFullOfRemovedEntriesIsCopiedAndNotEnlarged) {
+  Table<Crowded> table{name_.options()};
+  const auto size = std::filesystem::file_size(fileOf(names(name_).index(1)));
+  const auto keyOf = [](std::uint64_t chain, std::uint64_t number) {
+    return Crowded::Key{3 * number + chain};
+  };
+  for (std::uint64_t number = 0; number < 250; ++number) {
+    table.is({.name = keyOf(0, number)});
+  }
+  for (std::uint64_t number = 0; number < 240; ++number) {
+    ASSERT_TRUE(table.del(keyOf(0, number), nullptr));
+  }
+  // More than half of the index is in use now, and begins to be replaced.
+  for (std::uint64_t number = 0; number < 20; ++number) {
+    table.is({.name = keyOf(1, number)});
+  }
+  const auto next = fileOf(names(name_).index(2));
+  for (int steps = 0; std::filesystem::exists(fileOf(names(name_).index(1))); ++steps) {
+    ASSERT_LT(steps, 1'000) << "it is not replaced";
+    table.is({.name = keyOf(1, 0)});
+    table.is({.name = keyOf(2, 0)});
+    table.del(keyOf(2, 0), nullptr);
+  }
+  EXPECT_EQ(std::filesystem::file_size(next), size);
+  EXPECT_EQ(table.verify().value_or("none"), "none");
+}
+
+// At a fifth of its capacity an index never has to be cleaned, since removed entries that nothing
+// follows become empty at once, with those before them.
+TEST_F(VastaTakeOver, RemovedEntriesBecomeEmptyTogether) {
+  Table<Route> table{name_.options()};
+  for (std::uint64_t prefix = 0; prefix < 30'000; ++prefix) {
+    table.is(Route::of(prefix, 1));
+    if (prefix >= 100) {
+      ASSERT_TRUE(table.del(prefix - 100, nullptr));
+    }
+  }
+  EXPECT_TRUE(std::filesystem::exists(fileOf(names(name_).index(1))));
+}
+
+}  // namespace
+}  // namespace VastaTest
