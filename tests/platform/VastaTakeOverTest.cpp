@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "ChildProcess.h"
 #include "VastaTestRecords.h"
 #include "platform/Vasta/Layout.h"
 
@@ -22,6 +23,24 @@ using Vasta::AttachFailure;
 using Vasta::Reader;
 using Vasta::Table;
 namespace Header = Vasta::Header;
+
+// Records that lie in memory as routes do, under another name or with another hash of their key.
+struct Renamed : Route {
+  static constexpr std::string_view vastaName = "Renamed";
+};
+struct Rehashed {
+  struct Key {
+    std::uint64_t prefix = 0;
+    [[nodiscard]] std::uint32_t hash(std::uint32_t seed) const {
+      return static_cast<std::uint32_t>(prefix) + seed + 1;
+    }
+  };
+  static constexpr std::string_view vastaName = Route::vastaName;
+  Key prefix;
+  std::uint64_t version = 0;
+  std::array<std::uint64_t, 24> payload{};
+  [[nodiscard]] const Key& key() const { return prefix; }
+};
 
 std::filesystem::path fileOf(const Korm::SegmentName& segment) {
   return std::string{"/dev/shm"} + segment.text();
@@ -48,10 +67,11 @@ class VastaTakeOver : public testing::Test {
     }
     return count;
   }
+  template <class Record = Route>
   void refused(AttachFailure failure) const {
     const std::size_t before = segments();
     try {
-      Table<Route> table{name_.options()};
+      Table<Record> table{name_.options()};
       ADD_FAILURE() << "attached";
     } catch (const AttachError& error) {
       EXPECT_EQ(error.failure(), failure) << error.what();
@@ -103,6 +123,58 @@ TEST_F(VastaTakeOver, RefusesAHeaderWithoutItsMarkUnlessItIsThisFormats) {
     header.wordIs(Header::formatVersion_, header.word(Header::formatVersion_) - 1);
   }
   EXPECT_EQ(Table<Route>{name_.options()}.size(), 0U) << "a writer that died while it created it";
+}
+
+TEST_F(VastaTakeOver, RefusesRecordsThatOnlyLookAlike) {
+  leave(name_, 3);
+  refused<Renamed>(AttachFailure::layout);
+  refused<Rehashed>(AttachFailure::layout);
+  EXPECT_THROW(Reader<Renamed>{*name_}, AttachError);
+}
+
+TEST_F(VastaTakeOver, AnIndexThatWasReplacedKeepsItsSizeWhileAReaderElsewhereHasIt) {
+  Table<Route> table{name_.options()};
+  std::uint64_t prefix = 0;
+  const auto insertUntil = [&](const auto& enough) {
+    for (const std::uint64_t most = prefix + 100'000; prefix < most && !enough(); ++prefix) {
+      table.is(Route::of(prefix, 1));
+    }
+    EXPECT_TRUE(enough());
+  };
+  // Large enough to be given back in more than one step.
+  std::uint64_t generation = 1;
+  insertUntil([&] {
+    generation += std::filesystem::exists(fileOf(names(name_).index(generation + 1))) ? 1U : 0U;
+    return generation == 7 && !std::filesystem::exists(fileOf(names(name_).index(6)));
+  });
+  const auto file = fileOf(names(name_).index(generation));
+  const int descriptor = ::open(file.c_str(), O_RDONLY);
+  const auto size = [descriptor] {
+    struct stat status {};
+    ::fstat(descriptor, &status);
+    return status.st_size;
+  };
+  const auto whole = size();
+  std::array<int, 2> attached{};
+  ASSERT_EQ(::pipe(attached.data()), 0);
+  {
+    ChildProcess child{[&] {
+      const Reader<Route> reader{*name_};
+      static_cast<void>(::write(attached[1], "", 1));
+      ::pause();
+    }};
+    char byte = 0;
+    ASSERT_EQ(::read(attached[0], &byte, 1), 1);
+    insertUntil([&] { return !std::filesystem::exists(file); });
+    for (int change = 0; change < 1'000; ++change) {
+      table.is(Route::of(0, 1));
+    }
+    EXPECT_EQ(size(), whole);
+  }
+  insertUntil([&] { return size() < whole; });
+  for (const int one : {descriptor, attached[0], attached[1]}) {
+    ::close(one);
+  }
 }
 
 TEST_F(VastaTakeOver, LeavesNoIndexBehindHoweverOften) {
