@@ -63,8 +63,8 @@ class SharedMemory {
   // be refused; std::system_error or Brisklog::RingError when the system refuses.
   // Requires: `name` has no fault (SharedNames.h).
   explicit SharedMemory(const std::string& name, Leftover leftover = Leftover::refuse_);
-  // Removes the tables, the ring and the name, without allocating. Gives up the name only, and keeps
-  // the tables and the ring,
+  // Removes the tables, the ring and the name, without allocating. Gives up the name only, and
+  // keeps the tables and the ring,
   // - after keep(),
   // - when they belong to another process and no service has resumed them,
   // - when it was made with resume_ and an exception ends the use, so that the next process can
