@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -29,6 +27,45 @@ constexpr bool sanitized =
     false;
 #endif
 
+struct Shortage {
+  std::string command;  // of the shell
+  int status;
+  std::string errors;  // part of them; none for an empty text
+  std::string out;     // part of it
+  bool withSanitizers = true;
+};
+
+const std::string insert = "echo 'insert flow priority=1 -> drop' | ";
+const std::vector<Shortage> shortages{
+    // Streams.
+    {insert + "$SIM > /dev/full", 1, "standard output: No space left", ""},
+    {"$SHOW $NAME > /dev/full", 1, "standard output: No space left", ""},
+    {"$SHOW $NAME --check > /dev/full", 1, "standard output: No space left", ""},
+    {"exec 3>&1; yes help | { $SIM; echo status $? >&3; } | head -c 1 >&2", 0, " ", "status 1"},
+    {"$SIM - <&-", 0, "", ""},
+    {"$SIM --shm $OTHER - <&- 2>&-", 0, "", ""},
+    {"$SHOW $NAME flows 2>&- <&-", 0, "", "flows: 1"},
+    // Whoever writes to a closed output writes into no segment.
+    {"exec 3>&1; { echo help; i=0; until $SHOW $OTHER trace >/dev/null 2>&1 || [ $i -gt 400 "
+     "]; do "
+     "i=$((i+1)); sleep 0.05; done; $SHOW $OTHER trace >&3; :; } | "
+     "$SIM --shm $OTHER - >&- 2>&-",
+     0, "", "trace: "},
+    // Limits.
+    {"ulimit -n 8; " + insert + "$SIM --shm $OTHER", 1, "Too many open files", "", false},
+    {"ulimit -f 8; " + insert + "$SIM --shm $OTHER", 1, "File too large", ""},
+    {"f=$(mktemp); ulimit -f 200; yes help | head -99 | $SIM > $f; s=$?; rm $f; exit $s", 1,
+     "standard output: File too large", ""},
+    {"ulimit -v 150000; " + insert + "$SIM --shm $OTHER", 0, "", "done", false},
+    {"ulimit -v 15000; " + insert + "$SIM --shm $OTHER", 1, "emory", "", false},
+    // A line without an end.
+    {"timeout -k 30 -s TERM 0.3 $SIM - < /dev/zero", 124, "", ""},
+    // What is not there, and what is not a switch's.
+    {"$SHOW $OTHER", 1, "no 'ostra-sim --shm ostra-limits-other-", ""},
+    {"$SHOW $OTHER --check", 1, "", "there are no tables"},
+    {"$SHOW $NAME --remove", 1, "is in use by process", ""},
+};
+
 // A switch that is running under $NAME, and $OTHER, a name that is free.
 class CliLimits : public testing::Test {
  protected:
@@ -41,7 +78,7 @@ class CliLimits : public testing::Test {
   ~CliLimits() override {
     switch_.reset();
     (void)shell("$SHOW $NAME --remove");
-    for (const std::string& path : segments(other_)) {
+    for (const std::string& path : CliTest::segmentsOf(other_)) {
       ::unlink(path.c_str());
     }
   }
@@ -55,15 +92,6 @@ class CliLimits : public testing::Test {
   static Finished shell(const std::string& command) {
     return Process{"/bin/sh", {"-c", command}}.finish();
   }
-  static std::vector<std::string> segments(const std::string& name) {
-    std::vector<std::string> paths;
-    for (const auto& entry : std::filesystem::directory_iterator{"/dev/shm"}) {
-      if (entry.path().filename().string().find(name) != std::string::npos) {
-        paths.push_back(entry.path());
-      }
-    }
-    return paths;
-  }
 
   const std::string name_ = "ostra-limits-test-" + std::to_string(::getpid());
   const std::string other_ = "ostra-limits-other-" + std::to_string(::getpid());
@@ -72,42 +100,7 @@ class CliLimits : public testing::Test {
 
 TEST_F(CliLimits, WhatIsMissingIsSaidAndNothingIsLeft) {
   startSwitch();
-  struct Case {
-    std::string command;
-    int status;
-    std::string errors;  // part of them; none for an empty text
-    std::string out;     // part of it
-    bool withSanitizers = true;
-  };
-  const std::string insert = "echo 'insert flow priority=1 -> drop' | ";
-  for (const Case& tried : std::vector<Case>{
-           // Streams.
-           {insert + "$SIM > /dev/full", 1, "standard output: No space left", ""},
-           {"$SHOW $NAME > /dev/full", 1, "standard output: No space left", ""},
-           {"$SHOW $NAME --check > /dev/full", 1, "standard output: No space left", ""},
-           {"$SIM - <&-", 0, "", ""},
-           {"$SIM --shm $OTHER - <&- 2>&-", 0, "", ""},
-           {"$SHOW $NAME flows 2>&- <&-", 0, "", "flows: 1"},
-           // Whoever writes to a closed output writes into no segment.
-           {"exec 3>&1; { echo help; i=0; until $SHOW $OTHER trace >/dev/null 2>&1 || [ $i -gt 400 "
-            "]; do "
-            "i=$((i+1)); sleep 0.05; done; $SHOW $OTHER trace >&3; } | "
-            "$SIM --shm $OTHER - >&- 2>&-",
-            0, "", "trace: "},
-           // Limits.
-           {"ulimit -n 8; " + insert + "$SIM --shm $OTHER", 1, "Too many open files", "", false},
-           {"ulimit -f 8; " + insert + "$SIM --shm $OTHER", 1, "File too large", ""},
-           {"f=$(mktemp); ulimit -f 200; yes help | head -99 | $SIM > $f; s=$?; rm $f; exit $s", 1,
-            "standard output: File too large", ""},
-           {"ulimit -v 150000; " + insert + "$SIM --shm $OTHER", 0, "", "done", false},
-           {"ulimit -v 15000; " + insert + "$SIM --shm $OTHER", 1, "emory", "", false},
-           // A line without an end.
-           {"timeout -k 30 -s TERM 0.3 $SIM - < /dev/zero", 124, "", ""},
-           // What is not there, and what is not a switch's.
-           {"$SHOW $OTHER", 1, "no 'ostra-sim --shm " + other_ + "' is running", ""},
-           {"$SHOW $OTHER --check", 1, "", "there are no tables"},
-           {"$SHOW $NAME --remove", 1, "is in use by process", ""},
-       }) {
+  for (const Shortage& tried : shortages) {
     if (sanitized && !tried.withSanitizers) {
       continue;
     }
@@ -117,7 +110,7 @@ TEST_F(CliLimits, WhatIsMissingIsSaidAndNothingIsLeft) {
     EXPECT_THAT(finished.errors, HasSubstr(tried.errors));
     EXPECT_EQ(finished.errors.empty(), tried.errors.empty()) << finished.errors;
     EXPECT_THAT(finished.out, HasSubstr(tried.out));
-    EXPECT_THAT(segments(other_), testing::IsEmpty());
+    EXPECT_THAT(CliTest::segmentsOf(other_), testing::IsEmpty());
   }
   switch_->write("show flows\n");
   EXPECT_THAT(switch_->finish().out, HasSubstr("a?[31mb"));
@@ -140,7 +133,7 @@ TEST_F(CliLimits, SomethingElseOfItsNameIsNeitherReadNorWrittenNorWaitedFor) {
         EXPECT_EQ(shell("ls -l --full-time " + path).out, before) << command;
       }
       ::unlink(path.c_str());
-      EXPECT_THAT(segments(other_), testing::IsEmpty());
+      EXPECT_THAT(CliTest::segmentsOf(other_), testing::IsEmpty());
     }
   }
 }

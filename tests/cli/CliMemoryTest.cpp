@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -121,16 +120,6 @@ class CliMemory : public testing::Test {
     return value == nullptr ? otherwise : std::strtoul(value, nullptr, 10);
   }
 
-  [[nodiscard]] std::vector<std::string> segments() const {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator{"/dev/shm"}) {
-      if (entry.path().string().find(name_) != std::string::npos) {
-        names.push_back(entry.path());
-      }
-    }
-    return names;
-  }
-
   // The rows that a process has or has left, which is named in the first line.
   [[nodiscard]] std::string rows() const {
     const std::string text = CliTest::show({name_, "flows", "members", "groups"}).out;
@@ -182,7 +171,7 @@ std::string whole() {
 
 TEST_F(CliMemory, AnyAllocationThatFailsEndsTheRunInOrder) {
   const auto nothingIsLeft = [this](const Finished&) {
-    EXPECT_THAT(segments(), testing::IsEmpty());
+    EXPECT_THAT(CliTest::segmentsOf(name_), testing::IsEmpty());
   };
   const auto json = [this] { return play(whole(), {"--json"}); };
   const auto text = [this] { return play(whole(), {"--trace", "9", "--verify"}); };
@@ -232,14 +221,14 @@ TEST_F(CliMemory, ThatFailsWhileOneResumesOrLooksOnCostsNothing) {
   };
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(53), false, look, same));
   const auto resume = [&] {
-    if (segments().empty()) {  // one that had enough has ended by itself
+    if (CliTest::segmentsOf(name_).empty()) {  // one that had enough has ended by itself
       leave();
     }
     return play("audit\n", {"--resume"});
   };
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(97), true, resume, same));
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(89), false, resume, same));
-  if (segments().empty()) {
+  if (CliTest::segmentsOf(name_).empty()) {
     leave();
   }
   EXPECT_EQ(rowsResumed(), left);

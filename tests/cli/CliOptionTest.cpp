@@ -60,20 +60,6 @@ TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
   EXPECT_EQ(lines[1]["where"], "-:2");
 }
 
-TEST(CliOption, AReaderWhoLeavesEndsTheRun) {
-  std::string script;
-  for (int number = 0; number < 200000; ++number) {
-    script += "echo " + std::to_string(number) + "\n";
-  }
-  const TemporaryFile file{script};
-  Process process{OSTRA_SIM_PROGRAM, {file.path()}};
-  process.readUntil("\n");
-  process.closeOutput();
-  const Finished finished = process.finish();
-  EXPECT_EQ(finished.status, 1);
-  EXPECT_EQ(finished.errors, "");
-}
-
 TEST(CliOption, WhoeverDrivesItThroughPipesIsAnsweredAtOnce) {
   Process process{OSTRA_SIM_PROGRAM, {"--json"}};
   process.write("insert flow priority=1 -> drop\n");

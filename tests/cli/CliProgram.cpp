@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <utility>
@@ -183,6 +184,16 @@ std::vector<std::string> linesOf(std::string_view text) {
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
   return lines;
+}
+
+std::vector<std::string> segmentsOf(const std::string& name) {
+  std::vector<std::string> paths;
+  for (const auto& entry : std::filesystem::directory_iterator{"/dev/shm"}) {
+    if (entry.path().filename().string().find(name) != std::string::npos) {
+      paths.push_back(entry.path());
+    }
+  }
+  return paths;
 }
 
 std::string contentOf(const std::string& path) {

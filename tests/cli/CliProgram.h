@@ -68,6 +68,9 @@ class Process {
 
 [[nodiscard]] std::vector<std::string> linesOf(std::string_view text);
 
+// The paths of the shared memory whose name has `name` in it.
+[[nodiscard]] std::vector<std::string> segmentsOf(const std::string& name);
+
 [[nodiscard]] std::string contentOf(const std::string& path);
 
 // A file that goes with the test.
