@@ -1,6 +1,6 @@
 // Rows of action-profile members and groups against the Corvex groups.
 
-#include <algorithm>
+#include <vector>
 
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "Ostra/private/AuditState.h"
@@ -46,17 +46,30 @@ class GroupAudit {
                   [this](const EcmpMemberList& row) { auditGroup(row); });
     const auto& groups = inputs_.cxHwConfig->groupEntries();
     state_.report.groups = groups.size();
-    if (groups.size() == accounted_.size()) {
-      return;
-    }
-    for (const auto& group : groups) {
-      if (!accounted_.contains(group.key) && !isOfCorruptRow(group.key)) {
-        strayGroup(group.value);
-      }
+    if (groups.size() != accounted_.size()) {
+      auditStrays();
     }
   }
 
  private:
+  void auditStrays() {
+    std::vector<const GroupEntry*> strays;
+    for (const auto& group : inputs_.cxHwConfig->groupEntries()) {
+      if (!accounted_.contains(group.key) && !isOfCorruptRow(group.key)) {
+        strays.push_back(&group.value);
+      }
+    }
+    for (const GroupEntry* const group : strays) {
+      // A row whose very id is damaged may be the group's.
+      std::size_t& corrupt = isMembers(group->id()) ? corruptMembers_ : corruptGroups_;
+      if (corrupt > 0) {
+        --corrupt;
+      } else {
+        strayGroup(*group);
+      }
+    }
+  }
+
   // How the buckets of a group's members compare with its own.
   enum class Buckets : std::uint8_t {
     same_,
@@ -103,19 +116,19 @@ class GroupAudit {
       return std::nullopt;
     }
   }
-  // Whether its row is corrupt; a row whose very id is damaged may be the group's.
+  [[nodiscard]] static bool isMembers(GroupId group) {
+    return group == memberGroupId(static_cast<P4Runtime::MemberOrGroupId>(group));
+  }
+  // Whether its row is there and corrupt.
   [[nodiscard]] bool isOfCorruptRow(GroupId group) {
     const auto id = static_cast<P4Runtime::MemberOrGroupId>(group);
-    const bool isMember = group == memberGroupId(id);
-    if (!isMember && group != ecmpGroupId(id)) {
+    if (isMembers(group) ? has(inputs_.p4rtEcmpMemberTable, id).has_value()
+                         : group != ecmpGroupId(id) || has(inputs_.p4rtEcmpGroupTable, id)) {
       return false;
     }
-    std::size_t& corrupt = isMember ? corruptMembers_ : corruptGroups_;
-    const auto stored =
-        isMember ? has(inputs_.p4rtEcmpMemberTable, id) : has(inputs_.p4rtEcmpGroupTable, id);
-    const bool may = !stored || corrupt > 0;
+    std::size_t& corrupt = isMembers(group) ? corruptMembers_ : corruptGroups_;
     corrupt -= corrupt > 0 ? 1 : 0;
-    return may;
+    return true;
   }
 
   [[nodiscard]] const GroupEntry* present(GroupId id) const {

@@ -56,8 +56,9 @@ TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
   flow("b");
   flow("c");
   config_->flowEntryDel("c");
+  config_->groupEntryIs(8);  // and is not ready yet
   EXPECT_THAT(hardware(), IsEmpty());
-  EXPECT_EQ(agent.waiting(), 4U);
+  EXPECT_EQ(agent.waiting(), 5U);
   Service::settle();
   EXPECT_THAT(hardware(), ElementsAre("a 1", "b 1", "group 7 0"));
   EXPECT_THAT(watcher.takeLines(), ElementsAre("b comes", "a comes", "c comes", "c gone"));

@@ -306,7 +306,11 @@ Step Generator::other(const Model& model) {
   if (hardware_ == 0 || oneIn(3)) {
     return {"counter " + std::to_string(handle), [=](Model& m) { m.counter(handle); }};
   }
-  const std::string name = flowName(model);
+  std::string name = flowName(model);
+  for (const auto& [key, mapped] : model.handleOf) {  // one that the library still knows, perhaps
+    const FlowRow* const row = model.flowTables.at(key.table).find(key);
+    name = (row == nullptr || row->handle != mapped) && oneIn(2) ? Soak::flowName(mapped) : name;
+  }
   return oneIn(2) ? Step{"corvex flow " + name, [=](Model& m) { m.corvexFlowIs(name); }}
                   : Step{"corvex no flow " + name, [=](Model& m) { m.corvexFlowGone(name); }};
 }
