@@ -26,28 +26,26 @@ constexpr std::uint16_t ip4Type = 0x0800;
 constexpr std::uint16_t ip6Type = 0x86DD;
 constexpr std::uint16_t arpType = 0x0806;
 
+// The value of an address, or of a number.
 template <class T>
-T number(const Bits& bits) {
-  return static_cast<T>(bits.low);
-}
-template <std::size_t count>
-std::array<std::uint8_t, count> octets(const Bits& bits) {
-  std::array<std::uint8_t, count> out{};
-  for (std::size_t at = 0; at < count; ++at) {
-    const std::size_t fromEnd = count - 1 - at;
-    out[at] = static_cast<std::uint8_t>((fromEnd < 8 ? bits.low : bits.high) >> (fromEnd % 8 * 8));
+T valueOf(const Bits& bits, unsigned shift) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(bits.low << shift);
+  } else {
+    T address{};
+    const std::size_t count = address.octets.size();
+    for (std::size_t at = 0; at < count; ++at) {
+      const std::size_t fromEnd = count - 1 - at;
+      address.octets[at] =
+          static_cast<std::uint8_t>((fromEnd < 8 ? bits.low : bits.high) >> (fromEnd % 8 * 8));
+    }
+    return address;
   }
-  return out;
-}
-void place(Match& match, Match::Field bit, auto& masked, const auto& value, const auto& mask) {
-  masked = {value, mask};
-  match.hasIs(bit, true);
 }
 template <class T>
-void placeNumber(Match& match, Match::Field bit, OpenFlowTable::Masked<T>& masked,
-                 const MatchField& field, unsigned shift = 0) {
-  place(match, bit, masked, static_cast<T>(field.value.low << shift),
-        static_cast<T>(field.mask.low << shift));
+void put(Match& match, void (Match::*set)(const T&, const T&) noexcept, const MatchField& field,
+         unsigned shift = 0) {
+  (match.*set)(valueOf<T>(field.value, shift), valueOf<T>(field.mask, shift));
 }
 
 struct Layer3 {
@@ -104,61 +102,51 @@ void checkKey(const FlowKey& key, auto refuse) {
 }
 
 void placeField(Match& match, const MatchField& field) {
-  using F = Match::Field;
-  const auto plain = [&](F bit, auto& masked) { placeNumber(match, bit, masked, field); };
-  const auto address = [&](F bit, auto& masked) {
-    using Address = std::remove_cvref_t<decltype(masked.value)>;
-    constexpr std::size_t size = sizeof(Address::octets);
-    place(match, bit, masked, Address{octets<size>(field.value)},
-          Address{octets<size>(field.mask)});
-  };
   switch (field.field) {
     case ethSrc_:
-      return address(F::ethSrc_, match.ethSrc);
+      return put(match, &Match::ethSrcIs, field);
     case ethDst_:
-      return address(F::ethDst_, match.ethDst);
+      return put(match, &Match::ethDstIs, field);
     case etherType_:
-      return plain(F::etherType_, match.etherType);
+      return put(match, &Match::etherTypeIs, field);
     case vlanId_:
-      return plain(F::vlanId_, match.vlanId);
+      return put(match, &Match::vlanIdIs, field);
     case ip4Src_:
-      return address(F::ipSrc_, match.ipSrc);
+      return put(match, &Match::ipSrcIs, field);
     case ip4Dst_:
-      return address(F::ipDst_, match.ipDst);
+      return put(match, &Match::ipDstIs, field);
     case arpTarget_:
-      return address(F::arpTargetAddr_, match.arpTargetAddr);
+      return put(match, &Match::arpTargetAddrIs, field);
     case ip6Src_:
-      return address(F::ip6Src_, match.ip6Src);
+      return put(match, &Match::ip6SrcIs, field);
     case ip6Dst_:
-      return address(F::ip6Dst_, match.ip6Dst);
+      return put(match, &Match::ip6DstIs, field);
     case ip4Dscp_:
     case ip6Dscp_:
     case dscp_:
-      return placeNumber(match, F::tos_, match.tos, field, 2);
+      return put(match, &Match::tosIs, field, 2);
     case ip4Protocol_:
     case ip6NextHeader_:
     case nextHeader_:
-      return plain(F::ipProto_, match.ipProto);
+      return put(match, &Match::ipProtoIs, field);
     case ip4Ttl_:
     case ip6HopLimit_:
     case hopLimit_:
-      return plain(F::ttl_, match.ttl);
+      return put(match, &Match::ttlIs, field);
     case icmpType_:
-      return plain(F::icmpType_, match.icmpType);
+      return put(match, &Match::icmpTypeIs, field);
     case l4SrcPort_:
-      return plain(F::l4SrcPort_, match.l4SrcPort);
+      return put(match, &Match::l4SrcPortIs, field);
     case l4DstPort_:
-      return plain(F::l4DstPort_, match.l4DstPort);
+      return put(match, &Match::l4DstPortIs, field);
     case innerL3Data_:
-      return placeNumber(match, F::innerData_, match.innerData, field, 16);
+      return put(match, &Match::innerDataIs, field, 16);
     case isIpPacket_:
-      match.l3PacketType = field.value.low != 0 ? OpenFlowTable::L3PacketType::ip_
-                                                : OpenFlowTable::L3PacketType::nonIp_;
-      return match.hasIs(F::l3PacketType_, true);
-    case ingressPort_:
-    case egressPort_:
-    case fieldCount_:
-      break;
+      return match.l3PacketTypeIs(field.value.low != 0 ? OpenFlowTable::L3PacketType::ip_
+                                                       : OpenFlowTable::L3PacketType::nonIp_,
+                                  true);
+    default:
+      break;  // a port, which is placed before
   }
 }
 
@@ -185,8 +173,9 @@ Match Model::buildMatch(const FlowKey& key, Handle handle) const {
       refuse(invalidArgument, what + ": mask " + std::to_string(given->mask.low) +
                                   " is not all ones; a port is matched exactly");
     }
-    checkPort(handle, number<std::uint32_t>(given->value), what);
-    (match.*put)(interfaceOf(number<std::uint32_t>(given->value)), true);
+    const auto id = static_cast<std::uint32_t>(given->value.low);
+    checkPort(handle, id, what);
+    (match.*put)(interfaceOf(id), true);
   };
   port(ingressPort_, "ingress port-id", &Match::inIntfIs);
   port(egressPort_, "egress port-id", &Match::egressIntfIs);

@@ -87,21 +87,16 @@ class Comparison {
   template <class Key, class Value>
   void same(const std::string& what, const std::map<Key, Value>& real,
             const std::map<Key, Value>& expected) {
-    const auto missing = [](const auto& all, const auto& from) {
-      return std::find_if(all.begin(), all.end(),
-                          [&](const auto& one) { return !from.contains(one.first); });
-    };
-    std::ostringstream text;
-    if (const auto more = missing(real, expected); more != real.end()) {
-      text << what << more->first << " is there";
-    } else if (const auto lacks = missing(expected, real); lacks != expected.end()) {
-      text << what << lacks->first << " is not there";
-    }
-    same(text.str(), text.str().empty(), true);
-    for (const auto& [key, value] : expected) {
-      if (difference_.empty() && !(real.at(key) == value)) {
-        text << what << key;
-        same(text.str(), real.at(key), value);
+    const auto [is, wanted] =
+        std::mismatch(real.begin(), real.end(), expected.begin(), expected.end());
+    const bool more = wanted == expected.end() || (is != real.end() && is->first < wanted->first);
+    if (is != real.end() || wanted != expected.end()) {
+      std::ostringstream text;
+      text << what << (more ? is : wanted)->first;
+      if (is != real.end() && wanted != expected.end() && is->first == wanted->first) {
+        same(text.str(), is->second, wanted->second);
+      } else {
+        same(text.str() + " is there", more, !more);
       }
     }
   }
@@ -159,7 +154,7 @@ class Comparison {
       }
     }
     std::map<Handle, std::string> expected;
-    for (const auto& table : model_.flowTables) {
+    for (auto& table : model_.flowTables) {
       table.each([&](const FlowKey& key, const FlowRow& row) {
         const auto handle = model_.handleOf.find(key);
         const auto vrf = model_.vrfOf.find(key);

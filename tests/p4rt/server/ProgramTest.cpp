@@ -42,10 +42,11 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   // What the console makes the hardware say reaches both it and the controller.
   EXPECT_EQ(program.type("hw manual"), "");
   auto written = controller.writeLater({flow(Update::INSERT, 2, 3)});
-  std::string ran;
-  while (ran.empty()) {
-    ran = program.type("hw run");
+  while (program.type("show pending").find("\"handle\":2,\"op\":\"insert\"") == std::string::npos) {
   }
+  EXPECT_THAT(program.type("explain flow-2"), HasSubstr("\"pending\":true"));
+  EXPECT_THAT(program.type("audit"), HasSubstr("\"faults\":0,\"rows\":2"));
+  const std::string ran = program.type("hw run");
   EXPECT_THAT(ran, HasSubstr("\"type\":\"report\""));
   EXPECT_EQ(codeOf(written.get()), Code::ok_);
 
