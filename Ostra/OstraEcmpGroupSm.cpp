@@ -197,10 +197,10 @@ void OstraEcmpGroupSm::process(GroupId corvexId, Step step) {
   try {
     step();
   } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
-    refused_.tryEmplace(corvexId);
+    refused_.insert(corvexId);
     error.report();
   } catch (...) {
-    refused_.tryEmplace(corvexId);
+    refused_.insert(corvexId);
     throw;
   }
 }

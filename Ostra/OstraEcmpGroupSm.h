@@ -18,7 +18,7 @@
 #include <utility>
 
 #include "platform/Korm/Entity.h"
-#include "platform/Korm/HashMap.h"
+#include "platform/Korm/HashSet.h"
 #include "platform/NexthopGroup/Encap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/P4Runtime/BatchStatus.h"
@@ -81,7 +81,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
 
   // Whether the row of that Corvex group was refused when it was processed last.
   [[nodiscard]] bool refused(OpenFlowTable::GroupId corvexId) const noexcept {
-    return refused_.find(corvexId) != nullptr;
+    return refused_.contains(corvexId);
   }
 
   // Stop reacting to one table, permanently. The Corvex groups stay as they are. The handlers still
@@ -149,8 +149,7 @@ class OstraEcmpGroupSm final : public Korm::Entity {
   const Inputs inputs_;
   bool initialized_ = false;
   double startedAt_ = 0;
-  struct Nothing {};
-  Korm::HashMap<OpenFlowTable::GroupId, Nothing> refused_;
+  Korm::HashSet<OpenFlowTable::GroupId> refused_;
 
   // Each is set while its table is watched. They are destroyed before the tables.
   std::optional<TableReactor<P4Runtime::MemberOrGroupId, &OstraEcmpGroupSm::handleEcmpGroup>>

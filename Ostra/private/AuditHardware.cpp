@@ -35,7 +35,7 @@ void auditOne(AuditState& state, const std::string& about, const Stats* stats, S
   if (answer == Answer::failed_) {
     state.expected(AuditKind::hardwareFailed_, about, "a status of success",
                    "status " + std::to_string(static_cast<std::uint32_t>(stats->status())),
-                   "the hardware has refused it, and the controller was told");
+                   "the hardware has refused it");
     return;
   }
   if (!state.isOverdue(since())) {

@@ -8,6 +8,7 @@
 
 #include "Ostra/OstraTypes.h"
 #include "platform/Korm/HashMap.h"
+#include "platform/Korm/HashSet.h"
 #include "platform/Vrf/Vrf.h"
 
 namespace Ostra {
@@ -55,12 +56,12 @@ class FlowIndex {
 
   // Whether the last write of the key was refused.
   [[nodiscard]] bool refused(const HashedKey& key) const noexcept {
-    return !refused_.empty() && refused_.find(key.key, key.hash) != nullptr;
+    return refused_.size() != 0 && refused_.contains(key.key);
   }
   void refusedIs(const HashedKey& key, bool refused) {
     if (refused) {
-      refused_.tryEmplaceHashed(key.hash, key.key);
-    } else if (!refused_.empty()) [[unlikely]] {
+      refused_.insert(key.key, key.hash);
+    } else if (refused_.size() != 0) [[unlikely]] {
       refused_.erase(key.key, key.hash);
     }
   }
@@ -120,10 +121,8 @@ class FlowIndex {
     }
   }
 
-  struct Nothing {};
-
   Korm::HashMap<OstraKey, Record> map_;
-  Korm::HashMap<OstraKey, Nothing> refused_;  // few, so beside the map that every write uses
+  Korm::HashSet<OstraKey> refused_;  // few, so beside the map that every write uses
 };
 
 }  // namespace Ostra
