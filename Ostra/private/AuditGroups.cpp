@@ -31,19 +31,10 @@ class GroupAudit {
 
   void run() {
     walk(inputs_.ipv4EncapTable, "encapsulation table", [](const EncapEntry&) {});
-    // First what is damaged, as it also stops updates of the rows behind it.
-    corruptMembers_ = walk(inputs_.p4rtEcmpMemberTable, "member table", [](const NexthopInfo&) {});
-    corruptGroups_ =
-        walk(inputs_.p4rtEcmpGroupTable, "group table", [this](const EcmpMemberList& row) {
-          const auto refusal = machine_.refusalOf(row);
-          groupsDamaged_ = groupsDamaged_ || (refusal && refusal->damaged);
-        });
-    membersDamaged_ = corruptMembers_ > 0;
-    groupsDamaged_ = groupsDamaged_ || corruptGroups_ > 0;
-    forEachIntact(inputs_.p4rtEcmpMemberTable,
-                  [this](const NexthopInfo& row) { auditMember(row); });
-    forEachIntact(inputs_.p4rtEcmpGroupTable,
-                  [this](const EcmpMemberList& row) { auditGroup(row); });
+    corruptMembers_ = walk(inputs_.p4rtEcmpMemberTable, "member table",
+                           [this](const NexthopInfo& row) { auditMember(row); });
+    corruptGroups_ = walk(inputs_.p4rtEcmpGroupTable, "group table",
+                          [this](const EcmpMemberList& row) { auditGroup(row); });
     const auto& groups = inputs_.cxHwConfig->groupEntries();
     state_.report.groups = groups.size();
     if (groups.size() != accounted_.size()) {
@@ -77,33 +68,25 @@ class GroupAudit {
     differ_,
   };
 
-  template <class Table, class Visit, class Damaged>
-  static void forEach(const Korm::Ptr<Table>& table, Visit visit, Damaged damaged) {
+  // Calls visit(row) for each intact row. How many are corrupt.
+  template <class Table, class Visit>
+  std::size_t walk(const Korm::Ptr<Table>& table, const char* name, Visit visit) {
+    std::size_t corrupt = 0;
+    behindDamage_ = false;
     Vasta::Hint hint;
     while (table) {
       try {
         const auto* const row = table->next(hint);
         if (row == nullptr) {
-          return;
+          break;
         }
         visit(*row);
       } catch (const Vasta::Corruption& corruption) {
-        damaged(corruption);
+        state_.corruptRow(name, corruption);
+        ++corrupt;
+        behindDamage_ = true;
       }
     }
-  }
-  template <class Table, class Visit>
-  static void forEachIntact(const Korm::Ptr<Table>& table, Visit visit) {
-    forEach(table, visit, [](const Vasta::Corruption&) {});
-  }
-  // The same with a finding for each corrupt row. How many there are.
-  template <class Table, class Visit>
-  std::size_t walk(const Korm::Ptr<Table>& table, const char* name, Visit visit) {
-    std::size_t corrupt = 0;
-    forEach(table, visit, [&](const Vasta::Corruption& corruption) {
-      state_.corruptRow(name, corruption);
-      ++corrupt;
-    });
     return corrupt;
   }
 
@@ -151,11 +134,11 @@ class GroupAudit {
     const std::string refusal = preview.refusal ? "; refused: " + preview.refusal->message : "";
     const GroupEntry* const group = find(id);
     if (group == nullptr) {
-      state_.finding(AuditKind::rowWithoutGroup_, !refused && !membersDamaged_, about,
+      state_.finding(AuditKind::rowWithoutGroup_, !refused && !behindDamage_, about,
                      corvexGroupName(id), "no such group" + refusal,
-                     refused           ? refusedBefore
-                     : membersDamaged_ ? damagedBefore
-                                       : "somebody has deleted it");
+                     refused         ? refusedBefore
+                     : behindDamage_ ? damagedBefore
+                                     : "somebody has deleted it");
       return;
     }
     if (preview.refusal && !has(inputs_.ipv4EncapTable, row.encapId)) {
@@ -165,12 +148,12 @@ class GroupAudit {
       return;
     }
     const bool interfaceOnly = !preview.refusal && differsInInterfaceOnly(*group, preview.bucket);
-    state_.finding(AuditKind::groupDiffers_, !refused && !membersDamaged_ && !interfaceOnly, about,
+    state_.finding(AuditKind::groupDiffers_, !refused && !behindDamage_ && !interfaceOnly, about,
                    "the bucket that its row translates to now", "another one" + refusal,
-                   refused           ? "the change was refused"
-                   : interfaceOnly   ? "its port was mapped to another interface since"
-                   : membersDamaged_ ? damagedBefore
-                                     : "somebody else has written the group");
+                   refused         ? "the change was refused"
+                   : interfaceOnly ? "its port was mapped to another interface since"
+                   : behindDamage_ ? damagedBefore
+                                   : "somebody else has written the group");
   }
 
   [[nodiscard]] static bool isIndirect(const GroupEntry& group) {
@@ -192,7 +175,8 @@ class GroupAudit {
     const bool damaged = refusal && refusal->damaged;
     // A list without members is passed over, so nothing is refused.
     const bool refused = machine_.refused(id) || (!damaged && row.memberIds().empty());
-    const bool excused = refused || groupsDamaged_;
+    behindDamage_ = behindDamage_ || damaged;
+    const bool excused = refused || behindDamage_;
     const std::string refusalText = refusal ? "; refused: " + refusal->message : "";
     const GroupEntry* const group = find(id);
     if (group == nullptr) {
@@ -251,8 +235,8 @@ class GroupAudit {
   // Whose group has not been found.
   std::size_t corruptMembers_ = 0;
   std::size_t corruptGroups_ = 0;
-  bool membersDamaged_ = false;
-  bool groupsDamaged_ = false;  // or one of their lists
+  // The library stops at a damaged row, or a damaged list, so that it has not updated those behind.
+  bool behindDamage_ = false;
 };
 
 }  // namespace

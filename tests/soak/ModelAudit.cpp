@@ -111,19 +111,17 @@ void Model::auditRow(const FlowKey& key, const FlowRow& row, Findings& out) {
 void Model::auditGroups(Findings& out) {
   std::set<std::uint64_t> accounted;
   const auto audited = [&](auto& rows, std::uint64_t base, const char* table, auto audit) {
-    std::size_t damagedRows = 0;
+    bool behindDamage = false;
     rows.each([&](std::uint32_t id, const auto& row) {
       accounted.insert(base + id);
-      if (row.damaged) {
-        ++damagedRows;
-        out.found.push_back(std::string{"fault corrupt-row "} + table);
-        out.groupless += corvexGroups.contains(base + id) ? 0 : 1;
-      }
-    });
-    eachRow(rows, AtDamage::goOn_, [&](std::uint32_t id, const auto& row) {
       const auto group = corvexGroups.find(base + id);
-      const bool refused = refusedGroups_.contains(base + id) || damagedRows > 0;
-      audit(id, row, group == corvexGroups.end() ? nullptr : &group->second, refused);
+      if (!row.damaged) {
+        return audit(id, row, group == corvexGroups.end() ? nullptr : &group->second,
+                     refusedGroups_.contains(base + id) || behindDamage);
+      }
+      behindDamage = true;
+      out.found.push_back(std::string{"fault corrupt-row "} + table);
+      out.groupless += group == corvexGroups.end() ? 1 : 0;
     });
   };
   audited(members, memberBase, "member table",
