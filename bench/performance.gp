@@ -1,5 +1,5 @@
 # Draws docs/performance.svg: nanoseconds per operation by the number of flows.
-# `figures` is what ostra-bench writes with --benchmark_out_format=csv.
+# `figures` is what ostra-bench writes with --benchmark_out_format=json.
 
 set terminal svg size 1000,380 font "sans,11" background "white"
 set output "docs/performance.svg"
@@ -13,8 +13,8 @@ set key top left Left reverse samplen 1
 set datafile separator " "
 
 # "flows ns" of each benchmark that is run for several numbers of flows.
-points(name) = sprintf("< awk -F'[\",/]+' '$2 == \"%s\" && $3 + 0 > 0 \
-  { for (i = 4; i <= NF; ++i) if ($i == \"manual_time\") print $3, $(i + 2) }' '%s'", name, figures)
+points(name) = sprintf("< awk -F'[\":/, ]+' '$2 == \"name\" { flows = $3 == \"%s\" ? $4 : 0 } \
+  $2 == \"real_time\" && flows > 0 { print flows, $3 }' '%s'", name, figures)
 
 set multiplot layout 1,3
 do for [operation in "Insert Modify Delete"] {
