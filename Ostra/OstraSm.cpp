@@ -198,8 +198,7 @@ void OstraSm::handleFlowConfigImpl(const HashedKey& key) {
 }
 
 void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
-  const P4Runtime::EntryHandle handle = entry.entryHandle;
-  const FlowName builtName{handle};
+  const FlowName builtName{entry.entryHandle};
   const Korm::HashedName name{builtName.text()};
   // What the write looks up arrives while the entry is being translated.
   index_->prefetch(key.hash);
@@ -229,7 +228,11 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
     throw;
   }
   index_->refusedIs(key, false);
+  writeFlow(name, translated, entry);
+}
 
+void OstraSm::writeFlow(const Korm::HashedName& name, const TranslatedFlow& translated,
+                        const OstraConfigEntry& entry) {
   const bool existed = inputs_.cxHwConfig->flowEntry(name) != nullptr;
   const FlowWatch watch{inputs_.cxHwConfig->flowEntryNotifiees(), name.text()};
   OpenFlowTable::FlowEntry& flow = inputs_.cxHwConfig->flowEntryIs(
@@ -238,7 +241,7 @@ void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   if (!watch.overtaken()) {
     flow.entryIdIs(entry.entryId);
   }
-  inputs_.telemetry->newTransactionTimestamp(handle,
+  inputs_.telemetry->newTransactionTimestamp(entry.entryHandle,
                                              P4Runtime::TelemetryTimestampType::configured_);
   if (existed && !watch.overtaken()) {
     flow.changeCountIs(Korm::currentTime());

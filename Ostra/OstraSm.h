@@ -7,7 +7,7 @@
 // the key is mapped to that handle before the flow is written.
 //
 // The way of a flow: OstraSm.cpp, from handleFlowConfig() over buildMatch() and buildActions() to
-// the write in insertFlow(). The checks are in OstraSmValidation.cpp, the match fields in
+// the write in writeFlow(). The checks are in OstraSmValidation.cpp, the match fields in
 // private/MatchTranslation.cpp, the indexes in private/FlowIndex.h.
 #pragma once
 
@@ -125,6 +125,9 @@ class OstraSm final : public Korm::Entity {
   // Throws: entry errors and range exceptions.
   void handleFlowConfigImpl(const HashedKey& key);
   void insertFlow(const HashedKey& key, const OstraConfigEntry& entry);
+  // The last step of a write.
+  void writeFlow(const Korm::HashedName& name, const TranslatedFlow& translated,
+                 const OstraConfigEntry& entry);
   void deleteFlow(const HashedKey& key);
 
   // The steps of a write that change something while the entry is being translated.
@@ -141,6 +144,10 @@ class OstraSm final : public Korm::Entity {
   void translate(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
+
+  // What the steps that a preview went through would have changed, and the group that they need.
+  void previewEffects(const HashedKey& key, const OstraConfigEntry& entry,
+                      FlowPreview& preview) const;
 
   // Books the VRF that a flow uses from now on: `newVrf` if `newValid`, otherwise none. If the flow
   // is the first or the last user of a VRF, and the batch holds the handle, the result of the flow

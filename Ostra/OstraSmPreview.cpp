@@ -48,6 +48,12 @@ FlowPreview OstraSm::preview(const OstraConfigEntry& entry) const {
     preview.outcome = FlowPreview::Outcome::outOfRange_;
     preview.message = error.what();
   }
+  previewEffects(key, entry, preview);
+  return preview;
+}
+
+void OstraSm::previewEffects(const HashedKey& key, const OstraConfigEntry& entry,
+                             FlowPreview& preview) const {
   if (preview.step > FlowStep::bookVrf_) {
     preview.vrf = vrfChange(key, entry.vrfGiven, entry.vrfId);
     preview.vrf.lastUser = preview.vrf.released && isLastUser(*preview.vrf.released);
@@ -56,7 +62,6 @@ FlowPreview OstraSm::preview(const OstraConfigEntry& entry) const {
   if (preview.step >= FlowStep::group_ && preview.actions.has(OpenFlowTable::Action::group_)) {
     preview.group = groupNeed(preview.actions.group());
   }
-  return preview;
 }
 
 }  // namespace Ostra

@@ -70,6 +70,31 @@ TEST_F(FlowLifecycle, StartsWithoutWhatMayBeMissing) {
   EXPECT_TRUE(sm->hasNotificationActive());
 }
 
+TEST_F(FlowLifecycle, PrefetchingABatchOfAnySizeChangesNothing) {
+  std::vector<OstraConfigEntry> entries;
+  std::vector<const OstraKey*> keys;
+  entries.reserve(100 * Ostra::OstraSm::prefetchable);
+  for (std::uint16_t number = 1; number <= entries.capacity(); ++number) {
+    keys.push_back(&entries.emplace_back(flow(number, plainKey(number))).flowKey);
+  }
+  start();
+  sm->prefetch({});
+  sm->prefetch(keys);
+  for (std::size_t at = 0; at < entries.size(); at += 2) {
+    write(entries[at]);
+  }
+  const Names before = cxFlows();
+  sm->prefetch(keys);
+  EXPECT_EQ(cxFlows(), before);
+  EXPECT_EQ(sm->indexedKeys(), before.size());
+  sm->verify();
+
+  sm = Ostra::ostraSmFactory(nullptr, nullptr, nullptr, table, vrfs, ports, validation, statusInfo,
+                             batchStatus, telemetry);
+  sm->flowKeyToEntryHandleIs(*keys.front(), 1);
+  sm->prefetch(keys);
+}
+
 TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
   OstraConfigEntry bad = flow(2, plainKey(2));
   bad.flowKey.priorityIs(65537);
