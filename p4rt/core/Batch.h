@@ -55,7 +55,7 @@ class Batch {
     std::size_t reached = 0;            // how many stages have been written
     bool untouched = false;             // the service itself refused it, and no row was touched
     bool refused = false;               // the row is stored, and the library would not have it
-    P4Runtime::EntryHandle restored{};  // of a row that was deleted and written again
+    P4Runtime::EntryHandle restored{};  // of the row, once the job is undone
     bool lost = false;                  // the switch would not take it again
   };
 

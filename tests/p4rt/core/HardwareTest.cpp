@@ -15,11 +15,6 @@ class HardwareTest : public Programmed {
     agent->automaticIs(true);
     runHardware();
   }
-  void runHardware() {
-    agent->run();
-    service->settle();
-    timers.pass(0);
-  }
   // The name of the flow that was written last.
   [[nodiscard]] Korm::Name lastFlow() const { return *service->flows().back().name; }
 };
@@ -71,109 +66,47 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
   EXPECT_TRUE(read);
 }
 
-TEST_F(HardwareTest, WhatIsLateIsUndone) {
-  ASSERT_THAT(write({insert(member(1)), insert(group(1, {{1, 1}})),
-                     insert(acl(1, does(4, {"\\007"}) + "metadata: 'm'")),
-                     insert(route(1, "action_profile_group_id: 1")),
-                     insert(acl(2, does(0x0a, {"\\001", "\\010"})))}),
-              ElementsAre("OK"));
-  const Words before = everything();
+using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
+
+TEST_F(HardwareTest, EachStatusHasItsCode) {
   agent->automaticIs(false);
-  const WriteCall call =
-      begin({insert(member(2)), insert(group(2, {{1, 1}})), modify(member(1, nexthop(9, 2))),
-             modify(group(1, {{1, 3}})), modify(acl(1, does(4, {"\\011"}))), remove(acl(2)),
-             remove(route(1, "")), remove(group(1, {})), insert(acl(3, does(4, {"\\007"}))),
-             insert(acl(4, forward(0)))});
-  timers.pass(5000);
-  const std::string late = "DEADLINE_EXCEEDED";
-  EXPECT_THAT(wordsOf(call->status),
-              ElementsAre(late, late, late, late, late, late, late, "FAILED_PRECONDITION", late,
-                          "INVALID_ARGUMENT/15"));
-  EXPECT_EQ(everything(), before);
-  engine->verify();
-  runHardware();
-  EXPECT_EQ(everything(), before);
-  engine->verify();
-  // The hardware is where the entries are.
-  agent->automaticIs(true);
-  EXPECT_THAT(write({modify(acl(1, does(4, {"\\011"}))), remove(acl(2)), insert(member(2))}),
-              ElementsAre("OK"));
-  EXPECT_EQ(agent->flowsProgrammed(), 2U);
-  EXPECT_EQ(agent->groupsProgrammed(), 3U);
-}
-
-TEST_F(HardwareTest, WhatFindsNoRoomIsUndone) {
-  ASSERT_THAT(write({insert(member(1)), insert(acl(1, drop())), insert(acl(2, drop()))}),
-              ElementsAre("OK"));
-  agent->flowCapacityIs(3);
-  agent->groupCapacityIs(2);
-  EXPECT_THAT(write({insert(acl(3, drop())), insert(acl(4, does(4, {"\\007"}))),
-                     modify(acl(1, forward(1))), remove(acl(2)), insert(acl(5, drop()))}),
-              ElementsAre("OK", "RESOURCE_EXHAUSTED/1", "OK", "OK", "OK"));
-  engine->verify();
-  EXPECT_THAT(
-      write({insert(member(2)), insert(member(3)), insert(group(1, {{1, 1}})),
-             insert(route(1, "action_profile_group_id: 1")), remove(member(2)),
-             insert(group(1, {{1, 1}}))}),
-      ElementsAre("OK", "RESOURCE_EXHAUSTED/1", "RESOURCE_EXHAUSTED/1", "NOT_FOUND", "OK", "OK"));
-  engine->verify();
-  EXPECT_EQ(agent->flowsProgrammed(), 3U);
-  EXPECT_THAT(write({remove(group(1, {})), remove(member(1)),
-                     insert(route(1, oneShot({{nexthop(), 1}, {nexthop(), 1}})))}),
-              ElementsAre("OK", "OK", "RESOURCE_EXHAUSTED/1"));
-  EXPECT_TRUE(service->groups().empty());
-  EXPECT_EQ(agent->groupsProgrammed(), 0U);
-}
-
-struct StatusCase {
-  std::uint32_t status;
-  std::string outcome;
-};
-
-TEST_F(HardwareTest, EachStatusOfAFlowHasItsCode) {
-  for (const StatusCase& one : std::vector<StatusCase>{{1, "OK"},
-                                                       {2, "OK"},
-                                                       {5, "UNIMPLEMENTED/7"},
-                                                       {6, "UNIMPLEMENTED/6"},
-                                                       {7, "RESOURCE_EXHAUSTED/1"},
-                                                       {9, "INTERNAL/19"},
-                                                       {10, "INTERNAL/19"},
-                                                       {11, "INTERNAL/19"},
-                                                       {12, "UNIMPLEMENTED/6"},
-                                                       {4000000000, "INTERNAL/19"}}) {
-    agent->automaticIs(false);
+  const auto expectOutcome = [this](const WriteCall& call, const std::string& outcome) {
+    timers.pass(0);
+    EXPECT_TRUE(call->done);
+    EXPECT_THAT(wordsOf(call->status), ElementsAre(outcome));
+    runHardware();
+    engine->verify();
+  };
+  for (const auto& [status, outcome] : Statuses{{1, "OK"},
+                                                {2, "OK"},
+                                                {5, "UNIMPLEMENTED/7"},
+                                                {6, "UNIMPLEMENTED/6"},
+                                                {7, "RESOURCE_EXHAUSTED/1"},
+                                                {9, "INTERNAL/19"},
+                                                {12, "UNIMPLEMENTED/6"},
+                                                {4000000000, "INTERNAL/19"}}) {
     const WriteCall call = begin({insert(acl(1, does(4, {"\\007"})))});
     agent->flowStatusIs(lastFlow(), FlowStatus{3});
     timers.pass(0);
     EXPECT_FALSE(call->done);
-    agent->flowStatusIs(lastFlow(), FlowStatus{one.status});
-    timers.pass(0);
-    EXPECT_THAT(wordsOf(call->status), ElementsAre(one.outcome)) << one.status;
-    agent->automaticIs(true);
+    agent->flowStatusIs(lastFlow(), FlowStatus{status});
+    expectOutcome(call, outcome);
+    const WriteCall gone = begin({remove(acl(1))});
     runHardware();
-    engine->verify();
-    EXPECT_THAT(write({remove(acl(1))}), ElementsAre(one.outcome == "OK" ? "OK" : "NOT_FOUND"));
+    expectOutcome(gone, outcome == "OK" ? "OK" : "NOT_FOUND");
     EXPECT_TRUE(service->vrfs().empty());
   }
-}
-
-TEST_F(HardwareTest, EachStatusOfAGroupHasItsCode) {
-  agent->automaticIs(false);
-  for (const StatusCase& one : std::vector<StatusCase>{{2, "UNIMPLEMENTED/6"},
-                                                       {3, "RESOURCE_EXHAUSTED/1"},
-                                                       {4, "INTERNAL/19"},
-                                                       {5, "INTERNAL/19"},
-                                                       {0, "OK"}}) {
+  for (const auto& [status, outcome] : Statuses{{2, "UNIMPLEMENTED/6"},
+                                                {3, "RESOURCE_EXHAUSTED/1"},
+                                                {4, "INTERNAL/19"},
+                                                {5, "INTERNAL/19"},
+                                                {0, "OK"}}) {
     const WriteCall call = begin({insert(member(1))});
     agent->groupStatusIs(memberBase + 1, GroupStatus{1});
     timers.pass(0);
     EXPECT_FALSE(call->done);
-    agent->groupStatusIs(memberBase + 1, GroupStatus{one.status});
-    timers.pass(0);
-    EXPECT_TRUE(call->done);
-    EXPECT_THAT(wordsOf(call->status), ElementsAre(one.outcome)) << one.status;
-    runHardware();
-    engine->verify();
+    agent->groupStatusIs(memberBase + 1, GroupStatus{status});
+    expectOutcome(call, outcome);
   }
 }
 
@@ -204,24 +137,6 @@ TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
   timers.pass(0);
   EXPECT_TRUE(gone->done);
   EXPECT_TRUE(gone->status.ok());
-}
-
-TEST_F(HardwareTest, AGroupThatIsNotReadyCostsAnEntryNothing) {
-  ASSERT_THAT(write({insert(member(1)), insert(group(1, {{1, 1}})), insert(group(2, {{1, 1}})),
-                     insert(acl(1, does(0x0a, {"\\001", "\\005"})))}),
-              ElementsAre("OK"));
-  agent->groupStatusIs(2, GroupStatus{4});
-  const Words before = everything();
-  const std::string byGroup2 = does(0x0a, {"\\002", "\\006"});
-  EXPECT_THAT(write({insert(acl(2, byGroup2)), modify(acl(1, byGroup2)), insert(acl(3, byGroup2)),
-                     insert(route(1, "action_profile_group_id: 2"))}),
-              ElementsAre("FAILED_PRECONDITION/16", "FAILED_PRECONDITION/16",
-                          "FAILED_PRECONDITION/16", "FAILED_PRECONDITION/16"));
-  EXPECT_EQ(everything(), before);
-  engine->verify();
-  EXPECT_TRUE(service->dependents().empty());
-  EXPECT_EQ(service->vrfs().size(), 1U);
-  EXPECT_EQ(agent->flowsProgrammed(), 1U);
 }
 
 TEST_F(HardwareTest, AStoppedSwitchIsUnavailableAndLosesNothing) {
