@@ -1,9 +1,11 @@
 // Random batches of all kinds against a model of what is to be stored, on hardware that is full, late or broken.
 // After every batch everything is read back, and the switch's own tables, groups and VRFs are looked at. Now
 // and then the process dies, also in the middle of a batch, and another one goes on with what it has kept.
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <optional>
 #include <set>
 
@@ -134,6 +136,35 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
                    "INVALID_ARGUMENT/15", "FAILED_PRECONDITION", "FAILED_PRECONDITION/15",
                    "FAILED_PRECONDITION/16", "OUT_OF_RANGE", "UNIMPLEMENTED", "RESOURCE_EXHAUSTED",
                    "RESOURCE_EXHAUSTED/1", "DEADLINE_EXCEEDED", "a part of a write"}));
+}
+
+// The child has what the parent had, and the same shared memory.
+TEST_F(EngineRandom, AWriteThatRollsBackIsKeptAsAWhole) {
+  constexpr int many = 100;
+  const auto rollback = WriteRequest::ROLLBACK_ON_ERROR;
+  std::vector<Update> inserts;
+  std::vector<Update> deletes;
+  for (int number = 0; number < many; ++number) {
+    inserts.push_back(insert(acl(number, drop())));
+    deletes.push_back(remove(acl(number)));
+  }
+  for (int round = 0; round < 25 && !HasFailure(); ++round) {
+    const pid_t child = ::fork();
+    while (child == 0) {
+      begin(inserts, rollback);
+      begin(deletes, rollback);
+    }
+    ::usleep(static_cast<useconds_t>(below(30'000)));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    restart();
+    const std::size_t kept = everything().size();
+    EXPECT_TRUE(kept == 0 || kept == many) << kept;
+    if (kept != 0) {
+      EXPECT_THAT(write(deletes), ElementsAre("OK"));
+    }
+    engine->verify();
+  }
 }
 
 }  // namespace
