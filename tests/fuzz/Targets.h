@@ -22,6 +22,9 @@ void address(Bytes bytes);   // addresses, against inet_pton
 void language(Bytes bytes);  // commands, on a whole switch
 void table(Bytes bytes);     // a shared table with bytes of somebody else's
 void ring(Bytes bytes);      // a trace ring with bytes of somebody else's
+#ifdef OSTRA_P4RT
+void p4rt(Bytes bytes);  // messages of P4Runtime controllers, on a whole switch
+#endif
 
 struct Target {
   std::string_view name;
@@ -30,6 +33,9 @@ struct Target {
 inline constexpr Target targets[] = {
     {"key", key},           {"status", status}, {"name", name}, {"address", address},
     {"language", language}, {"table", table},   {"ring", ring},
+#ifdef OSTRA_P4RT
+    {"p4rt", p4rt},
+#endif
 };
 
 inline std::string textOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }

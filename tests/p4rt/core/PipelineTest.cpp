@@ -1,4 +1,6 @@
 // Pipelines: which P4Infos the switch can realize, and what the actions on them do. Reads by filter.
+#include <unistd.h>
+
 #include "EngineFixture.h"
 
 namespace P4rtTest {
@@ -6,10 +8,12 @@ namespace {
 
 using p4::config::v1::MatchField;
 using p4::config::v1::P4Info;
+using p4::config::v1::Table;
 using testing::HasSubstr;
 
 class PipelineTest : public EngineTest {
  protected:
+  using EngineTest::EngineTest;
   using GetPipeline = p4::v1::GetForwardingPipelineConfigRequest;
 
   p4::v1::ForwardingPipelineConfig configured() {
@@ -75,7 +79,6 @@ Edit withParam(int action, const std::string& name, int width) {
   };
 }
 
-using Table = p4::config::v1::Table;
 Edit refers(int at, std::uint32_t action) {
   return inTable(at, [=](Table& t) { t.mutable_action_refs(0)->set_id(action); });
 }
@@ -188,6 +191,39 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   EXPECT_TRUE(setPipeline(SetPipeline::COMMIT).ok());
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
   EXPECT_THAT(write({insert(acl(1, drop()))}), ElementsAre("OK"));
+}
+
+class KeptPipeline : public PipelineTest {
+ protected:
+  KeptPipeline() : PipelineTest{"p4rt-pipeline-" + std::to_string(::getpid())} {}
+};
+
+TEST_F(KeptPipeline, OutlivesTheProcessCommittedOrSaved) {
+  SetPipeline request;
+  request.set_action(SetPipeline::VERIFY_AND_SAVE);
+  *request.mutable_config()->mutable_p4info() = shippedP4Info();
+  request.mutable_config()->set_p4_device_config(std::string("\0opaque", 7));
+  request.mutable_config()->mutable_cookie()->set_cookie(5);
+  ASSERT_TRUE(setPipeline(request).ok());
+  restart();
+  EXPECT_FALSE(engine->hasPipeline());
+  EXPECT_TRUE(setPipeline(SetPipeline::COMMIT).ok());
+  ASSERT_THAT(write({insert(acl(1, drop())), insert(route(1, oneShot({{nexthop(), 2}})))}),
+              ElementsAre("OK"));
+  const Words written = everything();
+  restart();
+  EXPECT_EQ(configured().DebugString(), request.config().DebugString());
+  EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
+  EXPECT_EQ(everything(), written);
+  inTable(0, [](Table& t) { t.set_size(1); })(*request.mutable_config()->mutable_p4info());
+  request.set_action(SetPipeline::RECONCILE_AND_COMMIT);
+  ASSERT_TRUE(setPipeline(request).ok());
+  EXPECT_THAT(write({remove(acl(1)), insert(route(2, oneShot({{nexthop(), 1}})))}),
+              ElementsAre("OK"));
+  restart();
+  EXPECT_EQ(configured().DebugString(), request.config().DebugString());
+  EXPECT_EQ(everything().size(), 2U);
+  engine->verify();
 }
 
 class Replacing : public PipelineTest {

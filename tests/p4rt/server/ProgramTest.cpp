@@ -1,5 +1,7 @@
 // ostra-p4rt as a process: its options, its console and its end.
 
+#include <unistd.h>
+
 #include <csignal>
 #include <string>
 #include <vector>
@@ -97,6 +99,41 @@ TEST(ProgramTest, ASecondSignalEndsItAtOnce) {
   EXPECT_EQ(codeOf(written.get()), Code::unavailable_);
 }
 
+TEST(ProgramTest, GoesOnWithWhatIsItsOwnAndLosesNothingSilently) {
+  const std::string name = "p4rt-program-" + std::to_string(::getpid());
+  {
+    Program killed{{"--no-console", "--shm", name}};
+    Controller controller{killed.address(), {9}};
+    controller.claim();
+    EXPECT_EQ(controller.standing(), "primary 9");
+    ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+    ASSERT_EQ(codeOf(controller.write(flows(Update::INSERT, 1, 3))), Code::ok_);
+    killed.process.kill(SIGKILL);
+    killed.process.finish();
+  }
+  const Finished refused = finished({"--shm", name});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_THAT(refused.errors, AllOf(HasSubstr("--resume"), HasSubstr("--discard")));
+  // One that does not come up leaves everything as it was.
+  EXPECT_EQ(finished({"--shm", name, "--resume", "--config", OSTRA_P4INFO}).status, 2);
+  {
+    Program resumed{{"--no-console", "--shm", name, "--resume"}};
+    Controller controller{resumed.address(), {1}};
+    controller.claim();
+    EXPECT_EQ(controller.standing(), "primary 1") << "election ids begin anew";
+    EXPECT_EQ(controller.entries(), 3U);
+    resumed.process.kill(SIGTERM);
+    EXPECT_EQ(resumed.process.finish().status, 0);
+  }
+  Process other{OSTRA_SIM_PROGRAM, {"--shm", name, "--json"}};  // nothing is left of it
+  other.write("insert flow priority=1 -> drop\necho ready\n");
+  other.readUntil("ready");
+  other.kill(SIGKILL);
+  other.finish();
+  EXPECT_THAT(finished({"--shm", name, "--resume"}).errors, HasSubstr("no P4Runtime server's"));
+  EXPECT_THAT(CliTest::sim("show entries\n", {"--shm", name, "--resume"}).out, HasSubstr("1"));
+}
+
 TEST(ProgramTest, SaysWhatIsWrongWithItsOptions) {
   struct Case {
     Arguments arguments;
@@ -123,6 +160,8 @@ TEST(ProgramTest, SaysWhatIsWrongWithItsOptions) {
                          {{"--config", notP4Info.path()}, 2, "expected a command"},
                          {{"--device-id=x"}, 2, "--device-id"},
                          {{"--write-timeout", "99999999999"}, 2, "--write-timeout"},
+                         {{"--resume"}, 2, "--shm NAME"},
+                         {{"--shm", "x", "--resume", "--discard"}, 2, "one of them"},
                          {{"surplus"}, 2, "expected an option"}}) {
     const Finished run = finished(tried.arguments);
     EXPECT_EQ(run.status, tried.status) << run.errors;
