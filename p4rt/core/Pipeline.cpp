@@ -231,6 +231,19 @@ ActionInfo readAction(const config::P4Info& info, const config::Action& action) 
   return read;
 }
 
+// What its entries would need.
+void checkEntries(const config::Table& table) {
+  if (table.is_const_table() || table.has_initial_entries()) {
+    reject("table", table.preamble().name(), "has entries of its own, which are not offered");
+  }
+  if (table.idle_timeout_behavior() != config::Table::NO_TIMEOUT) {
+    reject("table", table.preamble().name(), "has idle timeouts, which are not offered");
+  }
+  if (table.size() < 0) {
+    reject("table", table.preamble().name(), "has a negative size");
+  }
+}
+
 bool isCounted(const config::P4Info& info, const config::Table& table) {
   for (const std::uint32_t id : table.direct_resource_ids()) {
     const auto found =
@@ -340,15 +353,7 @@ void Pipeline::readTable(const config::P4Info& info, const config::Table& table)
              "and '" + other.name + "' are both flow table " + std::to_string(read.index));
     }
   }
-  if (table.is_const_table() || table.has_initial_entries()) {
-    reject("table", read.name, "has entries of its own, which are not offered");
-  }
-  if (table.idle_timeout_behavior() != config::Table::NO_TIMEOUT) {
-    reject("table", read.name, "has idle timeouts, which are not offered");
-  }
-  if (table.size() < 0) {
-    reject("table", read.name, "has a negative size");
-  }
+  checkEntries(table);
   read.size = static_cast<std::uint64_t>(table.size());
   readFields(table, read);
   if (table.implementation_id() != 0) {

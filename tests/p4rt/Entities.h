@@ -47,13 +47,13 @@ inline std::string octal(int value) {
   return std::string{'\\'} + static_cast<char>('0' + value / 64) +
          static_cast<char>('0' + value / 8 % 8) + static_cast<char>('0' + value % 8);
 }
-// An entry of the ACL that matches IPv4 packets to 10.0.0.N; `rest` is its action and what else it has.
+// An entry of the ACL that matches IPv4 packets to 10.N; `rest` is its action and what else it has.
 inline std::string acl(int number, std::string_view rest = "", int priority = 10) {
   return "table_entry { table_id: 0x02000001 priority: " + std::to_string(priority) +
          " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
-         " match { field_id: 8 ternary { value: '\\x0a\\x00" +
-         octal(number / 256) + octal(number % 256) + "' mask: '\\xff\\xff\\xff\\xff' } } " +
-         std::string{rest} + " }";
+         " match { field_id: 8 ternary { value: '\\x0a" +
+         octal(number / 65536) + octal(number / 256 % 256) + octal(number % 256) +
+         "' mask: '\\xff\\xff\\xff\\xff' } } " + std::string{rest} + " }";
 }
 inline std::string drop() { return "action { action { action_id: 0x01000002 } }"; }
 inline std::string action(int id, std::initializer_list<std::string> values) {

@@ -15,79 +15,7 @@
 namespace P4rt {
 namespace {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
-
 constexpr std::uint64_t device = 1;
-
-Claim claimOf(std::uint64_t low, Role role = {}) {
-  return {.device = device, .role = std::move(role), .electionId = ElectionId{0, low}};
-}
-Notice notice(StreamId to, Standing standing, std::uint64_t highest) {
-  return {.to = to, .standing = standing, .highest = ElectionId{0, highest}};
-}
-
-TEST(ArbitrationTest, ComparesIdsAsNumbersOf128BitsAndTellsNoIdFromZero) {
-  Arbitration arbitration{device};
-  EXPECT_THAT(arbitration.claim(1, {.device = device}).notices,
-              ElementsAre(Notice{.to = 1, .standing = Standing::noPrimary_}));
-  EXPECT_THAT(arbitration.claim(2, claimOf(0)).notices,
-              ElementsAre(notice(1, Standing::backup_, 0), notice(2, Standing::primary_, 0)));
-  EXPECT_TRUE(arbitration.check(device, {}, ElectionId{0, 0}).ok());
-  EXPECT_EQ(arbitration.check(device, {}, std::nullopt).code, Code::permissionDenied_);
-  Claim high{.device = device, .electionId = ElectionId{1, 0}};
-  EXPECT_EQ(arbitration.claim(3, high).notices.size(), 3U);
-  EXPECT_TRUE(arbitration.isPrimary(3));
-  EXPECT_EQ(arbitration.claim(4, claimOf(~std::uint64_t{0})).notices.size(), 1U);
-  EXPECT_TRUE(arbitration.isPrimary(3));
-}
-
-TEST(ArbitrationTest, RefusesWhatEndsAStreamAndTellsTheOthersThatItsPrimaryWent) {
-  Arbitration arbitration{device};
-  const auto refusal = [&](StreamId stream, const Claim& claim) {
-    return arbitration.claim(stream, claim).refusal.code;
-  };
-  EXPECT_EQ(refusal(1, {.device = 2}), Code::notFound_);
-  EXPECT_EQ(refusal(1, {.device = device, .roleConfig = true}), Code::invalidArgument_);
-  arbitration.claim(1, claimOf(5));
-  EXPECT_EQ(refusal(2, claimOf(5)), Code::invalidArgument_);
-  EXPECT_EQ(refusal(3, claimOf(5, {.name = "other"})), Code::ok_) << "a realm of its own";
-  arbitration.claim(2, claimOf(4));
-
-  const auto outcome = arbitration.claim(1, claimOf(6, {.name = "other"}));
-  EXPECT_EQ(outcome.refusal.code, Code::failedPrecondition_);
-  EXPECT_THAT(outcome.notices, ElementsAre(notice(2, Standing::noPrimary_, 5)));
-  EXPECT_EQ(refusal(2, {.device = 7}), Code::failedPrecondition_);
-
-  for (StreamId stream = 10; stream < 9 + Arbitration::mostStreams; ++stream) {
-    ASSERT_EQ(refusal(stream, claimOf(stream)), Code::ok_);
-  }
-  EXPECT_EQ(refusal(9, claimOf(9)), Code::resourceExhausted_);
-  arbitration.gone(10);
-  EXPECT_EQ(refusal(9, claimOf(9)), Code::ok_);
-}
-
-TEST(ArbitrationTest, TellsANewPrimaryOnceTheWritesOfTheOldOneAreThrough) {
-  Arbitration arbitration{device};
-  arbitration.claim(1, claimOf(1));
-  arbitration.writeBegins({});
-  arbitration.writeBegins({});
-  EXPECT_THAT(arbitration.claim(2, claimOf(2)).notices,
-              ElementsAre(notice(1, Standing::backup_, 2)));
-  EXPECT_EQ(arbitration.check(device, {}, ElectionId{0, 1}).code, Code::permissionDenied_);
-  EXPECT_EQ(arbitration.check(device, {}, ElectionId{0, 2}).code, Code::permissionDenied_);
-  EXPECT_THAT(arbitration.writeEnds({}), IsEmpty());
-  EXPECT_THAT(arbitration.writeEnds({}), ElementsAre(notice(2, Standing::primary_, 2)));
-  EXPECT_TRUE(arbitration.check(device, {}, ElectionId{0, 2}).ok());
-
-  // The old one's writes outlive its stream as well.
-  arbitration.writeBegins({});
-  arbitration.gone(2);
-  EXPECT_THAT(arbitration.claim(1, claimOf(1)).notices,
-              ElementsAre(notice(1, Standing::noPrimary_, 2)));
-  EXPECT_THAT(arbitration.claim(1, claimOf(2)).notices, IsEmpty());
-  EXPECT_THAT(arbitration.writeEnds({}), ElementsAre(notice(1, Standing::primary_, 2)));
-}
 
 // Random controllers of two roles. What they believe, from the notices alone, is compared with what the
 // claims that stand amount to.

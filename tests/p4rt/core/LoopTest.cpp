@@ -81,14 +81,5 @@ TEST(LoopTest, RunsTimersInTheOrderOfTheirTimesAndNotTheCancelledOnes) {
   EXPECT_THAT(seen, ElementsAre(1, 2, 3, 4));
 }
 
-TEST(LoopTest, ATimerThatSetsItselfAgainKeepsNoTaskFromRunning) {
-  Loop loop;
-  std::function<void()> again = [&] { loop.after(-1h, again); };
-  again();
-  std::thread poster{[&] { loop.post([&] { loop.stop(); }); }};
-  loop.run();
-  poster.join();
-}
-
 }  // namespace
 }  // namespace P4rt

@@ -290,23 +290,6 @@ TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   EXPECT_EQ(agent->flowsProgrammed() + agent->groupsProgrammed(), 0U);
 }
 
-TEST_F(Replacing, ReconcilingKeepsOneShots) {
-  auto info = shippedP4Info();
-  ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
-  ASSERT_THAT(write({insert(route(1, oneShot({{nexthop(), 2}}))),
-                     insert(route(2, oneShot({{nexthop(), 1}, {nexthop(9, 2), 1}})))}),
-              ElementsAre("OK"));
-  const Words before = everything();
-  info.mutable_tables(0)->set_size(7);
-  EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
-  EXPECT_EQ(everything(), before);
-  engine->verify();
-  EXPECT_THAT(write({insert(route(3, oneShot({{nexthop(), 1}}))), remove(route(1, "")),
-                     remove(route(2, ""))}),
-              ElementsAre("OK"));
-  EXPECT_EQ(service->groups().size(), 2U);
-}
-
 TEST_F(Replacing, FiltersSelectWhatIsRead) {
   struct Case {
     std::string filter;

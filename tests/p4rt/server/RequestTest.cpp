@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "google/rpc/status.pb.h"
 #include "tests/p4rt/server/TestServer.h"
 
 namespace P4rtTest {
@@ -115,28 +114,6 @@ TEST_F(RequestTest, APipelineComesBackInThePartsThatAreAskedFor) {
   p4::v1::CapabilitiesResponse capabilities;
   EXPECT_TRUE(controller_.stub().Capabilities(context.get(), {}, &capabilities).ok());
   EXPECT_EQ(capabilities.p4runtime_api_version(), "1.4.1");
-}
-
-TEST_F(RequestTest, EachUpdateHasItsOwnErrorInOrderAndOneThatWentWellHasNothing) {
-  primaryIs();
-  ASSERT_EQ(set(pipelineRequest()), Code::ok_);
-  EXPECT_EQ(write(controller_.writeRequest({flow(Update::INSERT, 1), flow(Update::MODIFY, 2),
-                                            flow(Update::INSERT, 1), flow(Update::INSERT, 3),
-                                            flow(Update::UNSPECIFIED, 4)})),
-            Code::unknown_);
-  const auto errors = errorsOf(last_);
-  ASSERT_EQ(errors.size(), 5U);
-  const std::vector<Code> expected{Code::ok_, Code::notFound_, Code::alreadyExists_, Code::ok_,
-                                   Code::invalidArgument_};
-  for (std::size_t at = 0; at < errors.size(); ++at) {
-    EXPECT_EQ(static_cast<Code>(errors[at].canonical_code()), expected[at]) << at;
-    EXPECT_EQ(errors[at].message().empty(), expected[at] == Code::ok_) << at;
-  }
-  google::rpc::Status details;
-  ASSERT_TRUE(details.ParseFromString(last_.error_details()));
-  EXPECT_EQ(details.code(), last_.error_code());
-  EXPECT_EQ(details.message(), last_.error_message());
-  EXPECT_EQ(controller_.entries(), 2U);
 }
 
 TEST_F(RequestTest, ErrorsAreCutToWhatAClientTakesSoThatItKeepsItsConnection) {

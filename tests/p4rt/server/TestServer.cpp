@@ -1,7 +1,5 @@
 #include "tests/p4rt/server/TestServer.h"
 
-#include <fstream>
-#include <iterator>
 #include <utility>
 
 #include "google/rpc/status.pb.h"
@@ -9,26 +7,6 @@
 
 namespace P4rtTest {
 namespace {
-
-constexpr std::uint32_t aclTable = 0x02000001;
-constexpr std::uint32_t forwardAction = 0x01000003;
-constexpr std::uint32_t etherTypeField = 5;
-constexpr std::uint32_t ip4DstField = 8;
-
-std::string bytes(std::uint32_t value, int size) {
-  std::string text;
-  for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
-    text += static_cast<char>(value >> shift & 0xFFU);
-  }
-  return text;
-}
-
-void fieldIs(p4::v1::TableEntry& entry, std::uint32_t field, const std::string& value) {
-  auto& match = *entry.add_match();
-  match.set_field_id(field);
-  match.mutable_ternary()->set_value(value);
-  match.mutable_ternary()->set_mask(std::string(value.size(), '\xFF'));
-}
 
 template <class Message>
 void idIs(Message& message, const Id& id) {
@@ -240,20 +218,8 @@ std::unique_ptr<grpc::ClientContext> newContext(std::chrono::milliseconds patien
 }
 
 Update flow(Update::Type type, std::uint32_t number, std::uint32_t port) {
-  Update update;
-  update.set_type(type);
-  auto& entry = *update.mutable_entity()->mutable_table_entry();
-  entry.set_table_id(aclTable);
-  entry.set_priority(10);
-  fieldIs(entry, etherTypeField, bytes(0x0800, 2));
-  fieldIs(entry, ip4DstField, bytes(0x0A000000U + number, 4));
-  if (type != Update::DELETE) {
-    auto& action = *entry.mutable_action()->mutable_action();
-    action.set_action_id(forwardAction);
-    action.add_params()->set_param_id(1);
-    action.mutable_params(0)->set_value(bytes(port, 1));
-  }
-  return update;
+  const std::string action = type == Update::DELETE ? "" : forward(static_cast<int>(port));
+  return update(type, acl(static_cast<int>(number), action));
 }
 
 std::vector<Update> flows(Update::Type type, std::uint32_t first, std::uint32_t count) {

@@ -23,10 +23,10 @@
 #include "p4rt/server/Server.h"
 #include "sim/HwAgent.h"
 #include "sim/Service.h"
+#include "tests/p4rt/Entities.h"
 
 namespace P4rtTest {
 
-using p4::v1::Update;
 using P4rt::Code;
 
 // What runs on the loop's thread.
