@@ -7,6 +7,7 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 
@@ -210,6 +211,8 @@ Status runProgram(int argc, char** argv, Cli::Output& out, Cli::Output& errors) 
                 std::string{error.what()} + ": --resume goes on with them, --discard removes them");
   } catch (const BadInput& error) {
     return fail(badInput, error.what());
+  } catch (const std::bad_alloc&) {
+    return fail(failure, "out of memory");
   } catch (const std::exception& error) {
     return fail(failure, error.what());
   }
