@@ -1,4 +1,3 @@
-#include <set>
 #include <sstream>
 #include <vector>
 
@@ -12,64 +11,6 @@ namespace {
 
 using Ostra::MatchFieldId;
 using Ostra::OstraKey;
-
-// A key whose every value is made of the one octet, and every mask of the other.
-OstraKey keyOf(std::uint8_t value, std::uint8_t mask) {
-  OstraKey key;
-  key.forEachField([=](std::string_view, const auto& field, auto put) {
-    using T = decltype(field.value);
-    const auto of = [](std::uint8_t octet) -> T {
-      if constexpr (std::is_integral_v<T>) {
-        return static_cast<T>(octet);
-      } else if constexpr (std::is_same_v<T, Korm::EthAddr>) {
-        return {{octet, 0, 0, 0, 0, octet}};
-      } else {
-        return Korm::IpAddr{Korm::Ip4Addr{{octet, 0, 0, octet}}};
-      }
-    };
-    put(of(value), of(mask));
-  });
-  return key;
-}
-
-// Keys that differ from this one in one thing each: the placement, and every value, mask and given
-// flag that the donor has otherwise.
-std::vector<OstraKey> changed(const OstraKey& key, const OstraKey& donor) {
-  std::vector<OstraKey> result(3, key);
-  result[0].tableTypeIs(key.tableType() ^ 1);
-  result[1].priorityGroupTypeIs(key.priorityGroupType() ^ 1U);
-  result[2].priorityIs(key.priority() ^ 1);
-#define OSTRA_FIELD_TAKE(member, ...)                          \
-  if (!(donor.member().value == key.member().value)) {         \
-    OstraKey& next = result.emplace_back(key);                 \
-    next.member##Is(donor.member().value, key.member().mask);  \
-    next.givenIs(MatchFieldId::member##_, key.member().given); \
-  }                                                            \
-  if (!(donor.member().mask == key.member().mask)) {           \
-    OstraKey& next = result.emplace_back(key);                 \
-    next.member##Is(key.member().value, donor.member().mask);  \
-    next.givenIs(MatchFieldId::member##_, key.member().given); \
-  }                                                            \
-  result.emplace_back(key).givenIs(MatchFieldId::member##_, !key.member().given);
-  OSTRA_MATCH_FIELDS(OSTRA_FIELD_TAKE)
-#undef OSTRA_FIELD_TAKE
-  return result;
-}
-
-TEST(Key, DifferencesShowInTheOrderTheHashAndTheText) {
-  const OstraKey key = keyOf(1, 0);
-  const auto others = changed(key, keyOf(0, 1));
-  ASSERT_EQ(others.size(), 3 + 3 * static_cast<std::size_t>(MatchFieldId::count_));
-  std::set<std::uint32_t> hashes;
-  for (const OstraKey& other : others) {
-    ASSERT_FALSE(key == other);
-    ASSERT_NE(key < other, other < key);
-    ASSERT_NE(key.valueToStrep(), other.valueToStrep());
-    hashes.insert(other.hash(0));
-  }
-  EXPECT_EQ(hashes.size(), others.size()) << "the hash tells keys apart";
-  EXPECT_NE(OstraKey{}.hash(0), OstraKey{}.hash(1)) << "the seed counts";
-}
 
 // What the parser says of a text that it refuses; empty for one that it takes.
 std::string refusal(const std::string& text) {

@@ -424,39 +424,6 @@ TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
   useRing({.shmName = name});
 }
 
-TEST_F(BrisklogTest, RestartedOwnerReplacesTheSegmentAndReadersCanTell) {
-  const std::string name = shmName();
-  ChildProcess first([&] {
-    useRing({.shmName = name, .records = 64});
-    plain("of the first");
-    ::pause();
-  });
-  RingReader reader = attachSoon(name);
-  RingCursor cursor;
-  while (reader.follow(cursor).empty()) {
-    std::this_thread::yield();
-  }
-  EXPECT_THROW(static_cast<void>(Ring::create({.shmName = name})), RingError)
-      << "a ring that is in use is nobody else's";
-  first.kill();
-  EXPECT_EQ(reader.owner(), RingReader::Owner::gone_);
-
-  useRing({.shmName = name});
-  plain("of the second");
-  EXPECT_EQ(reader.owner(), RingReader::Owner::replaced_);
-  EXPECT_EQ(reader.newest(9).back().text(), "Drawer::draw of the first");
-
-  reader = RingReader::attach(name);
-  EXPECT_EQ(reader.owner(), RingReader::Owner::alive_);
-  const auto records = reader.follow(cursor);
-  ASSERT_EQ(records.size(), 1U) << "a cursor of the old ring starts over";
-  EXPECT_EQ(records.front().text(), "Drawer::draw of the second");
-
-  useRing({});
-  EXPECT_EQ(reader.owner(), RingReader::Owner::gone_);
-  EXPECT_TRUE(contains(attachError(name), name)) << "a clean end removes the name";
-}
-
 TEST_F(BrisklogTest, NameGoesWithItsOwnerAndNotWithAForkedChild) {
   const std::string name = shmName();
   ChildProcess owner([&] {

@@ -41,20 +41,9 @@ TEST_F(EntityManagerTest, FindsWhatStandsAtAPathWithTheTypeAskedFor) {
     EXPECT_EQ(manager_->entity(path), nullptr) << path;
   }
   EXPECT_EQ(manager_->entity("/").get(), &manager_->root());
+  EXPECT_EQ(manager_->entityDel("corvex/configDir/a/below"), nullptr);
   EXPECT_EQ(manager_->entityDel("corvex/configDir/a/"), config);
   EXPECT_EQ(manager_->entity("corvex/configDir/a"), nullptr);
-}
-
-TEST_F(EntityManagerTest, RemovesExactlyTheEntityAtThePath) {
-  for (const char* path : {"a/a/a", "a/ab"}) {
-    manager_->entityIs(path, Korm::makePtr<Config>("x"));
-  }
-  EXPECT_NE(manager_->entityDel("a/a/a"), nullptr);
-  EXPECT_NE(manager_->entityDel("a/a"), nullptr);
-  EXPECT_NE(manager_->entity("a/ab"), nullptr);
-  for (const char* path : {"a/a", "no/such", "a/ab/below", ""}) {
-    EXPECT_EQ(manager_->entityDel(path), nullptr) << path;
-  }
 }
 
 TEST_F(EntityManagerTest, CreatesWhatIsMissingOnlyWhereTheModeAndTheTypeAllowIt) {
