@@ -62,16 +62,17 @@ input is read where a FILE is - or where there is none; on a terminal that is a 
   --json               one JSON object a line instead of text
   --stopped            start with the library not yet created ('start' creates it)
   -k, --keep-going     report a bad command and carry on; the exit status is 2 at the end
-  --audit              audit the switch after every batch, and end the run, with exit status 2, at the
-                       first fault that no command of the script has made by hand
+  --audit              audit the switch after every batch, and end the run, with exit status 2,
+                       at the first fault that no command of the script has made by hand
   --trace N            write the text trace of levels 0 to N to standard error
-  --clock real|steps   'steps' is 0 at launch and one second later before each command, so that a run
-                       repeats to the letter; 'real', the default, is the system clock
+  --clock real|steps   'steps' is 0 at launch and one second later before each command, so that
+                       a run repeats to the letter; 'real', the default, is the system clock
   --shm NAME           keep the tables and the trace ring in named shared memory, where
                        'ostra-show NAME' reads them. One that is killed leaves its tables
   --resume             go on with the tables that a killed one has left under NAME
   --discard            remove the tables that a killed one has left under NAME
-  --shm-group GROUP    let the GROUP, a name or a number, read that memory; otherwise its user alone can
+  --shm-group GROUP    let the GROUP, a name or a number, read that memory; otherwise only its
+                       user can
   --trust-owner        go on with, or remove, what belongs to another user
   --verify             check every invariant after each command; a fault ends in an abort
   --help               print this

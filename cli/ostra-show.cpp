@@ -50,8 +50,8 @@ Without a topic it prints all of them.
   --help       print this
   --version    print the version
 
-Exit status: 0, 1 when there is nothing to show or something is damaged, 2 for a command line that makes no
-sense.
+Exit status: 0, 1 when there is nothing to show or something is damaged, 2 for a command line that
+makes no sense.
 )";
 
 struct Options {
