@@ -94,7 +94,7 @@ std::optional<double> AuditState::configuredAt(std::uint64_t handle) {
 }
 
 bool AuditState::isOverdue(std::optional<double> since) const noexcept {
-  // What is not known happened before the oldest stamp that is kept.
+  // A time that is not known lies before the oldest time stamp that is kept.
   return now - since.value_or(oldestStamp_) > options.answerLimit;
 }
 

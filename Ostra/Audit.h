@@ -1,4 +1,5 @@
-// Whether what the hardware has is what the controller wanted: compares everything that is stored.
+// The audit: checks that the hardware has what the controller wanted, by comparing everything
+// stored.
 //
 // Threads: the activity thread. An audit changes nothing and traces nothing.
 #pragma once
@@ -20,17 +21,17 @@ enum class AuditKind : std::uint8_t {
   flowDiffers_,        // a Corvex flow that is not what its row translates to now
   flowWithoutGroup_,   // a Corvex flow forwards to a group that is missing or not ready
   indexDiffers_,       // the index maps a key to another handle than its row's, or to none
-  indexWithoutRow_,    // the index knows a key whose row is gone
+  indexWithoutRow_,    // the index has a key without a row
   vrfDiffers_,         // a flow counts in another VRF than its row says
   vrfCount_,           // a VRF's count is not the number of flows in it
-  vrfRecord_,          // a creator or deletor without a write under way
-  dependent_,          // an entry that a VRF waits for, without a write under way
+  vrfRecord_,          // a creator or deletor without a write in progress
+  dependent_,          // an entry that a VRF waits for, without a write in progress
   rowWithoutGroup_,    // a member's or group's row without its Corvex group
   groupWithoutRow_,    // a Corvex group that no row accounts for
-  groupDiffers_,       // a Corvex group that is not what its row, or its members, make of it now
+  groupDiffers_,       // a Corvex group that differs from what its row and its members translate to
   hardwareWithdrawn_,  // there is no hardware status at all
   hardwareLacks_,      // nothing is published for a flow or group that Corvex has
-  hardwareHolds_,      // something is published for a flow or group that Corvex has not
+  hardwareHolds_,      // something is published for a flow or group that Corvex does not have
   hardwareFailed_,     // the hardware has refused a flow or group
   hardwareSilent_,     // the hardware has not answered for longer than the limit
 };
@@ -40,11 +41,11 @@ enum class AuditKind : std::uint8_t {
 
 struct AuditFinding {
   AuditKind kind{};
-  bool fault = false;    // otherwise it is a consequence that is meant to be left behind
+  bool fault = false;    // false for an intended consequence of an earlier write
   std::string about;     // "entry 7", "flow-7", "VRF 5", "group 3", "member 5"
   std::string expected;  // what should be there
   std::string found;     // what is there
-  std::string cause;     // how that can come about
+  std::string cause;     // a possible reason
 };
 
 struct AuditOptions {

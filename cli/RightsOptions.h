@@ -1,6 +1,4 @@
 // The options of all programs that say who may use their shared memory.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include <sys/types.h>

@@ -18,9 +18,9 @@
 // When a range exception leaves the library, its text is a result (apply, start, resync) or the
 // return value (the others), and the service goes on. It also goes on where a row is damaged or
 // shared memory runs out: the write concerned fails, and takeFaults() returns a text. Any other
-// exception leaves the operation, and the service can then only be destroyed. This holds for
-// std::bad_alloc, too, at whatever allocation: what had been returned stays true of the tables, and
-// of the operation a first part has been made.
+// exception leaves the operation, and the service can then only be destroyed. This includes
+// std::bad_alloc at any allocation: results that were returned before remain true of the tables,
+// and the operation has been done in part.
 //
 // Given a SharedMemory, the service keeps its tables under that name, and they survive the death of
 // the process. A service that resumes has the rows, ports, encapsulations and blobs of the previous
@@ -203,8 +203,8 @@ class Service {
   // than the library did so.
   void corvexFlowIs(const Korm::Name& name);
   bool corvexFlowDel(const Korm::Name& name);
-  // Flips a bit in the stored row of the flow entry, member or group, as a stray write would. False
-  // when there is no intact one.
+  // Flips a bit in the stored row of the flow entry, member or group, as a stray write to shared
+  // memory would. False when there is no intact row.
   bool rowDamaged(P4Runtime::EntryHandle handle);
 
   // The data that a front end stores in addition to the entries.

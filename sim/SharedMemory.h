@@ -53,8 +53,8 @@ class LeftoverError : public SharedNameError {
   using SharedNameError::SharedNameError;
 };
 
-// The process whose tables stand under the name, also when it is gone; nothing where there are
-// none. Throws: std::system_error when what has the name cannot be opened.
+// The process that owns the tables of that name, even if it has died; nothing when there are none.
+// Throws: std::system_error when the memory of that name cannot be opened.
 [[nodiscard]] std::optional<std::uint64_t> processWithTables(const std::string& name);
 
 class SharedMemory {

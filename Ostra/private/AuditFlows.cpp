@@ -1,4 +1,4 @@
-// Flow rows against the index, the Corvex flows and the VRFs in which they count.
+// Compares flow rows with the index, with the Corvex flows and with the VRFs that count them.
 
 #include <algorithm>
 #include <array>
@@ -16,7 +16,7 @@ using OpenFlowTable::Match;
 
 constexpr const char* refusedBefore = "the row was refused";
 
-// The names of what two flows differ in.
+// Collects the names of the attributes in which two flows differ.
 class Differences {
  public:
   Differences(const FlowPreview& wanted, const FlowEntry& present) {
@@ -37,7 +37,7 @@ class Differences {
   }
 
   [[nodiscard]] bool none() const noexcept { return names_.empty(); }
-  // Ports became other interfaces, and nothing else.
+  // Whether only interfaces differ, because ports were mapped anew.
   [[nodiscard]] bool interfacesOnly() const noexcept { return onlyInterfaces_; }
   [[nodiscard]] const std::string& names() const noexcept { return names_; }
 
@@ -77,7 +77,7 @@ bool isAsPreviewed(const FlowPreview& wanted, const FlowEntry& present) {
          wanted.entryId == present.entryId();
 }
 
-// What is there in place of what the row says, as "no such flow; refused: ...".
+// What a finding shows as found: "no such flow; refused: ...".
 std::string foundText(const std::string& there, const FlowPreview& preview) {
   return preview.accepted() ? there : there + "; refused: " + preview.message;
 }
@@ -140,7 +140,7 @@ class TableAudit {
       }
     }
     const auto wanted = row.vrfGiven ? std::optional{row.vrfId} : std::nullopt;
-    // What refuses before that depends on the row alone.
+    // A refusal before that step depends only on the row, so the flow was never counted.
     const bool counted = !refused || preview.step > FlowStep::bookVrf_;
     if (preview.countedVrf != wanted) {
       state_.finding(AuditKind::vrfDiffers_, counted, about(row), vrfText(wanted),
@@ -166,7 +166,7 @@ class TableAudit {
   }
 
   void presentFlow(const FlowPreview& preview) {
-    // Up to here everything has been translated.
+    // The preview is complete only if the translation has reached this step.
     if (preview.step < FlowStep::group_) {
       state_.finding(AuditKind::flowDiffers_, !preview.refusedBefore, preview.name,
                      "what its row says now", foundText("another flow", preview),
@@ -202,7 +202,7 @@ class TableAudit {
     bool flowThere = false;
   };
 
-  // Keys that are in the index and have no row. One may be that of a row that cannot be read.
+  // Finds keys in the index that have no row. A corrupt row may account for such a key.
   void auditIndex() {
     std::vector<Indexed> missing;
     machine_.forEachIndexed([&](const OstraKey& key, std::optional<std::uint64_t> handle,
@@ -227,7 +227,7 @@ class TableAudit {
     }
   }
 
-  // The flow is the row's still.
+  // Attributes the key to a corrupt row, whose Corvex flow is then accounted for.
   void isOfCorruptRow(const Indexed& indexed) {
     corruptRows_ -= corruptRows_ > 0 ? 1 : 0;
     flowsOfRows_ += indexed.flowThere ? 1 : 0;
@@ -264,7 +264,7 @@ class TableAudit {
   const OstraSm& machine_;
   std::size_t indexedRows_ = 0;
   std::size_t flowsOfRows_ = 0;
-  std::size_t corruptRows_ = 0;  // whose flow has not been found
+  std::size_t corruptRows_ = 0;  // those that no flow was attributed to yet
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What the parts of an audit share. Private to the library.
+// The state that the parts of an audit share. Private to the library.
 #pragma once
 
 #include <cstdint>
@@ -49,7 +49,7 @@ struct AuditState {
 
   // Whether the hardware says that the group is ready.
   [[nodiscard]] bool isReady(OpenFlowTable::GroupId group) const;
-  // Whether a write of the entry is under way.
+  // Whether a write of the entry is in progress.
   [[nodiscard]] bool underWay(P4Runtime::EntryHandle handle) const;
   // Whether a row accounts for the Corvex flow of that name.
   [[nodiscard]] bool belongsToRow(const Korm::Name& flow) const {
@@ -58,13 +58,13 @@ struct AuditState {
   }
   // When the entry's last write or delete was handed to Corvex. Nothing when it is not known.
   [[nodiscard]] std::optional<double> configuredAt(std::uint64_t handle);
-  // Whether the hardware has had longer than the limit to answer what happened at that time.
+  // Whether the hardware has had more time than the limit to answer a write at that time.
   [[nodiscard]] bool isOverdue(std::optional<double> since) const noexcept;
 
   const OstraContext& context;
   const AuditOptions& options;
   const double now;
-  // Those of the first flow state machine; all have the same. Its table aside.
+  // Those of the first flow state machine; except for the table, all have the same.
   const OstraSm::Inputs* inputs = nullptr;
   Korm::Ptr<OpenFlowTable::HwStatus> hardware;  // or null
   Rows rows;

@@ -1,14 +1,14 @@
-// A JSON value (RFC 8259), as the text that it is written in.
+// A JSON value (RFC 8259), stored as its text.
 //
 //   Json line{{"type", "result"}, {"handle", handle}};
 //   line.add("message", text);
 //   out << line << '\n';
 //
 // Members stay in the order in which they are added. Bytes that are not UTF-8 are replaced by
-// U+FFFD, so that every text is JSON. Nothing but adding allocates, so an object can go when memory
-// has run out.
+// U+FFFD, so that every text is JSON. Only adding allocates, so an object can be destroyed when
+// memory has run out.
 //
-// Thread and process rule: a value, on one thread at a time.
+// Threads: a value, on one thread at a time.
 #pragma once
 
 #include <concepts>
@@ -30,11 +30,11 @@ class Json {
   // An object.
   Json(std::initializer_list<Member> members);
 
-  // What a value is written as follows from its type.
+  // The type of a value decides how it is written.
   Json(bool value) : text_{value ? "true" : "false"} {}  // NOLINT(google-explicit-constructor)
   template <std::integral Integer>
   Json(Integer value) : text_{std::to_string(value)} {}  // NOLINT(google-explicit-constructor)
-  // The shortest text that reads as the same number; null for what is none.
+  // The shortest text that reads back as the same number; null for NaN and infinity.
   Json(double value);             // NOLINT(google-explicit-constructor)
   Json(std::string_view value);   // NOLINT(google-explicit-constructor)
   Json(const std::string& value)  // NOLINT(google-explicit-constructor)

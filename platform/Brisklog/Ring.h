@@ -52,7 +52,7 @@ class Ring {
 
   [[nodiscard]] const std::string& shmName() const noexcept { return shmName_; }
   [[nodiscard]] std::size_t records() const noexcept;
-  // Others can go on reading under the name when this ring has gone, as after a crash.
+  // Keeps the name when this ring is destroyed, so that others can go on reading, as after a crash.
   void keepName() noexcept { name_.reset(); }
 
  private:

@@ -1,6 +1,6 @@
-// A descriptor of the system that is closed when its owner goes.
+// A file descriptor that is closed when its owner is destroyed.
 //
-// Thread and process rule: one thread at a time.
+// Threads: one thread at a time.
 #pragma once
 
 #include <unistd.h>
@@ -21,7 +21,7 @@ class Descriptor {
   }
 
   [[nodiscard]] int get() const noexcept { return number_; }
-  // False for what open() returns when it fails.
+  // False for -1, which open() returns when it fails.
   [[nodiscard]] bool isOpen() const noexcept { return number_ >= 0; }
 
  private:

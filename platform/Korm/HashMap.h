@@ -56,7 +56,7 @@ class HashIndex {
     return none;
   }
 
-  // Starts to load the words at which the search for this hash begins.
+  // Prefetches the words at which the search for this hash begins.
   void prefetch(std::uint32_t hash) const noexcept {
     if (!directory_.empty()) {
       Korm::prefetch(segment(hash) + (hash & mask_), sizeof(std::uint64_t));
@@ -150,8 +150,8 @@ class HashMap {
     return const_cast<HashMap*>(this)->find(key, hash);
   }
 
-  // Starts to load the elements with these hashes, for a caller that has other work to do before it
-  // looks them up: a look-up in a large map waits for memory twice. Changes nothing but the time.
+  // Prefetches the elements with these hashes, for a caller that has other work to do before it
+  // looks them up. A look-up in a large map otherwise waits for memory twice.
   void prefetch(std::span<const std::uint32_t> hashes) const noexcept {
     for (const std::uint32_t hash : hashes) {
       index_.prefetch(hash);

@@ -1,4 +1,4 @@
-// Bringing memory that is needed soon into the cache.
+// Prefetching: loads memory that is needed soon into the cache.
 #pragma once
 
 #include <cstddef>
@@ -6,8 +6,7 @@
 
 namespace Korm {
 
-// Starts to load the cache lines of the `size` bytes at `data`, and does not wait for them. Has no
-// effect but on time.
+// Prefetches the cache lines of the `size` bytes at `data`, without waiting for them.
 inline void prefetch(const void* data, std::size_t size) noexcept {
   constexpr std::uintptr_t cacheLine = 64;
   const auto* const start = static_cast<const std::byte*>(data);
@@ -15,7 +14,7 @@ inline void prefetch(const void* data, std::size_t size) noexcept {
   for (const auto* at = start - reinterpret_cast<std::uintptr_t>(start) % cacheLine; at < end;
        at += cacheLine) {
     __builtin_prefetch(at);
-    // Otherwise the compiler sees a function without effect and leaves out calls of it.
+    // Without this the compiler sees no effect and removes calls of the function.
     asm volatile("");
   }
 }

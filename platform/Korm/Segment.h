@@ -75,9 +75,9 @@ class Segment {
   [[nodiscard]] static std::unique_ptr<Segment> own(const SegmentName& name, std::size_t reserve,
                                                     const std::string& subject);
 
-  // Calls use(segment) for the existing object; false when there is none of that name. For whoever
-  // cleans up when memory has run out: it allocates nothing unless it fails. Throws: what `use`
-  // throws too.
+  // Calls use(segment) for the existing object; false when there is none of that name. It allocates
+  // nothing unless it fails, so it can clean up when memory has run out.
+  // Throws: as open(), and what `use` throws.
   template <class Use>
   static bool with(const SegmentName& name, Access access, std::size_t reserve,
                    const std::string& subject, Use use) {
@@ -127,7 +127,7 @@ class Segment {
   [[nodiscard]] static std::unique_ptr<Segment> make(Descriptor descriptor, Access access,
                                                      std::size_t reserve,
                                                      const std::string& subject);
-  // Of an object that is created here, which goes again when that fails.
+  // For an object that is created here; it is removed again when the constructor fails.
   [[nodiscard]] static std::unique_ptr<Segment> makeNamed(const SegmentName& name,
                                                           Descriptor descriptor,
                                                           std::size_t reserve,
