@@ -52,6 +52,21 @@ TEST_F(ServiceRows, WrittenAgainBeforeTheirResultHaveItAsAReport) {
   EXPECT_THAT(reports(), ElementsAre("1 code 0", "2 code 0"));
 }
 
+TEST_F(ServiceRows, PendUnderTheHandleByWhichTheLibraryKnowsTheirKey) {
+  const Flow flow{.number = 1, .group = 9, .table = 3};
+  apply({insert({.number = 1, .table = 3})});
+  service.corvexFlowDel("flow-1");
+  apply({remove(flow)});
+  apply({insert(flow)});  // refused, so the key is still that of the first
+  service.corvexFlowIs("flow-1");
+  agent.automaticIs(false);
+  apply({remove(flow)});
+  const auto pending = service.pending();
+  ASSERT_EQ(pending.size(), 1U);
+  EXPECT_EQ(pending[0].handle, 1U);
+  EXPECT_EQ(pending[0].table, 3U);
+}
+
 TEST_F(ServiceRows, OfFlowsAreShownInTheOrderOfTheirNumbers) {
   const Lines expected{"acl2",  "flow-9", "flow-010", "flow-10", "flow-100000000000000000000000",
                        "alpha", "zebra"};
