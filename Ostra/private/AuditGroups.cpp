@@ -1,4 +1,4 @@
-// Rows of action-profile members and groups against the Corvex groups.
+// Compares the rows of action-profile members and groups with the Corvex groups.
 
 #include <vector>
 
@@ -51,7 +51,7 @@ class GroupAudit {
       }
     }
     for (const GroupEntry* const group : strays) {
-      // A row whose very id is damaged may be the group's.
+      // The group may belong to a row whose id is damaged.
       std::size_t& corrupt = isMembers(group->id()) ? corruptMembers_ : corruptGroups_;
       if (corrupt > 0) {
         --corrupt;
@@ -64,11 +64,11 @@ class GroupAudit {
   // How the buckets of a group's members compare with its own.
   enum class Buckets : std::uint8_t {
     same_,
-    kept_,  // of a member whose row is gone
+    kept_,  // of a member whose row was deleted
     differ_,
   };
 
-  // Calls visit(row) for each intact row. How many are corrupt.
+  // Calls visit(row) for each intact row, and returns how many are corrupt.
   template <class Table, class Visit>
   std::size_t walk(const Korm::Ptr<Table>& table, const char* name, Visit visit) {
     std::size_t corrupt = 0;
@@ -90,7 +90,7 @@ class GroupAudit {
     return corrupt;
   }
 
-  // Whether a table has the row: null for one that is corrupt.
+  // Whether the table has the row; nothing if the row is corrupt.
   template <class Table, class Key>
   [[nodiscard]] static std::optional<bool> has(const Korm::Ptr<Table>& table, const Key& key) {
     try {
@@ -142,7 +142,7 @@ class GroupAudit {
       return;
     }
     if (preview.refusal && !has(inputs_.ipv4EncapTable, row.encapId)) {
-      return;  // what it should be cannot be known
+      return;  // the row cannot be read, so there is nothing to compare with
     }
     if (!preview.refusal && isIndirect(*group) && group->bucket().front() == preview.bucket) {
       return;
@@ -173,7 +173,7 @@ class GroupAudit {
     const GroupId id = ecmpGroupId(row.groupId);
     const auto refusal = machine_.refusalOf(row);
     const bool damaged = refusal && refusal->damaged;
-    // A list without members is passed over, so nothing is refused.
+    // A write skips a list without members, and does not record it as refused.
     const bool refused = machine_.refused(id) || (!damaged && row.memberIds().empty());
     behindDamage_ = behindDamage_ || damaged;
     const bool excused = refused || behindDamage_;
@@ -209,7 +209,7 @@ class GroupAudit {
     bool kept = false;
     for (std::size_t at = 0; at < members.size(); ++at) {
       kept = kept || has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
-      // One that is missing is told of already, or kept.
+      // A missing member has a finding already, or the group keeps its bucket.
       const GroupEntry* const member = present(memberGroupId(members[at]));
       if (member != nullptr &&
           (member->buckets() != 1 || !(member->bucket().front() == group.bucket()[at]))) {
@@ -220,7 +220,7 @@ class GroupAudit {
   }
 
   void strayGroup(const GroupEntry& group) {
-    // Nothing removes groups at start, so those of rows that were deleted before it stay.
+    // The start removes no groups, so those of rows that were deleted before it remain.
     const bool older = group.changeCount() <= machine_.startedAt();
     state_.finding(AuditKind::groupWithoutRow_, !older, corvexGroupName(group.id()),
                    "no such Corvex group", "the group",
@@ -232,10 +232,11 @@ class GroupAudit {
   const OstraEcmpGroupSm& machine_;
   const OstraEcmpGroupSm::Inputs& inputs_;
   Korm::HashSet<GroupId> accounted_;
-  // Whose group has not been found.
+  // Corrupt rows that no Corvex group was attributed to yet.
   std::size_t corruptMembers_ = 0;
   std::size_t corruptGroups_ = 0;
-  // The library stops at a damaged row, or a damaged list, so that it has not updated those behind.
+  // Set once a damaged row or list was met: the library stops there and does not update those
+  // behind.
   bool behindDamage_ = false;
 };
 

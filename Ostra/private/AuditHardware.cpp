@@ -1,4 +1,4 @@
-// The Corvex configuration against what the hardware says.
+// Compares the Corvex configuration with the statuses of the hardware.
 
 #include "Ostra/private/AuditState.h"
 #include "Ostra/private/StatusResults.h"
@@ -24,8 +24,8 @@ Answer answerOf(GroupStatus status) noexcept {
                                            : Answer::failed_;
 }
 
-// What the hardware says of one flow or group; `stats` is null when it says nothing. `since` gives
-// the time from which on an answer is due.
+// Checks one flow or group. `stats` are its statistics, or null. `since` returns the time of its
+// last write, from which an answer is due.
 template <class Stats, class Since>
 void auditOne(AuditState& state, const std::string& about, const Stats* stats, Since since) {
   const Answer answer = stats == nullptr ? Answer::none_ : answerOf(stats->status());

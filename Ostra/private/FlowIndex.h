@@ -24,8 +24,8 @@ struct HashedKey {
 };
 
 // Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow
-// counts against, and the entry handle under which it was written. And the keys whose last write
-// was refused, which an audit asks for.
+// counts against, and the entry handle under which it was written. Also records, for audits, the
+// keys whose last write was refused.
 //
 // Invariant: a key is in the map exactly while it has a VRF or a handle.
 class FlowIndex {
@@ -66,7 +66,7 @@ class FlowIndex {
     }
   }
 
-  // As Korm::HashMap::prefetch(), by the hashes of keys.
+  // See Korm::HashMap::prefetch(); takes the hashes of keys.
   void prefetch(std::uint32_t hash) const noexcept { map_.prefetch(hash); }
   void prefetch(std::span<const std::uint32_t> hashes) const noexcept { map_.prefetch(hashes); }
 
