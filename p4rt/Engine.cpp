@@ -34,7 +34,8 @@ p4::v1::Error errorOf(const std::optional<Fault>& fault) {
   return error;
 }
 
-// P4Runtime 1.4.1, 12.3: one error for each part of the request, in its order, as soon as one has failed.
+// P4Runtime 1.4.1, 12.3: one error for each part of the request, in its order, as soon as one has
+// failed.
 RpcStatus statusOf(const std::vector<std::optional<Fault>>& outcomes, std::string_view parts) {
   RpcStatus status;
   std::size_t failed = 0;
@@ -79,8 +80,8 @@ class Engine::State {
 
   std::vector<std::string> resume();
 
-  // Runs once everything accepted before is through; `refused` when the engine is shutting down. To end
-  // with finished().
+  // Runs once everything accepted before is through; `refused` when the engine is shutting down. To
+  // end with finished().
   using Task = std::function<void(bool refused)>;
   void accept(Task task) {
     tasks_.push_back(std::move(task));

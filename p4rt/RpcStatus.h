@@ -33,8 +33,8 @@ enum class Code : std::int32_t {
 struct RpcStatus {
   Code code = Code::ok_;
   std::string message{};
-  // One for each update or entity of the request, in its order, where one of them failed. Empty when all
-  // went well and when the request failed as a whole.
+  // One for each update or entity of the request, in its order, where one of them failed. Empty
+  // when all went well and when the request failed as a whole.
   std::vector<p4::v1::Error> details{};
 
   [[nodiscard]] bool ok() const noexcept { return code == Code::ok_; }

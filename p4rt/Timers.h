@@ -18,8 +18,8 @@ class Timers {
   Timers(const Timers&) = delete;
   Timers& operator=(const Timers&) = delete;
 
-  // Runs `work` once, not before `delay` has passed and never inside this call; with no delay as soon as
-  // the loop is free. Work of equal times runs in the order of the calls.
+  // Runs `work` once, not before `delay` has passed and never inside this call; with no delay as
+  // soon as the loop is free. Work of equal times runs in the order of the calls.
   virtual Id after(std::chrono::milliseconds delay, std::function<void()> work) = 0;
   // Forgets work that has not begun; others are ignored.
   virtual void cancel(Id timer) = 0;

@@ -1,8 +1,8 @@
 // Who may write: the election of a primary among the controllers of each role (P4Runtime 1.4.1, 5).
 //
-// It knows streams by numbers, and returns who is to be told what; it sends nothing itself. Each role is a
-// realm of its own, with one primary at most. A realm's highest election id ever seen is kept as long as the
-// arbitration lives (16.2).
+// It knows streams by numbers, and returns who is to be told what; it sends nothing itself. Each
+// role is a realm of its own, with one primary at most. A realm's highest election id ever seen is
+// kept as long as the arbitration lives (16.2).
 //
 // Thread and process rule: a plain value without threads.
 #pragma once
@@ -77,8 +77,8 @@ class Arbitration {
   // The role of a stream that takes part.
   [[nodiscard]] const Role& role(StreamId stream) const { return realmOf_.at(stream); }
 
-  // A write that was allowed begins, and is through. A primary that takes over from another is told, and
-  // may write, when the writes of its role that were under way are through (5.3).
+  // A write that was allowed begins, and is through. A primary that takes over from another is
+  // told, and may write, when the writes of its role that were under way are through (5.3).
   void writeBegins(const Role& role) { ++realms_.at(role).writes; }
   std::vector<Notice> writeEnds(const Role& role);
 

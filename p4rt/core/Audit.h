@@ -9,8 +9,8 @@
 
 namespace P4rt {
 
-// Asserts that the switch holds the rows, Corvex groups and VRF users of what is stored, and no others, and
-// that its own audit finds no fault.
+// Asserts that the switch holds the rows, Corvex groups and VRF users of what is stored, and no
+// others, and that its own audit finds no fault.
 // Requires: no batch is under way, and the library runs.
 void audit(const Pipeline& pipeline, const Store& store, const Sim::Service& service);
 

@@ -324,14 +324,15 @@ void Batch::undoStage(std::size_t stage, const std::vector<Job*>& jobs) {
   }
 }
 
-// A row that was deleted gets a handle of its own when it is written again, which those before it in the batch
-// then meet.
+// A row that was deleted gets a handle of its own when it is written again, which those before it
+// in the batch then meet.
 void Batch::takeUndone(Job& job, const Sim::Result& result) {
   job.restored = result.handle;
   if (job.change.op != Op::delete_) {
     return;
   }
-  // A member or group stays stored for those that use it, and is programmed when it is written again.
+  // A member or group stays stored for those that use it, and is programmed when it is written
+  // again.
   if (job.change.kind() == Sim::Kind::flow_ && !wentWell(result)) {
     Writes writes;
     appendRemoval(job.change, writes);

@@ -1,10 +1,11 @@
 // Carries out the updates of one Write, in order.
 //
-// Updates of one kind and one type that stand together go to the switch together: a run. The next one
-// begins when the hardware has answered for every update of this one or the batch's time is up. What the
-// switch has refused, and what has no answer by then, is undone before the next run, so each update meets
-// the state that those before it have left. What has gone well is kept: when its run is through, or of a
-// batch that rolls back at the end of all, together with what the keeper has noted before.
+// Updates of one kind and one type that stand together go to the switch together: a run. The next
+// one begins when the hardware has answered for every update of this one or the batch's time is up.
+// What the switch has refused, and what has no answer by then, is undone before the next run, so
+// each update meets the state that those before it have left. What has gone well is kept: when its
+// run is through, or of a batch that rolls back at the end of all, together with what the keeper
+// has noted before.
 //
 // Thread and process rule: the activity thread.
 // Ownership: the request and the parts outlive it.

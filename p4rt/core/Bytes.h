@@ -1,5 +1,5 @@
-// The byte strings in which P4Runtime writes numbers: big-endian, without leading zero bytes in what the
-// server says, with any number of them in what it is told (P4Runtime 1.4.1, 8.4).
+// The byte strings in which P4Runtime writes numbers: big-endian, without leading zero bytes in
+// what the server says, with any number of them in what it is told (P4Runtime 1.4.1, 8.4).
 //
 // Thread and process rule: plain values and functions without state.
 #pragma once

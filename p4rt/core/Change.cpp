@@ -10,8 +10,8 @@ using Sim::Update;
 
 const FlowChange* flowOf(const Change& change) { return std::get_if<FlowChange>(&change.what); }
 
-// The one shot that a flow brings along, and the one that it leaves behind; null for none. Keeping one is
-// neither.
+// The one shot that a flow brings along, and the one that it leaves behind; null for none. Keeping
+// one is neither.
 struct OneShots {
   const OneShot* fresh = nullptr;
   const OneShot* stale = nullptr;
@@ -91,8 +91,8 @@ void put(const GroupChange& change, GroupEntry&& entry, Store& store) {
   store.put(change.id, std::move(entry));
 }
 
-// A refused flow has counted its VRF, and deleting its row does not take that back. A row without it does;
-// before the hardware hears of that one it is deleted.
+// A refused flow has counted its VRF, and deleting its row does not take that back. A row without
+// it does; before the hardware hears of that one it is deleted.
 void appendVrfRelease(const FlowChange& change, const FlowEntry& entry, Writes& writes) {
   if (rowOf(change.key, entry).vrfGiven) {
     writes.push_back(write(Op::modify_, change, FlowEntry{}));

@@ -1,8 +1,8 @@
-// One update of a Write on its way: what it was before, and what is to be written to the switch to make it
-// and to undo it. The store already holds what it is meant to become.
+// One update of a Write on its way: what it was before, and what is to be written to the switch to
+// make it and to undo it. The store already holds what it is meant to become.
 //
-// A one shot takes stages: its hidden members and their group before the flow that uses them, and those that
-// a flow no longer uses after it.
+// A one shot takes stages: its hidden members and their group before the flow that uses them, and
+// those that a flow no longer uses after it.
 //
 // Thread and process rule: the activity thread.
 #pragma once
@@ -57,10 +57,12 @@ using Writes = std::vector<Sim::Update>;
 
 // Appends what a stage writes to the switch.
 void appendWrites(const Change& change, Stage stage, Store& store, Writes& writes);
-// Appends what undoes it. `refused`: the switch has not taken the main write, though the row is stored.
+// Appends what undoes it. `refused`: the switch has not taken the main write, though the row is
+// stored.
 void appendUndo(const Change& change, Stage stage, bool refused, Store& store, Writes& writes);
 
-// Marks the entry as written by this run. False, with the mark left alone, if the run has written it before.
+// Marks the entry as written by this run. False, with the mark left alone, if the run has written
+// it before.
 bool markRun(const Change& change, std::uint32_t run, Store& store);
 // The row of the entry has this handle from now on.
 void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store);
@@ -68,7 +70,8 @@ void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store)
 void appendRemoval(const Change& change, Writes& writes);
 // Ends the use of the hidden ids of what a change has replaced.
 void giveOldHidden(const Change& change, Store& store);
-// Puts the store back to what it held before, with the row under `handle` if it has been written again.
+// Puts the store back to what it held before, with the row under `handle` if it has been written
+// again.
 void revert(Change& change, P4Runtime::EntryHandle handle, Store& store);
 // Takes out what the store holds for it, if anything.
 void drop(const Change& change, Store& store);

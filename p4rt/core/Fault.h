@@ -10,8 +10,8 @@
 
 namespace P4rt {
 
-// What an update, a filter or a pipeline failed of. Thrown by whoever finds it, and caught where the answer
-// to the request is put together.
+// What an update, a filter or a pipeline failed of. Thrown by whoever finds it, and caught where
+// the answer to the request is put together.
 struct Fault {
   Code code = Code::invalidArgument_;
   std::string message{};

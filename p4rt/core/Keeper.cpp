@@ -73,8 +73,8 @@ void Keeper::note(const Change& change, const p4::v1::Entity& entity, Store& sto
   }
 }
 
-// What is put may be gone again, or another one, where a later update of the Write has changed it: that one's
-// note follows.
+// What is put may be gone again, or another one, where a later update of the Write has changed it:
+// that one's note follows.
 
 void Keeper::note(const FlowChange& what, Sim::Op op, const p4::v1::Entity& entity, Store& store) {
   if (op == Sim::Op::delete_) {

@@ -1,14 +1,15 @@
-// What outlives the process: the configurations that were set, and for every entry, member and group the
-// message that made it, in the shared memory of the switch.
+// What outlives the process: the configurations that were set, and for every entry, member and
+// group the message that made it, in the shared memory of the switch.
 //
-// The invariant: what is kept is what controllers have been told, or will be told next. The rows of the
-// switch run ahead of it while a Write is under way, and whoever resumes brings them in line with it
-// (Restoration.h). Therefore
-//  - an update is kept after the hardware has taken it and before the Write is answered, one after the other
-//    in their order: a process that dies leaves a first part of them, each whole;
-//  - the updates of a Write that rolls back are kept together, once all of them have gone well. So are a new
-//    configuration and the deletion of what it does not hold. What is kept together stands in a journal
-//    first, and then each thing in its place; whoever finds the journal carries it out once more;
+// The invariant: what is kept is what controllers have been told, or will be told next. The rows of
+// the switch run ahead of it while a Write is under way, and whoever resumes brings them in line
+// with it (Restoration.h). Therefore
+//  - an update is kept after the hardware has taken it and before the Write is answered, one after
+//    the other in their order: a process that dies leaves a first part of them, each whole;
+//  - the updates of a Write that rolls back are kept together, once all of them have gone well. So
+//    are a new configuration and the deletion of what it does not hold. What is kept together
+//    stands in a journal first, and then each thing in its place; whoever finds the journal carries
+//    it out once more;
 //  - what cannot be kept, because shared memory has run out, is undone and not answered with OK.
 //
 //   keeper.note(change, entity, store);  // as often as there is something to be kept together
@@ -42,8 +43,8 @@ class Keeper {
     member_ = 5,
     group_ = 6,
   };
-  // What is kept of an entry: the message, and the ids of its one shot in the switch (the group, then the
-  // members), if it is one.
+  // What is kept of an entry: the message, and the ids of its one shot in the switch (the group,
+  // then the members), if it is one.
   struct Flow {
     std::vector<Id> hidden;
     p4::v1::TableEntry entry;
@@ -57,7 +58,8 @@ class Keeper {
   // Notes that this configuration is committed and none is saved any more.
   void noteCommitted(const p4::v1::ForwardingPipelineConfig& config);
   void noteSaved(const p4::v1::ForwardingPipelineConfig& config);
-  // Keeps what has been noted. Throws: a Fault when shared memory has run out; nothing of it is kept then.
+  // Keeps what has been noted. Throws: a Fault when shared memory has run out; nothing of it is
+  // kept then.
   void keepNoted();
   void forgetNoted() noexcept;
   // What the change had before is lost.

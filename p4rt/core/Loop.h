@@ -1,8 +1,9 @@
 // The activity thread's loop: runs what other threads post to it, and timers.
 //
-// Thread and process rule: post() and stop() may be called from any thread, and never wait for the work under
-// way; the rest belongs to the thread that calls run(). Not from a signal handler.
-// Ownership: the loop owns the tasks. Those that wait when it is destroyed are destroyed with it, unrun.
+// Thread and process rule: post() and stop() may be called from any thread, and never wait for the
+// work under way; the rest belongs to the thread that calls run(). Not from a signal handler.
+// Ownership: the loop owns the tasks. Those that wait when it is destroyed are destroyed with it,
+// unrun.
 #pragma once
 
 #include <chrono>

@@ -1,8 +1,9 @@
 // A P4Info as the switch understands it: which of its tables, fields and actions mean what.
 //
-// A table says by its structured annotation @ostra which flow table it is: "table" (0 to 14, each once),
-// "type" (1: an exact ether type of IP becomes a layer-3 type) and "priority_group". Fields and parameters
-// mean what their names say (Words.h), whatever their ids are; an action says by @ostra which flags it sets.
+// A table says by its structured annotation @ostra which flow table it is: "table" (0 to 14, each
+// once), "type" (1: an exact ether type of IP becomes a layer-3 type) and "priority_group". Fields
+// and parameters mean what their names say (Words.h), whatever their ids are; an action says by
+// @ostra which flags it sets.
 //
 // Thread and process rule: constant after construction.
 // Ownership: tables, actions and the profile live as long as the pipeline and never move.

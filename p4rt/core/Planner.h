@@ -17,8 +17,8 @@ class Planner {
  public:
   Planner(const Pipeline& pipeline, Store& store) noexcept : pipeline_{pipeline}, store_{store} {}
 
-  // The change that the update stands for; the store holds it when this returns. Throws: a Fault, with the
-  // store as it was.
+  // The change that the update stands for; the store holds it when this returns. Throws: a Fault,
+  // with the store as it was.
   [[nodiscard]] Change plan(const p4::v1::Update& update);
 
  private:

@@ -13,9 +13,10 @@
 
 namespace P4rt {
 
-// Fills the store, which is empty, with what is kept, and makes the rows of the switch what the store stands
-// for: those that differ are written, those that are missing inserted, and all others deleted. What does not
-// fit any more is dropped; returns a text for each. Throws ResumeError when a row cannot be written.
+// Fills the store, which is empty, with what is kept, and makes the rows of the switch what the
+// store stands for: those that differ are written, those that are missing inserted, and all others
+// deleted. What does not fit any more is dropped; returns a text for each. Throws ResumeError when
+// a row cannot be written.
 // Requires: the library does not run.
 std::vector<std::string> restore(const Pipeline& pipeline, Keeper& keeper, Store& store,
                                  Sim::Service& service);

@@ -1,11 +1,13 @@
-// What the controller has written: entries of the tables, members and groups of the action profile, each
-// with the handle of its row in the switch.
+// What the controller has written: entries of the tables, members and groups of the action profile,
+// each with the handle of its row in the switch.
 //
-// References are counted: an entry uses its member or group, a group its members. The members and the group
-// that stand for a one shot in the switch are the entry's own and appear nowhere else here.
+// References are counted: an entry uses its member or group, a group its members. The members and
+// the group that stand for a one shot in the switch are the entry's own and appear nowhere else
+// here.
 //
 // Thread and process rule: the activity thread.
-// Ownership: points into the pipeline, which outlives it. What is found stays in place until it is taken.
+// Ownership: points into the pipeline, which outlives it. What is found stays in place until it is
+// taken.
 #pragma once
 
 #include <algorithm>
@@ -90,7 +92,8 @@ class Store {
   [[nodiscard]] MemberEntry* member(Id id);
   [[nodiscard]] GroupEntry* group(Id id);
 
-  // Each adds one that is not there, and counts what it uses, which is there. Returns it in its place.
+  // Each adds one that is not there, and counts what it uses, which is there. Returns it in its
+  // place.
   FlowEntry& put(const TableInfo& table, const Ostra::OstraKey& key, FlowEntry&& entry);
   MemberEntry& put(Id id, MemberEntry&& entry);
   GroupEntry& put(Id id, GroupEntry&& entry);

@@ -23,11 +23,11 @@ class SwitchWriter {
   // `answered` is called from within the service, so it calls nothing of it.
   SwitchWriter(Sim::Service& service, std::function<void()> answered);
 
-  // Applies the writes, of which no two are of the same row. Whether all are answered; otherwise `answered`
-  // is called when they are. Requires: the results before have been taken.
+  // Applies the writes, of which no two are of the same row. Whether all are answered; otherwise
+  // `answered` is called when they are. Requires: the results before have been taken.
   bool begin(std::span<const Sim::Update> writes);
-  // What has come of each, in order; pending_ of what the hardware has not answered. Nothing is waited for
-  // any more.
+  // What has come of each, in order; pending_ of what the hardware has not answered. Nothing is
+  // waited for any more.
   std::vector<Sim::Result> take();
 
   // Applies writes of any rows, and waits for nothing.

@@ -12,8 +12,8 @@
 
 namespace P4rt {
 
-// An action with its parameters, as it is stored: each value in its shortest form behind a byte of length,
-// in the order of the P4Info. Short enough, mostly, for no memory of its own.
+// An action with its parameters, as it is stored: each value in its shortest form behind a byte of
+// length, in the order of the P4Info. Short enough, mostly, for no memory of its own.
 struct PackedAction {
   const ActionInfo* action = nullptr;
   std::string params{};
@@ -21,7 +21,8 @@ struct PackedAction {
   friend bool operator==(const PackedAction&, const PackedAction&) = default;
 };
 
-// The key of the row that an entry stands for: match, priority, and the table's place. Throws: a Fault.
+// The key of the row that an entry stands for: match, priority, and the table's place. Throws: a
+// Fault.
 [[nodiscard]] Ostra::OstraKey keyOf(const TableInfo& table, const p4::v1::TableEntry& entry);
 // The same without the priority, which stays 0 and is not looked at.
 [[nodiscard]] Ostra::OstraKey matchOf(const TableInfo& table, const p4::v1::TableEntry& entry);

@@ -1,5 +1,5 @@
-// The words of a P4Info that the switch understands: names of match fields, of action parameters and of
-// flags. What a P4Info calls by such a name means this, whatever its ids are.
+// The words of a P4Info that the switch understands: names of match fields, of action parameters
+// and of flags. What a P4Info calls by such a name means this, whatever its ids are.
 //
 // Thread and process rule: constants and functions without state.
 #pragma once
@@ -36,8 +36,8 @@ struct FieldValue {
   Bits value;
   Bits mask;
 };
-// The fields that are given, in the order of the words; up to `fields.size()`, which all are. Returns how
-// many.
+// The fields that are given, in the order of the words; up to `fields.size()`, which all are.
+// Returns how many.
 std::size_t givenFields(const Ostra::OstraKey& key, std::span<FieldValue> fields);
 
 // What the actions with a parameter or a flag of that name are of.

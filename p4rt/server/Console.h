@@ -1,7 +1,9 @@
-// The console: commands of ostra-sim for the switch behind the server, from standard input or a file.
+// The console: commands of ostra-sim for the switch behind the server, from standard input or a
+// file.
 //
-// A thread of its own waits for input and posts each line to the loop; it reads the next one when that has
-// been played. Flows, members and groups are the controllers': the commands that write them are refused.
+// A thread of its own waits for input and posts each line to the loop; it reads the next one when
+// that has been played. Flows, members and groups are the controllers': the commands that write
+// them are refused.
 //
 // Thread and process rule: the loop's thread, but for the thread that reads.
 // Ownership: what it is made with outlives it.
@@ -32,11 +34,11 @@ class Console {
 
   // Starts the switch.
   void start() { interpreter_.start(); }
-  // Plays a file, at once, up to the first command that makes no sense. Returns whether there was none.
-  // Throws Cli::ReadError.
+  // Plays a file, at once, up to the first command that makes no sense. Returns whether there was
+  // none. Throws Cli::ReadError.
   [[nodiscard]] bool play(const std::string& file);
-  // Plays standard input line by line from now on, until its end. `quit` is called when somebody types
-  // that. Requires: called once.
+  // Plays standard input line by line from now on, until its end. `quit` is called when somebody
+  // types that. Requires: called once.
   void readInput(bool prompt, std::function<void()> quit);
 
  private:

@@ -10,8 +10,8 @@ namespace P4rt {
 
 class ListenAddress {
  public:
-  // Throws std::invalid_argument that says what is wrong when the text is no address or its host is not
-  // known.
+  // Throws std::invalid_argument that says what is wrong when the text is no address or its host is
+  // not known.
   explicit ListenAddress(std::string_view text);
 
   // Whether only this machine can reach it.

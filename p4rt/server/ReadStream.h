@@ -1,7 +1,8 @@
-// The answer to a Read: responses that are sent one after the other, as fast as the client takes them.
+// The answer to a Read: responses that are sent one after the other, as fast as the client takes
+// them.
 //
-// Thread and process rule: add() and finish() on the loop's thread, the first not after the second. From
-// finish() on gRPC's threads send by themselves, until all is sent.
+// Thread and process rule: add() and finish() on the loop's thread, the first not after the second.
+// From finish() on gRPC's threads send by themselves, until all is sent.
 // Ownership: a stream owns itself. It lives until `closed` has run, on the loop, after the RPC.
 #pragma once
 
@@ -25,8 +26,8 @@ class ReadStream final : public grpc::ServerWriteReactor<p4::v1::ReadResponse> {
 
   ReadStream(Loop& loop, grpc::CallbackServerContext& context) : loop_{loop}, context_{context} {}
 
-  // Clients accept messages of 4 MiB by default (P4Runtime 1.4.1, A.4.2): what is longer than that is sent
-  // in parts, of an entity at least.
+  // Clients accept messages of 4 MiB by default (P4Runtime 1.4.1, A.4.2): what is longer than that
+  // is sent in parts, of an entity at least.
   static constexpr std::size_t mostBytes = std::size_t{3} << 20;
 
   void add(p4::v1::ReadResponse&& response);

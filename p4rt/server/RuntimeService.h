@@ -1,10 +1,11 @@
 // The service p4.v1.P4Runtime: what stands between gRPC and the engine. It knows devices, roles and
 // controllers; what the requests say of the pipeline and its entries is the engine's.
 //
-// gRPC's threads call the methods of the service, which post to the loop and return. Everything else is
-// done on the loop's thread, which also finishes the RPCs.
+// gRPC's threads call the methods of the service, which post to the loop and return. Everything
+// else is done on the loop's thread, which also finishes the RPCs.
 //
-// Ownership: loop and engine outlive the service, and the loop runs until gRPC's server has shut down.
+// Ownership: loop and engine outlive the service, and the loop runs until gRPC's server has shut
+// down.
 #pragma once
 
 #include <grpcpp/grpcpp.h>

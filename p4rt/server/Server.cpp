@@ -8,8 +8,8 @@ namespace {
 
 // How long clients may take to take their last answers.
 constexpr std::chrono::seconds longestGoodbye{3};
-// When a client that has fallen silent is asked whether it is there, and how long it may take to answer: a
-// primary whose machine has gone must not stay the primary.
+// When a client that has fallen silent is asked whether it is there, and how long it may take to
+// answer: a primary whose machine has gone must not stay the primary.
 constexpr int keepaliveMs = 20'000;
 constexpr int keepaliveTimeoutMs = 10'000;
 // How often clients may ask the same.

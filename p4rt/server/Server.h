@@ -49,8 +49,8 @@ class Server {
 
   [[nodiscard]] int port() const noexcept { return port_; }
 
-  // Finishes the Write under way, answers all other requests with UNAVAILABLE, ends all streams and stops
-  // to listen; then calls `done`, on the loop. More calls change nothing.
+  // Finishes the Write under way, answers all other requests with UNAVAILABLE, ends all streams and
+  // stops to listen; then calls `done`, on the loop. More calls change nothing.
   void shutDown(std::function<void()> done);
 
  private:

@@ -1,11 +1,12 @@
 // One controller's StreamChannel.
 //
-// gRPC's threads only post to the loop, and everything is done there: messages come to the owner one by one,
-// the next one when the last has been dealt with; what is sent waits in a queue until the client takes it. A
-// client that takes nothing is cut off.
+// gRPC's threads only post to the loop, and everything is done there: messages come to the owner
+// one by one, the next one when the last has been dealt with; what is sent waits in a queue until
+// the client takes it. A client that takes nothing is cut off.
 //
 // Thread and process rule: the loop's thread, but for the construction and for what gRPC calls.
-// Ownership: a stream owns itself. It lives until the owner has been told closed(), and longer than the RPC.
+// Ownership: a stream owns itself. It lives until the owner has been told closed(), and longer than
+// the RPC.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -52,7 +53,8 @@ class StreamChannel final
   [[nodiscard]] StreamId id() const noexcept { return id_; }
 
   void send(Response message);
-  // Ends the stream, once what has been sent before is through. Nothing is received or sent after that.
+  // Ends the stream, once what has been sent before is through. Nothing is received or sent after
+  // that.
   void end(const grpc::Status& status);
 
   void OnReadDone(bool good) override;
@@ -71,7 +73,8 @@ class StreamChannel final
   Owner& owner_;
   grpc::CallbackServerContext& context_;
 
-  // The loop's thread; the request while nothing is read, the first response while nothing is written.
+  // The loop's thread; the request while nothing is read, the first response while nothing is
+  // written.
   StreamId id_ = 0;
   Request request_;
   std::deque<Response> outgoing_;

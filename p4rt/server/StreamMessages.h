@@ -19,8 +19,8 @@ namespace P4rt {
 [[nodiscard]] p4::v1::StreamMessageResponse noticeMessage(const Notice& notice,
                                                           std::uint64_t device, const Role& role);
 
-// Why a message that is no arbitration cannot be served, with the message (16.6). `fromPrimary`: its sender
-// is the primary of its role.
+// Why a message that is no arbitration cannot be served, with the message (16.6). `fromPrimary`:
+// its sender is the primary of its role.
 [[nodiscard]] p4::v1::StreamMessageResponse errorMessage(
     const p4::v1::StreamMessageRequest& refused, bool fromPrimary);
 

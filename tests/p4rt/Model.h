@@ -1,5 +1,5 @@
-// What a switch holds that controllers write to, written from the rules of P4Runtime and of the shipped
-// P4Info, and random updates for it.
+// What a switch holds that controllers write to, written from the rules of P4Runtime and of the
+// shipped P4Info, and random updates for it.
 #pragma once
 
 #include <functional>
@@ -24,11 +24,12 @@ class Model {
  public:
   // The outcome of an update on hardware that takes everything; "OK" has its effect.
   std::string apply(const Update& update);
-  // Takes what came of a Write. `mayFail`: whether an outcome is the hardware's, where OK was expected.
+  // Takes what came of a Write. `mayFail`: whether an outcome is the hardware's, where OK was
+  // expected.
   void answered(const WriteRequest& request, const Words& outcomes,
                 const std::function<bool(const std::string&)>& mayFail);
-  // What a Write may have made of it whose server died: a first part of the updates, or of one that rolls
-  // back all or nothing.
+  // What a Write may have made of it whose server died: a first part of the updates, or of one that
+  // rolls back all or nothing.
   [[nodiscard]] std::vector<Model> outcomes(const WriteRequest& request) const;
   // Without the entries of a table that is gone.
   [[nodiscard]] Model without(std::uint32_t table) const;
@@ -54,7 +55,8 @@ class RandomUpdates {
 
   int below(int limit) { return static_cast<int>(random_() % static_cast<unsigned>(limit)); }
   bool oneIn(int chances) { return below(chances) == 0; }
-  // `oneShots`: its action profile takes those, and no members and groups. `l3Acl`: it has that table.
+  // `oneShots`: its action profile takes those, and no members and groups. `l3Acl`: it has that
+  // table.
   WriteRequest write(const Model& model, bool oneShots, bool l3Acl = true);
 
  private:

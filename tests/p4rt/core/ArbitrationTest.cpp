@@ -17,8 +17,8 @@ namespace {
 
 constexpr std::uint64_t device = 1;
 
-// Random controllers of two roles. What they believe, from the notices alone, is compared with what the
-// claims that stand amount to.
+// Random controllers of two roles. What they believe, from the notices alone, is compared with what
+// the claims that stand amount to.
 class RandomArbitration {
  public:
   explicit RandomArbitration(unsigned seed) : random_{seed} {}

@@ -1,7 +1,7 @@
 // An engine on a real switch, with time that the test moves.
 //
-// What comes of updates is kept as words: "OK", "NOT_FOUND", "INVALID_ARGUMENT/15" with the library's number
-// where there is one.
+// What comes of updates is kept as words: "OK", "NOT_FOUND", "INVALID_ARGUMENT/15" with the
+// library's number where there is one.
 #pragma once
 
 #include <algorithm>

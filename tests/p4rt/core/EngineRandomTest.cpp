@@ -1,6 +1,7 @@
-// Random batches of all kinds against a model of what is to be stored, on hardware that is full, late or broken.
-// After every batch everything is read back, and the switch's own tables, groups and VRFs are looked at. Now
-// and then the process dies, also in the middle of a batch, and another one goes on with what it has kept.
+// Random batches of all kinds against a model of what is to be stored, on hardware that is full,
+// late or broken. After every batch everything is read back, and the switch's own tables, groups
+// and VRFs are looked at. Now and then the process dies, also in the middle of a batch, and another
+// one goes on with what it has kept.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -22,8 +23,8 @@ class EngineRandom : public Programmed {
   int below(int limit) { return random_.below(limit); }
   bool oneIn(int chances) { return random_.oneIn(chances); }
 
-  // Automatic, full, or late: programmed when the test says so, at random, or not in time. `certain`: it
-  // takes everything sooner or later.
+  // Automatic, full, or late: programmed when the test says so, at random, or not in time.
+  // `certain`: it takes everything sooner or later.
   void moodIs(bool certain) {
     const auto room = [&](int chances, int most) {
       return !certain && oneIn(chances) ? std::optional<std::size_t>(below(most)) : std::nullopt;

@@ -1,4 +1,5 @@
-// Table entries, members, groups and one shots: what is taken, what is refused and why, what is read back.
+// Table entries, members, groups and one shots: what is taken, what is refused and why, what is
+// read back.
 #include "EngineFixture.h"
 
 namespace P4rtTest {
@@ -72,7 +73,8 @@ using Refusals = std::vector<std::pair<std::string, std::vector<Update>>>;
 
 class RefusalTest : public Programmed {
  protected:
-  // Entry 1 with a VRF; members 1 and 2, group 1 of both, group 3 of member 1, routes 1 and 2 by group 1.
+  // Entry 1 with a VRF; members 1 and 2, group 1 of both, group 3 of member 1, routes 1 and 2 by
+  // group 1.
   RefusalTest() {
     EXPECT_THAT(write({insert(acl(1, does(4, {"\\007"}))), insert(member(1)), insert(member(2)),
                        insert(group(1, {{1, 2}, {2, 1}})), insert(group(3, {{1, 1}})),

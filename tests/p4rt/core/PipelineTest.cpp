@@ -1,4 +1,5 @@
-// Pipelines: which P4Infos the switch can realize, and what the actions on them do. Reads by filter.
+// Pipelines: which P4Infos the switch can realize, and what the actions on them do. Reads by
+// filter.
 #include <unistd.h>
 
 #include "EngineFixture.h"
@@ -263,7 +264,8 @@ TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   auto info = shippedP4Info();
   EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
   EXPECT_EQ(everything(), before);
-  // The ACL has no action forward any more, drop means something else, and there is room for one group.
+  // The ACL has no action forward any more, drop means something else, and there is room for one
+  // group.
   inTable(0, [](auto& t) { t.mutable_action_refs()->DeleteSubrange(1, 1); })(info);
   inFlag(1, "dec_ttl")(info);
   info.mutable_action_profiles(0)->set_size(3);

@@ -1,4 +1,5 @@
-// An ostra-p4rt that is killed at any moment while a controller writes, and goes on with what it has kept.
+// An ostra-p4rt that is killed at any moment while a controller writes, and goes on with what it
+// has kept.
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 
@@ -34,8 +35,8 @@ unsigned setting(const char* name, unsigned otherwise) {
   return value == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(value, nullptr, 10));
 }
 
-// The cookie of a pipeline says what it is like: whether its action profile takes one shots, and whether it
-// lacks the table l3Acl.
+// The cookie of a pipeline says what it is like: whether its action profile takes one shots, and
+// whether it lacks the table l3Acl.
 bool takesOneShots(std::uint64_t cookie) { return (cookie & 1U) != 0; }
 bool isReduced(std::uint64_t cookie) { return (cookie & 2U) != 0; }
 

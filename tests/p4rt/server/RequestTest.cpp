@@ -1,4 +1,5 @@
-// The requests as gRPC brings them: who may make them, how they end, and how much of that a client takes.
+// The requests as gRPC brings them: who may make them, how they end, and how much of that a client
+// takes.
 
 #include <string>
 #include <vector>

@@ -1,5 +1,5 @@
-// A P4Runtime server in this process, with the embedded switch behind it, and controllers that reach it over
-// a socket.
+// A P4Runtime server in this process, with the embedded switch behind it, and controllers that
+// reach it over a socket.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
