@@ -1,4 +1,5 @@
-// The command line of ostra-sim, and how it deals with its surroundings: files, pipes, terminals, signals.
+// The command line of ostra-sim, and how it deals with its surroundings: files, pipes, terminals,
+// signals.
 
 #include <unistd.h>
 

@@ -36,8 +36,8 @@ class Process {
   void write(std::string_view text);
   void closeInput();
   void closeOutput();
-  // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when it does
-  // not come.
+  // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when
+  // it does not come.
   std::string readUntil(std::string_view text);
   // All that it says up to the end of a line or its own end; empty when it ends without a word.
   std::string readLines();
