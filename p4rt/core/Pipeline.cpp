@@ -53,7 +53,9 @@ const config::StructuredAnnotation* annotationOf(const config::Preamble& preambl
 void checkOffered(const config::P4Info& info) {
   const auto none = [](const auto& objects, std::string_view what) {
     if (!objects.empty()) {
-      refuse(Code::invalidArgument_, std::string{what} + " are not offered");
+      std::string message{what};
+      message.append(" are not offered");
+      refuse(Code::invalidArgument_, std::move(message));
     }
   };
   none(info.counters(), "indirect counters");
