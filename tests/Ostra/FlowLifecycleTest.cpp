@@ -50,7 +50,7 @@ TEST_F(FlowLifecycle, StartsWithoutWhatMayBeMissing) {
                                ports, validation, statusInfo, batchStatus, telemetry);
   };
   store(flowInVrf(7, 1, 5));
-  startOn(nullptr, nullptr, table);
+  startOn(Korm::Ptr<OpenFlowTable::CorvexHwConfig>{}, nullptr, table);
   EXPECT_EQ(write(flowInVrf(8, 2, 5)), "");
   EXPECT_EQ(remove(flowInVrf(7, 1, 5)), "");
   EXPECT_EQ(books(5), neverUsed);
