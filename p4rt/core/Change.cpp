@@ -101,6 +101,14 @@ void appendVrfRelease(const FlowChange& change, const FlowEntry& entry, Writes& 
 template <class OtherChange, class Entry>
 void appendVrfRelease(const OtherChange& /*change*/, const Entry& /*entry*/, Writes& /*writes*/) {}
 
+// Whether a group had no members. The switch goes on with the members of a group that loses all of
+// them, so modifying it back is not enough.
+bool wasEmptyGroup(const GroupChange& change) { return change.former->members.empty(); }
+template <class OtherChange>
+bool wasEmptyGroup(const OtherChange& /*change*/) {
+  return false;
+}
+
 }  // namespace
 
 Ostra::OstraConfigEntry rowOf(const Ostra::OstraKey& key, const FlowEntry& entry) {
@@ -176,6 +184,9 @@ void appendUndo(const Change& change, Stage stage, bool refused, Store& store, W
             appendVrfRelease(what, entry, writes);
           }
           writes.push_back(write(Op::delete_, what, entry));
+        } else if (change.op == Op::modify_ && wasEmptyGroup(what)) {
+          writes.push_back(write(Op::delete_, what, *what.former));
+          writes.push_back(write(Op::insert_, what, *what.former));
         } else {
           const Op back = change.op == Op::modify_ ? Op::modify_ : Op::insert_;
           writes.push_back(write(back, what, *what.former));

@@ -131,12 +131,11 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
     EXPECT_EQ(agent->flowsProgrammed(), service->flows().size());
     EXPECT_EQ(agent->groupsProgrammed(), service->groups().size());
   }
-  EXPECT_THAT(seen_,
-              testing::IsSupersetOf(
-                  {"OK", "NOT_FOUND", "ALREADY_EXISTS", "INVALID_ARGUMENT", "ABORTED",
-                   "INVALID_ARGUMENT/15", "FAILED_PRECONDITION", "FAILED_PRECONDITION/15",
-                   "FAILED_PRECONDITION/16", "OUT_OF_RANGE", "UNIMPLEMENTED", "RESOURCE_EXHAUSTED",
-                   "RESOURCE_EXHAUSTED/1", "DEADLINE_EXCEEDED", "a part of a write"}));
+  EXPECT_THAT(seen_, testing::IsSupersetOf({"OK", "NOT_FOUND", "ALREADY_EXISTS", "INVALID_ARGUMENT",
+                                            "ABORTED", "INVALID_ARGUMENT/15", "FAILED_PRECONDITION",
+                                            "FAILED_PRECONDITION/15", "FAILED_PRECONDITION/16",
+                                            "OUT_OF_RANGE", "UNIMPLEMENTED", "RESOURCE_EXHAUSTED/1",
+                                            "DEADLINE_EXCEEDED", "a part of a write"}));
 }
 
 // The child has what the parent had, and the same shared memory.

@@ -68,6 +68,17 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
 
 using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
 
+TEST_F(HardwareTest, AGroupThatGetsNoRoomForItsFirstMembersStaysEmpty) {
+  EXPECT_THAT(write({insert(member(1)), insert(group(2, {}))}), ElementsAre("OK"));
+  agent->groupCapacityIs(1);
+  EXPECT_THAT(write({modify(group(2, {{1, 1}}))}), ElementsAre("RESOURCE_EXHAUSTED/1"));
+  EXPECT_EQ(service->groups().size(), 1U) << "the member's alone";
+  engine->verify();
+  agent->groupCapacityIs(std::nullopt);
+  EXPECT_THAT(write({modify(group(2, {{1, 1}}))}), ElementsAre("OK"));
+  engine->verify();
+}
+
 TEST_F(HardwareTest, EachStatusHasItsCode) {
   agent->automaticIs(false);
   const auto expectOutcome = [this](const WriteCall& call, const std::string& outcome) {
