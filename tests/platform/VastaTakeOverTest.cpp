@@ -166,8 +166,8 @@ TEST_F(VastaTakeOver, AnIndexThatWasReplacedKeepsItsSizeWhileAReaderElsewhereHas
     char byte = 0;
     ASSERT_EQ(::read(attached[0], &byte, 1), 1);
     insertUntil([&] { return !std::filesystem::exists(file); });
-    for (int change = 0; change < 1'000; ++change) {
-      table.is(Route::of(0, 1));
+    for (const std::uint64_t most = prefix + 1'000; prefix < most; ++prefix) {
+      table.is(Route::of(prefix, 1));
     }
     EXPECT_EQ(size(), whole);
   }
