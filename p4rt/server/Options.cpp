@@ -88,31 +88,33 @@ constexpr std::array words{
 constexpr std::string_view usageText =
     R"(Usage: ostra-p4rt [options]
 
-A switch that P4Runtime controllers program: the embedded switch behind a P4Runtime 1.4.1 server. It runs
-until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and ends.
+A switch that P4Runtime controllers program: the embedded switch behind a P4Runtime 1.4.1 server. It
+runs until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and ends.
 
   --listen HOST:PORT     where to listen; 127.0.0.1:9559 if not given, port 0 for any free one
   --device-id N          the device that controllers name; 1 if not given
   --config FILE          play the commands of the FILE first: ports, encapsulations, hw ...
-  --p4info FILE          a P4Info, in text form, that is checked and offered to whoever starts a controller;
-                         a controller sets its own
+  --p4info FILE          a P4Info, in text form, that is checked and offered to whoever starts a
+                         controller; a controller sets its own
   --write-timeout MS     how long the hardware may take to answer a Write; 5000 if not given
   --max-error-details BYTES
-                         how long the details of a failed RPC may be; 7900 if not given, since clients
-                         accept 8 KiB of metadata if nobody tells them otherwise
+                         how long the details of a failed RPC may be; 7900 if not given, since
+                         clients accept 8 KiB of metadata if nobody tells them otherwise
   --tls-cert FILE, --tls-key FILE
                          the server's certificate and its key (PEM): serve over TLS
   --client-ca FILE       serve only clients with a certificate that one of these has signed (PEM)
   --insecure             listen beyond this machine without TLS
   --console, --no-console
-                         read commands of ostra-sim from standard input; on a terminal this is the default
+                         read commands of ostra-sim from standard input; on a terminal this is the
+                         default
   --json                 print JSON, one object a line, in place of text
   --shm NAME             keep the tables and the trace ring in named shared memory, where
-                         'ostra-show NAME' reads them. One that is killed leaves them, and with them all
-                         that controllers have written
+                         'ostra-show NAME' reads them. One that is killed leaves them, and with
+                         them all that controllers have written
   --resume               go on with what a killed one has left under NAME
   --discard              remove what a killed one has left under NAME
-  --shm-group GROUP      let the GROUP, a name or a number, read that memory; otherwise its user alone can
+  --shm-group GROUP      let the GROUP, a name or a number, read that memory; otherwise its user
+                         alone can
   --trust-owner          go on with, or remove, what belongs to another user
   --help                 print this
   --version              print the version
