@@ -2,7 +2,6 @@
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -23,6 +22,7 @@
 
 #include "CliProgram.h"
 #include "CrashModel.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -345,7 +345,7 @@ class CliCrash : public testing::Test {
 
   static constexpr unsigned members = 6;
 
-  const std::string name_ = "ostra-crash-test-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName("ostra-crash-test");
   const unsigned patience_ = 12000;  // microseconds
   std::mt19937 random_{static_cast<unsigned>(setting("OSTRA_CRASH_SEED", 1))};
   Model model_;

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ using CliTest::Finished;
 using testing::HasSubstr;
 
 TEST(CliDamage, IsSaidByShowAndCheckAndGoesWithRemove) {
-  const std::string name = "ostra-damage-test-" + std::to_string(::getpid());
+  const std::string name = uniqueName("ostra-damage-test");
   {
     CliTest::Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
     process.write("insert flow priority=1 -> drop\ninsert flow priority=2 -> drop\necho ready\n");

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -93,8 +94,8 @@ class CliLimits : public testing::Test {
     return Process{"/bin/sh", {"-c", command}}.finish();
   }
 
-  const std::string name_ = "ostra-limits-test-" + std::to_string(::getpid());
-  const std::string other_ = "ostra-limits-other-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName("ostra-limits-test");
+  const std::string other_ = uniqueName("ostra-limits-other");
   std::unique_ptr<Process> switch_;
 };
 

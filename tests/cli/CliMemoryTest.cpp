@@ -5,7 +5,6 @@
 // OSTRA_MEMORY_STRIDE in the environment is the distance from one allocation that fails to the
 // next.
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -18,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -158,7 +158,7 @@ class CliMemory : public testing::Test {
     return shown;
   }
 
-  const std::string name_ = "ostra-memory-test-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName("ostra-memory-test");
 };
 
 std::string whole() {

@@ -1,7 +1,6 @@
 // The command line of ostra-sim, and how it deals with its surroundings: files, pipes, terminals,
 // signals.
 
-#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -13,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ TEST(CliOption, WhoeverDrivesItThroughPipesIsAnsweredAtOnce) {
 }
 
 TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
-  const std::string name = "ostra-signal-test-" + std::to_string(::getpid());
+  const std::string name = uniqueName("ostra-signal-test");
   Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
   process.write("echo ready\n");
   process.readUntil("ready");

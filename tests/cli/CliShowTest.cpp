@@ -1,6 +1,5 @@
 // ostra-show beside an ostra-sim that starts, stops and is killed.
 
-#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
@@ -15,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "CliProgram.h"
+#include "tests/UniqueName.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ class CliShow : public testing::Test {
  protected:
   ~CliShow() override { (void)CliTest::sim("", {"--shm", name_, "--discard"}); }
 
-  const std::string name_ = "ostra-show-test-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName("ostra-show-test");
 
   std::unique_ptr<Process> startSim() const {
     auto process = std::make_unique<Process>(

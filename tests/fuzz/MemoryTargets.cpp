@@ -17,6 +17,7 @@
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/SegmentNames.h"
 #include "platform/Vasta/Table.h"
+#include "tests/UniqueName.h"
 #include "tests/fuzz/Targets.h"
 
 namespace Fuzz {
@@ -129,10 +130,6 @@ void takeTableOver(const Vasta::TableOptions& options) {
   Korm::assertTrue(writer.size() == 0, "a table that was taken over can be emptied");
 }
 
-std::string uniqueName(const char* kind) {
-  return "fuzz-" + std::string{kind} + "-" + std::to_string(::getpid());
-}
-
 }  // namespace
 
 // The first byte chooses the segment, the second whether the reader, the next writer or both come
@@ -141,7 +138,7 @@ void table(Bytes bytes) {
   if (bytes.size() < 2) {
     return;
   }
-  const Vasta::TableOptions options{.name = "rows", .shmName = uniqueName("table")};
+  const Vasta::TableOptions options{.name = "rows", .shmName = uniqueName("fuzz-table")};
   {
     Vasta::Table<Row> writer{options};
     for (std::uint64_t number = 0; number < rows; ++number) {
@@ -184,7 +181,7 @@ void table(Bytes bytes) {
 void ring(Bytes bytes) {
   static constexpr Brisklog::TraceHandle handle{"Fuzz"};
   static constinit Brisklog::TracePoint point{handle, 5, "Fuzz::", "ring", " number %s of %s"};
-  const std::string name = uniqueName("ring");
+  const std::string name = uniqueName("fuzz-ring");
   const std::string damaged = name + "-damaged";
   (void)Brisklog::ringIs(Brisklog::Ring::create({.shmName = name, .records = 64}));
   for (unsigned number = 0; number < 80; ++number) {

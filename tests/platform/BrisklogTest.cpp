@@ -23,6 +23,7 @@
 #include "platform/Brisklog/TextTrace.h"
 #include "platform/Brisklog/TracePoint.h"
 #include "platform/Korm/Clock.h"
+#include "tests/UniqueName.h"
 
 // A value type of some library: a number in the ring, a name in the text.
 namespace Shapes {
@@ -84,7 +85,7 @@ class BrisklogTest : public testing::Test {
     return records.empty() ? DecodedRecord{} : records.front();
   }
 
-  static std::string shmName() { return "/brisklog-test-" + std::to_string(::getpid()); }
+  static std::string shmName() { return uniqueName("/brisklog-test"); }
 
   Strings texts_;
 };

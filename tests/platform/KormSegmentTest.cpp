@@ -12,6 +12,7 @@
 
 #include "platform/Brisklog/Ring.h"
 #include "platform/Korm/Segment.h"
+#include "tests/UniqueName.h"
 #include "tests/platform/VastaTestRecords.h"
 
 namespace Korm {
@@ -37,7 +38,7 @@ class SegmentTest : public testing::Test {
     }
   }
 
-  const SegmentName name_{"/segment-test-" + std::to_string(::getpid())};
+  const SegmentName name_{uniqueName("/segment-test")};
 };
 
 TEST_F(SegmentTest, IsItsUsersAloneUnlessAGroupIsNamed) {

@@ -1,5 +1,4 @@
 // Shared tables bound to entities: notification, and placement in named memory.
-#include <unistd.h>
 
 #include <array>
 #include <cstdint>
@@ -18,6 +17,7 @@
 #include "platform/KormVasta/TableEntity.h"
 #include "platform/Tessel/Tessel.h"
 #include "tests/Heard.h"
+#include "tests/UniqueName.h"
 
 namespace KormVasta {
 namespace {
@@ -99,7 +99,7 @@ class Owner final : public TableOwner<std::uint64_t> {
 
 class Placed : public testing::Test {
  protected:
-  Placed() : prefix_{"korm" + std::to_string(::getpid())} { Korm::activity().clear(); }
+  Placed() : prefix_{uniqueName("korm")} { Korm::activity().clear(); }
   ~Placed() override {
     sharedMemoryIs({});
     for (const char* path : {"routes/entry", "dir/routes/entry", "dir/routes/table"}) {

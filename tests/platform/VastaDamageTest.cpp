@@ -206,7 +206,6 @@ TEST_F(VastaDamage, ASuccessorRefusesOrTakesOverWhatIsWholeAndReportsTheRest) {
     } catch (const AttachError&) {
       ASSERT_TRUE(inHeader);
     }
-    Vasta::removeTable(*name);
   }
 }
 

@@ -20,6 +20,7 @@
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/Table.h"
 #include "tests/Sanitizers.h"
+#include "tests/UniqueName.h"
 
 namespace VastaTest {
 
@@ -83,8 +84,15 @@ struct Crowded {
 // A name that no other run of the tests uses; its table goes at the end.
 class TableName {
  public:
-  TableName() : name_{"test/" + std::to_string(::getpid()) + "." + std::to_string(++counter_)} {}
-  ~TableName() { Vasta::removeTable(name_); }
+  TableName() : name_{uniqueName("test/") + "." + std::to_string(++counter_)} {}
+  ~TableName() {
+    const Vasta::SegmentNames names{name_};
+    if (!Vasta::removeTable(names)) {  // its header is damaged
+      Korm::unlinkSegment(names.index(1));
+      Korm::unlinkSegment(names.rows());
+      Korm::unlinkSegment(names.header());
+    }
+  }
   TableName(const TableName&) = delete;
   TableName& operator=(const TableName&) = delete;
   [[nodiscard]] const std::string& operator*() const { return name_; }

@@ -15,6 +15,7 @@
 #include "platform/Vasta/Layout.h"
 #include "sim/SharedMemory.h"
 #include "sim/TablePaths.h"
+#include "tests/UniqueName.h"
 #include "tests/platform/ChildProcess.h"
 #include "tests/sim/SwitchFixture.h"
 
@@ -23,7 +24,7 @@ namespace {
 using Sim::Leftover;
 using Sim::SharedMemory;
 
-const std::string name = "ostra-resume-test-" + std::to_string(::getpid());
+const std::string name = uniqueName("ostra-resume-test");
 
 // Flips a bit of every `step`th byte in the rows of a table that nobody has open.
 void damageRows(const std::string& path, std::size_t from, std::size_t step) {

@@ -12,13 +12,14 @@
 
 #include "EngineFixture.h"
 #include "tests/Sanitizers.h"
+#include "tests/UniqueName.h"
 
 namespace P4rtTest {
 namespace {
 
 class EngineRandom : public Programmed {
  protected:
-  EngineRandom() : Programmed{"p4rt-random-" + std::to_string(::getpid())} {}
+  EngineRandom() : Programmed{uniqueName("p4rt-random")} {}
 
   int below(int limit) { return random_.below(limit); }
   bool oneIn(int chances) { return random_.oneIn(chances); }

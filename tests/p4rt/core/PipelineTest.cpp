@@ -1,8 +1,8 @@
 // Pipelines: which P4Infos the switch can realize, and what the actions on them do. Reads by
 // filter.
-#include <unistd.h>
 
 #include "EngineFixture.h"
+#include "tests/UniqueName.h"
 
 namespace P4rtTest {
 namespace {
@@ -196,7 +196,7 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
 
 class KeptPipeline : public PipelineTest {
  protected:
-  KeptPipeline() : PipelineTest{"p4rt-pipeline-" + std::to_string(::getpid())} {}
+  KeptPipeline() : PipelineTest{uniqueName("p4rt-pipeline")} {}
 };
 
 TEST_F(KeptPipeline, OutlivesTheProcessCommittedOrSaved) {

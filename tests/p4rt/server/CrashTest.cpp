@@ -3,7 +3,6 @@
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -22,6 +21,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/UniqueName.h"
 #include "tests/p4rt/Model.h"
 #include "tests/p4rt/server/TestProgram.h"
 
@@ -305,7 +305,7 @@ class P4rtCrash : public testing::Test {
     program_.reset();
   }
 
-  const std::string name_ = "p4rt-crash-test-" + std::to_string(::getpid());
+  const std::string name_ = uniqueName("p4rt-crash-test");
   RandomUpdates random_{setting("OSTRA_CRASH_SEED", 1)};
   std::optional<Program> program_;
   std::optional<Controller> controller_;

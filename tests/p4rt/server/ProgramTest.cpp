@@ -1,6 +1,5 @@
 // ostra-p4rt as a process: its options, its console and its end.
 
-#include <unistd.h>
 
 #include <csignal>
 #include <string>
@@ -9,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/UniqueName.h"
 #include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
@@ -100,7 +100,7 @@ TEST(ProgramTest, ASecondSignalEndsItAtOnce) {
 }
 
 TEST(ProgramTest, GoesOnWithWhatIsItsOwnAndLosesNothingSilently) {
-  const std::string name = "p4rt-program-" + std::to_string(::getpid());
+  const std::string name = uniqueName("p4rt-program");
   {
     Program killed{{"--no-console", "--shm", name}};
     Controller controller{killed.address(), {9}};
