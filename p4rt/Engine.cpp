@@ -34,8 +34,7 @@ p4::v1::Error errorOf(const std::optional<Fault>& fault) {
   return error;
 }
 
-// P4Runtime 1.4.1, 12.3: one error for each part of the request, in its order, as soon as one has
-// failed.
+// If a part of the request has failed: one error for each part, in order (P4Runtime 1.4.1, 12.3).
 RpcStatus statusOf(const std::vector<std::optional<Fault>>& outcomes, std::string_view parts) {
   RpcStatus status;
   std::size_t failed = 0;
@@ -58,9 +57,9 @@ RpcStatus noPipeline() {
   return {.code = Code::failedPrecondition_, .message = "no forwarding pipeline is set"};
 }
 
-// A configuration that the switch can realize.
+// A configuration that the switch can realize, with its pipeline.
 struct Realized {
-  // Throws: a Fault.
+  // Throws: Fault when the switch cannot realize it.
   explicit Realized(const ForwardingPipelineConfig& given)
       : config{given}, pipeline{std::make_unique<Pipeline>(given.p4info())} {}
 
@@ -80,8 +79,8 @@ class Engine::State {
 
   std::vector<std::string> resume();
 
-  // Runs once everything accepted before is through; `refused` when the engine is shutting down. To
-  // end with finished().
+  // A queued request. It runs when all requests before it have been answered, and ends by calling
+  // finished(). `refused`: the engine is shutting down.
   using Task = std::function<void(bool refused)>;
   void accept(Task task) {
     tasks_.push_back(std::move(task));
@@ -95,7 +94,8 @@ class Engine::State {
     done(std::move(status));
     finished();
   }
-  // A request whose only answer is a status.
+  // Queues a request that ends with a status. `work` is called with `done`, and either answers or
+  // throws Fault. While the engine is shutting down the request is answered with UNAVAILABLE.
   template <class Work>
   void acceptRequest(Done done, Work work) {
     accept([this, done = std::move(done), work = std::move(work)](bool refused) {
@@ -123,10 +123,11 @@ class Engine::State {
  private:
   void pump();
   void run(const WriteRequest& request, std::function<void(Batch::Outcomes&&)> done);
-  // `saved`: it is the saved one, and is so again when that fails.
+  // Commits a configuration and deletes all entities. `saved`: it is the saved configuration, and
+  // is saved again if this fails.
   void commit(Realized&& next, const Done& done, bool saved = false);
   void reconcile(Realized&& next, const Done& done);
-  // Deletes what `removal_` says, then puts the new configuration in place.
+  // Carries out removal_, then installs the new configuration and store.
   void replace(Realized&& next, std::unique_ptr<Store> store, const Done& done, bool saved);
 
   Sim::Service& service_;
@@ -140,7 +141,7 @@ class Engine::State {
   bool stopping_ = false;
 
   std::optional<Realized> committed_;
-  std::unique_ptr<Store> store_ = std::make_unique<Store>();  // points into the committed one
+  std::unique_ptr<Store> store_ = std::make_unique<Store>();  // points into committed_->pipeline
   std::optional<Realized> saved_;
   WriteRequest removal_;
   std::unique_ptr<Batch> batch_;
@@ -289,7 +290,7 @@ void Engine::State::reconcile(Realized&& next, const Done& done) {
 void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const Done& done,
                             bool saved) {
   keeper_.noteCommitted(next.config);
-  // A function object is copied, and what the batch is to leave behind cannot be.
+  // std::function needs copyable captures, and these objects cannot be copied.
   const auto after = std::make_shared<std::pair<Realized, std::unique_ptr<Store>>>(
       std::move(next), std::move(store));
   const auto install = [this, after, done] {

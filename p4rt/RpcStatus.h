@@ -1,6 +1,4 @@
-// How an RPC ends.
-//
-// Thread and process rule: plain values.
+// The status with which an RPC ends.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +9,7 @@
 
 namespace P4rt {
 
-// The canonical codes; the numbers are those of google.rpc.Code and of gRPC.
+// The canonical codes. The numbers are those of google.rpc.Code and of gRPC.
 enum class Code : std::int32_t {
   ok_ = 0,
   cancelled_ = 1,
@@ -33,8 +31,8 @@ enum class Code : std::int32_t {
 struct RpcStatus {
   Code code = Code::ok_;
   std::string message{};
-  // One for each update or entity of the request, in its order, where one of them failed. Empty
-  // when all went well and when the request failed as a whole.
+  // If an update of a Write or an entity of a Read failed: one error for each of them, in order.
+  // Empty when none failed, and when the request failed as a whole.
   std::vector<p4::v1::Error> details{};
 
   [[nodiscard]] bool ok() const noexcept { return code == Code::ok_; }

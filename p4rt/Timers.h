@@ -1,6 +1,6 @@
-// What the engine asks of the loop that drives it.
+// The timers that the engine needs from the loop that drives it.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include <chrono>
@@ -18,10 +18,11 @@ class Timers {
   Timers(const Timers&) = delete;
   Timers& operator=(const Timers&) = delete;
 
-  // Runs `work` once, not before `delay` has passed and never inside this call; with no delay as
-  // soon as the loop is free. Work of equal times runs in the order of the calls.
+  // Runs `work` once, after `delay` has passed, and never within this call. With a delay of 0 it
+  // runs as soon as the loop is free. Work that is due at the same time runs in the order of the
+  // calls.
   virtual Id after(std::chrono::milliseconds delay, std::function<void()> work) = 0;
-  // Forgets work that has not begun; others are ignored.
+  // Cancels work that has not begun. Other ids are ignored.
   virtual void cancel(Id timer) = 0;
 };
 

@@ -30,13 +30,13 @@ namespace {
 
 enum Status { success = 0, failure = 1, badInput = 2 };
 
-// An option or a file that makes no sense.
+// An invalid option or file.
 class BadInput : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// What gRPC logs is for those who work on it; what goes wrong here is said by the program.
+// The program reports its errors itself. The log of gRPC is for debugging only.
 void silenceGrpc() {
   if (std::getenv("GRPC_VERBOSITY") == nullptr) {
     ::gpr_set_log_function([](gpr_log_func_args* /*message*/) {});
@@ -87,7 +87,7 @@ class Program {
   }
 
  private:
-  // What was to be gone on with is lost only by a switch that has come up.
+  // Keeps the tables that were to be resumed, unless the server has come up.
   struct LeftoverGuard {
     ~LeftoverGuard() {
       if (leftover != nullptr && !program.up_) {
@@ -115,7 +115,7 @@ class Program {
     return !options_.json && ::isatty(STDIN_FILENO) == 1 && ::isatty(STDOUT_FILENO) == 1;
   }
 
-  // A P4Info that no controller could set is a mistake that is better seen now.
+  // Refuses a P4Info that no controller could set.
   void checkP4Info(P4rt::Engine& engine) const {
     if (options_.p4info.empty()) {
       return;

@@ -151,7 +151,7 @@ Notice Arbitration::noticeTo(const Realm& realm, StreamId stream) {
   return {.to = stream, .standing = standing, .highest = realm.highest};
 }
 
-// The backups first: they shall not believe in the old primary when the new one begins to write.
+// The backups come first, so that each knows of the new primary before that begins to write.
 std::vector<Notice> Arbitration::noticeToAll(const Realm& realm) {
   std::vector<Notice> notices;
   for (const auto& [stream, id] : realm.streams) {

@@ -1,10 +1,11 @@
-// Who may write: the election of a primary among the controllers of each role (P4Runtime 1.4.1, 5).
+// The election of a primary among the controllers of each role (P4Runtime 1.4.1, 5). Only a primary
+// may write.
 //
-// It knows streams by numbers, and returns who is to be told what; it sends nothing itself. Each
-// role is a realm of its own, with one primary at most. A realm's highest election id ever seen is
-// kept as long as the arbitration lives (16.2).
+// Streams are known by their ids. Each function returns the notices that the caller has to send;
+// nothing is sent from here. Roles are independent of each other: each has at most one primary, and
+// the highest election id that it has ever seen is remembered as long as this object lives (16.2).
 //
-// Thread and process rule: a plain value without threads.
+// Threads: one at a time.
 #pragma once
 
 #include <compare>
@@ -25,70 +26,77 @@ struct ElectionId {
   friend auto operator<=>(const ElectionId&, const ElectionId&) = default;
 };
 
-// Named since P4Runtime 1.4, numbered before. The default role has neither.
+// A role has a name since P4Runtime 1.4, and an id before that. The default role has neither.
 struct Role {
   std::string name{};
   std::uint64_t id = 0;
   friend auto operator<=>(const Role&, const Role&) = default;
 };
 
-// What a stream asks for.
+// What a controller asks for in a MasterArbitrationUpdate.
 struct Claim {
   std::uint64_t device = 0;
   Role role{};
   bool roleConfig = false;
-  std::optional<ElectionId> electionId{};  // nothing: to be a backup in any case (16.2.1)
+  std::optional<ElectionId> electionId{};  // nothing: the controller stays a backup (16.2.1)
 };
 
 using StreamId = std::uint64_t;
 
-enum class Standing : std::uint8_t { primary_, backup_, noPrimary_ };
+enum class Standing : std::uint8_t {
+  primary_,    // this controller is the primary
+  backup_,     // another controller is the primary
+  noPrimary_,  // there is no primary
+};
 
+// An answer to be sent to a controller.
 struct Notice {
   StreamId to = 0;
-  Standing standing = Standing::noPrimary_;  // backup_: there is a primary, another one
-  std::optional<ElectionId> highest{};       // ever seen
+  Standing standing = Standing::noPrimary_;
+  std::optional<ElectionId> highest{};  // the highest election id ever seen in the role
   friend bool operator==(const Notice&, const Notice&) = default;
 };
 
 class Arbitration {
  public:
-  // How many streams may take part.
+  // The number of streams that may take part.
   static constexpr std::size_t mostStreams = 128;
 
   explicit Arbitration(std::uint64_t device) : device_{device} {}
 
   struct Outcome {
-    RpcStatus refusal{};  // unless it is ok, the stream has no part any more and is to end
-    std::vector<Notice> notices{};  // in the order in which they are to be sent
+    RpcStatus refusal{};            // not OK: the stream no longer takes part and has to be ended
+    std::vector<Notice> notices{};  // in the order in which they have to be sent
   };
-  // A stream's first claim, or a later one.
+  // Handles the first or a later claim of a stream.
   Outcome claim(StreamId stream, const Claim& claim);
-  // The stream has ended. One that has no part changes nothing.
+  // Handles the end of a stream. Does nothing when the stream does not take part.
   std::vector<Notice> gone(StreamId stream);
 
-  // Whether a controller that names this role and this id may write now.
+  // OK when a request with this device, role and election id may write now.
   [[nodiscard]] RpcStatus check(std::uint64_t device, const Role& role,
                                 const std::optional<ElectionId>& electionId) const;
-  // The part of it that anybody has to pass.
+  // OK when this is the device. Requests that only read need no more.
   [[nodiscard]] RpcStatus checkDevice(std::uint64_t device) const;
-  // Whether that stream is its role's primary.
+  // Whether the stream is that of its role's primary.
   [[nodiscard]] bool isPrimary(StreamId stream) const;
-  // The role of a stream that takes part.
+  // The role of a stream.
+  // Requires: the stream takes part.
   [[nodiscard]] const Role& role(StreamId stream) const { return realmOf_.at(stream); }
 
-  // A write that was allowed begins, and is through. A primary that takes over from another is
-  // told, and may write, when the writes of its role that were under way are through (5.3).
+  // A write that check() has allowed begins, and ends. A primary that replaces another is notified,
+  // and may write, only when the writes in progress in its role have ended (5.3).
   void writeBegins(const Role& role) { ++realms_.at(role).writes; }
   std::vector<Notice> writeEnds(const Role& role);
 
  private:
+  // The state of a role.
   struct Realm {
     std::map<StreamId, std::optional<ElectionId>> streams;
     std::optional<ElectionId> highest;
     std::optional<StreamId> primary;
-    bool handover = false;   // the primary waits for writes that were under way before it
-    std::size_t writes = 0;  // under way
+    bool handover = false;   // the primary waits for the writes that began before it was elected
+    std::size_t writes = 0;  // in progress
   };
 
   [[nodiscard]] RpcStatus refusalOf(StreamId stream, const Claim& claim) const;
@@ -99,7 +107,7 @@ class Arbitration {
   // Constant after construction.
   const std::uint64_t device_;
 
-  std::map<Role, Realm> realms_;  // also of roles without streams
+  std::map<Role, Realm> realms_;  // roles stay here after their last stream has gone
   std::map<StreamId, Role> realmOf_;
 };
 

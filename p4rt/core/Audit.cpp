@@ -70,7 +70,7 @@ Holdings switchHoldings(const Sim::Service& service) {
   return holdings;
 }
 
-// The hardware may take as long as it likes.
+// The first fault in the switch's own audit, or empty. Slow hardware is no fault.
 std::string faultOf(const Sim::Service& service) {
   const auto report = service.audit({.answerLimit = std::numeric_limits<double>::infinity()});
   const auto& findings = report.value().findings;

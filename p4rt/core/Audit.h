@@ -1,6 +1,6 @@
-// Compares what is stored with what the switch holds.
+// Compares the store with the switch.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include "p4rt/core/Pipeline.h"
@@ -9,9 +9,9 @@
 
 namespace P4rt {
 
-// Asserts that the switch holds the rows, Corvex groups and VRF users of what is stored, and no
-// others, and that its own audit finds no fault.
-// Requires: no batch is under way, and the library runs.
+// Asserts that the rows, Corvex groups and VRF counts in the switch are exactly those of the stored
+// entities, and that the switch's own audit finds no fault.
+// Requires: no batch is in progress, and the library is running.
 void audit(const Pipeline& pipeline, const Store& store, const Sim::Service& service);
 
 }  // namespace P4rt

@@ -10,37 +10,37 @@ using P4Runtime::ErrorCode;
 using Sim::Op;
 using Sim::State;
 
-struct Verdict {
-  ErrorCode number;
+struct CodeMapping {
+  ErrorCode error;
   Code code;
-  std::string_view words;  // where the library has none
+  std::string_view message;  // used when the result has none
 };
 
-constexpr std::array verdicts{
-    Verdict{ErrorCode::hardwareResourceExhausted_, Code::resourceExhausted_,
-            "the hardware has no room"},
-    Verdict{ErrorCode::actionNotSupported_, Code::unimplemented_,
-            "the hardware does not support the action"},
-    Verdict{ErrorCode::matchNotSupported_, Code::unimplemented_,
-            "the hardware does not support the match"},
-    Verdict{ErrorCode::undefinedBehavior_, Code::invalidArgument_, ""},
-    Verdict{ErrorCode::notAllowed_, Code::invalidArgument_, ""},
-    Verdict{ErrorCode::invalidArgument_, Code::invalidArgument_, ""},
-    // The planner has seen to it that it exists.
-    Verdict{ErrorCode::notFound_, Code::failedPrecondition_, "the group is not ready"},
-    Verdict{ErrorCode::invalidMask_, Code::invalidArgument_, ""},
-    Verdict{ErrorCode::hardwareError_, Code::internal_, "the hardware has failed"},
+constexpr std::array codeMappings{
+    CodeMapping{ErrorCode::hardwareResourceExhausted_, Code::resourceExhausted_,
+                "the hardware has no room"},
+    CodeMapping{ErrorCode::actionNotSupported_, Code::unimplemented_,
+                "the hardware does not support the action"},
+    CodeMapping{ErrorCode::matchNotSupported_, Code::unimplemented_,
+                "the hardware does not support the match"},
+    CodeMapping{ErrorCode::undefinedBehavior_, Code::invalidArgument_, ""},
+    CodeMapping{ErrorCode::notAllowed_, Code::invalidArgument_, ""},
+    CodeMapping{ErrorCode::invalidArgument_, Code::invalidArgument_, ""},
+    // The planner has checked that the group exists, so this means that it is not programmed yet.
+    CodeMapping{ErrorCode::notFound_, Code::failedPrecondition_, "the group is not ready"},
+    CodeMapping{ErrorCode::invalidMask_, Code::invalidArgument_, ""},
+    CodeMapping{ErrorCode::hardwareError_, Code::internal_, "the hardware has failed"},
 };
 
 Fault faultOf(const Sim::Result& result) {
   Fault fault{.code = Code::unknown_,
               .message = result.message,
               .ostraCode = static_cast<std::int32_t>(result.code)};
-  for (const Verdict& verdict : verdicts) {
-    if (verdict.number == result.code) {
-      fault.code = verdict.code;
+  for (const CodeMapping& mapping : codeMappings) {
+    if (mapping.error == result.code) {
+      fault.code = mapping.code;
       if (fault.message.empty()) {
-        fault.message = verdict.words;
+        fault.message = mapping.message;
       }
     }
   }
@@ -66,7 +66,7 @@ Batch::Batch(const Parts& parts, const p4::v1::WriteRequest& request,
       done_{std::move(done)},
       rollsBack_{request.atomicity() == p4::v1::WriteRequest::ROLLBACK_ON_ERROR},
       planner_{parts.pipeline, parts.store},
-      // Called from within the service, so the batch goes on later.
+      // This is called from within the service, so the batch goes on later, from a timer.
       writer_{parts.service,
               [this] {
                 if (!wake_) {
@@ -147,7 +147,8 @@ void Batch::fillRun() {
   }
 }
 
-// What the planner refuses may be all right once the run is through: an update of it may fail.
+// The planner assumes that the updates of the run succeed. An update that it refuses may be valid
+// after one of them has failed, so it is planned again when the run has finished.
 bool Batch::planNext() {
   try {
     Change change = planner_.plan(request_.updates(static_cast<int>(next_)));
@@ -239,7 +240,7 @@ void Batch::finishRun() {
     if (failed(job)) {
       undone.push_back(&job);
     } else if (!rollsBack_) {
-      giveOldHidden(job.change, parts_.store);
+      releaseOldHidden(job.change, parts_.store);
     }
   }
   undo(undone);
@@ -278,7 +279,7 @@ bool Batch::keepAll() {
   try {
     parts_.keeper.keepNoted();
   } catch (Fault& fault) {
-    // Any of them is as good as the others.
+    // No update is to blame more than the others.
     outcomes_.front() = std::move(fault);
     return false;
   }
@@ -324,15 +325,15 @@ void Batch::undoStage(std::size_t stage, const std::vector<Job*>& jobs) {
   }
 }
 
-// A row that was deleted gets a handle of its own when it is written again, which those before it
-// in the batch then meet.
+// A deleted row that is written again gets a new handle. The entry must have it before earlier
+// updates of the batch are undone.
 void Batch::takeUndone(Job& job, const Sim::Result& result) {
   job.restored = result.handle;
   if (job.change.op != Op::delete_) {
     return;
   }
-  // A member or group stays stored for those that use it, and is programmed when it is written
-  // again.
+  // A member or group stays stored even if it was refused, because entities that use it may be
+  // restored too. It is programmed when it is written again.
   if (job.change.kind() == Sim::Kind::flow_ && !wentWell(result)) {
     Writes writes;
     appendRemoval(job.change, writes);
@@ -350,7 +351,7 @@ void Batch::rollBack() {
     }
     undo(jobs);
     for (const Job& job : *run) {
-      if (failed(job)) {  // of what could not be kept
+      if (failed(job)) {  // keepAll() has set its outcome
         continue;
       }
       outcomes_[job.update] = {Code::aborted_,
@@ -366,7 +367,7 @@ void Batch::rollBack() {
 void Batch::finish() {
   for (const auto& run : runs_) {
     for (const Job& job : run) {
-      giveOldHidden(job.change, parts_.store);
+      releaseOldHidden(job.change, parts_.store);
     }
   }
   if (deadline_) {

@@ -1,14 +1,16 @@
 // Carries out the updates of one Write, in order.
 //
-// Updates of one kind and one type that stand together go to the switch together: a run. The next
-// one begins when the hardware has answered for every update of this one or the batch's time is up.
-// What the switch has refused, and what has no answer by then, is undone before the next run, so
-// each update meets the state that those before it have left. What has gone well is kept: when its
-// run is through, or of a batch that rolls back at the end of all, together with what the keeper
-// has noted before.
+// Consecutive updates of the same type and the same kind of entity are written to the switch
+// together: a run. A run ends early at an update that the planner refuses, or that changes an
+// entity of the same run. The next run begins when the hardware has answered every update of this
+// one, or when the batch's time is up. Before that, updates that failed or were not answered are
+// undone, so that each update starts from the state that the updates before it have left.
 //
-// Thread and process rule: the activity thread.
-// Ownership: the request and the parts outlive it.
+// Successful updates are kept (Keeper.h): with CONTINUE_ON_ERROR at the end of each run, with
+// ROLLBACK_ON_ERROR at the end of the batch, together with what the keeper has noted before.
+//
+// Threads: the activity thread.
+// Ownership: the request and everything in Parts outlive the batch.
 #pragma once
 
 #include <chrono>
@@ -27,7 +29,7 @@ namespace P4rt {
 
 class Batch {
  public:
-  // By update of the request; nothing for one that went well.
+  // One for each update of the request; nothing for an update that succeeded.
   using Outcomes = std::vector<std::optional<Fault>>;
 
   struct Parts {
@@ -46,40 +48,45 @@ class Batch {
   Batch(const Batch&) = delete;
   Batch& operator=(const Batch&) = delete;
 
-  // Calls `done` once, before it returns or later. Called once.
+  // Calls `done` once, before this returns or later from a timer.
+  // Requires: called once.
   void start() { advance(); }
 
  private:
+  // One update of the run.
   struct Job {
-    std::size_t update;  // its place in the request
+    std::size_t update;  // its index in the request
     Change change;
-    std::size_t reached = 0;            // how many stages have been written
-    bool untouched = false;             // the service itself refused it, and no row was touched
-    bool refused = false;               // the row is stored, and the library would not have it
-    P4Runtime::EntryHandle restored{};  // of the row, once the job is undone
-    bool lost = false;                  // the switch would not take it again
+    std::size_t reached = 0;            // the number of stages that have been written
+    bool untouched = false;             // the service rejected the main write and changed no row
+    bool refused = false;               // the row is stored, but the main write failed
+    P4Runtime::EntryHandle restored{};  // the handle of the row after the job was undone
+    bool lost = false;                  // a deleted flow that the switch refused to restore
   };
 
+  // Plans and writes until the hardware has to be waited for or the batch is finished.
   void advance();
-  // The stage that was waited for is over.
+  // Goes on after the stage that was waited for.
   void resume();
+  // The batch's time is up.
   void expire();
-  // Plans updates up to where the run has to end.
+  // Plans updates until the run ends.
   void fillRun();
-  // False when the run has to be through before the next update can be planned.
+  // Plans the next update. False when the run has to finish first.
   [[nodiscard]] bool planNext();
-  // Writes the next stage of the run; whether the hardware has answered.
+  // Writes the next stage of the run. True when nothing has to be waited for.
   [[nodiscard]] bool writeStage();
+  // Takes the results of the stage.
   void takeStage();
   void finishRun();
-  // Keeps what the job has made; a fault is its outcome.
+  // Keeps the job's change. If that fails, the fault becomes the outcome of its update.
   void keep(const Job& job);
-  // The same for the whole batch. False when that failed.
+  // Keeps the changes of the whole batch together. False when that failed.
   [[nodiscard]] bool keepAll();
 
   [[nodiscard]] bool failed(const Job& job) const { return outcomes_[job.update].has_value(); }
   [[nodiscard]] Fault faultOf(const Sim::Result& result, const Sim::Update& write) const;
-  // Undoes what the jobs have written, and puts the store back.
+  // Undoes the jobs' writes and reverts their changes in the store.
   void undo(const std::vector<Job*>& jobs);
   void undoStage(std::size_t stage, const std::vector<Job*>& jobs);
   void takeUndone(Job& job, const Sim::Result& result);
@@ -98,11 +105,11 @@ class Batch {
   std::vector<Job> run_;
   std::uint32_t runNumber_ = 0;
   bool manyStages_ = false;           // some job of the run has more than the main stage
-  std::size_t stage_ = 0;             // that is written next
-  std::vector<std::size_t> written_;  // by write of the stage, the place of its job in the run
+  std::size_t stage_ = 0;             // the stage to be written next
+  std::vector<std::size_t> written_;  // for each write of the stage, the index of its job in run_
   Writes writes_;
-  std::vector<std::vector<Job>> runs_;  // that are through, in order, for rolling back
-  bool stopped_ = false;                // an update failed and everything is rolled back
+  std::vector<std::vector<Job>> runs_;  // with ROLLBACK_ON_ERROR: the finished runs, in order
+  bool stopped_ = false;                // an update failed and the batch will be rolled back
 
   std::optional<Timers::Id> deadline_;
   std::optional<Timers::Id> wake_;

@@ -10,8 +10,8 @@ using Sim::Update;
 
 const FlowChange* flowOf(const Change& change) { return std::get_if<FlowChange>(&change.what); }
 
-// The one shot that a flow brings along, and the one that it leaves behind; null for none. Keeping
-// one is neither.
+// The one shots that a change adds and removes, null for none. A change that keeps the one shot
+// does neither.
 struct OneShots {
   const OneShot* fresh = nullptr;
   const OneShot* stale = nullptr;
@@ -57,7 +57,17 @@ void appendHidden(const OneShots& shots, Stage stage, bool undo, Writes& writes)
   }
 }
 
-// The three kinds of change have the same shape; these tell them apart.
+void releaseHidden(const OneShot* shot, Store& store) {
+  if (shot == nullptr) {
+    return;
+  }
+  store.releaseHidden(shot->group);
+  for (const OneShot::Action& action : shot->actions) {
+    store.releaseHidden(action.member);
+  }
+}
+
+// Overloads for the three kinds of change, which are otherwise handled alike.
 
 Update write(Op op, const FlowChange& change, const FlowEntry& entry) {
   return Update::flow(op, change.table->index, rowOf(change.key, entry));
@@ -91,8 +101,8 @@ void put(const GroupChange& change, GroupEntry&& entry, Store& store) {
   store.put(change.id, std::move(entry));
 }
 
-// A refused flow has counted its VRF, and deleting its row does not take that back. A row without
-// it does; before the hardware hears of that one it is deleted.
+// A refused flow is still counted in its VRF, and deleting its row does not change that. Writing a
+// row without the VRF does. It is deleted in the same batch, before the hardware sees it.
 void appendVrfRelease(const FlowChange& change, const FlowEntry& entry, Writes& writes) {
   if (rowOf(change.key, entry).vrfGiven) {
     writes.push_back(write(Op::modify_, change, FlowEntry{}));
@@ -101,8 +111,8 @@ void appendVrfRelease(const FlowChange& change, const FlowEntry& entry, Writes& 
 template <class OtherChange, class Entry>
 void appendVrfRelease(const OtherChange& /*change*/, const Entry& /*entry*/, Writes& /*writes*/) {}
 
-// Whether a group had no members. The switch goes on with the members of a group that loses all of
-// them, so modifying it back is not enough.
+// Whether the group had no members before the change. A group that loses all its members goes on
+// forwarding by them, so that modifying it back would not undo the change.
 bool wasEmptyGroup(const GroupChange& change) { return change.former->members.empty(); }
 template <class OtherChange>
 bool wasEmptyGroup(const OtherChange& /*change*/) {
@@ -140,7 +150,7 @@ P4RuntimeRouting::NexthopInfo rowOf(Id id, const MemberEntry& entry) {
   return row;
 }
 
-// The switch's buckets have no weights, so a member stands in the list as often as its weight says.
+// The switch's buckets have no weights, so a member of weight n is listed n times.
 P4RuntimeRouting::EcmpMemberList rowOf(Id id, const GroupEntry& entry) {
   std::vector<Id> ids;
   for (const GroupEntry::Member& member : entry.members) {
@@ -228,22 +238,12 @@ void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store)
       change.what);
 }
 
-void giveOldHidden(const Change& change, Store& store) {
-  if (const OneShot* const stale = oneShotsOf(change, store).stale) {
-    store.giveHidden(stale->group);
-    for (const OneShot::Action& action : stale->actions) {
-      store.giveHidden(action.member);
-    }
-  }
+void releaseOldHidden(const Change& change, Store& store) {
+  releaseHidden(oneShotsOf(change, store).stale, store);
 }
 
 void revert(Change& change, P4Runtime::EntryHandle handle, Store& store) {
-  if (const OneShot* const fresh = oneShotsOf(change, store).fresh) {
-    store.giveHidden(fresh->group);
-    for (const OneShot::Action& action : fresh->actions) {
-      store.giveHidden(action.member);
-    }
-  }
+  releaseHidden(oneShotsOf(change, store).fresh, store);
   drop(change, store);
   std::visit(
       [&](auto& what) {

@@ -1,10 +1,12 @@
-// One update of a Write on its way: what it was before, and what is to be written to the switch to
-// make it and to undo it. The store already holds what it is meant to become.
+// One update of a Write while it is carried out. A change holds the entity as it was before the
+// update; the store already holds it as it will be. From both come the writes that make the change
+// in the switch, and those that undo it.
 //
-// A one shot takes stages: its hidden members and their group before the flow that uses them, and
-// those that a flow no longer uses after it.
+// A flow with a one shot needs hidden rows in the switch: a member for each action, and a group of
+// them. The new ones are written before the flow that uses them, and the old ones are deleted after
+// it. So a change is written in up to five stages.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include <array>
@@ -25,8 +27,8 @@ inline constexpr std::array stages{Stage::newMembers_, Stage::newGroup_, Stage::
 struct FlowChange {
   const TableInfo* table;
   Ostra::OstraKey key;
-  std::optional<FlowEntry> former{};  // of a modify or delete
-  bool keepsOneShot = false;          // of a modify without an action
+  std::optional<FlowEntry> former{};  // for a modify or delete
+  bool keepsOneShot = false;          // a modify without an action, which keeps the one shot
 };
 struct MemberChange {
   Id id;
@@ -41,39 +43,40 @@ struct Change {
   Sim::Op op;
   std::variant<FlowChange, MemberChange, GroupChange> what;
 
-  // In the order of the variant.
+  // The alternatives of the variant are in the order of Sim::Kind.
   [[nodiscard]] Sim::Kind kind() const noexcept { return static_cast<Sim::Kind>(what.index()); }
 };
 
-// The rows that entries stand for.
+// The rows that the switch stores for an entry, a member and a group.
 [[nodiscard]] Ostra::OstraConfigEntry rowOf(const Ostra::OstraKey& key, const FlowEntry& entry);
 [[nodiscard]] P4RuntimeRouting::NexthopInfo rowOf(Id id, const MemberEntry& entry);
 [[nodiscard]] P4RuntimeRouting::EcmpMemberList rowOf(Id id, const GroupEntry& entry);
 
-// Whether it has stages beside the main one.
+// Whether the change has writes in other stages than the main one.
 [[nodiscard]] bool hasHiddenRows(const Change& change, Store& store);
 
 using Writes = std::vector<Sim::Update>;
 
-// Appends what a stage writes to the switch.
+// Appends the writes of a stage.
 void appendWrites(const Change& change, Stage stage, Store& store, Writes& writes);
-// Appends what undoes it. `refused`: the switch has not taken the main write, though the row is
+// Appends the writes that undo a stage. `refused`: the main write failed, although its row is
 // stored.
 void appendUndo(const Change& change, Stage stage, bool refused, Store& store, Writes& writes);
 
-// Marks the entry as written by this run. False, with the mark left alone, if the run has written
-// it before.
+// Marks the entity as changed by this run. Returns false, and marks nothing, if the run has already
+// changed it.
 bool markRun(const Change& change, std::uint32_t run, Store& store);
-// The row of the entry has this handle from now on.
+// Sets the handle of the entity's row.
 void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store);
-// Appends what removes the row that an undone delete has written again and the switch has refused.
+// Appends the writes that remove a row which was written to undo a delete, and was refused.
 void appendRemoval(const Change& change, Writes& writes);
-// Ends the use of the hidden ids of what a change has replaced.
-void giveOldHidden(const Change& change, Store& store);
-// Puts the store back to what it held before, with the row under `handle` if it has been written
-// again.
+// Releases the hidden ids of the one shot that the change has replaced or deleted.
+// Requires: the change will not be undone.
+void releaseOldHidden(const Change& change, Store& store);
+// Reverts the change in the store. `handle` is the handle of the row that was written again, or 0
+// if the row has kept its own.
 void revert(Change& change, P4Runtime::EntryHandle handle, Store& store);
-// Takes out what the store holds for it, if anything.
+// Removes the entity from the store, if it is there.
 void drop(const Change& change, Store& store);
 
 }  // namespace P4rt

@@ -1,6 +1,4 @@
 // Why a part of a request is refused.
-//
-// Thread and process rule: plain values.
 #pragma once
 
 #include <string>
@@ -10,16 +8,16 @@
 
 namespace P4rt {
 
-// What an update, a filter or a pipeline failed of. Thrown by whoever finds it, and caught where
-// the answer to the request is put together.
+// The reason why an update, a filter or a pipeline failed. It is thrown where it is found, and
+// caught where the answer to the request is built.
 struct Fault {
   Code code = Code::invalidArgument_;
   std::string message{};
-  // The library's number, for what the library or the hardware has refused.
+  // The error code of the library, if the library or the hardware refused the update; otherwise 0.
   std::int32_t ostraCode = 0;
 };
 
-// Throws: a Fault.
+// Throws: Fault, always.
 [[noreturn]] inline void refuse(Code code, std::string message) {
   throw Fault{.code = code, .message = std::move(message)};
 }

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view format = "P4Runtime 1";
 
-// Before the bytes of each note.
+// Precedes the bytes of each note.
 struct NoteHead {
   std::uint64_t id;
   Keeper::Kind kind;
@@ -26,7 +26,7 @@ void appendBytes(std::string& to, const Value& value) {
   to.append(reinterpret_cast<const char*>(&value), sizeof value);
 }
 
-// False when there are not so many bytes.
+// False when there are too few bytes.
 template <class Value>
 bool takeBytes(std::string_view& from, Value& value) {
   if (from.size() < sizeof value) {
@@ -73,8 +73,8 @@ void Keeper::note(const Change& change, const p4::v1::Entity& entity, Store& sto
   }
 }
 
-// What is put may be gone again, or another one, where a later update of the Write has changed it:
-// that one's note follows.
+// When the notes of a whole batch are made, a later update may have changed or deleted the entity
+// again. The note of that update follows and is carried out after this one.
 
 void Keeper::note(const FlowChange& what, Sim::Op op, const p4::v1::Entity& entity, Store& store) {
   if (op == Sim::Op::delete_) {
@@ -153,7 +153,7 @@ void Keeper::keepNoted() {
   forgetNoted();
   try {
     catchUp();
-  } catch (const std::runtime_error&) {  // the journal says it all, and is tried again
+  } catch (const std::runtime_error&) {  // everything is in the journal; the next call tries again
   }
 }
 
@@ -188,7 +188,7 @@ void Keeper::drop(const Change& change) {
   }
   try {
     catchUp();
-  } catch (const std::runtime_error&) {  // it may come back then, which nobody was told of
+  } catch (const std::runtime_error&) {  // the journal may bring the entry back after a restart
   }
   if (const auto* const flow = std::get_if<FlowChange>(&change.what)) {
     drop(Kind::flow_, flow->former->kept);

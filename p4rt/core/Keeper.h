@@ -1,22 +1,22 @@
-// What outlives the process: the configurations that were set, and for every entry, member and
-// group the message that made it, in the shared memory of the switch.
+// Keeps in shared memory what has to survive the process: the committed and the saved pipeline
+// configuration, and for each entry, member and group the P4Runtime message that describes it.
 //
-// The invariant: what is kept is what controllers have been told, or will be told next. The rows of
-// the switch run ahead of it while a Write is under way, and whoever resumes brings them in line
-// with it (Restoration.h). Therefore
-//  - an update is kept after the hardware has taken it and before the Write is answered, one after
-//    the other in their order: a process that dies leaves a first part of them, each whole;
-//  - the updates of a Write that rolls back are kept together, once all of them have gone well. So
-//    are a new configuration and the deletion of what it does not hold. What is kept together
-//    stands in a journal first, and then each thing in its place; whoever finds the journal carries
-//    it out once more;
-//  - what cannot be kept, because shared memory has run out, is undone and not answered with OK.
+// Invariant: what is kept is what controllers have been told, or will be told next. While a Write
+// is in progress the rows of the switch are ahead of it; a process that resumes makes them match
+// it again (Restoration.h). Therefore
+// - an update is kept after the hardware has accepted it and before the Write is answered, one by
+//   one in order. A process that dies leaves a prefix of the updates, each of them complete.
+// - The updates of a Write with ROLLBACK_ON_ERROR are kept together, after all have succeeded. So
+//   are a new configuration and the deletion of the entities that it does not retain. What is kept
+//   together is first written to a journal, then to its place. A process that finds a journal
+//   carries it out again.
+// - An update that cannot be kept, because shared memory is full, is undone and fails.
 //
-//   keeper.note(change, entity, store);  // as often as there is something to be kept together
+//   keeper.note(change, entity, store);  // for each change that is to be kept together
 //   keeper.keepNoted();
 //
-// Thread and process rule: the activity thread.
-// Ownership: the blobs outlive it.
+// Threads: the activity thread.
+// Ownership: the blobs outlive the keeper.
 #pragma once
 
 #include <cstdint>
@@ -33,7 +33,7 @@ namespace P4rt {
 
 class Keeper {
  public:
-  // Of values in shared memory, so the numbers stay.
+  // The kinds of values in shared memory. The numbers never change.
   enum class Kind : Sim::Blobs::Kind {
     format_ = 0,
     journal_ = 1,
@@ -43,37 +43,39 @@ class Keeper {
     member_ = 5,
     group_ = 6,
   };
-  // What is kept of an entry: the message, and the ids of its one shot in the switch (the group,
-  // then the members), if it is one.
+  // What is kept of a table entry: the message and, for a one shot, the hidden ids of its group and
+  // then of its members.
   struct Flow {
     std::vector<Id> hidden;
     p4::v1::TableEntry entry;
   };
 
-  // Null for one that keeps nothing.
+  // With null nothing is kept. Only note(), noteCommitted(), noteSaved(), keepNoted(),
+  // forgetNoted() and drop(change) may then be called; they do nothing.
   explicit Keeper(Sim::Blobs* kept) noexcept : kept_{kept} {}
 
-  // Notes what a change, which the entity has asked for, has made of the store.
+  // Notes the entity as the change has left it in the store. `entity` is that of the update.
   void note(const Change& change, const p4::v1::Entity& entity, Store& store);
-  // Notes that this configuration is committed and none is saved any more.
+  // Notes that this configuration is committed, and that no configuration is saved any more.
   void noteCommitted(const p4::v1::ForwardingPipelineConfig& config);
   void noteSaved(const p4::v1::ForwardingPipelineConfig& config);
-  // Keeps what has been noted. Throws: a Fault when shared memory has run out; nothing of it is
-  // kept then.
+  // Keeps everything noted since the last call, atomically.
+  // Throws: Fault when shared memory is full. Then nothing of it is kept.
   void keepNoted();
   void forgetNoted() noexcept;
-  // What the change had before is lost.
+  // Removes the entry as it was before the change, because it could not be restored.
   void drop(const Change& change);
 
-  // What an earlier keeper has kept.
+  // What an earlier process has kept.
 
-  // False when there is nothing. Throws std::runtime_error for what is of another format.
+  // Completes an unfinished journal. False when nothing is kept.
+  // Throws: std::runtime_error when the format is of another version or shared memory is full.
   bool open();
-  // Begins to keep.
+  // Starts keeping in empty shared memory.
   void create();
   [[nodiscard]] std::optional<p4::v1::ForwardingPipelineConfig> config(Kind kind) const;
   [[nodiscard]] std::vector<std::uint64_t> ids(Kind kind) const;
-  // Each is nothing for a value that is none of that kind.
+  // These return nothing when the value is missing or cannot be parsed.
   [[nodiscard]] std::optional<Flow> flow(std::uint64_t id);
   template <class Message>
   [[nodiscard]] std::optional<Message> message(Kind kind, std::uint64_t id) const {
@@ -91,17 +93,17 @@ class Keeper {
   template <class Append>
   void notePut(Kind kind, std::uint64_t id, Append append);
   void noteDelete(Kind kind, std::uint64_t id);
-  // Puts and deletes what such notes say.
+  // Writes and deletes values as the notes say.
   void carryOut(std::string_view notes);
-  // Carries out the journal, if there is one.
+  // Carries out the journal, if there is one, and deletes it.
   void catchUp();
   [[nodiscard]] std::optional<std::string> find(Kind kind, std::uint64_t id) const;
 
   Sim::Blobs* const kept_;
-  std::uint64_t lastFlow_ = 0;
-  std::string noted_;
+  std::uint64_t lastFlow_ = 0;  // the last number assigned to a table entry
+  std::string noted_;           // the notes, each a head and its bytes
   std::size_t notes_ = 0;
-  std::string journal_;  // that stands in shared memory and is not carried out to its end
+  std::string journal_;  // a copy of the journal in shared memory; empty when there is none
 };
 
 }  // namespace P4rt

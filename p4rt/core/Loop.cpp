@@ -68,7 +68,7 @@ void Loop::runTimers() {
   if (timers_.empty()) {
     return;
   }
-  // Timers that these set wait for the next turn, so that none of them keeps tasks from running.
+  // Timers that are set meanwhile run in the next turn, so that tasks get to run between them.
   const std::pair last{Clock::now(), lastTimer_};
   while (!timers_.empty()) {
     const auto& [due, id] = timers_.begin()->first;

@@ -1,9 +1,8 @@
-// The activity thread's loop: runs what other threads post to it, and timers.
+// The loop of the activity thread. It runs timers, and the tasks that other threads post to it.
 //
-// Thread and process rule: post() and stop() may be called from any thread, and never wait for the
-// work under way; the rest belongs to the thread that calls run(). Not from a signal handler.
-// Ownership: the loop owns the tasks. Those that wait when it is destroyed are destroyed with it,
-// unrun.
+// Threads: post() and stop() may be called from any thread, though not from a signal handler. They
+// do not wait for the task that is running. Everything else belongs to the thread that calls run().
+// Ownership: the loop owns its tasks. Tasks that have not run are destroyed with it.
 #pragma once
 
 #include <chrono>
@@ -23,21 +22,21 @@ class Loop final : public Timers {
  public:
   using Task = std::function<void()>;
 
-  // Runs the task later on the loop's thread. Tasks run in the order in which they were posted.
+  // Runs the task later on the loop's thread. Tasks run in the order of posting.
   void post(Task task);
-  // Makes run() return when nothing is left that was posted.
+  // Makes run() return once all posted tasks have run.
   void stop();
 
   Id after(std::chrono::milliseconds delay, Task task) override;
   void cancel(Id timer) override;
 
-  // Runs tasks and timers until stop(). An exception that leaves one of them leaves here.
+  // Runs tasks and timers until stop(). Passes on an exception that leaves one of them.
   void run();
 
  private:
   using Clock = std::chrono::steady_clock;
 
-  // What has been posted, once there is some or a timer is due or the loop is to stop.
+  // Waits for a posted task, a due timer or stop(). Returns the posted tasks.
   [[nodiscard]] std::vector<Task> awaitTasks();
   void runTimers();
 
@@ -49,7 +48,7 @@ class Loop final : public Timers {
 
   // The loop's thread.
   std::map<std::pair<Clock::time_point, Id>, Task> timers_;
-  std::map<Id, Clock::time_point> dueTimes_;  // of those timers
+  std::map<Id, Clock::time_point> dueTimes_;  // of the timers above
   Id lastTimer_ = 0;
 };
 

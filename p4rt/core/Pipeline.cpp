@@ -21,7 +21,7 @@ constexpr std::string_view annotationName = "ostra";
   refuse(Code::invalidArgument_, std::move(message));
 }
 
-// Ids carry the kind of the object in their upper byte.
+// The upper byte of an id is the kind of the object.
 void checkId(std::string_view what, const config::Preamble& preamble,
              config::P4Ids::Prefix prefix) {
   if (preamble.id() >> 24U != static_cast<std::uint32_t>(prefix)) {
@@ -39,7 +39,7 @@ void insertOnce(std::string_view what, Map& map, std::uint32_t id,
   }
 }
 
-// The annotation of ours, or null.
+// The annotation @ostra, or null.
 const config::StructuredAnnotation* annotationOf(const config::Preamble& preamble) {
   for (const auto& annotation : preamble.structured_annotations()) {
     if (annotation.name() == annotationName) {
@@ -49,7 +49,7 @@ const config::StructuredAnnotation* annotationOf(const config::Preamble& preambl
   return nullptr;
 }
 
-// What the switch cannot do at all.
+// Refuses the kinds of objects that the switch does not have.
 void checkOffered(const config::P4Info& info) {
   const auto none = [](const auto& objects, std::string_view what) {
     if (!objects.empty()) {
@@ -152,7 +152,7 @@ bool isReference(const ActionInfo& action) {
   return hasWord(action, "group_id") || hasWord(action, "member_id");
 }
 
-// What the words of an action make of it as a whole.
+// Checks that the parameters and flags of an action may be combined.
 void checkAction(const ActionInfo& action) {
   const bool policer = hasWord(action, "policer_rate");
   if (policer != hasWord(action, "policer_burst")) {
@@ -233,7 +233,7 @@ ActionInfo readAction(const config::P4Info& info, const config::Action& action) 
   return read;
 }
 
-// What its entries would need.
+// Refuses the features of tables that the switch does not have.
 void checkEntries(const config::Table& table) {
   if (table.is_const_table() || table.has_initial_entries()) {
     reject("table", table.preamble().name(), "has entries of its own, which are not offered");
@@ -412,7 +412,7 @@ void Pipeline::readDefault(const config::Table& table, TableInfo& read) {
   read.constantDefault = table.const_default_action_id() != 0;
 }
 
-// A direct table may point at groups and members; they are the profile's.
+// An action of a direct table may refer to a group or member; that takes an action profile.
 void Pipeline::checkReferences() const {
   for (const auto& [id, action] : actions_) {
     if (isReference(action) && !profile_) {

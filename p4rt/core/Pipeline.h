@@ -1,12 +1,13 @@
-// A P4Info as the switch understands it: which of its tables, fields and actions mean what.
+// A P4Info as the switch understands it: the meaning of its tables, match fields and actions.
 //
-// A table says by its structured annotation @ostra which flow table it is: "table" (0 to 14, each
-// once), "type" (1: an exact ether type of IP becomes a layer-3 type) and "priority_group". Fields
-// and parameters mean what their names say (Words.h), whatever their ids are; an action says by
-// @ostra which flags it sets.
+// The structured annotation @ostra of a table maps it to a flow table of the switch: "table" is the
+// index, 0 to 14, each used once; "type" and "priority_group" become part of the key of each entry.
+// With type 1, an exact match on an ether type of IP becomes a layer-3 match. Match fields and
+// parameters have the meaning of their names (Words.h). The annotation @ostra of an action lists
+// its flags.
 //
-// Thread and process rule: constant after construction.
-// Ownership: tables, actions and the profile live as long as the pipeline and never move.
+// Threads: any; a pipeline is constant after construction.
+// Ownership: tables, actions and the profile live as long as the pipeline, at the same address.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +28,7 @@ struct FieldInfo {
   std::string name;
   int width;
   MatchKind kind;
-  std::size_t word;  // its place among the field words
+  std::size_t word;  // the index in fieldWords()
 };
 
 struct ParamInfo {
@@ -47,49 +48,50 @@ struct ActionInfo {
 
 struct ActionRef {
   const ActionInfo* action;
-  bool inEntries;
-  bool asDefault;
+  bool inEntries;  // allowed in entries
+  bool asDefault;  // allowed as the default action
 };
 
 struct ProfileInfo {
   std::uint32_t id;
   std::string name;
   bool selector;
-  std::int64_t size;          // 0: no limit
-  std::int32_t maxGroupSize;  // 0: no limit but the switch's
-  bool countsMembers;         // sizes are numbers of members, not sums of weights
-  std::int32_t maxWeight;     // of a member; 0: no limit
+  std::int64_t size;          // 0 for no limit
+  std::int32_t maxGroupSize;  // 0 for the limit of the switch
+  bool countsMembers;         // sizes are numbers of members, otherwise sums of weights
+  std::int32_t maxWeight;     // of a member, 0 for no limit
 };
 
 struct TableInfo {
   std::uint32_t id;
   std::string name;
-  std::uint8_t index;  // of the switch's flow table
+  std::uint8_t index;  // the flow table of the switch
   std::int32_t type;
   std::uint32_t priorityGroup;
   std::vector<FieldInfo> fields;
   std::vector<ActionRef> actions;
   const ActionInfo* defaultAction;  // null when the P4Info names none
   bool constantDefault;
-  const ProfileInfo* profile;  // null of a direct table
-  std::uint64_t size;          // 0: no limit
+  const ProfileInfo* profile;  // null for a direct table
+  std::uint64_t size;          // 0 for no limit
   bool counted;                // has a direct counter
-  bool prioritized;            // has a field that is not exact
+  bool prioritized;            // has a field that is not exact, so its entries have priorities
 
-  // Null when there is none of that id, or the table does not name it.
+  // Null when the table has no field or action with that id.
   [[nodiscard]] const FieldInfo* field(std::uint32_t fieldId) const noexcept;
   [[nodiscard]] const ActionRef* action(std::uint32_t actionId) const noexcept;
 };
 
 class Pipeline {
  public:
-  // Throws: a Fault that says what the switch cannot do.
+  // Throws: Fault when the P4Info is invalid or asks for what the switch does not support.
   explicit Pipeline(const p4::config::v1::P4Info& info);
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
 
+  // Null when there is none.
   [[nodiscard]] const TableInfo* table(std::uint32_t id) const noexcept;
-  // By id.
+  // All tables, by id.
   [[nodiscard]] const std::map<std::uint32_t, TableInfo>& tables() const noexcept {
     return tables_;
   }

@@ -39,7 +39,7 @@ const ActionInfo& entryAction(const TableInfo& table, std::uint32_t id) {
   return *ref->action;
 }
 
-// What no table of the switch has.
+// Refuses the features of a table entry that the switch does not have.
 void checkOffered(const TableInfo& table, const p4::v1::TableEntry& entry, bool fresh) {
   if (entry.is_const()) {
     refuse(invalid, "is_const is for entries of the P4 program");
@@ -85,7 +85,7 @@ void refuseWatch(const Message& message) {
   }
 }
 
-// A group counts by members or by weights, as its profile says.
+// The size of groups in the unit of the action profile: members or sum of weights.
 std::int64_t unitsOf(const ProfileInfo& profile, std::int64_t members, std::int64_t weights) {
   return profile.countsMembers ? members : weights;
 }
@@ -99,7 +99,7 @@ void checkWeight(const ProfileInfo& profile, std::int32_t weight) {
   }
 }
 
-// `total` without what is replaced.
+// `total` is the size of all groups, without the group that is replaced.
 void checkSize(const ProfileInfo& profile, std::int64_t total, std::int64_t members,
                std::int64_t weights, std::int64_t most) {
   const std::int64_t units = unitsOf(profile, members, weights);

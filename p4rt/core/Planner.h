@@ -1,7 +1,7 @@
-// Checks updates against the pipeline and what is stored, and makes changes of them.
+// Checks updates against the pipeline and the store, and turns them into changes.
 //
-// Thread and process rule: the activity thread.
-// Ownership: pipeline and store outlive it.
+// Threads: the activity thread.
+// Ownership: the pipeline and the store outlive the planner.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@ class Planner {
  public:
   Planner(const Pipeline& pipeline, Store& store) noexcept : pipeline_{pipeline}, store_{store} {}
 
-  // The change that the update stands for; the store holds it when this returns. Throws: a Fault,
-  // with the store as it was.
+  // Makes the update's change in the store, and returns it. The switch is not touched.
+  // Throws: Fault when the update is invalid, with the store unchanged.
   [[nodiscard]] Change plan(const p4::v1::Update& update);
 
  private:
@@ -31,8 +31,8 @@ class Planner {
   Change planGroup(Type type, const p4::v1::ActionProfileGroup& group);
   [[noreturn]] void planCounter(Type type, const p4::v1::DirectCounterEntry& counter);
 
-  // The entry with its action, without handle and metadata. Hidden ids are taken last.
-  // `former` is what it replaces, or null.
+  // A new entry with this action, still without handle and metadata. `former` is the entry that it
+  // replaces, or null. Hidden ids are taken last, after all checks.
   FlowEntry actionOf(const TableInfo& table, const p4::v1::TableAction& action,
                      const FlowEntry* former);
   FlowEntry directAction(const TableInfo& table, const p4::v1::Action& action);

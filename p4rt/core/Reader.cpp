@@ -18,14 +18,14 @@ const TableInfo& tableOf(const Pipeline& pipeline, std::uint32_t id) {
   return *table;
 }
 
-// 0 stands for all of them.
+// An id of 0 means all action profiles.
 void checkProfile(const Pipeline& pipeline, std::uint32_t id) {
   if (id != 0 && (!pipeline.profile() || pipeline.profile()->id != id)) {
     refuse(Code::notFound_, "there is no action profile " + std::to_string(id));
   }
 }
 
-// P4Runtime 1.4.1, 9.1.6.
+// A filter for all tables may have no other field (P4Runtime 1.4.1, 9.1.6).
 void checkNoFilter(const p4::v1::TableEntry& filter) {
   if (!filter.match().empty() || filter.has_action() || filter.priority() != 0 ||
       filter.controller_metadata() != 0 || !filter.metadata().empty() ||
@@ -34,7 +34,7 @@ void checkNoFilter(const p4::v1::TableEntry& filter) {
   }
 }
 
-// The action that the filter asks for, 0 for any.
+// The id of the action that the filter asks for, 0 for any.
 std::uint32_t actionFilter(const TableInfo& table, const p4::v1::TableEntry& filter) {
   if (!filter.has_action()) {
     return 0;

@@ -1,7 +1,7 @@
-// Answers Reads from what is stored; only counters are asked of the switch.
+// Answers a Read from the store. Only counters are read from the switch.
 //
-// Thread and process rule: the activity thread. Made for one Read.
-// Ownership: pipeline, store and service outlive it.
+// Threads: the activity thread.
+// Ownership: the pipeline, the store and the service outlive the reader.
 #pragma once
 
 #include <functional>
@@ -16,7 +16,7 @@ class Service;
 
 namespace P4rt {
 
-// Writes an entry as it is read, without its counter.
+// Writes an entry into a message, without its counter.
 void writeFlow(const TableInfo& table, const Ostra::OstraKey& key, const FlowEntry& flow,
                p4::v1::TableEntry& entry);
 
@@ -24,7 +24,7 @@ class Reader {
  public:
   using Emit = std::function<void(p4::v1::ReadResponse&&)>;
 
-  // `emit` gets `chunk` entities at a time.
+  // `emit` gets at most `chunk` entities at a time.
   Reader(const Pipeline& pipeline, Store& store, const Sim::Service& service, int chunk, Emit emit)
       : pipeline_{pipeline},
         store_{store},
@@ -32,9 +32,10 @@ class Reader {
         chunk_{chunk},
         emit_{std::move(emit)} {}
 
-  // Emits all that the filter lets through. Throws: a Fault for a filter that makes no sense.
+  // Emits the entities that match the filter.
+  // Throws: Fault when the filter is invalid.
   void read(const p4::v1::Entity& filter);
-  // Emits what has gathered.
+  // Emits the entities that are left. Call it after the last filter.
   void flush();
 
  private:

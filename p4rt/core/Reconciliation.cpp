@@ -27,7 +27,7 @@ Entities readAll(const Pipeline& pipeline, Store& store, const Sim::Service& ser
   return all;
 }
 
-// What is stored, in an order in which it can be deleted.
+// Everything stored, as messages.
 struct Stored {
   Stored(const Pipeline& pipeline, Store& store, const Sim::Service& service)
       : flows{readAll(pipeline, store, service,
@@ -50,13 +50,14 @@ void appendDeletes(Entities& entities, p4::v1::WriteRequest& request) {
   }
 }
 
-// Rows have no padding.
+// Rows have no padding, so their bytes can be compared.
 template <class Row>
 bool sameRow(const Row& a, const Row& b) {
   return std::memcmp(&a, &b, sizeof(Row)) == 0;
 }
 
-// The rows of a one shot in the switch stay what they are.
+// Gives the new one shot the hidden ids of the old one, whose rows stay in the switch. Returns
+// whether these rows are right for the new one. True when neither entry has a one shot.
 bool adoptHidden(const FlowEntry& before, FlowEntry& after) {
   if (!before.oneShot || !after.oneShot) {
     return !before.oneShot && !after.oneShot;
@@ -74,19 +75,19 @@ bool adoptHidden(const FlowEntry& before, FlowEntry& after) {
   return true;
 }
 
-class Keeper {
+class Reconciler {
  public:
-  Keeper(const Pipeline& present, Store& store, const Pipeline& next, Store& kept)
+  Reconciler(const Pipeline& present, Store& store, const Pipeline& next, Store& kept)
       : present_{present}, store_{store}, kept_{kept}, planner_{next, kept} {}
 
-  // Whether the new pipeline keeps it; the store for it then holds it.
-  bool keep(const p4::v1::Entity& entity) {
+  // Whether the entity is retained. If so, it is put into the new store.
+  bool retain(const p4::v1::Entity& entity) {
     p4::v1::Update update;
     update.set_type(p4::v1::Update::INSERT);
     *update.mutable_entity() = entity;
     try {
       Change change = planner_.plan(update);
-      const bool same = std::visit([&](auto& what) { return same_(entity, what); }, change.what);
+      const bool same = isSame(entity, change);
       if (!same) {
         drop(change, kept_);
       }
@@ -97,8 +98,18 @@ class Keeper {
   }
 
  private:
-  bool same_(const p4::v1::Entity& entity, const FlowChange& what) {
-    const TableInfo& before = *present_.table(entity.table_entry().table_id());
+  // Whether the entity stands for the same rows as before.
+  bool isSame(const p4::v1::Entity& entity, const Change& change) {
+    if (const auto* const flow = std::get_if<FlowChange>(&change.what)) {
+      return isSameFlow(*present_.table(entity.table_entry().table_id()), *flow);
+    }
+    if (const auto* const member = std::get_if<MemberChange>(&change.what)) {
+      return isSameById(member->id, *store_.member(member->id), *kept_.member(member->id));
+    }
+    const Id group = std::get<GroupChange>(change.what).id;
+    return isSameById(group, *store_.group(group), *kept_.group(group));
+  }
+  bool isSameFlow(const TableInfo& before, const FlowChange& what) {
     const FlowEntry* const was =
         before.index == what.table->index ? store_.flow(before, what.key) : nullptr;
     FlowEntry& is = *kept_.flow(*what.table, what.key);
@@ -110,14 +121,8 @@ class Keeper {
     is.kept = was->kept;
     return true;
   }
-  bool same_(const p4::v1::Entity& /*entity*/, const MemberChange& what) {
-    return sameById(what.id, *store_.member(what.id), *kept_.member(what.id));
-  }
-  bool same_(const p4::v1::Entity& /*entity*/, const GroupChange& what) {
-    return sameById(what.id, *store_.group(what.id), *kept_.group(what.id));
-  }
   template <class Entry>
-  static bool sameById(Id id, const Entry& was, Entry& is) {
+  static bool isSameById(Id id, const Entry& was, Entry& is) {
     is.handle = was.handle;
     return sameRow(rowOf(id, was), rowOf(id, is));
   }
@@ -142,17 +147,18 @@ Reconciliation reconcile(const Pipeline& present, Store& store, const Sim::Servi
                          const Pipeline& next) {
   Reconciliation result{.kept = std::make_unique<Store>(), .removal = {}};
   Stored stored{present, store, service};
-  Keeper keeper{present, store, next, *result.kept};
-  const auto prune = [&keeper](Entities& entities) {
-    Entities unfit;
+  Reconciler reconciler{present, store, next, *result.kept};
+  // Leaves the entities that are not retained.
+  const auto prune = [&reconciler](Entities& entities) {
+    Entities others;
     for (p4::v1::Entity& entity : entities) {
-      if (!keeper.keep(entity)) {
-        unfit.Add()->Swap(&entity);
+      if (!reconciler.retain(entity)) {
+        others.Add()->Swap(&entity);
       }
     }
-    entities.Swap(&unfit);
+    entities.Swap(&others);
   };
-  // What others use comes first.
+  // Groups use members, and entries use both.
   prune(stored.members);
   prune(stored.groups);
   prune(stored.flows);

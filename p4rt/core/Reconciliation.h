@@ -1,6 +1,6 @@
-// What becomes of the stored entities when another pipeline takes the place of the present one.
+// Decides what happens to the stored entities when another pipeline replaces the present one.
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include <memory>
@@ -12,14 +12,15 @@
 
 namespace P4rt {
 
-// Appends the updates that delete everything stored: entries, groups, members.
+// Appends the updates that delete everything stored: first entries, then groups, then members.
 void appendClearing(const Pipeline& pipeline, Store& store, const Sim::Service& service,
                     p4::v1::WriteRequest& request);
 
 struct Reconciliation {
-  // What the new pipeline keeps: that which, read back now and written then, makes the same rows.
+  // The entities that are retained, as the next pipeline describes them. An entity is retained when
+  // its message, read under the present pipeline and written under the next, makes the same rows.
   std::unique_ptr<Store> kept;
-  // Deletes the rest, under the present pipeline.
+  // Deletes the other entities. It is to be carried out under the present pipeline.
   p4::v1::WriteRequest removal;
 };
 [[nodiscard]] Reconciliation reconcile(const Pipeline& present, Store& store,

@@ -34,7 +34,7 @@ class Restorer {
       : keeper_{keeper}, store_{store}, service_{service}, planner_{pipeline, store} {}
 
   std::vector<std::string> run() {
-    // What others use comes first.
+    // Groups use members, and entries use both.
     each(Keeper::Kind::member_, "member",
          [this](std::uint64_t id, p4::v1::Entity& entity, std::vector<Id>& /*hidden*/) {
            return fill(Keeper::Kind::member_, id, *entity.mutable_action_profile_member());
@@ -66,6 +66,7 @@ class Restorer {
     return found.has_value();
   }
 
+  // Restores each value of a kind. `fill` reads one into a message; false when it is damaged.
   template <class Fill>
   void each(Keeper::Kind kind, std::string_view name, Fill fill) {
     for (const std::uint64_t id : keeper_.ids(kind)) {
@@ -101,12 +102,12 @@ class Restorer {
     }
     P4Runtime::EntryHandle handle;
     for (const Update& write : writes) {
-      handle = store(write);
+      handle = writeRow(write);
     }
     handleIs(change, handle, store_);
   }
 
-  // The rows of a one shot in the switch stay what they are.
+  // Gives the entry's one shot the hidden ids that were kept. False when their number is wrong.
   bool hiddenAre(FlowEntry& flow, const std::vector<Id>& hidden) {
     if (hidden.size() != (flow.oneShot ? 1 + flow.oneShot->actions.size() : 0)) {
       return false;
@@ -122,7 +123,8 @@ class Restorer {
     return true;
   }
 
-  P4Runtime::EntryHandle store(const Update& write) {
+  // Writes over the row, or inserts it if it is missing.
+  P4Runtime::EntryHandle writeRow(const Update& write) {
     Sim::Result result = service_.apply(modified(write)).front();
     if (result.state == Sim::State::rejected_) {
       result = service_.apply(write).front();
@@ -145,6 +147,7 @@ class Restorer {
     return result.handle;
   }
 
+  // Deletes the rows that no kept entity accounts for.
   void deleteOthers() {
     Writes writes;
     for (const Sim::TableView& table : service_.entries()) {
@@ -176,7 +179,7 @@ class Restorer {
   Sim::Service& service_;
   Planner planner_;
   std::vector<std::string> dropped_;
-  // What rows have to be there.
+  // The rows that were written.
   std::set<P4Runtime::EntryHandle> flows_;
   std::set<Id> members_;
   std::set<Id> groups_;

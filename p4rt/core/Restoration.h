@@ -1,6 +1,6 @@
-// Goes on with what an engine that is gone has kept.
+// Restores the store from what an earlier process has kept (Keeper.h).
 //
-// Thread and process rule: the activity thread.
+// Threads: the activity thread.
 #pragma once
 
 #include <string>
@@ -13,15 +13,15 @@
 
 namespace P4rt {
 
-// Fills the store, which is empty, with what is kept, and makes the rows of the switch what the
-// store stands for: those that differ are written, those that are missing inserted, and all others
-// deleted. What does not fit any more is dropped; returns a text for each. Throws ResumeError when
-// a row cannot be written.
-// Requires: the library does not run.
+// Fills the store with the kept entities and makes the rows of the switch match them: writes the
+// row of each entity and deletes all other rows. An entity that is damaged or does not fit the
+// pipeline is dropped. Returns a text for each of them.
+// Throws: ResumeError when a row cannot be written.
+// Requires: the store is empty, and the library is not running.
 std::vector<std::string> restore(const Pipeline& pipeline, Keeper& keeper, Store& store,
                                  Sim::Service& service);
 
-// Whether the switch stores no flow, member or group.
+// Whether the switch stores no rows of flows, members or groups.
 [[nodiscard]] bool storesNothing(const Sim::Service& service);
 
 }  // namespace P4rt

@@ -81,8 +81,6 @@ void Store::count(const FlowEntry& entry, int by) {
       groupMembers_ += by;
       groupWeights_ += by * action.weight;
     }
-  } else if (entry.kind != FlowEntry::Kind::direct_) {
-    indirectFlows_ += static_cast<std::size_t>(by);
   }
 }
 

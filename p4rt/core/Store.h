@@ -1,13 +1,13 @@
-// What the controller has written: entries of the tables, members and groups of the action profile,
-// each with the handle of its row in the switch.
+// What controllers have written: the table entries, and the members and groups of the action
+// profile, each with the handle of its row in the switch.
 //
-// References are counted: an entry uses its member or group, a group its members. The members and
-// the group that stand for a one shot in the switch are the entry's own and appear nowhere else
-// here.
+// References are counted: an entry uses its member or group, and a group uses its members. In the
+// switch a one shot is a hidden group with hidden members. They belong to the entry, and are not
+// among the members and groups here.
 //
-// Thread and process rule: the activity thread.
-// Ownership: points into the pipeline, which outlives it. What is found stays in place until it is
-// taken.
+// Threads: the activity thread.
+// Ownership: the store points into the pipeline, which outlives it. An entity stays at its address
+// until it is taken.
 #pragma once
 
 #include <algorithm>
@@ -28,36 +28,38 @@ namespace P4rt {
 
 using Id = P4Runtime::MemberOrGroupId;
 
-// An action set that an entry brings along.
+// The action set of an entry (P4Runtime 1.4.1, 9.2.3).
 struct OneShot {
   struct Action {
     PackedAction action;
     std::int32_t weight;
-    Id member;  // in the switch
+    Id member;  // the hidden member
   };
   std::vector<Action> actions;
-  Id group = 0;  // in the switch
+  Id group = 0;  // the hidden group
 };
 
 struct FlowEntry {
   enum class Kind : std::uint8_t { direct_, member_, group_, oneShot_ };
 
   P4Runtime::EntryHandle handle;
-  PackedAction action{};  // of a direct one
+  PackedAction action{};  // if direct_
   Kind kind = Kind::direct_;
-  Id member = 0;  // that it uses, 0 for none; also of a direct one whose action names one
-  Id group = 0;   // the same
+  // The member and group that the entry uses, 0 for none. The action of a direct entry may name
+  // one too.
+  Id member = 0;
+  Id group = 0;
   std::unique_ptr<OneShot> oneShot{};
   std::string metadata{};
   std::uint64_t controllerMetadata = 0;
-  std::uint32_t run = 0;   // of the batch under way that has written it last
-  std::uint64_t kept = 0;  // the number under which it is kept; 0 while it is not
+  std::uint32_t run = 0;   // the last run that has changed it (Batch.h)
+  std::uint64_t kept = 0;  // the number under which it is kept (Keeper.h); 0 when it is not kept
 };
 
 struct MemberEntry {
   P4Runtime::EntryHandle handle;
   PackedAction action{};
-  std::uint32_t users = 0;  // groups and entries
+  std::uint32_t users = 0;  // the groups and entries that use it
   std::uint32_t run = 0;
 };
 
@@ -69,7 +71,7 @@ struct GroupEntry {
   P4Runtime::EntryHandle handle;
   std::vector<Member> members{};
   std::int32_t maxSize = 0;
-  std::uint32_t users = 0;  // entries
+  std::uint32_t users = 0;  // the entries that use it
   std::uint32_t run = 0;
 };
 
@@ -87,46 +89,46 @@ class Store {
   [[nodiscard]] const Members& members() const noexcept { return members_; }
   [[nodiscard]] const Groups& groups() const noexcept { return groups_; }
 
-  // Null when there is none.
+  // Null when it is not stored.
   [[nodiscard]] FlowEntry* flow(const TableInfo& table, const Ostra::OstraKey& key);
   [[nodiscard]] MemberEntry* member(Id id);
   [[nodiscard]] GroupEntry* group(Id id);
 
-  // Each adds one that is not there, and counts what it uses, which is there. Returns it in its
-  // place.
+  // Adds an entity and returns the stored one. It is counted as a user of the entities it uses.
+  // Requires: no such entity is stored, and the entities that it uses are.
   FlowEntry& put(const TableInfo& table, const Ostra::OstraKey& key, FlowEntry&& entry);
   MemberEntry& put(Id id, MemberEntry&& entry);
   GroupEntry& put(Id id, GroupEntry&& entry);
-  // Each takes out one that is there.
+  // Removes an entity and returns it. It is no longer counted as a user.
+  // Requires: it is stored, which is asserted.
   FlowEntry takeFlow(const TableInfo& table, const Ostra::OstraKey& key);
   MemberEntry takeMember(Id id);
   GroupEntry takeGroup(Id id);
 
   [[nodiscard]] std::size_t oneShots() const noexcept { return oneShots_; }
-  // Entries whose action is a member or a group.
-  [[nodiscard]] std::size_t indirectFlows() const noexcept { return indirectFlows_; }
-  // Of all groups, one shots too: the members, and the sum of their weights.
+  // The number of members in all groups and one shots, and the sum of their weights.
   [[nodiscard]] std::int64_t groupMembers() const noexcept { return groupMembers_; }
   [[nodiscard]] std::int64_t groupWeights() const noexcept { return groupWeights_; }
 
-  // Ids in the switch for a one shot, from firstHidden on, none of which is in use.
+  // The hidden ids, from firstHidden on: for the member rows and the group row of a one shot.
+  // takeHidden() returns one that is not in use; releaseHidden() makes it available again.
   static constexpr Id firstHidden = 0x80000000U;
   [[nodiscard]] Id takeHidden();
-  void giveHidden(Id id) { freeHidden_.push_back(id); }
+  void releaseHidden(Id id) { freeHidden_.push_back(id); }
 
-  // This one is in use, and so may be any before it.
+  // Records that the id is in use. takeHidden() will only return greater ids, or released ones.
   void hiddenTaken(Id id) noexcept { nextHidden_ = std::max(nextHidden_, id + 1); }
 
-  // Those of this store become those of `before`, which it takes the place of.
+  // Takes over the state of the hidden ids from the store that this one replaces.
   void adoptHidden(const Store& before) {
     nextHidden_ = before.nextHidden_;
     freeHidden_ = before.freeHidden_;
   }
 
-  // A number that no run of a batch has had.
+  // A new number for a run of a batch.
   [[nodiscard]] std::uint32_t nextRun() noexcept { return ++run_; }
 
-  // Asserts that the counts are right.
+  // Asserts that the reference counts and oneShots() are right.
   void verify() const;
 
  private:
@@ -137,7 +139,6 @@ class Store {
   Members members_;
   Groups groups_;
   std::size_t oneShots_ = 0;
-  std::size_t indirectFlows_ = 0;
   std::int64_t groupMembers_ = 0;
   std::int64_t groupWeights_ = 0;
   Id nextHidden_ = firstHidden;

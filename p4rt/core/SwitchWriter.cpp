@@ -10,13 +10,13 @@ using Sim::Kind;
 using Sim::Op;
 using Sim::State;
 
-// A group's id in Corvex; a member is a group there whose upper half is 1.
+// The id of the Corvex group. A member is a Corvex group too, whose upper half is 1.
 Sim::GroupAnswers::GroupId groupIdOf(const Sim::Update& write) {
   return write.kind() == Kind::member_ ? OpenFlowTable::GroupId{1} << 32U | write.member().memberId
                                        : OpenFlowTable::GroupId{write.group().groupId};
 }
 
-// The hardware never hears of a group without members.
+// A group without members is not sent to the hardware.
 bool reachesHardware(const Sim::Update& write) {
   return write.kind() == Kind::member_ || write.op() == Op::delete_ ||
          !write.group().memberIds().empty();

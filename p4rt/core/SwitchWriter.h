@@ -1,10 +1,10 @@
-// Writes to the switch and waits for what the hardware answers.
+// Writes to the switch and waits for the answers of the hardware.
 //
 //   if (!writer.begin(writes)) { ... wait for `answered` ... }
 //   for (const Sim::Result& result : writer.take()) ...
 //
-// Thread and process rule: the activity thread.
-// Ownership: the service outlives it.
+// Threads: the activity thread.
+// Ownership: the service outlives the writer.
 #pragma once
 
 #include <functional>
@@ -20,21 +20,21 @@ namespace P4rt {
 
 class SwitchWriter {
  public:
-  // `answered` is called from within the service, so it calls nothing of it.
+  // `answered` is called from within the service, so it must not call the service.
   SwitchWriter(Sim::Service& service, std::function<void()> answered);
 
-  // Applies the writes, of which no two are of the same row. Whether all are answered; otherwise
-  // `answered` is called when they are. Requires: the results before have been taken.
+  // Applies the writes. Returns true when the hardware has answered all of them; otherwise
+  // `answered` is called when it has.
+  // Requires: no two writes are of the same row, and the previous results have been taken.
   bool begin(std::span<const Sim::Update> writes);
-  // What has come of each, in order; pending_ of what the hardware has not answered. Nothing is
-  // waited for any more.
+  // The result of each write, in order; pending_ where the hardware has not answered. Ends the
+  // waiting.
   std::vector<Sim::Result> take();
 
-  // Applies writes of any rows, and waits for nothing.
+  // Applies the writes without waiting for the hardware.
   std::vector<Sim::Result> applyNow(std::span<const Sim::Update> writes) {
     return service_.apply(writes);
   }
-  [[nodiscard]] const Sim::Service& service() const noexcept { return service_; }
 
  private:
   void await(std::size_t at, const Sim::Update& write);
@@ -46,10 +46,11 @@ class SwitchWriter {
   const std::function<void()> answered_;
   Sim::GroupAnswers groups_;
   std::vector<Sim::Result> results_;
-  Korm::HashMap<P4Runtime::EntryHandle, std::size_t> flowsAwaited_;  // by handle, the place
+  // The indexes in results_ of the writes that the hardware has not answered.
+  Korm::HashMap<P4Runtime::EntryHandle, std::size_t> flowsAwaited_;
   Korm::HashMap<Sim::GroupAnswers::GroupId, std::size_t> groupsAwaited_;
   std::size_t awaited_ = 0;
-  bool waiting_ = false;  // begin() has returned
+  bool waiting_ = false;  // from the end of begin() to take()
 
   Korm::MemberNotifiee<SwitchWriter, &SwitchWriter::handleReport, const Sim::Report&>
       reportNotifiee_;

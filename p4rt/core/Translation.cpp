@@ -11,7 +11,8 @@ namespace P4rt {
 namespace {
 
 constexpr std::size_t mostFields = static_cast<std::size_t>(Ostra::MatchFieldId::count_);
-// A P4Info names no parameter of an action twice, so there are no more than there are words.
+// An action has no parameter name twice (Pipeline.cpp), so it has at most as many parameters as
+// there are names. The limit is above that.
 constexpr std::size_t mostParams = 32;
 
 Bits numberOf(std::string_view what, const std::string& bytes, int width) {
@@ -74,7 +75,7 @@ void checkPriority(const TableInfo& table, std::int32_t priority) {
   }
 }
 
-// Calls visit(param, bytes) for each parameter.
+// Calls visit(param, value) for each parameter.
 template <class Visit>
 void forEachParam(const PackedAction& packed, Visit visit) {
   std::string_view rest = packed.params;
@@ -85,7 +86,7 @@ void forEachParam(const PackedAction& packed, Visit visit) {
   }
 }
 
-// As it is stored.
+// The value in the form in which it is stored.
 std::string_view storedValue(const ParamInfo& param, const std::string& value) {
   if (param.word->width != 0) {
     static_cast<void>(numberOf(param.name, value, param.word->width));

@@ -1,6 +1,4 @@
-// Between the messages of P4Runtime and the rows of the switch.
-//
-// Thread and process rule: functions without state.
+// Translates between the messages of P4Runtime and the rows of the switch.
 #pragma once
 
 #include <string>
@@ -12,8 +10,9 @@
 
 namespace P4rt {
 
-// An action with its parameters, as it is stored: each value in its shortest form behind a byte of
-// length, in the order of the P4Info. Short enough, mostly, for no memory of its own.
+// An action with its parameter values, as it is stored. `params` holds each value in its shortest
+// form, preceded by a byte with its length, in the order of the P4Info. That is mostly short enough
+// for the string to need no heap memory.
 struct PackedAction {
   const ActionInfo* action = nullptr;
   std::string params{};
@@ -21,19 +20,21 @@ struct PackedAction {
   friend bool operator==(const PackedAction&, const PackedAction&) = default;
 };
 
-// The key of the row that an entry stands for: match, priority, and the table's place. Throws: a
-// Fault.
+// The key of the entry's row: match, priority, table type and priority group.
+// Throws: Fault when the match or the priority is invalid.
 [[nodiscard]] Ostra::OstraKey keyOf(const TableInfo& table, const p4::v1::TableEntry& entry);
-// The same without the priority, which stays 0 and is not looked at.
+// The same with priority 0. The priority of the entry is not checked.
+// Throws: Fault when the match is invalid.
 [[nodiscard]] Ostra::OstraKey matchOf(const TableInfo& table, const p4::v1::TableEntry& entry);
-// Writes table, match and priority of an entry.
+// Writes the table id, the match and the priority of an entry.
 void writeKey(const TableInfo& table, const Ostra::OstraKey& key, p4::v1::TableEntry& entry);
 
-// Throws: a Fault for parameters that are not those of the action.
+// Throws: Fault when the parameters are not those of the action, or a value is too wide.
 [[nodiscard]] PackedAction packAction(const ActionInfo& info, const p4::v1::Action& action);
 void writeAction(const PackedAction& packed, p4::v1::Action& action);
 
-// Fill in what the action does. Throws: a Fault for a value that the switch cannot hold.
+// Writes the action into a row.
+// Throws: Fault when the switch cannot hold a value.
 void applyAction(const PackedAction& packed, Ostra::OstraConfigEntry& row);
 void applyAction(const PackedAction& packed, P4RuntimeRouting::NexthopInfo& row);
 

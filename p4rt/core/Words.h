@@ -1,7 +1,5 @@
-// The words of a P4Info that the switch understands: names of match fields, of action parameters
-// and of flags. What a P4Info calls by such a name means this, whatever its ids are.
-//
-// Thread and process rule: constants and functions without state.
+// The names that the switch understands in a P4Info: those of match fields, of action parameters
+// and of flags. The name alone gives an object its meaning; ids are free.
 #pragma once
 
 #include <cstddef>
@@ -23,44 +21,53 @@ struct FieldWord {
   bool exact;  // the switch takes no mask for it
 };
 
-// In the order of the fields of Ostra::OstraKey.
+// All match fields, in the order of the fields of Ostra::OstraKey.
 [[nodiscard]] std::span<const FieldWord> fieldWords() noexcept;
-// The place of that name among them, or their number.
+// The index of the name in fieldWords(), or fieldWords().size() when it is unknown.
 [[nodiscard]] std::size_t findFieldWord(std::string_view name) noexcept;
 
-// Writes the field at that place. Throws: a Fault for a value that the switch cannot hold.
+// Writes the field with that index.
+// Throws: Fault when the switch cannot hold the value.
 void putField(Ostra::OstraKey& key, std::size_t field, const Bits& value, const Bits& mask);
 
 struct FieldValue {
-  std::size_t field;
+  std::size_t field;  // the index in fieldWords()
   Bits value;
   Bits mask;
 };
-// The fields that are given, in the order of the words; up to `fields.size()`, which all are.
-// Returns how many.
+// Writes the fields that the key constrains to `fields`, in the order of fieldWords(), and returns
+// their number.
+// Requires: `fields` has room for them; fieldWords().size() is always enough.
 std::size_t givenFields(const Ostra::OstraKey& key, std::span<FieldValue> fields);
 
-// What the actions with a parameter or a flag of that name are of.
-enum class ActionOf : std::uint8_t { flow_, member_ };
+// What an action with a parameter of that name describes.
+enum class ActionOf : std::uint8_t {
+  flow_,    // what a flow does
+  member_,  // the next hop of a member
+};
 
-// A parameter of an action. `bits` of a number, `text` of a string.
+// A parameter of an action.
 struct ParamWord {
   std::string_view name;
   int width;  // in bits; 0 for a string
   ActionOf of;
-  // Throws: a Fault for a value that the switch cannot hold.
+  // Write the value into a row: a number as `bits`, a string as `text`. Only the function for `of`
+  // is set; the other one is null.
+  // Throws: Fault when the switch cannot hold the value.
   void (*putInFlow)(Ostra::OstraConfigEntry& row, const Bits& bits, std::string_view text);
   void (*putInMember)(P4RuntimeRouting::NexthopInfo& row, const Bits& bits);
 };
 // Null when there is none.
 [[nodiscard]] const ParamWord* findParamWord(std::string_view name) noexcept;
 
-// What a flow does besides; stands in the annotations of an action.
+// Something that a flow does and that needs no parameter. It is named in the annotation of an
+// action.
 struct FlagWord {
   std::string_view name;
-  bool ofPolicer;
+  bool ofPolicer;  // only valid in an action with a policer
   void (*put)(Ostra::OstraConfigEntry& row);
 };
+// Null when there is none.
 [[nodiscard]] const FlagWord* findFlagWord(std::string_view name) noexcept;
 
 }  // namespace P4rt

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::string_view writer = "P4Runtime controllers";
 
-// What awaitInput() ends the reading with.
+// Thrown by awaitInput() to end the reader thread.
 struct Ended {};
 
 }  // namespace
@@ -57,7 +57,7 @@ void Console::readInput(bool prompt, std::function<void()> quit) {
   quit_ = std::move(quit);
   promptText_ = prompt ? "ostra> " : "";
   out_ << promptText_ << std::flush;
-  // Reading a terminal from the background is the end of the input, and not of the server.
+  // A server in the background that reads from its terminal shall lose its input, not be stopped.
   std::signal(SIGTTIN, SIG_IGN);
   reader_ = std::thread{[this] { readLines(); }};
 }
@@ -83,7 +83,7 @@ void Console::readLines() {
     }
   } catch (const Ended&) {
   } catch (const Cli::ReadError&) {
-    // The terminal has gone: the end of the input like others.
+    // The terminal has gone. That is the end of the input.
   }
 }
 
@@ -100,7 +100,7 @@ void Console::awaitInput() {
 }
 
 void Console::playLine() {
-  // A command's reports, and not those of what controllers have written before it.
+  // Collect the reports of this command only, not those of the controllers' writes.
   service_.reportsGatheredIs(true);
   interpreter_.playLine(line_, where_);
   service_.reportsGatheredIs(false);

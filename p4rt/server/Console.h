@@ -1,12 +1,10 @@
-// The console: commands of ostra-sim for the switch behind the server, from standard input or a
-// file.
+// The console: plays commands of ostra-sim on the switch behind the server, from a file or from
+// standard input. Commands that write flows, members or groups are refused, because these belong to
+// the controllers.
 //
-// A thread of its own waits for input and posts each line to the loop; it reads the next one when
-// that has been played. Flows, members and groups are the controllers': the commands that write
-// them are refused.
-//
-// Thread and process rule: the loop's thread, but for the thread that reads.
-// Ownership: what it is made with outlives it.
+// Threads: the loop's thread. A reader thread waits for standard input and posts each line to the
+// loop; it reads the next line after the loop has played this one.
+// Ownership: the constructor's arguments outlive the console.
 #pragma once
 
 #include <condition_variable>
@@ -27,18 +25,19 @@ class Console {
  public:
   Console(Loop& loop, Sim::Service& service, Sim::HwAgent& agent, Cli::Printer& printer,
           Cli::Output& out);
-  // Ends the thread that reads, also while it waits.
+  // Ends the reader thread, even while it waits for input.
   ~Console();
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
   // Starts the switch.
   void start() { interpreter_.start(); }
-  // Plays a file, at once, up to the first command that makes no sense. Returns whether there was
-  // none. Throws Cli::ReadError.
+  // Plays a file, up to the first invalid command. Returns false if there was one.
+  // Throws: Cli::ReadError when the file cannot be read.
   [[nodiscard]] bool play(const std::string& file);
-  // Plays standard input line by line from now on, until its end. `quit` is called when somebody
-  // types that. Requires: called once.
+  // Starts to play standard input, line by line until its end. Calls `quit` when the command `quit`
+  // is read.
+  // Requires: called once.
   void readInput(bool prompt, std::function<void()> quit);
 
  private:
@@ -52,19 +51,19 @@ class Console {
   Sim::HwAgent& agent_;
   Cli::Printer& printer_;
   Cli::Output& out_;
-  int wake_[2] = {-1, -1};  // a pipe: what is written wakes the thread
+  int wake_[2] = {-1, -1};  // a pipe; closing its write end wakes the reader thread
 
   // The loop's thread.
   Cli::Interpreter interpreter_;
   std::function<void()> quit_;
   std::string promptText_;
 
-  // Between the thread that reads and the loop's.
+  // Shared by the reader thread and the loop's thread, under mutex_.
   std::mutex mutex_;
   std::condition_variable changed_;
   Cli::LineReader::Line line_;
   std::string where_;
-  bool waiting_ = false;  // for a line to be played
+  bool waiting_ = false;  // a line has been read and not been played
   bool ending_ = false;
 
   std::thread reader_;

@@ -11,7 +11,7 @@
 namespace P4rt {
 namespace {
 
-// Keeps the first fault.
+// Records the first syntax error.
 class Faults final : public google::protobuf::io::ErrorCollector {
  public:
   void AddError(int line, int column, const std::string& message) override {

@@ -1,6 +1,4 @@
-// Files that are read as a whole.
-//
-// Thread and process rule: functions without state.
+// Reads files.
 #pragma once
 
 #include <stdexcept>
@@ -10,16 +8,18 @@
 
 namespace P4rt {
 
-// What is wrong with a file.
+// A file cannot be read or parsed; what() says which one and why.
 class FileError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-// Throws FileError.
+// The whole content of a file.
+// Throws: FileError.
 [[nodiscard]] std::string contentOf(const std::string& file);
 
-// A P4Info in protobuf's text form. Throws FileError that says where what is wrong.
+// Reads a P4Info in the text format of protobuf.
+// Throws: FileError, with the line and the column of a syntax error.
 [[nodiscard]] p4::config::v1::P4Info p4infoOf(const std::string& file);
 
 }  // namespace P4rt

@@ -8,7 +8,7 @@
 namespace P4rt {
 namespace {
 
-// A text of at most that many bytes, cut between two UTF-8 characters.
+// The text cut to at most that many bytes, between two UTF-8 characters.
 std::string shortened(std::string_view text, std::size_t mostBytes) {
   constexpr std::string_view mark = "...";
   if (text.size() <= mostBytes) {
@@ -44,7 +44,7 @@ grpc::Status grpcStatus(const RpcStatus& status, std::size_t mostBytes) {
     return grpc::Status::OK;
   }
   const auto code = static_cast<grpc::StatusCode>(status.code);
-  // It is sent twice with details, as the RPC's and in them.
+  // With details the message is sent twice: once as the RPC's, and once within the details.
   const std::string message = shortened(status.message, mostBytes / 4);
   if (status.details.empty()) {
     return {code, message};

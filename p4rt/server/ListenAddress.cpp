@@ -17,7 +17,7 @@ namespace {
 
 using Addresses = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 
-// Throws std::invalid_argument.
+// Throws: std::invalid_argument when the host is unknown.
 Addresses resolve(std::string host, const std::string& port) {
   if (host.starts_with('[')) {
     host = host.substr(1, host.size() - 2);
@@ -42,7 +42,7 @@ bool isLoopback(const addrinfo& address) {
   return address.ai_family == AF_INET6 && IN6_IS_ADDR_LOOPBACK(&ip6.sin6_addr);
 }
 
-// The error number of an attempt to have the address; 0 when it went well.
+// Tries to bind a socket to the address. Returns the error number, 0 for success.
 int tryAddress(const addrinfo& address) {
   const int socket = ::socket(address.ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (socket < 0) {

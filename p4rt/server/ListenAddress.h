@@ -1,6 +1,4 @@
-// Where the server listens: HOST:PORT, or [IPV6]:PORT.
-//
-// Thread and process rule: a plain value; resolving a name may wait for the network.
+// The address on which the server listens: HOST:PORT, or [IPV6]:PORT.
 #pragma once
 
 #include <string>
@@ -10,20 +8,21 @@ namespace P4rt {
 
 class ListenAddress {
  public:
-  // Throws std::invalid_argument that says what is wrong when the text is no address or its host is
-  // not known.
+  // Resolves the host, which may wait for the network.
+  // Throws: std::invalid_argument when the text is no address or the host is unknown.
   explicit ListenAddress(std::string_view text);
 
-  // Whether only this machine can reach it.
+  // Whether every address of the host is a loopback address, which only this machine can reach.
   [[nodiscard]] bool loopback() const noexcept { return loopback_; }
-  // Why nobody can listen there now; empty when one can. It tries.
+  // Tries to bind a socket to the address. Returns why that fails, or an empty string.
+  // Throws: std::invalid_argument when the host is unknown.
   [[nodiscard]] std::string fault() const;
-  // With that port in place of its own.
+  // The address with another port.
   [[nodiscard]] std::string text(int port) const { return host_ + ":" + std::to_string(port); }
   [[nodiscard]] std::string text() const { return host_ + ":" + port_; }
 
  private:
-  std::string host_;  // with the brackets of an IPv6 address
+  std::string host_;  // an IPv6 address has its brackets
   std::string port_;
   bool loopback_ = true;
 };

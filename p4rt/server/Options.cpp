@@ -22,7 +22,7 @@ void addressIs(Options& options, std::string_view text) {
   }
 }
 
-// A file is read later; that it has a name can be seen now.
+// The file itself is read later.
 template <std::string Options::*file>
 void fileIs(Options& options, std::string_view name) {
   if (name.empty()) {
@@ -122,7 +122,8 @@ runs until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way
 Exit status: 0 after a shutdown, 2 for options or a FILE that make no sense, 1 for other failures.
 )";
 
-// Throws UsageError when options do not go together.
+// Checks that the options may be combined.
+// Throws: Cli::UsageError.
 void check(const Options& options) {
   if (options.tlsCertificate.empty() != options.tlsKey.empty()) {
     throw Cli::UsageError{"read one of --tls-cert and --tls-key, expected both"};

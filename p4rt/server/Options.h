@@ -1,6 +1,4 @@
 // The command line of ostra-p4rt.
-//
-// Thread and process rule: free functions without state.
 #pragma once
 
 #include <chrono>
@@ -23,25 +21,27 @@ struct Options {
   ListenAddress address{defaultAddress};
   RuntimeService::Options service{};
   std::chrono::milliseconds writeTimeout{5000};
-  std::string config;  // the names of files; empty: none
+  // The names of files, empty for none.
+  std::string config;
   std::string p4info;
   std::string tlsCertificate;
   std::string tlsKey;
   std::string clientRoots;
-  std::string shm;  // empty: no named shared memory
+  std::string shm;  // the name of the shared memory, empty for none
   Sim::Leftover leftover = Sim::Leftover::refuse_;
   Korm::SegmentRights rights;
-  std::optional<bool> console;  // nothing: where standard input is a terminal
+  std::optional<bool> console;  // nothing: if standard input is a terminal
   bool insecure = false;
   bool json = false;
   bool help = false;
   bool version = false;
 };
 
-// `arguments` are those behind the program's name. Throws Cli::UsageError.
+// `arguments` does not include the program's name.
+// Throws: Cli::UsageError.
 [[nodiscard]] Options parseOptions(std::span<const char* const> arguments);
 
-// What --help prints.
+// The text that --help prints.
 [[nodiscard]] std::string_view usage() noexcept;
 
 }  // namespace P4rt

@@ -26,7 +26,7 @@ std::optional<ElectionId> electionIdOf(const Request& request) {
 RuntimeService::RuntimeService(Loop& loop, Engine& engine, Options options)
     : loop_{loop}, engine_{engine}, options_{options}, arbitration_{options.device} {}
 
-// What gRPC calls.
+// The methods that gRPC calls.
 
 grpc::ServerUnaryReactor* RuntimeService::Write(grpc::CallbackServerContext* context,
                                                 const p4::v1::WriteRequest* request,

@@ -1,11 +1,11 @@
-// The service p4.v1.P4Runtime: what stands between gRPC and the engine. It knows devices, roles and
-// controllers; what the requests say of the pipeline and its entries is the engine's.
+// The service p4.v1.P4Runtime, which connects gRPC to the engine. It checks device, role and
+// election id of the requests, and serves the streams of the controllers. The engine does the rest.
 //
-// gRPC's threads call the methods of the service, which post to the loop and return. Everything
-// else is done on the loop's thread, which also finishes the RPCs.
-//
-// Ownership: loop and engine outlive the service, and the loop runs until gRPC's server has shut
-// down.
+// Threads: gRPC's threads call the methods of the service, which post to the loop and return.
+// Everything else, the end of the RPCs included, happens on the loop's thread. Only Capabilities is
+// answered at once.
+// Ownership: the loop and the engine outlive the service. The loop runs until gRPC's server has
+// shut down.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -30,18 +30,18 @@ class RuntimeService final : public p4::v1::P4Runtime::CallbackService,
                              private StreamChannel::Owner {
  public:
   static constexpr std::uint64_t defaultDevice = 1;
-  // With the rest of the metadata within the 8 KiB that a client accepts.
+  // Leaves room for the other metadata within the 8 KiB that a client accepts by default.
   static constexpr std::size_t defaultErrorDetails = 7900;
 
   struct Options {
     std::uint64_t device = defaultDevice;
-    // How many bytes the details of a status may take.
+    // The maximum size of a status's message and details, in bytes.
     std::size_t mostErrorDetails = defaultErrorDetails;
   };
 
-  // Streams that have not claimed anything yet included.
+  // The number of open streams, including those without an arbitration yet.
   static constexpr std::size_t mostOpenStreams = 1024;
-  // How many Reads are answered at a time; others wait.
+  // The number of Reads in progress. Further ones wait.
   static constexpr std::size_t mostReads = 16;
 
   RuntimeService(Loop& loop, Engine& engine, Options options);
@@ -65,8 +65,9 @@ class RuntimeService final : public p4::v1::P4Runtime::CallbackService,
                                          const p4::v1::CapabilitiesRequest* request,
                                          p4::v1::CapabilitiesResponse* response) override;
 
-  // The loop's thread. Lets the request under way finish, answers everything else from now on with
-  // UNAVAILABLE, and ends the streams; then calls `done`.
+  // Lets the request in progress finish, answers all others with UNAVAILABLE, and ends the streams.
+  // Then calls `done`.
+  // Threads: the loop's thread.
   void shutDown(std::function<void()> done);
 
  private:
@@ -76,9 +77,9 @@ class RuntimeService final : public p4::v1::P4Runtime::CallbackService,
     ReadStream* stream;
   };
 
-  // Why a request is not served, as far as the device goes.
+  // Not OK when the server is shutting down or this is not the device.
   [[nodiscard]] RpcStatus refusalOf(std::uint64_t device) const;
-  // Makes a change that a primary asks for, and nobody else may: change(done).
+  // Calls change(done) if the request comes from a primary, and refuses it otherwise.
   template <class Request, class Change>
   void changeAsPrimary(const Request& request, grpc::ServerUnaryReactor& reactor, Change change);
   void read(const p4::v1::ReadRequest& request, ReadStream& stream);

@@ -6,15 +6,15 @@
 namespace P4rt {
 namespace {
 
-// How long clients may take to take their last answers.
+// How long clients may take to receive their last answers at a shutdown.
 constexpr std::chrono::seconds longestGoodbye{3};
-// When a client that has fallen silent is asked whether it is there, and how long it may take to
-// answer: a primary whose machine has gone must not stay the primary.
+// A client that has been silent for the first time is pinged, and may take the second time to
+// answer: a primary whose machine is gone must not stay the primary.
 constexpr int keepaliveMs = 20'000;
 constexpr int keepaliveTimeoutMs = 10'000;
-// How often clients may ask the same.
+// The shortest interval between the pings of a client.
 constexpr int shortestPingIntervalMs = 1'000;
-// How many RPCs of a connection are served at a time; more wait in the client.
+// The number of RPCs in progress on a connection. Further ones wait in the client.
 constexpr int mostConcurrentRpcs = 256;
 
 std::shared_ptr<grpc::ServerCredentials> credentials(const std::optional<TlsFiles>& tls) {
@@ -32,7 +32,7 @@ std::shared_ptr<grpc::ServerCredentials> credentials(const std::optional<TlsFile
 void argumentsAre(grpc::ServerBuilder& builder) {
   builder.SetMaxReceiveMessageSize(Server::longestMessage);
   builder.SetMaxSendMessageSize(-1);
-  // Otherwise two servers can share a port, and a client's requests are spread over both.
+  // Otherwise two servers could share the port, and each would get some of the connections.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, mostConcurrentRpcs);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, keepaliveMs);
@@ -73,7 +73,7 @@ void Server::shutDown(std::function<void()> done) {
     return;
   }
   service_.shutDown([this, done = std::move(done)] {
-    // It waits for the RPCs, whose last steps the loop takes.
+    // Shutdown() waits for the RPCs, and those need the loop to end. Hence another thread.
     ending_ = std::thread{[this, done] {
       server_->Shutdown(std::chrono::system_clock::now() + longestGoodbye);
       loop_.post(done);

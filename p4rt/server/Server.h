@@ -1,10 +1,10 @@
-// The P4Runtime server: gRPC's server with the service on it, listening.
+// The P4Runtime server: a listening gRPC server that offers the service.
 //
 //   P4rt::Server server{loop, engine, {.address = P4rt::ListenAddress{"127.0.0.1:9559"}}};
 //   loop.run();  // until somebody posts server.shutDown([&] { loop.stop(); })
 //
-// Thread and process rule: the loop's thread. RPCs that come before the loop runs wait for it.
-// Ownership: loop and engine outlive the server.
+// Threads: the loop's thread. RPCs that arrive before the loop runs wait for it.
+// Ownership: the loop and the engine outlive the server.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -21,36 +21,39 @@
 
 namespace P4rt {
 
-// PEM texts.
+// The contents of PEM files.
 struct TlsFiles {
-  std::string certificate;  // the server's, with those that stand between it and its root
+  // The server's certificate, followed by the intermediate certificates.
+  std::string certificate;
   std::string key;
-  std::string
-      clientRoots;  // not empty: clients must show a certificate that one of these has signed
+  // Not empty: clients must present a certificate that one of these has signed.
+  std::string clientRoots;
 };
 
 struct ServerOptions {
   ListenAddress address;
   RuntimeService::Options service{};
-  std::optional<TlsFiles> tls{};  // nothing: plain text
+  std::optional<TlsFiles> tls{};  // nothing: without TLS
 };
 
 class Server {
  public:
-  // The longest message that is taken.
+  // The maximum size of a message that is accepted, in bytes.
   static constexpr int longestMessage = 16 << 20;
 
-  // Throws std::runtime_error that says why when it cannot listen.
+  // Starts to listen.
+  // Throws: std::runtime_error when it cannot; what() says why.
   Server(Loop& loop, Engine& engine, const ServerOptions& options);
-  // Requires: shutDown() has called back, or the loop has not run.
+  // Requires: shutDown() has called `done`, or the loop has not run.
   ~Server();
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
+  // The port on which it listens.
   [[nodiscard]] int port() const noexcept { return port_; }
 
-  // Finishes the Write under way, answers all other requests with UNAVAILABLE, ends all streams and
-  // stops to listen; then calls `done`, on the loop. More calls change nothing.
+  // Lets the request in progress finish, answers all others with UNAVAILABLE, ends all streams and
+  // stops listening. Then calls `done` on the loop's thread. Further calls do nothing.
   void shutDown(std::function<void()> done);
 
  private:

@@ -6,7 +6,7 @@
 namespace P4rt {
 namespace {
 
-// Sent by the process to itself: nobody waits any more.
+// Sent by the destructor to end the watching thread.
 constexpr int closing = SIGUSR1;
 
 }  // namespace

@@ -1,7 +1,7 @@
-// The signals that ask the process to end.
+// Catches the signals that ask the process to end.
 //
-// Thread and process rule: made on the main thread, before there is another one, so that no other
-// thread gets the signals.
+// Threads: construct it on the main thread, before any other thread is started. All threads then
+// block these signals, and only the watching thread receives them.
 #pragma once
 
 #include <signal.h>
@@ -18,8 +18,9 @@ class Signals {
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;
 
-  // Calls `ended`, on a thread of its own, at the first SIGTERM, SIGINT or SIGHUP. A second one
-  // ends the process as if nobody had waited for it. Requires: called once.
+  // Starts a thread that calls `ended` at the first SIGTERM, SIGINT or SIGHUP. The second one ends
+  // the process with the default action of the signal.
+  // Requires: called once.
   void watch(std::function<void()> ended);
 
  private:

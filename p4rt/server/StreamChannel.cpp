@@ -15,7 +15,7 @@ void StreamChannel::send(Response message) {
   }
   if (outgoing_.size() == mostWaiting) {
     cutOff_ = true;
-    cancel();  // the rest comes with OnCancel()
+    cancel();  // OnCancel() does the rest
     return;
   }
   outgoing_.push_back(std::move(message));
@@ -33,7 +33,7 @@ void StreamChannel::end(const grpc::Status& status) {
   }
 }
 
-// A client that sends and does not take the answers waits for itself.
+// Reading stops while many answers wait, so that a client which does not take them cannot add more.
 void StreamChannel::readNext() {
   if (!reading_ && !ending_ && outgoing_.size() < mostWaiting / 2) {
     reading_ = true;
@@ -55,7 +55,7 @@ void StreamChannel::writeNext() {
 }
 
 void StreamChannel::cancel() {
-  // Once finished, the RPC and its context may go at any time.
+  // After Finish() the RPC may end, and its context with it, at any time.
   if (!finished_) {
     context_.TryCancel();
   }

@@ -1,12 +1,11 @@
-// One controller's StreamChannel.
+// The StreamChannel of one controller.
 //
-// gRPC's threads only post to the loop, and everything is done there: messages come to the owner
-// one by one, the next one when the last has been dealt with; what is sent waits in a queue until
-// the client takes it. A client that takes nothing is cut off.
+// Received messages are passed to the owner one by one. Sent messages wait in a queue until the
+// client takes them; a client that takes too few is cut off.
 //
-// Thread and process rule: the loop's thread, but for the construction and for what gRPC calls.
-// Ownership: a stream owns itself. It lives until the owner has been told closed(), and longer than
-// the RPC.
+// Threads: the loop's thread, except for the constructor and the callbacks from gRPC, which only
+// post to the loop.
+// Ownership: a stream owns itself. After the RPC has ended it calls closed() and deletes itself.
 #pragma once
 
 #include <grpcpp/grpcpp.h>
@@ -30,31 +29,31 @@ class StreamChannel final
   class Owner {
    public:
     virtual void received(StreamChannel& stream, const Request& message) = 0;
-    // The client has gone or has no more to say. At most once.
+    // The client has disconnected or closed its side. Called at most once.
     virtual void left(StreamChannel& stream) = 0;
-    // Once, at the end of the stream's life.
+    // The stream is about to be deleted. Called once.
     virtual void closed(StreamChannel& stream) = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // How many messages may wait for a client.
+  // The number of messages that may wait for the client. The next one cuts it off.
   static constexpr std::size_t mostWaiting = 64;
-  // How long a client may take to take the last ones when its stream has ended.
+  // How long a client may take to receive the last messages when its stream is ended.
   static constexpr std::chrono::seconds longestEnd{10};
 
-  // Both outlive the stream.
+  // The loop and the owner outlive the stream.
   StreamChannel(Loop& loop, Owner& owner, grpc::CallbackServerContext& context)
       : loop_{loop}, owner_{owner}, context_{context} {}
 
-  // Begins to read.
+  // Starts to read messages.
   void start(StreamId id);
   [[nodiscard]] StreamId id() const noexcept { return id_; }
 
   void send(Response message);
-  // Ends the stream, once what has been sent before is through. Nothing is received or sent after
-  // that.
+  // Ends the stream with the status after the messages in the queue. From now on no message is
+  // received, and none is added to the queue.
   void end(const grpc::Status& status);
 
   void OnReadDone(bool good) override;
@@ -73,15 +72,15 @@ class StreamChannel final
   Owner& owner_;
   grpc::CallbackServerContext& context_;
 
-  // The loop's thread; the request while nothing is read, the first response while nothing is
-  // written.
+  // The loop's thread, except that gRPC uses the request while it reads, and the first response
+  // while it writes.
   StreamId id_ = 0;
   Request request_;
   std::deque<Response> outgoing_;
   bool reading_ = false;
   bool writing_ = false;
   bool cutOff_ = false;
-  bool finished_ = false;
+  bool finished_ = false;  // Finish() has been called
   std::optional<grpc::Status> ending_;
   Timers::Id endTimer_ = 0;
 };

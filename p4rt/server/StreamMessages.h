@@ -1,6 +1,4 @@
-// What the server says on a StreamChannel.
-//
-// Thread and process rule: free functions without state.
+// The messages that the server sends on a StreamChannel.
 #pragma once
 
 #include <cstdint>
@@ -12,15 +10,15 @@
 
 namespace P4rt {
 
-// What a controller asks for.
+// What the controller asks for.
 [[nodiscard]] Claim claimOf(const p4::v1::MasterArbitrationUpdate& update);
 
-// Where a controller of that role stands (P4Runtime 1.4.1, 5.4).
+// The MasterArbitrationUpdate for a controller of the role (P4Runtime 1.4.1, 5.4).
 [[nodiscard]] p4::v1::StreamMessageResponse noticeMessage(const Notice& notice,
                                                           std::uint64_t device, const Role& role);
 
-// Why a message that is no arbitration cannot be served, with the message (16.6). `fromPrimary`:
-// its sender is the primary of its role.
+// The StreamError for a message that is no MasterArbitrationUpdate (16.6). `fromPrimary`: its
+// sender is the primary of its role.
 [[nodiscard]] p4::v1::StreamMessageResponse errorMessage(
     const p4::v1::StreamMessageRequest& refused, bool fromPrimary);
 
