@@ -1,10 +1,6 @@
 // A context in a service, with all that it mounts and is given.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "FlowFixture.h"
 #include "Ostra/Ostra.h"
 #include "Ostra/OstraEcmpGroupSm.h"

@@ -1,10 +1,4 @@
 // How the library is built on what is mounted, built again, and taken down.
-#include <cstdio>
-#include <functional>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
 
 #include "ContextFixture.h"
 

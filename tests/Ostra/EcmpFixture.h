@@ -5,12 +5,6 @@
 // since the last one.
 #pragma once
 
-#include <algorithm>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "ServiceFixture.h"
 

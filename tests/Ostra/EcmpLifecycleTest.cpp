@@ -1,5 +1,4 @@
 // How the ECMP state machine starts, rewrites what is there, is switched, is detached and goes.
-#include <numeric>
 
 #include "EcmpFixture.h"
 

@@ -1,6 +1,5 @@
 // What reactors do back while members and groups are written: they delete them, write them again,
 // or drop the state machine.
-#include <functional>
 
 #include "EcmpFixture.h"
 

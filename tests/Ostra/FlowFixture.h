@@ -2,10 +2,6 @@
 // everything that the state machine writes to.
 #pragma once
 
-#include <cstdint>
-#include <string>
-#include <vector>
-
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraSm.h"
 #include "ServiceFixture.h"
@@ -96,7 +92,7 @@ class FlowFixture : public ServiceFixture {
  private:
   template <class Call>
   std::string cameOf(Call call) {
-    const std::string error = raised(call);
+    const std::string error = messageOf<Korm::RangeException>(call);
     const std::string told = results.take();
     return error.empty() ? told : told + "raised: " + error;
   }

@@ -1,6 +1,3 @@
-#include <set>
-#include <stdexcept>
-
 #include "FlowFixture.h"
 #include "OwnRules.h"
 
@@ -103,7 +100,8 @@ TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
   store(flow(3, plainKey(3)));
   placeCxFlow("flow-9");
   const auto before = inputReferences();
-  EXPECT_EQ(raised([&] { start(); }), "Priority::value < -1 or > Priority::max not allowed");
+  EXPECT_EQ(messageOf<Korm::RangeException>([&] { start(); }),
+            "Priority::value < -1 or > Priority::max not allowed");
   EXPECT_FALSE(sm);
   EXPECT_TRUE(table->entryNotifiees().empty());
   EXPECT_EQ(inputReferences(), before);

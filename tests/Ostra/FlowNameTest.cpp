@@ -1,10 +1,3 @@
-#include <cstdint>
-#include <cstdio>
-#include <limits>
-#include <random>
-#include <string>
-#include <utility>
-
 #include "FlowFixture.h"
 
 namespace OstraTest {

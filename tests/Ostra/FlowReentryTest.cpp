@@ -1,8 +1,5 @@
 // What reactors do back while a flow is written or deleted: they delete it, write it again, replace
 // it, or drop the state machine.
-#include <functional>
-#include <map>
-#include <memory>
 
 #include "FlowFixture.h"
 

@@ -1,7 +1,5 @@
 // What Corvex is told of a flow, and when; how every match and action is translated is in
 // tests/soak.
-#include <limits>
-#include <type_traits>
 
 #include "FlowFixture.h"
 

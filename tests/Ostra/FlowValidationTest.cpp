@@ -1,7 +1,3 @@
-#include <algorithm>
-#include <functional>
-#include <type_traits>
-
 #include "FlowFixture.h"
 
 namespace OstraTest {

@@ -1,10 +1,6 @@
-#include <sstream>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraTypes.h"
 #include "platform/Korm/Strep.h"
+#include "tests/Testing.h"
 
 namespace OstraTest {
 namespace {
@@ -14,12 +10,8 @@ using Ostra::OstraKey;
 
 // What the parser says of a text that it refuses; empty for one that it takes.
 std::string refusal(const std::string& text) {
-  try {
-    static_cast<void>(Korm::strepToValue<OstraKey>(text));
-  } catch (const Korm::ParseException& error) {
-    return error.what();
-  }
-  return {};
+  return TestSupport::messageOf<Korm::ParseException>(
+      [&text] { static_cast<void>(Korm::strepToValue<OstraKey>(text)); });
 }
 
 OstraKey sampleKey() {

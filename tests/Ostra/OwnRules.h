@@ -2,10 +2,8 @@
 // error.
 #pragma once
 
-#include <stdexcept>
-#include <string>
-
 #include "platform/P4Runtime/Validation.h"
+#include "tests/Testing.h"
 
 namespace OstraTest {
 

@@ -1,15 +1,6 @@
 // What a service gives to the library, and ears and eyes for what the library does with it.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"
 #include "Ostra/StatePaths.h"
@@ -18,76 +9,19 @@
 #include "platform/NexthopGroup/Encap.h"
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/OpenFlowTable/HwStatus.h"
-#include "platform/P4Runtime/BatchStatus.h"
 #include "platform/P4Runtime/HandleMgr.h"
 #include "platform/P4Runtime/Telemetry.h"
 #include "platform/P4Runtime/Validation.h"
 #include "platform/P4Runtime/VrfIdCollection.h"
 #include "platform/P4RuntimeConfig/PortMappingStatus.h"
+#include "tests/Heard.h"
 
 namespace OstraTest {
 
-using Texts = std::vector<std::string>;
-
-// The text of the range exception that a call raises, empty for none.
-template <class Call>
-std::string raised(Call call) {
-  try {
-    call();
-  } catch (const Korm::RangeException& error) {
-    return error.what();
-  }
-  return {};
-}
-
-// Collects the results that the service is told: "7 notFound: Group id: 3 is not found", with
-// "dependent " before those that are for a root entry.
-class Results final : public Korm::Notifiee<const P4Runtime::TransactionResult&> {
- public:
-  explicit Results(P4Runtime::BatchStatus& batchStatus) {
-    batchStatus.resultNotifiees().attach(*this);
-  }
-  void onAttribute(const P4Runtime::TransactionResult& result) override {
-    texts_.push_back((result.dependent ? "dependent " : "") + std::to_string(result.handle) + " " +
-                     P4Runtime::errorCodeText(result.code) + (result.message.empty() ? "" : ": ") +
-                     std::string{result.message});
-  }
-  // Those since the last call.
-  Texts takeEach() { return std::exchange(texts_, {}); }
-  // The same in one text, with "; " between.
-  std::string take() {
-    std::string all;
-    for (const std::string& text : takeEach()) {
-      all += (all.empty() ? "" : "; ") + text;
-    }
-    return all;
-  }
-
- private:
-  Texts texts_;
-};
-
-// Counts what an attribute tells, and reacts to it.
-template <class... Args>
-class Listener final : public Korm::Notifiee<Args...> {
- public:
-  using React = std::function<void(Args...)>;
-  explicit Listener(Korm::NotifieeList<Args...>& attribute, React react = {})
-      : react_{std::move(react)} {
-    attribute.attach(*this);
-  }
-  void onAttribute(Args... args) override {
-    ++count_;
-    if (react_) {
-      react_(args...);
-    }
-  }
-  int take() { return std::exchange(count_, 0); }
-
- private:
-  React react_;
-  int count_ = 0;
-};
+using TestSupport::Listener;
+using TestSupport::messageOf;
+using TestSupport::Results;
+using TestSupport::Texts;
 
 // A key of its own for each number, without anything to check.
 [[nodiscard]] inline Ostra::OstraKey plainKey(std::uint16_t number) {

@@ -1,7 +1,3 @@
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraStatus.h"
 #include "tests/Ostra/ServiceFixture.h"
 

@@ -1,10 +1,3 @@
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraStatusSm.h"
 #include "Ostra/StatePaths.h"

@@ -1,10 +1,3 @@
-#include <optional>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraStatus.h"
 #include "tests/Heard.h"
 #include "tests/Ostra/ServiceFixture.h"
@@ -78,12 +71,8 @@ TEST_F(StatusTable, ACorruptRowGoesToTheHandlerAndToNobodyElse) {
   }
   damage(2);
   told_.take();
-  std::string text;
-  try {
-    static_cast<void>(status_->table().find(plainKey(2)));
-  } catch (const Vasta::Corruption& corruption) {
-    text = corruption.what();
-  }
+  const std::string text = TestSupport::messageOf<Vasta::Corruption>(
+      [this] { static_cast<void>(status_->table().find(plainKey(2))); });
 
   EXPECT_TRUE(!status_->tableDel(plainKey(2)));
   EXPECT_EQ(status_->tableEdit(plainKey(2)), nullptr);
@@ -100,12 +89,7 @@ TEST_F(StatusTable, ACorruptRowGoesToTheHandlerAndToNobodyElse) {
 }
 
 TEST_F(StatusTable, AnObserversExceptionLeavesWithTheChangeMade) {
-  struct Failing final : Korm::Notifiee<const OstraKey&> {
-    void onAttribute(const OstraKey&) override {
-      throw Vasta::Corruption{"another table", 1, 2, 3};
-    }
-  } failing;
-  status_->notifieeList().attach(failing);
+  told_.actionIs([](const OstraKey&) { throw Vasta::Corruption{"another table", 1, 2, 3}; });
   EXPECT_THROW(status_->tableIs(entry(1, 10)), Vasta::Corruption);
   EXPECT_EQ(status_->table().corruptionCount(), 0U) << "it is not this table that is corrupt";
   EXPECT_EQ(status_->table().size(), 1U);
@@ -136,18 +120,14 @@ TEST_F(StatusTable, TheControlFollowsTheTable) {
 
 // Whether an entity is still there shows in what is attached to it.
 TEST_F(StatusTable, GoesWithItsLastOutsideReference) {
-  struct Watch final : Korm::Notifiee<> {
-    void onAttribute() override { ++asked; }
-    int asked = 0;
-  } watch;
-  status_->zeroReferencesNotifiees().attach(watch);
+  TestSupport::Listener<> watch{status_->zeroReferencesNotifiees()};
   status_->tableControlIs(status_->tableControl());
   status_->tableIs(entry(1, 10));
   Korm::Ptr<OstraStatus> another = status_;
   status_ = nullptr;
-  EXPECT_EQ(watch.asked, 0);
+  EXPECT_EQ(watch.take(), 0);
   another = nullptr;
-  EXPECT_EQ(watch.asked, 1);
+  EXPECT_EQ(watch.take(), 1);
   EXPECT_FALSE(watch.attached());
   EXPECT_FALSE(told_.attached());
   Korm::activity().run();  // what the table put off is void

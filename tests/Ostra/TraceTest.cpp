@@ -1,8 +1,5 @@
 // What an operator reads: every line that the library traces, with its level, by the unit that it
 // names.
-#include <fstream>
-#include <map>
-#include <string>
 
 #include "ContextFixture.h"
 #include "Ostra/Trace.h"

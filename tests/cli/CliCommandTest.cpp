@@ -1,11 +1,5 @@
 // The commands, through the program, with the JSON that comes of them to the letter.
 
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 
 namespace {

@@ -2,24 +2,6 @@
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 
-
-#include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <iterator>
-#include <map>
-#include <memory>
-#include <random>
-#include <set>
-#include <sstream>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 #include "CrashModel.h"
 #include "tests/UniqueName.h"

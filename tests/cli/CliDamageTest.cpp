@@ -1,16 +1,7 @@
 // Shared memory that somebody has damaged, as ostra-show and the next ostra-sim meet it.
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <csignal>
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
+#include "tests/Tampering.h"
 #include "tests/UniqueName.h"
 
 namespace {
@@ -29,12 +20,12 @@ TEST(CliDamage, IsSaidByShowAndCheckAndGoesWithRemove) {
     process.kill(SIGKILL);
     process.finish();
   }
-  const std::string rows = "/vasta." + name + ".p4runtime.flowTable.0.entry#rows";
-  const int file = ::shm_open(rows.c_str(), O_RDWR, 0);
-  ASSERT_GE(file, 0);
-  const std::string zeros(4096, '\0');  // rows that were never there do not match either
-  ASSERT_EQ(::pwrite(file, zeros.data(), zeros.size(), 0), 4096);
-  ::close(file);
+  // Rows that were never there do not match either.
+  TestSupport::Tampering rows{
+      Korm::SegmentName{"/vasta." + name + ".p4runtime.flowTable.0.entry#rows"}};
+  for (std::size_t word = 0; word < 512; ++word) {
+    rows.wordIs(word, 0);
+  }
 
   const Finished shown = CliTest::show({name, "flows"});
   EXPECT_EQ(shown.status, 1);

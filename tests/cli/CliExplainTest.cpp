@@ -1,12 +1,5 @@
 // Explanations, hints, audits and pending writes, as people and programs see them.
 
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 
 namespace {

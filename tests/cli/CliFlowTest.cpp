@@ -1,10 +1,5 @@
 // Flow entries in the command language, from the words to the Corvex flow that comes of them.
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 
 namespace {

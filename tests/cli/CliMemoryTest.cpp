@@ -5,17 +5,6 @@
 // OSTRA_MEMORY_STRIDE in the environment is the distance from one allocation that fails to the
 // next.
 
-
-#include <algorithm>
-#include <csignal>
-#include <cstdlib>
-#include <functional>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 #include "tests/UniqueName.h"
 

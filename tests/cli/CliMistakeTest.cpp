@@ -1,11 +1,5 @@
 // Lines that make no sense: each is answered with its place, what was read and what was expected.
 
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 
 namespace {

@@ -1,16 +1,6 @@
 // The command line of ostra-sim, and how it deals with its surroundings: files, pipes, terminals,
 // signals.
 
-
-#include <csignal>
-#include <cstdlib>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 #include "tests/UniqueName.h"
 

@@ -7,17 +7,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <utility>
-
-#include <gtest/gtest.h>
-
 namespace CliTest {
 namespace {
 

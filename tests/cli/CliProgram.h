@@ -3,10 +3,7 @@
 
 #include <sys/types.h>
 
-#include <string>
-#include <string_view>
-#include <vector>
-
+#include "tests/Testing.h"
 #include <nlohmann/json.hpp>
 
 namespace CliTest {

@@ -1,18 +1,5 @@
 // ostra-show beside an ostra-sim that starts, stops and is killed.
 
-
-#include <chrono>
-#include <csignal>
-#include <memory>
-#include <random>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 #include "tests/UniqueName.h"
 

@@ -1,11 +1,7 @@
 // What a switch that is killed and resumed must show, as the commands that were asked for make it.
 #pragma once
 
-#include <cstdint>
-#include <map>
-#include <set>
-#include <string>
-#include <vector>
+#include "tests/Testing.h"
 
 namespace CliTest {
 

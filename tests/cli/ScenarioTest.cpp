@@ -1,10 +1,5 @@
 // The scenarios are documentation that is played: each prints what stands beside it.
 
-#include <algorithm>
-#include <filesystem>
-
-#include <gtest/gtest.h>
-
 #include "CliProgram.h"
 
 namespace {

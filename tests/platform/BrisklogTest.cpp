@@ -1,28 +1,11 @@
 // The trace: its text, its ring, and its readers in this and in other processes.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <cstdint>
-#include <cstdlib>
-#include <map>
-#include <ostream>
-#include <random>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "ChildProcess.h"
 #include "platform/Brisklog/Ring.h"
 #include "platform/Brisklog/RingReader.h"
 #include "platform/Brisklog/TextTrace.h"
 #include "platform/Brisklog/TracePoint.h"
 #include "platform/Korm/Clock.h"
+#include "tests/Tampering.h"
 #include "tests/UniqueName.h"
 
 // A value type of some library: a number in the ring, a name in the text.
@@ -44,7 +27,8 @@ namespace {
 
 using namespace Brisklog;
 using Shapes::Color;
-using Strings = std::vector<std::string>;
+using Strings = TestSupport::Texts;
+using testing::HasSubstr;
 
 constinit TraceHandle handle{"Shapes"};
 constinit TracePoint plain{handle, 5, "Drawer::", "draw"};
@@ -225,11 +209,7 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
 TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
   const std::string name = shmName();
   useRing({.shmName = name, .records = 64});
-  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
-  void* const memory = ::mmap(nullptr, 4096 * 2, PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-  ::close(file);
-  ASSERT_NE(memory, MAP_FAILED);
-  auto* const words = static_cast<std::uint64_t*>(memory);
+  TestSupport::Tampering segment{Korm::SegmentName{name}};
   RingReader reader = RingReader::attach(name);
   RingCursor cursor;
   int written = 0;
@@ -238,14 +218,13 @@ TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
        std::initializer_list<std::size_t>{detail::headWord, detail::recordCountWord,
                                           detail::instanceWord, detail::headerWords, fifth}) {
     for (unsigned bit = 0; bit < 64; ++bit) {
-      const std::uint64_t mask = std::uint64_t{1} << bit;
-      std::atomic_ref<std::uint64_t> damaged{words[word]};
-      damaged.fetch_xor(mask);
+      const auto mask = static_cast<std::uint8_t>(1U << bit % 8);
+      segment.flipByte(word * 8 + bit / 8, mask);
       const std::uint64_t lost = cursor.lost;
       EXPECT_LE(reader.follow(cursor).size(), 64U);
       EXPECT_LE(cursor.lost - lost, 128U) << "it counts records that there never were";
       EXPECT_LE(reader.newest(64).size(), 64U);
-      damaged.fetch_xor(mask);
+      segment.flipByte(word * 8 + bit / 8, mask);
       for (int i = 0; i < 70; ++i) {
         plain(++written);
       }
@@ -256,7 +235,6 @@ TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
       ASSERT_EQ(reader.newest(1).back().text(), last) << word << " bit " << bit;
     }
   }
-  ::munmap(memory, 4096 * 2);
 }
 
 // Writes records whose parts must agree with each other; `text` makes some short and some long.
@@ -378,16 +356,8 @@ RingReader attachSoon(const std::string& name) {
 }
 
 std::string attachError(const std::string& name) {
-  try {
-    const RingReader reader = RingReader::attach(name);
-    return "";
-  } catch (const RingError& error) {
-    return error.what();
-  }
-}
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != text.npos;
+  return TestSupport::messageOf<RingError>(
+      [&name] { static_cast<void>(RingReader::attach(name)); });
 }
 
 TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
@@ -439,29 +409,25 @@ TEST_F(BrisklogTest, NameGoesWithItsOwnerAndNotWithAForkedChild) {
 
 TEST_F(BrisklogTest, WhatIsNotARingOfThisLayoutIsRefused) {
   const std::string name = shmName();
-  EXPECT_TRUE(contains(attachError(name), "No such file"));
+  EXPECT_THAT(attachError(name), HasSubstr("No such file"));
   const auto ringOfThatName = Ring::create({.shmName = name, .records = 64});
-  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
-  ASSERT_GE(file, 0);
+  TestSupport::Tampering segment{Korm::SegmentName{name}};
   const auto errorWith = [&](std::size_t word, std::uint64_t value) {
-    const auto offset = static_cast<off_t>(word * sizeof value);
-    std::uint64_t old = 0;
-    EXPECT_EQ(::pread(file, &old, sizeof old, offset), 8);
-    EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), 8);
+    const std::uint64_t old = segment.word(word);
+    segment.wordIs(word, value);
     std::string error = attachError(name);
-    EXPECT_EQ(::pwrite(file, &old, sizeof old, offset), 8);
+    segment.wordIs(word, old);
     return error;
   };
-  EXPECT_TRUE(contains(errorWith(detail::magicWord, 0), "not ready"));
-  EXPECT_TRUE(contains(errorWith(detail::magicWord, 42), "not a trace ring"));
-  EXPECT_TRUE(contains(errorWith(detail::layoutWord, 42), "layout"));
+  EXPECT_THAT(errorWith(detail::magicWord, 0), HasSubstr("not ready"));
+  EXPECT_THAT(errorWith(detail::magicWord, 42), HasSubstr("not a trace ring"));
+  EXPECT_THAT(errorWith(detail::layoutWord, 42), HasSubstr("layout"));
   for (const std::uint64_t records : {0UL, 63UL, 1UL << 20, 1UL << 63}) {
-    EXPECT_TRUE(contains(errorWith(detail::recordCountWord, records), "shorter")) << records;
+    EXPECT_THAT(errorWith(detail::recordCountWord, records), HasSubstr("shorter")) << records;
   }
   EXPECT_EQ(attachError(name), "");
-  EXPECT_EQ(::ftruncate(file, 100), 0);
-  EXPECT_TRUE(contains(attachError(name), "too short"));
-  ::close(file);
+  std::filesystem::resize_file("/dev/shm" + name, 100);
+  EXPECT_THAT(attachError(name), HasSubstr("too short"));
 }
 
 }  // namespace

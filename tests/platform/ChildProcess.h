@@ -6,12 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <exception>
-#include <functional>
-#include <utility>
-
-#include <gtest/gtest.h>
+#include "tests/Testing.h"
 
 // Fails when its work throws or fails an expectation.
 class ChildProcess {

@@ -1,13 +1,7 @@
 // Directories of named entities.
-#include <functional>
-#include <stdexcept>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/Korm/Dir.h"
+#include "tests/Heard.h"
 
 namespace Korm {
 namespace {
@@ -17,21 +11,22 @@ class Lamp final : public NamedEntity {
   using NamedEntity::NamedEntity;
 };
 
-class DirTest : public testing::Test, protected Notifiee<const Name&> {
+using TestSupport::Texts;
+
+class DirTest : public testing::Test {
  protected:
-  DirTest() { dir_->notifiees().attach(*this); }
-  void onAttribute(const Name& name) override {
-    told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
-    if (const auto action = std::exchange(action_, nullptr)) {
-      action();
-    }
-  }
-  std::vector<std::string> take() { return std::exchange(told_, {}); }
-  using Texts = std::vector<std::string>;
+  Texts take() { return std::exchange(told_, {}); }
 
   Ptr<Dir> dir_ = makePtr<Dir>("lamps");
   std::function<void()> action_;
   Texts told_;
+  TestSupport::Listener<const Name&> reactor_{
+      dir_->notifiees(), [this](const Name& name) {
+        told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
+        if (const auto action = std::exchange(action_, nullptr)) {
+          action();
+        }
+      }};
 };
 
 TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {
@@ -67,7 +62,7 @@ TEST_F(DirTest, MayBeChangedAndLeftByItsReactors) {
   action_ = [this] { dir_->entityDel("a"); };
   dir_->entityIs(name, makePtr<Lamp>("a"));
   EXPECT_EQ(take(), (Texts{"a+", "a-"}));
-  action_ = [this] { detach(); };
+  action_ = [this] { reactor_.detach(); };
   dir_->entityIs("c", makePtr<Lamp>("c"));
   dir_->entityIs("d", makePtr<Lamp>("d"));
   EXPECT_EQ(take(), Texts{"c+"});

@@ -1,20 +1,8 @@
 // The hash map under keyed collections.
-#include <cstdint>
-#include <functional>
-#include <memory>
-#include <random>
-#include <set>
-#include <stdexcept>
-#include <string>
-#include <string_view>
-#include <unordered_map>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/Korm/Hash.h"
 #include "platform/Korm/HashMap.h"
+#include "tests/Testing.h"
 
 namespace Korm {
 namespace {

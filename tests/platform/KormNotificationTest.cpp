@@ -1,15 +1,7 @@
 // Delivery of changes to reactors, under everything that reactors may do meanwhile.
-#include <array>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <random>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/Korm/Notification.h"
+#include "tests/Testing.h"
 
 namespace Korm {
 namespace {

@@ -1,15 +1,9 @@
 // Reference counting: plain and atomic counts, the switch between them, and entities that come
 // back.
-#include <atomic>
-#include <cstdlib>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/Korm/Entity.h"
 #include "platform/Korm/Ptr.h"
+#include "tests/Heard.h"
 
 namespace Korm {
 namespace {
@@ -37,43 +31,24 @@ TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
   EXPECT_EQ(destroyed, 1);
 }
 
-// A reactor that keeps the reference in `place`, or gives it back where there is none.
-class Rescuer final : public Notifiee<> {
- public:
-  Rescuer(Entity& entity, Ptr<Entity>* place) : entity_{entity}, place_{place} {
-    entity.zeroReferencesNotifiees().attach(*this);
-  }
-  void onAttribute() override {
-    ++asked_;
-    const Ptr<Entity> taken{&entity_};
-    if (place_ != nullptr) {
-      *place_ = taken;
-    }
-  }
-  void placeIs(Ptr<Entity>* place) { place_ = place; }
-  [[nodiscard]] int asked() const { return asked_; }
-
- private:
-  Entity& entity_;
-  Ptr<Entity>* place_;
-  int asked_ = 0;
-};
-
 TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
   int alive = 0;
   Ptr<Entity> place;
   Ptr<Entity> entity = makePtr<Thing>(alive);
-  const Rescuer borrower{*entity, nullptr};
-  Rescuer rescuer{*entity, &place};
+  Entity& self = *entity;
+  const auto borrow = [&self] { const Ptr<Entity> taken{&self}; };
+  TestSupport::Listener<> borrower{self.zeroReferencesNotifiees(), borrow};
+  TestSupport::Listener<> rescuer{self.zeroReferencesNotifiees(),
+                                  [&] { place = Ptr<Entity>{&self}; }};
   entity = nullptr;
   EXPECT_EQ(alive, 1);
   EXPECT_EQ(place->references(), 1U);
   std::exchange(place, nullptr) = nullptr;
-  EXPECT_EQ(rescuer.asked(), 2);
-  rescuer.placeIs(nullptr);
+  EXPECT_EQ(rescuer.take(), 2);
+  rescuer.actionIs(borrow);
   place = nullptr;
   EXPECT_EQ(alive, 0);
-  EXPECT_EQ(borrower.asked(), 3) << "to take and drop a reference is not to be asked again";
+  EXPECT_EQ(borrower.take(), 3) << "to take and drop a reference is not to be asked again";
   EXPECT_FALSE(rescuer.attached());
 }
 

@@ -1,14 +1,4 @@
 // Named shared memory: who may use it, and what stands in the way of a name.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <stdexcept>
-#include <string>
-#include <system_error>
-
-#include <gtest/gtest.h>
 
 #include "platform/Brisklog/Ring.h"
 #include "platform/Korm/Segment.h"
@@ -81,10 +71,7 @@ TEST_F(SegmentTest, HasOneOwnerWhomAReaderCanAskFor) {
 
 TEST_F(SegmentTest, WhatIsNeitherATableNorARingIsLeftAlone) {
   const auto write = [](const char* name) {
-    const int file = ::shm_open(name, O_RDWR | O_CREAT, 0600);
-    const std::string text(8192, 'x');
-    EXPECT_EQ(::write(file, text.data(), text.size()), 8192);
-    ::close(file);
+    std::ofstream{std::string{"/dev/shm"} + name} << std::string(8192, 'x');
   };
   write(name_.text());
   EXPECT_THROW(static_cast<void>(Brisklog::Ring::create({.shmName = name_.text()})),

@@ -1,20 +1,4 @@
-// The framework's values: addresses, limits, failures, deferred
-// work.
-#include <algorithm>
-#include <climits>
-#include <cstdint>
-#include <memory>
-#include <optional>
-#include <random>
-#include <string>
-#include <tuple>
-#include <type_traits>
-#include <typeinfo>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
+// The framework's values: addresses, limits, deferred work.
 #include "platform/Bridging/Bridging.h"
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Address.h"
@@ -23,23 +7,12 @@
 #include "platform/Korm/PodArray.h"
 #include "platform/OpenFlowTable/Types.h"
 #include "platform/P4RuntimeRouting/Ecmp.h"
+#include "tests/Testing.h"
 
 namespace Korm {
 namespace {
 
-template <class Exception, class Action>
-std::string messageOf(Action action) {
-  try {
-    action();
-  } catch (const Exception& error) {
-    EXPECT_EQ(typeid(error), typeid(Exception));
-    return error.what();
-  }
-  ADD_FAILURE() << "nothing was thrown";
-  return {};
-}
-
-// Addresses.
+using TestSupport::messageOf;
 
 TEST(Address, OfEthernetIsReadInEitherCaseAndNoOtherForm) {
   const EthAddr address{{0x02, 0x00, 0xAB, 0x0C, 0xFF, 0x05}};

@@ -1,15 +1,5 @@
 // Shared tables bound to entities: notification, and placement in named memory.
 
-#include <array>
-#include <cstdint>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "VastaTestRecords.h"
 #include "platform/Korm/Activity.h"
 #include "platform/KormVasta/SharedMemory.h"

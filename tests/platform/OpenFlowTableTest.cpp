@@ -1,11 +1,8 @@
 // The static-flow feature: what the configuration holds, and reactors that change it.
-#include <string>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "tests/Heard.h"
+#include "tests/Testing.h"
 
 namespace OpenFlowTable {
 namespace {

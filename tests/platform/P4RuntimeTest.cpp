@@ -1,48 +1,20 @@
 // The service's side: results, entry errors, interfaces.
-#include <cstdint>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Exceptions.h"
-#include "platform/P4Runtime/BatchStatus.h"
 #include "platform/P4Runtime/Types.h"
 #include "platform/P4Runtime/Validation.h"
+#include "tests/Heard.h"
 
 namespace P4Runtime {
 namespace {
 
 using testing::ElementsAre;
 
-// Remembers what the service hears, as "HANDLE CODE: MESSAGE", and may do something back.
-class Service final : public Korm::Notifiee<const TransactionResult&> {
- public:
-  explicit Service(BatchStatus& batch) { batch.resultNotifiees().attach(*this); }
-  void onAttribute(const TransactionResult& result) override {
-    if (const auto action = std::exchange(action_, nullptr)) {
-      action(result.handle);
-    }
-    heard_.push_back((result.dependent ? "dependent " : "") + std::to_string(result.handle) + " " +
-                     errorCodeText(result.code) + ": " + std::string{result.message});
-  }
-  // Called once, for the next result.
-  void actionIs(std::function<void(EntryHandle)> action) { action_ = std::move(action); }
-  std::vector<std::string> take() { return std::exchange(heard_, {}); }
-
- private:
-  std::function<void(EntryHandle)> action_;
-  std::vector<std::string> heard_;
-};
-
 class BatchStatusTest : public testing::Test {
  protected:
   Korm::Ptr<BatchStatus> batch_ = Korm::makePtr<BatchStatus>();
-  Service service_{*batch_};
+  TestSupport::Results service_{*batch_};
 };
 
 TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot) {
@@ -54,7 +26,7 @@ TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot
   batch_->markTransaction(5, ErrorCode::notAllowed_, "no");
   batch_->markTransaction(9, ErrorCode::notFound_, "late");
   EXPECT_EQ(batch_->batchStatusEntry(9), nullptr) << "it is told of, and not held";
-  EXPECT_THAT(service_.take(), ElementsAre("5 notAllowed: no", "9 notFound: late"));
+  EXPECT_THAT(service_.takeEach(), ElementsAre("5 notAllowed: no", "9 notFound: late"));
   const auto again = batch_->batchStatusEntryIs(5);
   EXPECT_EQ(again->errorCode(), ErrorCode::success_);
   EXPECT_EQ(again->message(), "");
@@ -85,15 +57,15 @@ TEST_F(BatchStatusTest, ADependentResultCompletesItsEntryThroughTheRoot) {
   root->dependentEntryStatusIs(status);
   EXPECT_THAT(root->dependentEntryHandles(), ElementsAre(EntryHandle{6}));
   EXPECT_EQ(root->dependentEntryStatus(), status);
-  EXPECT_THAT(service_.take(), ElementsAre("dependent 5 hardwareResourceExhausted: full"));
+  EXPECT_THAT(service_.takeEach(), ElementsAre("dependent 5 hardwareResourceExhausted: full"));
 }
 
 TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   const std::string message(64, 'm');
-  Service second{*batch_};
-  service_.actionIs([this](EntryHandle handle) {
-    batch_->markTransaction(handle, ErrorCode::notFound_, "x");
-    batch_->batchStatusEntryDel(handle);
+  TestSupport::Results second{*batch_};
+  service_.actionIs([this](const TransactionResult& result) {
+    batch_->markTransaction(result.handle, ErrorCode::notFound_, "x");
+    batch_->batchStatusEntryDel(result.handle);
   });
   const auto root = [&] {
     batch_->batchStatusEntryIs(5)->messageIs(message);
@@ -101,7 +73,7 @@ TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   }();
   root->dependentEntryStatusIs(batch_->batchStatusEntry(5));
   EXPECT_EQ(batch_->entries(), 0U);
-  EXPECT_THAT(second.take(), ElementsAre("5 notFound: x", "dependent 5 success: " + message));
+  EXPECT_THAT(second.takeEach(), ElementsAre("5 notFound: x", "dependent 5 success: " + message));
 }
 
 // Entry errors.

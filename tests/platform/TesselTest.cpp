@@ -1,11 +1,9 @@
 // The state database: entities by path, and mounts.
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/CorvexConfig/Config.h"
 #include "platform/Korm/Exceptions.h"
 #include "platform/Tessel/Tessel.h"
+#include "tests/Testing.h"
 
 namespace Tessel {
 namespace {

@@ -1,13 +1,6 @@
 // Tables of which single bits have flipped: noticed, or of no consequence; never a wrong record.
 #include <sys/stat.h>
 
-#include <map>
-#include <memory>
-#include <random>
-#include <system_error>
-
-#include <gtest/gtest.h>
-
 #include "VastaTestRecords.h"
 
 namespace VastaTest {

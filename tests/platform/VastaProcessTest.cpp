@@ -1,20 +1,6 @@
 // Writers and readers in processes of their own, with writers killed at any instant.
 #include <sys/mman.h>
 
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <new>
-#include <optional>
-#include <random>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "ChildProcess.h"
 #include "VastaTestRecords.h"
 

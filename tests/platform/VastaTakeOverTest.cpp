@@ -1,14 +1,4 @@
 // What a successor accepts of what was left to it, and what readers make of another writer.
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <system_error>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include "ChildProcess.h"
 #include "VastaTestRecords.h"
@@ -149,11 +139,7 @@ TEST_F(VastaTakeOver, AnIndexThatWasReplacedKeepsItsSizeWhileAReaderElsewhereHas
   });
   const auto file = fileOf(names(name_).index(generation));
   const int descriptor = ::open(file.c_str(), O_RDONLY);
-  const auto size = [descriptor] {
-    struct stat status {};
-    ::fstat(descriptor, &status);
-    return status.st_size;
-  };
+  const auto size = [descriptor] { return ::lseek(descriptor, 0, SEEK_END); };
   const auto whole = size();
   std::array<int, 2> attached{};
   ASSERT_EQ(::pipe(attached.data()), 0);
@@ -219,14 +205,9 @@ TEST_F(VastaTakeOver, AReaderWithTooLittleAddressSpaceIsToldSo) {
   const auto work = [this] {
     std::size_t pages = 0;
     std::ifstream{"/proc/self/statm"} >> pages;
-    rlimit limit{};
-    ::getrlimit(RLIMIT_AS, &limit);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = pages * 4096 + (std::size_t{8} << 20U);
-    ::setrlimit(RLIMIT_AS, &limit);
+    auto limit = std::make_unique<Limit>(RLIMIT_AS, pages * 4096 + (std::size_t{8} << 20U));
     Reader<Route> reader{*name_};
-    limit.rlim_cur = before;
-    ::setrlimit(RLIMIT_AS, &limit);
+    limit.reset();
     leave(name_, 100'000);
     try {
       static_cast<void>(reader.find(99'999));

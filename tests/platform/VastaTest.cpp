@@ -1,17 +1,3 @@
-#include <sys/resource.h>
-
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <random>
-#include <system_error>
-#include <thread>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "VastaTestRecords.h"
 
 namespace VastaTest {
@@ -155,24 +141,6 @@ TEST(Vasta, AWalkMeetsEveryStayingRecordOnceWhateverElseChanges) {
   EXPECT_EQ(table.next(hint), nullptr);
   EXPECT_EQ(violation(table), "none");
 }
-
-// Holds a resource of the process to a limit.
-class Limit {
- public:
-  Limit(int resource, rlim_t limit) : resource_{resource} {
-    ::getrlimit(resource, &before_);
-    rlimit limited = before_;
-    limited.rlim_cur = limit;
-    ::setrlimit(resource, &limited);
-  }
-  ~Limit() { ::setrlimit(resource_, &before_); }
-  Limit(const Limit&) = delete;
-  Limit& operator=(const Limit&) = delete;
-
- private:
-  const int resource_;
-  rlimit before_{};
-};
 
 class VastaNamed : public testing::Test {
  protected:

@@ -1,29 +1,17 @@
 // Records and helpers shared by the tests of the shared tables.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <atomic>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
-#include <stdexcept>
-#include <string>
-
 #include "platform/Korm/Hash.h"
-#include "platform/Korm/Segment.h"
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/Table.h"
 #include "tests/Sanitizers.h"
+#include "tests/Tampering.h"
 #include "tests/UniqueName.h"
 
 namespace VastaTest {
 
+using TestSupport::Limit;
+using TestSupport::Tampering;
 using TestSupport::threadSanitized;
 
 // A record that says of itself whether it is whole: all of its payload follows from key and
@@ -103,48 +91,6 @@ class TableName {
  private:
   static inline int counter_ = 0;
   const std::string name_;
-};
-
-// What a fault in memory, or a stranger with write access, does to a segment.
-class Tampering {
- public:
-  explicit Tampering(const Korm::SegmentName& segment) {
-    const int descriptor = ::shm_open(segment.text(), O_RDWR, 0);
-    struct stat status {};
-    if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-      throw std::runtime_error{std::string{"no segment "} + segment.text()};
-    }
-    size_ = static_cast<std::size_t>(status.st_size);
-    bytes_ = static_cast<std::uint8_t*>(
-        ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0));
-    ::close(descriptor);
-  }
-  ~Tampering() { ::munmap(bytes_, size_); }
-  Tampering(const Tampering&) = delete;
-  Tampering& operator=(const Tampering&) = delete;
-
-  // Flips a bit in every place where these bytes stand.
-  void flip(const void* pattern, std::size_t size) {
-    const auto* begin = static_cast<const std::uint8_t*>(pattern);
-    for (auto* at = std::search(bytes_, bytes_ + size_, begin, begin + size); at != bytes_ + size_;
-         at = std::search(at, bytes_ + size_, begin, begin + size)) {
-      *at ^= 0x10U;
-    }
-  }
-  void flipByte(std::size_t offset, std::uint8_t bits = 0x10U) { bytes_[offset] ^= bits; }
-  void wordIs(std::size_t at, std::uint64_t word) {
-    std::memcpy(bytes_ + at * sizeof word, &word, sizeof word);
-  }
-  [[nodiscard]] std::size_t size() const { return size_; }
-  [[nodiscard]] std::uint64_t word(std::size_t at) const {
-    std::uint64_t word = 0;
-    std::memcpy(&word, bytes_ + at * sizeof word, sizeof word);
-    return word;
-  }
-
- private:
-  std::uint8_t* bytes_ = nullptr;
-  std::size_t size_ = 0;
 };
 
 }  // namespace VastaTest

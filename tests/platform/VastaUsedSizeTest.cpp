@@ -1,12 +1,5 @@
 // Records of which only the front counts.
 
-#include <algorithm>
-#include <array>
-#include <random>
-#include <string>
-
-#include <gtest/gtest.h>
-
 #include "VastaTestRecords.h"
 
 namespace {

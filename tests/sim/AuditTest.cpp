@@ -1,10 +1,6 @@
 // Explain before, audit after: what a write would do, and what an audit finds when somebody has
 // interfered.
 
-#include <functional>
-
-#include <gtest/gtest.h>
-
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "Ostra/OstraSm.h"
 #include "platform/P4Runtime/Telemetry.h"

@@ -1,7 +1,6 @@
 // The hardware agent on a Corvex configuration that nobody but the test changes.
-#include <algorithm>
-#include <functional>
 
+#include "tests/Heard.h"
 #include "tests/sim/SwitchFixture.h"
 
 namespace {
@@ -32,24 +31,12 @@ class Agent : public Switch {
   const Korm::Ptr<OpenFlowTable::CorvexHwConfig> config_ = service.hwConfig();
 };
 
-// Whose status entries come or go, in order.
-class FlowWatcher final : public Korm::Notifiee<const Korm::Name&> {
- public:
-  explicit FlowWatcher(const HwStatus& status) : status_{status} {
-    status.flowStatsNotifiees().attach(*this);
-  }
-  void onAttribute(const Korm::Name& name) override {
-    lines_.push_back(name + (status_.flowStats(name) == nullptr ? " gone" : " comes"));
-  }
-  [[nodiscard]] Lines takeLines() { return std::exchange(lines_, {}); }
-
- private:
-  const HwStatus& status_;
-  Lines lines_;
-};
-
 TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
-  FlowWatcher watcher{agent.status()};
+  Lines told;
+  TestSupport::Listener<const Korm::Name&> watcher{
+      agent.status().flowStatsNotifiees(), [&](const Korm::Name& name) {
+        told.push_back(name + (agent.status().flowStats(name) == nullptr ? " gone" : " comes"));
+      }};
   flow("b");
   group(7);
   flow("a");
@@ -61,7 +48,7 @@ TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
   EXPECT_EQ(agent.waiting(), 5U);
   Service::settle();
   EXPECT_THAT(hardware(), ElementsAre("a 1", "b 1", "group 7 0"));
-  EXPECT_THAT(watcher.takeLines(), ElementsAre("b comes", "a comes", "c comes", "c gone"));
+  EXPECT_THAT(told, ElementsAre("b comes", "a comes", "c comes", "c gone"));
   config_->flowEntryDel("a");
   config_->groupEntryDel(7);
   Service::settle();

@@ -1,12 +1,7 @@
 // Rows that are damaged and shared memory that runs out: the write that meets it fails, the others
 // do not.
-#include <sys/resource.h>
 
-#include <string>
-#include <vector>
-
-#include <gtest/gtest.h>
-
+#include "tests/Tampering.h"
 #include "tests/sim/SwitchFixture.h"
 
 namespace {
@@ -31,22 +26,6 @@ TEST_F(ServiceDamage, ADamagedRowIsReportedUntilItIsWritten) {
   apply({modify({.number = 1})});
 }
 
-// Lets no file of this process, its tables' memory among them, grow beyond `bytes`.
-class GrowthLimit {
- public:
-  explicit GrowthLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{.rlim_cur = bytes, .rlim_max = before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~GrowthLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-  GrowthLimit(const GrowthLimit&) = delete;
-  GrowthLimit& operator=(const GrowthLimit&) = delete;
-
- private:
-  rlimit before_{};
-};
-
 TEST_F(ServiceDamage, FullSharedMemoryRejectsWhatNeedsMoreOfIt) {
   std::vector<Update> batch;
   for (std::uint32_t number = 0; number < 400; ++number) {
@@ -54,7 +33,7 @@ TEST_F(ServiceDamage, FullSharedMemoryRejectsWhatNeedsMoreOfIt) {
   }
   std::size_t stored = 0;
   {
-    const GrowthLimit limit{100000};
+    const TestSupport::Limit limit{RLIMIT_FSIZE, 100000};
     const auto results = service.apply(batch);
     while (stored < results.size() && results[stored].succeeded()) {
       ++stored;

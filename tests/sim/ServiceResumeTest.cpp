@@ -1,20 +1,9 @@
 // What outlives a service in named shared memory: blobs beside the rows, and what is left damaged.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
-#include <map>
-#include <random>
-#include <string>
-#include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "platform/KormVasta/SharedMemory.h"
 #include "platform/Vasta/Layout.h"
 #include "sim/SharedMemory.h"
 #include "sim/TablePaths.h"
+#include "tests/Tampering.h"
 #include "tests/UniqueName.h"
 #include "tests/platform/ChildProcess.h"
 #include "tests/sim/SwitchFixture.h"
@@ -28,16 +17,10 @@ const std::string name = uniqueName("ostra-resume-test");
 
 // Flips a bit of every `step`th byte in the rows of a table that nobody has open.
 void damageRows(const std::string& path, std::size_t from, std::size_t step) {
-  const std::string segment = "/vasta." + KormVasta::segmentName(name, path) + "#rows";
-  const int file = ::shm_open(segment.c_str(), O_RDWR, 0);
-  ASSERT_GE(file, 0) << segment;
+  TestSupport::Tampering rows{Vasta::SegmentNames{KormVasta::segmentName(name, path)}.rows()};
   for (std::size_t at = from; at < 4096; at += step) {
-    char byte = 0;
-    ASSERT_EQ(::pread(file, &byte, 1, static_cast<off_t>(at)), 1);
-    byte = static_cast<char>(byte ^ 1);
-    ASSERT_EQ(::pwrite(file, &byte, 1, static_cast<off_t>(at)), 1);
+    rows.flipByte(at, 1);
   }
-  ::close(file);
 }
 
 TEST(ServiceResume, ValuesOfAnyLengthAreReplacedAsAWhole) {
@@ -151,18 +134,14 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
   }
   // Whatever stands under the name of a table and is none keeps the service from starting, and
   // stays.
-  const std::string header = "/vasta." + KormVasta::segmentName(name, Sim::memberTablePath());
-  const int file = ::shm_open(header.c_str(), O_RDWR, 0);
-  ASSERT_EQ(::pwrite(file, "foreign!", 8, 0), 8);
-  ::close(file);
+  const Vasta::SegmentNames names{KormVasta::segmentName(name, Sim::memberTablePath())};
+  TestSupport::Tampering{names.header()}.wordIs(0, 42);
   {
     SharedMemory shared{name, Leftover::resume_};
     EXPECT_ANY_THROW(Sim::Service{&shared});
   }
-  const int again = ::shm_open(header.c_str(), O_RDONLY, 0);
-  EXPECT_GE(again, 0);
-  ::close(again);
-  ::shm_unlink(header.c_str());
+  EXPECT_EQ(TestSupport::Tampering{names.header()}.word(0), 42U);
+  Korm::unlinkSegment(names.header());
   SharedMemory shared{name, Leftover::resume_};
   Sim::Service service{&shared};
   service.start();

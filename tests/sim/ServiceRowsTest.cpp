@@ -1,5 +1,4 @@
 // What no command can write, and the order in which flows are shown.
-#include <gtest/gtest.h>
 
 #include "tests/sim/SwitchFixture.h"
 

@@ -6,20 +6,12 @@
 // with the message behind.
 #pragma once
 
-#include <algorithm>
-#include <optional>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Clock.h"
 #include "platform/P4Runtime/BatchStatus.h"
 #include "sim/HwAgent.h"
 #include "sim/Service.h"
+#include "tests/Testing.h"
 
 namespace SwitchTest {
 
