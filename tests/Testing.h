@@ -37,7 +37,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/Sanitizers.h"
+#include "tests/UniqueName.h"
+
 namespace TestSupport {
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
 
 using Texts = std::vector<std::string>;
 

@@ -10,7 +10,6 @@
 
 namespace OstraTest {
 
-using Ostra::FlowTableIndex;
 namespace StatePath = Ostra::StatePath;
 
 // A context in a service: the state database with all that is to be mounted, and the service's

@@ -6,10 +6,7 @@ namespace OstraTest {
 namespace {
 
 using Tessel::MountStatus;
-using testing::AllOf;
 using testing::ContainsRegex;
-using testing::HasSubstr;
-using testing::Not;
 
 TEST_F(Context, DeclaresItsFourMountsInOrder) {
   make();

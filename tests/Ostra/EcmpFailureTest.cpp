@@ -3,13 +3,8 @@
 #include "EcmpFixture.h"
 #include "OwnRules.h"
 
-namespace EcmpTest {
+namespace OstraTest {
 namespace {
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::StartsWith;
 
 class EcmpFailure : public Ecmp {
  protected:
@@ -23,7 +18,7 @@ class EcmpFailure : public Ecmp {
   std::string writeDamagedGroup(Id id, std::uint32_t memberCount, std::uint32_t weightCount) {
     auto row = groupRow(id, {5, 5});
     row->lists.storedCountsIs(memberCount, weightCount);
-    return OstraTest::messageOf<Korm::RangeException>([&] { groups->entryIs(*row); });
+    return messageOf<Korm::RangeException>([&] { groups->entryIs(*row); });
   }
 };
 
@@ -51,9 +46,8 @@ TEST_F(EcmpFailure, ADamagedListStopsAMemberChangeAtThatGroup) {
   }
   EXPECT_NE(writeDamagedGroup(2, 1025, 0), "");
   forgetWhatHappened();
-  EXPECT_THAT(
-      OstraTest::messageOf<Korm::RangeException>([&] { writeMember({.id = 5, .port = 2}); }),
-      StartsWith("PodArray::set expected size <= 1024, instead got 1025."));
+  EXPECT_THAT(messageOf<Korm::RangeException>([&] { writeMember({.id = 5, .port = 2}); }),
+              StartsWith("PodArray::set expected size <= 1024, instead got 1025."));
   EXPECT_THAT(writes(), ElementsAre("written member 5", "written group 1"));
   groups->entryDel(2);
   writeMember({.id = 5, .port = 2});
@@ -62,7 +56,7 @@ TEST_F(EcmpFailure, ADamagedListStopsAMemberChangeAtThatGroup) {
 
 TEST_F(EcmpFailure, OnlyEntryErrorsAreContained) {
   sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports,
-                                 Korm::makePtr<OstraTest::OwnRules>(), batchStatus, handles);
+                                 Korm::makePtr<OwnRules>(), batchStatus, handles);
   writeGroup(3, {5});  // an entry error of the service's own
   EXPECT_THAT([&] { writeMember({.id = 5, .port = 3}); },
               testing::ThrowsMessage<std::logic_error>("1005 3 Action profile member 5"));
@@ -148,4 +142,4 @@ TEST_F(EcmpFailure, ACorruptRowEndsAPassOverItsTableAndNoOther) {
 }
 
 }  // namespace
-}  // namespace EcmpTest
+}  // namespace OstraTest

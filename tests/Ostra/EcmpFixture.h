@@ -8,9 +8,8 @@
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "ServiceFixture.h"
 
-namespace EcmpTest {
+namespace OstraTest {
 
-using Lines = OstraTest::Texts;
 using Id = P4Runtime::MemberOrGroupId;
 using Ids = std::vector<Id>;
 using OpenFlowTable::Action;
@@ -41,7 +40,7 @@ inline std::string groupName(GroupId id) {
                           : "group " + std::to_string(id);
 }
 
-class Ecmp : public OstraTest::ServiceFixture {
+class Ecmp : public ServiceFixture {
  protected:
   Ecmp() {
     groups->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("groups"); });
@@ -130,9 +129,9 @@ class Ecmp : public OstraTest::ServiceFixture {
                : testing::AssertionFailure() << "other buckets in group " << id;
   }
 
-  [[nodiscard]] Lines writes() { return std::exchange(writes_, {}); }
-  [[nodiscard]] Lines told() { return results.takeEach(); }
-  [[nodiscard]] Lines corruptions() { return std::exchange(corruptions_, {}); }
+  [[nodiscard]] Texts writes() { return std::exchange(writes_, {}); }
+  [[nodiscard]] Texts told() { return results.takeEach(); }
+  [[nodiscard]] Texts corruptions() { return std::exchange(corruptions_, {}); }
   void forgetWhatHappened() {
     writes_.clear();
     results.takeEach();
@@ -160,10 +159,10 @@ class Ecmp : public OstraTest::ServiceFixture {
     }
   }
 
-  Lines writes_;
-  Lines corruptions_;
+  Texts writes_;
+  Texts corruptions_;
   Korm::MemberNotifiee<Ecmp, &Ecmp::corvexGroupChanged, const GroupId&> corvexReactor_{
       *this, cxHwConfig->groupEntryNotifiees()};
 };
 
-}  // namespace EcmpTest
+}  // namespace OstraTest

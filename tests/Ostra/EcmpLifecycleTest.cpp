@@ -2,12 +2,10 @@
 
 #include "EcmpFixture.h"
 
-namespace EcmpTest {
+namespace OstraTest {
 namespace {
 
 using Ostra::OstraEcmpGroupSm;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 class EcmpLifecycle : public Ecmp {
  protected:
@@ -154,4 +152,4 @@ TEST_F(EcmpLifecycle, ARewrittenGroupIsNeitherDeletedNorUnready) {
 }
 
 }  // namespace
-}  // namespace EcmpTest
+}  // namespace OstraTest

@@ -3,10 +3,8 @@
 
 #include "EcmpFixture.h"
 
-namespace EcmpTest {
+namespace OstraTest {
 namespace {
-
-using testing::ElementsAre;
 
 class EcmpReentry : public Ecmp {
  protected:
@@ -30,12 +28,11 @@ class EcmpReentry : public Ecmp {
 
  private:
   std::function<void()> act_;
-  OstraTest::Listener<const GroupId&> reactor_{
-      cxHwConfig->groupEntryNotifiees(), [this](const GroupId&) {
-        if (const auto act = std::exchange(act_, nullptr)) {
-          act();
-        }
-      }};
+  Listener<const GroupId&> reactor_{cxHwConfig->groupEntryNotifiees(), [this](const GroupId&) {
+                                      if (const auto act = std::exchange(act_, nullptr)) {
+                                        act();
+                                      }
+                                    }};
 };
 
 TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {
@@ -81,25 +78,24 @@ TEST_F(EcmpReentry, DroppedWhileItWorksItFinishesItsWalk) {
   writeMembers({5, 6});
   writeGroup(3, {5});
   writeGroup(4, {5});
-  Lines order;
+  Texts order;
   const auto restart = [&] {
     start();
     order.clear();
-    return std::make_unique<OstraTest::Listener<>>(sm->zeroReferencesNotifiees(),
-                                                   [&] { order.emplace_back("gone"); });
+    return std::make_unique<Listener<>>(sm->zeroReferencesNotifiees(),
+                                        [&] { order.emplace_back("gone"); });
   };
-  OstraTest::Listener<const P4Runtime::TransactionResult&> told{
+  Listener<const P4Runtime::TransactionResult&> told{
       batchStatus->resultNotifiees(), [&](const P4Runtime::TransactionResult& result) {
         sm = nullptr;
         order.push_back(std::to_string(result.handle));
       }};
-  OstraTest::Listener<const GroupId&> written{cxHwConfig->groupEntryNotifiees(),
-                                              [&](const GroupId& id) {
-                                                if (!order.empty()) {
-                                                  sm = nullptr;
-                                                }
-                                                order.push_back(groupName(id));
-                                              }};
+  Listener<const GroupId&> written{cxHwConfig->groupEntryNotifiees(), [&](const GroupId& id) {
+                                     if (!order.empty()) {
+                                       sm = nullptr;
+                                     }
+                                     order.push_back(groupName(id));
+                                   }};
   auto watch = restart();
   writeMember({.id = 5, .port = 2});
   EXPECT_THAT(order, ElementsAre("member 5", "group 3", "group 4", "gone"));
@@ -114,4 +110,4 @@ TEST_F(EcmpReentry, DroppedWhileItWorksItFinishesItsWalk) {
 }
 
 }  // namespace
-}  // namespace EcmpTest
+}  // namespace OstraTest

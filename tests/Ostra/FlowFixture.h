@@ -9,7 +9,6 @@
 namespace OstraTest {
 
 using Ostra::OstraConfigEntry;
-using Ostra::OstraKey;
 using VrfId = Vrf::VrfIdMap::VrfId;
 
 class FlowFixture : public ServiceFixture {

@@ -1,16 +1,14 @@
-#include "Ostra/OstraTypes.h"
+#include "ServiceFixture.h"
 #include "platform/Korm/Strep.h"
-#include "tests/Testing.h"
 
 namespace OstraTest {
 namespace {
 
 using Ostra::MatchFieldId;
-using Ostra::OstraKey;
 
 // What the parser says of a text that it refuses; empty for one that it takes.
 std::string refusal(const std::string& text) {
-  return TestSupport::messageOf<Korm::ParseException>(
+  return messageOf<Korm::ParseException>(
       [&text] { static_cast<void>(Korm::strepToValue<OstraKey>(text)); });
 }
 

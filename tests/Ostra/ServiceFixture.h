@@ -18,10 +18,9 @@
 
 namespace OstraTest {
 
-using TestSupport::Listener;
-using TestSupport::messageOf;
-using TestSupport::Results;
-using TestSupport::Texts;
+using namespace TestSupport;
+using Ostra::FlowTableIndex;
+using Ostra::OstraKey;
 
 // A key of its own for each number, without anything to check.
 [[nodiscard]] inline Ostra::OstraKey plainKey(std::uint16_t number) {

@@ -1,12 +1,11 @@
-#include "Ostra/OstraStatus.h"
-#include "tests/Ostra/ServiceFixture.h"
+#include "ServiceFixture.h"
 
+namespace OstraTest {
 namespace {
 
 using Korm::DeserializationException;
 using Korm::ParseException;
 using Ostra::OstraStatusEntry;
-using OstraTest::plainKey;
 using P4Runtime::ErrorCode;
 
 OstraStatusEntry sample() {
@@ -99,3 +98,4 @@ TEST(StatusEntry, IsReachedByAttributeName) {
 }
 
 }  // namespace
+}  // namespace OstraTest

@@ -1,8 +1,8 @@
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraStatusSm.h"
-#include "Ostra/StatePaths.h"
-#include "tests/Ostra/ServiceFixture.h"
+#include "ServiceFixture.h"
 
+namespace OstraTest {
 namespace {
 
 using OpenFlowTable::FlowStatus;
@@ -14,7 +14,7 @@ using Ostra::OstraStatusSm;
 constexpr GroupId memberBit = GroupId{1} << 32U;
 
 // A directory with a "p4rt" hardware status, and a state machine over it.
-class StatusSm : public OstraTest::ServiceFixture {
+class StatusSm : public ServiceFixture {
  protected:
   void start() {
     sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, batchStatus, statusInfo, groups, members);
@@ -55,7 +55,7 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
 
   auto& stats = flow("flow-7", FlowStatus::waitingForGroup_);
   EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), 5U) << "not final, still waited for";
-  OstraTest::Listener<const P4Runtime::TransactionResult&> service{
+  Listener<const P4Runtime::TransactionResult&> service{
       batchStatus->resultNotifiees(), [this](const P4Runtime::TransactionResult& result) {
         EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), result.dependent ? 5U : 0xFFFFFF)
             << "struck off when it has been reported";
@@ -142,7 +142,7 @@ TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
 TEST_F(StatusSm, AResultMayChangeTheStatusThatItComesFrom) {
   start();
   std::function<void(const Korm::Name&)> then;
-  OstraTest::Listener<const P4Runtime::TransactionResult&> service{
+  Listener<const P4Runtime::TransactionResult&> service{
       batchStatus->resultNotifiees(), [&then](const P4Runtime::TransactionResult& result) {
         if (then) {
           then(Ostra::buildFlowName(result.handle));
@@ -182,7 +182,7 @@ TEST_F(StatusSm, AResultMayChangeTheStatusThatItComesFrom) {
   EXPECT_EQ(hw->references(), 2U) << "held here and by the directory";
 }
 
-using Service = OstraTest::Listener<const P4Runtime::TransactionResult&>;
+using Service = Listener<const P4Runtime::TransactionResult&>;
 
 TEST_F(StatusSm, AChangeMadeDuringTheFirstReportsIsReportedToo) {
   auto& first = flow("flow-1", FlowStatus::programmed_);
@@ -278,3 +278,4 @@ TEST_F(StatusSm, DestroyedItSilencesAStateMachineThatSomebodyElseHolds) {
 }
 
 }  // namespace
+}  // namespace OstraTest

@@ -1,15 +1,11 @@
-#include "Ostra/OstraStatus.h"
-#include "tests/Heard.h"
-#include "tests/Ostra/ServiceFixture.h"
+#include "ServiceFixture.h"
 
+namespace OstraTest {
 namespace {
 
 using KormVasta::CollectionControl;
-using Ostra::FlowTableIndex;
-using Ostra::OstraKey;
 using Ostra::OstraStatus;
 using Ostra::OstraStatusEntry;
-using OstraTest::plainKey;
 
 OstraStatusEntry entry(std::uint16_t port, std::uint64_t handle) {
   return {{.entryHandle = handle}, plainKey(port)};
@@ -26,7 +22,7 @@ class StatusTable : public testing::Test {
   }
 
   Korm::Ptr<OstraStatus> status_ = Ostra::ostraStatusFactory("table-3");
-  TestSupport::Heard<OstraKey> told_{status_->notifieeList()};
+  Heard<OstraKey> told_{status_->notifieeList()};
   using Told = std::vector<OstraKey>;
 };
 
@@ -71,7 +67,7 @@ TEST_F(StatusTable, ACorruptRowGoesToTheHandlerAndToNobodyElse) {
   }
   damage(2);
   told_.take();
-  const std::string text = TestSupport::messageOf<Vasta::Corruption>(
+  const std::string text = messageOf<Vasta::Corruption>(
       [this] { static_cast<void>(status_->table().find(plainKey(2))); });
 
   EXPECT_TRUE(!status_->tableDel(plainKey(2)));
@@ -120,7 +116,7 @@ TEST_F(StatusTable, TheControlFollowsTheTable) {
 
 // Whether an entity is still there shows in what is attached to it.
 TEST_F(StatusTable, GoesWithItsLastOutsideReference) {
-  TestSupport::Listener<> watch{status_->zeroReferencesNotifiees()};
+  Listener<> watch{status_->zeroReferencesNotifiees()};
   status_->tableControlIs(status_->tableControl());
   status_->tableIs(entry(1, 10));
   Korm::Ptr<OstraStatus> another = status_;
@@ -155,7 +151,7 @@ TEST_F(StatusTable, LivesOnWithAControlThatSomebodyHolds) {
 
 TEST(StatusTableColl, TellsTheSlotsThatGetAnotherTable) {
   const auto coll = Ostra::ostraStatusTableCollFactory("tables");
-  TestSupport::Heard<FlowTableIndex> told{coll->ostraStatusNotifiees()};
+  Heard<FlowTableIndex> told{coll->ostraStatusNotifiees()};
   using Told = std::vector<FlowTableIndex>;
   const auto a = Ostra::ostraStatusFactory("a");
   const auto b = Ostra::ostraStatusFactory("b");
@@ -201,3 +197,4 @@ TEST(StatusTableColl, HasSixteenSlots) {
 }
 
 }  // namespace
+}  // namespace OstraTest

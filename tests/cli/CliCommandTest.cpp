@@ -4,12 +4,7 @@
 
 namespace {
 
-using CliTest::sim;
-using CliTest::simJsonLines;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace CliTest;
 
 TEST(CliCommand, TheFirstSessionOfTheManualPrintsWhatItSays) {
   EXPECT_THAT(

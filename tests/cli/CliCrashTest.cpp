@@ -3,13 +3,10 @@
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 #include "CliProgram.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Json;
-using CliTest::Process;
-using testing::HasSubstr;
+using namespace CliTest;
 
 unsigned long setting(const char* name, unsigned long otherwise) {
   const char* const value = std::getenv(name);
@@ -40,7 +37,7 @@ struct Seen {
 
 class CliCrash : public testing::Test {
  protected:
-  ~CliCrash() override { (void)CliTest::sim("", {"--shm", name_, "--discard"}); }
+  ~CliCrash() override { (void)sim("", {"--shm", name_, "--discard"}); }
 
   unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
   std::string upTo(unsigned limit) { return std::to_string(1 + below(limit)); }
@@ -127,7 +124,7 @@ class CliCrash : public testing::Test {
     return text + echo(0);
   }
 
-  std::unique_ptr<Process> start(CliTest::Arguments arguments) {
+  std::unique_ptr<Process> start(Arguments arguments) {
     arguments.insert(arguments.end(), {"--json", "--shm", name_});
     if (below(3) == 0) {
       arguments.emplace_back("--verify");
@@ -155,7 +152,7 @@ class CliCrash : public testing::Test {
   void takeAnswers(const std::string& output) {
     std::size_t next = 0;
     const std::size_t whole = output.rfind('\n') + 1;  // a line that was cut is no answer
-    for (const std::string& line : CliTest::linesOf(output.substr(0, whole))) {
+    for (const std::string& line : linesOf(output.substr(0, whole))) {
       const Json object = Json::parse(line);
       if (object["type"] == "echo") {
         const unsigned upTo = static_cast<unsigned>(std::stoul(object["text"].get<std::string>()));
@@ -191,8 +188,7 @@ class CliCrash : public testing::Test {
     Seen seen;
     std::string topic;
     bool isTitle = false;
-    for (const std::string& line :
-         CliTest::linesOf(CliTest::show({name, "flows", "members", "groups"}).out)) {
+    for (const std::string& line : linesOf(show({name, "flows", "members", "groups"}).out)) {
       if (!line.starts_with(' ')) {
         topic = line.substr(0, line.find(':') - 1);
         isTitle = true;
@@ -207,7 +203,7 @@ class CliCrash : public testing::Test {
         seen.lines.insert(topic + testing::PrintToString(words));
       }
     }
-    for (const std::string& line : CliTest::linesOf(shown)) {
+    for (const std::string& line : linesOf(shown)) {
       const Json object = Json::parse(line);
       for (const std::string kind : {"flows", "groups", "vrfs"}) {
         for (Json row : object.value(kind, Json::array())) {
@@ -325,26 +321,26 @@ TEST_F(CliCrash, WhatAKilledOneLeftIsGoneOnWithOrRemovedAndNeverLostSilently) {
   killed->write("port 1 Ethernet1\ninsert flow priority=1 -> drop\necho ready\n");
   killed->readUntil("ready");
   // One name, one process.
-  EXPECT_THAT(CliTest::sim("", {"--shm", name_, "--discard"}).errors,
+  EXPECT_THAT(sim("", {"--shm", name_, "--discard"}).errors,
               HasSubstr("is in use by process " + std::to_string(killed->id())));
   killed->kill(SIGKILL);
   killed->finish();
 
-  const CliTest::Finished refused = CliTest::sim("", {"--shm", name_});
+  const Finished refused = sim("", {"--shm", name_});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.errors,
-              testing::AllOf(HasSubstr("process"), HasSubstr("--resume"), HasSubstr("--discard")));
+              AllOf(HasSubstr("process"), HasSubstr("--resume"), HasSubstr("--discard")));
   const auto resumed = start({"--resume"});
   resumed->write("show flows\necho ready\n");
   EXPECT_THAT(resumed->readUntil("ready"), HasSubstr("flow-1"));
   resumed->kill(SIGKILL);
   resumed->finish();
-  const CliTest::Finished discarded = CliTest::sim("show flows\n", {"--shm", name_, "--discard"});
+  const Finished discarded = sim("show flows\n", {"--shm", name_, "--discard"});
   EXPECT_THAT(discarded.out, HasSubstr("flows: 0"));
   // It ended by itself, so there is nothing to refuse.
-  EXPECT_EQ(CliTest::sim("", {"--shm", name_}).status, 0);
-  EXPECT_EQ(CliTest::sim("", {"--resume"}).status, 2);
-  EXPECT_EQ(CliTest::sim("", {"--shm", name_, "--resume", "--discard"}).status, 2);
+  EXPECT_EQ(sim("", {"--shm", name_}).status, 0);
+  EXPECT_EQ(sim("", {"--resume"}).status, 2);
+  EXPECT_EQ(sim("", {"--shm", name_, "--resume", "--discard"}).status, 2);
 }
 
 }  // namespace

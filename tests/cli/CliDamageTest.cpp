@@ -2,21 +2,19 @@
 
 #include "CliProgram.h"
 #include "tests/Tampering.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Finished;
-using testing::HasSubstr;
+using namespace CliTest;
 
 TEST(CliDamage, IsSaidByShowAndCheckAndGoesWithRemove) {
   const std::string name = uniqueName("ostra-damage-test");
   {
-    CliTest::Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
+    Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
     process.write("insert flow priority=1 -> drop\ninsert flow priority=2 -> drop\necho ready\n");
     process.readUntil("ready");
-    EXPECT_EQ(CliTest::show({name, "--check"}).status, 0);
-    EXPECT_EQ(CliTest::show({name, "--remove"}).status, 1) << "it is in use";
+    EXPECT_EQ(show({name, "--check"}).status, 0);
+    EXPECT_EQ(show({name, "--remove"}).status, 1) << "it is in use";
     process.kill(SIGKILL);
     process.finish();
   }
@@ -27,17 +25,17 @@ TEST(CliDamage, IsSaidByShowAndCheckAndGoesWithRemove) {
     rows.wordIs(word, 0);
   }
 
-  const Finished shown = CliTest::show({name, "flows"});
+  const Finished shown = show({name, "flows"});
   EXPECT_EQ(shown.status, 1);
   EXPECT_THAT(shown.out, HasSubstr("the header of the table says 2"));
-  EXPECT_EQ(CliTest::show({name, "members"}).status, 0);
-  const Finished checked = CliTest::show({name, "--check"});
+  EXPECT_EQ(show({name, "members"}).status, 0);
+  const Finished checked = show({name, "--check"});
   EXPECT_EQ(checked.status, 1);
   EXPECT_THAT(checked.out, HasSubstr("p4runtime/flowTable/0/entry: it has 0 intact rows"));
 
-  EXPECT_EQ(CliTest::show({name, "--remove"}).status, 0);
-  EXPECT_THAT(CliTest::show({name}).errors, HasSubstr("is running"));
-  EXPECT_EQ(CliTest::sim("", {"--shm", name}).status, 0);
+  EXPECT_EQ(show({name, "--remove"}).status, 0);
+  EXPECT_THAT(show({name}).errors, HasSubstr("is running"));
+  EXPECT_EQ(sim("", {"--shm", name}).status, 0);
 }
 
 }  // namespace

@@ -4,11 +4,7 @@
 
 namespace {
 
-using CliTest::Json;
-using CliTest::sim;
-using CliTest::simJson;
-using testing::HasSubstr;
-using testing::Not;
+using namespace CliTest;
 
 const std::string setup =
     "port 1 Ethernet1\nencap 9 src=192.0.2.1 dst=198.51.100.7\n"

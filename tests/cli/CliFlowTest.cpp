@@ -4,9 +4,7 @@
 
 namespace {
 
-using CliTest::Json;
-using CliTest::simJson;
-using CliTest::simJsonLines;
+using namespace CliTest;
 
 struct Translation {
   std::string words;

@@ -5,13 +5,10 @@
 #include <unistd.h>
 
 #include "CliProgram.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Finished;
-using CliTest::Process;
-using testing::HasSubstr;
+using namespace CliTest;
 
 constexpr bool sanitized =
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -71,12 +68,12 @@ class CliLimits : public testing::Test {
   ~CliLimits() override {
     switch_.reset();
     (void)shell("$SHOW $NAME --remove");
-    for (const std::string& path : CliTest::segmentsOf(other_)) {
+    for (const std::string& path : segmentsOf(other_)) {
       ::unlink(path.c_str());
     }
   }
 
-  void startSwitch(CliTest::Arguments arguments = {}) {
+  void startSwitch(Arguments arguments = {}) {
     arguments.insert(arguments.end(), {"--shm", name_});
     switch_ = std::make_unique<Process>(OSTRA_SIM_PROGRAM, arguments);
     switch_->write("insert flow priority=1 -> mirror-ingress=a\x1b[31mb\necho ready\n");
@@ -103,7 +100,7 @@ TEST_F(CliLimits, WhatIsMissingIsSaidAndNothingIsLeft) {
     EXPECT_THAT(finished.errors, HasSubstr(tried.errors));
     EXPECT_EQ(finished.errors.empty(), tried.errors.empty()) << finished.errors;
     EXPECT_THAT(finished.out, HasSubstr(tried.out));
-    EXPECT_THAT(CliTest::segmentsOf(other_), testing::IsEmpty());
+    EXPECT_THAT(segmentsOf(other_), IsEmpty());
   }
   switch_->write("show flows\n");
   EXPECT_THAT(switch_->finish().out, HasSubstr("a?[31mb"));
@@ -126,7 +123,7 @@ TEST_F(CliLimits, SomethingElseOfItsNameIsNeitherReadNorWrittenNorWaitedFor) {
         EXPECT_EQ(shell("ls -l --full-time " + path).out, before) << command;
       }
       ::unlink(path.c_str());
-      EXPECT_THAT(CliTest::segmentsOf(other_), testing::IsEmpty());
+      EXPECT_THAT(segmentsOf(other_), IsEmpty());
     }
   }
 }
@@ -137,11 +134,11 @@ TEST_F(CliLimits, OfSeveralThatStartAtOnceAfterAKillOneComesUp) {
     switch_->kill(SIGKILL);
     switch_->finish();
     const std::string how = round % 2 == 0 ? "--resume" : "--discard";
-    const CliTest::TemporaryFile script{"show entries\n"};
+    const TemporaryFile script{"show entries\n"};
     std::vector<std::unique_ptr<Process>> all;
     for (int number = 0; number < 5; ++number) {
-      all.push_back(std::make_unique<Process>(
-          OSTRA_SIM_PROGRAM, CliTest::Arguments{"--shm", name_, how, script.path(), "-"}));
+      all.push_back(std::make_unique<Process>(OSTRA_SIM_PROGRAM,
+                                              Arguments{"--shm", name_, how, script.path(), "-"}));
     }
     // The one that has the name waits for more. The others end by themselves.
     int refused = 0;
@@ -210,7 +207,7 @@ TEST_F(CliLimits, ALongScriptShowsItsProgressOnATerminal) {
   for (int number = 0; number < 20000; ++number) {
     script += "resync\n";
   }
-  const CliTest::TemporaryFile file{script};
+  const TemporaryFile file{script};
   Process process{
       Process::OnTerminal{}, "/bin/sh", {"-c", "exec $SIM " + file.path() + " > /dev/null"}};
   EXPECT_THAT(process.readUntil("%"), HasSubstr("\r\x1b[K" + file.path() + ": line "));

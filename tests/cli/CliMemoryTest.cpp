@@ -6,14 +6,10 @@
 // next.
 
 #include "CliProgram.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Arguments;
-using CliTest::Finished;
-using CliTest::Process;
-using testing::HasSubstr;
+using namespace CliTest;
 
 // Commands, a batch being one, with every kind of work in them.
 const std::vector<std::string> script{
@@ -59,12 +55,12 @@ class CliMemory : public testing::Test {
  protected:
   ~CliMemory() override {
     failingIs("");
-    (void)CliTest::show({name_, "--remove"});
+    (void)show({name_, "--remove"});
   }
 
   Finished play(const std::string& text, Arguments arguments) const {
     arguments.insert(arguments.end(), {"--clock", "steps", "-k", "--shm", name_});
-    const CliTest::TemporaryFile input{text};
+    const TemporaryFile input{text};
     return Process{OSTRA_FAILING_SIM, arguments, input.path()}.finish();
   }
 
@@ -87,7 +83,7 @@ class CliMemory : public testing::Test {
         continue;
       }
       ASSERT_EQ(finished.status, 1) << finished.errors;
-      EXPECT_THAT(takeCount(finished.errors).first, testing::EndsWith(": out of memory\n"));
+      EXPECT_THAT(takeCount(finished.errors).first, EndsWith(": out of memory\n"));
       ASSERT_NO_FATAL_FAILURE(then(finished));
       if (HasFailure()) {
         break;
@@ -111,7 +107,7 @@ class CliMemory : public testing::Test {
 
   // The rows that a process has or has left, which is named in the first line.
   [[nodiscard]] std::string rows() const {
-    const std::string text = CliTest::show({name_, "flows", "members", "groups"}).out;
+    const std::string text = show({name_, "flows", "members", "groups"}).out;
     return text.substr(text.find('\n') + 1);
   }
 
@@ -122,7 +118,7 @@ class CliMemory : public testing::Test {
     process.readUntil("marked");
     std::vector<std::string> states{rows()};
     for (const std::string& command : script) {
-      for (const std::string& line : CliTest::linesOf(command)) {
+      for (const std::string& line : linesOf(command)) {
         if (line == "begin" || line == "commit" || line == "bogus") {
           continue;
         }
@@ -159,9 +155,7 @@ std::string whole() {
 }
 
 TEST_F(CliMemory, AnyAllocationThatFailsEndsTheRunInOrder) {
-  const auto nothingIsLeft = [this](const Finished&) {
-    EXPECT_THAT(CliTest::segmentsOf(name_), testing::IsEmpty());
-  };
+  const auto nothingIsLeft = [this](const Finished&) { EXPECT_THAT(segmentsOf(name_), IsEmpty()); };
   const auto json = [this] { return play(whole(), {"--json"}); };
   const auto text = [this] { return play(whole(), {"--trace", "9", "--verify"}); };
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(71), false, json, nothingIsLeft));
@@ -175,7 +169,7 @@ TEST_F(CliMemory, WhatHadBeenAnsweredIsThereForTheNextOne) {
   std::vector<std::size_t> writes{0};  // before each command
   for (const std::string& command : script) {
     text += command + "echo " + std::to_string(writes.size()) + "\n";
-    const auto lines = CliTest::linesOf(command);
+    const auto lines = linesOf(command);
     writes.push_back(writes.back() +
                      static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), isWrite)));
   }
@@ -210,14 +204,14 @@ TEST_F(CliMemory, ThatFailsWhileOneResumesOrLooksOnCostsNothing) {
   };
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(53), false, look, same));
   const auto resume = [&] {
-    if (CliTest::segmentsOf(name_).empty()) {  // one that had enough has ended by itself
+    if (segmentsOf(name_).empty()) {  // one that had enough has ended by itself
       leave();
     }
     return play("audit\n", {"--resume"});
   };
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(97), true, resume, same));
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(89), false, resume, same));
-  if (CliTest::segmentsOf(name_).empty()) {
+  if (segmentsOf(name_).empty()) {
     leave();
   }
   EXPECT_EQ(rowsResumed(), left);

@@ -4,8 +4,7 @@
 
 namespace {
 
-using CliTest::simJson;
-using testing::HasSubstr;
+using namespace CliTest;
 
 struct Mistake {
   std::string line;
@@ -84,12 +83,12 @@ TEST(CliMistake, SaysWhatWasReadAndWhatWasExpected) {
 }
 
 TEST(CliMistake, EndsTheRunUnlessToldToKeepGoing) {
-  const CliTest::TemporaryFile file{"echo one\nbogus\necho two\n"};
-  const CliTest::Finished stopped = CliTest::sim({}, {file.path()});
+  const TemporaryFile file{"echo one\nbogus\necho two\n"};
+  const Finished stopped = sim({}, {file.path()});
   EXPECT_EQ(stopped.status, 2);
   EXPECT_EQ(stopped.out, "one\n");
   EXPECT_THAT(stopped.errors, HasSubstr(file.path() + ":2: error: read 'bogus', expected"));
-  const CliTest::Finished kept = CliTest::sim({}, {"--keep-going", file.path()});
+  const Finished kept = sim({}, {"--keep-going", file.path()});
   EXPECT_EQ(kept.status, 2);
   EXPECT_EQ(kept.out, "one\ntwo\n");
 }
@@ -105,7 +104,7 @@ TEST(CliMistake, ABatchThatIsNotCommittedIsNotApplied) {
 }
 
 TEST(CliMistake, IsShownInOneLineOfPrintableCharacters) {
-  const auto finished = CliTest::sim("bo\x1b[31m\a" + std::string(5000, 'x') + "\n");
+  const auto finished = sim("bo\x1b[31m\a" + std::string(5000, 'x') + "\n");
   EXPECT_LT(finished.errors.size(), 200U);
   EXPECT_THAT(finished.errors, HasSubstr("'bo\\x1b[31m\\x07xxx"));
   // JSON has no room for bytes that are not UTF-8.

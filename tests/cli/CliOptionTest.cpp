@@ -2,17 +2,10 @@
 // signals.
 
 #include "CliProgram.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Arguments;
-using CliTest::Finished;
-using CliTest::Process;
-using CliTest::sim;
-using CliTest::simJson;
-using CliTest::TemporaryFile;
-using testing::HasSubstr;
+using namespace CliTest;
 
 TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
   const std::vector<std::pair<Arguments, std::string>> mistakes{
@@ -33,7 +26,7 @@ TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
     EXPECT_EQ(finished.status, 2) << says;
     EXPECT_EQ(finished.out, "") << says;
     EXPECT_THAT(finished.errors, HasSubstr(says));
-    EXPECT_THAT(finished.errors, testing::StartsWith("ostra-sim: "));
+    EXPECT_THAT(finished.errors, StartsWith("ostra-sim: "));
   }
 }
 
@@ -66,14 +59,14 @@ TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
   Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
   process.write("echo ready\n");
   process.readUntil("ready");
-  EXPECT_EQ(CliTest::show({name, "status"}).status, 0);
+  EXPECT_EQ(show({name, "status"}).status, 0);
   // A name is one process's.
   const Finished second = sim("", {"--shm", name});
   EXPECT_EQ(second.status, 1);
   EXPECT_THAT(second.errors, HasSubstr(name));
   process.kill(SIGTERM);
   EXPECT_EQ(process.finish().status, -SIGTERM);
-  EXPECT_EQ(CliTest::show({name}).status, 1);
+  EXPECT_EQ(show({name}).status, 1);
 }
 
 TEST(CliTerminal, HasAPromptForgivesMistakesAndUsesColor) {

@@ -8,6 +8,8 @@
 
 namespace CliTest {
 
+using namespace TestSupport;
+
 using Arguments = std::vector<std::string>;
 using Json = nlohmann::ordered_json;
 

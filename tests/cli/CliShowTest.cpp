@@ -1,14 +1,10 @@
 // ostra-show beside an ostra-sim that starts, stops and is killed.
 
 #include "CliProgram.h"
-#include "tests/UniqueName.h"
 
 namespace {
 
-using CliTest::Finished;
-using CliTest::Process;
-using testing::HasSubstr;
-using testing::Not;
+using namespace CliTest;
 
 const std::string script =
     "port 1 Ethernet1\n"
@@ -21,13 +17,13 @@ const std::string script =
 
 class CliShow : public testing::Test {
  protected:
-  ~CliShow() override { (void)CliTest::sim("", {"--shm", name_, "--discard"}); }
+  ~CliShow() override { (void)sim("", {"--shm", name_, "--discard"}); }
 
   const std::string name_ = uniqueName("ostra-show-test");
 
   std::unique_ptr<Process> startSim() const {
     auto process = std::make_unique<Process>(
-        OSTRA_SIM_PROGRAM, CliTest::Arguments{"--clock", "steps", "--shm", name_, "--discard"});
+        OSTRA_SIM_PROGRAM, Arguments{"--clock", "steps", "--shm", name_, "--discard"});
     process->write(script);
     process->readUntil("ready\n");
     return process;
@@ -36,7 +32,7 @@ class CliShow : public testing::Test {
 
 TEST_F(CliShow, PrintsTheTablesAndTheTraceOfARunningOne) {
   const auto process = startSim();
-  const Finished all = CliTest::show({name_});
+  const Finished all = show({name_});
   EXPECT_EQ(all.status, 0) << all.errors;
   EXPECT_THAT(all.out, HasSubstr("process " + std::to_string(process->id()) + "\n"));
   for (const char* const part :
@@ -48,12 +44,12 @@ TEST_F(CliShow, PrintsTheTablesAndTheTraceOfARunningOne) {
     EXPECT_THAT(all.out, HasSubstr(part));
   }
 
-  const Finished some = CliTest::show({name_, "groups", "groups"});
+  const Finished some = show({name_, "groups", "groups"});
   EXPECT_THAT(some.out, HasSubstr("groups: 1\n"));
   EXPECT_THAT(some.out, Not(HasSubstr("flows:")));
   EXPECT_EQ(process->finish("quit\n").status, 0);
 
-  const Finished after = CliTest::show({name_});
+  const Finished after = show({name_});
   EXPECT_EQ(after.status, 1);
   EXPECT_THAT(after.errors, HasSubstr("no 'ostra-sim --shm " + name_ + "' is running"));
 }
@@ -94,17 +90,17 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
   for (int number = 0; number < 5000; ++number) {
     inserts += "insert flow priority=" + std::to_string(number) + " -> drop\n";
   }
-  const CliTest::TemporaryFile file{inserts};
+  const TemporaryFile file{inserts};
   Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "status", "trace"}};
   std::mt19937 random{1};
   for (int round = 0; round < 20; ++round) {
     Process victim{OSTRA_SIM_PROGRAM, {"--shm", name_, "--discard", file.path(), "-"}};
     std::this_thread::sleep_for(std::chrono::microseconds{random() % 40000});
-    const Finished once = CliTest::show({name_, "flows"});
+    const Finished once = show({name_, "flows"});
     EXPECT_TRUE(once.status == 0 || once.status == 1) << once.status << once.errors;
     victim.kill(SIGKILL);
     victim.finish();
-    EXPECT_EQ(CliTest::show({name_, "flows"}).errors.find("corrupt"), std::string::npos);
+    EXPECT_EQ(show({name_, "flows"}).errors.find("corrupt"), std::string::npos);
   }
   const auto process = startSim();
   const std::string id = std::to_string(process->id());

@@ -4,6 +4,8 @@
 
 namespace {
 
+using namespace CliTest;
+
 namespace fs = std::filesystem;
 
 std::vector<std::string> scenarios() {
@@ -21,12 +23,10 @@ class Scenario : public testing::TestWithParam<std::string> {};
 
 TEST_P(Scenario, PrintsWhatItSays) {
   const fs::path base = fs::path{OSTRA_SCENARIOS} / GetParam();
-  const CliTest::Finished played =
-      CliTest::sim({}, {"--audit", "--clock", "steps", base.string() + ".txt"});
+  const Finished played = sim({}, {"--audit", "--clock", "steps", base.string() + ".txt"});
   EXPECT_EQ(played.status, 0);
   EXPECT_EQ(played.errors, "");
-  EXPECT_EQ(CliTest::linesOf(played.out),
-            CliTest::linesOf(CliTest::contentOf(base.string() + ".expected")));
+  EXPECT_EQ(linesOf(played.out), linesOf(contentOf(base.string() + ".expected")));
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Scenario, testing::ValuesIn(scenarios()),

@@ -6,7 +6,6 @@
 #include "platform/Brisklog/TracePoint.h"
 #include "platform/Korm/Clock.h"
 #include "tests/Tampering.h"
-#include "tests/UniqueName.h"
 
 // A value type of some library: a number in the ring, a name in the text.
 namespace Shapes {
@@ -25,10 +24,11 @@ std::string_view brisklogArgument(const Label& label) { return label.name; }
 
 namespace {
 
+using namespace TestSupport;
+
 using namespace Brisklog;
 using Shapes::Color;
-using Strings = TestSupport::Texts;
-using testing::HasSubstr;
+using Strings = Texts;
 
 constinit TraceHandle handle{"Shapes"};
 constinit TracePoint plain{handle, 5, "Drawer::", "draw"};
@@ -209,7 +209,7 @@ TEST_F(BrisklogTest, WrappingKeepsTheNewestAndAFollowerLearnsWhatItLost) {
 TEST_F(BrisklogTest, AFollowerOfADamagedRingNeitherSpinsNorGoesBlind) {
   const std::string name = shmName();
   useRing({.shmName = name, .records = 64});
-  TestSupport::Tampering segment{Korm::SegmentName{name}};
+  Tampering segment{Korm::SegmentName{name}};
   RingReader reader = RingReader::attach(name);
   RingCursor cursor;
   int written = 0;
@@ -356,8 +356,7 @@ RingReader attachSoon(const std::string& name) {
 }
 
 std::string attachError(const std::string& name) {
-  return TestSupport::messageOf<RingError>(
-      [&name] { static_cast<void>(RingReader::attach(name)); });
+  return messageOf<RingError>([&name] { static_cast<void>(RingReader::attach(name)); });
 }
 
 TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
@@ -411,7 +410,7 @@ TEST_F(BrisklogTest, WhatIsNotARingOfThisLayoutIsRefused) {
   const std::string name = shmName();
   EXPECT_THAT(attachError(name), HasSubstr("No such file"));
   const auto ringOfThatName = Ring::create({.shmName = name, .records = 64});
-  TestSupport::Tampering segment{Korm::SegmentName{name}};
+  Tampering segment{Korm::SegmentName{name}};
   const auto errorWith = [&](std::size_t word, std::uint64_t value) {
     const std::uint64_t old = segment.word(word);
     segment.wordIs(word, value);

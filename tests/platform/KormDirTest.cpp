@@ -6,12 +6,12 @@
 namespace Korm {
 namespace {
 
+using namespace TestSupport;
+
 class Lamp final : public NamedEntity {
  public:
   using NamedEntity::NamedEntity;
 };
-
-using TestSupport::Texts;
 
 class DirTest : public testing::Test {
  protected:
@@ -20,13 +20,12 @@ class DirTest : public testing::Test {
   Ptr<Dir> dir_ = makePtr<Dir>("lamps");
   std::function<void()> action_;
   Texts told_;
-  TestSupport::Listener<const Name&> reactor_{
-      dir_->notifiees(), [this](const Name& name) {
-        told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
-        if (const auto action = std::exchange(action_, nullptr)) {
-          action();
-        }
-      }};
+  Listener<const Name&> reactor_{dir_->notifiees(), [this](const Name& name) {
+                                   told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
+                                   if (const auto action = std::exchange(action_, nullptr)) {
+                                     action();
+                                   }
+                                 }};
 };
 
 TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {

@@ -8,6 +8,8 @@
 namespace Korm {
 namespace {
 
+using namespace TestSupport;
+
 class Thing : public Entity {
  public:
   explicit Thing(int& alive) : alive_{alive} { ++alive_; }
@@ -37,9 +39,8 @@ TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
   Ptr<Entity> entity = makePtr<Thing>(alive);
   Entity& self = *entity;
   const auto borrow = [&self] { const Ptr<Entity> taken{&self}; };
-  TestSupport::Listener<> borrower{self.zeroReferencesNotifiees(), borrow};
-  TestSupport::Listener<> rescuer{self.zeroReferencesNotifiees(),
-                                  [&] { place = Ptr<Entity>{&self}; }};
+  Listener<> borrower{self.zeroReferencesNotifiees(), borrow};
+  Listener<> rescuer{self.zeroReferencesNotifiees(), [&] { place = Ptr<Entity>{&self}; }};
   entity = nullptr;
   EXPECT_EQ(alive, 1);
   EXPECT_EQ(place->references(), 1U);

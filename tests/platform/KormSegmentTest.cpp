@@ -2,7 +2,6 @@
 
 #include "platform/Brisklog/Ring.h"
 #include "platform/Korm/Segment.h"
-#include "tests/UniqueName.h"
 #include "tests/platform/VastaTestRecords.h"
 
 namespace Korm {

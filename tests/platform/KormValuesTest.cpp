@@ -12,7 +12,7 @@
 namespace Korm {
 namespace {
 
-using TestSupport::messageOf;
+using namespace TestSupport;
 
 TEST(Address, OfEthernetIsReadInEitherCaseAndNoOtherForm) {
   const EthAddr address{{0x02, 0x00, 0xAB, 0x0C, 0xFF, 0x05}};

@@ -7,13 +7,12 @@
 #include "platform/KormVasta/TableEntity.h"
 #include "platform/Tessel/Tessel.h"
 #include "tests/Heard.h"
-#include "tests/UniqueName.h"
 
 namespace KormVasta {
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace TestSupport;
+
 using Vasta::MountState;
 using VastaTest::Route;
 
@@ -22,7 +21,7 @@ class RouteTable final : public TableEntity<Route> {
   using TableEntity::TableEntity;
 };
 
-using Keys = TestSupport::Heard<std::uint64_t>;
+using Keys = Heard<std::uint64_t>;
 
 TEST(TableEntity, MayBeChangedByItsReactorsAndKeepsWhatTheyThrowAbout) {
   const auto table = Korm::makePtr<RouteTable>("routes");

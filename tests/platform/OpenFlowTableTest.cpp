@@ -2,12 +2,11 @@
 
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "tests/Heard.h"
-#include "tests/Testing.h"
 
 namespace OpenFlowTable {
 namespace {
 
-using testing::ElementsAre;
+using namespace TestSupport;
 
 class HwConfigTest : public testing::Test {
  protected:
@@ -16,8 +15,8 @@ class HwConfigTest : public testing::Test {
                                 sendFlowRemoved, persistent);
   }
   Korm::Ptr<CorvexHwConfig> config_ = Korm::makePtr<CorvexHwConfig>("config");
-  TestSupport::Heard<Korm::Name> flows_{config_->flowEntryNotifiees()};
-  TestSupport::Heard<GroupId> groups_{config_->groupEntryNotifiees()};
+  Heard<Korm::Name> flows_{config_->flowEntryNotifiees()};
+  Heard<GroupId> groups_{config_->groupEntryNotifiees()};
 };
 
 TEST_F(HwConfigTest, HoldsWhatWasWrittenLast) {

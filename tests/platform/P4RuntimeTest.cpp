@@ -9,12 +9,12 @@
 namespace P4Runtime {
 namespace {
 
-using testing::ElementsAre;
+using namespace TestSupport;
 
 class BatchStatusTest : public testing::Test {
  protected:
   Korm::Ptr<BatchStatus> batch_ = Korm::makePtr<BatchStatus>();
-  TestSupport::Results service_{*batch_};
+  Results service_{*batch_};
 };
 
 TEST_F(BatchStatusTest, AnEntryThatIsOpenedAgainOrClosedLosesItsResultAndItsRoot) {
@@ -62,7 +62,7 @@ TEST_F(BatchStatusTest, ADependentResultCompletesItsEntryThroughTheRoot) {
 
 TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   const std::string message(64, 'm');
-  TestSupport::Results second{*batch_};
+  Results second{*batch_};
   service_.actionIs([this](const TransactionResult& result) {
     batch_->markTransaction(result.handle, ErrorCode::notFound_, "x");
     batch_->batchStatusEntryDel(result.handle);

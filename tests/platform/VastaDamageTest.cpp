@@ -6,12 +6,6 @@
 namespace VastaTest {
 namespace {
 
-using Vasta::AttachError;
-using Vasta::Corruption;
-using Vasta::Hint;
-using Vasta::Reader;
-using Vasta::Table;
-
 Label labelOf(std::uint8_t number, std::uint8_t version) {
   Label label;
   label.name.label.fill(number);

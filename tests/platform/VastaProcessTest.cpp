@@ -7,10 +7,6 @@
 namespace VastaTest {
 namespace {
 
-using Vasta::AttachError;
-using Vasta::Reader;
-using Vasta::Table;
-
 void require(bool condition, const std::string& what) {
   if (!condition) {
     throw std::runtime_error{what};

@@ -7,11 +7,6 @@
 namespace VastaTest {
 namespace {
 
-using Vasta::AttachError;
-using Vasta::AttachFailure;
-
-using Vasta::Reader;
-using Vasta::Table;
 namespace Header = Vasta::Header;
 
 // Records that lie in memory as routes do, under another name or with another hash of their key.

@@ -3,13 +3,6 @@
 namespace VastaTest {
 namespace {
 
-using Vasta::AttachError;
-using Vasta::AttachFailure;
-using Vasta::Corruption;
-using Vasta::Hint;
-using Vasta::Reader;
-using Vasta::Table;
-
 template <class R>
 std::string violation(const Table<R>& table) {
   return table.verify().value_or("none");
@@ -177,9 +170,8 @@ TEST_F(VastaNamed, ACorruptRecordIsReportedWalkedPastAndHealed) {
   fill(table, 10);
   damage(Route::of(4, 1));
   const std::string message = violation(table);
-  EXPECT_THAT(message, testing::AllOf(testing::HasSubstr("'routes': row 4"),
-                                      testing::HasSubstr("stored checksum 0x"),
-                                      testing::HasSubstr("computed 0x")));
+  EXPECT_THAT(message, AllOf(HasSubstr("'routes': row 4"), HasSubstr("stored checksum 0x"),
+                             HasSubstr("computed 0x")));
   EXPECT_THROW(static_cast<void>(table.find(4)), Corruption);
   EXPECT_THROW(static_cast<void>(table.edit(4)), Corruption);
   EXPECT_THROW(table.del(4), Corruption);

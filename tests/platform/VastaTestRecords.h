@@ -4,15 +4,17 @@
 #include "platform/Korm/Hash.h"
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/Table.h"
-#include "tests/Sanitizers.h"
 #include "tests/Tampering.h"
-#include "tests/UniqueName.h"
 
 namespace VastaTest {
 
-using TestSupport::Limit;
-using TestSupport::Tampering;
-using TestSupport::threadSanitized;
+using namespace TestSupport;
+using Vasta::AttachError;
+using Vasta::AttachFailure;
+using Vasta::Corruption;
+using Vasta::Hint;
+using Vasta::Reader;
+using Vasta::Table;
 
 // A record that says of itself whether it is whole: all of its payload follows from key and
 // version.

@@ -33,7 +33,7 @@ class Agent : public Switch {
 
 TEST_F(Agent, WorksWhenTheProcessIsIdleAndInTheOrderOfTheFirstChange) {
   Lines told;
-  TestSupport::Listener<const Korm::Name&> watcher{
+  Listener<const Korm::Name&> watcher{
       agent.status().flowStatsNotifiees(), [&](const Korm::Name& name) {
         told.push_back(name + (agent.status().flowStats(name) == nullptr ? " gone" : " comes"));
       }};

@@ -7,7 +7,6 @@
 namespace {
 
 using namespace SwitchTest;
-using testing::HasSubstr;
 
 class ServiceDamage : public Switch {};
 
@@ -33,7 +32,7 @@ TEST_F(ServiceDamage, FullSharedMemoryRejectsWhatNeedsMoreOfIt) {
   }
   std::size_t stored = 0;
   {
-    const TestSupport::Limit limit{RLIMIT_FSIZE, 100000};
+    const Limit limit{RLIMIT_FSIZE, 100000};
     const auto results = service.apply(batch);
     while (stored < results.size() && results[stored].succeeded()) {
       ++stored;

@@ -4,11 +4,12 @@
 #include "sim/SharedMemory.h"
 #include "sim/TablePaths.h"
 #include "tests/Tampering.h"
-#include "tests/UniqueName.h"
 #include "tests/platform/ChildProcess.h"
 #include "tests/sim/SwitchFixture.h"
 
 namespace {
+
+using namespace SwitchTest;
 
 using Sim::Leftover;
 using Sim::SharedMemory;
@@ -17,7 +18,7 @@ const std::string name = uniqueName("ostra-resume-test");
 
 // Flips a bit of every `step`th byte in the rows of a table that nobody has open.
 void damageRows(const std::string& path, std::size_t from, std::size_t step) {
-  TestSupport::Tampering rows{Vasta::SegmentNames{KormVasta::segmentName(name, path)}.rows()};
+  Tampering rows{Vasta::SegmentNames{KormVasta::segmentName(name, path)}.rows()};
   for (std::size_t at = from; at < 4096; at += step) {
     rows.flipByte(at, 1);
   }
@@ -55,7 +56,7 @@ TEST(ServiceResume, ValuesOfAnyLengthAreReplacedAsAWhole) {
       }
     }
     service.verify();
-    EXPECT_THAT(blobs.recover(), testing::IsEmpty());
+    EXPECT_THAT(blobs.recover(), IsEmpty());
   }
 }
 
@@ -97,7 +98,7 @@ TEST(ServiceResume, AProcessThatDiesWritingAValueLeavesTheOldOneOrTheNewOne) {
     ASSERT_TRUE(value);
     EXPECT_TRUE(*value == valueOf(written) || *value == valueOf(written + 1)) << written;
     EXPECT_EQ(service.blobs().ids(1).size(), 1U);
-    EXPECT_THAT(service.takeFaults(), testing::IsEmpty());
+    EXPECT_THAT(service.takeFaults(), IsEmpty());
     service.verify();
     shared.keep();
   }
@@ -109,7 +110,7 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
     SharedMemory shared{name, Leftover::discard_};
     Sim::Service service{&shared};
     for (std::uint32_t number = 0; number < 4; ++number) {
-      service.apply(SwitchTest::insert({.number = number}));
+      service.apply(insert({.number = number}));
     }
     service.portIs(1, Interface::IntfId{"Ethernet1"});
     service.blobs().is(1, 1, "value");
@@ -128,19 +129,19 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
     EXPECT_EQ(service.flows().size(), 3U);
     EXPECT_FALSE(service.portDel(1));
     EXPECT_EQ(service.blobs().find(1, 1), std::nullopt);
-    EXPECT_EQ(service.apply(SwitchTest::insert({.number = 9})).front().handle, 5U);
+    EXPECT_EQ(service.apply(insert({.number = 9})).front().handle, 5U);
     service.verify();
     shared.keep();
   }
   // Whatever stands under the name of a table and is none keeps the service from starting, and
   // stays.
   const Vasta::SegmentNames names{KormVasta::segmentName(name, Sim::memberTablePath())};
-  TestSupport::Tampering{names.header()}.wordIs(0, 42);
+  Tampering{names.header()}.wordIs(0, 42);
   {
     SharedMemory shared{name, Leftover::resume_};
     EXPECT_ANY_THROW(Sim::Service{&shared});
   }
-  EXPECT_EQ(TestSupport::Tampering{names.header()}.word(0), 42U);
+  EXPECT_EQ(Tampering{names.header()}.word(0), 42U);
   Korm::unlinkSegment(names.header());
   SharedMemory shared{name, Leftover::resume_};
   Sim::Service service{&shared};

@@ -32,7 +32,7 @@ TEST_F(ServiceRows, OutOfRangeKeepTheLibraryStoppedUntilTheyAreGone) {
               ElementsAre("delete flow 2 stored", "insert member 5 as 3 stored",
                           "insert group 3 as 4 stored"));
   EXPECT_THAT(linesOf(service.start()),
-              ElementsAre(testing::StartsWith("failure PodArray::set expected size <= 1024")));
+              ElementsAre(StartsWith("failure PodArray::set expected size <= 1024")));
   apply({write(Op::modify_, Group{3, {5}})});
   EXPECT_THAT(linesOf(service.start()), IsEmpty());
   EXPECT_THAT(linesOf(service.start()), ElementsAre("failure the library is running already"));
@@ -47,7 +47,7 @@ TEST_F(ServiceRows, WrittenAgainBeforeTheirResultHaveItAsAReport) {
   agent.automaticIs(true);
   // Of the three, one is not in the batch, one fails at once, and one is written well.
   EXPECT_THAT(apply({modify({.number = 2, .output = 0}), modify({.number = 3})}),
-              ElementsAre(testing::StartsWith("modify flow 2 done 15 "), "modify flow 3 done 0"));
+              ElementsAre(StartsWith("modify flow 2 done 15 "), "modify flow 3 done 0"));
   EXPECT_THAT(reports(), ElementsAre("1 code 0", "2 code 0"));
 }
 

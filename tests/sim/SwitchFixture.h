@@ -15,14 +15,14 @@
 
 namespace SwitchTest {
 
+using namespace TestSupport;
+
 using OpenFlowTable::FlowStatus;
 using OpenFlowTable::GroupStatus;
 using Sim::Op;
 using Sim::Update;
-using testing::ElementsAre;
-using testing::IsEmpty;
 
-using Lines = std::vector<std::string>;
+using Lines = Texts;
 
 inline constexpr OpenFlowTable::GroupId memberBase = 4294967296;
 

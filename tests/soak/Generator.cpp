@@ -88,6 +88,12 @@ FlowKey Generator::newKey() {
       }
     }
   }
+  if (faults_ != 0 && oneIn(4)) {  // the two that say of what kind packets are, and who needs one
+    addField(key, etherType_);
+    addField(key, isIpPacket_);
+    addField(key, anyOf<Field>({ip4Src_, ip4Dst_, ip6Src_, ip6Dst_, arpTarget_, icmpType_, dscp_,
+                                nextHeader_, hopLimit_}));
+  }
   for (auto extra = below(4); extra > 0; --extra) {
     addField(key, faults_ == 0
                       ? anyOf<Field>({ingressPort_, egressPort_, ethSrc_, ethDst_, vlanId_,
