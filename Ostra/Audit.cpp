@@ -114,9 +114,8 @@ void auditRecords(AuditState& state, const P4Runtime::VrfIdCollection::RootHandl
   }
 }
 
-}  // namespace
-
-void auditVrfs(AuditState& state) {
+// Compares the service's counts with the keys that the index counts in each VRF.
+void auditCounts(AuditState& state, const P4Runtime::VrfIdCollection& books) {
   Korm::HashMap<Vrf::VrfIdMap::VrfId, std::uint32_t> users;
   for (const auto& [index, machine] : state.context.ostraSmColl()) {
     machine->forEachIndexed([&users](const OstraKey&, std::optional<std::uint64_t>,
@@ -125,10 +124,6 @@ void auditVrfs(AuditState& state) {
         ++users.tryEmplace(*vrf).first.value;
       }
     });
-  }
-  const auto& books = state.inputs->vrfIdCollection;
-  if (!books) {
-    return;
   }
   const auto compare = [&state](Vrf::VrfIdMap::VrfId vrf, std::uint32_t flows,
                                 std::uint32_t count) {
@@ -139,15 +134,16 @@ void auditVrfs(AuditState& state) {
     }
   };
   for (const auto& user : users) {
-    compare(user.key, user.value, books->vrfIdRefCount(user.key).value_or(0));
+    compare(user.key, user.value, books.vrfIdRefCount(user.key).value_or(0));
   }
-  for (const auto& count : books->refCounts()) {
+  for (const auto& count : books.refCounts()) {
     if (users.find(count.key) == nullptr) {
       compare(count.key, 0, count.value);
     }
   }
-  auditRecords(state, books->creators(), "creator");
-  auditRecords(state, books->deletors(), "deletor");
+}
+
+void auditDependents(AuditState& state) {
   for (const auto& dependent : state.inputs->ostraStatusInfo->dependentHandleToVrfMap()) {
     if (state.underWay(dependent.key)) {
       continue;
@@ -159,6 +155,17 @@ void auditVrfs(AuditState& state) {
                   vrfName(dependent.value) + " waits for it",
                   refused ? "the entry was refused after it had been counted in its VRF"
                           : "the result of the entry did not reach the library");
+  }
+}
+
+}  // namespace
+
+void auditVrfs(AuditState& state) {
+  if (const auto& books = state.inputs->vrfIdCollection) {
+    auditCounts(state, *books);
+    auditRecords(state, books->creators(), "creator");
+    auditRecords(state, books->deletors(), "deletor");
+    auditDependents(state);
   }
 }
 

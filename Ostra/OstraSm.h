@@ -145,6 +145,9 @@ class OstraSm final : public Korm::Entity {
   void buildMatch(const OstraConfigEntry& entry, TranslatedFlow& flow) const;
   void buildActions(const OstraConfigEntry& entry, TranslatedFlow& flow, Effects& effects) const;
 
+  // Completes the preview of an entry that the present step refuses.
+  static void previewRefusal(const OstraConfigEntry& entry,
+                             const P4Runtime::P4RuntimeExceptionBase& error, FlowPreview& preview);
   // What the steps that a preview went through would have changed, and the group that they need.
   void previewEffects(const HashedKey& key, const OstraConfigEntry& entry,
                       FlowPreview& preview) const;

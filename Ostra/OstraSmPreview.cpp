@@ -33,23 +33,28 @@ FlowPreview OstraSm::preview(const OstraConfigEntry& entry) const {
     preview.outcome = preview.present == nullptr ? FlowPreview::Outcome::inserts_
                                                  : FlowPreview::Outcome::modifies_;
   } catch (const P4Runtime::P4RuntimeExceptionBase& error) {
-    preview.outcome = FlowPreview::Outcome::refused_;
-    preview.message = error.what();
-    if (const auto* const own = dynamic_cast<const P4Runtime::EntryErrorException*>(&error)) {
-      preview.code = own->code();
-    }
-    if (preview.step == FlowStep::matchFields_) {
-      preview.field = refusedField(entry.flowKey);
-    } else if (preview.step == FlowStep::group_) {
-      // This is the only step of the translation that is still missing.
-      maybeUpdateFlowMatch(preview.tableType, preview.priorityGroupType, preview.match);
-    }
+    previewRefusal(entry, error, preview);
   } catch (const Korm::RangeException& error) {
     preview.outcome = FlowPreview::Outcome::outOfRange_;
     preview.message = error.what();
   }
   previewEffects(key, entry, preview);
   return preview;
+}
+
+void OstraSm::previewRefusal(const OstraConfigEntry& entry,
+                             const P4Runtime::P4RuntimeExceptionBase& error, FlowPreview& preview) {
+  preview.outcome = FlowPreview::Outcome::refused_;
+  preview.message = error.what();
+  if (const auto* const own = dynamic_cast<const P4Runtime::EntryErrorException*>(&error)) {
+    preview.code = own->code();
+  }
+  if (preview.step == FlowStep::matchFields_) {
+    preview.field = refusedField(entry.flowKey);
+  } else if (preview.step == FlowStep::group_) {
+    // This is the only step of the translation that is still missing.
+    maybeUpdateFlowMatch(preview.tableType, preview.priorityGroupType, preview.match);
+  }
 }
 
 void OstraSm::previewEffects(const HashedKey& key, const OstraConfigEntry& entry,

@@ -6,7 +6,6 @@
 
 #include "Ostra/FlowUtil.h"
 #include "Ostra/private/AuditState.h"
-#include "platform/Vasta/Errors.h"
 
 namespace Ostra {
 namespace {
@@ -96,7 +95,9 @@ class TableAudit {
   TableAudit(AuditState& state, const OstraSm& machine) : state_{state}, machine_{machine} {}
 
   void run() {
-    auditRows();
+    state_.walk(
+        machine_.inputs().ostraConfigTable, "flow table",
+        [this](const OstraConfigEntry& row) { auditRow(row); }, [this] { ++corruptRows_; });
     if (machine_.indexedKeys() != indexedRows_) {
       auditIndex();
     }
@@ -105,23 +106,6 @@ class TableAudit {
   [[nodiscard]] std::size_t flowsOfRows() const noexcept { return flowsOfRows_; }
 
  private:
-  void auditRows() {
-    const auto& table = machine_.inputs().ostraConfigTable;
-    Vasta::Hint hint;
-    while (table) {
-      try {
-        const OstraConfigEntry* const row = table->next(hint);
-        if (row == nullptr) {
-          return;
-        }
-        auditRow(*row);
-      } catch (const Vasta::Corruption& corruption) {
-        state_.corruptRow("flow table", corruption);
-        ++corruptRows_;
-      }
-    }
-  }
-
   void auditRow(const OstraConfigEntry& row) {
     ++state_.report.rows;
     const FlowPreview preview = machine_.preview(row);
@@ -211,24 +195,24 @@ class TableAudit {
       const Indexed indexed{
           handle, vrf,
           handle && config && config->flowEntry(Korm::HashedName{FlowName{*handle}.text()})};
-      const std::optional<bool> stored = isStored(key);
+      const auto stored = AuditState::has(machine_.inputs().ostraConfigTable, key);
       if (!stored) {
-        isOfCorruptRow(indexed);
+        attributeToCorruptRow(indexed);
       } else if (!*stored) {
         missing.push_back(indexed);
       }
     });
     for (const Indexed& indexed : missing) {
       if (indexed.flowThere && corruptRows_ > 0) {
-        isOfCorruptRow(indexed);
+        attributeToCorruptRow(indexed);
       } else {
-        indexedInVain(indexed);
+        reportIndexedWithoutRow(indexed);
       }
     }
   }
 
-  // Attributes the key to a corrupt row, whose Corvex flow is then accounted for.
-  void isOfCorruptRow(const Indexed& indexed) {
+  // The key is taken to be a corrupt row's, whose Corvex flow is then accounted for.
+  void attributeToCorruptRow(const Indexed& indexed) {
     corruptRows_ -= corruptRows_ > 0 ? 1 : 0;
     flowsOfRows_ += indexed.flowThere ? 1 : 0;
     if (indexed.handle) {
@@ -236,7 +220,7 @@ class TableAudit {
     }
   }
 
-  void indexedInVain(const Indexed& indexed) {
+  void reportIndexedWithoutRow(const Indexed& indexed) {
     const auto& [handle, vrf, flowThere] = indexed;
     state_.finding(
         AuditKind::indexWithoutRow_, flowThere, handle ? handleText(handle) : vrfText(vrf),
@@ -244,16 +228,6 @@ class TableAudit {
         "a key without a row, mapped to " + handleText(handle) + ", counted in " + vrfText(vrf),
         flowThere ? "the library was not told of the delete"
                   : "when the row was deleted, its flow had gone or was never written");
-  }
-
-  // Nothing for a key whose row is corrupt.
-  [[nodiscard]] std::optional<bool> isStored(const OstraKey& key) const {
-    const auto& table = machine_.inputs().ostraConfigTable;
-    try {
-      return table && table->entry(key) != nullptr;
-    } catch (const Vasta::Corruption&) {
-      return std::nullopt;
-    }
   }
 
   [[nodiscard]] static std::string about(const OstraConfigEntry& row) {

@@ -6,7 +6,6 @@
 #include "Ostra/private/AuditState.h"
 #include "Ostra/private/GroupNumbering.h"
 #include "platform/Korm/HashSet.h"
-#include "platform/Vasta/Errors.h"
 
 namespace Ostra {
 namespace {
@@ -30,7 +29,8 @@ class GroupAudit {
       : state_{state}, machine_{machine}, inputs_{machine.inputs()} {}
 
   void run() {
-    walk(inputs_.ipv4EncapTable, "encapsulation table", [](const EncapEntry&) {});
+    state_.walk(
+        inputs_.ipv4EncapTable, "encapsulation table", [](const EncapEntry&) {}, [] {});
     corruptMembers_ = walk(inputs_.p4rtEcmpMemberTable, "member table",
                            [this](const NexthopInfo& row) { auditMember(row); });
     corruptGroups_ = walk(inputs_.p4rtEcmpGroupTable, "group table",
@@ -73,40 +73,22 @@ class GroupAudit {
   std::size_t walk(const Korm::Ptr<Table>& table, const char* name, Visit visit) {
     std::size_t corrupt = 0;
     behindDamage_ = false;
-    Vasta::Hint hint;
-    while (table) {
-      try {
-        const auto* const row = table->next(hint);
-        if (row == nullptr) {
-          break;
-        }
-        visit(*row);
-      } catch (const Vasta::Corruption& corruption) {
-        state_.corruptRow(name, corruption);
-        ++corrupt;
-        behindDamage_ = true;
-      }
-    }
+    state_.walk(table, name, visit, [&] {
+      ++corrupt;
+      behindDamage_ = true;
+    });
     return corrupt;
   }
 
-  // Whether the table has the row; nothing if the row is corrupt.
-  template <class Table, class Key>
-  [[nodiscard]] static std::optional<bool> has(const Korm::Ptr<Table>& table, const Key& key) {
-    try {
-      return table && table->entry(key) != nullptr;
-    } catch (const Vasta::Corruption&) {
-      return std::nullopt;
-    }
-  }
   [[nodiscard]] static bool isMembers(GroupId group) {
     return group == memberGroupId(static_cast<P4Runtime::MemberOrGroupId>(group));
   }
   // Whether its row is there and corrupt.
   [[nodiscard]] bool isOfCorruptRow(GroupId group) {
     const auto id = static_cast<P4Runtime::MemberOrGroupId>(group);
-    if (isMembers(group) ? has(inputs_.p4rtEcmpMemberTable, id).has_value()
-                         : group != ecmpGroupId(id) || has(inputs_.p4rtEcmpGroupTable, id)) {
+    if (isMembers(group)
+            ? AuditState::has(inputs_.p4rtEcmpMemberTable, id).has_value()
+            : group != ecmpGroupId(id) || AuditState::has(inputs_.p4rtEcmpGroupTable, id)) {
       return false;
     }
     std::size_t& corrupt = isMembers(group) ? corruptMembers_ : corruptGroups_;
@@ -141,7 +123,7 @@ class GroupAudit {
                                      : "somebody has deleted it");
       return;
     }
-    if (preview.refusal && !has(inputs_.ipv4EncapTable, row.encapId)) {
+    if (preview.refusal && !AuditState::has(inputs_.ipv4EncapTable, row.encapId)) {
       return;  // the row cannot be read, so there is nothing to compare with
     }
     if (!preview.refusal && isIndirect(*group) && group->bucket().front() == preview.bucket) {
@@ -208,7 +190,7 @@ class GroupAudit {
     }
     bool kept = false;
     for (std::size_t at = 0; at < members.size(); ++at) {
-      kept = kept || has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
+      kept = kept || AuditState::has(inputs_.p4rtEcmpMemberTable, members[at]) == false;
       // A missing member has a finding already, or the group keeps its bucket.
       const GroupEntry* const member = present(memberGroupId(members[at]));
       if (member != nullptr &&

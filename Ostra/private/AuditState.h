@@ -13,6 +13,7 @@
 #include "platform/OpenFlowTable/HwConfig.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 #include "platform/Vasta/Errors.h"
+#include "platform/Vasta/Table.h"
 
 namespace Ostra {
 
@@ -45,6 +46,34 @@ struct AuditState {
   void corruptRow(std::string table, const Vasta::Corruption& corruption) {
     fault(AuditKind::corruptRow_, std::move(table), "a row as it was written", corruption.what(),
           "a stray write into the table's memory");
+  }
+
+  // Calls visit(row) for each intact row of `table`, which may be null. Reports each corrupt one
+  // and calls corrupt().
+  template <class Table, class Visit, class Corrupt>
+  void walk(const Korm::Ptr<Table>& table, const char* name, Visit visit, Corrupt corrupt) {
+    Vasta::Hint hint;
+    while (table) {
+      try {
+        const auto* const row = table->next(hint);
+        if (row == nullptr) {
+          return;
+        }
+        visit(*row);
+      } catch (const Vasta::Corruption& corruption) {
+        corruptRow(name, corruption);
+        corrupt();
+      }
+    }
+  }
+  // Whether the table has the row; nothing if the row is corrupt.
+  template <class Table, class Key>
+  [[nodiscard]] static std::optional<bool> has(const Korm::Ptr<Table>& table, const Key& key) {
+    try {
+      return table && table->entry(key) != nullptr;
+    } catch (const Vasta::Corruption&) {
+      return std::nullopt;
+    }
   }
 
   // Whether the hardware says that the group is ready.
