@@ -200,9 +200,6 @@ void OstraSm::handleFlowConfigImpl(const HashedKey& key) {
 void OstraSm::insertFlow(const HashedKey& key, const OstraConfigEntry& entry) {
   const FlowName builtName{entry.entryHandle};
   const Korm::HashedName name{builtName.text()};
-  // What the write looks up arrives while the entry is being translated.
-  index_->prefetch(key.hash);
-  inputs_.cxHwConfig->flowEntries().prefetch(name.hash());
   traceInsert(name.text());
 
   class LiveEffects final : public Effects {

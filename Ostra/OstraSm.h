@@ -91,10 +91,9 @@ class OstraSm final : public Korm::Entity {
   // Throws: Korm::RangeException for an entry with a value out of range.
   void handleFlowConfig(const OstraKey& key);
 
-  // Starts to load what handleFlowConfig() will look up for these keys. Worth while in a large
-  // table for a batch of keys whose rows are about to be removed, where the library has no other
-  // work to do while it waits for memory. Changes nothing but the time. Keys after the first
-  // `prefetchable` are left out.
+  // Prefetches what handleFlowConfig() will look up for these keys. For a service that is about to
+  // modify or remove the rows of a batch: in a large table each look-up would otherwise wait for
+  // memory. Changes nothing but the time. Keys after the first `prefetchable` are left out.
   static constexpr std::size_t prefetchable = 64;
   void prefetch(std::span<const OstraKey* const> keys) const noexcept;
 

@@ -1,8 +1,10 @@
 #include "sim/HwAgent.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <limits>
+#include <span>
 #include <type_traits>
 #include <utility>
 
@@ -153,6 +155,9 @@ void HwAgent::schedule() {
 
 void HwAgent::run() {
   while (next_ < queue_.size()) {
+    if (next_ % prefetchable == 0) {
+      prefetchQueued();
+    }
     const Korm::Moment moment;
     // The reactors to what is published may queue more, which may reallocate the queue.
     const Waiting waiting = std::move(queue_[next_++]);
@@ -166,6 +171,18 @@ void HwAgent::run() {
   }
   queue_.clear();
   next_ = 0;
+}
+
+void HwAgent::prefetchQueued() const {
+  std::array<std::uint32_t, prefetchable> hashes;
+  std::size_t count = 0;
+  const auto next = std::span{queue_}.subspan(next_);
+  for (const Waiting& waiting : next.first(std::min(next.size(), prefetchable))) {
+    if (!waiting.isGroup) {
+      hashes[count++] = waiting.flowHash;
+    }
+  }
+  status_->flowStats().prefetch(std::span{hashes}.first(count));
 }
 
 void HwAgent::programFlow(const Korm::HashedName& name) {

@@ -158,6 +158,9 @@ class HwAgent {
   void handleCounterPoll();
   void schedule();
 
+  // Prefetches the statistics of the next flows of the queue, `prefetchable` at most.
+  static constexpr std::size_t prefetchable = 64;
+  void prefetchQueued() const;
   void programFlow(const Korm::HashedName& name);
   void programGroup(GroupId id);
   void answerDelete(const Korm::HashedName& name);

@@ -4,7 +4,6 @@
 #include <system_error>
 #include <utility>
 
-#include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
 #include "sim/private/RowWriter.h"
 #include "sim/private/Rows.h"
@@ -144,8 +143,8 @@ std::vector<Result> Service::apply(std::span<const Update> batch) {
   RowWriter writer{*objects_, *transactions_, context_.get()};
   transactions_->beginBatch(batch.size(), running());
   for (std::span<const Update> left = batch; !left.empty();) {
-    const auto next = left.first(std::min(left.size(), Ostra::OstraSm::prefetchable));
-    writer.prefetchRemoved(next);
+    const auto next = left.first(std::min(left.size(), RowWriter::prefetchable));
+    writer.prefetch(next);
     for (const Update& update : next) {
       writer.apply(update);
     }

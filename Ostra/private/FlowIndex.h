@@ -67,7 +67,6 @@ class FlowIndex {
   }
 
   // See Korm::HashMap::prefetch(); takes the hashes of keys.
-  void prefetch(std::uint32_t hash) const noexcept { map_.prefetch(hash); }
   void prefetch(std::span<const std::uint32_t> hashes) const noexcept { map_.prefetch(hashes); }
 
   [[nodiscard]] std::size_t size() const noexcept { return map_.size(); }

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Korm/Prefetch.h"
 #include "platform/Vasta/Layout.h"
 #include "platform/Vasta/SegmentSource.h"
 
@@ -72,6 +73,11 @@ class IndexView {
     return static_cast<std::size_t>((tag * 0x9E3779B97F4A7C15U) >> shift_);
   }
 
+  // Prefetches the entries at which the search for a hash begins.
+  void prefetch(std::uint32_t tag) const noexcept {
+    Korm::prefetch(&entries_[home(tag)], wordSize);
+  }
+
   // The first entry with this hash for which `matches(row)` is true.
   template <class Matches>
   [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
@@ -112,6 +118,7 @@ class Index {
   // Makes this generation the one in force.
   void publish() noexcept;
 
+  void prefetch(std::uint32_t tag) const noexcept { current_.view.prefetch(tag); }
   template <class Matches>
   [[nodiscard]] std::optional<IndexPosition> find(std::uint32_t tag, Matches&& matches) const {
     return current_.view.find(tag, matches);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -36,6 +37,10 @@ class Table {
   [[nodiscard]] const R* find(const Key& key, std::uint32_t hash) const {
     return asRecord(writer_.find(&key, hash));
   }
+
+  // Prefetches the rows of the keys with these hashes, for a caller that is about to look them up
+  // or overwrite them.
+  void prefetch(std::span<const std::uint32_t> hashes) const noexcept { writer_.prefetch(hashes); }
 
   // Inserts or overwrites.
   // Throws: std::system_error when memory runs out; nothing has changed then.

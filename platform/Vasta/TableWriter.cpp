@@ -74,6 +74,18 @@ const std::byte* TableWriter::find(const void* key, std::uint32_t hash) const {
   return recordOf(position->row);
 }
 
+void TableWriter::prefetch(std::span<const std::uint32_t> hashes) const noexcept {
+  for (const std::uint32_t hash : hashes) {
+    index_->prefetch(hash);
+  }
+  for (const std::uint32_t hash : hashes) {
+    const auto position = index_->find(hash, [this](std::uint32_t row) { return row < rowCount_; });
+    if (position) {
+      Korm::prefetch(rowWords(position->row), geometry_.rowWords * wordSize);
+    }
+  }
+}
+
 void TableWriter::is(const std::byte* record, std::uint32_t hash) {
   const std::byte* key = record + geometry_.keyOffset;
   if (const auto position = locate(key, hash)) {

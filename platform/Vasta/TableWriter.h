@@ -19,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -68,6 +69,9 @@ class TableWriter {
   // second change of its row from now. A removal is a change, and the row may then be reused.
   // Throws: Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
+
+  // Prefetches the rows of the keys with these hashes.
+  void prefetch(std::span<const std::uint32_t> hashes) const noexcept;
 
   // Inserts the record, or overwrites the one of its key; a corrupt one is healed by that.
   // Throws: std::system_error when memory runs out.

@@ -1,12 +1,12 @@
 #include "sim/private/RowWriter.h"
 
+#include <algorithm>
 #include <array>
 #include <system_error>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
-#include "Ostra/OstraSm.h"
 #include "platform/Korm/Activity.h"
 #include "platform/Korm/Exceptions.h"
 #include "sim/TablePaths.h"
@@ -119,27 +119,43 @@ const Ostra::OstraSm* RowWriter::machine(std::uint8_t table) const {
   return found == library_->ostraSmColl().end() ? nullptr : found->second.get();
 }
 
-void RowWriter::prefetchRemoved(std::span<const Update> updates) const {
-  std::array<const Ostra::OstraKey*, Ostra::OstraSm::prefetchable> keys;
+void RowWriter::prefetch(std::span<const Update> updates) const {
+  std::array<const Ostra::OstraKey*, prefetchable> keys;
   std::size_t count = 0;
   std::uint8_t table = 0;
-  const auto prefetch = [&] {
-    if (const Ostra::OstraSm* const its = machine(table); its != nullptr && count > 0) {
-      its->prefetch(std::span{keys}.first(count));
-    }
-    count = 0;
-  };
   for (const Update& update : updates) {
-    if (update.op() != Op::delete_ || update.kind() != Kind::flow_) {
+    if (update.kind() != Kind::flow_ || update.op() == Op::insert_ ||
+        update.table() >= flowTables) {
       continue;
     }
-    if (update.table() != table || count == keys.size()) {
-      prefetch();
+    if (update.table() != table) {
+      prefetchFlows(table, std::span{keys}.first(count));
       table = update.table();
+      count = 0;
     }
     keys[count++] = &update.flow().flowKey;
   }
-  prefetch();
+  prefetchFlows(table, std::span{keys}.first(count));
+}
+
+void RowWriter::prefetchFlows(std::uint8_t table,
+                              std::span<const Ostra::OstraKey* const> keys) const {
+  std::array<std::uint32_t, prefetchable> hashes;
+  std::transform(keys.begin(), keys.end(), hashes.begin(),
+                 [](const Ostra::OstraKey* key) { return key->hash(0); });
+  const auto hashed = std::span{hashes}.first(keys.size());
+  objects_.flowTable(table).table().prefetch(hashed);
+  objects_.statusTable(table).table().prefetch(hashed);
+  const Ostra::OstraSm* const its = machine(table);
+  if (its == nullptr) {
+    return;
+  }
+  its->prefetch(keys);
+  for (const Ostra::OstraKey* const key : keys) {
+    if (const auto handle = its->flowKeyToEntryHandle(*key)) {
+      transactions_.prefetch(EntryHandle{*handle});
+    }
+  }
 }
 
 void RowWriter::apply(const Update& update) {

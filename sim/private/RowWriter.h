@@ -11,6 +11,7 @@
 #include <string>
 
 #include "Ostra/Ostra.h"
+#include "Ostra/OstraSm.h"
 #include "sim/Writes.h"
 #include "sim/private/ServiceObjects.h"
 #include "sim/private/Transactions.h"
@@ -28,8 +29,11 @@ class RowWriter {
   // result.
   void apply(const Update& update);
 
-  // Has the library start to load what it knows of the flows that the updates will remove.
-  void prefetchRemoved(std::span<const Update> updates) const;
+  // Prefetches what is stored of the flows that the updates will modify or delete, so that a batch
+  // waits for memory a few times and not at every look-up of every update.
+  // Requires: there are at most `prefetchable` updates.
+  static constexpr std::size_t prefetchable = Ostra::OstraSm::prefetchable;
+  void prefetch(std::span<const Update> updates) const;
 
   // How many rows are stored.
   [[nodiscard]] std::size_t storedRows();
@@ -70,6 +74,7 @@ class RowWriter {
     return [this](const std::exception& fault) { objects_.faults.add(fault.what()); };
   }
 
+  void prefetchFlows(std::uint8_t table, std::span<const Ostra::OstraKey* const> keys) const;
   // The library's state machine for a flow table; null when the library is stopped.
   [[nodiscard]] const Ostra::OstraSm* machine(std::uint8_t table) const;
 

@@ -79,6 +79,7 @@ class Transactions {
 
   // Nothing for an unknown handle.
   [[nodiscard]] std::optional<StoredRow> row(EntryHandle handle) const;
+  void prefetch(EntryHandle handle) const noexcept { rows_.prefetch(rows_.hash(handle)); }
   // Calls visit(handle, row) for each row with a write that waits for the hardware.
   template <class Visit>
   void forEachPending(Visit visit) const {
