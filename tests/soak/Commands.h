@@ -1,4 +1,4 @@
-// The commands of a history, and how ostra-sim spells keys and actions.
+// The commands of a history, the keys of flows, and how ostra-sim spells both.
 //
 // Thread and process rule: plain values.
 #pragma once
@@ -12,62 +12,64 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/OpenFlowTable/Actions.h"
+#include "platform/OpenFlowTable/Match.h"
+
 namespace Soak {
 
 using Lines = std::vector<std::string>;
 using Handle = std::uint64_t;
 
-enum class Op : std::uint8_t { insert_, modify_, delete_, announce_ };
-[[nodiscard]] std::string text(Op op);
+using Op = std::string_view;
+inline constexpr Op insert_ = "insert", modify_ = "modify", delete_ = "delete";
 
-// The match fields in the order of the key, by number.
-enum Field : std::uint8_t {
-  ingressPort_,
-  egressPort_,
-  ethSrc_,
-  ethDst_,
-  etherType_,
-  vlanId_,
-  ip4Src_,
-  ip4Dst_,
-  ip4Dscp_,
-  ip4Protocol_,
-  ip4Ttl_,
-  ip6Src_,
-  ip6Dst_,
-  ip6Dscp_,
-  ip6NextHeader_,
-  ip6HopLimit_,
-  arpTarget_,
-  icmpType_,
-  dscp_,
-  nextHeader_,
-  hopLimit_,
-  l4SrcPort_,
-  l4DstPort_,
-  innerL3Data_,
-  isIpPacket_,
-  fieldCount_,
-};
-enum class Form : std::uint8_t { number_, mac_, ip4_, ip6_, flag_ };
-struct FieldInfo {
-  std::string_view name;
-  Form form;
-  unsigned bits;
-};
-[[nodiscard]] const FieldInfo& info(Field field);
+// The match fields in the order of the key, by number. First come those that say of which type a
+// packet is, last those that need a type, in the order in which they are checked.
+enum Field : std::uint8_t { etherType_, isIpPacket_, ingressPort_, egressPort_, vlanId_ };
+inline constexpr std::uint8_t firstNeedy = 16, fieldCount = 25;
 
 struct Bits {
-  std::uint64_t high = 0;  // of an IPv6 address; otherwise 0
   std::uint64_t low = 0;
+  std::uint64_t high = 0;  // of an IPv6 address; otherwise 0
   friend auto operator<=>(const Bits&, const Bits&) = default;
 };
+// The value as an address, or as a number that is moved to the left.
+template <class T>
+T valueOf(const Bits& bits, unsigned shift = 0) {
+  if constexpr (std::is_integral_v<T>) {
+    return static_cast<T>(bits.low << shift);
+  } else {
+    T address{};
+    for (std::size_t at = 0; at < address.octets.size(); ++at) {
+      const std::size_t fromEnd = address.octets.size() - 1 - at;
+      address.octets[at] =
+          static_cast<std::uint8_t>((fromEnd < 8 ? bits.low : bits.high) >> (fromEnd % 8 * 8));
+    }
+    return address;
+  }
+}
+
 struct MatchField {
   Field field{};
   Bits value;
   Bits mask;
   friend auto operator<=>(const MatchField&, const MatchField&) = default;
 };
+
+// The types of packets, of which a field needs one.
+enum Type : std::uint8_t { ip4_ = 1, ip6_ = 2, arp_ = 4, ipPacket_ = 8 };
+// Those that an Ethernet type says.
+[[nodiscard]] unsigned typesOf(std::uint64_t etherType);
+
+struct FieldInfo {
+  std::string_view name;
+  unsigned bits;
+  std::string (*text)(const Bits& bits);
+  unsigned needs;  // one of these types; 0: none
+  // What becomes of it in Corvex; null: of a port, which takes a table to say.
+  void (*place)(OpenFlowTable::Match& match, const MatchField& field);
+};
+[[nodiscard]] const FieldInfo& info(Field field);
 
 struct FlowKey {
   std::uint8_t table = 0;
@@ -78,41 +80,33 @@ struct FlowKey {
   friend auto operator<=>(const FlowKey&, const FlowKey&) = default;
 };
 
-struct Policer {
-  std::uint64_t rate = 0;
-  std::uint64_t burst = 0;
-  std::array<bool, 3> drop{};  // green, yellow, red
-};
-
 struct FlowActions {
+  std::string text;  // of all that follow
   std::optional<std::uint32_t> output, vrf, group, member;
   std::optional<std::uint16_t> vlan;
   std::optional<std::uint8_t> trafficClass, cpuTrafficClass, setDscp;
   std::optional<std::uint64_t> setEthSrc, setEthDst;
-  std::optional<std::string> mirrorIngress, mirrorEgress;
-  std::optional<Policer> policer;
+  std::optional<Interface::IntfId> mirrorIngress, mirrorEgress;
+  std::optional<OpenFlowTable::PolicerConfig> policer;
   bool drop = false, copyToCpu = false, decTtl = false;
 };
 
-class Model;
+struct Model;
 
 // A line of ostra-sim, and what it does to the model.
 struct Step {
-  std::string line;
+  std::string line;  // with '#' for a handle
   std::function<void(Model&)> play;
+  Handle about = 0;  // the handle in the history that was played first
+  Handle given = 0;  // the same, to the row that this write has inserted
+  // The writes of a batch follow each other and have its number. An odd one is bracketed also if it
+  // is a single write. 0: no write.
+  std::size_t batch = 0;
 };
-// One command, or the writes of a batch.
-struct Command {
-  std::vector<Step> steps;
-  bool isBatch = false;
-  bool bracketed = false;  // also if it is a single write
-};
+using History = std::vector<Step>;
 
-// As ostra-sim reads it: one line, or those of a batch.
-[[nodiscard]] Lines lines(const Command& command);
-[[nodiscard]] std::string macText(std::uint64_t address);
-[[nodiscard]] std::string ip4Text(std::uint32_t address);
+[[nodiscard]] std::string macText(const Bits& address);
+[[nodiscard]] std::string ip4Text(const Bits& address);
 [[nodiscard]] std::string keyText(const FlowKey& key);
-[[nodiscard]] std::string actionsText(const FlowActions& actions);
 
 }  // namespace Soak

@@ -21,54 +21,36 @@ class SlotMap {
     const auto place = places_.find(key);
     return place == places_.end() ? nullptr : &slots_[place->second]->second;
   }
-  [[nodiscard]] const Value* find(const Key& key) const {
-    return const_cast<SlotMap*>(this)->find(key);
-  }
   // The value under the key, a default one if there is none. It stays in place until it is erased.
   Value& at(const Key& key) {
     if (Value* const present = find(key)) {
       return *present;
     }
-    std::size_t slot = slots_.size();
     if (free_.empty()) {
+      free_.push_back(slots_.size());
       slots_.emplace_back();
-    } else {
-      slot = free_.back();
-      free_.pop_back();
     }
-    places_[key] = slot;
+    const std::size_t slot = places_[key] = free_.back();
+    free_.pop_back();
     return slots_[slot].emplace(key, Value{}).second;
   }
   bool erase(const Key& key) {
-    const auto place = places_.find(key);
-    if (place == places_.end()) {
-      return false;
+    const auto place = places_.extract(key);
+    if (!place.empty()) {
+      free_.push_back(place.mapped());
+      slots_[place.mapped()].reset();
     }
-    free_.push_back(place->second);
-    slots_[place->second].reset();
-    places_.erase(place);
-    return true;
+    return !place.empty();
   }
   // Calls visit(key, value) for each; the map may change meanwhile.
-  template <class Visit>
-  void each(Visit visit) {
+  void each(auto visit) {
     for (std::size_t slot = 0; slot < slots_.size(); ++slot) {
       if (slots_[slot]) {
-        const Key key = slots_[slot]->first;
-        visit(key, slots_[slot]->second);
+        visit(Key{slots_[slot]->first}, slots_[slot]->second);
       }
     }
   }
-  template <class Visit>
-  void each(Visit visit) const {
-    for (const auto& slot : slots_) {
-      if (slot) {
-        visit(slot->first, slot->second);
-      }
-    }
-  }
-
-  [[nodiscard]] std::map<Key, Value> asMap() const {
+  [[nodiscard]] std::map<Key, Value> asMap() {
     std::map<Key, Value> all;
     each([&all](const Key& key, const Value& value) { all.emplace(key, value); });
     return all;

@@ -10,21 +10,33 @@
 #include "cli/output/JsonPrinter.h"
 #include "sim/TablePaths.h"
 #include "tests/soak/Generator.h"
-#include "tests/soak/Model.h"
 
 namespace Soak {
 namespace {
 
-// The real switch behind the command language.
-class Switch {
+std::string differenceOf(const Lines& real, const Lines& expected) {
+  for (std::size_t at = 0; at < std::max(real.size(), expected.size()); ++at) {
+    const std::string is = at < real.size() ? real[at] : "nothing";
+    const std::string expectedLine = at < expected.size() ? expected[at] : "nothing";
+    if (is != expectedLine) {
+      return "is       " + is + "\n# expected " + expectedLine;
+    }
+  }
+  return {};
+}
+
+// The real switch behind the command language, and the model.
+class Pair {
  public:
-  Switch() {
+  Pair() {
     Cli::StepClock::install();
     service_.start();
   }
 
-  Lines play(const Command& command) {
-    for (const std::string& line : lines(command)) {
+  // Plays the command on both, looks at everything that can be seen, and says what differs first.
+  std::string difference(std::span<Step> command) {
+    const Lines expected = model_.play(command);
+    for (const std::string& line : model_.played) {
       interpreter_.playLine({.text = line}, "soak");
     }
     Lines out;
@@ -33,35 +45,16 @@ class Switch {
         out.push_back(line);
       }
     }
-    out_.str({});
-    out_.clear();
-    return out;
-  }
-
-  [[nodiscard]] const Sim::Service& service() const { return service_; }
-  [[nodiscard]] const Sim::HwAgent& agent() const { return agent_; }
-
- private:
-  Sim::Service service_;
-  Sim::HwAgent agent_{service_.hwConfig(), service_.hwStatusDir(), service_.hwUnitDir()};
-  std::stringstream out_;
-  Cli::JsonPrinter printer_{out_};
-  Cli::Interpreter interpreter_{
-      service_, agent_, printer_, {.keepGoing = true, .beforeCommand = Cli::StepClock::advance}};
-};
-
-// Looks at everything that can be seen, and says what differs first.
-class Comparison {
- public:
-  Comparison(const Switch& real, Model& model)
-      : service_{real.service()}, agent_{real.agent()}, model_{model} {}
-
-  std::string difference() {
-    if (model_.damaged == 0) {
+    out_ = std::stringstream{};
+    difference_ = differenceOf(out, expected);
+    if (!difference_.empty()) {
+      return difference_;
+    }
+    if (model_.damaged.empty()) {
       service_.verify();
     }
     agent_.verify();
-    same("the library is running", service_.running(), model_.running);
+    whole();
     flows();
     groups();
     vrfs();
@@ -72,35 +65,42 @@ class Comparison {
     audit();
     return difference_;
   }
+  Model& model() { return model_; }
 
  private:
-  void same(const std::string& what, const auto& real, const auto& expected) {
-    if (difference_.empty() && !(real == expected)) {
-      std::ostringstream text;
-      text << what;
-      if constexpr (requires { text << real << expected; }) {
-        text << ": is " << real << ", expected " << expected;
-      }
-      difference_ = text.str();
-    }
-  }
   template <class Key, class Value>
   void same(const std::string& what, const std::map<Key, Value>& real,
             const std::map<Key, Value>& expected) {
     const auto [is, wanted] =
         std::mismatch(real.begin(), real.end(), expected.begin(), expected.end());
-    const bool more = wanted == expected.end() || (is != real.end() && is->first < wanted->first);
-    if (is != real.end() || wanted != expected.end()) {
+    if (difference_.empty() && (is != real.end() || wanted != expected.end())) {
       std::ostringstream text;
-      text << what << (more ? is : wanted)->first;
-      if (is != real.end() && wanted != expected.end() && is->first == wanted->first) {
-        same(text.str(), is->second, wanted->second);
-      } else {
-        same(text.str() + " is there", more, !more);
-      }
+      const auto print = [&text](const std::string& words, auto at, auto end) {
+        text << words;
+        if (at == end) {
+          text << "nothing";
+        } else if constexpr (requires { text << at->second; }) {
+          text << at->first << ": " << at->second;
+        } else {
+          text << at->first;
+        }
+      };
+      print(what + ": is ", is, real.end());
+      print(", expected ", wanted, expected.end());
+      difference_ = text.str();
     }
   }
 
+  void whole() {
+    using Whole = std::map<std::string, std::size_t>;
+    same("the switch",
+         Whole{{"running", service_.running()},
+               {"waiting for the hardware", agent_.waiting()},
+               {"published flows", agent_.publishedFlows().size()}},
+         Whole{{"running", model_.running},
+               {"waiting for the hardware", model_.queue.size()},
+               {"published flows", model_.published ? model_.flowStatus.size() : 0}});
+  }
   void flows() {
     std::map<std::string, CorvexFlowState> real;
     for (const auto& [name, flow] : service_.flows()) {
@@ -111,26 +111,26 @@ class Comparison {
                      static_cast<std::int32_t>(flow->tableType()),
                      flow->entryId(),
                      flow->changeCount()};
-      same("the rest of " + *name,
-           flow->persistent() && !flow->sendFlowRemoved() && flow->cookie() == 0 &&
-               flow->idleTimeout() == 0 && flow->hardTimeout() == 0,
-           true);
+      if (!flow->persistent() || flow->sendFlowRemoved() || flow->cookie() != 0 ||
+          flow->idleTimeout() != 0 || flow->hardTimeout() != 0) {
+        real.erase(*name);  // which is not the flow that is expected
+      }
     }
-    same("Corvex flow ", real, model_.corvexFlows.asMap());
+    same("Corvex flow", real, model_.corvexFlows.asMap());
   }
 
   void groups() {
     std::map<std::uint64_t, CorvexGroupState> real;
     for (const auto* const group : service_.groups()) {
-      CorvexGroupState& state = real[group->id()];
-      state = {static_cast<unsigned>(group->groupType()), {}, group->changeCount()};
+      CorvexGroupState state{static_cast<unsigned>(group->groupType()), {}, group->changeCount()};
       for (const auto& bucket : group->bucket()) {
         state.buckets.push_back(bucket.actions);
       }
-      same("the flags of group " + std::to_string(group->id()), group->ready() && !group->deleted(),
-           true);
+      if (group->ready() && !group->deleted()) {
+        real[group->id()] = state;
+      }
     }
-    same("Corvex group ", real, model_.corvexGroups);
+    same("Corvex group", real, model_.corvexGroups);
   }
 
   void vrfs() {
@@ -138,57 +138,54 @@ class Comparison {
     for (const Sim::VrfView& view : service_.vrfs()) {
       real[view.vrf] = {view.refCount, Handle{view.creator}, Handle{view.deletor}};
     }
-    same("VRF ", real, model_.vrfs);
+    same("VRF", real, model_.vrfs);
     std::map<Handle, std::uint32_t> dependents;
     for (const Sim::DependentView& view : service_.dependents()) {
       dependents[view.handle] = view.vrf;
     }
-    same("dependent ", dependents, model_.dependents);
+    same("dependent", dependents, model_.dependents);
   }
 
   void entries() {
+    const auto text = [](unsigned table, bool indexed, std::optional<std::uint32_t> vrf) {
+      return std::to_string(table) + (indexed ? " indexed " : " ") +
+             std::to_string(vrf.value_or(noVrf));
+    };
     std::map<Handle, std::string> real;
     for (const Sim::TableView& table : service_.entries()) {
       for (const Sim::EntryView& entry : table.entries) {
-        real[entry.handle] = entryText(table.table, entry.indexed, entry.vrf);
+        real[entry.handle] = text(table.table, entry.indexed, entry.vrf);
       }
     }
     std::map<Handle, std::string> expected;
     for (auto& table : model_.flowTables) {
-      table.each([&](const FlowKey& key, const FlowRow& row) {
-        const auto handle = model_.handleOf.find(key);
-        const auto vrf = model_.vrfOf.find(key);
-        if (!row.damaged) {
-          expected[row.handle] = entryText(
-              key.table, handle != model_.handleOf.end() && handle->second == row.handle,
-              vrf == model_.vrfOf.end() || vrf->second == noVrf ? std::nullopt
-                                                                : std::optional{vrf->second});
-        }
+      model_.eachRow(table, Model::AtDamage::goOn_, [&](const FlowKey& key, const FlowRow& row) {
+        expected[row.handle] = text(key.table, valueIn(model_.handleOf, key) == row.handle,
+                                    valueIn(model_.vrfOf, key));
       });
     }
-    same("entry ", real, expected);
+    same("entry", real, expected);
   }
-  static std::string entryText(unsigned table, bool indexed, std::optional<std::uint32_t> vrf) {
-    return std::to_string(table) + (indexed ? " indexed" : "") +
-           (vrf ? " " + std::to_string(*vrf) : "");
-  }
-
   void hardware() {
-    same("the flows and groups that wait for the hardware", agent_.waiting(), model_.waiting());
     std::map<std::string, std::uint32_t> flows;
     for (const auto& flow : agent_.status().flowStats()) {
       flows[flow.key] = static_cast<std::uint32_t>(flow.value.status());
     }
+    same("the status of flow", flows, model_.flowStatus.asMap());
     std::map<std::uint64_t, std::uint32_t> groups;
     for (const auto& group : agent_.status().groupStats()) {
       groups[group.key] = static_cast<std::uint32_t>(group.value.status());
     }
-    same("the status of flow ", flows, model_.flowStatus.asMap());
-    same("the status of group ", groups, model_.groupStatus.asMap());
-    same("what is published", agent_.publishedFlows().size(),
-         model_.published ? model_.flowStatus.size() : 0);
+    same("the status of group", groups, model_.groupStatus.asMap());
+    auto counts = model_.counts;
+    for (auto& [name, count] : counts) {
+      const Handle handle = handleIn(name);
+      if (const auto real = service_.counter(handle); real && flowName(handle) == name) {
+        count = {real->packets, real->bytes};
+      }
+    }
+    same("the counters of", counts, model_.counts);
   }
-
   void statusTables() {
     std::map<Handle, StatusRow> real;
     std::map<Handle, StatusRow> expected;
@@ -205,7 +202,7 @@ class Comparison {
     for (const auto& [key, row] : model_.statusRows) {
       expected[place(key.table, row.handle)] = row;
     }
-    same("status row ", real, expected);
+    same("status row", real, expected);
   }
 
   void pending() {
@@ -214,7 +211,7 @@ class Comparison {
       real[view.handle] = std::string{text(view.op)} + " in " + std::to_string(view.table) +
                           " since " + std::to_string(view.since);
     }
-    same("the pending entry ", real, model_.pending());
+    same("the pending entry", real, model_.pending());
   }
 
   // All that an audit finds, with every answer of the hardware overdue.
@@ -230,121 +227,78 @@ class Comparison {
                      std::string{auditKindText(finding.kind)} + " " + finding.about);
     }
     std::sort(real.begin(), real.end());
-    for (std::size_t at = 0; at < std::max(real.size(), expected->size()); ++at) {
-      same("a finding", at < real.size() ? real[at] : "none",
-           at < expected->size() ? (*expected)[at] : "none");
+    if (difference_.empty()) {
+      difference_ = differenceOf(real, *expected);
     }
   }
 
-  const Sim::Service& service_;
-  const Sim::HwAgent& agent_;
-  Model& model_;
+  Sim::Service service_;
+  Sim::HwAgent agent_{service_.hwConfig(), service_.hwStatusDir(), service_.hwUnitDir()};
+  std::stringstream out_;
+  Cli::JsonPrinter printer_{out_};
+  Cli::Interpreter interpreter_{
+      service_, agent_, printer_, {.keepGoing = true, .beforeCommand = Cli::StepClock::advance}};
+  Model model_;
   std::string difference_;
 };
 
-std::string differenceOf(const Lines& real, const Lines& expected) {
-  for (std::size_t at = 0; at < std::max(real.size(), expected.size()); ++at) {
-    const std::string is = at < real.size() ? real[at] : "nothing";
-    const std::string expectedLine = at < expected.size() ? expected[at] : "nothing";
-    if (is != expectedLine) {
-      return "is       " + is + "\nexpected " + expectedLine;
-    }
-  }
-  return {};
-}
-
 // `next` gives the next command, or nothing at the end.
-template <class Next>
-Outcome play(Next next) {
+Outcome play(auto next) {
   Outcome outcome;
-  Switch real;
-  Model model;
-  while (const std::optional<Command> command = next(model)) {
+  Pair pair;
+  for (History command; outcome.difference.empty() && !(command = next(pair.model())).empty();) {
     ++outcome.commands;
-    outcome.played.push_back(*command);
-    const Lines expected = model.play(*command);
-    outcome.difference = differenceOf(real.play(*command), expected);
-    if (outcome.difference.empty()) {
-      outcome.difference = Comparison{real, model}.difference();
-    }
-    if (!outcome.difference.empty()) {
-      break;
+    outcome.difference = pair.difference(command);
+    outcome.played.insert(outcome.played.end(), command.begin(), command.end());
+    for (const std::string& line : pair.model().played) {
+      outcome.script += line + "\n";
     }
   }
-  outcome.writes = model.writes;
+  outcome.writes = pair.model().writes;
+  outcome.script = "# " + outcome.difference +
+                   "\n# play it with: ostra-sim --json --keep-going --clock steps FILE\n" +
+                   outcome.script;
   return outcome;
 }
 
-bool differs(const History& history) { return !replay(history).difference.empty(); }
-
-// Removes runs of commands, halving their length down to one.
-void removeCommands(History& history) {
-  for (std::size_t length = std::max<std::size_t>(history.size() / 2, 1); length > 0; length /= 2) {
-    for (std::size_t at = 0; at < history.size();) {
-      History fewer = history;
-      const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(at);
-      fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(length, fewer.size() - at)));
-      if (differs(fewer)) {
-        history = std::move(fewer);
-      } else {
-        at += length;
-      }
+Outcome replay(const History& history) {
+  return play([at = history.begin(), end = history.end()](const Model&) mutable {
+    const auto first = at;
+    while (at != end && (at == first || (at->batch != 0 && at->batch == first->batch))) {
+      ++at;
     }
-  }
-}
-
-void removeWrites(History& history) {
-  for (std::size_t at = 0; at < history.size(); ++at) {
-    for (std::size_t one = 0; history[at].isBatch && one < history[at].steps.size();) {
-      History fewer = history;
-      auto& writes = fewer[at].steps;
-      writes.erase(writes.begin() + static_cast<std::ptrdiff_t>(one));
-      if (differs(fewer)) {
-        history = std::move(fewer);
-      } else {
-        ++one;
-      }
-    }
-  }
+    return History(first, at);
+  });
 }
 
 }  // namespace
 
 Outcome soak(std::uint64_t seed, std::size_t commands) {
   Generator generator{seed};
-  return play([&](const Model& model) -> std::optional<Command> {
-    return commands-- > 0 ? std::optional{generator.next(model)} : std::nullopt;
-  });
+  return play([&](Model& model) { return commands-- > 0 ? generator.next(model) : History{}; });
 }
 
-Outcome replay(const History& history) {
-  std::size_t at = 0;
-  return play([&](const Model&) -> std::optional<Command> {
-    return at < history.size() ? std::optional{history[at++]} : std::nullopt;
-  });
-}
-
-History shrunk(History history) {
-  for (std::size_t before = 0; before != history.size();) {
-    before = history.size();
-    removeCommands(history);
-    removeWrites(history);
-  }
-  return history;
-}
-
-std::string script(std::uint64_t seed, const Outcome& outcome) {
-  std::string text = "# seed " + std::to_string(seed) + "\n# ";
-  for (const char c : outcome.difference) {
-    text += c == '\n' ? std::string{"\n# "} : std::string{c};
-  }
-  text += "\n# play it with: ostra-sim --json --keep-going --clock steps FILE\n";
-  for (const Command& command : outcome.played) {
-    for (const std::string& line : lines(command)) {
-      text += line + "\n";
+// Removes runs of steps, halving their length down to one, until none can be removed.
+Outcome shrunk(const History& history) {
+  History kept = history;
+  Outcome shortest = replay(kept);
+  for (std::size_t before = 0; before != kept.size();) {
+    before = kept.size();
+    for (std::size_t length = std::max<std::size_t>(before / 2, 1); length > 0; length /= 2) {
+      for (std::size_t at = 0; at < kept.size();) {
+        History fewer = kept;
+        const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(at);
+        fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(length, kept.size() - at)));
+        if (Outcome outcome = replay(fewer); !outcome.difference.empty()) {
+          kept = std::move(fewer);
+          shortest = std::move(outcome);
+        } else {
+          at += length;
+        }
+      }
     }
   }
-  return text;
+  return shortest;
 }
 
 }  // namespace Soak

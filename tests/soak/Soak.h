@@ -7,25 +7,17 @@
 
 namespace Soak {
 
-using History = std::vector<Command>;
-
 struct Outcome {
-  std::string difference;       // empty: there is none
-  std::size_t commands = 0;     // that were played
-  std::size_t writes = 0;       // of a controller among them
-  std::vector<Command> played;  // up to the difference
+  std::string difference;    // empty: there is none
+  std::size_t commands = 0;  // that were played
+  std::size_t writes = 0;    // of a controller among them
+  History played;            // up to the difference
+  std::string script;        // the difference and the commands, for ostra-sim
 };
 
 // Plays `commands` random commands.
 [[nodiscard]] Outcome soak(std::uint64_t seed, std::size_t commands);
-// Plays a given history.
-[[nodiscard]] Outcome replay(const History& history);
-
-// A part of the history, as small as removing commands and writes makes it, that still ends in a
-// difference.
-[[nodiscard]] History shrunk(History history);
-
-// The difference and the history, as a script for ostra-sim.
-[[nodiscard]] std::string script(std::uint64_t seed, const Outcome& outcome);
+// The shortest part of the history that is found, and that still ends in a difference.
+[[nodiscard]] Outcome shrunk(const History& history);
 
 }  // namespace Soak

@@ -1,0 +1,295 @@
+// What the service must remember of entries that wait for a result, and tell a controller.
+//
+// Thread and process rule: a value.
+#pragma once
+
+#include <map>
+#include <set>
+#include <stdexcept>
+
+#include "tests/soak/Commands.h"
+
+namespace Soak {
+
+struct VrfState {
+  std::uint32_t users = 0;
+  Handle creator = 0, deletor = 0;  // 0: none
+  friend bool operator==(const VrfState&, const VrfState&) = default;
+};
+struct StatusRow {
+  Handle handle = 0;
+  std::uint32_t code = 0;
+  bool deleted = false;
+  std::uint64_t generation = 0;
+  friend bool operator==(const StatusRow&, const StatusRow&) = default;
+};
+// What is said of an entry; thrown, it refuses one.
+struct Report {
+  Handle handle = 0;
+  unsigned code = 0;
+  std::string message{};
+  [[nodiscard]] bool isEntryError() const { return code != 0 && !message.empty(); }
+  friend bool operator==(const Report&, const Report&) = default;
+};
+
+// A write, or the announcement of a stored row; kind and state as ostra-sim prints them.
+struct Update {
+  Op op;
+  std::string_view kind;
+  std::uint32_t id = 0;
+  Handle handle = 0;
+  std::string_view state = "rejected";
+  unsigned code = 0;
+  std::string message{};
+  Handle openUnder = 0;  // the entry whose result it waits for once it is applied
+};
+// What the service remembers of an entry.
+struct Book {
+  bool ofFlow = true;
+  FlowKey key;
+  Op op;                    // of its last write
+  double since = 0;         // the same
+  std::uint64_t batch = 0;  // the last that held it
+  bool stored = true;
+  bool pending = false;  // an earlier batch waits for its result
+  bool statusOpen = false;
+  Report status;  // of a member or a group
+};
+
+struct Books {
+  std::map<std::uint32_t, VrfState> vrfs;
+  std::map<FlowKey, StatusRow> statusRows;
+  std::map<Handle, Book> books;
+  std::vector<Update> batch;
+  std::uint64_t batchNumber = 0;
+  bool batchActive = false;
+  bool live = false;
+  std::optional<std::size_t> current;
+  std::vector<Handle> aliases;
+  Handle currentAlias = 0;
+  std::vector<Report> reports;
+  std::uint64_t generation = 0;
+  double now = 0;
+
+  void beginBatch(bool isLive) {
+    ++batchNumber;
+    batchActive = true;
+    live = isLive;
+  }
+  void hold(Handle handle) {
+    Book& book = books[handle];
+    book.batch = batchNumber;
+    book.statusOpen = true;
+    book.status = {};
+  }
+  // `alias` is another handle under which the library knows the key of a delete; 0 for none.
+  void enter(const Update& update, Handle alias) {
+    current = batch.size();
+    batch.push_back(update);
+    batch.back().state = live ? "pending" : "stored";
+    currentAlias = alias;
+    if (alias != 0) {
+      aliases.push_back(alias);
+      if (!books.contains(alias)) {
+        books[alias].key = books.at(update.handle).key;
+        books[alias].stored = false;
+      }
+    }
+    for (const Handle handle :
+         alias == 0 ? std::vector{update.handle} : std::vector{update.handle, alias}) {
+      if (live) {
+        hold(handle);
+      }
+      if (update.op != "announce") {
+        books.at(handle).op = update.op;
+        books.at(handle).since = now;
+      }
+    }
+  }
+  // Makes the change of the update that was entered last.
+  void apply(auto change) {
+    std::optional<std::string> failure;
+    try {
+      change();
+    } catch (const std::range_error& refused) {
+      failure = refused.what();
+    }
+    Update& update = batch[*current];
+    if (failure) {
+      update.state = "failed";
+      update.code = 15;
+      update.message = *failure;
+    } else if (update.state == "pending") {
+      update.openUnder = currentAlias != 0 ? currentAlias : update.handle;
+    }
+    if (update.op == delete_) {
+      books.at(update.handle).stored = false;
+      if (!live) {
+        dropEntry(update.handle);
+      }
+    }
+    current.reset();
+    currentAlias = 0;
+  }
+
+  // A result completes the update that is being applied, if it is for its entry; otherwise all that
+  // wait under its handle; otherwise the delete that is being applied, of which the library has
+  // said under which handle it knew the key. Any other is a report.
+  void result(const Report& report) {
+    const auto found = books.find(report.handle);
+    Book* const book = found == books.end() ? nullptr : &found->second;
+    if (book != nullptr && book->statusOpen) {
+      book->status = report;
+    }
+    Update* const waiting =
+        current && batch[*current].state == "pending" ? &batch[*current] : nullptr;
+    if (waiting != nullptr && waiting->handle == report.handle) {
+      return complete(*waiting, report);
+    }
+    const bool held = book != nullptr && isInBatch(*book);
+    bool completed = false;
+    for (Update& update : batch) {
+      if (held && update.openUnder == report.handle) {
+        complete(update, report);
+        completed = true;
+      }
+    }
+    if (completed) {
+      book->pending = book->pending && report.isEntryError();
+    } else if (waiting != nullptr && waiting->op == delete_ && report.code == 0) {
+      complete(*waiting, report);
+    } else if ((!held || book->pending) && report.handle != 0) {
+      lateResult(book, report);
+    }
+  }
+  [[nodiscard]] bool isInBatch(const Book& book) const {
+    return batchActive && book.batch == batchNumber;
+  }
+  void complete(Update& update, const Report& report) {
+    update.state = "done";
+    update.code = report.code;
+    update.message = report.message;
+    update.openUnder = 0;
+    books.at(update.handle).status = {};
+  }
+  void lateResult(Book* book, const Report& report) {
+    if (reports.empty() || reports.back() != report) {
+      reports.push_back(report);
+    }
+    if (book == nullptr) {
+      return;
+    }
+    if (book->ofFlow && book->stored) {
+      statusRows[book->key] = {report.handle, report.code, false, ++generation};
+    }
+    if (book->pending && !report.isEntryError()) {
+      book->pending = false;
+      if (!isInBatch(*book)) {
+        settleEntry(report.handle, {});
+      }
+    }
+  }
+
+  std::vector<Update> finishBatch() {
+    std::set<Handle> open;  // under which something still waits
+    std::map<Handle, const Update*> last;
+    for (const Update& update : batch) {
+      open.insert(update.openUnder);
+      last[update.handle] = &update;
+    }
+    for (Update& update : batch) {
+      if (live && update.state != "rejected" && books.contains(update.handle)) {
+        decide(update);
+        if (last[update.handle] == &update) {
+          settleEntry(update.handle, open);
+        }
+      }
+    }
+    for (const Handle alias : std::exchange(aliases, {})) {
+      if (books.contains(alias)) {
+        settleEntry(alias, open);
+      }
+    }
+    batchActive = false;
+    return std::exchange(batch, {});
+  }
+  void decide(Update& update) {
+    const Book& book = books.at(update.handle);
+    if (update.state == "pending" && !book.ofFlow && update.op != delete_) {
+      update.state = "done";
+      update.code = book.status.code;
+      update.message = book.status.message;
+    }
+    if (book.ofFlow && book.stored && update.state != "pending") {
+      statusRows[book.key] = {update.handle, update.code, false, ++generation};
+    }
+  }
+  void settleEntry(Handle handle, const std::set<Handle>& open) {
+    Book& book = books.at(handle);
+    book.pending = book.pending || (book.ofFlow && open.contains(handle));
+    if (book.pending) {
+      StatusRow* const row = statusOf(handle);
+      if (!book.stored && row != nullptr && !row->deleted) {
+        row->deleted = true;
+        row->generation = ++generation;
+      }
+      return;
+    }
+    book.statusOpen = false;
+    clearVrfRecords(handle);
+    if (!book.stored) {
+      dropEntry(handle);
+    }
+  }
+  // Null if the flow has none.
+  StatusRow* statusOf(Handle handle) {
+    const Book& book = books.at(handle);
+    const auto row = statusRows.find(book.key);
+    return book.ofFlow && row != statusRows.end() && row->second.handle == handle ? &row->second
+                                                                                  : nullptr;
+  }
+  void dropEntry(Handle handle) {
+    if (statusOf(handle) != nullptr) {
+      statusRows.erase(books.at(handle).key);
+    }
+    books.erase(handle);
+  }
+  void clearVrfRecords(Handle handle) {
+    for (auto vrf = vrfs.begin(); vrf != vrfs.end();) {
+      VrfState& state = vrf->second;
+      const bool recorded = state.creator == handle || state.deletor == handle;
+      state.creator = state.creator == handle ? 0 : state.creator;
+      state.deletor = state.deletor == handle ? 0 : state.deletor;
+      vrf = recorded && state == VrfState{} ? vrfs.erase(vrf) : std::next(vrf);
+    }
+  }
+  // "insert in 3 since 7", by handle.
+  [[nodiscard]] std::map<Handle, std::string> pending() const {
+    std::map<Handle, std::string> all;
+    for (const auto& [handle, book] : books) {
+      if (book.pending) {
+        all[handle] = std::string{book.op} + " in " + std::to_string(book.key.table) + " since " +
+                      std::to_string(book.since);
+      }
+    }
+    return all;
+  }
+  void forgetWaiting() {
+    batchActive = false;
+    current.reset();
+    currentAlias = 0;
+    batch.clear();
+    aliases.clear();
+    vrfs.clear();
+    for (auto next = books.begin(); next != books.end();) {
+      auto& [handle, book] = *next++;
+      book.pending = false;
+      book.statusOpen = false;
+      if (!book.stored) {
+        dropEntry(handle);
+      }
+    }
+  }
+};
+
+}  // namespace Soak
