@@ -16,9 +16,8 @@
 #include "cli/Progress.h"
 #include "cli/StepClock.h"
 #include "cli/language/Interpreter.h"
-#include "cli/output/JsonPrinter.h"
 #include "cli/output/Output.h"
-#include "cli/output/TextPrinter.h"
+#include "cli/output/Printer.h"
 #include "platform/Brisklog/TextTrace.h"
 #include "platform/Korm/Clock.h"
 #include "sim/HwAgent.h"
@@ -96,12 +95,11 @@ class Program {
  private:
   [[nodiscard]] std::unique_ptr<Cli::Printer> makePrinter() const {
     if (options_.json) {
-      return std::make_unique<Cli::JsonPrinter>(out_);
+      return Cli::jsonPrinter(out_);
     }
-    return std::make_unique<Cli::TextPrinter>(
+    return Cli::textPrinter(
         out_, errors_,
-        Cli::TextStyle{.color = Cli::wantsColor(STDOUT_FILENO),
-                       .errorColor = Cli::wantsColor(STDERR_FILENO)});
+        {.color = Cli::wantsColor(STDOUT_FILENO), .errorColor = Cli::wantsColor(STDERR_FILENO)});
   }
 
   [[nodiscard]] Cli::InterpreterOptions interpreterOptions() const {

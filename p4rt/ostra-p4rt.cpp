@@ -12,9 +12,8 @@
 #include <string>
 
 #include "cli/output/Json.h"
-#include "cli/output/JsonPrinter.h"
 #include "cli/output/Output.h"
-#include "cli/output/TextPrinter.h"
+#include "cli/output/Printer.h"
 #include "p4rt/Engine.h"
 #include "p4rt/core/Loop.h"
 #include "p4rt/server/Console.h"
@@ -100,12 +99,11 @@ class Program {
 
   [[nodiscard]] std::unique_ptr<Cli::Printer> makePrinter(Cli::Output& errors) const {
     if (options_.json) {
-      return std::make_unique<Cli::JsonPrinter>(out_);
+      return Cli::jsonPrinter(out_);
     }
-    return std::make_unique<Cli::TextPrinter>(
+    return Cli::textPrinter(
         out_, errors,
-        Cli::TextStyle{.color = Cli::wantsColor(STDOUT_FILENO),
-                       .errorColor = Cli::wantsColor(STDERR_FILENO)});
+        {.color = Cli::wantsColor(STDOUT_FILENO), .errorColor = Cli::wantsColor(STDERR_FILENO)});
   }
 
   [[nodiscard]] bool hasConsole() const {

@@ -1,9 +1,11 @@
-// How ostra-sim prints the results of commands: the interface of its two printers.
+// How ostra-sim prints the results of commands, as text or as JSON.
 //
 // Threads: one thread.
 // Ownership: a printer writes to a stream of its host, and neither flushes nor closes it.
 #pragma once
 
+#include <iosfwd>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -62,5 +64,19 @@ class Printer {
   virtual void audit(const Ostra::AuditReport& report) = 0;
   virtual void pending(const std::vector<Sim::PendingView>& writes) = 0;
 };
+
+struct TextStyle {
+  bool color = false;       // of what goes to `out`
+  bool errorColor = false;  // of what goes to `errors`
+};
+// Text for people. Results go to `out`. Bad commands go to `errors`, and `out` is flushed first.
+// Requires: the streams outlive the printer.
+[[nodiscard]] std::unique_ptr<Printer> textPrinter(std::ostream& out, std::ostream& errors,
+                                                   TextStyle style);
+
+// One JSON object a line, with its members in the order that docs/simulator.md gives. Bytes that
+// are not UTF-8 are replaced, so that every line is JSON. Requires: the stream outlives the
+// printer.
+[[nodiscard]] std::unique_ptr<Printer> jsonPrinter(std::ostream& out);
 
 }  // namespace Cli

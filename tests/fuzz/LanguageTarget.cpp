@@ -4,8 +4,6 @@
 
 #include "cli/StepClock.h"
 #include "cli/language/Interpreter.h"
-#include "cli/output/JsonPrinter.h"
-#include "cli/output/TextPrinter.h"
 #include "platform/Korm/Exceptions.h"
 #include "tests/fuzz/Targets.h"
 #include <nlohmann/json.hpp>
@@ -37,12 +35,10 @@ void language(Bytes bytes) {
   std::ostringstream out;
   if (text.starts_with('#')) {
     std::ostringstream errors;
-    Cli::TextPrinter printer{out, errors, {}};
-    play(printer, text);
+    play(*Cli::textPrinter(out, errors, {}), text);
     return;
   }
-  Cli::JsonPrinter printer{out};
-  play(printer, text);
+  play(*Cli::jsonPrinter(out), text);
   std::istringstream printed{out.str()};
   for (std::string line; std::getline(printed, line);) {
     Korm::assertTrue(nlohmann::json::accept(line), "every line of output is an object");

@@ -7,7 +7,6 @@
 #include "Ostra/OstraStatus.h"
 #include "cli/StepClock.h"
 #include "cli/language/Interpreter.h"
-#include "cli/output/JsonPrinter.h"
 #include "sim/TablePaths.h"
 #include "tests/soak/Generator.h"
 
@@ -235,9 +234,9 @@ class Pair {
   Sim::Service service_;
   Sim::HwAgent agent_{service_.hwConfig(), service_.hwStatusDir(), service_.hwUnitDir()};
   std::stringstream out_;
-  Cli::JsonPrinter printer_{out_};
+  std::unique_ptr<Cli::Printer> printer_ = Cli::jsonPrinter(out_);
   Cli::Interpreter interpreter_{
-      service_, agent_, printer_, {.keepGoing = true, .beforeCommand = Cli::StepClock::advance}};
+      service_, agent_, *printer_, {.keepGoing = true, .beforeCommand = Cli::StepClock::advance}};
   Model model_;
   std::string difference_;
 };
