@@ -25,13 +25,9 @@ class RewriteCounter final : public Korm::Notifiee<const OpenFlowTable::GroupId&
   std::size_t rewrites = 0;
 };
 
-// The ECMP side of the library over tables that the benchmark fills.
+// The library's ECMP side. The benchmark fills its tables.
 struct EcmpSide {
-  EcmpSide() {
-    for (std::uint32_t port = 1; port <= ports; ++port) {
-      portMapping->portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
-    }
-  }
+  EcmpSide() { mapPorts(*portMapping); }
 
   void encap(NexthopGroup::EncapId id, std::uint8_t ttl = 64) {
     NexthopGroup::EncapEntry entry;
@@ -86,9 +82,9 @@ std::vector<MemberOrGroupId> memberIds(std::size_t count, MemberOrGroupId first)
   return ids;
 }
 
-// The time of a bucket in the rebuild of one group of MEMBERS.
+// Rebuilds a group of MEMBERS members, and reports the time of one bucket.
 void groupRebuild(benchmark::State& state) {
-  const auto members = static_cast<std::size_t>(state.range(0));
+  const auto members = argument(state);
   EcmpSide side;
   side.encap(1);
   for (const MemberOrGroupId id : memberIds(members, 1)) {
@@ -111,10 +107,10 @@ void groupRebuild(benchmark::State& state) {
   }
 }
 
-// One member listed in every one of GROUPS programmed groups of MEMBERS.
+// Changes a member that is listed in each of GROUPS groups of MEMBERS members.
 void memberChange(benchmark::State& state) {
-  const auto groups = static_cast<std::size_t>(state.range(0));
-  const auto members = static_cast<std::size_t>(state.range(1));
+  const auto groups = argument(state);
+  const auto members = argument(state, 1);
   EcmpSide side;
   side.encap(1);
   for (const MemberOrGroupId id : memberIds(groups * members, 1)) {
@@ -133,7 +129,7 @@ void memberChange(benchmark::State& state) {
   }
 }
 
-// One member in one group of 1,024 among 1,000 groups of 16 that do not list it.
+// Changes a member of one group of 1,024, beside 1,000 groups of 16 that do not list it.
 void memberChangeAmongOthers(benchmark::State& state) {
   constexpr std::size_t others = 1'000;
   constexpr MemberOrGroupId changed = 100'000;
@@ -157,9 +153,9 @@ void memberChangeAmongOthers(benchmark::State& state) {
   }
 }
 
-// An encapsulation entry used by MEMBERS members, each in a group of its own.
+// Changes an encapsulation entry that MEMBERS members use, each in a group of its own.
 void encapChange(benchmark::State& state) {
-  const auto members = static_cast<std::size_t>(state.range(0));
+  const auto members = argument(state);
   EcmpSide side;
   side.encap(1);
   for (const MemberOrGroupId id : memberIds(members, 1)) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <numeric>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "Ostra/OstraTypes.h"
@@ -60,15 +61,15 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
   return entry;
 }
 
-// Puts what a benchmark goes through into a random order, the same in every run. What it goes
-// through lies in memory in that order, as requests do that have just been read: the benchmarks
-// measure the way to what is stored, not the way to what is asked for.
+// Puts the elements into a random order that is the same in every run. A benchmark walks them in
+// the order in which they lie in memory, as a service walks requests that it has just read. So it
+// measures the access to what is stored, not to the requests.
 template <class T>
 void shuffle(std::vector<T>& all, std::uint32_t seed = 1) {
   std::shuffle(all.begin(), all.end(), std::mt19937{seed});
 }
 
-// 0 to count - 1 in such an order.
+// The numbers from 0 to count - 1 in such an order.
 inline std::vector<std::uint32_t> shuffled(std::size_t count, std::uint32_t seed = 1) {
   std::vector<std::uint32_t> order(count);
   std::iota(order.begin(), order.end(), 0U);
@@ -84,6 +85,14 @@ inline std::vector<Ostra::OstraConfigEntry> makeEntries(std::size_t count) {
   }
   shuffle(entries);
   return entries;
+}
+
+// Maps all ports of the entries.
+template <class Mapping>
+void mapPorts(Mapping& mapping) {
+  for (std::uint32_t port = 1; port <= ports; ++port) {
+    mapping.portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
+  }
 }
 
 }  // namespace Bench

@@ -1,4 +1,4 @@
-// The floor: bare bookkeeping of the same flows in two standard hash maps.
+// The least that a flow write could cost: the same flows in two standard hash maps.
 
 #include <array>
 #include <cstring>
@@ -40,7 +40,7 @@ struct Floor {
     for (std::uint32_t n = 0; n < count; ++n) {
       const Ostra::OstraConfigEntry entry = makeEntry(n);
       Flow flow{Ostra::buildFlowName(entry.entryHandle), {}};
-      // The match alone: the placement before it is the same, or follows from it.
+      // The match, which ends the key. What precedes it does not tell these flows apart.
       const auto* const end = reinterpret_cast<const std::byte*>(&entry.flowKey + 1);
       std::memcpy(flow.key.bytes.data(), end - sizeof(flow.key), sizeof(flow.key));
       flows.push_back(flow);
@@ -63,7 +63,7 @@ struct Floor {
 };
 
 void floorInsert(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   for (auto _ : state) {
     Floor floor{count};
     timeEach(state, count, [&] { floor.writeAll({}); });
@@ -72,7 +72,7 @@ void floorInsert(benchmark::State& state) {
 }
 
 void floorOverwrite(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   Record changed;
   changed.bytes[7] = std::byte{1};
   for (auto _ : state) {
@@ -86,7 +86,7 @@ void floorOverwrite(benchmark::State& state) {
 }
 
 void floorDelete(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   for (auto _ : state) {
     Floor floor{count};
     floor.writeAll({});
@@ -101,9 +101,9 @@ void floorDelete(benchmark::State& state) {
   }
 }
 
-// The slowest single insert while the maps grow from nothing: now and then they hash all anew.
+// The slowest insert while the maps grow from empty: some make a map hash all of its keys again.
 void floorWorstInsert(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   for (auto _ : state) {
     slowestOf(state, count, [&](auto&& timed) {
       Floor floor{count};
@@ -115,14 +115,14 @@ void floorWorstInsert(benchmark::State& state) {
   }
 }
 
-// What one trip to memory takes: each read of a record tells where the next one is. Whatever looks
-// up one flow among N makes at least one such trip, and most make several.
+// The time of one cache miss. Each record says where the next one is, so that no read can begin
+// before the one before it has ended. Finding one flow among N takes at least one miss.
 void floorMiss(benchmark::State& state) {
   struct Link {
     std::uint32_t next = 0;
     std::array<std::byte, 476> rest{};
   };
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   const auto order = shuffled(count);
   std::vector<Link> links(count);
   for (std::size_t at = 0; at < count; ++at) {
@@ -135,7 +135,7 @@ void floorMiss(benchmark::State& state) {
         at = links[at].next;
       }
     });
-    require(at == order[0], "the chain is gone through");
+    require(at == order[0], "the chain is followed to its end");
   }
 }
 

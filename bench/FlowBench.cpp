@@ -1,24 +1,22 @@
-// The library's share of a flow write: from the changed key, whose row is in the table already, to
-// the return of handleFlowConfig. As in the system, the service has just written the row.
+// The library's share of a flow write: the time that it takes to handle a key whose row the service
+// has just written.
 
 #include <span>
 
-#include "Ostra/FlowUtil.h"
 #include "bench/Library.h"
-#include "bench/Measure.h"
+#include "bench/Writes.h"
 
 namespace Bench {
 namespace {
 
-// A state machine over a table whose changes it is told one by one, by the benchmark.
+// A state machine that does not hear of changes from its table: the benchmark calls it.
 struct FlowSide {
   explicit FlowSide(std::size_t count) : entries{makeEntries(count)}, sm{library.makeSm()} {
     sm->hasNotificationActiveIs(false);
   }
 
-  // Has the service write rows with `write(entry)` and the library handle them, in batches of 64;
-  // returns the time of the library's part. As the service does, it has rows prefetched that are
-  // there already.
+  // Writes the rows by write(entry) and has the library handle them, in batches of 64. Returns the
+  // library's time for one row. Rows that are `stored` already are prefetched, as by the service.
   template <class Write>
   double run(Write write, bool stored) {
     double took = 0;
@@ -48,51 +46,16 @@ struct FlowSide {
   double deleteAll() {
     return run([this](const auto& entry) { library.table->entryDel(entry.flowKey); }, true);
   }
-  [[nodiscard]] std::size_t flows() const { return library.hwConfig->flowEntries().size(); }
+  [[nodiscard]] const OpenFlowTable::CorvexHwConfig& corvex() const { return *library.hwConfig; }
+  [[nodiscard]] std::size_t flows() const { return corvex().flowEntries().size(); }
 
   Library library;
   std::vector<Ostra::OstraConfigEntry> entries;
   Korm::Ptr<Ostra::OstraSm> sm;
 };
 
-void flowInsert(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    FlowSide side{count};
-    state.SetIterationTime(side.insertAll());
-    require(side.flows() == count, "every entry has its flow");
-  }
-}
-
-void flowModify(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    FlowSide side{count};
-    side.insertAll();
-    for (auto& entry : side.entries) {
-      entry.actions.setDscpIs(9, true);
-    }
-    shuffle(side.entries, 2);
-    state.SetIterationTime(side.modifyAll());
-    const auto* const flow = side.library.hwConfig->flowEntry(Ostra::buildFlowName(count / 2 + 1));
-    require(flow != nullptr && flow->actions().setDscp() == 9 && flow->changeCount() > 0,
-            "every flow is rewritten");
-  }
-}
-
-void flowDelete(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    FlowSide side{count};
-    side.insertAll();
-    shuffle(side.entries, 2);
-    state.SetIterationTime(side.deleteAll());
-    require(side.flows() == 0, "every flow is gone");
-  }
-}
-
-// The slowest single insert while growing from nothing: the service's table write and the library's
-// work together.
+// The slowest insert while all grows from empty: the service's table write and the library's work
+// together.
 void worstInsert(benchmark::State& state) {
   const auto count = static_cast<std::size_t>(state.range(0));
   for (auto _ : state) {
@@ -107,7 +70,7 @@ void worstInsert(benchmark::State& state) {
   }
 }
 
-// A way to spoil an entry, one for each kind of check.
+// One way to spoil an entry for each kind of check.
 struct Refusal {
   const char* name;
   void (*spoil)(Ostra::OstraConfigEntry&);
@@ -148,7 +111,7 @@ void flowRefused(benchmark::State& state, const Refusal& refusal) {
   }
 }
 
-// Throws an entry error through that many frames with something to clean up in each.
+// Throws an entry error through that many stack frames, each with a string to destroy.
 template <int frames>
 [[gnu::noinline]] void throwThrough(P4Runtime::ValidationHelper& helper,
                                     const std::string& message) {
@@ -160,8 +123,8 @@ template <int frames>
   }
 }
 
-// What refusing costs at least: an entry error that is thrown, caught and reported, through as many
-// frames as lie between most checks and handleFlowConfig().
+// The least that a refusal costs: an entry error that is thrown, caught and reported. It passes as
+// many frames as lie between most checks and handleFlowConfig().
 void exceptionFloor(benchmark::State& state) {
   const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
   const Korm::Ptr<P4Runtime::ValidationHelper> helper =
@@ -180,8 +143,8 @@ void exceptionFloor(benchmark::State& state) {
   }
 }
 
-// The construction of one state machine over N rows and N Corvex flows, of which 1 % are stale and
-// 1 % missing.
+// Constructs a state machine over N rows and N Corvex flows. For 1 % of the rows the flow is
+// missing, and 1 % of the flows have no row.
 void reconcile(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   for (auto _ : state) {
@@ -201,9 +164,9 @@ void reconcile(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_FlowInsert", flowInsert);
-  registerSizes("BM_FlowModify", flowModify);
-  registerSizes("BM_FlowDelete", flowDelete);
+  registerSizes("BM_FlowInsert", timeInsert<FlowSide>);
+  registerSizes("BM_FlowModify", timeModify<FlowSide>);
+  registerSizes("BM_FlowDelete", timeDelete<FlowSide>);
   registerWorst("BM_WorstInsert", worstInsert);
   for (const Refusal& refusal : refusals) {
     benchmark::RegisterBenchmark(

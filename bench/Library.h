@@ -1,7 +1,5 @@
-// The library's flow side on real service objects, for the benchmarks of its share.
+// The library's flow side on real service objects.
 #pragma once
-
-#include <string>
 
 #include "Ostra/OstraSm.h"
 #include "Ostra/OstraStatus.h"
@@ -10,13 +8,9 @@
 
 namespace Bench {
 
-// Everything that one flow state machine needs. The service's side is driven by the benchmark.
+// Everything that one flow state machine needs. The benchmark plays the service.
 struct Library {
-  Library() {
-    for (std::uint32_t port = 1; port <= ports; ++port) {
-      portMapping->portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
-    }
-  }
+  Library() { mapPorts(*portMapping); }
 
   [[nodiscard]] Korm::Ptr<Ostra::OstraSm> makeSm() {
     return Ostra::ostraSmFactory(hwConfig, config, hwStatusDir, table, vrfCollection, portMapping,

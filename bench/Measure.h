@@ -15,6 +15,11 @@
 
 namespace Bench {
 
+// The number of things that the benchmark is run with, or the second of two such numbers.
+inline std::size_t argument(const benchmark::State& state, std::size_t at = 0) {
+  return static_cast<std::size_t>(state.range(at));
+}
+
 // Ends the program when a benchmark did not do what it claims to measure.
 inline void require(bool condition, const char* what) {
   if (!condition) {
@@ -23,15 +28,15 @@ inline void require(bool condition, const char* what) {
   }
 }
 
-// Seconds of processor time of this thread, kernel included. All there is runs on one thread, so
-// that this is the time it takes, less what other processes take from it.
+// Seconds of processor time that this thread has used, including its time in the kernel. The
+// benchmarks run on one thread, so this is their running time without that of other processes.
 inline double processorTime() {
   timespec now{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
   return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) * 1e-9;
 }
 
-// Times `operations` operations made by `work` and reports the time of one.
+// Reports the time of one operation. work() makes `operations` of them.
 template <class Work>
 void timeEach(benchmark::State& state, std::size_t operations, Work&& work) {
   const double start = processorTime();
@@ -39,7 +44,7 @@ void timeEach(benchmark::State& state, std::size_t operations, Work&& work) {
   state.SetIterationTime((processorTime() - start) / static_cast<double>(operations));
 }
 
-// Calls work(batch) for each batch of 64 of them, the last one perhaps smaller.
+// Calls work(batch) for each batch of 64 elements. The last batch may be smaller.
 template <class T, class Work>
 void forEachBlock(const std::vector<T>& all, Work&& work) {
   for (std::span<const T> left{all}; !left.empty();) {
@@ -49,9 +54,9 @@ void forEachBlock(const std::vector<T>& all, Work&& work) {
   }
 }
 
-// Reports the slowest of N operations that `run(timed)` makes, by timed(operation), always the same
-// ones. It runs three times, and each operation counts with its shortest time: a growth step comes
-// at the same operation every time, a stall of a virtual machine does not.
+// Reports the time of the slowest operation. run(timed) makes each operation by timed(operation),
+// and is called three times to make the same ones. The shortest of its three times counts for an
+// operation: a step of growth is slow every time, a pause of a virtual machine is not.
 template <class Run>
 void slowestOf(benchmark::State& state, std::size_t operations, Run&& run) {
   std::vector<double> shortest(operations, std::numeric_limits<double>::infinity());

@@ -1,4 +1,4 @@
-// Resident memory per flow, by holder.
+// The resident memory that a flow takes, by what holds it.
 
 #include <malloc.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@
 namespace Bench {
 namespace {
 
-// Bytes of memory that this process has in the machine, shared ones included.
+// Bytes of this process that are in physical memory, including shared memory.
 double residentBytes() {
   std::ifstream statm{"/proc/self/statm"};
   double total = 0;
@@ -27,7 +27,7 @@ double residentBytes() {
   return resident * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-// What `fill` adds to the resident memory, for each of `count` flows.
+// The resident memory that fill() adds, divided by the number of flows.
 template <class Fill>
 double bytesEach(std::size_t count, Fill fill) {
   const double before = residentBytes();
@@ -39,18 +39,17 @@ void memory(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const auto entries = makeEntries(count);
   for (auto _ : state) {
-    malloc_trim(0);  // what other benchmarks have freed is not to be used again unseen
+    malloc_trim(0);  // or memory that other benchmarks have freed would be reused and not seen
     Library library;
     const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
     const auto row = bytesEach(count, [&] {
       for (const auto& entry : entries) {
         library.table->entryIs(entry);
-        library.table->entryIs(
-            entry);  // a row that has been modified, with both its cells in memory
+        library.table->entryIs(entry);  // now both cells of the row are in memory
       }
     });
-    // The state machine fills its indexes and Corvex at once; an index of the same keys tells them
-    // apart.
+    // The state machine fills its index and Corvex together. So an index of the same keys is
+    // measured by itself, and subtracted below.
     Ostra::FlowIndex index;
     const auto indexes = bytesEach(count, [&] {
       for (const auto& entry : entries) {

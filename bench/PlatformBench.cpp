@@ -25,7 +25,7 @@ void writeAll(Table& table, const std::vector<Ostra::OstraConfigEntry>& entries)
 }
 
 void tableInsert(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   const auto entries = makeEntries(count);
   for (auto _ : state) {
     Table table{anonymous()};
@@ -35,12 +35,12 @@ void tableInsert(benchmark::State& state) {
 }
 
 void tableOverwrite(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const auto count = argument(state);
   auto entries = makeEntries(count);
   Table table{anonymous()};
   for (const auto& entry : entries) {
     table.is(entry);
-    table.is(entry);  // both cells of a row are in memory, as in a table that lives
+    table.is(entry);  // now both cells of the row are in memory, as after any modify
   }
   shuffle(entries, 2);
   std::uint32_t generation = 0;
@@ -55,7 +55,7 @@ void tableOverwrite(benchmark::State& state) {
   }
 }
 
-// Looks all records up with `lookup(key)`, which gives the entry id.
+// Looks all records up by lookup(key), which returns the entry id.
 template <class Lookup>
 void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> entries,
                Lookup lookup) {
@@ -72,14 +72,14 @@ void lookUpAll(benchmark::State& state, std::vector<Ostra::OstraConfigEntry> ent
 }
 
 void tableFind(benchmark::State& state) {
-  const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
+  const auto entries = makeEntries(argument(state));
   Table table{anonymous()};
   writeAll(table, entries);
   lookUpAll(state, entries, [&](const Ostra::OstraKey& key) { return table.find(key)->entryId; });
 }
 
 void tableReaderCopy(benchmark::State& state) {
-  const auto entries = makeEntries(static_cast<std::size_t>(state.range(0)));
+  const auto entries = makeEntries(argument(state));
   Table table{anonymous()};
   writeAll(table, entries);
   Vasta::Reader<Ostra::OstraConfigEntry> reader{table};
@@ -98,7 +98,7 @@ void traceRing(benchmark::State& state) {
   }
 }
 
-// What the text part of a trace point costs when its level is off: the check alone.
+// The cost of a trace text whose level is off: one check.
 void traceTextOff(benchmark::State& state) {
   for (auto _ : state) {
     benchmark::DoNotOptimize(traceHandle.enabled(5));

@@ -1,4 +1,4 @@
-// From what the hardware says to the batch status, and counter reads.
+// The way of a hardware status into the batch status, and the reading of counters.
 
 #include <string>
 
@@ -28,9 +28,9 @@ class ResultCounter final : public Korm::Notifiee<const P4Runtime::TransactionRe
   std::size_t failures = 0;
 };
 
-// A status change of each of N flows, in random order, to its result in the batch status. The
-// service opens the entries of a batch of 64 and closes them with their results, as it does in the
-// switch.
+// Changes the status of N flows in random order, and times the way of each into the batch status.
+// As in the switch, the service opens the entries of a batch of 64 and closes them when they have
+// their results.
 void flowStatus(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
@@ -74,10 +74,10 @@ void flowStatus(benchmark::State& state) {
   }
 }
 
-// One direct counter over several hardware units that hold 100,000 flows each.
+// Reads direct counters, each of which is the sum over several hardware units of 100,000 flows.
 void counterRead(benchmark::State& state) {
   constexpr std::uint32_t count = 100'000;
-  const auto units = static_cast<std::size_t>(state.range(0));
+  const auto units = argument(state);
   const auto dir = Korm::makePtr<Korm::Dir>("corvexhwstatusdir");
   for (std::size_t unit = 0; unit < units; ++unit) {
     const std::string name = "unit" + std::to_string(unit);

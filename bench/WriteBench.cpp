@@ -5,8 +5,7 @@
 #include <span>
 #include <vector>
 
-#include "bench/Entries.h"
-#include "bench/Measure.h"
+#include "bench/Writes.h"
 #include "sim/HwAgent.h"
 #include "sim/Service.h"
 
@@ -17,12 +16,13 @@ using Sim::Op;
 
 struct Switch {
   explicit Switch(std::size_t count) : entries{makeEntries(count)} {
-    for (std::uint32_t port = 1; port <= ports; ++port) {
-      service.portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
-    }
+    mapPorts(service);
     require(!service.start().failure, "the library starts");
   }
 
+  double insertAll() { return writeAll(Op::insert_); }
+  double modifyAll() { return writeAll(Op::modify_); }
+  double deleteAll() { return writeAll(Op::delete_); }
   // The time of one write.
   double writeAll(Op op) {
     double took = 0;
@@ -41,54 +41,18 @@ struct Switch {
     });
     return took / static_cast<double>(entries.size());
   }
-  [[nodiscard]] std::size_t flows() const { return service.hwConfig()->flowEntries().size(); }
+  [[nodiscard]] const OpenFlowTable::CorvexHwConfig& corvex() const { return *service.hwConfig(); }
 
   std::vector<Ostra::OstraConfigEntry> entries;
   Sim::Service service;
   Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
 };
 
-void writeInsert(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    Switch side{count};
-    state.SetIterationTime(side.writeAll(Op::insert_));
-    require(side.flows() == count, "every entry has its flow");
-  }
-}
-
-void writeModify(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    Switch side{count};
-    side.writeAll(Op::insert_);
-    for (auto& entry : side.entries) {
-      entry.actions.setDscpIs(9, true);
-    }
-    shuffle(side.entries, 2);
-    state.SetIterationTime(side.writeAll(Op::modify_));
-    const auto flows = side.service.flows();
-    require(flows.size() == count && flows.back().flow->actions().setDscp() == 9,
-            "every flow is rewritten");
-  }
-}
-
-void writeDelete(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
-  for (auto _ : state) {
-    Switch side{count};
-    side.writeAll(Op::insert_);
-    shuffle(side.entries, 2);
-    state.SetIterationTime(side.writeAll(Op::delete_));
-    require(side.flows() == 0, "every flow is gone");
-  }
-}
-
-// The comparison of everything that is stored, rows to hardware, where all is well.
+// An audit of everything that is stored, from the rows to the hardware, that finds nothing.
 void audit(benchmark::State& state) {
-  const auto count = static_cast<std::size_t>(state.range(0));
+  const std::size_t count = argument(state);
   Switch side{count};
-  side.writeAll(Op::insert_);
+  side.insertAll();
   for (auto _ : state) {
     timeEach(state, 1, [&] {
       const auto report = side.service.audit();
@@ -98,9 +62,9 @@ void audit(benchmark::State& state) {
 }
 
 const bool registered = [] {
-  registerSizes("BM_WriteInsert", writeInsert);
-  registerSizes("BM_WriteModify", writeModify);
-  registerSizes("BM_WriteDelete", writeDelete);
+  registerSizes("BM_WriteInsert", timeInsert<Switch>);
+  registerSizes("BM_WriteModify", timeModify<Switch>);
+  registerSizes("BM_WriteDelete", timeDelete<Switch>);
   benchmark::RegisterBenchmark("BM_Audit", audit)
       ->Arg(100'000)
       ->Iterations(3)

@@ -1,5 +1,5 @@
-// Runs the benchmarks and ends with their figures against the targets, most of which are given as a
-// ratio to the floor measured in the same run.
+// Runs the benchmarks and then prints each figure beside its target. Most targets are ratios to a
+// floor, which is measured in the same run.
 
 #include <cstdio>
 #include <map>
@@ -11,7 +11,8 @@
 
 namespace {
 
-// A target: an absolute time, or a multiple of what one or two other benchmarks took together.
+// The longest time that a benchmark may take: in nanoseconds, or as a multiple of the time of
+// another benchmark, or of two together.
 struct Target {
   const char* benchmark;
   double limit;
@@ -57,13 +58,13 @@ constexpr Target targets[] = {
     {"BM_TraceTextOff", 1},
 };
 
-// Keeps the figures of a run beside printing them.
+// Prints the figures and keeps them for the targets.
 class Figures final : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& run : runs) {
       const std::string name = run.benchmark_name();
-      // Without what the library appends of iterations and clock.
+      // The rest of a name says how often the benchmark ran and by which clock.
       nanoseconds_[name.substr(0, name.find("/iterations:"))] =
           run.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e9;
     }
@@ -93,7 +94,7 @@ class Figures final : public benchmark::ConsoleReporter {
   }
 
  private:
-  // Nanoseconds; 0 for no benchmark, nothing for one that did not run.
+  // Nanoseconds. 0 if no benchmark is named, and nothing if it did not run.
   [[nodiscard]] std::optional<double> of(const char* benchmark) const {
     if (benchmark == nullptr) {
       return 0;
