@@ -57,7 +57,7 @@ void memory(benchmark::State& state) {
       }
     });
     Korm::Ptr<Ostra::OstraSm> sm;
-    const auto library_ = bytesEach(count, [&] { sm = library.makeSm(); });
+    const auto both = bytesEach(count, [&] { sm = library.makeSm(); });
     const auto published = bytesEach(count, [&] {
       for (const auto& entry : entries) {
         hwStatus->flowStatsIs(Ostra::buildFlowName(entry.entryHandle));
@@ -72,10 +72,10 @@ void memory(benchmark::State& state) {
     require(statusSm->flowStats().size() == count, "every flow is watched");
     state.counters["row"] = row;
     state.counters["indexes"] = indexes;
-    state.counters["corvex"] = library_ - indexes;
+    state.counters["corvex"] = both - indexes;
     state.counters["status"] = published;
     state.counters["reactors"] = reactors;
-    state.counters["total"] = row + library_ + published + reactors;
+    state.counters["total"] = row + both + published + reactors;
   }
 }
 

@@ -304,7 +304,7 @@ class JsonPrinter final : public Printer {
         json.add("status", static_cast<std::uint32_t>(*write.status));
         json.add("words", flowStatusText(*write.status));
       }
-      array.push(std::move(json));
+      array.push(json);
     }
     out_ << Json{{"type", "pending"}, {"writes", std::move(array)}} << '\n';
   }

@@ -18,7 +18,7 @@ std::string differenceOf(const Lines& real, const Lines& expected) {
     const std::string is = at < real.size() ? real[at] : "nothing";
     const std::string expectedLine = at < expected.size() ? expected[at] : "nothing";
     if (is != expectedLine) {
-      return "is       " + is + "\n# expected " + expectedLine;
+      return std::string{"is       "}.append(is).append("\n# expected ").append(expectedLine);
     }
   }
   return {};
