@@ -213,7 +213,8 @@ void Batch::takeStage() {
 Fault Batch::faultOf(const Sim::Result& result, const Sim::Update& write) const {
   switch (result.state) {
     case State::rejected_:
-      return {result.op == Op::insert_ ? Code::alreadyExists_ : Code::notFound_, result.message};
+      // The planner has checked whether the entity exists. So there is no memory for its row.
+      return {Code::resourceExhausted_, result.message};
     case State::failed_:
       return {Code::outOfRange_, result.message};
     case State::stored_:
