@@ -59,7 +59,7 @@ struct Notice {
 
 class Arbitration {
  public:
-  // The number of streams that may take part.
+  // The maximum number of streams that take part.
   static constexpr std::size_t mostStreams = 128;
 
   explicit Arbitration(std::uint64_t device) : device_{device} {}

@@ -3,8 +3,8 @@
 //
 // Invariant: what is kept is what controllers have been told, or will be told next. While a Write
 // is in progress the rows of the switch are ahead of it; a process that resumes makes them match
-// it again (Restoration.h). Therefore
-// - an update is kept after the hardware has accepted it and before the Write is answered, one by
+// it again (Restoration.h). Therefore:
+// - An update is kept after the hardware has accepted it and before the Write is answered, one by
 //   one in order. A process that dies leaves a prefix of the updates, each of them complete.
 // - The updates of a Write with ROLLBACK_ON_ERROR are kept together, after all have succeeded. So
 //   are a new configuration and the deletion of the entities that it does not retain. What is kept

@@ -88,38 +88,39 @@ constexpr std::array words{
 constexpr std::string_view usageText =
     R"(Usage: ostra-p4rt [options]
 
-A switch that P4Runtime controllers program: the embedded switch behind a P4Runtime 1.4.1 server. It
-runs until SIGTERM, SIGINT or the console's 'quit', finishes the Write under way, and ends.
+The embedded switch with a P4Runtime 1.4.1 server, for controllers to program. It runs until SIGTERM,
+SIGINT, SIGHUP or the console's 'quit'. It then finishes the Write in progress and exits.
 
-  --listen HOST:PORT     where to listen; 127.0.0.1:9559 if not given, port 0 for any free one
-  --device-id N          the device that controllers name; 1 if not given
-  --config FILE          play the commands of the FILE first: ports, encapsulations, hw ...
-  --p4info FILE          a P4Info, in text form, that is checked and offered to whoever starts a
-                         controller; a controller sets its own
-  --write-timeout MS     how long the hardware may take to answer a Write; 5000 if not given
+  --listen HOST:PORT     where to listen; default 127.0.0.1:9559, port 0 means any free port
+  --device-id N          the device id that controllers must use; default 1
+  --config FILE          first play the commands of the FILE: ports, encapsulations, hw ...
+  --p4info FILE          a P4Info in text format; it is checked, and its name is printed for
+                         controllers. It is not set as the pipeline: a controller does that
+  --write-timeout MS     how long the hardware may take to answer a Write; default 5000
   --max-error-details BYTES
-                         how long the details of a failed RPC may be; 7900 if not given, since
-                         clients accept 8 KiB of metadata if nobody tells them otherwise
+                         the maximum size of the details of a failed RPC; default 7900, because
+                         clients accept 8 KiB of metadata by default
   --tls-cert FILE, --tls-key FILE
-                         the server's certificate and its key (PEM): serve over TLS
-  --client-ca FILE       serve only clients with a certificate that one of these has signed (PEM)
-  --insecure             listen beyond this machine without TLS
+                         serve over TLS, with this certificate and key (PEM)
+  --client-ca FILE       accept only clients with a certificate that is signed by one in the FILE
+                         (PEM)
+  --insecure             listen on any address without TLS: accept everybody who reaches the port
   --console, --no-console
-                         read commands of ostra-sim from standard input; on a terminal this is the
-                         default
-  --json                 print JSON, one object a line, in place of text
-  --shm NAME             keep the tables and the trace ring in named shared memory, where
-                         'ostra-show NAME' reads them. One that is killed leaves them, and with
-                         them all that controllers have written
-  --resume               go on with what a killed one has left under NAME
-  --discard              remove what a killed one has left under NAME
-  --shm-group GROUP      let the GROUP, a name or a number, read that memory; otherwise its user
-                         alone can
-  --trust-owner          go on with, or remove, what belongs to another user
+                         whether to read commands of ostra-sim from standard input; by default if
+                         it is a terminal
+  --json                 print JSON, one object per line, instead of text
+  --shm NAME             keep the tables, all that controllers have written and the trace ring in
+                         named shared memory, which 'ostra-show NAME' can read. A server that is
+                         killed leaves it there
+  --resume               resume what a killed server has left under the NAME
+  --discard              remove what a killed server has left under the NAME
+  --shm-group GROUP      let the GROUP, a name or a number, read the shared memory; by default only
+                         its user can
+  --trust-owner          resume or remove even what belongs to another user
   --help                 print this
   --version              print the version
 
-Exit status: 0 after a shutdown, 2 for options or a FILE that make no sense, 1 for other failures.
+Exit status: 0 after a shutdown, 2 for invalid options or files, 1 for other failures.
 )";
 
 // Checks that the options may be combined.

@@ -39,9 +39,9 @@ class RuntimeService final : public p4::v1::P4Runtime::CallbackService,
     std::size_t mostErrorDetails = defaultErrorDetails;
   };
 
-  // The number of open streams, including those without an arbitration yet.
+  // The maximum number of open streams, including those that have not sent an arbitration yet.
   static constexpr std::size_t mostOpenStreams = 1024;
-  // The number of Reads in progress. Further ones wait.
+  // The maximum number of Reads in progress. Further ones wait.
   static constexpr std::size_t mostReads = 16;
 
   RuntimeService(Loop& loop, Engine& engine, Options options);

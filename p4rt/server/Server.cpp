@@ -14,7 +14,7 @@ constexpr int keepaliveMs = 20'000;
 constexpr int keepaliveTimeoutMs = 10'000;
 // The shortest interval between the pings of a client.
 constexpr int shortestPingIntervalMs = 1'000;
-// The number of RPCs in progress on a connection. Further ones wait in the client.
+// The maximum number of RPCs in progress on a connection. Further ones wait in the client.
 constexpr int mostConcurrentRpcs = 256;
 
 std::shared_ptr<grpc::ServerCredentials> credentials(const std::optional<TlsFiles>& tls) {

@@ -38,7 +38,7 @@ class StreamChannel final
     ~Owner() = default;
   };
 
-  // The number of messages that may wait for the client. The next one cuts it off.
+  // The maximum number of messages that wait for the client. The next one cuts it off.
   static constexpr std::size_t mostWaiting = 64;
   // How long a client may take to receive the last messages when its stream is ended.
   static constexpr std::chrono::seconds longestEnd{10};
