@@ -88,8 +88,8 @@ constexpr std::array words{
 constexpr std::string_view usageText =
     R"(Usage: ostra-p4rt [options]
 
-The embedded switch with a P4Runtime 1.4.1 server, for controllers to program. It runs until SIGTERM,
-SIGINT, SIGHUP or the console's 'quit'. It then finishes the Write in progress and exits.
+The embedded switch with a P4Runtime 1.4.1 server. It runs until SIGTERM, SIGINT, SIGHUP or the
+console's 'quit'. Then it finishes the Write in progress and exits.
 
   --listen HOST:PORT     where to listen; default 127.0.0.1:9559, port 0 means any free port
   --device-id N          the device id that controllers must use; default 1
