@@ -24,6 +24,13 @@ class Listener final : public Korm::Notifiee<Args...> {
   }
   // Called for every change from now on.
   void actionIs(Action action) { action_ = std::move(action); }
+  // Done once, at the next change.
+  void nextIs(std::function<void()> act) {
+    action_ = [this, act = std::move(act)](Args...) {
+      action_ = nullptr;
+      act();
+    };
+  }
   // The number of changes since the last call.
   int take() { return std::exchange(count_, 0); }
 

@@ -42,13 +42,6 @@ class Context : public FlowFixture {
     make();
     complete();
   }
-  // The encapsulation entry 9.
-  void writeEncap() const {
-    NexthopGroup::EncapEntry row;
-    row.encapId = 9;
-    row.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-    encaps->entryIs(row);
-  }
   [[nodiscard]] Ostra::OstraConfig& flowTable(std::uint8_t index) const {
     return *tables->ostraConfig(FlowTableIndex{index});
   }

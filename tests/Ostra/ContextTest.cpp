@@ -60,7 +60,7 @@ TEST_F(Context, BuildsFifteenFlowStateMachinesAndOneOfEverythingElse) {
 
 TEST_F(Context, BuildsInOrder) {
   writeEncap();
-  members->entryIs({.entryHandle = 50, .memberId = 5, .p4PortId = 1, .encapId = 9});
+  writeMember({.id = 5});
   publishHwStatus()->flowStatsIs("flow-42", OpenFlowTable::FlowStatus::programmed_);
   flowTable(14).entryIs(flow(3, plainKey(3)));
   Texts order;
@@ -147,7 +147,7 @@ class ContextDeathTest : public Context {
   void expectDeathWithout(const char* path, const testing::Matcher<const std::string&>& said) {
     flowTable(14).entryIs(flow(3, plainKey(3)));
     writeEncap();
-    members->entryIs({.entryHandle = 50, .memberId = 5, .p4PortId = 1, .encapId = 9});
+    writeMember({.id = 5});
     for (const Korm::Ptr<Korm::Entity>& instead : {Korm::Ptr<Korm::Entity>{cxConfig}, {}}) {
       manager->entityIs(path, instead);
       make();

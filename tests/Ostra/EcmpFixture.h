@@ -10,31 +10,6 @@
 
 namespace OstraTest {
 
-using Id = P4Runtime::MemberOrGroupId;
-using Ids = std::vector<Id>;
-using OpenFlowTable::Action;
-using OpenFlowTable::GroupId;
-using OpenFlowTable::GroupType;
-
-inline constexpr GroupId memberBase = 4294967296;
-
-inline P4Runtime::EntryHandle memberHandle(Id id) { return 1000U + id; }
-inline P4Runtime::EntryHandle groupHandle(Id id) { return 2000U + id; }
-
-struct Member {
-  Id id = 0;
-  P4Runtime::P4PortId port = 1;
-  NexthopGroup::EncapId encap = 9;
-  Korm::EthAddr dstMac{};
-  Korm::EthAddr srcMac{};
-};
-
-struct Encap {
-  NexthopGroup::EncapId id = 9;
-  std::uint8_t lastOctet = 1;  // of the tunnel's source 10.0.0.x and destination 10.0.1.x
-  NexthopGroup::L2NhgEncapType type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-};
-
 inline std::string groupName(GroupId id) {
   return id >= memberBase ? "member " + std::to_string(id - memberBase)
                           : "group " + std::to_string(id);
@@ -51,46 +26,6 @@ class Ecmp : public ServiceFixture {
   void start() {
     sm = Ostra::ostraEcmpGroupSmFactory(cxHwConfig, groups, members, encaps, ports, validation,
                                         batchStatus, handles);
-  }
-
-  // What the controller and the routing feature write.
-  void writeMember(const Member& member) {
-    P4RuntimeRouting::NexthopInfo row;
-    row.entryHandle = memberHandle(member.id);
-    row.memberId = member.id;
-    row.p4PortId = member.port;
-    row.dstMac = P4RuntimeRouting::toLinkLayerWords(member.dstMac);
-    row.srcMac = P4RuntimeRouting::toLinkLayerWords(member.srcMac);
-    row.encapId = member.encap;
-    handles->memberIs(member.id, row.entryHandle);
-    members->entryIs(row);
-  }
-  void writeMembers(const Ids& ids) {
-    for (const Id id : ids) {
-      writeMember({.id = id});
-    }
-  }
-  [[nodiscard]] static std::unique_ptr<P4RuntimeRouting::EcmpMemberList> groupRow(Id id,
-                                                                                  const Ids& list) {
-    auto row = std::make_unique<P4RuntimeRouting::EcmpMemberList>();
-    row->entryHandle = groupHandle(id);
-    row->groupId = id;
-    row->membersIs(list);
-    return row;
-  }
-  void writeGroup(Id id, const Ids& list) {
-    handles->groupIs(id, groupHandle(id));
-    groups->entryIs(*groupRow(id, list));
-  }
-  void writeEncap(const Encap& encap) {
-    NexthopGroup::EncapEntry row;
-    row.encapId = encap.id;
-    row.type = encap.type;
-    row.ttl = 64;
-    row.dscp = 46;
-    row.src = {{10, 0, 0, encap.lastOctet}};
-    row.dst = {{10, 0, 1, encap.lastOctet}};
-    encaps->entryIs(row);
   }
 
   // Changes a row behind the back of its table, as stray writes to shared memory do.

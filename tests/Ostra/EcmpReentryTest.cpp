@@ -14,7 +14,7 @@ class EcmpReentry : public Ecmp {
   }
 
   // Makes a reactor do this, once, when Corvex tells of the next group.
-  void onNextGroup(std::function<void()> act) { act_ = std::move(act); }
+  void onNextGroup(std::function<void()> act) { reactor_.nextIs(std::move(act)); }
 
   // Writes a Corvex group of one empty bucket, as nobody but the library should.
   void writeCorvexGroup(GroupId id, GroupType type) {
@@ -27,12 +27,7 @@ class EcmpReentry : public Ecmp {
   }
 
  private:
-  std::function<void()> act_;
-  Listener<const GroupId&> reactor_{cxHwConfig->groupEntryNotifiees(), [this](const GroupId&) {
-                                      if (const auto act = std::exchange(act_, nullptr)) {
-                                        act();
-                                      }
-                                    }};
+  Listener<const GroupId&> reactor_{cxHwConfig->groupEntryNotifiees()};
 };
 
 TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {

@@ -11,7 +11,7 @@ class FlowReentry : public FlowFixture {
   FlowReentry() { start(); }
 
   // Makes a reactor do this, once, when Corvex tells of the next flow.
-  void onNextFlow(std::function<void()> act) { act_ = std::move(act); }
+  void onNextFlow(std::function<void()> act) { reactor_.nextIs(std::move(act)); }
 
   // An entry of the flow's key with a VRF and a mark of its own.
   [[nodiscard]] static OstraConfigEntry entry(std::uint64_t handle, std::uint32_t id, VrfId vrf) {
@@ -63,21 +63,17 @@ class FlowReentry : public FlowFixture {
   }
 
  private:
-  std::function<void()> act_;
-  Listener<const Korm::Name&> reactor_{cxHwConfig->flowEntryNotifiees(), [this](const Korm::Name&) {
-                                         if (const auto act = std::exchange(act_, nullptr)) {
-                                           act();
-                                         }
-                                       }};
+  Listener<const Korm::Name&> reactor_{cxHwConfig->flowEntryNotifiees()};
+};
+
+struct Case {
+  const char* what;
+  std::function<void()> act;
+  std::string after;
 };
 
 TEST_F(FlowReentry, WhatAReactorToAWriteDoesStands) {
   const OstraKey key = plainKey(1);
-  struct Case {
-    const char* what;
-    std::function<void()> act;
-    std::string after;
-  };
   const Case cases[] = {
       {"nothing", [] {}, ""},
       {"deletes the entry", [&] { table->entryDel(key); }, "no handle"},
@@ -109,11 +105,6 @@ TEST_F(FlowReentry, WhatAReactorToAWriteDoesStands) {
 }
 
 TEST_F(FlowReentry, AFlowThatAReactorToItsDeleteWritesAgainKeepsItsBooks) {
-  struct Case {
-    const char* what;
-    std::function<void()> act;
-    std::string after;
-  };
   const Case cases[] = {
       {"inserts the entry again", [&] { table->entryIs(entry(7, 9, 6)); },
        "flow-7 id 9 dscp 9 changed 0; handle 7 vrf 6"},
@@ -144,6 +135,12 @@ TEST_F(FlowReentry, DroppedWhileItWorksItFinishesFirst) {
     return std::make_unique<Listener<>>(sm->zeroReferencesNotifiees(),
                                         [&] { order.emplace_back("gone"); });
   };
+  const auto dropping = [&](const char* what) {
+    return [&, what] {
+      sm = nullptr;
+      order.emplace_back(what);
+    };
+  };
   auto watch = watched();
   OstraConfigEntry refused = flow(3, plainKey(3));
   refused.outputPortIs(0);
@@ -152,10 +149,7 @@ TEST_F(FlowReentry, DroppedWhileItWorksItFinishesFirst) {
 
   watch = watched();
   order.clear();
-  onNextFlow([&] {
-    sm = nullptr;
-    order.emplace_back("written");
-  });
+  onNextFlow(dropping("written"));
   table->entryIs(entry(7, 1, 5));
   EXPECT_EQ(std::exchange(order, {}), (Texts{"written", "gone"}));
   EXPECT_EQ(theFlow(7).entryId(), 1U) << "the write was finished";
@@ -163,10 +157,7 @@ TEST_F(FlowReentry, DroppedWhileItWorksItFinishesFirst) {
   vrfs->delAll();
   watch = watched();
   order.clear();
-  onNextFlow([&] {
-    sm = nullptr;
-    order.emplace_back("deleted");
-  });
+  onNextFlow(dropping("deleted"));
   table->entryDel(plainKey(1));
   EXPECT_EQ(order, (Texts{"deleted", "gone"}));
   EXPECT_EQ(books(5), "0 users, creator 7, deletor 7");

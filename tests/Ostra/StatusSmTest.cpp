@@ -6,12 +6,8 @@ namespace OstraTest {
 namespace {
 
 using OpenFlowTable::FlowStatus;
-using OpenFlowTable::GroupId;
-using OpenFlowTable::GroupStatus;
 using OpenFlowTable::HwStatus;
 using Ostra::OstraStatusSm;
-
-constexpr GroupId memberBit = GroupId{1} << 32U;
 
 // A directory with a "p4rt" hardware status, and a state machine over it.
 class StatusSm : public ServiceFixture {
@@ -28,17 +24,14 @@ class StatusSm : public ServiceFixture {
   OpenFlowTable::FlowStats& flow(const char* name, FlowStatus status) {
     return hw->flowStatsIs(name, status);
   }
-  // A group's or member's row, with its write under way under that handle.
-  void groupRow(std::uint32_t id, std::uint64_t handle) {
-    static P4RuntimeRouting::EcmpMemberList row;
-    row.groupId = id;
-    row.entryHandle = handle;
-    groups->entryIs(row);
-    batchStatus->batchStatusEntryIs(handle);
+  // A group's or member's row, with its write under way.
+  void groupRow(Id id) {
+    writeGroup(id, {});
+    batchStatus->batchStatusEntryIs(groupHandle(id));
   }
-  void memberRow(std::uint32_t id, std::uint64_t handle) {
-    members->entryIs({.entryHandle = handle, .memberId = id});
-    batchStatus->batchStatusEntryIs(handle);
+  void memberRow(Id id) {
+    writeMember({.id = id});
+    batchStatus->batchStatusEntryIs(memberHandle(id));
   }
 
  public:
@@ -70,12 +63,12 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
 
 // What each status means is in the model of the whole switch (tests/soak).
 TEST_F(StatusSm, AGroupWithAnyBitInTheUpperHalfOfItsIdIsAMember) {
-  memberRow(5, 60);
+  memberRow(5);
   start();
-  for (const GroupId id : {memberBit | 5, 2 * memberBit | 5}) {
-    batchStatus->batchStatusEntryIs(60);
+  for (const GroupId id : {memberBase | 5, 2 * memberBase | 5}) {
+    batchStatus->batchStatusEntryIs(memberHandle(5));
     hw->groupStatsIs(id, GroupStatus::hardwareFull_);
-    EXPECT_EQ(outcome(60),
+    EXPECT_EQ(outcome(memberHandle(5)),
               "hardwareResourceExhausted: Hardware resource exhausted for profile member 5");
   }
   EXPECT_EQ(heard(), "") << "members have no result of their own";
@@ -83,8 +76,8 @@ TEST_F(StatusSm, AGroupWithAnyBitInTheUpperHalfOfItsIdIsAMember) {
 
 TEST_F(StatusSm, ACorruptRowIsReportedAndPassedOver) {
   start();
-  groupRow(4, 40);
-  memberRow(5, 50);
+  groupRow(4);
+  memberRow(5);
   std::vector<std::string> reports;
   const auto handler = [&](const std::string& text) { reports.push_back(text); };
   groups->corruptionHandlerIs(handler);
@@ -92,10 +85,10 @@ TEST_F(StatusSm, ACorruptRowIsReportedAndPassedOver) {
   const_cast<P4RuntimeRouting::EcmpMemberList*>(groups->entry(4))->reserved ^= 1U;
   const_cast<P4RuntimeRouting::NexthopInfo*>(members->entry(5))->p4PortId ^= 1U;
   hw->groupStatsIs(4, GroupStatus::hardwareFull_);
-  hw->groupStatsIs(memberBit | 5, GroupStatus::hardwareFull_);
+  hw->groupStatsIs(memberBase | 5, GroupStatus::hardwareFull_);
   EXPECT_EQ(reports.size(), 2U);
-  EXPECT_EQ(outcome(40), "success: ");
-  EXPECT_EQ(outcome(50), "success: ");
+  EXPECT_EQ(outcome(groupHandle(4)), "success: ");
+  EXPECT_EQ(outcome(memberHandle(5)), "success: ");
 }
 
 TEST_F(StatusSm, FollowsTheEntityNamedP4rtOnly) {
@@ -128,10 +121,10 @@ TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, nullptr, nullptr, nullptr);
   flow("flow-1", FlowStatus::programmed_).statusIs(FlowStatus::hardwareFull_);
   hw->flowStatsDel("flow-1");
-  hw->groupStatsIs(memberBit | 5, GroupStatus::hardwareFull_);
+  hw->groupStatsIs(memberBase | 5, GroupStatus::hardwareFull_);
   statusInfo->dependentHandleToVrfMapIs(2, 5);
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, statusInfo, groups, members);
-  groupRow(6, 60);
+  groupRow(6);
   flow("flow-2", FlowStatus::programmed_);
   hw->groupStatsIs(6, GroupStatus::hardwareFull_);
   EXPECT_EQ(statusInfo->dependentHandleToVrfMap(2), Vrf::VrfIdMap::none)
@@ -204,7 +197,7 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
     flow(name, FlowStatus::programmed_);
   }
   for (const GroupId id : {4U, 5U}) {
-    groupRow(static_cast<std::uint32_t>(id), id * 10);
+    groupRow(static_cast<Id>(id));
     hw->groupStatsIs(id);
   }
   start();
@@ -225,7 +218,7 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
   }
   EXPECT_EQ(heard(), "2 success; 3 success; 4 success");
   hw->groupStats(5)->statusIs(GroupStatus::hardwareError_);
-  EXPECT_EQ(outcome(50), "hardwareError: Unknown error to program profile group 5");
+  EXPECT_EQ(outcome(groupHandle(5)), "hardwareError: Unknown error to program profile group 5");
 }
 
 // The service, on hearing the reports of a new state machine, replaces or removes what they come
@@ -233,33 +226,28 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
 TEST_F(StatusSm, SettlesOnTheEntityThatIsInTheDirectory) {
   const auto second = Korm::makePtr<HwStatus>(Ostra::p4rtName);
   second->flowStatsIs("flow-2", FlowStatus::programmed_);
-  std::function<void()> then;
-  Service service{batchStatus->resultNotifiees(), [&then](const P4Runtime::TransactionResult&) {
-                    if (const auto act = std::exchange(then, nullptr)) {
-                      act();
-                    }
-                  }};
+  Service service{batchStatus->resultNotifiees()};
   flow("flow-1", FlowStatus::programmed_);
-  then = [&] { cxHwStatusDir->entityIs(Ostra::p4rtName, second); };
+  service.nextIs([&] { cxHwStatusDir->entityIs(Ostra::p4rtName, second); });
   start();
   ASSERT_NE(sm->p4RtCxStatusSm(), nullptr);
   EXPECT_EQ(sm->p4RtCxStatusSm()->inputs().cxHwStatus, second) << "replaced during the start";
   EXPECT_EQ(heard(), "1 success; 2 success");
 
-  then = [&] {
+  service.nextIs([&] {
     EXPECT_EQ(sm->p4RtCxStatusSm()->inputs().cxHwStatus, second) << "the old one stays meanwhile";
     EXPECT_TRUE(sm->p4RtCxStatusSm()->hasNotificationActive());
     cxHwStatusDir->entityIs(Ostra::p4rtName, second);
-  };
+  });
   cxHwStatusDir->entityIs(Ostra::p4rtName, hw);
   EXPECT_EQ(sm->p4RtCxStatusSm()->inputs().cxHwStatus, second) << "put back";
   EXPECT_EQ(heard(), "1 success; 2 success") << "each is reported once";
 
-  then = [&] { cxHwStatusDir->entityDel(Ostra::p4rtName); };
+  service.nextIs([&] { cxHwStatusDir->entityDel(Ostra::p4rtName); });
   cxHwStatusDir->entityIs(Ostra::p4rtName, hw);
   EXPECT_EQ(sm->p4RtCxStatusSm(), nullptr) << "removed";
   EXPECT_EQ(hw->references(), 1U);
-  then = [&] { sm = nullptr; };
+  service.nextIs([&] { sm = nullptr; });
   cxHwStatusDir->entityIs(Ostra::p4rtName, hw);
   EXPECT_EQ(hw->references(), 2U) << "dropped: held here and by the directory";
 }

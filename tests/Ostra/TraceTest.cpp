@@ -9,7 +9,6 @@ namespace OstraTest {
 namespace {
 
 using OpenFlowTable::FlowStatus;
-using OpenFlowTable::GroupStatus;
 
 class Trace : public Context {
  protected:
@@ -39,17 +38,6 @@ class Trace : public Context {
   }
   void forgetLines() { lines_.clear(); }
 
-  void writeMember(std::uint32_t id, NexthopGroup::EncapId encap) {
-    members->entryIs({.entryHandle = 50 + id, .memberId = id, .p4PortId = 1, .encapId = encap});
-  }
-  void writeGroup(std::uint32_t id, const std::vector<std::uint32_t>& list) {
-    static P4RuntimeRouting::EcmpMemberList row;
-    row.entryHandle = 60 + id;
-    row.groupId = id;
-    row.membersIs(list);
-    groups->entryIs(row);
-  }
-
  private:
   static std::string expected(const std::string& title) {
     std::ifstream file{OSTRA_TRACE_EXPECTED};
@@ -70,7 +58,7 @@ class Trace : public Context {
 
 TEST_F(Trace, OfTheStart) {
   writeEncap();
-  writeMember(5, 9);
+  writeMember({.id = 5});
   writeGroup(3, {5});
   const auto hw = publishHwStatus();
   hw->flowStatsIs("flow-42", FlowStatus::programmed_);
@@ -122,9 +110,9 @@ TEST_F(Trace, OfGroupsAndMembers) {
   makeComplete();
   forgetLines();
   writeEncap();
-  writeMember(12, 9);
+  writeMember({.id = 12});
   writeGroup(3, {12});
-  writeMember(12, 8);
+  writeMember({.id = 12, .encap = 8});
   expectLines("a group and a member, which is then refused");
   writeGroup(4, {});
   members->entryDel(12);

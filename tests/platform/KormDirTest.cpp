@@ -18,14 +18,11 @@ class DirTest : public testing::Test {
   Texts take() { return std::exchange(told_, {}); }
 
   Ptr<Dir> dir_ = makePtr<Dir>("lamps");
-  std::function<void()> action_;
   Texts told_;
-  Listener<const Name&> reactor_{dir_->notifiees(), [this](const Name& name) {
-                                   told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
-                                   if (const auto action = std::exchange(action_, nullptr)) {
-                                     action();
-                                   }
-                                 }};
+  Listener<const Name&> teller_{dir_->notifiees(), [this](const Name& name) {
+                                  told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
+                                }};
+  Listener<const Name&> reactor_{dir_->notifiees()};
 };
 
 TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {
@@ -50,18 +47,18 @@ TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {
 TEST_F(DirTest, MayBeChangedAndLeftByItsReactors) {
   dir_->entityIs("b", makePtr<Lamp>("b"));
   told_.clear();
-  action_ = [this] { dir_->entityDel("b"); };
+  reactor_.nextIs([this] { dir_->entityDel("b"); });
   dir_->entityIs("a", makePtr<Lamp>("a"));
   EXPECT_EQ(take(), (Texts{"a+", "b-"}));
-  action_ = [this] { dir_->entityIs("a", makePtr<Lamp>("a")); };
+  reactor_.nextIs([this] { dir_->entityIs("a", makePtr<Lamp>("a")); });
   dir_->entityDel("a");
   EXPECT_EQ(take(), (Texts{"a-", "a+"}));
   // The name told may be the key of the very entity that goes.
   const Name& name = dir_->entities().begin()->first;
-  action_ = [this] { dir_->entityDel("a"); };
+  reactor_.nextIs([this] { dir_->entityDel("a"); });
   dir_->entityIs(name, makePtr<Lamp>("a"));
   EXPECT_EQ(take(), (Texts{"a+", "a-"}));
-  action_ = [this] { reactor_.detach(); };
+  reactor_.nextIs([this] { teller_.detach(); });
   dir_->entityIs("c", makePtr<Lamp>("c"));
   dir_->entityIs("d", makePtr<Lamp>("d"));
   EXPECT_EQ(take(), Texts{"c+"});
