@@ -52,6 +52,12 @@ using testing::StartsWith;
 
 using Texts = std::vector<std::string>;
 
+// A number that the environment may give.
+inline unsigned long setting(const char* name, unsigned long otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : std::strtoul(value, nullptr, 10);
+}
+
 // What the exception says that a call throws; empty for none.
 template <class Exception, class Call>
 std::string messageOf(Call call) {

@@ -1,5 +1,5 @@
-// What Corvex is told of a flow, and when; how every match and action is translated is in
-// tests/soak.
+// What Corvex is told of a flow, and when; its name, and what its VRF's books owe to others. How
+// every match and action is translated is in tests/soak.
 
 #include "FlowFixture.h"
 
@@ -7,6 +7,8 @@ namespace OstraTest {
 namespace {
 
 using OpenFlowTable::Match;
+using Ostra::buildFlowName;
+using Ostra::flowIdFromName;
 
 class FlowTranslation : public FlowFixture {
  protected:
@@ -99,6 +101,67 @@ TEST_F(FlowTranslation, DeletingAnUnknownKeyIsAcknowledgedForNoHandle) {
   placeCxFlow("flow-0");
   EXPECT_EQ(remove(entry), "0 success");
   EXPECT_EQ(cxHwConfig->flowEntries().size(), 1U) << "not even the flow of handle 0 is touched";
+}
+
+TEST_F(FlowTranslation, AVrfIsBookedByTheCountsThatThePlatformKeepsAndInsideABatchOrNot) {
+  write(flowInVrf(1, 1, 5));
+  EXPECT_TRUE(isDependent(1));
+  vrfs->vrfIdRefCountInc(5, 1);  // another table's flow
+  remove(flow(1, plainKey(1)));
+  EXPECT_EQ(books(5), "1 users, creator 1, deletor none");
+  table->entryIs(flowInVrf(2, 2, 6));
+  EXPECT_EQ(books(6), "1 users, creator 2, deletor none");
+  EXPECT_EQ(dependentVrf(2), 6U);
+  EXPECT_FALSE(isDependent(2)) << "outside a batch there is nothing to hold back";
+  vrfs->vrfIdRefCountDel(6);
+  remove(flow(2, plainKey(2)));
+  EXPECT_EQ(books(6), "0 users, creator 2, deletor none") << "no count, so not the last";
+}
+
+TEST_F(FlowTranslation, IndexesKeepVrfAndHandleApart) {
+  for (std::uint16_t number = 1; number <= 2; ++number) {
+    sm->vrfIdIs(plainKey(number), number + 10U);
+    sm->flowKeyToEntryHandleIs(plainKey(number), number + 20U);
+  }
+  EXPECT_EQ(sm->vrfIdDel(plainKey(1)), 11U);
+  EXPECT_EQ(sm->vrfIdDel(plainKey(1)), noVrf);
+  EXPECT_EQ(sm->flowKeyToEntryHandleDel(plainKey(2)), 22U);
+  EXPECT_EQ(sm->flowKeyToEntryHandleDel(plainKey(2)), 0U);
+  sm->vrfIdDelAll();
+  sm->verify();
+  EXPECT_EQ(sm->vrfId(plainKey(2)), noVrf);
+  EXPECT_EQ(sm->flowKeyToEntryHandle(plainKey(1)), 21U);
+  sm->vrfIdIs(plainKey(1), 3);
+  sm->flowKeyToEntryHandleDelAll();
+  sm->verify();
+  EXPECT_EQ(sm->vrfId(plainKey(1)), 3U);
+}
+
+TEST(FlowName, IsThePrefixAndThePlainDecimalHandle) {
+  EXPECT_EQ(buildFlowName(0), "flow-0");
+  EXPECT_EQ(buildFlowName(std::numeric_limits<std::uint64_t>::max()), "flow-18446744073709551615");
+  for (unsigned bit = 0; bit < 64; ++bit) {
+    const std::uint64_t handle = std::uint64_t{1} << bit;
+    EXPECT_EQ(flowIdFromName(buildFlowName(handle)), handle);
+    EXPECT_EQ(flowIdFromName(buildFlowName(handle - 1)), handle - 1);
+  }
+}
+
+TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
+  std::mt19937 random{20240611};
+  constexpr std::string_view letters = "flow- +0123456789\tF";
+  for (int round = 0; round < 20'000; ++round) {
+    std::string name = random() % 8 == 0 ? "" : "flow-";
+    for (auto length = random() % 24; length > 0; --length) {
+      name += random() % 3 == 0 ? letters[random() % letters.size()]
+                                : static_cast<char>('0' + random() % 10);
+    }
+    unsigned long expected = 0;
+    if (std::sscanf(name.c_str(), "flow-%lu", &expected) <= 0) {
+      expected = 0;
+    }
+    ASSERT_EQ(flowIdFromName(name), expected) << name;
+  }
 }
 
 }  // namespace

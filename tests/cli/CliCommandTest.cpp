@@ -6,6 +6,13 @@ namespace {
 
 using namespace CliTest;
 
+// The result of an insert; `what` is its kind, with its id if it has one.
+std::string inserted(const std::string& what, unsigned handle, const std::string& state,
+                     const std::string& message = "") {
+  return R"({"type":"result","op":"insert","kind":)" + what + R"(,"handle":)" +
+         std::to_string(handle) + R"(,"state":)" + state + R"(,"message":")" + message + R"("})";
+}
+
 TEST(CliCommand, TheFirstSessionOfTheManualPrintsWhatItSays) {
   EXPECT_THAT(
       simJsonLines("port 1 Ethernet1\n"
@@ -23,12 +30,17 @@ TEST(CliCommand, TheFirstSessionOfTheManualPrintsWhatItSays) {
                    "hw count flow-4 1000 64000\n"
                    "counter 4\n"),
       ElementsAre(
-          R"({"type":"result","op":"insert","kind":"member","id":5,"handle":1,"state":"done","code":0,"message":""})",
-          R"({"type":"result","op":"insert","kind":"member","id":6,"handle":2,"state":"done","code":0,"message":""})",
-          R"({"type":"result","op":"insert","kind":"group","id":3,"handle":3,"state":"done","code":0,"message":""})",
-          R"({"type":"result","op":"insert","kind":"flow","handle":4,"state":"done","code":0,"message":""})",
-          R"({"type":"result","op":"insert","kind":"flow","handle":5,"state":"done","code":14,"message":"local_metadata.dscp is not allowed because ether type is ignored and isIpPacket is ignored"})",
-          R"({"type":"flows","flows":[{"name":"flow-4","entryId":4,"priority":100,"priorityGroup":0,"tableType":0,"changeCount":0,"match":{"etherType":{"value":2048,"mask":65535},"ipDst":{"value":"10.1.0.0","mask":"255.255.0.0"}},"actions":{"vrf":5,"group":3}}]})",
+          inserted(R"("member","id":5)", 1, R"("done","code":0)"),
+          inserted(R"("member","id":6)", 2, R"("done","code":0)"),
+          inserted(R"("group","id":3)", 3, R"("done","code":0)"),
+          inserted(R"("flow")", 4, R"("done","code":0)"),
+          inserted(R"("flow")", 5, R"("done","code":14)",
+                   "local_metadata.dscp is not allowed because ether type is ignored and "
+                   "isIpPacket is ignored"),
+          R"({"type":"flows","flows":[{"name":"flow-4","entryId":4,"priority":100,)"
+          R"("priorityGroup":0,"tableType":0,"changeCount":0,"match":{"etherType":{)"
+          R"("value":2048,"mask":65535},"ipDst":{"value":"10.1.0.0","mask":"255.255.0.0"}},)"
+          R"("actions":{"vrf":5,"group":3}}]})",
           R"({"type":"counter","handle":4,"packets":1000,"bytes":64000})"));
 }
 
@@ -42,11 +54,13 @@ TEST(CliCommand, GroupsAreShownWithTheirBuckets) {
   ASSERT_EQ(lines.size(), 3U);
   const std::string buckets =
       R"("buckets":[{"actions":{"outputIntf":"Ethernet1","encap":{"type":"ip-in-ip",)"
-      R"("src":"192.0.2.1","dst":"198.51.100.7","ttl":64,"dscp":10},"dstMac":"02:00:00:00:00:05",)"
+      R"("src":"192.0.2.1","dst":"198.51.100.7","ttl":64,"dscp":10},)"
+      R"("dstMac":"02:00:00:00:00:05",)"
       R"("srcMac":"02:00:00:00:00:01","fixedBlock":"0005410040000000"}}])";
   EXPECT_EQ(
       lines[2],
-      R"({"type":"groups","groups":[{"id":3,"groupType":1,"deleted":false,"ready":true,"changeCount":4,)" +
+      R"({"type":"groups","groups":[{"id":3,"groupType":1,"deleted":false,"ready":true,)"
+      R"("changeCount":4,)" +
           buckets +
           R"(},{"id":4294967301,"groupType":2,"deleted":false,"ready":true,"changeCount":3,)" +
           buckets + "}]}");
@@ -70,10 +84,11 @@ TEST(CliCommand, TheHardwareIsShownAndItsReports) {
                    "show hw\n"
                    "corvex no flow nobody\n"),
       ElementsAre(
-          R"({"type":"result","op":"insert","kind":"flow","handle":1,"state":"pending","message":""})",
+          inserted(R"("flow")", 1, R"("pending")"),
           R"({"type":"report","handle":1,"code":0,"message":""})",
           R"({"type":"report","handle":1,"code":6,"message":""})",
-          R"({"type":"hw","flows":[{"name":"flow-1","status":3},{"name":"other","status":77}],"groups":[{"id":4294967301,"status":4}],"counterPoll":true})",
+          R"({"type":"hw","flows":[{"name":"flow-1","status":3},{"name":"other","status":77}],)"
+          R"("groups":[{"id":4294967301,"status":4}],"counterPoll":true})",
           R"({"type":"hw","flows":[],"groups":[],"counterPoll":true})"));
 }
 
@@ -86,32 +101,33 @@ TEST(CliCommand, VrfsAndEntriesAreShown) {
       "show vrfs\n"
       "show entries\n");
   ASSERT_EQ(lines.size(), 5U);
-  EXPECT_EQ(
-      lines[3],
-      R"({"type":"vrfs","vrfs":[{"vrf":5,"refCount":2,"creator":1,"deletor":0},{"vrf":16777214,"refCount":1,"creator":0,"deletor":0}],"dependents":[{"handle":1,"vrf":5},{"handle":3,"vrf":16777214}]})");
-  EXPECT_EQ(
-      lines[4],
-      R"({"type":"entries","tables":[{"table":0,"entries":[{"handle":1,"indexed":true,"vrf":5},{"handle":3,"indexed":false,"vrf":16777214}]},{"table":2,"entries":[{"handle":2,"indexed":true,"vrf":5}]}]})");
+  EXPECT_EQ(lines[3],
+            R"({"type":"vrfs","vrfs":[{"vrf":5,"refCount":2,"creator":1,"deletor":0},{)"
+            R"("vrf":16777214,"refCount":1,"creator":0,"deletor":0}],"dependents":[{"handle":1,)"
+            R"("vrf":5},{"handle":3,"vrf":16777214}]})");
+  EXPECT_EQ(lines[4],
+            R"({"type":"entries","tables":[{"table":0,"entries":[{"handle":1,"indexed":true,)"
+            R"("vrf":5},{"handle":3,"indexed":false,"vrf":16777214}]},{"table":2,"entries":[{)"
+            R"("handle":2,"indexed":true,"vrf":5}]}]})");
 }
 
 TEST(CliCommand, TheLibraryStopsStartsAndHearsOfAllRowsAgain) {
   const std::string announced =
-      R"({"type":"result","op":"announce","kind":"flow","handle":1,"state":"done","code":16,"message":"Group id: 7 is not found"})";
-  EXPECT_THAT(
-      simJsonLines("insert flow priority=1 -> group=7\n"
-                   "stop\n"
-                   "insert flow priority=70000 -> drop\n"
-                   "start\n"
-                   "delete flow priority=70000\n"
-                   "start\n"
-                   "resync\n"
-                   "stop\n"
-                   "start bare\n"),
-      ElementsAre(
-          HasSubstr("not found"),
-          R"({"type":"result","op":"insert","kind":"flow","handle":2,"state":"stored","message":""})",
-          R"({"type":"error","where":"-:4","message":"Priority::value < -1 or > Priority::max not allowed"})",
-          HasSubstr("stored"), announced, announced, announced));
+      R"({"type":"result","op":"announce","kind":"flow","handle":1,"state":"done",)"
+      R"("code":16,"message":"Group id: 7 is not found"})";
+  EXPECT_THAT(simJsonLines("insert flow priority=1 -> group=7\n"
+                           "stop\n"
+                           "insert flow priority=70000 -> drop\n"
+                           "start\n"
+                           "delete flow priority=70000\n"
+                           "start\n"
+                           "resync\n"
+                           "stop\n"
+                           "start bare\n"),
+              ElementsAre(HasSubstr("not found"), inserted(R"("flow")", 2, R"("stored")"),
+                          R"({"type":"error","where":"-:4",)"
+                          R"("message":"Priority::value < -1 or > Priority::max not allowed"})",
+                          HasSubstr("stored"), announced, announced, announced));
 }
 
 TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {

@@ -8,11 +8,6 @@ namespace {
 
 using namespace CliTest;
 
-unsigned long setting(const char* name, unsigned long otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : std::strtoul(value, nullptr, 10);
-}
-
 // One change that was asked for.
 struct Step {
   std::string verb;      // none for a port or an encapsulation

@@ -101,8 +101,7 @@ class CliMemory : public testing::Test {
   }
 
   static unsigned long strideOr(unsigned long otherwise) {
-    const char* const value = std::getenv("OSTRA_MEMORY_STRIDE");
-    return value == nullptr ? otherwise : std::strtoul(value, nullptr, 10);
+    return setting("OSTRA_MEMORY_STRIDE", otherwise);
   }
 
   // The rows that a process has or has left, which is named in the first line.

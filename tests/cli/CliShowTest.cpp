@@ -1,6 +1,7 @@
-// ostra-show beside an ostra-sim that starts, stops and is killed.
+// ostra-show beside an ostra-sim that starts, stops and is killed, and on memory that is damaged.
 
 #include "CliProgram.h"
+#include "tests/Tampering.h"
 
 namespace {
 
@@ -108,6 +109,34 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
   viewer.readUntil("flows + table 2, entry 3, priority 100");
   EXPECT_EQ(process->finish("quit\n").status, 0);
   viewer.readUntil("# process " + id + " is gone\n");
+}
+
+TEST_F(CliShow, SaysWhatIsDamagedAndRemovesIt) {
+  {
+    const auto process = startSim();
+    EXPECT_EQ(show({name_, "--check"}).status, 0);
+    EXPECT_EQ(show({name_, "--remove"}).status, 1) << "it is in use";
+    process->kill(SIGKILL);
+    process->finish();
+  }
+  // Rows that were never there do not match either.
+  TestSupport::Tampering rows{
+      Korm::SegmentName{"/vasta." + name_ + ".p4runtime.flowTable.2.entry#rows"}};
+  for (std::size_t word = 0; word < 512; ++word) {
+    rows.wordIs(word, 0);
+  }
+
+  const Finished shown = show({name_, "flows"});
+  EXPECT_EQ(shown.status, 1);
+  EXPECT_THAT(shown.out, HasSubstr("the header of the table says 1"));
+  EXPECT_EQ(show({name_, "members"}).status, 0);
+  const Finished checked = show({name_, "--check"});
+  EXPECT_EQ(checked.status, 1);
+  EXPECT_THAT(checked.out, HasSubstr("p4runtime/flowTable/2/entry: it has 0 intact rows"));
+
+  EXPECT_EQ(show({name_, "--remove"}).status, 0);
+  EXPECT_THAT(show({name_}).errors, HasSubstr("is running"));
+  EXPECT_EQ(sim("", {"--shm", name_}).status, 0);
 }
 
 }  // namespace

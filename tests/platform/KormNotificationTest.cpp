@@ -61,53 +61,41 @@ class RandomWorld {
   void act() {
     const std::size_t self = pick(reactors);
     Slot& slot = slots_[self];
-    switch (pick(9)) {
-      case 0:
-      case 1:
-      case 2:
-        if (!slot.actor) {
-          slot.actor = std::make_unique<Actor>(*this, self);
-          attach(self, pick(lists));
-        }
-        break;
-      case 3:
-        slot = {};
-        break;
-      case 4:
-        if (slot.actor) {
-          slot.actor->detach();
-          attach(self, pick(lists));
-        }
-        break;
-      case 5:
-        if (slot.actor) {
-          slot.actor->detach();
-          slot.attachment = 0;
-        }
-        break;
-      case 6:
-        if (slot.actor) {
-          slot.actor->hasNotificationActiveIs(pick(2) == 0);
-        }
-        break;
-      case 7:
-        if (changes_.size() < deepest) {
-          change(pick(lists));
-        }
-        break;
-      default:
-        if (pick(40) == 0) {
-          const std::size_t list = pick(lists);
-          lists_[list] = std::make_unique<List>();
-          for (const auto& [reactor, attachment] : order_[list]) {
-            if (slots_[reactor].attachment == attachment) {
-              EXPECT_FALSE(slots_[reactor].actor->attached());
-              slots_[reactor].attachment = 0;
-            }
-          }
-          order_[list].clear();
-        }
+    const std::size_t kind = pick(9);
+    if (kind == 8) {
+      if (pick(40) == 0) {
+        renew(pick(lists));
+      }
+    } else if (kind == 7) {
+      if (changes_.size() < deepest) {
+        change(pick(lists));
+      }
+    } else if (!slot.actor) {
+      if (kind < 3) {
+        slot.actor = std::make_unique<Actor>(*this, self);
+        attach(self, pick(lists));
+      }
+    } else if (kind == 6) {
+      slot.actor->hasNotificationActiveIs(pick(2) == 0);
+    } else if (kind == 5) {
+      slot = {};
+    } else if (kind >= 3) {
+      slot.actor->detach();
+      slot.attachment = 0;
+      if (kind == 3) {
+        attach(self, pick(lists));
+      }
     }
+  }
+  void renew(std::size_t list) {
+    lists_[list] = std::make_unique<List>();
+    for (const auto& [reactor, attachment] : order_[list]) {
+      if (slots_[reactor].attachment == attachment) {
+        EXPECT_FALSE(slots_[reactor].actor->attached());
+        slots_[reactor].attachment = 0;
+      }
+    }
+    order_[list].clear();
   }
   // The next reactor that the rules have in store for the innermost change, or none.
   std::optional<std::size_t> due() {

@@ -188,7 +188,7 @@ TEST_F(VastaDamage, ASuccessorRefusesOrTakesOverWhatIsWholeAndReportsTheRest) {
       table.is(labelOf(9, 9));
       ASSERT_EQ(*table.find(labelOf(9, 0).name), labelOf(9, 9));
       table.delAll();
-      ASSERT_EQ(table.verify().value_or("none"), "none");
+      ASSERT_EQ(violation(table), "none");
       ASSERT_EQ(Reader<Label>{*name}.size(), 0U);
     } catch (const AttachError&) {
       ASSERT_TRUE(inHeader);

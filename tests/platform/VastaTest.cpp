@@ -3,11 +3,6 @@
 namespace VastaTest {
 namespace {
 
-template <class R>
-std::string violation(const Table<R>& table) {
-  return table.verify().value_or("none");
-}
-
 void fill(Table<Route>& table, std::uint64_t count, std::uint64_t version = 1) {
   for (std::uint64_t prefix = 0; prefix < count; ++prefix) {
     table.is(Route::of(prefix, version));
@@ -142,17 +137,6 @@ class VastaNamed : public testing::Test {
   void damage(const Route& route, bool key = false) {
     Tampering rows{names().rows()};
     rows.flip(key ? static_cast<const void*>(&route) : &route.payload, 16);
-  }
-  template <class Opening>
-  [[nodiscard]] static AttachFailure failureOf(const std::string& shown, Opening open) {
-    try {
-      open();
-    } catch (const AttachError& error) {
-      EXPECT_NE(std::string{error.what()}.find(shown), std::string::npos);
-      return error.failure();
-    }
-    ADD_FAILURE() << "attached";
-    return {};
   }
   [[nodiscard]] AttachFailure readerFailure() const {
     return failureOf(*name_, [this] { Reader<Route>{*name_}; });

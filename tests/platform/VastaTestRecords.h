@@ -95,4 +95,23 @@ class TableName {
   const std::string name_;
 };
 
+// What verify() finds.
+template <class R>
+std::string violation(const Table<R>& table) {
+  return table.verify().value_or("none");
+}
+
+// Why a table cannot be opened, of which the error shows the name.
+template <class Opening>
+AttachFailure failureOf(const std::string& shown, Opening open) {
+  try {
+    open();
+  } catch (const AttachError& error) {
+    EXPECT_NE(std::string{error.what()}.find(shown), std::string::npos);
+    return error.failure();
+  }
+  ADD_FAILURE() << "attached";
+  return {};
+}
+
 }  // namespace VastaTest
