@@ -111,25 +111,6 @@ TEST(CliCommand, VrfsAndEntriesAreShown) {
             R"("handle":2,"indexed":true,"vrf":5}]}]})");
 }
 
-TEST(CliCommand, TheLibraryStopsStartsAndHearsOfAllRowsAgain) {
-  const std::string announced =
-      R"({"type":"result","op":"announce","kind":"flow","handle":1,"state":"done",)"
-      R"("code":16,"message":"Group id: 7 is not found"})";
-  EXPECT_THAT(simJsonLines("insert flow priority=1 -> group=7\n"
-                           "stop\n"
-                           "insert flow priority=70000 -> drop\n"
-                           "start\n"
-                           "delete flow priority=70000\n"
-                           "start\n"
-                           "resync\n"
-                           "stop\n"
-                           "start bare\n"),
-              ElementsAre(HasSubstr("not found"), inserted(R"("flow")", 2, R"("stored")"),
-                          R"({"type":"error","where":"-:4",)"
-                          R"("message":"Priority::value < -1 or > Priority::max not allowed"})",
-                          HasSubstr("stored"), announced, announced, announced));
-}
-
 TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   const auto finished =
       sim("# a comment\n"

@@ -267,8 +267,7 @@ class CliCrash : public testing::Test {
     const auto process = start({"--discard"});
     process->write(setUp());
     takeAnswers(process->readUntil("\"" + std::to_string(commands_) + "\"}\n"));
-    process->kill(SIGKILL);
-    takeAnswers(process->finish().out);
+    takeAnswers(process->finishBy(SIGKILL).out);
   }
 
   void round() {
@@ -284,8 +283,7 @@ class CliCrash : public testing::Test {
       process->write(text);
       std::this_thread::sleep_for(std::chrono::microseconds{below(patience)});
     }
-    process->kill(SIGKILL);
-    takeAnswers(process->finish().out);
+    takeAnswers(process->finishBy(SIGKILL).out);
   }
 
   static constexpr unsigned members = 6;
@@ -313,23 +311,19 @@ TEST_F(CliCrash, NothingAnsweredIsLostAndNothingElseIsTorn) {
 
 TEST_F(CliCrash, WhatAKilledOneLeftIsGoneOnWithOrRemovedAndNeverLostSilently) {
   const auto killed = start({});
-  killed->write("port 1 Ethernet1\ninsert flow priority=1 -> drop\necho ready\n");
-  killed->readUntil("ready");
+  killed->play("port 1 Ethernet1\ninsert flow priority=1 -> drop\n");
   // One name, one process.
   EXPECT_THAT(sim("", {"--shm", name_, "--discard"}).errors,
               HasSubstr("is in use by process " + std::to_string(killed->id())));
-  killed->kill(SIGKILL);
-  killed->finish();
+  killed->finishBy(SIGKILL);
 
   const Finished refused = sim("", {"--shm", name_});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.errors,
               AllOf(HasSubstr("process"), HasSubstr("--resume"), HasSubstr("--discard")));
   const auto resumed = start({"--resume"});
-  resumed->write("show flows\necho ready\n");
-  EXPECT_THAT(resumed->readUntil("ready"), HasSubstr("flow-1"));
-  resumed->kill(SIGKILL);
-  resumed->finish();
+  EXPECT_THAT(resumed->play("show flows\n"), HasSubstr("flow-1"));
+  resumed->finishBy(SIGKILL);
   const Finished discarded = sim("show flows\n", {"--shm", name_, "--discard"});
   EXPECT_THAT(discarded.out, HasSubstr("flows: 0"));
   // It ended by itself, so there is nothing to refuse.

@@ -76,8 +76,7 @@ class CliLimits : public testing::Test {
   void startSwitch(Arguments arguments = {}) {
     arguments.insert(arguments.end(), {"--shm", name_});
     switch_ = std::make_unique<Process>(OSTRA_SIM_PROGRAM, arguments);
-    switch_->write("insert flow priority=1 -> mirror-ingress=a\x1b[31mb\necho ready\n");
-    switch_->readUntil("ready");
+    switch_->play("insert flow priority=1 -> mirror-ingress=a\x1b[31mb\n");
   }
   static Finished shell(const std::string& command) {
     return Process{"/bin/sh", {"-c", command}}.finish();
@@ -131,8 +130,7 @@ TEST_F(CliLimits, SomethingElseOfItsNameIsNeitherReadNorWrittenNorWaitedFor) {
 TEST_F(CliLimits, OfSeveralThatStartAtOnceAfterAKillOneComesUp) {
   for (int round = 0; round < 6; ++round) {
     startSwitch({"--discard"});
-    switch_->kill(SIGKILL);
-    switch_->finish();
+    switch_->finishBy(SIGKILL);
     const std::string how = round % 2 == 0 ? "--resume" : "--discard";
     const TemporaryFile script{"show entries\n"};
     std::vector<std::unique_ptr<Process>> all;
@@ -211,8 +209,7 @@ TEST_F(CliLimits, ALongScriptShowsItsProgressOnATerminal) {
   Process process{
       Process::OnTerminal{}, "/bin/sh", {"-c", "exec $SIM " + file.path() + " > /dev/null"}};
   EXPECT_THAT(process.readUntil("%"), HasSubstr("\r\x1b[K" + file.path() + ": line "));
-  process.kill(SIGTERM);
-  EXPECT_EQ(process.finish().status, -SIGTERM);
+  EXPECT_EQ(process.finishBy(SIGTERM).status, -SIGTERM);
 }
 
 }  // namespace

@@ -113,16 +113,14 @@ class CliMemory : public testing::Test {
   // The rows after each write of the script.
   std::vector<std::string> rowsByWrites() {
     Process process{OSTRA_SIM_PROGRAM, {"--json", "--shm", name_}};
-    process.write("echo marked\n");
-    process.readUntil("marked");
+    process.play("");
     std::vector<std::string> states{rows()};
     for (const std::string& command : script) {
       for (const std::string& line : linesOf(command)) {
         if (line == "begin" || line == "commit" || line == "bogus") {
           continue;
         }
-        process.write(line + "\necho marked\n");
-        process.readUntil("marked");
+        process.play(line + "\n");
         if (isWrite(line)) {
           states.push_back(rows());
         }
@@ -135,8 +133,7 @@ class CliMemory : public testing::Test {
   // A switch that goes on with what is there finds no fault in it, and shows these rows.
   std::string rowsResumed() {
     Process process{OSTRA_SIM_PROGRAM, {"--json", "--verify", "--shm", name_, "--resume"}};
-    process.write("audit\necho marked\n");
-    EXPECT_THAT(process.readUntil("marked"), HasSubstr("\"faults\":0,"));
+    EXPECT_THAT(process.play("audit\n"), HasSubstr("\"faults\":0,"));
     std::string shown = rows();
     EXPECT_EQ(process.finish().status, 0);
     return shown;
@@ -190,10 +187,8 @@ TEST_F(CliMemory, WhatHadBeenAnsweredIsThereForTheNextOne) {
 TEST_F(CliMemory, ThatFailsWhileOneResumesOrLooksOnCostsNothing) {
   const auto leave = [this] {
     Process process{OSTRA_SIM_PROGRAM, {"--json", "--shm", name_, "--discard"}};
-    process.write(whole().substr(0, whole().find("corvex")) + "echo marked\n");
-    process.readUntil("marked");
-    process.kill(SIGKILL);
-    process.finish();
+    process.play(whole().substr(0, whole().find("corvex")));
+    process.finishBy(SIGKILL);
   };
   leave();
   const std::string left = rows();

@@ -44,28 +44,16 @@ TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
   EXPECT_EQ(lines[1]["where"], "-:2");
 }
 
-TEST(CliOption, WhoeverDrivesItThroughPipesIsAnsweredAtOnce) {
-  Process process{OSTRA_SIM_PROGRAM, {"--json"}};
-  process.write("insert flow priority=1 -> drop\n");
-  process.readUntil(R"("handle":1)");
-  process.write("echo half a li");
-  process.write("ne\n");
-  process.readUntil("half a line");
-  EXPECT_EQ(process.finish("quit\n").status, 0);
-}
-
 TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
   const std::string name = uniqueName("ostra-signal-test");
   Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
-  process.write("echo ready\n");
-  process.readUntil("ready");
+  process.play("");
   EXPECT_EQ(show({name, "status"}).status, 0);
   // A name is one process's.
   const Finished second = sim("", {"--shm", name});
   EXPECT_EQ(second.status, 1);
   EXPECT_THAT(second.errors, HasSubstr(name));
-  process.kill(SIGTERM);
-  EXPECT_EQ(process.finish().status, -SIGTERM);
+  EXPECT_EQ(process.finishBy(SIGTERM).status, -SIGTERM);
   EXPECT_EQ(show({name}).status, 1);
 }
 

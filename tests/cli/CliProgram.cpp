@@ -111,6 +111,11 @@ std::string Process::readUntil(std::string_view text) {
   return result;
 }
 
+std::string Process::play(std::string_view lines) {
+  write(std::string{lines} + "echo played\n");
+  return readUntil("played");
+}
+
 std::string Process::readLines() {
   while (output_ >= 0 && !pending_.ends_with('\n')) {
     readSome(output_, pending_);
@@ -130,6 +135,11 @@ Finished Process::finish(std::string_view input) {
   return {.status = status,
           .out = std::move(pending_),
           .errors = contentOf("/proc/self/fd/" + std::to_string(errors_))};
+}
+
+Finished Process::finishBy(int signal) {
+  kill(signal);
+  return finish();
 }
 
 int Process::wait() {

@@ -38,11 +38,16 @@ class Process {
   // Reads from the output up to the next `text`, and returns all up to its end. Fails the test when
   // it does not come.
   std::string readUntil(std::string_view text);
+  // Writes these lines, and returns what is said until they are done.
+  std::string play(std::string_view lines);
   // All that it says up to the end of a line or its own end; empty when it ends without a word.
   std::string readLines();
   void kill(int signal) const;
   // Writes the input, which is short, closes it, and reads all until the program ends.
   Finished finish(std::string_view input = {});
+
+  // The same when a signal has ended it.
+  Finished finishBy(int signal);
 
   [[nodiscard]] pid_t id() const noexcept { return id_; }
 

@@ -99,8 +99,7 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
     std::this_thread::sleep_for(std::chrono::microseconds{random() % 40000});
     const Finished once = show({name_, "flows"});
     EXPECT_TRUE(once.status == 0 || once.status == 1) << once.status << once.errors;
-    victim.kill(SIGKILL);
-    victim.finish();
+    victim.finishBy(SIGKILL);
     EXPECT_EQ(show({name_, "flows"}).errors.find("corrupt"), std::string::npos);
   }
   const auto process = startSim();
@@ -116,8 +115,7 @@ TEST_F(CliShow, SaysWhatIsDamagedAndRemovesIt) {
     const auto process = startSim();
     EXPECT_EQ(show({name_, "--check"}).status, 0);
     EXPECT_EQ(show({name_, "--remove"}).status, 1) << "it is in use";
-    process->kill(SIGKILL);
-    process->finish();
+    process->finishBy(SIGKILL);
   }
   // Rows that were never there do not match either.
   TestSupport::Tampering rows{
