@@ -51,10 +51,9 @@ class Context : public FlowFixture {
   }
   // Of everything that the context is given or finds.
   [[nodiscard]] std::vector<std::uint32_t> references() const {
-    const auto of = [](const auto&... inputs) { return std::vector{inputs->references()...}; };
-    return of(tables, vrfs, ports, batchStatus, telemetry, handles, validation, cxHwConfig,
-              cxConfig, cxHwStatusDir, flowCounterDir, encaps, groups, members, manager,
-              tables->ostraConfig(FlowTableIndex{0}));
+    return referencesOf(tables, vrfs, ports, batchStatus, telemetry, handles, validation,
+                        cxHwConfig, cxConfig, cxHwStatusDir, flowCounterDir, encaps, groups,
+                        members, manager, tables->ostraConfig(FlowTableIndex{0}));
   }
 
  public:

@@ -20,9 +20,8 @@ class FlowLifecycle : public FlowFixture {
   }
   // Of everything that a state machine is given.
   [[nodiscard]] std::vector<std::uint32_t> inputReferences() const {
-    const auto of = [](const auto&... inputs) { return std::vector{inputs->references()...}; };
-    return of(cxHwConfig, cxConfig, cxHwStatusDir, table, vrfs, ports, validation, statusInfo,
-              batchStatus, telemetry);
+    return referencesOf(cxHwConfig, cxConfig, cxHwStatusDir, table, vrfs, ports, validation,
+                        statusInfo, batchStatus, telemetry);
   }
 };
 

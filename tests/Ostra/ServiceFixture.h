@@ -113,6 +113,9 @@ class ServiceFixture : public testing::Test {
     encaps->entryIs(row);
   }
 
+  [[nodiscard]] static std::vector<std::uint32_t> referencesOf(const auto&... inputs) {
+    return {inputs->references()...};
+  }
   // Code and message of an open write.
   [[nodiscard]] std::string outcome(P4Runtime::EntryHandle handle) const {
     const auto entry = batchStatus->batchStatusEntry(handle);

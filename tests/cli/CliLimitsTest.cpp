@@ -181,22 +181,6 @@ TEST_F(CliLimits, AnotherUserReadsNothingUnlessHisGroupIsNamedAndTheOwnerTrusted
   EXPECT_EQ(switch_->finish().status, 0);
 }
 
-TEST_F(CliLimits, AMistakeInACommandLineOfShowIsNamed) {
-  for (const auto& [arguments, says] :
-       std::vector<std::pair<std::string, std::string>>{{"", "for NAME, expected 1 to 128"},
-                                                        {"a/b", "'a/b' for NAME"},
-                                                        {"x flws", "did you mean 'flows'?"},
-                                                        {"x --folow", "did you mean '--follow'?"},
-                                                        {"x --check=1", "--check"},
-                                                        {"--nothing", "expected --follow"}}) {
-    const Finished finished = shell("$SHOW " + arguments);
-    EXPECT_EQ(finished.status, 2) << arguments;
-    EXPECT_EQ(finished.out, "");
-    EXPECT_THAT(finished.errors, HasSubstr(says));
-  }
-  EXPECT_THAT(shell("$SHOW --help").out, HasSubstr("Usage: ostra-show"));
-}
-
 TEST_F(CliLimits, ALongScriptShowsItsProgressOnATerminal) {
   std::string script;
   for (int number = 0; number < 300; ++number) {

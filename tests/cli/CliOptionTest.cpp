@@ -8,26 +8,42 @@ namespace {
 using namespace CliTest;
 
 TEST(CliOption, AMistakeIsNamedAndNothingIsPlayed) {
-  const std::vector<std::pair<Arguments, std::string>> mistakes{
-      {{"--jsno"}, "did you mean '--json'?"},
-      {{"--json=yes"}, "expected --json"},
-      {{"-x"}, "'-x'"},
-      {{"--trace"}, "expected N"},
-      {{"--trace", "-1"}, "'-1'"},
-      {{"--clock", "stops"}, "--clock steps"},
-      {{"--shm", "a/b"}, "letters, digits"},
-      {{"--shm="}, "letters, digits"},
-      {{"-", "/no/such/file"}, "cannot read '/no/such/file': No such file"},
-      {{"/tmp"}, "cannot read '/tmp': Is a directory"},
-      {{"--", "--json"}, "cannot read '--json'"},
+  struct Wrong {
+    std::string program;
+    Arguments arguments;
+    std::string says;
   };
-  for (const auto& [arguments, says] : mistakes) {
-    const Finished finished = sim("echo played\n", arguments);
+  const std::string sim = OSTRA_SIM_PROGRAM;
+  const std::string show = OSTRA_SHOW_PROGRAM;
+  const std::vector<Wrong> commandLines{
+      {sim, {"--jsno"}, "did you mean '--json'?"},
+      {sim, {"--json=yes"}, "expected --json"},
+      {sim, {"-x"}, "'-x'"},
+      {sim, {"--trace"}, "expected N"},
+      {sim, {"--trace", "-1"}, "'-1'"},
+      {sim, {"--clock", "stops"}, "--clock steps"},
+      {sim, {"--shm", "a/b"}, "letters, digits"},
+      {sim, {"--shm="}, "letters, digits"},
+      {sim, {"-", "/no/such/file"}, "cannot read '/no/such/file': No such file"},
+      {sim, {"/tmp"}, "cannot read '/tmp': Is a directory"},
+      {sim, {"--", "--json"}, "cannot read '--json'"},
+      {show, {}, "for NAME, expected 1 to 128"},
+      {show, {"a/b"}, "'a/b' for NAME"},
+      {show, {"x", "flws"}, "did you mean 'flows'?"},
+      {show, {"x", "--folow"}, "did you mean '--follow'?"},
+      {show, {"x", "--check=1"}, "--check"},
+      {show, {"--nothing"}, "expected --follow"},
+  };
+  for (const auto& [program, arguments, says] : commandLines) {
+    const TemporaryFile input{"echo played\n"};
+    const Finished finished = Process{program, arguments, input.path()}.finish();
     EXPECT_EQ(finished.status, 2) << says;
     EXPECT_EQ(finished.out, "") << says;
-    EXPECT_THAT(finished.errors, HasSubstr(says));
-    EXPECT_THAT(finished.errors, StartsWith("ostra-sim: "));
+    EXPECT_THAT(
+        finished.errors,
+        AllOf(HasSubstr(says), StartsWith(program == sim ? "ostra-sim: " : "ostra-show: ")));
   }
+  EXPECT_THAT(CliTest::show({"--help"}).out, HasSubstr("Usage: ostra-show"));
 }
 
 TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
@@ -49,10 +65,6 @@ TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
   Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
   process.play("");
   EXPECT_EQ(show({name, "status"}).status, 0);
-  // A name is one process's.
-  const Finished second = sim("", {"--shm", name});
-  EXPECT_EQ(second.status, 1);
-  EXPECT_THAT(second.errors, HasSubstr(name));
   EXPECT_EQ(process.finishBy(SIGTERM).status, -SIGTERM);
   EXPECT_EQ(show({name}).status, 1);
 }

@@ -341,18 +341,19 @@ TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
   }
 }
 
-// Waits for the owner to have come so far.
-RingReader attachSoon(const std::string& name) {
-  for (int attempt = 0;; ++attempt) {
+// Waits for that process to own the ring.
+RingReader attachTo(const std::string& name, pid_t owner) {
+  for (int attempt = 0; attempt < 5000; ++attempt) {
     try {
-      return RingReader::attach(name);
-    } catch (const RingError&) {
-      if (attempt == 5000) {
-        throw;
+      RingReader reader = RingReader::attach(name);
+      if (reader.ownerProcess() == owner) {
+        return reader;
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    } catch (const RingError&) {
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+  return RingReader::attach(name);
 }
 
 std::string attachError(const std::string& name) {
@@ -368,10 +369,7 @@ TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
       std::thread other([] { writeCounted(std::uint64_t{1} << 32, ~std::uint64_t{0}); });
       writeCounted(0, ~std::uint64_t{0});
     });
-    RingReader reader = attachSoon(name);
-    while (reader.ownerProcess() != owner.id()) {
-      reader = attachSoon(name);
-    }
+    RingReader reader = attachTo(name, owner.id());
     RingCursor cursor;
     static_cast<void>(reader.follow(cursor));
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));

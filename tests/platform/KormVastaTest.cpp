@@ -105,22 +105,6 @@ class Placed : public testing::Test {
   Korm::Ptr<Korm::Dir> dir_ = Korm::makePtr<Korm::Dir>("dir");
 };
 
-TEST_F(Placed, ATableTurnsBusyWithItsFirstChangeAndQuietOnTheActivity) {
-  Owner owner;
-  EXPECT_EQ(owner.binding->table().mountState(), MountState::unmounted_);
-  owner.binding->table().is(Route::of(1, 1));
-  owner.binding->table().is(Route::of(2, 1));
-  EXPECT_THAT(owner.take(), ElementsAre("busy", "1", "2"));
-  Korm::activity().run();
-  owner.binding->table().quiesce();
-  EXPECT_THAT(owner.take(), ElementsAre("quiet"));
-  owner.binding->table().del(2);
-  EXPECT_THAT(owner.take(), ElementsAre("busy", "2"));
-  owner.binding.reset();
-  Korm::activity().run();
-  EXPECT_THAT(owner.take(), ElementsAre());
-}
-
 TEST_F(Placed, ATableIsMountedWhereItsEntityStandsAndToldQuietOnce) {
   Owner owner;
   owner.binding->handleParent(*dir_, "routes");

@@ -81,15 +81,11 @@ TEST(ServiceResume, AProcessThatDiesWritingAValueLeavesTheOldOneOrTheNewOne) {
     }};
     ::close(channel[1]);
     ASSERT_EQ(::read(channel[0], &written, sizeof written), sizeof written);
-    const auto killer = std::thread{[&] {
-      std::this_thread::sleep_for(std::chrono::microseconds{random() % 3000});
-      ::kill(writer.id(), SIGKILL);
-    }};
+    std::this_thread::sleep_for(std::chrono::microseconds{random() % 3000});
+    EXPECT_TRUE(writer.kill());
     while (::read(channel[0], &written, sizeof written) == sizeof written) {
     }
-    const_cast<std::thread&>(killer).join();
     ::close(channel[0]);
-    EXPECT_TRUE(writer.kill());
 
     SharedMemory shared{name, Leftover::resume_};
     ASSERT_TRUE(shared.resuming());
