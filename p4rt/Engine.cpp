@@ -284,7 +284,7 @@ void Engine::State::reconcile(Realized&& next, const Done& done) {
   Reconciliation outcome =
       P4rt::reconcile(*committed_->pipeline, *store_, service_, *next.pipeline);
   removal_ = std::move(outcome.removal);
-  replace(std::move(next), std::move(outcome.kept), done, false);
+  replace(std::move(next), std::move(outcome.retained), done, false);
 }
 
 void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const Done& done,

@@ -77,8 +77,8 @@ bool adoptHidden(const FlowEntry& before, FlowEntry& after) {
 
 class Reconciler {
  public:
-  Reconciler(const Pipeline& present, Store& store, const Pipeline& next, Store& kept)
-      : present_{present}, store_{store}, kept_{kept}, planner_{next, kept} {}
+  Reconciler(const Pipeline& present, Store& store, const Pipeline& next, Store& retained)
+      : present_{present}, store_{store}, retained_{retained}, planner_{next, retained} {}
 
   // Whether the entity is retained. If so, it is put into the new store.
   bool retain(const p4::v1::Entity& entity) {
@@ -89,7 +89,7 @@ class Reconciler {
       Change change = planner_.plan(update);
       const bool same = isSame(entity, change);
       if (!same) {
-        drop(change, kept_);
+        drop(change, retained_);
       }
       return same;
     } catch (const Fault&) {
@@ -98,21 +98,22 @@ class Reconciler {
   }
 
  private:
-  // Whether the entity stands for the same rows as before.
+  // Whether the new entity stands for the same rows as the old one. Gives it their handles, hidden
+  // ids and number in the Keeper.
   bool isSame(const p4::v1::Entity& entity, const Change& change) {
     if (const auto* const flow = std::get_if<FlowChange>(&change.what)) {
       return isSameFlow(*present_.table(entity.table_entry().table_id()), *flow);
     }
     if (const auto* const member = std::get_if<MemberChange>(&change.what)) {
-      return isSameById(member->id, *store_.member(member->id), *kept_.member(member->id));
+      return isSameById(member->id, *store_.member(member->id), *retained_.member(member->id));
     }
     const Id group = std::get<GroupChange>(change.what).id;
-    return isSameById(group, *store_.group(group), *kept_.group(group));
+    return isSameById(group, *store_.group(group), *retained_.group(group));
   }
   bool isSameFlow(const TableInfo& before, const FlowChange& what) {
     const FlowEntry* const was =
         before.index == what.table->index ? store_.flow(before, what.key) : nullptr;
-    FlowEntry& is = *kept_.flow(*what.table, what.key);
+    FlowEntry& is = *retained_.flow(*what.table, what.key);
     if (was == nullptr || !adoptHidden(*was, is) ||
         !sameRow(rowOf(what.key, *was), rowOf(what.key, is))) {
       return false;
@@ -129,7 +130,7 @@ class Reconciler {
 
   const Pipeline& present_;
   Store& store_;
-  Store& kept_;
+  Store& retained_;
   Planner planner_;
 };
 
@@ -145,9 +146,9 @@ void appendClearing(const Pipeline& pipeline, Store& store, const Sim::Service& 
 
 Reconciliation reconcile(const Pipeline& present, Store& store, const Sim::Service& service,
                          const Pipeline& next) {
-  Reconciliation result{.kept = std::make_unique<Store>(), .removal = {}};
+  Reconciliation result{.retained = std::make_unique<Store>(), .removal = {}};
   Stored stored{present, store, service};
-  Reconciler reconciler{present, store, next, *result.kept};
+  Reconciler reconciler{present, store, next, *result.retained};
   // Leaves the entities that are not retained.
   const auto prune = [&reconciler](Entities& entities) {
     Entities others;

@@ -19,7 +19,7 @@ void appendClearing(const Pipeline& pipeline, Store& store, const Sim::Service& 
 struct Reconciliation {
   // The entities that are retained, as the next pipeline describes them. An entity is retained when
   // its message, read under the present pipeline and written under the next, makes the same rows.
-  std::unique_ptr<Store> kept;
+  std::unique_ptr<Store> retained;
   // Deletes the other entities. It is to be carried out under the present pipeline.
   p4::v1::WriteRequest removal;
 };
