@@ -49,7 +49,7 @@ struct Hardware {
     corvexFlows.at(name) = flow;
     enqueue(name, 0);
   }
-  // Of somebody else's.
+  // Somebody else configures a flow.
   void corvexFlowIs(const std::string& name) {
     const CorvexFlowState& kept = corvexFlows.at(name);
     configureFlow(name, {.entryId = kept.entryId, .changeCount = kept.changeCount});

@@ -15,8 +15,8 @@ struct Model : Library {
   std::size_t writes = 0;  // that were played
   Lines played;            // the lines of the last command
   Lines out;
-  Handle about = 0;                  // the handle of the step that is played
-  std::map<Handle, Handle> renamed;  // to the one of this history
+  Handle about = 0;                  // the row that the step is about
+  std::map<Handle, Handle> renamed;  // from the first history's to this one's
 
   // Plays a command or the writes of a batch, and returns what ostra-sim --json prints of it.
   Lines play(std::span<Step> steps) {
@@ -47,7 +47,7 @@ struct Model : Library {
     }
     return std::exchange(out, {});
   }
-  // A handle is an earlier one when inserts were left out of the history.
+  // When inserts were left out of the history, later rows have other handles than at first.
   void play(Step& step) {
     about = valueIn(renamed, step.about).value_or(step.about);
     played.push_back(named(step.line));
