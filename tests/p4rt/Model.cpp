@@ -1,7 +1,7 @@
 #include "tests/p4rt/Model.h"
 
 #include <algorithm>
-#include <array>
+#include <sstream>
 
 namespace P4rtTest {
 namespace {
@@ -26,9 +26,6 @@ struct Own {
     }
   }
   explicit Own(const Entity& entity) : Own{entity.table_entry().action().action()} {}
-  [[nodiscard]] unsigned vrf() const {
-    return id == 4 || id == 5 ? params[0] : id == 10 ? params[1] : 0;
-  }
   unsigned id;
   std::vector<unsigned> params{};
 };
@@ -95,22 +92,15 @@ std::string faultOf(const Entity& entity) {
 }  // namespace
 
 std::string codeName(std::int32_t code) {
-  static const std::array<std::string, 15> names{"OK",
-                                                 "CANCELLED",
-                                                 "UNKNOWN",
-                                                 "INVALID_ARGUMENT",
-                                                 "DEADLINE_EXCEEDED",
-                                                 "NOT_FOUND",
-                                                 "ALREADY_EXISTS",
-                                                 "PERMISSION_DENIED",
-                                                 "RESOURCE_EXHAUSTED",
-                                                 "FAILED_PRECONDITION",
-                                                 "ABORTED",
-                                                 "OUT_OF_RANGE",
-                                                 "UNIMPLEMENTED",
-                                                 "INTERNAL",
-                                                 "UNAVAILABLE"};
-  return names.at(static_cast<std::size_t>(code));
+  std::istringstream names{
+      "OK CANCELLED UNKNOWN INVALID_ARGUMENT DEADLINE_EXCEEDED NOT_FOUND ALREADY_EXISTS "
+      "PERMISSION_DENIED RESOURCE_EXHAUSTED FAILED_PRECONDITION ABORTED OUT_OF_RANGE "
+      "UNIMPLEMENTED INTERNAL UNAVAILABLE"};
+  std::string name;
+  for (; code >= 0; --code) {
+    names >> name;
+  }
+  return name;
 }
 
 std::string wordOf(const p4::v1::Error& error) {
@@ -258,35 +248,18 @@ Words Model::everything() const {
   return all;
 }
 
-std::string Model::picture() const {
-  std::size_t entries = 0;
-  std::size_t groups = 0;
-  std::map<unsigned, unsigned> vrfs;
-  for (const auto& [key, entity] : entities_) {
-    const auto shots = static_cast<std::size_t>(oneShotOf(entity).size());
-    const bool inCorvex = entity.has_action_profile_member() || !usesOf(entity).empty();
-    entries += entity.has_table_entry() ? 1 : 0;
-    groups += entity.has_table_entry() ? (shots > 0 ? 1 + shots : 0) : (inCorvex ? 1 : 0);
-    ++vrfs[Own{entity}.vrf()];
-  }
-  vrfs.erase(0);
-  std::string told = std::to_string(entries) + " entries, " + std::to_string(groups) + " groups";
-  for (const auto& [vrf, users] : vrfs) {
-    told += ", vrf " + std::to_string(vrf) + ": " + std::to_string(users);
-  }
-  return told;
-}
-
 WriteRequest RandomUpdates::write(const Model& model, bool oneShots, bool l3Acl) {
   WriteRequest request;
   if (oneIn(3)) {
     request.set_atomicity(WriteRequest::ROLLBACK_ON_ERROR);
   }
-  const int chances = oneIn(2) ? 12 : 2;  // of what the model refuses
+  // The model refuses none of a long one, and of the others some or many.
+  const bool isLong = oneIn(8);
+  const int chances = oneIn(2) ? 12 : 2;
   Model next = model;
-  for (int count = 1 + below(12); count > 0; --count) {
+  for (int count = 1 + below(isLong ? 200 : 12); count > 0; --count) {
     Update made = update(oneShots, l3Acl);
-    if (next.apply(made) == "OK" || oneIn(chances)) {
+    if (next.apply(made) == "OK" || (!isLong && oneIn(chances))) {
       *request.add_updates() = std::move(made);
     }
   }

@@ -36,8 +36,6 @@ class Model {
 
   // What is read back, in order of the text.
   [[nodiscard]] Words everything() const;
-  // How many rows the flow tables hold, how many groups Corvex, and how many users each VRF.
-  [[nodiscard]] std::string picture() const;
 
  private:
   [[nodiscard]] bool isUsed(const std::string& key) const;

@@ -44,11 +44,12 @@ inline Words wordsOf(const P4rt::RpcStatus& status) {
   return words;
 }
 
-inline p4::config::v1::P4Info shippedP4Info() {
-  std::ifstream file{OSTRA_P4INFO};
-  std::stringstream text;
-  text << file.rdbuf();
-  return parse<p4::config::v1::P4Info>(text.str());
+inline const p4::config::v1::P4Info& shippedP4Info() {
+  static const auto info = [] {
+    std::ifstream file{OSTRA_P4INFO};
+    return parse<p4::config::v1::P4Info>(std::string{std::istreambuf_iterator<char>{file}, {}});
+  }();
+  return info;
 }
 
 // A request under way, with what has come of it.
@@ -76,13 +77,31 @@ class EngineTest : public testing::Test {
     agent->verify();
   }
 
-  // As if the process were killed and another one went on.
-  void restart() {
+  // As if the process were killed.
+  void die() {
     engine.reset();
     timers.forget();
     agent.reset();
     service.reset();
     shared_->keep();
+    shared_.reset();
+  }
+  void boot(Sim::Leftover leftover) {
+    const bool keeps = !sharedName_.empty();
+    if (keeps) {
+      shared_.emplace(sharedName_, leftover);
+    }
+    service.emplace(keeps ? &*shared_ : nullptr);
+    agent.emplace(service->hwConfig(), service->hwStatusDir(), service->hwUnitDir());
+    engine.emplace(*service, timers, P4rt::EngineOptions{.keeps = keeps});
+    if (keeps) {
+      EXPECT_THAT(engine->resume(), IsEmpty());
+    }
+    service->start();
+  }
+  // Another one goes on.
+  void restart() {
+    die();
     boot(Sim::Leftover::resume_);
   }
 
@@ -117,9 +136,17 @@ class EngineTest : public testing::Test {
     timers.pass(0);
     return result;
   }
+  p4::v1::ForwardingPipelineConfig configured() {
+    const p4::v1::GetForwardingPipelineConfigRequest request;
+    p4::v1::GetForwardingPipelineConfigResponse response;
+    bool done = false;
+    engine->getPipeline(request, response,
+                        [&done](const P4rt::RpcStatus& status) { done = status.ok(); });
+    EXPECT_TRUE(done);
+    return response.config();
+  }
   void commitShipped() {
-    const auto info = shippedP4Info();
-    ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
+    ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &shippedP4Info()).ok());
   }
 
   // Writes.
@@ -184,22 +211,6 @@ class EngineTest : public testing::Test {
   std::optional<Sim::Service> service;
   std::optional<Sim::HwAgent> agent;
   std::optional<P4rt::Engine> engine;
-
- private:
-  void boot(Sim::Leftover leftover) {
-    const bool keeps = !sharedName_.empty();
-    if (keeps) {
-      shared_.reset();
-      shared_.emplace(sharedName_, leftover);
-    }
-    service.emplace(keeps ? &*shared_ : nullptr);
-    agent.emplace(service->hwConfig(), service->hwStatusDir(), service->hwUnitDir());
-    engine.emplace(*service, timers, P4rt::EngineOptions{.keeps = keeps});
-    if (keeps) {
-      EXPECT_THAT(engine->resume(), IsEmpty());
-    }
-    service->start();
-  }
 };
 
 // With the shipped pipeline.

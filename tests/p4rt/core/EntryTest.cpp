@@ -210,7 +210,7 @@ TEST_F(RefusalTest, MembersGroupsAndOtherEntities) {
 }
 
 TEST_F(RefusalTest, AFullTableAndAProgramWithoutGroupsToSpare) {
-  auto info = shippedP4Info();
+  p4::config::v1::P4Info info = shippedP4Info();
   info.mutable_tables(0)->set_size(2);
   info.mutable_action_profiles(0)->set_size(6);
   ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());

@@ -15,19 +15,6 @@ using testing::HasSubstr;
 class PipelineTest : public EngineTest {
  protected:
   using EngineTest::EngineTest;
-  using GetPipeline = p4::v1::GetForwardingPipelineConfigRequest;
-
-  p4::v1::ForwardingPipelineConfig configured() {
-    const GetPipeline request;
-    p4::v1::GetForwardingPipelineConfigResponse response;
-    bool done = false;
-    engine->getPipeline(request, response, [&done](const P4rt::RpcStatus& status) {
-      EXPECT_TRUE(status.ok());
-      done = true;
-    });
-    EXPECT_TRUE(done);
-    return response.config();
-  }
 };
 
 using Edit = std::function<void(P4Info&)>;
@@ -182,7 +169,7 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   EXPECT_THAT(write({insert(acl(1, drop()))}), ElementsAre("FAILED_PRECONDITION"));
   EXPECT_THAT(read({"table_entry {}"}).outcome, ElementsAre("FAILED_PRECONDITION"));
   EXPECT_FALSE(configured().has_p4info());
-  const auto info = shippedP4Info();
+  const P4Info& info = shippedP4Info();
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY, &info).ok());
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_SAVE, &info).ok());
   EXPECT_FALSE(engine->hasPipeline());
@@ -261,7 +248,7 @@ TEST_F(Replacing, NothingIsReplacedWhileTheHardwareKeepsWhatIsThere) {
 
 TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   const Words before = everything();
-  auto info = shippedP4Info();
+  P4Info info = shippedP4Info();
   EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
   EXPECT_EQ(everything(), before);
   // The ACL has no action forward any more, drop means something else, and there is room for one
@@ -349,7 +336,7 @@ TEST_F(Replacing, FiltersSelectWhatIsRead) {
 }
 
 TEST_F(PipelineTest, TablesOfOtherShapes) {
-  auto info = shippedP4Info();
+  P4Info info = shippedP4Info();
   // The ACL is exact and not counted, the layer-3 one has no key, and the profile has no groups.
   auto& exact = *info.mutable_tables(0);
   exact.mutable_match_fields()->DeleteSubrange(2, exact.match_fields_size() - 2);
@@ -387,7 +374,7 @@ TEST_F(PipelineTest, TablesOfOtherShapes) {
 }
 
 TEST_F(PipelineTest, AProfileMayCountMembers) {
-  auto info = shippedP4Info();
+  P4Info info = shippedP4Info();
   auto& profile = *info.mutable_action_profiles(0);
   profile.set_size(3);
   profile.set_max_group_size(0);

@@ -1,0 +1,196 @@
+// An engine that is killed at any moment while a controller writes, and another one that goes on
+// with what it has kept.
+//
+// OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+
+#include "EngineFixture.h"
+#include "tests/UniqueName.h"
+
+namespace P4rtTest {
+namespace {
+
+unsigned setting(const char* name, unsigned otherwise) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(value, nullptr, 10));
+}
+
+// The cookie of a pipeline says what it is like: whether its action profile takes one shots, and
+// whether it lacks the table l3Acl.
+bool takesOneShots(std::uint64_t cookie) { return (cookie & 1U) != 0; }
+bool isReduced(std::uint64_t cookie) { return (cookie & 2U) != 0; }
+
+class P4rtCrash : public EngineTest {
+ protected:
+  // What is asked for: a Write, or with an action something of the pipeline.
+  struct Request {
+    WriteRequest write{};
+    SetPipeline::Action action = SetPipeline::UNSPECIFIED;
+    std::uint64_t cookie = 0;
+  };
+  struct Held {
+    std::uint64_t cookie = 0;  // of the committed pipeline; 0 for none
+    std::uint64_t saved = 0;   // of the saved one
+    Model model{};
+  };
+  // What the child has come to. It shares this with its parent.
+  struct Progress {
+    std::atomic<unsigned> asked = 0;
+    std::atomic<unsigned> answered = 0;
+  };
+
+  P4rtCrash() : EngineTest{uniqueName("p4rt-crash")} {}
+
+  // Follows from what is held and the random numbers alone, so that the parent knows what its child
+  // has asked for.
+  Request next() {
+    const int kind = random_.below(24);
+    const auto fresh = [this](std::uint64_t style) {
+      return static_cast<std::uint64_t>(1 + random_.below(1 << 20)) << 2U |
+             static_cast<std::uint64_t>(2 * random_.below(2)) | style;
+    };
+    const auto anyStyle = static_cast<std::uint64_t>(random_.below(2));
+    if (kind == 0) {
+      return {.action = SetPipeline::VERIFY_AND_SAVE, .cookie = fresh(anyStyle)};
+    }
+    if (kind == 1 || held_.cookie == 0) {
+      return {.action = SetPipeline::VERIFY_AND_COMMIT, .cookie = fresh(anyStyle)};
+    }
+    if (kind == 2) {
+      return {.action = SetPipeline::RECONCILE_AND_COMMIT, .cookie = fresh(held_.cookie & 1U)};
+    }
+    if (kind == 3) {
+      return {.action = SetPipeline::COMMIT};
+    }
+    return {.write =
+                random_.write(held_.model, takesOneShots(held_.cookie), !isReduced(held_.cookie))};
+  }
+
+  // What comes of a request, at the end of the list, and what it may leave when it is not answered.
+  [[nodiscard]] std::vector<Held> outcomes(const Request& request) const {
+    std::vector<Held> all{held_};
+    switch (request.action) {
+      case SetPipeline::UNSPECIFIED:
+        for (const Model& model : held_.model.outcomes(request.write)) {
+          all.push_back({held_.cookie, held_.saved, model});
+        }
+        break;
+      case SetPipeline::VERIFY_AND_SAVE:
+        all.push_back({held_.cookie, request.cookie, held_.model});
+        break;
+      case SetPipeline::RECONCILE_AND_COMMIT:
+        all.push_back({request.cookie, 0,
+                       isReduced(request.cookie) ? held_.model.without(l3AclId) : held_.model});
+        break;
+      case SetPipeline::COMMIT:
+        all.push_back(held_.saved == 0 ? held_ : Held{held_.saved});
+        break;
+      default:
+        all.push_back({request.cookie});
+    }
+    return all;
+  }
+
+  void ask(const Request& request) {
+    if (request.action == SetPipeline::UNSPECIFIED) {
+      const Words answer = write({request.write.updates().begin(), request.write.updates().end()},
+                                 request.write.atomicity());
+      Model model = held_.model;
+      model.answered(request.write, answer, [](const auto&) { return false; });
+      return;
+    }
+    SetPipeline asked;
+    asked.set_action(request.action);
+    if (request.action != SetPipeline::COMMIT) {
+      *asked.mutable_config()->mutable_p4info() = shippedP4Info();
+      asked.mutable_config()->mutable_cookie()->set_cookie(request.cookie);
+      if (isReduced(request.cookie)) {
+        asked.mutable_config()->mutable_p4info()->mutable_tables()->DeleteSubrange(1, 1);
+      }
+    }
+    const bool lacks = request.action == SetPipeline::COMMIT && held_.saved == 0;
+    EXPECT_EQ(setPipeline(asked).code, lacks ? P4rt::Code::notFound_ : P4rt::Code::ok_);
+  }
+
+  // The child: goes on with what it finds, and asks until it is killed or something is wrong.
+  [[noreturn]] void live(Progress& progress) {
+    boot(Sim::Leftover::resume_);
+    while (!HasFailure()) {
+      const Request request = next();
+      ++progress.asked;
+      ask(request);
+      ++progress.answered;
+      held_ = outcomes(request).back();
+    }
+    ::_exit(1);
+  }
+
+  // What was answered is there, and what was not as a whole, in a first part, or not at all.
+  void compare(const std::vector<Held>& possible) {
+    const auto config = configured();
+    const std::uint64_t cookie = config.cookie().cookie();
+    EXPECT_EQ(config.p4info().tables_size(), cookie == 0 ? 0 : isReduced(cookie) ? 3 : 4);
+    const Words seen = cookie == 0 ? Words{} : everything();
+    const auto found = std::find_if(possible.begin(), possible.end(), [&](const Held& held) {
+      return held.cookie == cookie && held.model.everything() == seen;
+    });
+    ASSERT_NE(found, possible.end()) << "cookie " << cookie << testing::PrintToString(seen);
+    engine->verify();
+    held_ = *found;
+    if (possible.back().saved != held_.saved && possible.back().cookie == cookie) {
+      // Whether it was saved shows when it is committed.
+      const bool had = setPipeline(SetPipeline::COMMIT).ok();
+      const std::uint64_t committed = configured().cookie().cookie();
+      EXPECT_TRUE(committed == possible.back().saved || committed == held_.saved || !had);
+      EXPECT_TRUE(had || held_.saved == 0);
+      held_ = had ? Held{committed} : held_;
+    }
+  }
+
+  void round(Progress& progress) {
+    progress.asked = progress.answered = 0;
+    const int microseconds = random_.below(30'000);
+    die();
+    const pid_t child = ::fork();
+    if (child == 0) {
+      live(progress);
+    }
+    ::usleep(static_cast<useconds_t>(microseconds));
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "ended by itself";
+    for (unsigned answered = progress.answered; answered > 0; --answered) {
+      held_ = outcomes(next()).back();
+    }
+    const bool all = progress.asked == progress.answered;
+    const auto possible = all ? std::vector{held_} : outcomes(next());
+    boot(Sim::Leftover::resume_);
+    compare(possible);
+  }
+
+ private:
+  RandomUpdates random_{setting("OSTRA_CRASH_SEED", 1)};
+  Held held_;
+};
+
+TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {
+  void* const shared =
+      ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  Progress& progress = *new (shared) Progress;
+  const unsigned rounds = setting("OSTRA_CRASH_ROUNDS", 40);
+  for (unsigned number = 0; number < rounds && !HasFailure(); ++number) {
+    SCOPED_TRACE("round " + std::to_string(number));
+    round(progress);
+  }
+  ::munmap(shared, sizeof(Progress));
+}
+
+}  // namespace
+}  // namespace P4rtTest
