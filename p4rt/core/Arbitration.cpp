@@ -122,7 +122,7 @@ RpcStatus Arbitration::check(std::uint64_t device, const Role& role,
     return refused("the request has no election id");
   }
   if (electionId != realm.streams.at(*realm.primary)) {
-    return refused("its election id is not " + text(*electionId));
+    return refused("the request's election id " + text(*electionId) + " is another one");
   }
   return realm.handover ? refused("the writes of the one before it are not through yet")
                         : RpcStatus{};

@@ -200,7 +200,6 @@ void Batch::takeStage() {
       continue;
     }
     if (isMain) {
-      job.untouched = result.state == State::rejected_;
       job.refused = result.state == State::done_ || result.state == State::failed_;
     }
     if (!failed(job) && !isCleanUp(stage_)) {
@@ -310,7 +309,7 @@ void Batch::undoStage(std::size_t stage, const std::vector<Job*>& jobs) {
   Writes writes;
   std::vector<std::size_t> ends;  // by job, where its writes end
   for (const Job* const job : jobs) {
-    if (job->reached > stage && !(isMain && job->untouched)) {
+    if (job->reached > stage) {
       appendUndo(job->change, stages[stage], job->refused, parts_.store, writes);
     }
     ends.push_back(writes.size());

@@ -58,7 +58,6 @@ class Batch {
     std::size_t update;  // its index in the request
     Change change;
     std::size_t reached = 0;            // the number of stages that have been written
-    bool untouched = false;             // the service rejected the main write and changed no row
     bool refused = false;               // the row is stored, but the main write failed
     P4Runtime::EntryHandle restored{};  // the handle of the row after the job was undone
     bool lost = false;                  // a deleted flow that the switch refused to restore

@@ -220,7 +220,6 @@ Change Planner::modifyFlow(const TableInfo& table, const p4::v1::TableEntry& ent
     flow = actionOf(table, entry.action(), present);
   }
   describe(entry, flow);
-  flow.handle = present->handle;
   flow.kept = present->kept;
   Change change{Op::modify_, FlowChange{&table, key, store_.takeFlow(table, key), keeps}};
   store_.put(table, key, std::move(flow));
@@ -374,7 +373,6 @@ Change Planner::planMember(Type type, const p4::v1::ActionProfileMember& member)
     store_.put(id, std::move(entry));
     return {Op::insert_, MemberChange{id}};
   }
-  entry.handle = present->handle;
   entry.users = present->users;
   Change change{Op::modify_, MemberChange{id, store_.takeMember(id)}};
   store_.put(id, std::move(entry));
@@ -412,7 +410,6 @@ Change Planner::planGroup(Type type, const p4::v1::ActionProfileGroup& group) {
     // The switch would go on forwarding by the members that were.
     refuse(Code::unimplemented_, "a group that has members keeps at least one; it can be deleted");
   }
-  entry.handle = present->handle;
   entry.users = present->users;
   Change change{Op::modify_, GroupChange{id, store_.takeGroup(id)}};
   store_.put(id, std::move(entry));

@@ -118,19 +118,6 @@ class P4rtCrash : public EngineTest {
     EXPECT_EQ(setPipeline(asked).code, lacks ? P4rt::Code::notFound_ : P4rt::Code::ok_);
   }
 
-  // The child: goes on with what it finds, and asks until it is killed or something is wrong.
-  [[noreturn]] void live(Progress& progress) {
-    boot(Sim::Leftover::resume_);
-    while (!HasFailure()) {
-      const Request request = next();
-      ++progress.asked;
-      ask(request);
-      ++progress.answered;
-      held_ = outcomes(request).back();
-    }
-    ::_exit(1);
-  }
-
   // What was answered is there, and what was not as a whole, in a first part, or not at all.
   void compare(const std::vector<Held>& possible) {
     const auto config = configured();
@@ -153,30 +140,46 @@ class P4rtCrash : public EngineTest {
     }
   }
 
-  void round(Progress& progress) {
-    progress.asked = progress.answered = 0;
-    const int microseconds = random_.below(30'000);
+  // A child goes on with what was kept and does that work again and again until it is killed or
+  // something is wrong. Then this process goes on with what the child has kept.
+  template <class Work>
+  void killAt(int microseconds, Work work) {
     die();
     const pid_t child = ::fork();
     if (child == 0) {
-      live(progress);
+      boot(Sim::Leftover::resume_);
+      while (!HasFailure()) {
+        work();
+      }
+      ::_exit(1);
     }
     ::usleep(static_cast<useconds_t>(microseconds));
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "ended by itself";
+    boot(Sim::Leftover::resume_);
+  }
+
+  void round(Progress& progress) {
+    progress.asked = progress.answered = 0;
+    ASSERT_NO_FATAL_FAILURE(killAt(random_.below(30'000), [&] {
+      const Request request = next();
+      ++progress.asked;
+      ask(request);
+      ++progress.answered;
+      held_ = outcomes(request).back();
+    }));
     for (unsigned answered = progress.answered; answered > 0; --answered) {
       held_ = outcomes(next()).back();
     }
     const bool all = progress.asked == progress.answered;
-    const auto possible = all ? std::vector{held_} : outcomes(next());
-    boot(Sim::Leftover::resume_);
-    compare(possible);
+    compare(all ? std::vector{held_} : outcomes(next()));
   }
 
- private:
   RandomUpdates random_{setting("OSTRA_CRASH_SEED", 1)};
+
+ private:
   Held held_;
 };
 
@@ -190,6 +193,29 @@ TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {
     round(progress);
   }
   ::munmap(shared, sizeof(Progress));
+}
+
+TEST_F(P4rtCrash, AWriteThatRollsBackIsKeptAsAWhole) {
+  constexpr int many = 100;
+  std::vector<Update> inserts;
+  std::vector<Update> deletes;
+  for (int number = 0; number < many; ++number) {
+    inserts.push_back(insert(acl(number, drop())));
+    deletes.push_back(remove(acl(number)));
+  }
+  commitShipped();
+  for (int round = 0; round < 25 && !HasFailure(); ++round) {
+    ASSERT_NO_FATAL_FAILURE(killAt(random_.below(30'000), [&] {
+      write(inserts, WriteRequest::ROLLBACK_ON_ERROR);
+      write(deletes, WriteRequest::ROLLBACK_ON_ERROR);
+    }));
+    const std::size_t kept = everything().size();
+    EXPECT_TRUE(kept == 0 || kept == many) << kept;
+    engine->verify();
+    if (kept != 0) {
+      EXPECT_THAT(write(deletes), ElementsAre("OK"));
+    }
+  }
 }
 
 }  // namespace

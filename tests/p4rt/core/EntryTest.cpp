@@ -13,7 +13,7 @@ TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
       " match { field_id: 5 ternary { value: '\\000\\x08\\x00' mask: '\\xff\\xff' } }"
       " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: '\\xff\\x00\\x00\\x00' } "
       "}"
-      " match { field_id: 6 ternary { value: '\\000\\005' mask: '\\x0f\\xff' } }"
+      " match { field_id: 6 ternary { value: '\\000\\000' mask: '\\x0f\\xff' } }"
       " match { field_id: 1 optional { value: '\\000\\000\\000\\001' } }"
       " match { field_id: 25 optional { value: '\\000\\001' } }"
       " action { action { action_id: 0x01000005"
@@ -27,7 +27,7 @@ TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
                    " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
                    " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: "
                    "'\\xff\\x00\\x00\\x00' } }"
-                   " match { field_id: 6 ternary { value: '\\005' mask: '\\x0f\\xff' } }"
+                   " match { field_id: 6 ternary { value: '\\000' mask: '\\x0f\\xff' } }"
                    " match { field_id: 1 optional { value: '\\001' } }"
                    " match { field_id: 25 optional { value: '\\001' } }"
                    " action { action { action_id: 0x01000005 params { param_id: 1 value: '\\005' }"
@@ -260,6 +260,19 @@ TEST_F(EntryTest, OneShotsAreReadBackAndLeaveNothing) {
   kept.replace(kept.find("action {"), std::string::npos, "metadata: 'm' }");
   EXPECT_THAT(write({modify(kept)}), ElementsAre("OK"));
   EXPECT_EQ(service->groups().size(), 5U);
+  // The ids in the switch that one leaves are the next one's.
+  for (int count = 0; count < 20; ++count) {
+    EXPECT_THAT(write({modify(route(1, count % 2 == 0 ? one : two))}), ElementsAre("OK"));
+  }
+  for (const auto* const group : service->groups()) {
+    EXPECT_LT(group->id() % 0x80000000U, 9U);
+  }
+  // What is replaced makes room.
+  p4::config::v1::P4Info info = shippedP4Info();
+  info.mutable_action_profiles(0)->set_size(6);
+  ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
+  EXPECT_THAT(write({modify(route(1, one)), modify(route(2, oneShot({{nexthop(), 4}})))}),
+              ElementsAre("OK", "RESOURCE_EXHAUSTED"));
   EXPECT_THAT(write({remove(route(1, "")), remove(route(2, "")), insert(member(1))}),
               ElementsAre("OK"));
   EXPECT_EQ(service->groups().size(), 1U);

@@ -66,6 +66,25 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
   EXPECT_TRUE(read);
 }
 
+TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
+  ASSERT_THAT(write({insert(acl(1, does(4, {"\\007"}))), insert(member(1))}), ElementsAre("OK"));
+  agent->automaticIs(false);
+  const WriteCall call = begin({remove(acl(1)), remove(member(1)), insert(acl(2, drop()))},
+                               p4::v1::WriteRequest::ROLLBACK_ON_ERROR);
+  runHardware();
+  runHardware();
+  agent->flowCapacityIs(0);
+  agent->groupCapacityIs(0);
+  agent->automaticIs(true);
+  runHardware();
+  ASSERT_TRUE(call->done);
+  EXPECT_THAT(wordsOf(call->status), ElementsAre("ABORTED", "ABORTED", "RESOURCE_EXHAUSTED/1"));
+  EXPECT_THAT(call->status.details[0].message(), testing::HasSubstr("refused to restore"));
+  // Others may use a member, so it stays.
+  EXPECT_THAT(everything(), ElementsAre(shown(member(1))));
+  engine->verify();
+}
+
 using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
 
 TEST_F(HardwareTest, AGroupThatGetsNoRoomForItsFirstMembersStaysEmpty) {

@@ -179,6 +179,10 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   EXPECT_TRUE(setPipeline(SetPipeline::COMMIT).ok());
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
   EXPECT_THAT(write({insert(acl(1, drop()))}), ElementsAre("OK"));
+  // Another one that is committed takes the place of the saved one too.
+  EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_SAVE, &info).ok());
+  EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
+  EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
 }
 
 class KeptPipeline : public PipelineTest {
@@ -238,6 +242,7 @@ TEST_F(Replacing, NothingIsReplacedWhileTheHardwareKeepsWhatIsThere) {
   request.mutable_config()->mutable_p4info()->mutable_pkg_info()->set_name("other");
   P4rt::RpcStatus result;
   engine->setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
+  runHardware();  // the entries go, and come back
   timers.pass(5000);
   EXPECT_EQ(result.code, P4rt::Code::deadlineExceeded_);
   agent->automaticIs(true);
@@ -307,6 +312,8 @@ TEST_F(Replacing, FiltersSelectWhatIsRead) {
       {inAcl + "is_default_action: true }", 1},
       {"table_entry { is_default_action: true }", 0, "INVALID_ARGUMENT"},
       {"table_entry { priority: 10 }", 0, "INVALID_ARGUMENT"},
+      {"table_entry { metadata: 'm' }", 0, "INVALID_ARGUMENT"},
+      {"table_entry { controller_metadata: 1 }", 0, "INVALID_ARGUMENT"},
       {"action_profile_member {}", 2},
       {"action_profile_member { action_profile_id: 0x11000001 member_id: 2 }", 1},
       {"action_profile_member { member_id: 3 }", 0},
@@ -315,6 +322,7 @@ TEST_F(Replacing, FiltersSelectWhatIsRead) {
       {"action_profile_group { group_id: 1 }", 1},
       {"direct_counter_entry {}", 5},
       {"direct_counter_entry { table_entry { table_id: 0x02000003 } }", 2},
+      {"direct_counter_entry { table_entry { table_id: 0x02000003 priority: 7 } }", 0, "NOT_FOUND"},
       {"", 0, "INVALID_ARGUMENT"},
       {"meter_entry {}", 0, "UNIMPLEMENTED"},
   };

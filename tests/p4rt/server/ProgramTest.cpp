@@ -1,11 +1,6 @@
 // ostra-p4rt as a process: its options, its console and its end.
 
 #include <csignal>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/UniqueName.h"
 #include "tests/p4rt/server/TestProgram.h"
@@ -18,21 +13,20 @@ using CliTest::Finished;
 using CliTest::Json;
 using CliTest::Process;
 using testing::AllOf;
-using testing::HasSubstr;
 
 Finished finished(const Arguments& arguments) {
   return Process{OSTRA_P4RT_PROGRAM, arguments}.finish();
 }
 
 TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
-  Program program{{"--console", "--p4info", OSTRA_P4INFO}};
+  Program program{{"--p4info", OSTRA_P4INFO}};
   EXPECT_THAT(program.greeting.at("p4info"), HasSubstr("ostra.p4info.txt"));
-  Controller controller{program.address(), {1}};
+  Controller controller{program};
   controller.claim();
   EXPECT_EQ(controller.standing(), "primary 1");
-  EXPECT_EQ(codeOf(controller.write({})), Code::failedPrecondition_)
+  EXPECT_EQ(codeOf(controller.write(flows(Update::INSERT, 1, 1))), Code::failedPrecondition_)
       << "a P4Info that is offered is not set";
-  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+  ASSERT_EQ(codeOf(controller.set(pipelineRequest())), Code::ok_);
   ASSERT_EQ(codeOf(controller.write({flow(Update::INSERT, 1, 2)})), Code::ok_);
   EXPECT_THAT(program.type("show flows"),
               AllOf(HasSubstr("\"ipDst\":{\"value\":\"10.0.0.1\""), HasSubstr("Ethernet2")));
@@ -43,69 +37,61 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   // What the console makes the hardware say reaches both it and the controller.
   EXPECT_EQ(program.type("hw manual"), "");
   auto written = controller.writeLater({flow(Update::INSERT, 2, 3)});
-  while (program.type("show pending").find("\"handle\":2,\"op\":\"insert\"") == std::string::npos) {
-  }
+  program.awaitEntries(2);
+  EXPECT_THAT(program.type("show pending"), HasSubstr("\"handle\":2,\"op\":\"insert\""));
   EXPECT_THAT(program.type("explain flow-2"), HasSubstr("\"pending\":true"));
   EXPECT_THAT(program.type("audit"), HasSubstr("\"faults\":0,\"rows\":2"));
-  const std::string ran = program.type("hw run");
-  EXPECT_THAT(ran, HasSubstr("\"type\":\"report\""));
+  EXPECT_THAT(program.type("hw run"), HasSubstr("\"type\":\"report\""));
   EXPECT_EQ(codeOf(written.get()), Code::ok_);
 
   // The end of the input is not that of the server; here somebody else asks for it.
   program.process.closeInput();
-  EXPECT_EQ(controller.entries(), 2U);
+  EXPECT_EQ(controller.entries().size(), 2U);
   program.process.kill(SIGTERM);
   EXPECT_EQ(program.process.finish().status, 0);
 }
 
+// A server that is asked to end while a Write waits for the hardware.
+struct Ending {
+  explicit Ending(int signal) {
+    controller.takeOver();
+    program.automaticIs(false);
+    written = controller.writeLater({flow(Update::INSERT, 1)});
+    program.awaitEntries(1);
+    program.process.kill(signal);
+    // One that comes before the signal waits behind the Write under way.
+    while (codeOf(controller.write(flows(Update::INSERT, 2, 1), std::chrono::milliseconds{100})) !=
+           Code::unavailable_) {
+    }
+  }
+
+  Program program{{"--write-timeout", "60000"}};
+  Controller controller{program};
+  std::future<grpc::Status> written;
+};
+
 TEST(ProgramTest, EndsByQuitAndBySignalsAndFinishesTheWriteUnderWay) {
-  EXPECT_EQ(Program{{"--console"}}.process.finish("quit\n").status, 0);
-  Program program{{"--console", "--write-timeout", "60000"}};
-  Controller controller{program.address(), {1}};
-  controller.claim();
-  EXPECT_EQ(controller.standing(), "primary 1");
-  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
-  program.type("hw manual");
-  auto written = controller.writeLater({flow(Update::INSERT, 1)});
-  while (program.type("show entries").find("\"handle\"") == std::string::npos) {
-  }
-  program.process.kill(SIGTERM);
-  // One that comes before the signal waits behind the Write under way.
-  while (codeOf(controller.write({}, std::chrono::milliseconds{100})) != Code::unavailable_) {
-  }
-  program.process.write("hw run\n");
-  EXPECT_EQ(codeOf(written.get()), Code::ok_);
-  EXPECT_EQ(controller.standing(), "end 14");
-  EXPECT_EQ(program.process.finish().status, 0);
+  EXPECT_EQ(Program{}.process.finish("quit\n").status, 0);
+  Ending ending{SIGTERM};
+  ending.program.process.write("hw run\n");
+  EXPECT_EQ(codeOf(ending.written.get()), Code::ok_);
+  EXPECT_EQ(ending.controller.standing(), "end 14");
+  EXPECT_EQ(ending.program.process.finish().status, 0);
 }
 
 TEST(ProgramTest, ASecondSignalEndsItAtOnce) {
-  Program program{{"--console", "--write-timeout", "60000"}};
-  Controller controller{program.address(), {1}};
-  controller.claim();
-  EXPECT_EQ(controller.standing(), "primary 1");
-  ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
-  program.type("hw manual");
-  auto written = controller.writeLater({flow(Update::INSERT, 1)});
-  while (program.type("show entries").find("\"handle\"") == std::string::npos) {
-  }
-  program.process.kill(SIGINT);
-  // One that comes before the signal waits behind the Write under way.
-  while (codeOf(controller.write({}, std::chrono::milliseconds{100})) != Code::unavailable_) {
-  }
-  program.process.kill(SIGTERM);
-  EXPECT_EQ(program.process.finish().status, -SIGTERM);
-  EXPECT_EQ(codeOf(written.get()), Code::unavailable_);
+  Ending ending{SIGINT};
+  ending.program.process.kill(SIGTERM);
+  EXPECT_EQ(ending.program.process.finish().status, -SIGTERM);
+  EXPECT_EQ(codeOf(ending.written.get()), Code::unavailable_);
 }
 
 TEST(ProgramTest, GoesOnWithWhatIsItsOwnAndLosesNothingSilently) {
   const std::string name = uniqueName("p4rt-program");
   {
     Program killed{{"--no-console", "--shm", name}};
-    Controller controller{killed.address(), {9}};
-    controller.claim();
-    EXPECT_EQ(controller.standing(), "primary 9");
-    ASSERT_EQ(codeOf(controller.setPipeline()), Code::ok_);
+    Controller controller{killed, {9}};
+    controller.takeOver();
     ASSERT_EQ(codeOf(controller.write(flows(Update::INSERT, 1, 3))), Code::ok_);
     killed.process.kill(SIGKILL);
     killed.process.finish();
@@ -117,10 +103,10 @@ TEST(ProgramTest, GoesOnWithWhatIsItsOwnAndLosesNothingSilently) {
   EXPECT_EQ(finished({"--shm", name, "--resume", "--config", OSTRA_P4INFO}).status, 2);
   {
     Program resumed{{"--no-console", "--shm", name, "--resume"}};
-    Controller controller{resumed.address(), {1}};
+    Controller controller{resumed};
     controller.claim();
     EXPECT_EQ(controller.standing(), "primary 1") << "election ids begin anew";
-    EXPECT_EQ(controller.entries(), 3U);
+    EXPECT_EQ(controller.entries().size(), 3U);
     resumed.process.kill(SIGTERM);
     EXPECT_EQ(resumed.process.finish().status, 0);
   }
@@ -141,7 +127,7 @@ TEST(ProgramTest, SaysWhatIsWrongWithItsOptions) {
   };
   const CliTest::TemporaryFile notP4Info{"tables { preamble { id: 5 } }"};
   const CliTest::TemporaryFile notText{"port 1 Ethernet1"};
-  Program other{{}};
+  const Program other;
   for (const Case& tried :
        std::vector<Case>{{{"--listn", "x"}, 2, "did you mean '--listen'"},
                          {{"--listen", "0.0.0.0:0"}, 2, "or --insecure"},

@@ -1,103 +1,80 @@
 // The requests as gRPC brings them: who may make them, how they end, and how much of that a client
 // takes.
-
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "tests/p4rt/server/TestServer.h"
+#include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
 namespace {
 
-using testing::HasSubstr;
 using testing::IsEmpty;
-using Action = p4::v1::SetForwardingPipelineConfigRequest;
 using GetRequest = p4::v1::GetForwardingPipelineConfigRequest;
 
 class RequestTest : public testing::Test {
  protected:
-  void primaryIs() {
-    controller_.claim();
-    ASSERT_EQ(controller_.standing(), "primary 1");
-  }
-
-  Code write(const p4::v1::WriteRequest& request) {
-    const auto context = newContext();
-    p4::v1::WriteResponse response;
-    last_ = controller_.stub().Write(context.get(), request, &response);
-    return codeOf(last_);
-  }
-  Code set(const p4::v1::SetForwardingPipelineConfigRequest& request) {
-    const auto context = newContext();
-    p4::v1::SetForwardingPipelineConfigResponse response;
-    last_ = controller_.stub().SetForwardingPipelineConfig(context.get(), request, &response);
-    return codeOf(last_);
-  }
   Code get(GetRequest::ResponseType type, std::uint64_t device = 1) {
     const auto context = newContext();
     GetRequest request;
     request.set_device_id(device);
     request.set_response_type(type);
     got_.Clear();
-    last_ = controller_.stub().GetForwardingPipelineConfig(context.get(), request, &got_);
-    return codeOf(last_);
+    return codeOf(controller_.stub().GetForwardingPipelineConfig(context.get(), request, &got_));
   }
   Code read(std::uint64_t device) {
-    p4::v1::ReadRequest request;
+    p4::v1::ReadRequest request = readRequest();
     request.set_device_id(device);
-    request.add_entities()->mutable_table_entry();
     const auto context = newContext();
-    last_ = controller_.stub().Read(context.get(), request)->Finish();
-    return codeOf(last_);
+    return codeOf(controller_.stub().Read(context.get(), request)->Finish());
   }
 
-  TestServer server_;
-  Controller controller_{server_};
-  grpc::Status last_;
+  Program program_;
+  Controller controller_{program_};
   p4::v1::GetForwardingPipelineConfigResponse got_;
 };
 
 TEST_F(RequestTest, IsCheckedForDeviceRolePrimaryAndPipelineInThatOrder) {
   p4::v1::WriteRequest request = controller_.writeRequest(flows(Update::INSERT, 1, 1));
+  const auto expect = [&](Code code, const std::string& reason) {
+    const grpc::Status status = controller_.write(request);
+    EXPECT_EQ(codeOf(status), code);
+    EXPECT_THAT(status.error_message(), HasSubstr(reason));
+    EXPECT_THAT(status.error_details(), IsEmpty());
+  };
   request.set_device_id(2);
   request.set_role("nobody");
-  EXPECT_EQ(write(request), Code::notFound_);
-  EXPECT_THAT(last_.error_message(), HasSubstr("device 2"));
+  expect(Code::notFound_, "device 2");
   request.set_device_id(1);
-  EXPECT_EQ(write(request), Code::notFound_);
-  EXPECT_THAT(last_.error_message(), HasSubstr("'nobody'"));
+  expect(Code::notFound_, "'nobody'");
   request.clear_role();
-  EXPECT_EQ(write(request), Code::permissionDenied_);
-  primaryIs();
-  EXPECT_EQ(write(request), Code::failedPrecondition_) << "no pipeline";
-  EXPECT_THAT(last_.error_details(), IsEmpty());
+  expect(Code::permissionDenied_, "there is none");
+  controller_.claim();
+  EXPECT_EQ(controller_.standing(), "primary 1");
+  expect(Code::failedPrecondition_, "no forwarding pipeline");
   EXPECT_EQ(read(1), Code::failedPrecondition_);
   EXPECT_EQ(read(2), Code::notFound_);
+  request.mutable_election_id()->set_high(1);
+  expect(Code::permissionDenied_, "(high 1, low 1) is another one");
   request.clear_election_id();
-  EXPECT_EQ(write(request), Code::permissionDenied_);
+  expect(Code::permissionDenied_, "no election id");
 
   auto pipeline = pipelineRequest();
   pipeline.set_device_id(2);
-  EXPECT_EQ(set(pipeline), Code::notFound_);
-  EXPECT_EQ(set(pipelineRequest({2})), Code::permissionDenied_);
-  EXPECT_EQ(set(pipelineRequest()), Code::ok_);
-  EXPECT_EQ(write(controller_.writeRequest(flows(Update::INSERT, 1, 1))), Code::ok_);
+  EXPECT_EQ(codeOf(controller_.set(pipeline)), Code::notFound_);
+  EXPECT_EQ(codeOf(controller_.set(pipelineRequest({2}))), Code::permissionDenied_);
+  EXPECT_EQ(codeOf(controller_.set(pipelineRequest())), Code::ok_);
+  EXPECT_EQ(codeOf(controller_.write(flows(Update::INSERT, 1, 1))), Code::ok_);
 }
 
 TEST_F(RequestTest, APipelineComesBackInThePartsThatAreAskedFor) {
-  primaryIs();
+  controller_.claim();
+  EXPECT_EQ(controller_.standing(), "primary 1");
   EXPECT_EQ(get(GetRequest::ALL), Code::ok_);
   EXPECT_FALSE(got_.has_config()) << "none was set";
   auto pipeline = pipelineRequest();
-  EXPECT_EQ(set(pipeline), Code::ok_);
+  EXPECT_EQ(codeOf(controller_.set(pipeline)), Code::ok_);
   EXPECT_EQ(get(GetRequest::ALL), Code::ok_);
   EXPECT_FALSE(got_.config().has_cookie()) << "none was set";
   pipeline.mutable_config()->set_p4_device_config("anything\0at all");
   pipeline.mutable_config()->mutable_cookie()->set_cookie(0);
-  EXPECT_EQ(set(pipeline), Code::ok_);
+  EXPECT_EQ(codeOf(controller_.set(pipeline)), Code::ok_);
   const auto parts = [&](GetRequest::ResponseType type) {
     EXPECT_EQ(get(type), Code::ok_);
     return std::string{got_.config().has_p4info() ? "p" : ""} +
@@ -118,34 +95,32 @@ TEST_F(RequestTest, APipelineComesBackInThePartsThatAreAskedFor) {
 }
 
 TEST_F(RequestTest, ErrorsAreCutToWhatAClientTakesSoThatItKeepsItsConnection) {
-  primaryIs();
-  ASSERT_EQ(set(pipelineRequest()), Code::ok_);
-  const auto errorsFor = [&](std::uint32_t bad, std::uint32_t good, std::uint32_t first) {
+  controller_.takeOver();
+  const auto statusFor = [&](int bad, int good, int first) {
     auto updates = flows(Update::MODIFY, 100'000, bad);
     const auto more = flows(Update::INSERT, first, good);
     updates.insert(updates.end(), more.begin(), more.end());
-    EXPECT_EQ(write(controller_.writeRequest(updates)), Code::unknown_);
-    return last_.error_details().empty() ? std::vector<p4::v1::Error>{} : errorsOf(last_);
+    const grpc::Status status = controller_.write(updates);
+    EXPECT_EQ(codeOf(status), Code::unknown_);
+    return status;
   };
-  EXPECT_FALSE(errorsFor(10, 50, 0).front().message().empty());
-  auto errors = errorsFor(150, 0, 0);
+  EXPECT_FALSE(errorsOf(statusFor(10, 50, 0)).front().message().empty());
+  const auto errors = errorsOf(statusFor(150, 0, 0));
   ASSERT_EQ(errors.size(), 150U);
   EXPECT_TRUE(errors.front().message().empty());
   EXPECT_EQ(static_cast<Code>(errors.front().canonical_code()), Code::notFound_);
-  errors = errorsFor(1, 220, 1000);
-  EXPECT_EQ(errors.size(), 221U);
-  EXPECT_THAT(errorsFor(300, 0, 0), IsEmpty());
-  EXPECT_THAT(last_.error_message(), HasSubstr("too long to send"));
+  EXPECT_EQ(errorsOf(statusFor(1, 220, 1000)).size(), 221U);
+  const grpc::Status cut = statusFor(300, 0, 0);
+  EXPECT_THAT(cut.error_details(), IsEmpty());
+  EXPECT_THAT(cut.error_message(), HasSubstr("too long to send"));
   controller_.claim();
   EXPECT_EQ(controller_.standing(), "primary 1") << "the connection lives";
 
-  TestServer generous{{.service = {.mostErrorDetails = 1 << 20}}};
+  Program generous{{"--max-error-details", "1048576"}};
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_MAX_METADATA_SIZE, 1 << 21);
   Controller patient{generous, {1}, {}, arguments};
-  patient.claim();
-  EXPECT_EQ(patient.standing(), "primary 1");
-  ASSERT_EQ(codeOf(patient.setPipeline()), Code::ok_);
+  patient.takeOver();
   const auto all = errorsOf(patient.write(flows(Update::MODIFY, 0, 3000)));
   ASSERT_EQ(all.size(), 3000U);
   EXPECT_FALSE(all.back().message().empty());

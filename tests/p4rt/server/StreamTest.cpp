@@ -1,75 +1,72 @@
 // StreamChannel: who is told what, and what ends a stream.
-
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "tests/p4rt/server/TestServer.h"
+#include "p4rt/core/Arbitration.h"
+#include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
 namespace {
 
-using testing::HasSubstr;
+class StreamTest : public testing::Test {
+ protected:
+  Program program_;
+};
 
-TEST(StreamTest, ThreeControllersLoseAndRegainThePrimary) {
-  const TestServer server;
-  Controller first{server, {10}};
-  Controller second{server, {20}};
-  Controller third{server, {5}};
-  first.claim();
-  EXPECT_EQ(first.standing(), "primary 10");
-  EXPECT_EQ(codeOf(first.setPipeline()), Code::ok_);
-  third.claim();
-  EXPECT_EQ(third.standing(), "backup of 10");
-  second.claim();
-  EXPECT_EQ(second.standing(), "primary 20");
-  EXPECT_EQ(first.standing(), "backup of 20");
-  EXPECT_EQ(third.standing(), "backup of 20");
-
+TEST_F(StreamTest, ThreeControllersLoseAndRegainThePrimary) {
+  Controller first{program_, {10}};
+  Controller second{program_, {20}};
+  Controller third{program_, {5}};
+  first.takeOver();
+  // Who claims with which id, and what each hears of it.
+  struct Step {
+    Controller& who;
+    std::optional<Id> id;
+    std::vector<std::pair<Controller*, std::string>> heard;
+  };
+  const auto play = [](const std::vector<Step>& steps) {
+    for (const Step& step : steps) {
+      step.who.claim(step.id);
+      for (const auto& [listener, notice] : step.heard) {
+        EXPECT_EQ(listener->standing(), notice);
+      }
+    }
+  };
+  play({{third, Id{5}, {{&third, "backup of 10"}}},
+        {second,
+         Id{20},
+         {{&second, "primary 20"}, {&first, "backup of 20"}, {&third, "backup of 20"}}}});
   EXPECT_EQ(codeOf(first.write(flows(Update::INSERT, 1, 1))), Code::permissionDenied_);
   EXPECT_EQ(codeOf(second.write(flows(Update::INSERT, 1, 1))), Code::ok_);
-  EXPECT_EQ(third.entries(), 1U) << "anybody may read";
+  EXPECT_EQ(third.entries().size(), 1U) << "anybody may read";
 
   second.leave();
   EXPECT_EQ(first.standing(), "no primary 20");
   EXPECT_EQ(third.standing(), "no primary 20");
   EXPECT_EQ(codeOf(second.write(flows(Update::DELETE, 1, 1))), Code::permissionDenied_);
-  first.claim();
-  EXPECT_EQ(first.standing(), "no primary 20") << "its id is below the highest ever";
-  third.claim(Id{20});
-  EXPECT_EQ(third.standing(), "primary 20");
-  EXPECT_EQ(first.standing(), "backup of 20");
-  third.claim(Id{7});
-  EXPECT_EQ(third.standing(), "no primary 20");
-  EXPECT_EQ(first.standing(), "no primary 20");
-  third.claim(std::nullopt);
-  EXPECT_EQ(third.standing(), "no primary 20");
+  // An id below the highest ever makes no primary.
+  play({{first, Id{10}, {{&first, "no primary 20"}}},
+        {third, Id{20}, {{&third, "primary 20"}, {&first, "backup of 20"}}},
+        {third, Id{7}, {{&third, "no primary 20"}, {&first, "no primary 20"}}},
+        {third, std::nullopt, {{&third, "no primary 20"}}},
+        {third, Id{3, 1}, {{&third, "primary 1:3"}, {&first, "backup of 1:3"}}}});
 }
 
-TEST(StreamTest, RolesAreRealmsOfTheirOwnWithFullAccess) {
-  const TestServer server;
-  Controller plain{server, {1}};
-  Controller named{server, {1}, "sdn"};
-  EXPECT_EQ(codeOf(named.write({})), Code::notFound_) << "nobody has asked for that role";
-  plain.claim();
+TEST_F(StreamTest, RolesAreRealmsOfTheirOwnWithFullAccess) {
+  Controller plain{program_, {1}};
+  Controller named{program_, {1}, "sdn"};
+  EXPECT_EQ(codeOf(named.write(flows(Update::INSERT, 1, 1))), Code::notFound_)
+      << "nobody has asked for that role";
+  plain.takeOver();
   named.claim();
-  EXPECT_EQ(plain.standing(), "primary 1");
   EXPECT_EQ(named.standing(), "primary 1");
-  EXPECT_EQ(codeOf(plain.setPipeline()), Code::ok_);
   EXPECT_EQ(codeOf(named.write(flows(Update::INSERT, 1, 2))), Code::ok_);
   EXPECT_EQ(codeOf(plain.write(flows(Update::DELETE, 1, 1))), Code::ok_);
-  EXPECT_EQ(named.entries(), 1U);
+  EXPECT_EQ(named.entries().size(), 1U);
 }
 
-TEST(StreamTest, SaysWhyItEndsAStream) {
-  const TestServer server;
-  Controller primary{server, {3}};
-  primary.claim();
-  EXPECT_EQ(primary.standing(), "primary 3");
+TEST_F(StreamTest, SaysWhyItEndsAStream) {
+  Controller primary{program_, {3}};
+  primary.takeOver();
   const auto endOf = [&](const p4::v1::StreamMessageRequest& message) {
-    Controller other{server};
+    Controller other{program_};
     other.say(message);
     EXPECT_FALSE(other.hear());
     const grpc::Status end = other.end();
@@ -77,80 +74,78 @@ TEST(StreamTest, SaysWhyItEndsAStream) {
     return codeOf(end);
   };
   p4::v1::StreamMessageRequest message;
-  message.mutable_arbitration()->set_device_id(2);
+  auto& claim = *message.mutable_arbitration();
+  claim.set_device_id(2);
   EXPECT_EQ(endOf(message), Code::notFound_);
-  message.mutable_arbitration()->set_device_id(1);
-  message.mutable_arbitration()->mutable_election_id()->set_low(3);
+  claim.set_device_id(1);
+  claim.mutable_election_id()->set_low(3);
   EXPECT_EQ(endOf(message), Code::invalidArgument_) << "in use";
-  message.mutable_arbitration()->mutable_election_id()->set_low(2);
-  message.mutable_arbitration()->mutable_role()->mutable_config();
+  claim.mutable_election_id()->set_low(2);
+  claim.mutable_role()->mutable_config();
   EXPECT_EQ(endOf(message), Code::invalidArgument_) << "no role configuration";
 
-  Controller backup{server, {2}};
+  Controller backup{program_, {2}};
   backup.claim();
   EXPECT_EQ(backup.standing(), "backup of 3");
-  message.mutable_arbitration()->mutable_role()->clear_config();
-  message.mutable_arbitration()->mutable_role()->set_name("another");
+  claim.mutable_role()->clear_config();
+  claim.mutable_role()->set_name("another");
   primary.say(message);
   EXPECT_EQ(primary.standing(), "end 9");
   EXPECT_EQ(backup.standing(), "no primary 3");
 }
 
-TEST(StreamTest, AnswersWhatIsNoArbitrationWithAnErrorThatNamesIt) {
-  const TestServer server;
-  Controller primary{server};
-  primary.claim();
-  EXPECT_EQ(primary.standing(), "primary 1");
-  const auto errorOf = [](Controller& controller, const p4::v1::StreamMessageRequest& message) {
+TEST_F(StreamTest, AnswersWhatIsNoArbitrationWithAnErrorThatNamesIt) {
+  Controller primary{program_};
+  primary.takeOver();
+  const auto errorOf = [](Controller& controller, const p4::v1::StreamMessageRequest& message,
+                          Code code) {
     controller.say(message);
-    const auto answer = controller.hear();
-    return answer ? answer->error() : p4::v1::StreamError{};
+    const auto error = controller.hear().value_or(Controller::Response{}).error();
+    EXPECT_EQ(static_cast<Code>(error.canonical_code()), code);
+    return error;
   };
   p4::v1::StreamMessageRequest message;
   message.mutable_packet()->set_payload("abc");
-  auto error = errorOf(primary, message);
-  EXPECT_EQ(static_cast<Code>(error.canonical_code()), Code::unimplemented_);
-  EXPECT_EQ(error.packet_out().packet_out().payload(), "abc");
-  Controller stranger{server};
-  error = errorOf(stranger, message);
-  EXPECT_EQ(static_cast<Code>(error.canonical_code()), Code::permissionDenied_);
+  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_).packet_out().packet_out().payload(),
+            "abc");
+  Controller stranger{program_};
+  errorOf(stranger, message, Code::permissionDenied_);
   message.mutable_digest_ack()->set_digest_id(7);
-  EXPECT_EQ(errorOf(primary, message).digest_list_ack().digest_list_ack().digest_id(), 7U);
+  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_)
+                .digest_list_ack()
+                .digest_list_ack()
+                .digest_id(),
+            7U);
   message.mutable_other()->set_type_url("any");
-  EXPECT_EQ(errorOf(primary, message).other().other().type_url(), "any");
-  error = errorOf(primary, {});
-  EXPECT_EQ(static_cast<Code>(error.canonical_code()), Code::invalidArgument_);
-  EXPECT_EQ(codeOf(primary.setPipeline()), Code::ok_) << "still the primary";
+  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_).other().other().type_url(), "any");
+  errorOf(primary, {}, Code::invalidArgument_);
+  EXPECT_EQ(codeOf(primary.set(pipelineRequest())), Code::ok_) << "still the primary";
 }
 
-TEST(StreamTest, ANewPrimaryIsToldWhenTheWritesOfTheOldOneAreThrough) {
-  TestServer server;
-  Controller old{server, {1}};
-  old.claim();
-  EXPECT_EQ(old.standing(), "primary 1");
-  ASSERT_EQ(codeOf(old.setPipeline()), Code::ok_);
-  server.automaticIs(false);
+TEST_F(StreamTest, ANewPrimaryIsToldWhenTheWritesOfTheOldOneAreThrough) {
+  Controller old{program_, {1}};
+  old.takeOver();
+  program_.automaticIs(false);
   auto written = old.writeLater(flows(Update::INSERT, 1, 3));
-  server.awaitEntries(3);
-  Controller next{server, {2}};
+  program_.awaitEntries(3);
+  Controller next{program_, {2}};
   next.claim();
   EXPECT_EQ(old.standing(), "backup of 2");
   EXPECT_EQ(codeOf(old.write(flows(Update::INSERT, 5, 1))), Code::permissionDenied_);
   EXPECT_EQ(codeOf(next.write(flows(Update::INSERT, 5, 1))), Code::permissionDenied_);
-  server.automaticIs(true);
+  program_.automaticIs(true);
   EXPECT_EQ(codeOf(written.get()), Code::ok_);
   EXPECT_EQ(next.standing(), "primary 2");
   EXPECT_EQ(codeOf(next.write(flows(Update::INSERT, 5, 1))), Code::ok_);
-  EXPECT_EQ(next.entries(), 4U);
+  EXPECT_EQ(next.entries().size(), 4U);
 }
 
-TEST(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
-  const TestServer server;
+TEST_F(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
   std::vector<std::unique_ptr<Controller>> flood;
   std::size_t served = 0;
   std::size_t refused = 0;
   for (std::uint64_t id = 1; id <= P4rt::Arbitration::mostStreams + 20; ++id) {
-    auto& controller = *flood.emplace_back(std::make_unique<Controller>(server, Id{id}));
+    auto& controller = *flood.emplace_back(std::make_unique<Controller>(program_, Id{id}));
     controller.claim();
     const std::string standing = controller.standing();
     served += standing.starts_with("primary") ? 1U : 0U;
@@ -161,25 +156,24 @@ TEST(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
   flood.clear();
   std::string standing;
   for (int attempt = 0; attempt < 100 && !standing.starts_with("primary"); ++attempt) {
-    Controller late{server, {10'000}};
+    Controller late{program_, {10'000}};
     late.claim();
     standing = late.standing();
   }
   EXPECT_EQ(standing, "primary 10000");
 }
 
-TEST(StreamTest, AControllerThatTakesNothingIsCutOffAndTheOthersAreServed) {
-  const TestServer server;
+TEST_F(StreamTest, AControllerThatTakesNothingIsCutOffAndTheOthersAreServed) {
   // It leaves the notices where they are, and its system does not buffer many.
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
-  Controller deaf{server, {1}, {}, arguments};
+  Controller deaf{program_, {1}, {}, arguments};
   deaf.claim();
   EXPECT_EQ(deaf.standing(), "primary 1");
   // Each change of the primary's id is a notice to it.
-  Controller lively{server, {2}};
+  Controller lively{program_, {2}};
   const auto cutOff = [&] {
-    Controller heir{server, {1}};
+    Controller heir{program_, {1}};
     heir.claim();
     return heir.standing().starts_with("backup");  // the id of the deaf one is free
   };

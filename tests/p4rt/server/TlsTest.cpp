@@ -1,13 +1,8 @@
 // TLS: who is let in.
-
 #include <cstdlib>
 #include <filesystem>
-#include <string>
 
-#include <gtest/gtest.h>
-
-#include "p4rt/server/Files.h"
-#include "tests/p4rt/server/TestServer.h"
+#include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
 namespace {
@@ -29,7 +24,7 @@ class Certificates {
 
   [[nodiscard]] std::string file(const std::string& name) const { return folder_ / name; }
   [[nodiscard]] std::string text(const std::string& name) const {
-    return P4rt::contentOf(file(name));
+    return CliTest::contentOf(file(name));
   }
 
  private:
@@ -58,9 +53,8 @@ class Certificates {
 
 TEST(TlsTest, LetsInWhoKnowsTheServerAndWithAClientRootWhoIsKnownToIt) {
   const Certificates files;
-  const auto standingAt = [](const TestServer& server,
-                             std::shared_ptr<grpc::ChannelCredentials> credentials) {
-    Controller controller{server.address(), {1}, std::move(credentials)};
+  const auto standingAt = [](const Program& program, const Controller::Credentials& credentials) {
+    Controller controller{program, {1}, {}, {}, credentials};
     controller.claim();
     return controller.standing();
   };
@@ -74,16 +68,14 @@ TEST(TlsTest, LetsInWhoKnowsTheServerAndWithAClientRootWhoIsKnownToIt) {
     return grpc::SslCredentials(options);
   };
   const std::string notServed = "end 14";
-
-  P4rt::TlsFiles own{files.text("server.crt"), files.text("server.key"), {}};
-  {
-    const TestServer open{{.tls = own}};
-    EXPECT_EQ(standingAt(open, tls("root")), "primary 1");
-    EXPECT_EQ(standingAt(open, tls("stranger")), notServed);
-    EXPECT_EQ(standingAt(open, grpc::InsecureChannelCredentials()), notServed);
-  }
-  own.clientRoots = files.text("root.crt");
-  const TestServer closed{{.tls = own}};
+  CliTest::Arguments options{"--tls-cert", files.file("server.crt"), "--tls-key",
+                             files.file("server.key")};
+  const Program open{options};
+  EXPECT_EQ(standingAt(open, tls("root")), "primary 1");
+  EXPECT_EQ(standingAt(open, tls("stranger")), notServed);
+  EXPECT_EQ(standingAt(open, grpc::InsecureChannelCredentials()), notServed);
+  options.insert(options.end(), {"--client-ca", files.file("root.crt")});
+  const Program closed{options};
   EXPECT_EQ(standingAt(closed, tls("root", "client")), "primary 1");
   EXPECT_EQ(standingAt(closed, tls("root")), notServed);
   EXPECT_EQ(standingAt(closed, tls("root", "stranger")), notServed);

@@ -1,4 +1,4 @@
-#include "tests/p4rt/server/TestServer.h"
+#include "tests/p4rt/server/TestProgram.h"
 
 #include <utility>
 
@@ -14,94 +14,46 @@ void idIs(Message& message, const Id& id) {
   message.mutable_election_id()->set_low(id.low);
 }
 
+CliTest::Arguments withDefaults(CliTest::Arguments more) {
+  more.insert(more.begin(),
+              {"--console", "--json", "--listen", "127.0.0.1:0", "--config", OSTRA_TOPOLOGY});
+  return more;
+}
+
 }  // namespace
 
 // The server.
 
-TestServer::TestServer(Options options) {
-  std::promise<Switch*> ready;
-  thread_ = std::thread{[&] { run(options, ready); }};
-  switch_ = ready.get_future().get();
+Program::Program(CliTest::Arguments more)
+    : process{OSTRA_P4RT_PROGRAM, withDefaults(std::move(more))},
+      greeting(CliTest::Json::parse(process.readUntil("\n"))) {}
+
+std::string Program::type(const std::string& command) {
+  process.write(command + "\necho end-of-output\n");
+  const std::string end = "{\"type\":\"echo\",\"text\":\"end-of-output\"}\n";
+  std::string output = process.readUntil(end);
+  return output.substr(0, output.size() - end.size());
 }
 
-void TestServer::run(const Options& options, std::promise<Switch*>& ready) {
-  Sim::Service service;
-  Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
-  service.start();
-  for (std::uint32_t port = 1; port <= 8; ++port) {
-    service.portIs(port, Interface::IntfId{"Ethernet" + std::to_string(port)});
+void Program::awaitEntries(std::size_t count) {
+  for (std::size_t stored = count + 1; stored != count && !testing::Test::HasFailure();) {
+    stored = 0;
+    const auto shown = CliTest::Json::parse(type("show entries"));
+    for (const auto& table : shown["tables"]) {
+      stored += table["entries"].size();
+    }
   }
-  P4rt::Loop loop;
-  P4rt::Engine engine{service, loop, {.writeTimeout = options.writeTimeout}};
-  P4rt::Server server{loop,
-                      engine,
-                      {.address = P4rt::ListenAddress{"127.0.0.1:0"},
-                       .service = options.service,
-                       .tls = options.tls}};
-  address_ = "127.0.0.1:" + std::to_string(server.port());
-  Switch everything{service, agent, engine, server, loop};
-  ready.set_value(&everything);
-  loop.run();
-  engine.verify();
-  service.verify();
-  agent.verify();
-}
-
-TestServer::~TestServer() {
-  if (thread_.joinable()) {
-    shutDown();
-  }
-}
-
-void TestServer::with(const std::function<void(Switch&)>& work) {
-  std::promise<void> done;
-  switch_->loop.post([&] {
-    work(*switch_);
-    done.set_value();
-  });
-  done.get_future().get();
-}
-
-void TestServer::automaticIs(bool automatic) {
-  with([&](Switch& has) {
-    has.agent.automaticIs(automatic);
-    Sim::Service::settle();
-  });
-}
-
-void TestServer::awaitEntries(std::size_t count) {
-  for (std::size_t stored = count + 1; stored != count;) {
-    with([&](Switch& has) {
-      stored = 0;
-      for (const Sim::TableView& table : has.service.entries()) {
-        stored += table.entries.size();
-      }
-    });
-  }
-}
-
-void TestServer::shutDown() {
-  switch_->loop.post([has = switch_] { has->server.shutDown([has] { has->loop.stop(); }); });
-  thread_.join();
 }
 
 // A controller.
 
-Controller::Controller(const TestServer& server, Id id, std::string role,
-                       grpc::ChannelArguments arguments)
+Controller::Controller(const Program& program, Id id, std::string role,
+                       grpc::ChannelArguments arguments, const Credentials& credentials)
     : id_{id}, role_{std::move(role)} {
-  // Each has a connection of its own.
-  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-  channel_ =
-      grpc::CreateCustomChannel(server.address(), grpc::InsecureChannelCredentials(), arguments);
-  stub_ = p4::v1::P4Runtime::NewStub(channel_);
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);  // a connection of its own
+  stub_ = p4::v1::P4Runtime::NewStub(
+      grpc::CreateCustomChannel(program.address(), credentials, arguments));
 }
-
-Controller::Controller(const std::string& address, Id id,
-                       std::shared_ptr<grpc::ChannelCredentials> credentials)
-    : id_{id},
-      channel_{grpc::CreateChannel(address, credentials)},
-      stub_{p4::v1::P4Runtime::NewStub(channel_)} {}
 
 void Controller::say(const p4::v1::StreamMessageRequest& message) {
   if (stream_ == nullptr) {
@@ -136,8 +88,12 @@ std::string Controller::standing() {
   const auto& notice = message->arbitration();
   EXPECT_EQ(notice.device_id(), 1U);
   EXPECT_EQ(notice.role().name(), role_);
-  const std::string highest =
-      notice.has_election_id() ? " " + std::to_string(notice.election_id().low()) : "";
+  std::string highest;
+  if (notice.has_election_id()) {
+    const auto& id = notice.election_id();
+    highest =
+        (id.high() == 0 ? " " : " " + std::to_string(id.high()) + ":") + std::to_string(id.low());
+  }
   switch (static_cast<Code>(notice.status().code())) {
     case Code::ok_:
       return "primary" + highest;
@@ -163,6 +119,12 @@ void Controller::leave() {
   }
 }
 
+void Controller::takeOver() {
+  claim();
+  EXPECT_EQ(standing(), "primary " + std::to_string(id_.low));
+  EXPECT_EQ(codeOf(set(pipelineRequest(id_))), Code::ok_);
+}
+
 p4::v1::WriteRequest Controller::writeRequest(const std::vector<Update>& updates) const {
   p4::v1::WriteRequest request;
   request.set_device_id(1);
@@ -172,41 +134,34 @@ p4::v1::WriteRequest Controller::writeRequest(const std::vector<Update>& updates
   return request;
 }
 
-grpc::Status Controller::write(const std::vector<Update>& updates,
+grpc::Status Controller::write(const p4::v1::WriteRequest& request,
                                std::chrono::milliseconds patience) {
   const auto context = newContext(patience);
   p4::v1::WriteResponse response;
-  return stub_->Write(context.get(), writeRequest(updates), &response);
+  return stub_->Write(context.get(), request, &response);
 }
 
 std::future<grpc::Status> Controller::writeLater(const std::vector<Update>& updates) {
   return std::async(std::launch::async, [this, updates] { return write(updates); });
 }
 
-grpc::Status Controller::setPipeline() {
+grpc::Status Controller::set(const p4::v1::SetForwardingPipelineConfigRequest& request) {
   const auto context = newContext();
   p4::v1::SetForwardingPipelineConfigResponse response;
-  return stub_->SetForwardingPipelineConfig(context.get(), pipelineRequest(id_), &response);
+  return stub_->SetForwardingPipelineConfig(context.get(), request, &response);
 }
 
-grpc::Status Controller::read(std::vector<p4::v1::TableEntry>& entries) {
-  p4::v1::ReadRequest request;
-  request.set_device_id(1);
-  request.add_entities()->mutable_table_entry();
+std::vector<p4::v1::TableEntry> Controller::entries() {
+  std::vector<p4::v1::TableEntry> entries;
   const auto context = newContext();
-  const auto reader = stub_->Read(context.get(), request);
+  const auto reader = stub_->Read(context.get(), readRequest());
   for (p4::v1::ReadResponse response; reader->Read(&response);) {
     for (const p4::v1::Entity& entity : response.entities()) {
       entries.push_back(entity.table_entry());
     }
   }
-  return reader->Finish();
-}
-
-std::size_t Controller::entries() {
-  std::vector<p4::v1::TableEntry> entries;
-  EXPECT_EQ(codeOf(read(entries)), Code::ok_);
-  return entries.size();
+  EXPECT_EQ(codeOf(reader->Finish()), Code::ok_);
+  return entries;
 }
 
 // Messages.
@@ -217,17 +172,23 @@ std::unique_ptr<grpc::ClientContext> newContext(std::chrono::milliseconds patien
   return context;
 }
 
-Update flow(Update::Type type, std::uint32_t number, std::uint32_t port) {
-  const std::string action = type == Update::DELETE ? "" : forward(static_cast<int>(port));
-  return update(type, acl(static_cast<int>(number), action));
+Update flow(Update::Type type, int number, int port) {
+  return update(type, acl(number, type == Update::DELETE ? "" : forward(port)));
 }
 
-std::vector<Update> flows(Update::Type type, std::uint32_t first, std::uint32_t count) {
+std::vector<Update> flows(Update::Type type, int first, int count) {
   std::vector<Update> updates;
-  for (std::uint32_t number = first; number < first + count; ++number) {
+  for (int number = first; number < first + count; ++number) {
     updates.push_back(flow(type, number));
   }
   return updates;
+}
+
+p4::v1::ReadRequest readRequest() {
+  p4::v1::ReadRequest request;
+  request.set_device_id(1);
+  request.add_entities()->mutable_table_entry();
+  return request;
 }
 
 p4::v1::SetForwardingPipelineConfigRequest pipelineRequest(Id id) {
