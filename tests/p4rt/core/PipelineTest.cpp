@@ -2,7 +2,6 @@
 // filter.
 
 #include "EngineFixture.h"
-#include "tests/UniqueName.h"
 
 namespace P4rtTest {
 namespace {
@@ -12,155 +11,108 @@ using p4::config::v1::P4Info;
 using p4::config::v1::Table;
 using testing::HasSubstr;
 
-class PipelineTest : public EngineTest {
- protected:
-  using EngineTest::EngineTest;
-};
+class PipelineTest : public EngineTest {};
 
-using Edit = std::function<void(P4Info&)>;
+// The shipped P4Info with the first of each of these texts replaced.
+P4Info edited(const std::vector<std::pair<std::string, std::string>>& edits) {
+  std::ifstream file{OSTRA_P4INFO};
+  std::string text{std::istreambuf_iterator<char>{file}, {}};
+  std::replace(text.begin(), text.end(), '"', '\'');
+  for (const auto& [from, to] : edits) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    text.replace(at, from.size(), to);
+  }
+  return parse<P4Info>(text);
+}
+
 struct BadInfo {
   std::string reason;
-  Edit edit;
+  std::string from;
+  std::string to;
 };
 
-// Edits of one table, field, parameter or annotation of the shipped P4Info.
-Edit inTable(int at, const std::function<void(p4::config::v1::Table&)>& edit) {
-  return [=](P4Info& info) { edit(*info.mutable_tables(at)); };
-}
-Edit inField(int at, const std::function<void(MatchField&)>& edit) {
-  return inTable(0, [=](auto& table) { edit(*table.mutable_match_fields(at)); });
-}
-Edit inParam(int action, const std::function<void(p4::config::v1::Action::Param&)>& edit) {
-  return [=](P4Info& info) { edit(*info.mutable_actions(action)->mutable_params(0)); };
-}
-Edit inFlag(int action, const std::string& word) {
-  return [=](P4Info& info) {
-    info.mutable_actions(action)
-        ->mutable_preamble()
-        ->mutable_structured_annotations(0)
-        ->mutable_expression_list()
-        ->mutable_expressions(0)
-        ->set_string_value(word);
-  };
-}
-Edit inPlacement(int at, const std::function<void(p4::config::v1::KeyValuePair&)>& edit,
-                 int table = 1) {
-  return inTable(table, [=](auto& placed) {
-    auto& annotation = *placed.mutable_preamble()->mutable_structured_annotations(0);
-    edit(*annotation.mutable_kv_pair_list()->mutable_kv_pairs(at));
-  });
-}
-Edit placed(int at, std::int64_t value, int table = 1) {
-  return inPlacement(
-      at, [=](auto& p) { p.mutable_value()->set_int64_value(value); }, table);
-}
-template <class Object>
-Edit inPreamble(Object object, std::uint32_t id) {
-  return [=](P4Info& info) { object(info)->mutable_preamble()->set_id(id); };
-}
-Edit withParam(int action, const std::string& name, int width) {
-  return [=](P4Info& info) {
-    auto& added = *info.mutable_actions(action)->add_params();
-    added.set_id(5);
-    added.set_name(name);
-    added.set_bitwidth(width);
-  };
-}
+const std::string table1 = "key: 'table' value { int64_value: 1 }";
+const std::string size = "  size: 65536";
+const std::string end = "type_info {";
 
-Edit refers(int at, std::uint32_t action) {
-  return inTable(at, [=](Table& t) { t.mutable_action_refs(0)->set_id(action); });
-}
-
-std::vector<BadInfo> badTables() {
-  return {
-      {"upper byte is not 2", inTable(0, [](Table& t) { t.mutable_preamble()->set_id(1); })},
-      {"no annotation @ostra",
-       inTable(0, [](Table& t) { t.mutable_preamble()->clear_structured_annotations(); })},
-      {"'table' from 0 to 14", placed(0, 15)},
-      {"'table' from 0 to 14", inPlacement(0, [](auto& p) { p.mutable_value()->clear_value(); })},
-      {"'type' from 0 to 1", placed(1, 2)},
-      {"'priority_group' from 0", placed(2, -1)},
-      {"unknown key 'tabel'", inPlacement(0, [](auto& p) { p.set_key("tabel"); })},
-      {"does not say which flow table", inPlacement(0, [](auto& p) { p.set_key("type"); })},
-      {"are both flow table 0", placed(0, 0)},
-      {"none that the switch knows", inField(0, [](auto& f) { f.set_name("hdr.foo"); })},
-      {"has 32 bits", inField(0, [](auto& f) { f.set_bitwidth(9); })},
-      {"takes no mask", inField(0, [](auto& f) { f.set_match_type(MatchField::TERNARY); })},
-      {"neither TERNARY", inField(7, [](auto& f) { f.set_match_type(MatchField::LPM); })},
-      {"has no id", inField(0, [](auto& f) { f.set_id(0); })},
-      {"comes twice", inField(0, [](auto& f) { f.set_id(2); })},
-      {"comes twice", inField(0, [](auto& f) { f.set_name("egress_port"); })},
-      {"entries of its own", inTable(0, [](Table& t) { t.set_is_const_table(true); })},
-      {"idle timeouts",
-       inTable(0, [](Table& t) { t.set_idle_timeout_behavior(Table::NOTIFY_CONTROL); })},
-      {"negative size", inTable(0, [](Table& t) { t.set_size(-1); })},
-      {"no counter of it", inTable(0, [](Table& t) { t.set_direct_resource_ids(0, 0x13000002); })},
-      {"names action", refers(0, 0x01000099)},
-      {"names action", refers(0, 0x01000003)},
-      {"it has no action profile", refers(0, 0x0100000e)},
-      {"its actions are next hops", refers(2, 0x01000003)},
-      {"its actions are next hops", refers(2, 0x01000002)},
-      {"default action that does something",
-       inTable(0, [](Table& t) { t.set_const_default_action_id(0x01000002); })},
-      {"names an action profile that does not name it",
-       inTable(0, [](Table& t) { t.set_implementation_id(profileId); })},
-  };
-}
-
-std::vector<BadInfo> badRest() {
-  return {
-      {"upper byte is not 1", inPreamble([](P4Info& i) { return i.mutable_actions(0); }, 1)},
-      {"upper byte is not 17",
-       inPreamble([](P4Info& i) { return i.mutable_action_profiles(0); }, 1)},
-      {"upper byte is not 19",
-       inPreamble([](P4Info& i) { return i.mutable_direct_counters(0); }, 1)},
-      {"shares its id", inPreamble([](P4Info& i) { return i.mutable_actions(0); }, 0x01000002)},
-      {"none that the switch knows", inParam(2, [](auto& p) { p.set_name("port_out"); })},
-      {"has 24 bits", inParam(3, [](auto& p) { p.set_bitwidth(25); })},
-      {"has no id", inParam(3, [](auto& p) { p.set_id(0); })},
-      {"'ingress.police' comes twice", inParam(11, [](auto& p) { p.set_name("policer_burst"); })},
-      {"is a string", [](P4Info& i) { i.clear_type_info(); }},
-      {"is a number", inParam(2, [](auto& p) { p.mutable_type_name()->set_name("interface_t"); })},
-      {"unknown flag 'drip'", inFlag(1, "drip")},
-      {"and no policer", inFlag(1, "drop_green")},
-      {"both 'policer_rate'",
-       [](P4Info& i) { i.mutable_actions(11)->mutable_params()->RemoveLast(); }},
-      {"mixes", withParam(13, "vrf_id", 24)},
-      {"nothing else", withParam(7, "output_port", 32)},
-      {"indirect counters are not offered", [](P4Info& i) { i.add_counters(); }},
-      {"meters are not offered", [](P4Info& i) { i.add_meters(); }},
-      {"direct meters are not offered", [](P4Info& i) { i.add_direct_meters(); }},
-      {"packets", [](P4Info& i) { i.add_controller_packet_metadata(); }},
-      {"value sets", [](P4Info& i) { i.add_value_sets(); }},
-      {"registers", [](P4Info& i) { i.add_registers(); }},
-      {"digests", [](P4Info& i) { i.add_digests(); }},
-      {"externs", [](P4Info& i) { i.add_externs(); }},
-      {"does not name it", [](P4Info& i) { i.mutable_action_profiles(0)->add_table_ids(aclId); }},
-      {"one action profile", [](P4Info& i) { i.add_action_profiles(); }},
-      {"at most 1024", [](P4Info& i) { i.mutable_action_profiles(0)->set_max_group_size(1025); }},
-      {"and there is none",
-       [](P4Info& i) {
-         i.clear_action_profiles();
-         i.mutable_tables()->DeleteSubrange(2, 1);
-       }},
-  };
-}
+const std::vector<BadInfo> badInfos{
+    {"upper byte is not 2", "0x02000001 name", "1 name"},
+    {"no annotation @ostra", "{ name: 'ostra' kv_pair_list", "{ name: 'other' kv_pair_list"},
+    {"'table' from 0 to 14", table1, "key: 'table' value { int64_value: 15 }"},
+    {"'table' from 0 to 14", table1, "key: 'table' value {}"},
+    {"'type' from 0 to 1", "'type' value { int64_value: 1 }", "'type' value { int64_value: 2 }"},
+    {"'priority_group' from 0", "'priority_group' value { int64_value: 0 }",
+     "'priority_group' value { int64_value: -1 }"},
+    {"unknown key 'tabel'", "key: 'table'", "key: 'tabel'"},
+    {"does not say which flow table", "key: 'table'", "key: 'type'"},
+    {"are both flow table 0", table1, "key: 'table' value { int64_value: 0 }"},
+    {"none that the switch knows", "'ingress_port'", "'hdr.foo'"},
+    {"has 32 bits", "'ingress_port' bitwidth: 32", "'ingress_port' bitwidth: 9"},
+    {"has 32 bits", "'ingress_port' bitwidth: 32", "'ingress_port' bitwidth: 33"},
+    {"takes no mask", "match_type: OPTIONAL", "match_type: TERNARY"},
+    {"neither TERNARY", "match_type: TERNARY", "match_type: LPM"},
+    {"has no id", "match_fields { id: 1 ", "match_fields { "},
+    {"comes twice", "{ id: 1 name: 'ingress_port'", "{ id: 2 name: 'ingress_port'"},
+    {"comes twice", "'ingress_port'", "'egress_port'"},
+    {"entries of its own", size, "is_const_table: true"},
+    {"idle timeouts", size, "idle_timeout_behavior: NOTIFY_CONTROL"},
+    {"negative size", size, "size: -1"},
+    {"no counter of it", "direct_resource_ids: 0x13000001", "direct_resource_ids: 0x13000002"},
+    {"names action", "action_refs { id: 0x01000002", "action_refs { id: 0x01000099"},
+    {"names action", "action_refs { id: 0x01000002", "action_refs { id: 0x01000003"},
+    {"it has no action profile", "action_refs { id: 0x01000002", "action_refs { id: 0x0100000e"},
+    {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000003"},
+    {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000002"},
+    {"default action that does something", "default_action_id: 0x01000001",
+     "default_action_id: 0x01000002"},
+    {"names an action profile that does not name it", size, "implementation_id: 0x11000001"},
+    {"upper byte is not 1", "0x01000001 name", "1 name"},
+    {"upper byte is not 17", "0x11000001 name", "1 name"},
+    {"upper byte is not 19", "0x13000001 name", "1 name"},
+    {"shares its id", "0x01000001 name", "0x01000002 name"},
+    {"none that the switch knows", "'output_port'", "'port_out'"},
+    {"has 24 bits", "'vrf_id' bitwidth: 24", "'vrf_id' bitwidth: 25"},
+    {"has no id", "params { id: 1 name: 'vrf_id'", "params { name: 'vrf_id'"},
+    {"'ingress.police' comes twice", "'policer_rate'", "'policer_burst'"},
+    {"is a string", "new_types { key: 'interface_t'", "new_types { key: 'other_t'"},
+    {"is a number", "'output_port'", "'output_port' type_name { name: 'interface_t' }"},
+    {"unknown flag 'drip'", "string_value: 'drop'", "string_value: 'drip'"},
+    {"and no policer", "string_value: 'drop'", "string_value: 'drop_green'"},
+    {"both 'policer_rate'", "params { id: 2 name: 'policer_burst' bitwidth: 64 }", ""},
+    {"mixes", "name: 'src_mac' bitwidth: 48", "name: 'vrf_id' bitwidth: 24"},
+    {"nothing else", "params { id: 1 name: 'group_id'",
+     "params { id: 5 name: 'output_port' bitwidth: 32 } params { id: 1 name: 'group_id'"},
+    {"indirect counters are not offered", end, "counters {} type_info {"},
+    {"meters are not offered", end, "meters {} type_info {"},
+    {"direct meters are not offered", end, "direct_meters {} type_info {"},
+    {"packets", end, "controller_packet_metadata {} type_info {"},
+    {"value sets", end, "value_sets {} type_info {"},
+    {"registers", end, "registers {} type_info {"},
+    {"digests", end, "digests {} type_info {"},
+    {"externs", end, "externs {} type_info {"},
+    {"does not name it", "table_ids: 0x02000003", "table_ids: [0x02000003, 0x02000001]"},
+    {"one action profile", end, "action_profiles {} type_info {"},
+    {"at most 1024", "max_group_size: 1024", "max_group_size: 1025"},
+};
 
 TEST_F(PipelineTest, IsRefusedWithAReasonWhenTheSwitchCannotRealizeIt) {
-  for (const auto& list : {badTables(), badRest()}) {
-    for (const BadInfo& bad : list) {
-      P4Info info = shippedP4Info();
-      bad.edit(info);
-      for (const auto action :
-           {SetPipeline::VERIFY, SetPipeline::VERIFY_AND_SAVE, SetPipeline::VERIFY_AND_COMMIT,
-            SetPipeline::RECONCILE_AND_COMMIT}) {
-        const P4rt::RpcStatus status = setPipeline(action, &info);
-        EXPECT_EQ(status.code, P4rt::Code::invalidArgument_) << bad.reason;
-        EXPECT_THAT(status.message, HasSubstr(bad.reason));
-      }
-      EXPECT_FALSE(engine->hasPipeline());
+  const auto expectRefused = [this](const P4Info& info, const std::string& reason) {
+    for (const auto action : {SetPipeline::VERIFY, SetPipeline::VERIFY_AND_SAVE,
+                              SetPipeline::VERIFY_AND_COMMIT, SetPipeline::RECONCILE_AND_COMMIT}) {
+      const P4rt::RpcStatus status = setPipeline(action, &info);
+      EXPECT_EQ(status.code, P4rt::Code::invalidArgument_) << reason;
+      EXPECT_THAT(status.message, HasSubstr(reason));
     }
+    EXPECT_FALSE(engine->hasPipeline());
+  };
+  for (const BadInfo& bad : badInfos) {
+    expectRefused(edited({{bad.from, bad.to}}), bad.reason);
   }
+  P4Info withoutProfile = shippedP4Info();
+  withoutProfile.clear_action_profiles();
+  withoutProfile.mutable_tables()->DeleteSubrange(2, 1);
+  expectRefused(withoutProfile, "and there is none");
   // None of them was saved.
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
 }
@@ -183,39 +135,6 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_SAVE, &info).ok());
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
-}
-
-class KeptPipeline : public PipelineTest {
- protected:
-  KeptPipeline() : PipelineTest{uniqueName("p4rt-pipeline")} {}
-};
-
-TEST_F(KeptPipeline, OutlivesTheProcessCommittedOrSaved) {
-  SetPipeline request;
-  request.set_action(SetPipeline::VERIFY_AND_SAVE);
-  *request.mutable_config()->mutable_p4info() = shippedP4Info();
-  request.mutable_config()->set_p4_device_config(std::string("\0opaque", 7));
-  request.mutable_config()->mutable_cookie()->set_cookie(5);
-  ASSERT_TRUE(setPipeline(request).ok());
-  restart();
-  EXPECT_FALSE(engine->hasPipeline());
-  EXPECT_TRUE(setPipeline(SetPipeline::COMMIT).ok());
-  ASSERT_THAT(write({insert(acl(1, drop())), insert(route(1, oneShot({{nexthop(), 2}})))}),
-              ElementsAre("OK"));
-  const Words written = everything();
-  restart();
-  EXPECT_EQ(configured().DebugString(), request.config().DebugString());
-  EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
-  EXPECT_EQ(everything(), written);
-  inTable(0, [](Table& t) { t.set_size(1); })(*request.mutable_config()->mutable_p4info());
-  request.set_action(SetPipeline::RECONCILE_AND_COMMIT);
-  ASSERT_TRUE(setPipeline(request).ok());
-  EXPECT_THAT(write({remove(acl(1)), insert(route(2, oneShot({{nexthop(), 1}})))}),
-              ElementsAre("OK"));
-  restart();
-  EXPECT_EQ(configured().DebugString(), request.config().DebugString());
-  EXPECT_EQ(everything().size(), 2U);
-  engine->verify();
 }
 
 class Replacing : public PipelineTest {
@@ -253,14 +172,15 @@ TEST_F(Replacing, NothingIsReplacedWhileTheHardwareKeepsWhatIsThere) {
 
 TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   const Words before = everything();
-  P4Info info = shippedP4Info();
-  EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
+  EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &shippedP4Info()).ok());
   EXPECT_EQ(everything(), before);
   // The ACL has no action forward any more, drop means something else, and there is room for one
   // group.
-  inTable(0, [](auto& t) { t.mutable_action_refs()->DeleteSubrange(1, 1); })(info);
-  inFlag(1, "dec_ttl")(info);
-  info.mutable_action_profiles(0)->set_size(3);
+  const std::vector<std::pair<std::string, std::string>> edits{
+      {"action_refs { id: 0x01000003 scope: TABLE_ONLY }", ""},
+      {"string_value: 'drop'", "string_value: 'dec_ttl'"},
+      {"true size: 65536", "true size: 3"}};
+  const P4Info info = edited(edits);
   EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
   const Words after = everything();
   ASSERT_EQ(after.size(), 5U);  // one ACL entry, both members, one group and its route
@@ -275,11 +195,13 @@ TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
   EXPECT_THAT(write({modify(acl(1, drop())), insert(acl(3, forward(1)))}),
               ElementsAre("OK", "INVALID_ARGUMENT"));
   // A table that is now another one keeps nothing.
-  placed(0, 9)(info);
-  placed(0, 1, 0)(info);
-  EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
+  auto moved = edits;
+  moved.push_back({table1, "key: 'table' value { int64_value: 9 }"});
+  moved.push_back({"key: 'table' value { int64_value: 0 }", table1});
+  const P4Info other = edited(moved);
+  EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &other).ok());
   EXPECT_EQ(everything().size(), 4U);
-  EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
+  commitShipped();
   EXPECT_THAT(everything(), IsEmpty());
   EXPECT_EQ(agent->flowsProgrammed() + agent->groupsProgrammed(), 0U);
 }
