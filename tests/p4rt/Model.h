@@ -4,9 +4,8 @@
 
 #include <functional>
 #include <map>
-#include <random>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/p4rt/Entities.h"
@@ -49,7 +48,7 @@ class Model {
 // Updates of few entities, mostly such that the model takes them.
 class RandomUpdates {
  public:
-  explicit RandomUpdates(unsigned seed) : random_{seed} {}
+  explicit RandomUpdates(std::function<unsigned()> random) : random_{std::move(random)} {}
 
   int below(int limit) { return static_cast<int>(random_() % static_cast<unsigned>(limit)); }
   bool oneIn(int chances) { return below(chances) == 0; }
@@ -64,7 +63,7 @@ class RandomUpdates {
   std::string aclAction();
   std::string routeAction(bool oneShots);
 
-  std::mt19937 random_;
+  std::function<unsigned()> random_;
 };
 
 }  // namespace P4rtTest

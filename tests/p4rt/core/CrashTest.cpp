@@ -9,6 +9,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <random>
 
 #include "EngineFixture.h"
 #include "tests/UniqueName.h"
@@ -186,7 +187,7 @@ class P4rtCrash : public EngineTest {
     compare(all ? std::vector{held_} : outcomes(next()));
   }
 
-  RandomUpdates random_{setting("OSTRA_CRASH_SEED", 1)};
+  RandomUpdates random_{std::mt19937{setting("OSTRA_CRASH_SEED", 1)}};
 
  private:
   Held held_;

@@ -7,10 +7,9 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
-#include <map>
+#include <iterator>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -184,6 +183,9 @@ class EngineTest : public testing::Test {
     for (const std::string& filter : filters) {
       *request.add_entities() = parse<p4::v1::Entity>(filter);
     }
+    return read(request);
+  }
+  Answer read(const p4::v1::ReadRequest& request) {
     Answer answer;
     engine->read(
         request,

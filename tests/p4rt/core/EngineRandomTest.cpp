@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <optional>
+#include <random>
 #include <set>
 
 #include "EngineFixture.h"
@@ -94,7 +95,7 @@ class EngineRandom : public Programmed {
     timers.pass(0);
   }
 
-  RandomUpdates random_{1};
+  RandomUpdates random_{std::mt19937{1}};
   Model model_;
   std::set<std::string> seen_;
 };

@@ -1,5 +1,7 @@
 // Table entries, members, groups and one shots: what is taken, what is refused and why, what is
 // read back.
+#include <sstream>
+
 #include "EngineFixture.h"
 
 namespace P4rtTest {

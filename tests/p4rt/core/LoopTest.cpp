@@ -22,11 +22,10 @@ TEST(LoopTest, RunsWhatManyThreadsPostInEachOnesOrderAndNothingOfItTwice) {
   std::vector<std::vector<int>> seen(threads);
   std::atomic<int> running = threads;
   std::vector<std::thread> posters;
-  for (int thread = 0; thread < threads; ++thread) {
-    posters.emplace_back([&, thread] {
+  for (std::vector<int>& own : seen) {
+    posters.emplace_back([&] {
       for (int number = 0; number < each; ++number) {
-        loop.post(
-            [&seen, thread, number] { seen[static_cast<std::size_t>(thread)].push_back(number); });
+        loop.post([&own, number] { own.push_back(number); });
       }
       if (--running == 0) {
         loop.stop();

@@ -122,24 +122,6 @@ TEST_F(StreamTest, AnswersWhatIsNoArbitrationWithAnErrorThatNamesIt) {
   EXPECT_EQ(codeOf(primary.set(pipelineRequest())), Code::ok_) << "still the primary";
 }
 
-TEST_F(StreamTest, ANewPrimaryIsToldWhenTheWritesOfTheOldOneAreThrough) {
-  Controller old{program_, {1}};
-  old.takeOver();
-  program_.automaticIs(false);
-  auto written = old.writeLater(flows(Update::INSERT, 1, 3));
-  program_.awaitEntries(3);
-  Controller next{program_, {2}};
-  next.claim();
-  EXPECT_EQ(old.standing(), "backup of 2");
-  EXPECT_EQ(codeOf(old.write(flows(Update::INSERT, 5, 1))), Code::permissionDenied_);
-  EXPECT_EQ(codeOf(next.write(flows(Update::INSERT, 5, 1))), Code::permissionDenied_);
-  program_.automaticIs(true);
-  EXPECT_EQ(codeOf(written.get()), Code::ok_);
-  EXPECT_EQ(next.standing(), "primary 2");
-  EXPECT_EQ(codeOf(next.write(flows(Update::INSERT, 5, 1))), Code::ok_);
-  EXPECT_EQ(next.entries().size(), 4U);
-}
-
 TEST_F(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
   std::vector<std::unique_ptr<Controller>> flood;
   std::size_t served = 0;

@@ -7,16 +7,24 @@
 namespace P4rtTest {
 namespace {
 
-// Certificates that openssl makes: of a root, and of a server and a client that it has signed.
+// Certificates that openssl makes: of two roots, and of a server and a client that the first of
+// them has signed.
 class Certificates {
  public:
   Certificates() {
     std::string name = std::filesystem::temp_directory_path() / "ostra-tls-XXXXXX";
     folder_ = ::mkdtemp(name.data());
-    root("root");
-    root("stranger");
-    signedByRoot("server", "subjectAltName=IP:127.0.0.1");
-    signedByRoot("client", "subjectAltName=DNS:controller");
+    const std::string script = "set -e; cd '" + folder_.string() + R"('; exec 2>openssl.log
+      new='openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes'
+      for name in root stranger; do
+        $new -x509 -days 2 -subj /CN=$name -keyout $name.key -out $name.crt
+      done
+      for name in server client; do
+        $new -subj /CN=$name -addext subjectAltName=IP:127.0.0.1 -keyout $name.key -out $name.csr
+        openssl x509 -req -days 2 -copy_extensions copy -CA root.crt -CAkey root.key \
+          -CAcreateserial -in $name.csr -out $name.crt
+      done)";
+    EXPECT_EQ(std::system(script.c_str()), 0) << text("openssl.log");
   }
   ~Certificates() { std::filesystem::remove_all(folder_); }
   Certificates(const Certificates&) = delete;
@@ -28,26 +36,6 @@ class Certificates {
   }
 
  private:
-  void openssl(const std::string& arguments) const {
-    const std::string command =
-        "cd '" + folder_.string() + "' && openssl " + arguments + " 2>openssl.log";
-    if (std::system(command.c_str()) != 0) {
-      ADD_FAILURE() << command << "\n" << text("openssl.log");
-    }
-  }
-  void root(const std::string& name) const {
-    openssl("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 -subj /CN=" +
-            name + " -keyout " + name + ".key -out " + name + ".crt");
-  }
-  void signedByRoot(const std::string& name, const std::string& extension) const {
-    openssl("req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj /CN=" + name +
-            " -addext " + extension + " -keyout " + name + ".key -out " + name + ".csr");
-    openssl(
-        "x509 -req -days 2 -copy_extensions copy -CA root.crt -CAkey root.key -CAcreateserial "
-        "-in " +
-        name + ".csr -out " + name + ".crt");
-  }
-
   std::filesystem::path folder_;
 };
 
