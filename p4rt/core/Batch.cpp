@@ -296,6 +296,7 @@ void Batch::undo(const std::vector<Job*>& jobs) {
   for (Job* const job : jobs) {
     if (job->lost) {
       parts_.keeper.drop(job->change);
+      releaseOldHidden(job->change, parts_.store);
     }
     revert(job->change, job->restored, parts_.store);
     if (job->lost) {
@@ -336,7 +337,7 @@ void Batch::takeUndone(Job& job, const Sim::Result& result) {
   // restored too. It is programmed when it is written again.
   if (job.change.kind() == Sim::Kind::flow_ && !wentWell(result)) {
     Writes writes;
-    appendRemoval(job.change, writes);
+    appendRemoval(job.change, parts_.store, writes);
     static_cast<void>(writer_.applyNow(writes));
     job.lost = true;
   }

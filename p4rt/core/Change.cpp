@@ -205,13 +205,17 @@ void appendUndo(const Change& change, Stage stage, bool refused, Store& store, W
       change.what);
 }
 
-void appendRemoval(const Change& change, Writes& writes) {
+void appendRemoval(const Change& change, Store& store, Writes& writes) {
   std::visit(
       [&](const auto& what) {
         appendVrfRelease(what, *what.former, writes);
         writes.push_back(write(Op::delete_, what, *what.former));
       },
       change.what);
+  if (const OneShot* const stale = oneShotsOf(change, store).stale) {
+    appendGroup(*stale, Op::delete_, writes);
+    appendMembers(*stale, Op::delete_, writes);
+  }
 }
 
 bool markRun(const Change& change, std::uint32_t run, Store& store) {

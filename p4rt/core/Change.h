@@ -68,8 +68,9 @@ void appendUndo(const Change& change, Stage stage, bool refused, Store& store, W
 bool markRun(const Change& change, std::uint32_t run, Store& store);
 // Sets the handle of the entity's row.
 void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store);
-// Appends the writes that remove a row which was written to undo a delete, and was refused.
-void appendRemoval(const Change& change, Writes& writes);
+// Appends the writes that remove a row which was written to undo a delete, and was refused, and its
+// one shot.
+void appendRemoval(const Change& change, Store& store, Writes& writes);
 // Releases the hidden ids of the one shot that the change has replaced or deleted.
 // Requires: the change will not be undone.
 void releaseOldHidden(const Change& change, Store& store);

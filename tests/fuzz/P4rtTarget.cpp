@@ -43,7 +43,8 @@ class Source {
     return word;
   }
   std::string text(std::size_t longest) {
-    const std::size_t size = std::min(byte() % (longest + 1), rest_.size());
+    const std::size_t wanted = byte() % (longest + 1);
+    const std::size_t size = std::min(wanted, rest_.size());
     std::string taken{rest_.begin(), rest_.begin() + static_cast<std::ptrdiff_t>(size)};
     rest_ = rest_.subspan(size);
     return taken;

@@ -67,22 +67,37 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
 }
 
 TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
-  ASSERT_THAT(write({insert(acl(1, does(4, {"\\007"}))), insert(member(1))}), ElementsAre("OK"));
-  agent->automaticIs(false);
-  const WriteCall call = begin({remove(acl(1)), remove(member(1)), insert(acl(2, drop()))},
-                               p4::v1::WriteRequest::ROLLBACK_ON_ERROR);
-  runHardware();
-  runHardware();
-  agent->flowCapacityIs(0);
-  agent->groupCapacityIs(0);
-  agent->automaticIs(true);
-  runHardware();
-  ASSERT_TRUE(call->done);
-  EXPECT_THAT(wordsOf(call->status), ElementsAre("ABORTED", "ABORTED", "RESOURCE_EXHAUSTED/1"));
-  EXPECT_THAT(call->status.details[0].message(), testing::HasSubstr("refused to restore"));
+  // Deletes what was just inserted, each in so many rounds of the hardware. It then has no room for
+  // one more entry, nor for what is to come back.
+  const auto rollBack = [this](const std::vector<Update>& deletes, int rounds) {
+    agent->automaticIs(false);
+    std::vector<Update> updates = deletes;
+    updates.push_back(insert(acl(2, drop())));
+    const WriteCall call = begin(updates, WriteRequest::ROLLBACK_ON_ERROR);
+    for (int round = 0; round < rounds; ++round) {
+      runHardware();
+    }
+    agent->flowCapacityIs(0);
+    agent->groupCapacityIs(0);
+    agent->automaticIs(true);
+    runHardware();
+    EXPECT_TRUE(call->done);
+    Words expected(deletes.size(), "ABORTED");
+    expected.push_back("RESOURCE_EXHAUSTED/1");
+    EXPECT_EQ(wordsOf(call->status), expected);
+    EXPECT_THAT(call->status.details[0].message(), testing::HasSubstr("refused to restore"));
+    engine->verify();
+    agent->flowCapacityIs(std::nullopt);
+    agent->groupCapacityIs(std::nullopt);
+  };
+  ASSERT_THAT(write({insert(route(1, oneShot({{nexthop(), 1}})))}), ElementsAre("OK"));
+  rollBack({remove(route(1, ""))}, 3);
+  EXPECT_THAT(everything(), IsEmpty());
+  EXPECT_THAT(service->groups(), IsEmpty());
   // Others may use a member, so it stays.
+  ASSERT_THAT(write({insert(acl(1, does(4, {"\\007"}))), insert(member(1))}), ElementsAre("OK"));
+  rollBack({remove(acl(1)), remove(member(1))}, 2);
   EXPECT_THAT(everything(), ElementsAre(shown(member(1))));
-  engine->verify();
 }
 
 using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
