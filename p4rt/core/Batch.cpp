@@ -286,7 +286,16 @@ bool Batch::keepAll() {
   return true;
 }
 
-void Batch::undo(const std::vector<Job*>& jobs) {
+void Batch::undo(std::vector<Job*> jobs) {
+  // A later update has deleted the entry, and the switch has refused to restore it.
+  std::erase_if(jobs, [this](Job* job) {
+    if (job->change.op == Op::delete_ || isStored(job->change, parts_.store)) {
+      return false;
+    }
+    giveOldHidden(job->change, parts_.store);
+    job->lost = job->change.op == Op::modify_;
+    return true;
+  });
   if (jobs.empty()) {
     return;
   }

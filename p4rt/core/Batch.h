@@ -86,7 +86,7 @@ class Batch {
   [[nodiscard]] bool failed(const Job& job) const { return outcomes_[job.update].has_value(); }
   [[nodiscard]] Fault faultOf(const Sim::Result& result, const Sim::Update& write) const;
   // Undoes the jobs' writes and reverts their changes in the store.
-  void undo(const std::vector<Job*>& jobs);
+  void undo(std::vector<Job*> jobs);
   void undoStage(std::size_t stage, const std::vector<Job*>& jobs);
   void takeUndone(Job& job, const Sim::Result& result);
   void rollBack();

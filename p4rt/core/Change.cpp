@@ -218,6 +218,10 @@ void appendRemoval(const Change& change, Store& store, Writes& writes) {
   }
 }
 
+bool isStored(const Change& change, Store& store) {
+  return std::visit([&](const auto& what) { return present(what, store) != nullptr; }, change.what);
+}
+
 bool markRun(const Change& change, std::uint32_t run, Store& store) {
   return std::visit(
       [&](const auto& what) {

@@ -63,6 +63,8 @@ void appendWrites(const Change& change, Stage stage, Store& store, Writes& write
 // stored.
 void appendUndo(const Change& change, Stage stage, bool refused, Store& store, Writes& writes);
 
+// Whether the store holds the entity.
+[[nodiscard]] bool isStored(const Change& change, Store& store);
 // Marks the entity as changed by this run. Returns false, and marks nothing, if the run has already
 // changed it.
 bool markRun(const Change& change, std::uint32_t run, Store& store);
@@ -72,7 +74,7 @@ void handleIs(const Change& change, P4Runtime::EntryHandle handle, Store& store)
 // one shot.
 void appendRemoval(const Change& change, Store& store, Writes& writes);
 // Releases the hidden ids of the one shot that the change has replaced or deleted.
-// Requires: the change will not be undone.
+// Requires: the change will not be undone, or the switch refused to restore what was there.
 void releaseOldHidden(const Change& change, Store& store);
 // Reverts the change in the store. `handle` is the handle of the row that was written again, or 0
 // if the row has kept its own.

@@ -170,7 +170,7 @@ class Play : public P4rtTest::EngineTest {
 
   // Lets the hardware answer, or time pass, until the request is answered.
   void await(const bool& done) {
-    for (int round = 0; !done && round < 100; ++round) {
+    for (int round = 0; !done && round < 1000; ++round) {
       if (answers_) {
         runHardware();
       } else {

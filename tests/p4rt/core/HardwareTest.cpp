@@ -67,11 +67,11 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
 }
 
 TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
-  // Deletes what was just inserted, each in so many rounds of the hardware. It then has no room for
-  // one more entry, nor for what is to come back.
-  const auto rollBack = [this](const std::vector<Update>& deletes, int rounds) {
+  // The updates take so many rounds of the hardware. It then has no room for one more entry, nor
+  // for what is to come back.
+  const auto rollBack = [this](const std::vector<Update>& done, int rounds) {
     agent->automaticIs(false);
-    std::vector<Update> updates = deletes;
+    std::vector<Update> updates = done;
     updates.push_back(insert(acl(2, drop())));
     const WriteCall call = begin(updates, WriteRequest::ROLLBACK_ON_ERROR);
     for (int round = 0; round < rounds; ++round) {
@@ -82,10 +82,11 @@ TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
     agent->automaticIs(true);
     runHardware();
     EXPECT_TRUE(call->done);
-    Words expected(deletes.size(), "ABORTED");
+    Words expected(done.size(), "ABORTED");
     expected.push_back("RESOURCE_EXHAUSTED/1");
     EXPECT_EQ(wordsOf(call->status), expected);
-    EXPECT_THAT(call->status.details[0].message(), testing::HasSubstr("refused to restore"));
+    EXPECT_THAT(call->status.details[done.size() - 1].message(),
+                testing::HasSubstr("refused to restore"));
     engine->verify();
     agent->flowCapacityIs(std::nullopt);
     agent->groupCapacityIs(std::nullopt);
@@ -94,9 +95,14 @@ TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
   rollBack({remove(route(1, ""))}, 3);
   EXPECT_THAT(everything(), IsEmpty());
   EXPECT_THAT(service->groups(), IsEmpty());
+  // No more is what the Write itself has made of it before.
+  rollBack({insert(acl(1, drop())), remove(acl(1))}, 2);
+  ASSERT_THAT(write({insert(acl(1, drop()))}), ElementsAre("OK"));
+  rollBack({modify(acl(1, forward(1))), remove(acl(1))}, 2);
+  EXPECT_THAT(everything(), IsEmpty());
   // Others may use a member, so it stays.
   ASSERT_THAT(write({insert(acl(1, does(4, {"\\007"}))), insert(member(1))}), ElementsAre("OK"));
-  rollBack({remove(acl(1)), remove(member(1))}, 2);
+  rollBack({remove(member(1)), remove(acl(1))}, 2);
   EXPECT_THAT(everything(), ElementsAre(shown(member(1))));
 }
 
