@@ -292,7 +292,7 @@ void Batch::undo(std::vector<Job*> jobs) {
     if (job->change.op == Op::delete_ || isStored(job->change, parts_.store)) {
       return false;
     }
-    giveOldHidden(job->change, parts_.store);
+    releaseOldHidden(job->change, parts_.store);
     job->lost = job->change.op == Op::modify_;
     return true;
   });

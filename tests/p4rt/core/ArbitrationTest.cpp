@@ -53,7 +53,6 @@ class RandomArbitration {
     std::optional<StreamId> primary;
     // Which primary each write under way was for.
     std::vector<StreamId> writes;
-    std::uint64_t primaries = 0;
   };
 
   std::uint64_t pick(std::uint64_t below) {

@@ -113,10 +113,8 @@ class P4rtCrash : public EngineTest {
 
   void ask(const Request& request) {
     if (request.action == SetPipeline::UNSPECIFIED) {
-      const Words answer = write({request.write.updates().begin(), request.write.updates().end()},
-                                 request.write.atomicity());
       Model model = held_.model;
-      model.answered(request.write, answer, [](const auto&) { return false; });
+      model.answered(request.write, write(request.write), [](const auto&) { return false; });
       return;
     }
     SetPipeline asked;

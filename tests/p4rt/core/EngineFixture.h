@@ -51,10 +51,9 @@ inline const p4::config::v1::P4Info& shippedP4Info() {
   return info;
 }
 
-// A request under way, with what has come of it.
-template <class Request>
+// A Write under way, with what has come of it.
 struct Call {
-  Request request;
+  WriteRequest request;
   bool done = false;
   P4rt::RpcStatus status{};
 };
@@ -67,7 +66,10 @@ class EngineTest : public testing::Test {
     service->portIs(1, Interface::IntfId{"Ethernet1"});
     service->portIs(2, Interface::IntfId{"Ethernet2"});
     for (const int id : {1, 2, 9}) {
-      encap(static_cast<NexthopGroup::EncapId>(id));
+      NexthopGroup::EncapEntry entry;
+      entry.encapId = static_cast<NexthopGroup::EncapId>(id);
+      entry.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
+      EXPECT_EQ(service->encapIs(entry), std::nullopt);
     }
   }
   ~EngineTest() override {
@@ -102,13 +104,6 @@ class EngineTest : public testing::Test {
   void restart() {
     die();
     boot(Sim::Leftover::resume_);
-  }
-
-  void encap(NexthopGroup::EncapId id) {
-    NexthopGroup::EncapEntry entry;
-    entry.encapId = id;
-    entry.type = NexthopGroup::L2NhgEncapType::encapIpInIp_;
-    EXPECT_EQ(service->encapIs(entry), std::nullopt);
   }
 
   // Lets the hardware do all that waits, and the engine what follows from it.
@@ -149,14 +144,10 @@ class EngineTest : public testing::Test {
   }
 
   // Writes.
-  using WriteCall = std::shared_ptr<Call<p4::v1::WriteRequest>>;
-  WriteCall begin(const std::vector<Update>& updates, p4::v1::WriteRequest::Atomicity atomicity =
-                                                          p4::v1::WriteRequest::CONTINUE_ON_ERROR) {
-    auto call = std::make_shared<Call<p4::v1::WriteRequest>>();
-    for (const Update& one : updates) {
-      *call->request.add_updates() = one;
-    }
-    call->request.set_atomicity(atomicity);
+  using WriteCall = std::shared_ptr<Call>;
+  WriteCall begin(WriteRequest request) {
+    auto call = std::make_shared<Call>();
+    call->request = std::move(request);
     engine->write(call->request, [call](P4rt::RpcStatus status) {
       EXPECT_FALSE(call->done) << "answered twice";
       call->done = true;
@@ -166,11 +157,25 @@ class EngineTest : public testing::Test {
     return call;
   }
   // What came of each update; one "OK" when all went well.
-  Words write(const std::vector<Update>& updates,
-              p4::v1::WriteRequest::Atomicity atomicity = p4::v1::WriteRequest::CONTINUE_ON_ERROR) {
-    const WriteCall call = begin(updates, atomicity);
+  Words write(WriteRequest request) {
+    const WriteCall call = begin(std::move(request));
     EXPECT_TRUE(call->done);
     return wordsOf(call->status);
+  }
+  static WriteRequest requestOf(const std::vector<Update>& updates,
+                                WriteRequest::Atomicity atomicity) {
+    WriteRequest request;
+    request.mutable_updates()->Assign(updates.begin(), updates.end());
+    request.set_atomicity(atomicity);
+    return request;
+  }
+  WriteCall begin(const std::vector<Update>& updates,
+                  WriteRequest::Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
+    return begin(requestOf(updates, atomicity));
+  }
+  Words write(const std::vector<Update>& updates,
+              WriteRequest::Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
+    return write(requestOf(updates, atomicity));
   }
 
   // What the filters let through, as text in order of the text, and what came of the filters.

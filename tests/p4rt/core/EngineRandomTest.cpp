@@ -118,8 +118,7 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
     if (!isCertain() && !(crashes && model_.outcomes(request).size() == 2)) {
       request.set_atomicity(WriteRequest::CONTINUE_ON_ERROR);
     }
-    const WriteCall call =
-        begin({request.updates().begin(), request.updates().end()}, request.atomicity());
+    const WriteCall call = begin(std::move(request));
     if (crashes) {
       crash(call);
     } else {

@@ -10,31 +10,27 @@ namespace {
 class EntryTest : public Programmed {};
 
 TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
-  const std::string written =
-      "table_entry { table_id: 0x02000001 priority: 65536"
-      " match { field_id: 5 ternary { value: '\\000\\x08\\x00' mask: '\\xff\\xff' } }"
-      " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: '\\xff\\x00\\x00\\x00' } "
-      "}"
-      " match { field_id: 6 ternary { value: '\\000\\000' mask: '\\x0f\\xff' } }"
-      " match { field_id: 1 optional { value: '\\000\\000\\000\\001' } }"
-      " match { field_id: 25 optional { value: '\\000\\001' } }"
-      " action { action { action_id: 0x01000005"
-      " params { param_id: 2 value: '\\000\\000\\000\\002' }"
-      " params { param_id: 1 value: '\\000\\000\\000\\000\\005' } } }"
-      " metadata: 'a\\000b' controller_metadata: 77 }";
+  // With so many zeros before each number that may have some.
+  const auto spelled = [](const std::string& zeros) {
+    return "table_entry { table_id: 0x02000001 priority: 65536"
+           " match { field_id: 5 ternary { value: '" +
+           zeros +
+           "\\x08\\x00' mask: '\\xff\\xff' } }"
+           " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00'"
+           "                               mask: '\\xff\\x00\\x00\\x00' } }"
+           " match { field_id: 6 ternary { value: '" +
+           zeros +
+           "\\000' mask: '\\x0f\\xff' } }"
+           " match { field_id: 1 optional { value: '" +
+           zeros +
+           "\\001' } }"
+           " match { field_id: 25 optional { value: '" +
+           zeros + "\\001' } } " + does(5, {zeros + "\\005", zeros + "\\002"}) +
+           " metadata: 'a\\000b' controller_metadata: 77 }";
+  };
+  const std::string written = spelled("\\000\\000\\000\\000");
   EXPECT_THAT(write({insert(written)}), ElementsAre("OK"));
-  EXPECT_THAT(everything(),
-              ElementsAre(shown(
-                  ("table_entry { table_id: 0x02000001 priority: 65536"
-                   " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
-                   " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: "
-                   "'\\xff\\x00\\x00\\x00' } }"
-                   " match { field_id: 6 ternary { value: '\\000' mask: '\\x0f\\xff' } }"
-                   " match { field_id: 1 optional { value: '\\001' } }"
-                   " match { field_id: 25 optional { value: '\\001' } }"
-                   " action { action { action_id: 0x01000005 params { param_id: 1 value: '\\005' }"
-                   " params { param_id: 2 value: '\\002' } } }"
-                   " metadata: 'a\\000b' controller_metadata: 77 }"))));
+  EXPECT_THAT(everything(), ElementsAre(shown(spelled(""))));
   // The same entry, however it is spelled.
   EXPECT_THAT(write({insert(written), remove(written)}), ElementsAre("ALREADY_EXISTS", "OK"));
 }

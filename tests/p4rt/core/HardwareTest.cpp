@@ -173,12 +173,6 @@ TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
   EXPECT_TRUE(call->done);
   EXPECT_TRUE(call->status.ok());
 
-  const WriteCall again = begin({modify(member(1, nexthop(9, 1)))});
-  timers.pass(0);
-  EXPECT_FALSE(again->done);
-  runHardware();
-  EXPECT_TRUE(again->done);
-
   const WriteCall gone = begin({remove(member(1))});
   agent->publishedIs(false);
   timers.pass(0);

@@ -14,7 +14,8 @@ using CliTest::Json;
 using CliTest::Process;
 using testing::AllOf;
 
-Finished finished(const Arguments& arguments) {
+Finished finished(Arguments arguments) {
+  arguments.insert(arguments.begin(), {"--listen", "127.0.0.1:0"});
   return Process{OSTRA_P4RT_PROGRAM, arguments}.finish();
 }
 
