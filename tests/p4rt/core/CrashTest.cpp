@@ -42,11 +42,13 @@ class P4rtCrash : public EngineTest {
   };
   // What the child has come to. It shares this with its parent.
   struct Progress {
+    std::atomic<bool> goesOn = false;  // it has resumed
     std::atomic<unsigned> asked = 0;
     std::atomic<unsigned> answered = 0;
   };
 
   P4rtCrash() : EngineTest{uniqueName("p4rt-crash")} {}
+  ~P4rtCrash() override { ::munmap(&progress_, sizeof(Progress)); }
 
   // Follows from what is held and the random numbers alone, so that the parent knows what its child
   // has asked for.
@@ -149,19 +151,27 @@ class P4rtCrash : public EngineTest {
   }
 
   // A child goes on with what was kept and does that work again and again until it is killed or
-  // something is wrong. Then this process goes on with what the child has kept.
+  // something is wrong. Then this process goes on with what the child has kept. `early`: it may be
+  // killed while it resumes.
   template <class Work>
-  void killAt(int microseconds, Work work) {
+  void killWithin(int microseconds, bool early, Work work) {
+    const auto delay = static_cast<useconds_t>(random_.below(microseconds));
+    progress_.goesOn = false;
+    progress_.asked = progress_.answered = 0;
     die();
     const pid_t child = ::fork();
     if (child == 0) {
       boot(Sim::Leftover::resume_);
+      progress_.goesOn = true;
       while (!HasFailure()) {
         work();
       }
       ::_exit(1);
     }
-    ::usleep(static_cast<useconds_t>(microseconds));
+    for (int waits = 0; !early && !progress_.goesOn && waits < 10'000; ++waits) {
+      ::usleep(500);
+    }
+    ::usleep(delay);
     ::kill(child, SIGKILL);
     int status = 0;
     ::waitpid(child, &status, 0);
@@ -169,51 +179,55 @@ class P4rtCrash : public EngineTest {
     boot(Sim::Leftover::resume_);
   }
 
-  void round(Progress& progress) {
-    progress.asked = progress.answered = 0;
-    ASSERT_NO_FATAL_FAILURE(killAt(random_.below(30'000), [&] {
+  void round() {
+    const bool early = random_.oneIn(4);
+    ASSERT_NO_FATAL_FAILURE(killWithin(30'000, early, [&] {
       const Request request = next();
-      ++progress.asked;
+      ++progress_.asked;
       ask(request);
-      ++progress.answered;
+      ++progress_.answered;
       held_ = outcomes(request).back();
     }));
-    for (unsigned answered = progress.answered; answered > 0; --answered) {
+    for (unsigned answered = progress_.answered; answered > 0; --answered) {
       held_ = outcomes(next()).back();
     }
-    const bool all = progress.asked == progress.answered;
+    const bool all = progress_.asked == progress_.answered;
     compare(all ? std::vector{held_} : outcomes(next()));
   }
 
   RandomUpdates random_{std::mt19937{setting("OSTRA_CRASH_SEED", 1)}};
 
  private:
+  static Progress& newProgress() {
+    return *new (::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
+                        MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress;
+  }
+
   Held held_;
+  Progress& progress_ = newProgress();
 };
 
 TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {
-  void* const shared =
-      ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  Progress& progress = *new (shared) Progress;
   const unsigned rounds = setting("OSTRA_CRASH_ROUNDS", 40);
   for (unsigned number = 0; number < rounds && !HasFailure(); ++number) {
     SCOPED_TRACE("round " + std::to_string(number));
-    round(progress);
+    round();
   }
-  ::munmap(shared, sizeof(Progress));
 }
 
 TEST_F(P4rtCrash, AWriteThatRollsBackIsKeptAsAWhole) {
   constexpr int many = 100;
+  // It takes long to keep.
+  const std::string metadata = " metadata: '" + std::string(10'000, 'm') + "'";
   std::vector<Update> inserts;
   std::vector<Update> deletes;
   for (int number = 0; number < many; ++number) {
-    inserts.push_back(insert(acl(number, drop())));
+    inserts.push_back(insert(acl(number, drop() + metadata)));
     deletes.push_back(remove(acl(number)));
   }
   commitShipped();
   for (int round = 0; round < 25 && !HasFailure(); ++round) {
-    ASSERT_NO_FATAL_FAILURE(killAt(random_.below(30'000), [&] {
+    ASSERT_NO_FATAL_FAILURE(killWithin(30'000, false, [&] {
       write(inserts, WriteRequest::ROLLBACK_ON_ERROR);
       write(deletes, WriteRequest::ROLLBACK_ON_ERROR);
     }));
