@@ -44,6 +44,31 @@ TEST_F(ServiceRows, OutOfRangeKeepTheLibraryStoppedUntilTheyAreGone) {
   EXPECT_THAT(reports(), IsEmpty());
 }
 
+TEST_F(ServiceRows, WrittenAgainBeforeTheirResultHaveItAsAReport) {
+  agent.automaticIs(false);
+  apply({insert({.number = 1}), insert({.number = 2}), insert({.number = 3})});
+  agent.automaticIs(true);
+  // Of the three, one is not in the batch, one fails at once, and one is written well.
+  EXPECT_THAT(apply({modify({.number = 2, .output = 0}), modify({.number = 3})}),
+              ElementsAre(StartsWith("modify flow 2 done 15 "), "modify flow 3 done 0"));
+  EXPECT_THAT(reports(), ElementsAre("1 code 0", "2 code 0"));
+}
+
+TEST_F(ServiceRows, PendUnderTheHandleByWhichTheLibraryKnowsTheirKey) {
+  const Flow flow{.number = 1, .group = 9, .table = 3};
+  apply({insert({.number = 1, .table = 3})});
+  service.corvexFlowDel("flow-1");
+  apply({remove(flow)});
+  apply({insert(flow)});  // refused, so the key is still that of the first
+  service.corvexFlowIs("flow-1");
+  agent.automaticIs(false);
+  apply({remove(flow)});
+  const auto pending = service.pending();
+  ASSERT_EQ(pending.size(), 1U);
+  EXPECT_EQ(pending[0].handle, 1U);
+  EXPECT_EQ(pending[0].table, 3U);
+}
+
 TEST_F(ServiceRows, OfFlowsAreShownInTheOrderOfTheirNumbers) {
   const Lines expected{"acl2",  "flow-9", "flow-010", "flow-10", "flow-100000000000000000000000",
                        "alpha", "zebra"};
