@@ -69,8 +69,8 @@ input is read where a FILE is - or where there is none; on a terminal that is a 
                        a run repeats to the letter; 'real', the default, is the system clock
   --shm NAME           keep the tables and the trace ring in named shared memory, where
                        'ostra-show NAME' reads them. One that is killed leaves its tables
-  --resume             go on with the tables that a killed one has left under NAME
-  --discard            remove the tables that a killed one has left under NAME
+  --resume             go on with the tables that a killed process has left under NAME
+  --discard            remove the tables that a killed process has left under NAME
   --shm-group GROUP    let the GROUP, a name or a number, read that memory; otherwise only its
                        user can
   --trust-owner        go on with, or remove, what belongs to another user

@@ -206,7 +206,8 @@ void Engine::State::write(const WriteRequest& request, const Done& done) {
     refuse(Code::unimplemented_, "DATAPLANE_ATOMIC is not offered");
   }
   if (!WriteRequest::Atomicity_IsValid(request.atomicity())) {
-    refuse(Code::invalidArgument_, "the atomicity is none that P4Runtime has");
+    refuse(Code::invalidArgument_,
+           "atomicity " + std::to_string(request.atomicity()) + " is unknown");
   }
   run(request,
       [this, done](Batch::Outcomes&& outcomes) { answer(done, statusOf(outcomes, "updates")); });
@@ -244,7 +245,7 @@ void Engine::State::setPipeline(const SetForwardingPipelineConfigRequest& reques
     return;
   }
   if (request.action() == Request::UNSPECIFIED || !Request::Action_IsValid(request.action())) {
-    refuse(Code::invalidArgument_, "the action is none that P4Runtime has");
+    refuse(Code::invalidArgument_, "action " + std::to_string(request.action()) + " is unknown");
   }
   if (!request.config().has_p4info()) {
     refuse(Code::invalidArgument_, "the request has no P4Info");
@@ -320,7 +321,7 @@ void Engine::State::replace(Realized&& next, std::unique_ptr<Store> store, const
   run(removal_, [install, fail](Batch::Outcomes&& outcomes) {
     for (const auto& outcome : outcomes) {
       if (outcome && outcome->code != Code::aborted_) {
-        fail({outcome->code, "what is there could not be removed: " + outcome->message});
+        fail({outcome->code, "the present entities could not be deleted: " + outcome->message});
         return;
       }
     }
@@ -332,7 +333,8 @@ void Engine::State::getPipeline(const GetForwardingPipelineConfigRequest& reques
                                 p4::v1::GetForwardingPipelineConfigResponse& response) const {
   using Request = GetForwardingPipelineConfigRequest;
   if (!Request::ResponseType_IsValid(request.response_type())) {
-    refuse(Code::invalidArgument_, "the response type is none that P4Runtime has");
+    refuse(Code::invalidArgument_,
+           "response type " + std::to_string(request.response_type()) + " is unknown");
   }
   if (!committed_) {
     return;

@@ -124,7 +124,7 @@ RpcStatus Arbitration::check(std::uint64_t device, const Role& role,
   if (electionId != realm.streams.at(*realm.primary)) {
     return refused("the request's election id " + text(*electionId) + " is another one");
   }
-  return realm.handover ? refused("the writes of the one before it are not through yet")
+  return realm.handover ? refused("writes of the previous primary are still in progress")
                         : RpcStatus{};
 }
 

@@ -148,7 +148,8 @@ void Keeper::keepNoted() {
     }
   } catch (const std::runtime_error& full) {
     forgetNoted();
-    refuse(Code::resourceExhausted_, std::string{"it cannot be kept: "} + full.what());
+    refuse(Code::resourceExhausted_,
+           std::string{"shared memory has no room to keep it: "} + full.what());
   }
   forgetNoted();
   try {

@@ -169,7 +169,7 @@ void checkAction(const ActionInfo& action) {
                     std::any_of(action.params.begin(), action.params.end(),
                                 [](const auto& p) { return p.word->of == ActionOf::flow_; });
   if (member && flow) {
-    reject("action", action.name, "mixes what a flow does with a next hop");
+    reject("action", action.name, "mixes parameters or flags of a flow with those of a next hop");
   }
   if (isReference(action) &&
       action.params.size() > (hasWord(action, "vrf_id") ? std::size_t{2} : std::size_t{1})) {
@@ -326,8 +326,9 @@ void Pipeline::readProfile(const config::P4Info& info) {
     const auto table = std::find_if(info.tables().begin(), info.tables().end(),
                                     [id](const auto& one) { return one.preamble().id() == id; });
     if (table == info.tables().end() || table->implementation_id() != read.id) {
-      reject("action profile", read.name,
-             "names table " + std::to_string(id) + ", which does not name it");
+      reject(
+          "action profile", read.name,
+          "lists table " + std::to_string(id) + ", which does not name it as its implementation");
     }
   }
   profile_ = std::move(read);
@@ -362,7 +363,7 @@ void Pipeline::readTable(const config::P4Info& info, const config::Table& table)
     const auto& ids = info.action_profiles();
     if (!profile_ || profile_->id != table.implementation_id() ||
         std::count(ids[0].table_ids().begin(), ids[0].table_ids().end(), read.id) != 1) {
-      reject("table", read.name, "names an action profile that does not name it");
+      reject("table", read.name, "names an action profile that does not list it");
     }
     read.profile = &*profile_;
   }
@@ -406,7 +407,8 @@ void Pipeline::readDefault(const config::Table& table, TableInfo& read) {
   }
   const ActionRef* const ref = read.action(id);
   if (ref == nullptr || !ref->asDefault || !ref->action->doesNothing()) {
-    reject("table", read.name, "has a default action that does something, or is none of it");
+    reject("table", read.name,
+           "has a default action that is not a no-op among its default actions");
   }
   read.defaultAction = ref->action;
   read.constantDefault = table.const_default_action_id() != 0;
@@ -416,7 +418,7 @@ void Pipeline::readDefault(const config::Table& table, TableInfo& read) {
 void Pipeline::checkReferences() const {
   for (const auto& [id, action] : actions_) {
     if (isReference(action) && !profile_) {
-      reject("action", action.name, "points into an action profile, and there is none");
+      reject("action", action.name, "refers to a member or group, and there is no action profile");
     }
   }
 }

@@ -30,7 +30,7 @@ void checkNoFilter(const p4::v1::TableEntry& filter) {
   if (!filter.match().empty() || filter.has_action() || filter.priority() != 0 ||
       filter.controller_metadata() != 0 || !filter.metadata().empty() ||
       filter.is_default_action()) {
-    refuse(invalid, "a filter for all tables cannot ask for anything else");
+    refuse(invalid, "a filter without a table id must have no other field");
   }
 }
 
@@ -40,7 +40,7 @@ std::uint32_t actionFilter(const TableInfo& table, const p4::v1::TableEntry& fil
     return 0;
   }
   if (!filter.action().has_action() || table.profile != nullptr) {
-    refuse(invalid, "entries are filtered by an action of a direct table only");
+    refuse(invalid, "a filter may name an action only of a table without an action profile");
   }
   const std::uint32_t id = filter.action().action().action_id();
   if (id != 0 && table.action(id) == nullptr) {

@@ -55,7 +55,7 @@ grpc::Status grpcStatus(const RpcStatus& status, std::size_t mostBytes) {
       return {code, message, details.SerializeAsString()};
     }
   }
-  constexpr std::string_view left = "; the details of each are too long to send";
+  constexpr std::string_view left = "; the errors of the updates are too long to send";
   return {code, shortened(status.message, mostBytes / 4).append(left)};
 }
 

@@ -66,7 +66,7 @@ const std::vector<BadInfo> badInfos{
     {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000002"},
     {"default action that does something", "default_action_id: 0x01000001",
      "default_action_id: 0x01000002"},
-    {"names an action profile that does not name it", size, "implementation_id: 0x11000001"},
+    {"names an action profile that does not list it", size, "implementation_id: 0x11000001"},
     {"upper byte is not 1", "0x01000001 name", "1 name"},
     {"upper byte is not 17", "0x11000001 name", "1 name"},
     {"upper byte is not 19", "0x13000001 name", "1 name"},
@@ -112,7 +112,7 @@ TEST_F(PipelineTest, IsRefusedWithAReasonWhenTheSwitchCannotRealizeIt) {
   P4Info withoutProfile = shippedP4Info();
   withoutProfile.clear_action_profiles();
   withoutProfile.mutable_tables()->DeleteSubrange(2, 1);
-  expectRefused(withoutProfile, "and there is none");
+  expectRefused(withoutProfile, "there is no action profile");
   // None of them was saved.
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
 }
