@@ -64,7 +64,7 @@ const std::vector<BadInfo> badInfos{
     {"it has no action profile", "action_refs { id: 0x01000002", "action_refs { id: 0x0100000e"},
     {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000003"},
     {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000002"},
-    {"default action that does something", "default_action_id: 0x01000001",
+    {"default action that is not a no-op", "default_action_id: 0x01000001",
      "default_action_id: 0x01000002"},
     {"names an action profile that does not list it", size, "implementation_id: 0x11000001"},
     {"upper byte is not 1", "0x01000001 name", "1 name"},
