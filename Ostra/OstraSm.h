@@ -75,8 +75,13 @@ class OstraSm final : public Korm::Entity {
   void vrfIdDelAll() noexcept;
 
   // The entry handle under which the flow of a key was written, if it was.
+  // Requires: `hash` is key.hash(0).
   [[nodiscard]] std::optional<std::uint64_t> flowKeyToEntryHandle(
-      const OstraKey& key) const noexcept;
+      const OstraKey& key, std::uint32_t hash) const noexcept;
+  [[nodiscard]] std::optional<std::uint64_t> flowKeyToEntryHandle(
+      const OstraKey& key) const noexcept {
+    return flowKeyToEntryHandle(key, key.hash(0));
+  }
   void flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle);
   // The handle removed, 0 when there was none.
   std::uint64_t flowKeyToEntryHandleDel(const OstraKey& key) noexcept;

@@ -41,12 +41,13 @@ struct RowWriter::FlowRows {
     return writer.transactions_.storedFlow(index, row.flowKey);
   }
   // The handle under which the library will act on a delete, if it differs from the row's.
-  [[nodiscard]] EntryHandle deleteHandle(const Record& row, EntryHandle handle) const {
+  [[nodiscard]] EntryHandle deleteHandle(const Record& row, std::uint32_t hash,
+                                         EntryHandle handle) const {
     const Ostra::OstraSm* const machine = writer.machine(index);
     if (machine == nullptr) {
       return {};
     }
-    const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey).value_or(0)};
+    const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey, hash).value_or(0)};
     return known == handle ? EntryHandle{} : known;
   }
 
@@ -75,7 +76,7 @@ struct RowWriter::MemberRows {
   [[nodiscard]] EntryHandle known(const Record& row) const {
     return writer.objects_.handles->getEntryHandleFromMemberId(row.memberId);
   }
-  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/,
+  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/, std::uint32_t /*hash*/,
                                                 EntryHandle /*handle*/) noexcept {
     return {};
   }
@@ -103,7 +104,7 @@ struct RowWriter::GroupRows {
     const P4Runtime::P4HandleMgr& handles = *writer.objects_.handles;
     return handles.groupHandleToEntryHandle(handles.getGroupHandleFromGroupId(row.groupId));
   }
-  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/,
+  [[nodiscard]] static EntryHandle deleteHandle(const Record& /*row*/, std::uint32_t /*hash*/,
                                                 EntryHandle /*handle*/) noexcept {
     return {};
   }
@@ -151,8 +152,8 @@ void RowWriter::prefetchFlows(std::uint8_t table,
     return;
   }
   its->prefetch(keys);
-  for (const Ostra::OstraKey* const key : keys) {
-    if (const auto handle = its->flowKeyToEntryHandle(*key)) {
+  for (std::size_t i = 0; i < keys.size(); ++i) {
+    if (const auto handle = its->flowKeyToEntryHandle(*keys[i], hashes[i])) {
       transactions_.prefetch(EntryHandle{*handle});
     }
   }
@@ -224,7 +225,7 @@ void RowWriter::write(const Rows& rows, Op op, const typename Rows::Record& give
     perform(rows, row, [&] { table.table().is(row, hash); });
     return;
   }
-  transactions_.begin(result, rows.deleteHandle(given, stored));
+  transactions_.begin(result, rows.deleteHandle(given, hash, stored));
   perform(rows, given, [&] { table.table().del(given.key(), hash, nullptr); });
   rows.removed(given);  // last, because the library finds the handle to acknowledge by the id
 }
