@@ -18,10 +18,8 @@
 namespace P4rtTest {
 
 // Ids of the shipped P4Info.
-inline constexpr std::uint32_t aclId = 0x02000001;
 inline constexpr std::uint32_t l3AclId = 0x02000002;
 inline constexpr std::uint32_t ecmpId = 0x02000003;
-inline constexpr std::uint32_t profileId = 0x11000001;
 
 template <class Message>
 Message parse(std::string_view text) {

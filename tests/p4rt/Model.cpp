@@ -320,22 +320,14 @@ std::string RandomUpdates::routeAction(bool oneShots) {
 }
 
 std::string RandomUpdates::aclAction() {
-  switch (below(7)) {
-    case 0:
-      return drop();
-    case 1:
-      return forward(below(3));
-    case 2:
-      return does(10, {octal(1 + below(3)), octal(1 + below(2))});
-    case 3:
-      return does(9, {octal(1 + below(4))});
-    case 4:
-      return does(5, {octal(1 + below(2)), octal(below(3))});
-    case 5:
-      return does(6, {octal(oneIn(2) ? 3 : 17)});
-    default:
-      return does(4, {octal(1 + below(2))});
-  }
+  const std::string all[] = {drop(),
+                             forward(below(3)),
+                             does(10, {octal(1 + below(3)), octal(1 + below(2))}),
+                             does(9, {octal(1 + below(4))}),
+                             does(5, {octal(1 + below(2)), octal(below(3))}),
+                             does(6, {octal(oneIn(2) ? 3 : 17)}),
+                             does(4, {octal(1 + below(2))})};
+  return all[below(7)];
 }
 
 }  // namespace P4rtTest

@@ -131,6 +131,9 @@ class RandomArbitration {
       Realm& realm = realms_[roleOf(notice.to)];
       ASSERT_TRUE(realm.controllers.contains(notice.to));
       realm.controllers[notice.to].heard = notice;
+      if (notice.standing == Standing::primary_) {
+        EXPECT_THAT(realm.writes, testing::Each(notice.to)) << "writes of the one before it";
+      }
       EXPECT_LE(std::count_if(realm.controllers.begin(), realm.controllers.end(),
                               [](const auto& controller) {
                                 const auto& heard = controller.second.heard;

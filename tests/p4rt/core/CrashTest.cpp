@@ -3,24 +3,14 @@
 //
 // OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
 #include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <csignal>
-#include <cstdlib>
-#include <random>
 
 #include "EngineFixture.h"
-#include "tests/UniqueName.h"
+#include "tests/platform/ChildProcess.h"
 
 namespace P4rtTest {
 namespace {
 
-unsigned setting(const char* name, unsigned otherwise) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? otherwise : static_cast<unsigned>(std::strtoul(value, nullptr, 10));
-}
+using TestSupport::setting;
 
 // The cookie of a pipeline says what it is like: whether its action profile takes one shots, and
 // whether it lacks the table l3Acl.
@@ -159,23 +149,18 @@ class P4rtCrash : public EngineTest {
     progress_.goesOn = false;
     progress_.asked = progress_.answered = 0;
     die();
-    const pid_t child = ::fork();
-    if (child == 0) {
+    ChildProcess child{[&] {
       boot(Sim::Leftover::resume_);
       progress_.goesOn = true;
       while (!HasFailure()) {
         work();
       }
-      ::_exit(1);
-    }
+    }};
     for (int waits = 0; !early && !progress_.goesOn && waits < 10'000; ++waits) {
       ::usleep(500);
     }
     ::usleep(delay);
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "ended by itself";
+    ASSERT_TRUE(child.kill()) << "ended by itself";
     boot(Sim::Leftover::resume_);
   }
 
@@ -195,7 +180,7 @@ class P4rtCrash : public EngineTest {
     compare(all ? std::vector{held_} : outcomes(next()));
   }
 
-  RandomUpdates random_{std::mt19937{setting("OSTRA_CRASH_SEED", 1)}};
+  RandomUpdates random_{std::mt19937{static_cast<unsigned>(setting("OSTRA_CRASH_SEED", 1))}};
 
  private:
   static Progress& newProgress() {
@@ -208,8 +193,8 @@ class P4rtCrash : public EngineTest {
 };
 
 TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {
-  const unsigned rounds = setting("OSTRA_CRASH_ROUNDS", 40);
-  for (unsigned number = 0; number < rounds && !HasFailure(); ++number) {
+  const unsigned long rounds = setting("OSTRA_CRASH_ROUNDS", 40);
+  for (unsigned long number = 0; number < rounds && !HasFailure(); ++number) {
     SCOPED_TRACE("round " + std::to_string(number));
     round();
   }

@@ -177,6 +177,9 @@ class EngineTest : public testing::Test {
               WriteRequest::Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
     return write(requestOf(updates, atomicity));
   }
+  void expectTaken(const std::vector<Update>& updates) {
+    EXPECT_THAT(write(updates), ElementsAre("OK"));
+  }
 
   // What the filters let through, as text in order of the text, and what came of the filters.
   struct Answer {

@@ -66,6 +66,9 @@ const std::vector<BadInfo> badInfos{
     {"its actions are next hops", "action_refs { id: 0x0100000e", "action_refs { id: 0x01000002"},
     {"default action that is not a no-op", "default_action_id: 0x01000001",
      "default_action_id: 0x01000002"},
+    {"default action that is not a no-op", "id: 0x01000001 name: 'NoAction'",
+     "id: 0x01000001 name: 'NoAction' structured_annotations { name: 'ostra' expression_list "
+     "{ expressions { string_value: 'drop' } } }"},
     {"names an action profile that does not list it", size, "implementation_id: 0x11000001"},
     {"upper byte is not 1", "0x01000001 name", "1 name"},
     {"upper byte is not 17", "0x11000001 name", "1 name"},
@@ -80,6 +83,7 @@ const std::vector<BadInfo> badInfos{
     {"unknown flag 'drip'", "string_value: 'drop'", "string_value: 'drip'"},
     {"and no policer", "string_value: 'drop'", "string_value: 'drop_green'"},
     {"both 'policer_rate'", "params { id: 2 name: 'policer_burst' bitwidth: 64 }", ""},
+    {"both 'policer_rate'", "params { id: 1 name: 'policer_rate' bitwidth: 64 }", ""},
     {"mixes", "name: 'src_mac' bitwidth: 48", "name: 'vrf_id' bitwidth: 24"},
     {"nothing else", "params { id: 1 name: 'group_id'",
      "params { id: 5 name: 'output_port' bitwidth: 32 } params { id: 1 name: 'group_id'"},
@@ -130,7 +134,7 @@ TEST_F(PipelineTest, NothingIsServedWithoutOne) {
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT, &info).code, P4rt::Code::invalidArgument_);
   EXPECT_TRUE(setPipeline(SetPipeline::COMMIT).ok());
   EXPECT_EQ(setPipeline(SetPipeline::COMMIT).code, P4rt::Code::notFound_);
-  EXPECT_THAT(write({insert(acl(1, drop()))}), ElementsAre("OK"));
+  expectTaken({insert(acl(1, drop()))});
   // Another one that is committed takes the place of the saved one too.
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_SAVE, &info).ok());
   EXPECT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
@@ -141,12 +145,11 @@ class Replacing : public PipelineTest {
  protected:
   Replacing() {
     commitShipped();
-    EXPECT_THAT(write({insert(acl(1, does(4, {"\\007"}) + "metadata: 'm'")), insert(acl(2, drop())),
-                       insert(acl(3, forward(1))), insert(member(1)), insert(member(2)),
-                       insert(group(1, {{1, 2}})), insert(group(2, {{2, 2}})),
-                       insert(route(1, "action_profile_group_id: 1")),
-                       insert(route(2, "action_profile_group_id: 2"))}),
-                ElementsAre("OK"));
+    expectTaken({insert(acl(1, does(4, {"\\007"}) + "metadata: 'm'")), insert(acl(2, drop())),
+                 insert(acl(3, forward(1))), insert(member(1)), insert(member(2)),
+                 insert(group(1, {{1, 2}})), insert(group(2, {{2, 2}})),
+                 insert(route(1, "action_profile_group_id: 1")),
+                 insert(route(2, "action_profile_group_id: 2"))});
     agent->countersAdd(Korm::Name{"flow-1"}, 5, 50);
   }
   ~Replacing() override { engine->verify(); }
@@ -303,19 +306,23 @@ TEST_F(PipelineTest, TablesOfOtherShapes) {
   engine->verify();
 }
 
-TEST_F(PipelineTest, AProfileMayCountMembers) {
+TEST_F(PipelineTest, AProfileMayCountMembersAndATableMixExactFieldsWithOthers) {
   P4Info info = shippedP4Info();
   auto& profile = *info.mutable_action_profiles(0);
   profile.set_size(3);
   profile.set_max_group_size(0);
   profile.mutable_sum_of_members()->set_max_member_weight(700);
+  info.mutable_tables(1)->mutable_match_fields()->rbegin()->set_match_type(MatchField::EXACT);
   ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &info).ok());
   EXPECT_THAT(write({insert(member(1)), insert(member(2)), insert(group(1, {{1, 701}}, 0)),
                      insert(group(1, {{1, 700}, {2, 400}}, 0)),
                      insert(group(1, {{1, 700}, {2, 300}}, 0)), insert(group(2, {{1, 1}}, 1)),
-                     insert(group(3, {{1, 1}}, 1)), insert(group(4, {{1, 1}}, -1))}),
+                     insert(group(3, {{1, 1}}, 1)), insert(group(4, {{1, 1}}, -1)),
+                     insert("table_entry { table_id: 0x02000002 priority: 1 match { field_id: 25 "
+                            "exact { value: '\\001' } } " +
+                            drop() + "}")}),
               ElementsAre("OK", "OK", "INVALID_ARGUMENT", "RESOURCE_EXHAUSTED", "OK", "OK",
-                          "RESOURCE_EXHAUSTED", "INVALID_ARGUMENT"));
+                          "RESOURCE_EXHAUSTED", "INVALID_ARGUMENT", "OK"));
   engine->verify();
 }
 

@@ -5,6 +5,8 @@
 namespace P4rtTest {
 namespace {
 
+constexpr auto message = parse<p4::v1::StreamMessageRequest>;
+
 class StreamTest : public testing::Test {
  protected:
   Program program_;
@@ -65,31 +67,24 @@ TEST_F(StreamTest, RolesAreRealmsOfTheirOwnWithFullAccess) {
 TEST_F(StreamTest, SaysWhyItEndsAStream) {
   Controller primary{program_, {3}};
   primary.takeOver();
-  const auto endOf = [&](const p4::v1::StreamMessageRequest& message) {
+  const auto endOf = [&](const std::string& claim) {
     Controller other{program_};
-    other.say(message);
+    other.say(message("arbitration { " + claim + " }"));
     EXPECT_FALSE(other.hear());
     const grpc::Status end = other.end();
     EXPECT_FALSE(end.error_message().empty());
     return codeOf(end);
   };
-  p4::v1::StreamMessageRequest message;
-  auto& claim = *message.mutable_arbitration();
-  claim.set_device_id(2);
-  EXPECT_EQ(endOf(message), Code::notFound_);
-  claim.set_device_id(1);
-  claim.mutable_election_id()->set_low(3);
-  EXPECT_EQ(endOf(message), Code::invalidArgument_) << "in use";
-  claim.mutable_election_id()->set_low(2);
-  claim.mutable_role()->mutable_config();
-  EXPECT_EQ(endOf(message), Code::invalidArgument_) << "no role configuration";
+  EXPECT_EQ(endOf("device_id: 2"), Code::notFound_);
+  EXPECT_EQ(endOf("device_id: 1 election_id { low: 3 }"), Code::invalidArgument_) << "in use";
+  EXPECT_EQ(endOf("device_id: 1 election_id { low: 2 } role { config {} }"), Code::invalidArgument_)
+      << "no role configuration";
 
   Controller backup{program_, {2}};
   backup.claim();
   EXPECT_EQ(backup.standing(), "backup of 3");
-  claim.mutable_role()->clear_config();
-  claim.mutable_role()->set_name("another");
-  primary.say(message);
+  primary.say(
+      message("arbitration { device_id: 1 election_id { low: 2 } role { name: 'another' } }"));
   EXPECT_EQ(primary.standing(), "end 9");
   EXPECT_EQ(backup.standing(), "no primary 3");
 }
@@ -97,28 +92,27 @@ TEST_F(StreamTest, SaysWhyItEndsAStream) {
 TEST_F(StreamTest, AnswersWhatIsNoArbitrationWithAnErrorThatNamesIt) {
   Controller primary{program_};
   primary.takeOver();
-  const auto errorOf = [](Controller& controller, const p4::v1::StreamMessageRequest& message,
-                          Code code) {
-    controller.say(message);
-    const auto error = controller.hear().value_or(Controller::Response{}).error();
-    EXPECT_EQ(static_cast<Code>(error.canonical_code()), code);
-    return error;
-  };
-  p4::v1::StreamMessageRequest message;
-  message.mutable_packet()->set_payload("abc");
-  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_).packet_out().packet_out().payload(),
-            "abc");
   Controller stranger{program_};
-  errorOf(stranger, message, Code::permissionDenied_);
-  message.mutable_digest_ack()->set_digest_id(7);
-  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_)
-                .digest_list_ack()
-                .digest_list_ack()
-                .digest_id(),
-            7U);
-  message.mutable_other()->set_type_url("any");
-  EXPECT_EQ(errorOf(primary, message, Code::unimplemented_).other().other().type_url(), "any");
-  errorOf(primary, {}, Code::invalidArgument_);
+  const auto expectError = [](Controller& controller, const std::string& sent, Code code,
+                              const std::string& details) {
+    controller.say(message(sent));
+    auto error = controller.hear().value_or(Controller::Response{}).error();
+    EXPECT_EQ(static_cast<Code>(error.canonical_code()), code);
+    EXPECT_FALSE(error.message().empty());
+    error.clear_canonical_code();
+    error.clear_message();
+    EXPECT_EQ(error.ShortDebugString(), details);
+  };
+  const std::string packet = "packet { payload: \"abc\" }";
+  expectError(primary, packet, Code::unimplemented_,
+              "packet_out { packet_out { payload: \"abc\" } }");
+  expectError(stranger, packet, Code::permissionDenied_,
+              "packet_out { packet_out { payload: \"abc\" } }");
+  expectError(primary, "digest_ack { digest_id: 7 }", Code::unimplemented_,
+              "digest_list_ack { digest_list_ack { digest_id: 7 } }");
+  expectError(primary, "other { type_url: 'any' }", Code::unimplemented_,
+              "other { other { type_url: \"any\" } }");
+  expectError(primary, "", Code::invalidArgument_, "other { other { } }");
   EXPECT_EQ(codeOf(primary.set(pipelineRequest())), Code::ok_) << "still the primary";
 }
 

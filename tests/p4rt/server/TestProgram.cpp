@@ -64,8 +64,7 @@ void Controller::say(const p4::v1::StreamMessageRequest& message) {
 }
 
 void Controller::claim(std::optional<Id> id) {
-  p4::v1::StreamMessageRequest message;
-  message.mutable_arbitration()->set_device_id(1);
+  auto message = parse<p4::v1::StreamMessageRequest>("arbitration { device_id: 1 }");
   if (!role_.empty()) {
     message.mutable_arbitration()->mutable_role()->set_name(role_);
   }
@@ -94,16 +93,13 @@ std::string Controller::standing() {
     highest =
         (id.high() == 0 ? " " : " " + std::to_string(id.high()) + ":") + std::to_string(id.low());
   }
-  switch (static_cast<Code>(notice.status().code())) {
-    case Code::ok_:
-      return "primary" + highest;
-    case Code::alreadyExists_:
-      return "backup of" + highest;
-    case Code::notFound_:
-      return "no primary" + highest;
-    default:
-      return message->ShortDebugString();
-  }
+  const auto code = static_cast<Code>(notice.status().code());
+  EXPECT_TRUE(code == Code::ok_ || code == Code::alreadyExists_ || code == Code::notFound_)
+      << message->ShortDebugString();
+  return (code == Code::ok_         ? "primary"
+          : code == Code::notFound_ ? "no primary"
+                                    : "backup of") +
+         highest;
 }
 
 grpc::Status Controller::end() {
@@ -185,17 +181,13 @@ std::vector<Update> flows(Update::Type type, int first, int count) {
 }
 
 p4::v1::ReadRequest readRequest() {
-  p4::v1::ReadRequest request;
-  request.set_device_id(1);
-  request.add_entities()->mutable_table_entry();
-  return request;
+  return parse<p4::v1::ReadRequest>("device_id: 1 entities { table_entry {} }");
 }
 
 p4::v1::SetForwardingPipelineConfigRequest pipelineRequest(Id id) {
-  p4::v1::SetForwardingPipelineConfigRequest request;
-  request.set_device_id(1);
+  auto request =
+      parse<p4::v1::SetForwardingPipelineConfigRequest>("device_id: 1 action: VERIFY_AND_COMMIT");
   idIs(request, id);
-  request.set_action(p4::v1::SetForwardingPipelineConfigRequest::VERIFY_AND_COMMIT);
   *request.mutable_config()->mutable_p4info() = P4rt::p4infoOf(OSTRA_P4INFO);
   return request;
 }
