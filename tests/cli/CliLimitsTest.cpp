@@ -49,7 +49,7 @@ const std::vector<Shortage> shortages{
     {"ulimit -v 150000; " + insert + "$SIM --shm $OTHER", 0, "", "done", false},
     {"ulimit -v 15000; " + insert + "$SIM --shm $OTHER", 1, "emory", "", false},
     // A line without an end.
-    {"timeout -k 30 -s TERM 0.3 $SIM - < /dev/zero", 124, "", ""},
+    {"timeout -k 30 -s TERM 0.3 $SIM --shm $OTHER - < /dev/zero", 124, "", ""},
     // What is not there, and what is not a switch's.
     {"$SHOW $OTHER", 1, "no 'ostra-sim --shm ostra-limits-other-", ""},
     {"$SHOW $OTHER --check", 1, "", "there are no tables"},

@@ -60,15 +60,6 @@ TEST(CliOption, FilesArePlayedInOrderUpToQuitAndADashIsStandardInput) {
   EXPECT_EQ(lines[1]["where"], "-:2");
 }
 
-TEST(CliOption, ASignalEndsItAndRemovesSharedMemory) {
-  const std::string name = uniqueName("ostra-signal-test");
-  Process process{OSTRA_SIM_PROGRAM, {"--shm", name}};
-  process.play("");
-  EXPECT_EQ(show({name, "status"}).status, 0);
-  EXPECT_EQ(process.finishBy(SIGTERM).status, -SIGTERM);
-  EXPECT_EQ(show({name}).status, 1);
-}
-
 TEST(CliTerminal, HasAPromptForgivesMistakesAndUsesColor) {
   ::setenv("TERM", "xterm", 1);
   ::unsetenv("NO_COLOR");

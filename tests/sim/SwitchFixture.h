@@ -123,10 +123,7 @@ inline Lines linesOf(const std::vector<Sim::Result>& results) {
   return lines;
 }
 
-inline const std::string badPort = "egress port-id: port id 0 is outside 1 to 4294967039";
 inline const std::string badPriority = "Priority::value < -1 or > Priority::max not allowed";
-inline const std::string badTrafficClass =
-    "TrafficClass::value < TrafficClass::min or > TrafficClass::invalid not allowed";
 
 class Switch : public testing::Test {
  protected:
@@ -191,18 +188,6 @@ class Switch : public testing::Test {
     }
     for (const Sim::DependentView& view : service.dependents()) {
       lines.push_back(std::to_string(view.handle) + " waits for " + std::to_string(view.vrf));
-    }
-    return lines;
-  }
-  // "table 0: 1 indexed vrf 5"
-  [[nodiscard]] Lines entries() const {
-    Lines lines;
-    for (const Sim::TableView& table : service.entries()) {
-      for (const Sim::EntryView& entry : table.entries) {
-        lines.push_back("table " + std::to_string(table.table) + ": " +
-                        std::to_string(entry.handle) + (entry.indexed ? " indexed" : "") +
-                        (entry.vrf ? " vrf " + std::to_string(*entry.vrf) : ""));
-      }
     }
     return lines;
   }
