@@ -74,9 +74,7 @@ TEST(CliCommand, VrfsAndEntriesAreShown) {
 
 TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   const auto finished =
-      sim("# a comment\n"
-          "\n"
-          " \t \n"
+      sim("# a comment\n\n \t \n"
           "  echo  two  words \t # and a comment\r\n"
           "echo a#b c=#d #e\n"
           "port 1 Ethernet#1 # that is its name\n"

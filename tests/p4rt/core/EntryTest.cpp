@@ -1,5 +1,6 @@
 // Table entries, members, groups and one shots: what is taken, what is refused and why, what is
 // read back.
+#include <regex>
 #include <sstream>
 
 #include "EngineFixture.h"
@@ -12,21 +13,16 @@ class EntryTest : public Programmed {};
 TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
   // With so many zeros before each number that may have some.
   const auto spelled = [](const std::string& zeros) {
-    return "table_entry { table_id: 0x02000001 priority: 65536"
-           " match { field_id: 5 ternary { value: '" +
-           zeros +
-           "\\x08\\x00' mask: '\\xff\\xff' } }"
-           " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00'"
-           "                               mask: '\\xff\\x00\\x00\\x00' } }"
-           " match { field_id: 6 ternary { value: '" +
-           zeros +
-           "\\000' mask: '\\x0f\\xff' } }"
-           " match { field_id: 1 optional { value: '" +
-           zeros +
-           "\\001' } }"
-           " match { field_id: 25 optional { value: '" +
-           zeros + "\\001' } } " + does(5, {zeros + "\\005", zeros + "\\002"}) +
-           " metadata: 'a\\000b' controller_metadata: 77 }";
+    const std::string text =
+        "table_entry { table_id: 0x02000001 priority: 65536"
+        " match { field_id: 5 ternary { value: '~\\x08\\x00' mask: '\\xff\\xff' } }"
+        " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00'"
+        "                               mask: '\\xff\\x00\\x00\\x00' } }"
+        " match { field_id: 6 ternary { value: '~\\000' mask: '\\x0f\\xff' } }"
+        " match { field_id: 1 optional { value: '~\\001' } }"
+        " match { field_id: 25 optional { value: '~\\001' } } " +
+        does(5, {"~\\005", "~\\002"}) + " metadata: 'a\\000b' controller_metadata: 77 }";
+    return std::regex_replace(text, std::regex{"~"}, zeros);
   };
   const std::string written = spelled("\\000\\000\\000\\000");
   expectTaken({insert(written)});

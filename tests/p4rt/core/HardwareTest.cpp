@@ -30,8 +30,7 @@ TEST_F(HardwareTest, AWriteWaitsForTheAnswersToEachKindInTurn) {
     EXPECT_FALSE(call->done) << round;
     runHardware();
   }
-  EXPECT_TRUE(call->done && after);
-  EXPECT_TRUE(call->status.ok());
+  EXPECT_TRUE(call->done && call->status.ok() && after);
 
   // What changes and what goes is waited for as well.
   const WriteCall second = begin({modify(acl(1, forward(1))), modify(member(2, nexthop(9, 2))),
@@ -41,8 +40,7 @@ TEST_F(HardwareTest, AWriteWaitsForTheAnswersToEachKindInTurn) {
     EXPECT_FALSE(second->done) << round;
     runHardware();
   }
-  EXPECT_TRUE(second->done);
-  EXPECT_TRUE(second->status.ok());
+  EXPECT_TRUE(second->done && second->status.ok());
   EXPECT_TRUE(timers.idle());
 }
 
@@ -162,8 +160,7 @@ TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
     EXPECT_FALSE(call->done);
     agent->publishedIs(true);
     timers.pass(0);
-    EXPECT_TRUE(call->done);
-    EXPECT_TRUE(call->status.ok());
+    EXPECT_TRUE(call->done && call->status.ok());
   }
 }
 

@@ -42,7 +42,7 @@ class Certificates {
 TEST(TlsTest, LetsInWhoKnowsTheServerAndWithAClientRootWhoIsKnownToIt) {
   const Certificates files;
   const auto standingAt = [](const Program& program, const Controller::Credentials& credentials) {
-    Controller controller{program, {1}, {}, {}, credentials};
+    Controller controller{program, {1}, "monitor", {}, credentials};
     controller.claim();
     return controller.standing();
   };
