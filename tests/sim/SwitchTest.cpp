@@ -152,6 +152,22 @@ class Agent : public Switch {
   const Korm::Ptr<OpenFlowTable::CorvexHwConfig> config_ = service.hwConfig();
 };
 
+TEST_F(Agent, PublishesAChangeAgainUnderANewerChangeCount) {
+  std::vector<double> flowCounts;
+  std::vector<double> groupCounts;
+  for (int change = 0; change < 4; ++change) {
+    flow("a");
+    group(7);
+    Service::settle();
+    flowCounts.push_back(agent.status().flowStats("a")->changeCount());
+    groupCounts.push_back(agent.status().groupStats(7)->changeCount());
+  }
+  for (const auto& counts : {flowCounts, groupCounts}) {
+    EXPECT_EQ(std::adjacent_find(counts.begin(), counts.end(), std::greater_equal<>{}),
+              counts.end());
+  }
+}
+
 TEST_F(Agent, CountsAlwaysButShowsCountersOnlyWhilePolled) {
   config_->counterPollEnableIs(false);
   agent.countersAdd("flow-1", 1, 100);
