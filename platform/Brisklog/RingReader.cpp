@@ -315,8 +315,8 @@ double RingReader::decodeTime(const RawRecord& raw) const noexcept {
     const auto rate = std::bit_cast<double>(loadShared(cell[2]));
     if (loadShared(header_[detail::clockVersionWord]) == version) {
       const double since = static_cast<double>(static_cast<std::int64_t>(time - ticks)) * rate;
-      const auto whole = static_cast<std::int64_t>(nanoseconds) + static_cast<std::int64_t>(since);
-      return static_cast<double>(whole) / 1e9;
+      // In floating point, where damaged words cannot overflow.
+      return (static_cast<double>(nanoseconds) + since) / 1e9;
     }
   }
 }
