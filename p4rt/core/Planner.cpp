@@ -121,7 +121,7 @@ void checkSize(const ProfileInfo& profile, std::int64_t total, std::int64_t memb
 
 void checkIds(const std::optional<ProfileInfo>& profile, std::uint32_t profileId, Id id) {
   if (profileId == 0 || id == 0) {
-    refuse(invalid, "the ids of an action profile and of its members and groups are not 0");
+    refuse(invalid, "an action profile id, a member id or a group id is 0, which is not valid");
   }
   if (!profile || profile->id != profileId) {
     refuse(Code::notFound_, "there is no action profile " + std::to_string(profileId));
@@ -262,7 +262,7 @@ FlowEntry Planner::actionOf(const TableInfo& table, const p4::v1::TableAction& a
 
 void Planner::requireMember(Id id) {
   if (id == 0) {
-    refuse(invalid, "a member id is not 0");
+    refuse(invalid, "member id 0 is not valid");
   }
   if (store_.member(id) == nullptr) {
     refuseMissing("member", id);
@@ -271,7 +271,7 @@ void Planner::requireMember(Id id) {
 
 void Planner::requireGroup(Id id) {
   if (id == 0) {
-    refuse(invalid, "a group id is not 0");
+    refuse(invalid, "group id 0 is not valid");
   }
   if (store_.group(id) == nullptr) {
     refuseMissing("group", id);
