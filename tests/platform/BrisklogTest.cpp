@@ -264,7 +264,7 @@ TEST_F(BrisklogTest, ConcurrentWritersAndAReaderNeverShowATornRecord) {
   RingCursor cursor;
   ASSERT_TRUE(reader.follow(cursor).empty());
   std::atomic<std::uint64_t> running = threads;
-  std::vector<std::thread> writers;
+  std::vector<std::jthread> writers;
   for (std::uint64_t t = 0; t < threads; ++t) {
     writers.emplace_back([&, t] {
       writeCounted(t << 32, (t << 32) + perThread);
@@ -286,9 +286,6 @@ TEST_F(BrisklogTest, ConcurrentWritersAndAReaderNeverShowATornRecord) {
       ASSERT_NO_FATAL_FAILURE(expectWhole(record));
     }
   }
-  for (std::thread& writer : writers) {
-    writer.join();
-  }
   EXPECT_GE(seen, 64U);
   EXPECT_GE(seen + cursor.lost, threads * perThread);
   EXPECT_EQ(reader.newest(64).size(), 64U);
@@ -307,18 +304,22 @@ double stoppingClock() {
   return 1;
 }
 
-TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
-  Korm::clockIs(stoppingClock);
+std::jthread suspendInARecord() {
   inClock = 0;
-  RingReader reader = RingReader::attach(ring());
-  RingCursor cursor;
-  plain("before");
-  std::thread suspended([] {
+  std::jthread suspended([] {
     stopsInClock = true;
     plain("suspended");
   });
   inClock.wait(0);
+  return suspended;
+}
 
+TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
+  Korm::clockIs(stoppingClock);
+  RingReader reader = RingReader::attach(ring());
+  RingCursor cursor;
+  plain("before");
+  std::jthread suspended = suspendInARecord();
   plain("after");
   EXPECT_EQ(reader.follow(cursor).size(), 1U) << "it may be complete in an instant";
   EXPECT_EQ(reader.newest(9).size(), 2U);
@@ -341,23 +342,16 @@ TEST_F(BrisklogTest, WriterSuspendedInARecordHoldsUpNobody) {
   }
 }
 
-// Waits for that process to own the ring.
-RingReader attachTo(const std::string& name, pid_t owner) {
-  for (int attempt = 0; attempt < 5000; ++attempt) {
-    try {
-      RingReader reader = RingReader::attach(name);
-      if (reader.ownerProcess() == owner) {
-        return reader;
-      }
-    } catch (const RingError&) {
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return RingReader::attach(name);
-}
-
 std::string attachError(const std::string& name) {
   return messageOf<RingError>([&name] { static_cast<void>(RingReader::attach(name)); });
+}
+
+// Waits for that process to own the ring.
+RingReader attachTo(const std::string& name, pid_t owner) {
+  waitFor([&] {
+    return attachError(name).empty() && RingReader::attach(name).ownerProcess() == owner;
+  });
+  return RingReader::attach(name);
 }
 
 TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
@@ -394,22 +388,15 @@ TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {
 
 TEST_F(BrisklogTest, AnOwnerKilledInARecordHoldsNothingBack) {
   const std::string name = shmName();
-  inClock = 0;
   ChildProcess owner([&] {
     useRing({.shmName = name, .records = 64});
     Korm::clockIs(stoppingClock);
-    std::thread suspended([] {
-      stopsInClock = true;
-      plain("suspended");
-    });
-    inClock.wait(0);
+    const std::jthread suspended = suspendInARecord();
     plain("after");
     ::pause();
   });
   RingReader reader = attachTo(name, owner.id());
-  for (int attempt = 0; attempt < 5000 && reader.newest(1).empty(); ++attempt) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
+  waitFor([&] { return !reader.newest(1).empty(); });
   RingCursor cursor;
   EXPECT_TRUE(reader.follow(cursor).empty()) << "the first may be complete in an instant";
   EXPECT_TRUE(owner.kill());

@@ -8,6 +8,14 @@
 
 #include "tests/Testing.h"
 
+// Waits a minute at the most.
+inline void waitFor(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{60};
+  while (!condition() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::microseconds{100});
+  }
+}
+
 // Fails when its work throws or fails an expectation.
 class ChildProcess {
  public:

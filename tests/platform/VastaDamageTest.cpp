@@ -90,11 +90,15 @@ class VastaDamage : public testing::Test {
   [[nodiscard]] Vasta::SegmentNames names() const { return Vasta::SegmentNames{*name_}; }
   [[nodiscard]] Table<Label> open() const { return Table<Label>{name_.options()}; }
 
-  // Calls check() with each bit of the segment flipped that `wanted(byte, bit)` chooses.
-  template <class Wanted, class Check>
-  static void flipEach(const Korm::SegmentName& segment, Wanted wanted, Check check) {
+  // Calls check() with each bit of the first `end` bytes flipped that `wanted(bytes, byte, bit)`
+  // chooses.
+  using Wanted = bool(const Tampering&, std::size_t byte, unsigned bit);
+  static bool any(const Tampering&, std::size_t, unsigned) { return true; }
+  template <class Check>
+  static void flipEach(const Korm::SegmentName& segment, std::size_t end, Check check,
+                       Wanted wanted = any) {
     Tampering bytes{segment};
-    for (std::size_t byte = 0; byte < bytes.size(); ++byte) {
+    for (std::size_t byte = 0; byte < std::min(end, bytes.size()); ++byte) {
       for (unsigned bit = 0; bit < 8; ++bit) {
         if (wanted(bytes, byte, bit)) {
           const auto mask = static_cast<std::uint8_t>(1U << bit);
@@ -125,36 +129,25 @@ TEST_F(VastaDamage, AReaderReportsOrRefusesEveryFlippedBitThatMatters) {
     EXPECT_TRUE(look.reported || !look.missed);
     harmless += look.reported ? 0 : 1;
   };
-  flipEach(
-      names().header(),
-      [](const Tampering&, std::size_t byte, unsigned) {
-        return byte < Vasta::Header::words_ * Vasta::wordSize;
-      },
-      mattersOrIsReported);
+  flipEach(names().header(), Vasta::Header::words_ * Vasta::wordSize, mattersOrIsReported);
   // Unused words, and the mark of a removed table.
   EXPECT_LE(harmless, (Vasta::Header::words_ - 12) * 64);
 
   harmless = 0;
-  flipEach(
-      names().rows(), [](const Tampering&, std::size_t byte, unsigned) { return byte < 8 * 128; },
-      mattersOrIsReported);
+  flipEach(names().rows(), 8 * 128, mattersOrIsReported);
   EXPECT_GT(harmless, 0U) << "cells that are not in force";
 
   // The index is not summed: a damaged entry may hide its record from look-ups, but from no walk.
   flipEach(
-      names().index(1),
-      [](const Tampering& bytes, std::size_t byte, unsigned bit) {
-        return byte >= 64 && (bytes.word(byte / 8) != 0 || byte % 64 == bit);
-      },
+      names().index(1), SIZE_MAX,
       [&] {
         const Look look{*name_, model};
+      },
+      [](const Tampering& bytes, std::size_t byte, unsigned bit) {
+        return byte >= 64 && (bytes.word(byte / 8) != 0 || byte % 64 == bit);
       });
   // Its own header is compared as it is.
-  flipEach(
-      names().index(1), [](const Tampering&, std::size_t byte, unsigned) { return byte < 32; },
-      [&] {
-        EXPECT_TRUE((Look{*name_, model}.reported));
-      });
+  flipEach(names().index(1), 32, [&] { EXPECT_TRUE((Look{*name_, model}.reported)); });
   Tampering{names().index(1)}.wordIs(2, 1024);
   EXPECT_TRUE((Look{*name_, model}.reported)) << "there are but 512 entries";
 }

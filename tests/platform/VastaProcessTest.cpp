@@ -11,13 +11,6 @@ void require(bool condition, const std::string& what) {
   }
 }
 
-void waitFor(const std::function<bool()>& condition) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds{60};
-  while (!condition() && std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::microseconds{100});
-  }
-}
-
 // What the processes know of each other. A key's version counts its changes; it is absent at
 // version 0 and at every fourth one after.
 constexpr std::uint64_t keys = 6'000;

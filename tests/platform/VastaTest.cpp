@@ -209,25 +209,6 @@ TEST_F(VastaNamed, ADamagedKeyIsNoticedAndDoesNotHideFromRemoval) {
   EXPECT_EQ(violation(table), "none");
 }
 
-TEST_F(VastaNamed, ASuccessorKeepsTheRecordsAndReportsTheCorruptOnes) {
-  {
-    Table<Route> table{name_.options()};
-    fill(table, 3'000);
-    table.del(17);
-    EXPECT_EQ(table.writerGeneration(), 1U);
-  }
-  damage(Route::of(4, 1), true);
-  Reader<Route> reader{*name_};
-  Table<Route> table{name_.options()};
-  EXPECT_EQ(table.writerGeneration(), 2U);
-  EXPECT_NE(table.lastCorruption().find("row 4"), std::string::npos);
-  EXPECT_TRUE(table.discard(4));
-  EXPECT_EQ(table.size(), 2'998U);
-  EXPECT_EQ(violation(table), "none");
-  table.is(Route::of(4, 3));
-  EXPECT_EQ(*reader.find(4), Route::of(4, 3)) << "a reader goes on with the successor's index";
-}
-
 TEST_F(VastaNamed, MemoryThatRunsOutIsAnErrorAndTheTableGoesOn) {
   Table<Route> table{name_.options()};
   Reader<Route> reader{*name_};
