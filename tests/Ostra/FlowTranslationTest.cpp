@@ -7,7 +7,6 @@ namespace OstraTest {
 namespace {
 
 using OpenFlowTable::Match;
-using Ostra::buildFlowName;
 using Ostra::flowIdFromName;
 
 class FlowTranslation : public FlowFixture {
@@ -135,16 +134,6 @@ TEST_F(FlowTranslation, IndexesKeepVrfAndHandleApart) {
   sm->flowKeyToEntryHandleDelAll();
   sm->verify();
   EXPECT_EQ(sm->vrfId(plainKey(1)), 3U);
-}
-
-TEST(FlowName, IsThePrefixAndThePlainDecimalHandle) {
-  EXPECT_EQ(buildFlowName(0), "flow-0");
-  EXPECT_EQ(buildFlowName(std::numeric_limits<std::uint64_t>::max()), "flow-18446744073709551615");
-  for (unsigned bit = 0; bit < 64; ++bit) {
-    const std::uint64_t handle = std::uint64_t{1} << bit;
-    EXPECT_EQ(flowIdFromName(buildFlowName(handle)), handle);
-    EXPECT_EQ(flowIdFromName(buildFlowName(handle - 1)), handle - 1);
-  }
 }
 
 TEST(FlowName, AgreesWithFormattedInputOnRandomNames) {
