@@ -89,6 +89,9 @@ TEST_F(BatchStatusTest, AnEntryErrorIsRecordedWhenItIsReported) {
     EXPECT_EQ(entry->errorCode(), ErrorCode::invalidArgument_);
     EXPECT_EQ(entry->message(), error.what());
   }
+  for (const P4PortId mask : {0x7FFFFFFFU, 254U}) {
+    EXPECT_THROW(helper.validatePortIdMask(7, mask, "egress port-id"), EntryErrorException);
+  }
 }
 
 TEST(ErrorCodes, AreReadAsTheyArePrintedAndInNoOtherWay) {
