@@ -163,21 +163,22 @@ class EcmpReentry : public Ecmp {
   void onNextGroup(std::function<void()> act) { reactor_.nextIs(std::move(act)); }
 
   // Writes a Corvex group of one empty bucket, as nobody but the library should.
-  void writeCorvexGroup(GroupId id, GroupType type) {
+  void writeCorvexGroup(GroupId id) {
     auto* const group = cxHwConfig->groupEntry(id);
-    group->groupTypeIs(type);
+    group->groupTypeIs(id < memberBase ? GroupType::select_ : GroupType::indirect_);
     group->bucketDelAll();
     group->bucketEnq({});
     group->readyIs(true);
     group->changeCountIs(now);
   }
 
+  const std::vector<OpenFlowTable::Bucket> oneEmptyBucket{{}};
+
  private:
   Listener<const GroupId&> reactor_{cxHwConfig->groupEntryNotifiees()};
 };
 
 TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {
-  const OpenFlowTable::Bucket none;
   const auto writeGroupWhile = [this](const std::function<void()>& act) {
     groups->entryDelAll();
     writeMembers({5, 6});
@@ -191,14 +192,13 @@ TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {
   EXPECT_TRUE(groupCopies(3, {6}));
   writeGroupWhile([&] { writeMember({.id = 5, .port = 2}); });
   EXPECT_TRUE(groupCopies(3, {5, 6}));
-  EXPECT_EQ(writeGroupWhile([&] { writeCorvexGroup(3, GroupType::select_); })->bucket(),
-            std::vector{none});
+  EXPECT_EQ(writeGroupWhile([&] { writeCorvexGroup(3); })->bucket(), oneEmptyBucket);
   EXPECT_EQ(writeGroupWhile([&] { members->entryDel(5); })->buckets(), 2U)
       << "a group keeps its copies of members that go";
 }
 
 TEST_F(EcmpReentry, WhatAReactorToANewMemberDoesStands) {
-  const OpenFlowTable::Bucket none;
+  constexpr GroupId id = memberBase + 5;
   const auto writeMemberWhile = [this](const std::function<void()>& act) {
     members->entryDelAll();
     onNextGroup(act);
@@ -206,12 +206,10 @@ TEST_F(EcmpReentry, WhatAReactorToANewMemberDoesStands) {
     return corvexMember(5);
   };
   EXPECT_EQ(writeMemberWhile([&] { members->entryDel(5); }), nullptr);
-  EXPECT_EQ(writeMemberWhile([&] { cxHwConfig->groupEntryDel(memberBase + 5); }), nullptr);
+  EXPECT_EQ(writeMemberWhile([&] { cxHwConfig->groupEntryDel(id); }), nullptr);
   writeMemberWhile([&] { writeMember({.id = 5, .port = 2}); });
   EXPECT_EQ(memberActions(5).outputIntf().name(), "Ethernet2");
-  EXPECT_EQ(
-      writeMemberWhile([&] { writeCorvexGroup(memberBase + 5, GroupType::indirect_); })->bucket(),
-      std::vector{none});
+  EXPECT_EQ(writeMemberWhile([&] { writeCorvexGroup(id); })->bucket(), oneEmptyBucket);
 }
 
 // Whether the state machine is still there shows in when it goes.

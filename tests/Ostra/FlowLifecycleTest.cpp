@@ -277,41 +277,29 @@ TEST_F(FlowReentry, AFlowThatAReactorToItsDeleteWritesAgainKeepsItsBooks) {
 // Whether the state machine is still there shows in when it goes.
 TEST_F(FlowReentry, DroppedWhileItWorksItFinishesFirst) {
   Texts order;
-  Listener<const P4Runtime::TransactionResult&> told{batchStatus->resultNotifiees(),
-                                                     [&](const P4Runtime::TransactionResult&) {
-                                                       sm = nullptr;
-                                                       order.emplace_back("told");
-                                                     }};
-  const auto watched = [&] {
+  const auto drop = [&](const char* what) {
+    sm = nullptr;
+    order.emplace_back(what);
+  };
+  Listener<const P4Runtime::TransactionResult&> told{
+      batchStatus->resultNotifiees(), [&](const P4Runtime::TransactionResult&) { drop("told"); }};
+  Listener<const Korm::Name&> heard{cxHwConfig->flowEntryNotifiees(), [&](const Korm::Name&) {
+                                      drop(cxFlow(7) != nullptr ? "written" : "deleted");
+                                    }};
+  const auto orderOf = [&](const std::function<void()>& change) {
     start();
-    return std::make_unique<Listener<>>(sm->zeroReferencesNotifiees(),
-                                        [&] { order.emplace_back("gone"); });
+    order.clear();
+    const Listener<> watch{sm->zeroReferencesNotifiees(), [&] { order.emplace_back("gone"); }};
+    change();
+    return order;
   };
-  const auto dropping = [&](const char* what) {
-    return [&, what] {
-      sm = nullptr;
-      order.emplace_back(what);
-    };
-  };
-  auto watch = watched();
   OstraConfigEntry refused = flow(3, plainKey(3));
   refused.outputPortIs(0);
-  table->entryIs(refused);
-  EXPECT_EQ(std::exchange(order, {}), (Texts{"told", "gone"}));
-
-  watch = watched();
-  order.clear();
-  onNextFlow(dropping("written"));
-  table->entryIs(entry(7, 1, 5));
-  EXPECT_EQ(std::exchange(order, {}), (Texts{"written", "gone"}));
+  EXPECT_THAT(orderOf([&] { table->entryIs(refused); }), ElementsAre("told", "gone"));
+  EXPECT_THAT(orderOf([&] { table->entryIs(entry(7, 1, 5)); }), ElementsAre("written", "gone"));
   EXPECT_EQ(theFlow(7).entryId(), 1U) << "the write was finished";
-
   vrfs->delAll();
-  watch = watched();
-  order.clear();
-  onNextFlow(dropping("deleted"));
-  table->entryDel(plainKey(1));
-  EXPECT_EQ(order, (Texts{"deleted", "gone"}));
+  EXPECT_THAT(orderOf([&] { table->entryDel(plainKey(1)); }), ElementsAre("deleted", "gone"));
   EXPECT_EQ(books(5), "0 users, creator 7, deletor 7");
 }
 

@@ -8,6 +8,7 @@ namespace {
 using OpenFlowTable::FlowStatus;
 using OpenFlowTable::HwStatus;
 using Ostra::OstraStatusSm;
+using Service = Listener<const P4Runtime::TransactionResult&>;
 
 // A directory with a "p4rt" hardware status, and a state machine over it.
 class StatusSm : public ServiceFixture {
@@ -48,7 +49,7 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
 
   auto& stats = flow("flow-7", FlowStatus::waitingForGroup_);
   EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), 5U) << "not final, still waited for";
-  Listener<const P4Runtime::TransactionResult&> service{
+  Service service{
       batchStatus->resultNotifiees(), [this](const P4Runtime::TransactionResult& result) {
         EXPECT_EQ(statusInfo->dependentHandleToVrfMap(7), result.dependent ? 5U : 0xFFFFFF)
             << "struck off when it has been reported";
@@ -134,19 +135,12 @@ TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
 // The service, on hearing of a result, may change the very thing that is being reported.
 TEST_F(StatusSm, AResultMayChangeTheStatusThatItComesFrom) {
   start();
-  std::function<void(const Korm::Name&)> then;
-  Listener<const P4Runtime::TransactionResult&> service{
-      batchStatus->resultNotifiees(), [&then](const P4Runtime::TransactionResult& result) {
-        if (then) {
-          then(Ostra::buildFlowName(result.handle));
-        }
-      }};
   int left = 0;
-  then = [&](const Korm::Name& name) {
-    if (left-- > 0 && !hw->flowStatsDel(name)) {
-      hw->flowStatsIs(name, FlowStatus::programmed_);
-    }
-  };
+  Service service{batchStatus->resultNotifiees(), [&](const P4Runtime::TransactionResult&) {
+                    if (left-- > 0 && !hw->flowStatsDel("flow-1")) {
+                      flow("flow-1", FlowStatus::programmed_);
+                    }
+                  }};
   auto& stats = flow("flow-1", FlowStatus::pending_);
   left = 1;
   stats.statusIs(FlowStatus::programmed_);
@@ -163,19 +157,16 @@ TEST_F(StatusSm, AResultMayChangeTheStatusThatItComesFrom) {
   hw->flowStatsIs("flow-1").changeCountIs(2);
   EXPECT_EQ(heard(), "1 success") << "followed anew";
 
-  then = [this](const Korm::Name&) { cxHwStatusDir->entityDel(Ostra::p4rtName); };
+  service.nextIs([this] { cxHwStatusDir->entityDel(Ostra::p4rtName); });
   hw->flowStatsIs("flow-1").changeCountIs(3);
   EXPECT_EQ(sm->p4RtCxStatusSm(), nullptr);
-  then = nullptr;
   cxHwStatusDir->entityIs(Ostra::p4rtName, hw);
   heard();
-  then = [this](const Korm::Name&) { sm = nullptr; };
+  service.nextIs([this] { sm = nullptr; });
   flow("flow-2", FlowStatus::programmed_);
   EXPECT_EQ(heard(), "2 success");
   EXPECT_EQ(hw->references(), 2U) << "held here and by the directory";
 }
-
-using Service = Listener<const P4Runtime::TransactionResult&>;
 
 TEST_F(StatusSm, AChangeMadeDuringTheFirstReportsIsReportedToo) {
   auto& first = flow("flow-1", FlowStatus::programmed_);

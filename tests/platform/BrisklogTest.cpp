@@ -348,10 +348,13 @@ std::string attachError(const std::string& name) {
 
 // Waits for that process to own the ring.
 RingReader attachTo(const std::string& name, pid_t owner) {
+  std::optional<RingReader> reader;
   waitFor([&] {
-    return attachError(name).empty() && RingReader::attach(name).ownerProcess() == owner;
+    reader.reset();
+    messageOf<RingError>([&] { reader.emplace(RingReader::attach(name)); });
+    return reader && reader->ownerProcess() == owner;
   });
-  return RingReader::attach(name);
+  return std::move(reader.value());
 }
 
 TEST_F(BrisklogTest, OwnerKilledAtAnyInstantLeavesOnlyWholeRecords) {

@@ -10,45 +10,42 @@ namespace {
 
 using namespace TestSupport;
 
-class Thing : public Entity {
+// Makes pointers to itself while it goes.
+class Thing final : public Entity {
  public:
-  explicit Thing(int& alive) : alive_{alive} { ++alive_; }
-  ~Thing() override { --alive_; }
+  explicit Thing(int& destroyed) : destroyed_{destroyed} {}
+  ~Thing() override {
+    ++destroyed_;
+    const Ptr<Entity> self{this};
+    const Ptr<Entity> another = self;
+  }
 
  private:
-  int& alive_;
+  int& destroyed_;
 };
+
 TEST(Ptr, DestroysOnceThoughDestructorsMakePointersToTheObject) {
-  struct SelfReferring final : Entity {
-    explicit SelfReferring(int& count) : destroyed{count} {}
-    ~SelfReferring() override {
-      ++destroyed;
-      const Ptr<Entity> self{this};
-      const Ptr<Entity> another = self;
-    }
-    int& destroyed;
-  };
   int destroyed = 0;
-  makePtr<SelfReferring>(destroyed) = nullptr;
+  makePtr<Thing>(destroyed) = nullptr;
   EXPECT_EQ(destroyed, 1);
 }
 
 TEST(ZeroReferences, AnObserverThatTakesAReferenceKeepsTheEntityUntilItLetsGo) {
-  int alive = 0;
+  int destroyed = 0;
   Ptr<Entity> place;
-  Ptr<Entity> entity = makePtr<Thing>(alive);
+  Ptr<Entity> entity = makePtr<Thing>(destroyed);
   Entity& self = *entity;
   const auto borrow = [&self] { const Ptr<Entity> taken{&self}; };
   Listener<> borrower{self.zeroReferencesNotifiees(), borrow};
   Listener<> rescuer{self.zeroReferencesNotifiees(), [&] { place = Ptr<Entity>{&self}; }};
   entity = nullptr;
-  EXPECT_EQ(alive, 1);
+  EXPECT_EQ(destroyed, 0);
   EXPECT_EQ(place->references(), 1U);
   std::exchange(place, nullptr) = nullptr;
   EXPECT_EQ(rescuer.take(), 2);
   rescuer.actionIs(borrow);
   place = nullptr;
-  EXPECT_EQ(alive, 0);
+  EXPECT_EQ(destroyed, 1);
   EXPECT_EQ(borrower.take(), 3) << "to take and drop a reference is not to be asked again";
   EXPECT_FALSE(rescuer.attached());
 }

@@ -57,12 +57,7 @@ TEST(TableEntity, IsEmptiedToTheLastRowThoughReactorsThrow) {
       throw key;
     }
   });
-  try {
-    table->entryDelAll();
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (std::uint64_t key) {
-    EXPECT_EQ(key, 0U);
-  }
+  EXPECT_THAT([&] { table->entryDelAll(); }, testing::Throws<std::uint64_t>(testing::Eq(0U)));
   EXPECT_EQ(table->entries(), 0U);
   EXPECT_THAT(other.take(), ElementsAre(0, 1, 2, 3, 4));
   EXPECT_EQ(table->table().verify(), std::nullopt);
@@ -160,12 +155,8 @@ TEST_F(Placed, AnEntityMovesItsRowsAndItsCorruptionHandlerToTheNamedSegment) {
   const Route damaged = Route::of(50, 3);
   VastaTest::Tampering{Vasta::SegmentNames{segment("dir/routes/entry")}.rows()}.flip(
       &damaged.payload, 16);
-  try {
-    static_cast<void>(table->entry(50));
-    ADD_FAILURE() << "a damaged row was read";
-  } catch (const Vasta::Corruption& corruption) {
-    table->reportCorruption(corruption.what());
-  }
+  table->reportCorruption(
+      messageOf<Vasta::Corruption>([&] { static_cast<void>(table->entry(50)); }));
   ASSERT_EQ(corruptions.size(), 1U);
   EXPECT_THAT(corruptions.front(), HasSubstr("dir/routes/entry"));
 }
