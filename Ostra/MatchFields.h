@@ -53,8 +53,8 @@ enum class MatchNeeds : std::uint8_t {
 
 // The number of bits in a field's value and mask.
 struct MatchWidth {
-  constexpr MatchWidth(unsigned count) noexcept
-      : bits{count} {}  // NOLINT(google-explicit-constructor)
+  // NOLINTNEXTLINE(google-explicit-constructor)
+  constexpr MatchWidth(unsigned count) noexcept : bits{count} {}
 
   // The exact mask of a field that is stored as a T.
   template <std::unsigned_integral T>

@@ -413,7 +413,7 @@ MemberPreview OstraEcmpGroupSm::preview(const NexthopInfo& row) const {
 }
 
 std::optional<ProfileRefusal> OstraEcmpGroupSm::refusalOf(const EcmpMemberList& row) const {
-  if (const auto refusal = refusalBy([&] {
+  if (auto refusal = refusalBy([&] {
         validateGroup(row);
         static_cast<void>(row.weights());
       })) {

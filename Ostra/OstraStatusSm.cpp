@@ -17,7 +17,6 @@ namespace Ostra {
 namespace {
 
 using Brisklog::TracePoint;
-using OpenFlowTable::FlowStatus;
 using OpenFlowTable::GroupStatus;
 using P4Runtime::EntryHandle;
 using P4Runtime::ErrorCode;

@@ -59,13 +59,13 @@ struct Match {
 #define OPENFLOW_PLAIN_MEMBER(name, Type)                  \
   Type name{};                                             \
   void name##Is(const Type& newValue, bool set) noexcept { \
-    name = newValue;                                       \
+    this->name = newValue;                                 \
     hasIs(Field::name##_, set);                            \
   }
 #define OPENFLOW_MASKED_MEMBER(name, Type, bits)                      \
   Masked<Type> name;                                                  \
   void name##Is(const Type& newValue, const Type& newMask) noexcept { \
-    name = {newValue, newMask};                                       \
+    this->name = {newValue, newMask};                                 \
     hasIs(Field::name##_, true);                                      \
   }
   OPENFLOW_MATCH_FIELDS(OPENFLOW_PLAIN_MEMBER, OPENFLOW_MASKED_MEMBER)

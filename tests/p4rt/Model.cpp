@@ -215,6 +215,8 @@ void Model::answered(const WriteRequest& request, const Words& outcomes,
   }
   if (!rollsBack || !failed) {
     *this = next;
+  } else {
+    EXPECT_EQ(std::count(outcomes.begin(), outcomes.end(), "OK"), 0) << "all is rolled back";
   }
 }
 
