@@ -64,6 +64,14 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
   EXPECT_TRUE(read);
 }
 
+TEST_F(HardwareTest, TheTimeIsThatOfTheWholeWrite) {
+  expectTaken({insert(acl(1, drop()))});
+  agent->automaticIs(false);
+  const WriteCall call = begin({insert(acl(2, drop())), remove(acl(1))});
+  timers.pass(5000);
+  EXPECT_THAT(wordsOf(call->status), ElementsAre("DEADLINE_EXCEEDED", "DEADLINE_EXCEEDED"));
+}
+
 TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
   // The updates take so many rounds of the hardware. It then has no room for one more entry, nor
   // for what is to come back.
