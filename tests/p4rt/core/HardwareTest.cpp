@@ -1,5 +1,6 @@
 // Hardware that is late, full or broken: what a Write answers, and what it leaves behind.
 #include "EngineFixture.h"
+#include "tests/Tampering.h"
 
 namespace P4rtTest {
 namespace {
@@ -62,6 +63,29 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
   timers.pass(5000);
   EXPECT_THAT(wordsOf(second->status), ElementsAre("NOT_FOUND", "DEADLINE_EXCEEDED"));
   EXPECT_TRUE(read);
+}
+
+TEST_F(HardwareTest, WhatSharedMemoryHasNoRoomForFailsAndLeavesNothing) {
+  std::vector<Update> updates;
+  for (int number = 1; number <= 200; ++number) {
+    updates.push_back(insert(acl(number, drop())));
+  }
+  const TestSupport::Limit limit{RLIMIT_FSIZE, 128 * 1024};
+  const WriteCall whole = begin(updates, WriteRequest::ROLLBACK_ON_ERROR);
+  runHardware();
+  ASSERT_TRUE(whole->done);
+  EXPECT_THAT(wordsOf(whole->status), testing::Contains("RESOURCE_EXHAUSTED"));
+  EXPECT_THAT(everything(), IsEmpty());
+  engine->verify();
+  const WriteCall each = begin(updates);
+  runHardware();
+  const Words words = wordsOf(each->status);
+  const auto taken = static_cast<std::size_t>(std::count(words.begin(), words.end(), "OK"));
+  EXPECT_GT(taken, 0U);
+  EXPECT_EQ(std::count(words.begin(), words.end(), "RESOURCE_EXHAUSTED"),
+            std::ssize(updates) - static_cast<std::ptrdiff_t>(taken));
+  EXPECT_EQ(everything().size(), taken);
+  engine->verify();
 }
 
 TEST_F(HardwareTest, TheTimeIsThatOfTheWholeWrite) {
