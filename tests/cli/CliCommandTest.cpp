@@ -1,4 +1,5 @@
-// The commands, through the program, with the JSON that comes of them to the letter.
+// The commands, through the program: scripts are played, and what is printed is compared with what
+// stands beside them.
 
 #include "CliProgram.h"
 
@@ -6,71 +7,64 @@ namespace {
 
 using namespace CliTest;
 
-// The result of an insert; `what` is its kind, with its id if it has one.
-std::string inserted(const std::string& what, unsigned handle, const std::string& state,
-                     const std::string& message = "") {
-  return R"({"type":"result","op":"insert","kind":)" + what + R"(,"handle":)" +
-         std::to_string(handle) + R"(,"state":)" + state + R"(,"message":")" + message + R"("})";
+namespace fs = std::filesystem;
+
+// The scripts of a folder, sorted.
+std::vector<fs::path> scriptsIn(const fs::path& folder) {
+  std::vector<fs::path> scripts;
+  for (const auto& entry : fs::directory_iterator{folder}) {
+    if (entry.path().extension() == ".txt") {
+      scripts.push_back(entry.path());
+    }
+  }
+  std::sort(scripts.begin(), scripts.end());
+  return scripts;
 }
 
-TEST(CliCommand, GroupsAreShownWithTheirBuckets) {
-  const auto lines = simJsonLines(
-      "port 1 Ethernet1\nencap 9 dst=198.51.100.7 src=192.0.2.1 type=ip-in-ip dscp=10 ttl=64\n"
-      "insert member 5 encap=9 port=1 src-mac=02:00:00:00:00:01 dst-mac=02:00:00:00:00:05\n"
-      "insert group 3 weights=7 members=5\nshow groups\n");
-  const std::string buckets =
-      R"("buckets":[{"actions":{"outputIntf":"Ethernet1","encap":{"type":"ip-in-ip",)"
-      R"("src":"192.0.2.1","dst":"198.51.100.7","ttl":64,"dscp":10},)"
-      R"("dstMac":"02:00:00:00:00:05",)"
-      R"("srcMac":"02:00:00:00:00:01","fixedBlock":"0005410040000000"}}])";
-  EXPECT_THAT(
-      lines,
-      ElementsAre(
-          inserted(R"("member","id":5)", 1, R"("done","code":0)"),
-          inserted(R"("group","id":3)", 2, R"("done","code":0)"),
-          R"({"type":"groups","groups":[{"id":3,"groupType":1,"deleted":false,"ready":true,)"
-          R"("changeCount":4,)" +
-              buckets +
-              R"(},{"id":4294967301,"groupType":2,"deleted":false,"ready":true,"changeCount":3,)" +
-              buckets + "}]}"));
+class Script : public testing::TestWithParam<fs::path> {};
+
+const auto nameOf = [](const auto& script) { return script.param.stem().string(); };
+
+// The scenarios are documentation: what each prints is in a file beside it.
+using Scenario = Script;
+
+TEST_P(Scenario, PrintsWhatItSays) {
+  const Finished played = sim({}, {"--audit", "--clock", "steps", GetParam()});
+  EXPECT_EQ(played.status, 0);
+  EXPECT_EQ(played.errors, "");
+  EXPECT_EQ(played.out, contentOf(fs::path{GetParam()}.replace_extension(".expected")));
 }
 
-TEST(CliCommand, TheHardwareIsShownAndItsReports) {
-  EXPECT_THAT(
-      simJsonLines("hw manual\ninsert flow priority=1 -> drop\nhw run\n"
-                   "hw flow flow-1 12\nhw flow flow-1 3\nhw flow other 77\n"
-                   "hw group 4294967301 4\nhw count flow-1 1000 64000\nshow hw\n"
-                   "hw remove flow other\nhw remove group 4294967301\n"
-                   "hw remove group 1\nhw remove flow nobody\ncounter 1\n"
-                   "hw unpublish\nshow hw\ncorvex no flow nobody\n"
-                   "insert flow priority=2 local_metadata.dscp=46 -> traffic-class=7\n"),
-      ElementsAre(
-          inserted(R"("flow")", 1, R"("pending")"),
-          R"({"type":"report","handle":1,"code":0,"message":""})",
-          R"({"type":"report","handle":1,"code":6,"message":""})",
-          R"({"type":"hw","flows":[{"name":"flow-1","status":3},{"name":"other","status":77}],)"
-          R"("groups":[{"id":4294967301,"status":4}],"counterPoll":true})",
-          R"({"type":"counter","handle":1,"packets":1000,"bytes":64000})",
-          R"({"type":"hw","flows":[],"groups":[],"counterPoll":true})",
-          inserted(R"("flow")", 2, R"("done","code":14)",
-                   "local_metadata.dscp is not allowed because ether type is ignored and "
-                   "isIpPacket is ignored")));
+INSTANTIATE_TEST_SUITE_P(All, Scenario, testing::ValuesIn(scriptsIn(OSTRA_SCENARIOS)), nameOf);
+
+TEST(Scenarios, AllThatTheManualNamesAreThere) {
+  std::set<std::string> names;
+  for (const fs::path& script : scriptsIn(OSTRA_SCENARIOS)) {
+    names.insert(script.stem());
+  }
+  EXPECT_THAT(names, ElementsAre("ecmp", "failures", "flows", "restart", "tour", "vrfs"));
 }
 
-TEST(CliCommand, VrfsAndEntriesAreShown) {
-  const auto lines = simJsonLines(
-      "hw manual\ninsert flow priority=1 -> vrf=5\ninsert flow table=2 priority=2 -> vrf=5\n"
-      "insert flow priority=3 -> vrf=16777214 group=9\nshow vrfs\nshow entries\n");
-  ASSERT_EQ(lines.size(), 5U);
-  EXPECT_EQ(lines[3],
-            R"({"type":"vrfs","vrfs":[{"vrf":5,"refCount":2,"creator":1,"deletor":0},{)"
-            R"("vrf":16777214,"refCount":1,"creator":0,"deletor":0}],"dependents":[{"handle":1,)"
-            R"("vrf":5},{"handle":3,"vrf":16777214}]})");
-  EXPECT_EQ(lines[4],
-            R"({"type":"entries","tables":[{"table":0,"entries":[{"handle":1,"indexed":true,)"
-            R"("vrf":5},{"handle":3,"indexed":false,"vrf":16777214}]},{"table":2,"entries":[{)"
-            R"("handle":2,"indexed":true,"vrf":5}]}]})");
+// A transcript has each command behind "> ", and below it the JSON that comes of it.
+using Transcript = Script;
+
+TEST_P(Transcript, IsAnsweredToTheLetter) {
+  std::string commands;
+  std::string answers;
+  for (const std::string& line : linesOf(contentOf(GetParam()))) {
+    if (line.starts_with("> ")) {
+      commands += line.substr(2) + "\n";
+    } else if (!line.empty() && !line.starts_with('#')) {
+      answers += line + "\n";
+    }
+  }
+  const Finished played = sim(commands, {"--json", "--keep-going", "--clock", "steps"});
+  EXPECT_EQ(played.out, answers);
+  const bool hasMistake = answers.find(R"({"type":"error")") != std::string::npos;
+  EXPECT_EQ(played.status, hasMistake ? 2 : 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, Transcript, testing::ValuesIn(scriptsIn(OSTRA_TRANSCRIPTS)), nameOf);
 
 TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   const auto finished =
@@ -86,37 +80,14 @@ TEST(CliCommand, CommentsBlanksAndLineEndsDoNotMatter) {
   EXPECT_THAT(finished.out, EndsWith("ingrMirrorIntf=a#b#\nlast line without an end\n"));
 }
 
-// The scenarios are documentation that is played: each prints what stands beside it.
-
-namespace fs = std::filesystem;
-
-std::vector<std::string> scenarios() {
-  std::vector<std::string> names;
-  for (const auto& entry : fs::directory_iterator{OSTRA_SCENARIOS}) {
-    if (entry.path().extension() == ".txt") {
-      names.push_back(entry.path().stem().string());
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-class Scenario : public testing::TestWithParam<std::string> {};
-
-TEST_P(Scenario, PrintsWhatItSays) {
-  const fs::path base = fs::path{OSTRA_SCENARIOS} / GetParam();
-  const Finished played = sim({}, {"--audit", "--clock", "steps", base.string() + ".txt"});
-  EXPECT_EQ(played.status, 0);
-  EXPECT_EQ(played.errors, "");
-  EXPECT_EQ(linesOf(played.out), linesOf(contentOf(base.string() + ".expected")));
-}
-
-INSTANTIATE_TEST_SUITE_P(All, Scenario, testing::ValuesIn(scenarios()),
-                         [](const auto& scenario) { return scenario.param; });
-
-TEST(Scenarios, AllThatTheManualNamesAreThere) {
-  const std::vector<std::string> expected{"ecmp", "failures", "flows", "restart", "tour", "vrfs"};
-  EXPECT_EQ(scenarios(), expected);
+// What a hand has done is known; a batch may add no fault to it.
+TEST(CliCommand, AnAuditPrintsFindingsAndEndsNoRunForWhatWasDoneByHand) {
+  const Finished audited =
+      sim("insert flow priority=2 -> drop\ncorvex no flow flow-1\naudit\n"
+          "insert flow priority=3 -> drop\n",
+          {"--audit"});
+  EXPECT_EQ(audited.status, 0);
+  EXPECT_THAT(audited.out, HasSubstr("1 rows, 0 flows, 0 groups; 1 faults, 0 expected; "));
 }
 
 }  // namespace

@@ -48,8 +48,8 @@ const std::vector<Shortage> shortages{
      "standard output: File too large", ""},
     {"ulimit -v 150000; " + insert + "$SIM --shm $OTHER", 0, "", "done", false},
     {"ulimit -v 15000; " + insert + "$SIM --shm $OTHER", 1, "emory", "", false},
-    // A line without an end.
-    {"timeout -k 30 -s TERM 0.3 $SIM --shm $OTHER - < /dev/zero", 124, "", ""},
+    // A line without an end. In the foreground it is signalled once, and ends in order.
+    {"timeout --foreground -k 30 -s TERM 0.3 $SIM --shm $OTHER - < /dev/zero", 124, "", ""},
     // What is not there, and what is not a switch's.
     {"$SHOW $OTHER", 1, "no 'ostra-sim --shm ostra-limits-other-", ""},
     {"$SHOW $OTHER --check", 1, "", "there are no tables"},

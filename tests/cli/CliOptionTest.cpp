@@ -73,83 +73,7 @@ TEST(CliTerminal, HasAPromptForgivesMistakesAndUsesColor) {
   EXPECT_EQ(process.finish().status, 2);  // for the mistake
 }
 
-// Lines that make no sense: each is answered with its place, what was read and what was expected.
-
-struct Mistake {
-  std::string line;
-  std::vector<std::string> says;
-};
-
-const std::vector<Mistake> mistakes{
-    // Commands.
-    {"inser flow priority=1 -> drop", {"'inser'", "a command", "did you mean 'insert'?"}},
-    {"show flws", {"'flws'", "flows, groups, vrfs, entries, pending, hw, trace", "'flows'?"}},
-    {"show", {"the end of the line", "after 'show'"}},
-    {"commit", {"'begin' before it"}},
-    {"start", {"'stop' first"}},
-    // Ports, encapsulations, members, groups.
-    {"port 4294967296 Ethernet1", {"'4294967296'", "from 0 to 4294967295"}},
-    {"port 1 Ethernet1/2/3/4/5/6/7/8/9", {"at most 23 characters"}},
-    {"encap 65536 src=1.1.1.1 dst=2.2.2.2", {"from 0 to 65535"}},
-    {"encap 1 src=1.1.1.1", {"the end of the line", "dst="}},
-    {"encap 1 src=1.1.1.1 dst=2001:db8::1", {"'2001:db8::1'", "an IPv4 address for dst"}},
-    {"encap 1 src=1.1.1.1 dst=2.2.2.2 type=ip-in-up",
-     {"type=ip-in-ip", "did you mean 'ip-in-ip'?"}},
-    {"insert member 5 port=1 encap=9 port=2", {"'port'", "twice"}},
-    {"insert member 5 port=1 encap=9 dst-mac=02:00:00:00:05", {"a MAC address"}},
-    {"insert member 5 port encap=9", {"'port'", "'port='"}},
-    {"delete member 5 port=1", {"'port=1'", "the end of the line"}},
-    {"insert group 3 members=1,", {"behind the last comma"}},
-    {"insert group 3 members=1,2 weights=1", {"1 weights", "2, one for each member"}},
-    // Flows.
-    {"insert flow -> drop", {"'->'", "priority="}},
-    {"insert flow priority=1", {"'->' and the actions"}},
-    {"insert flow priority=1 drop", {"'drop'", "behind '->'"}},
-    {"insert flow priority=1 -> priority=2", {"'priority=2'", "before '->'"}},
-    {"insert flow priority=1 -> dorp", {"'dorp'", "did you mean 'drop'?"}},
-    {"insert flow priority=1 -> drop drop", {"'drop'", "twice"}},
-    {"insert flow priority=1 -> drop=1", {"'drop=1'", "without a value"}},
-    {"insert flow priority=1 -> vrf=1 vrf=2", {"'vrf'", "twice"}},
-    {"insert flow priority=1 -> mirror-ingress=", {"no value", "the name of an interface"}},
-    {"insert flow priority=1 -> policer=64000", {"policer=RATE,BURST"}},
-    {"insert flow priority=1 -> policer=1,2,drop-red,drop-red", {"'drop-red'", "twice"}},
-    {"insert flow priority=2147483648 -> drop", {"from -2147483648 to 2147483647"}},
-    {"insert flow priority=1 table=15 -> drop", {"'15'", "from 0 to 14"}},
-    {"insert flow priority=1 tabel=1 -> drop", {"did you mean 'table'?"}},
-    {"insert flow priority=1 hdr.icmp.type=256 -> drop", {"from 0 to 255 for hdr.icmp.type"}},
-    {"insert flow priority=1 hdr.icmp.type=8&256 -> drop", {"'256'"}},
-    {"insert flow priority=1 local_metadata.dscp=64 -> drop", {"from 0 to 63"}},
-    {"insert flow priority=1 hdr.ipv6_base.dscp=1&0x40 -> drop", {"'0x40'", "from 0 to 63"}},
-    {"insert flow priority=1 hdr.icmp.type=1 hdr.icmp.type=2 -> drop", {"twice"}},
-    {"insert flow priority=1 hdr.ipv4_base.dst_adr=1.2.3.4 -> drop", {"'hdr.ipv4_base.dst_addr'?"}},
-    {"insert flow priority=1 hdr.ipv6_base.dst_addr=1.2.3.4 -> drop", {"an IPv6 address"}},
-    {"insert flow priority=1 hdr.ipv6_base.dst_addr=::/129 -> drop", {"from 0 to 128"}},
-    {"insert flow priority=1 hdr.ipv4_base.dst_addr=1.2.3.4&::1 -> drop", {"an IPv4 address"}},
-    {"insert flow priority=1 local_metadata.isIpPacket=1 -> drop", {"true or false"}},
-    {"delete flow priority=1 -> drop", {"'->'", "just the key"}},
-    // The hardware, the library, what there is to see.
-    {"hw", {"auto, manual, run, flow, group"}},
-    {"hw flow flow-1 4294967296", {"from 0 to 4294967295"}},
-    {"hw count flow-1 1", {"a number of bytes"}},
-    {"hw count flow-1 1 2 unit0 unit1", {"'unit1'"}},
-    {"counter", {"the handle of an entry"}},
-};
-
-TEST(CliMistake, SaysWhatWasReadAndWhatWasExpected) {
-  std::string script;
-  for (const Mistake& mistake : mistakes) {
-    script += mistake.line + "\n";
-  }
-  const auto lines = simJson(script, 2, {"-k"});
-  ASSERT_EQ(lines.size(), mistakes.size());
-  for (std::size_t at = 0; at < lines.size(); ++at) {
-    EXPECT_EQ(lines[at]["type"], "error");
-    EXPECT_EQ(lines[at]["where"], "-:" + std::to_string(at + 1));
-    for (const std::string& part : mistakes[at].says) {
-      EXPECT_THAT(lines[at]["message"], HasSubstr(part)) << mistakes[at].line;
-    }
-  }
-}
+// How a run goes on after a line that makes no sense. What is said of each is in the transcripts.
 
 TEST(CliMistake, EndsTheRunUnlessToldToKeepGoing) {
   const TemporaryFile file{"echo one\nbogus\necho two\n"};
@@ -160,15 +84,7 @@ TEST(CliMistake, EndsTheRunUnlessToldToKeepGoing) {
   const Finished kept = sim({}, {"--keep-going", file.path()});
   EXPECT_EQ(kept.status, 2);
   EXPECT_EQ(kept.out, "one\ntwo\n");
-}
-
-TEST(CliMistake, ABatchThatIsNotCommittedIsNotApplied) {
-  const auto lines =
-      simJson("begin\ninsert flow priority=1 -> drop\ninsert flow priority=2 -> drop\n", 2);
-  ASSERT_EQ(lines.size(), 1U);
-  EXPECT_EQ(lines[0]["where"], "-:1");
-  EXPECT_THAT(lines[0]["message"], HasSubstr("2 writes not applied"));
-  // A mistake inside a batch ends the run, and one message is enough.
+  // A mistake inside a batch ends the run too, and one message is enough.
   EXPECT_EQ(simJson("begin\ninsert flow priority=1 -> drop\nbogus\n", 2).size(), 1U);
 }
 

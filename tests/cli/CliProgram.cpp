@@ -159,16 +159,12 @@ Finished show(const Arguments& arguments) {
   return Process{OSTRA_SHOW_PROGRAM, arguments}.finish();
 }
 
-std::vector<std::string> simJsonLines(std::string_view input, int status, Arguments arguments) {
+std::vector<Json> simJson(std::string_view input, int status, Arguments arguments) {
   arguments.insert(arguments.begin(), {"--json", "--clock", "steps"});
   const Finished finished = sim(input, arguments);
   EXPECT_EQ(finished.status, status) << finished.errors << finished.out;
-  return linesOf(finished.out);
-}
-
-std::vector<Json> simJson(std::string_view input, int status, Arguments arguments) {
   std::vector<Json> objects;
-  for (const std::string& line : simJsonLines(input, status, std::move(arguments))) {
+  for (const std::string& line : linesOf(finished.out)) {
     objects.push_back(Json::parse(line, nullptr, false));
     EXPECT_TRUE(objects.back().is_object()) << line;
   }

@@ -66,9 +66,6 @@ class Process {
 // The lines of `ostra-sim --json`, which must have ended with `status`.
 [[nodiscard]] std::vector<Json> simJson(std::string_view input, int status = 0,
                                         Arguments arguments = {});
-// Those lines as text, one each.
-[[nodiscard]] std::vector<std::string> simJsonLines(std::string_view input, int status = 0,
-                                                    Arguments arguments = {});
 
 [[nodiscard]] std::vector<std::string> linesOf(std::string_view text);
 
