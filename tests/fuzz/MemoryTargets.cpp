@@ -1,12 +1,7 @@
 // Shared memory that somebody has damaged, or written from scratch.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include "platform/Brisklog/Ring.h"
@@ -43,42 +38,41 @@ void mustBeWhole(const Row& row) {
   Korm::assertTrue(row.isWhole(), "a record is whole or refused");
 }
 
-// Writes to a segment what the bytes say. The first one chooses: even, what follows is its content;
-// odd, each twelve of what follows are a place and a word that is written, added or mixed in there,
-// or a new size.
-void damage(const char* segment, Bytes bytes) {
-  const int descriptor = ::shm_open(segment, O_RDWR, 0);
-  struct stat status {};
-  if (descriptor < 0 || ::fstat(descriptor, &status) != 0) {
-    throw std::runtime_error{std::string{"no segment "} + segment};
+// Changes a segment, if there is one, as the bytes say. The first one chooses: even, what follows
+// is its content; odd, each twelve of what follows are a place and a word that is written, added or
+// mixed in there, or a new size.
+void damage(const std::string& segment, Bytes bytes) {
+  const std::string file = "/dev/shm" + segment;
+  std::ifstream in{file, std::ios::binary};
+  if (!in) {
+    return;
   }
-  const auto size = static_cast<std::size_t>(status.st_size);
-  void* const mapped = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor, 0);
-  auto* const to = static_cast<std::uint8_t*>(mapped);
-  off_t length = status.st_size;
-  if (!bytes.empty() && bytes[0] % 2 == 0) {
-    std::copy_n(bytes.begin() + 1, std::min(bytes.size() - 1, size), to);
+  std::string content{std::istreambuf_iterator<char>{in}, {}};
+  const std::size_t size = content.size();
+  std::size_t newSize = size;
+  Source source{bytes};
+  if (source.next() % 2 == 0) {
+    const Bytes whole = source.take(size);
+    std::copy(whole.begin(), whole.end(), content.begin());
+    source = Source{{}};
   }
-  for (std::size_t at = 1; !bytes.empty() && bytes[0] % 2 == 1 && at + 12 <= bytes.size();
-       at += 12) {
-    std::uint16_t place = 0;
-    std::uint64_t word = 0;
-    std::memcpy(&place, bytes.data() + at + 1, sizeof(place));
-    std::memcpy(&word, bytes.data() + at + 4, sizeof(word));
+  while (!source.empty()) {
+    const unsigned how = source.next();
+    const std::size_t place = source.next<std::uint16_t>() * sizeof(std::uint64_t);
+    source.take(1);
+    const auto word = source.next<std::uint64_t>();
+    char* const at = content.data() + place % (size - sizeof word + 1);
     std::uint64_t old = 0;
-    const std::size_t where = place * sizeof(word) % (size - sizeof(word) + 1);
-    std::memcpy(&old, to + where, sizeof(word));
-    const std::uint8_t how = bytes[at];
-    if (how % 8 == 7) {
-      length = static_cast<off_t>(word % (2 * size));
-      continue;
-    }
+    std::memcpy(&old, at, sizeof old);
     const std::uint64_t next = how % 3 == 0 ? word : how % 3 == 1 ? old + word : old ^ word;
-    std::memcpy(to + where, &next, sizeof(next));
+    if (how % 8 == 7) {
+      newSize = word % (2 * size);
+    } else {
+      std::memcpy(at, &next, sizeof next);
+    }
   }
-  ::munmap(mapped, size);
-  Korm::assertTrue(::ftruncate(descriptor, length) == 0, "a segment takes any size");
-  ::close(descriptor);
+  content.resize(newSize);
+  std::ofstream{file, std::ios::binary} << content;
 }
 
 // Calls step() until it is through; what is corrupt is passed over.
@@ -150,14 +144,9 @@ void table(Bytes bytes) {
   }
   const Vasta::SegmentNames names{options.shmName};
   const unsigned segment = bytes[0] % 3;
-  try {
-    const auto damaged = segment == 0   ? names.header()
-                         : segment == 1 ? names.rows()
-                                        : names.index(1);
-    damage(damaged.text(), bytes.subspan(2));
-  } catch (const std::runtime_error&) {
-    // The index is of a later generation.
-  }
+  // There may be no index of the first generation any more.
+  const auto damaged = segment == 0 ? names.header() : segment == 1 ? names.rows() : names.index(1);
+  damage(damaged.text(), bytes.subspan(2));
   const auto attempt = [](auto step) {
     try {
       step();
@@ -191,7 +180,7 @@ void ring(Bytes bytes) {
                              std::filesystem::copy_options::overwrite_existing);
   (void)Brisklog::ringIs(nullptr);
   try {
-    damage(("/" + damaged).c_str(), bytes);
+    damage("/" + damaged, bytes);
     Brisklog::RingReader reader = Brisklog::RingReader::attach(damaged);
     for (const auto& record : reader.newest(100)) {
       (void)record.printedLine();
@@ -203,7 +192,7 @@ void ring(Bytes bytes) {
     (void)reader.owner();
   } catch (const Brisklog::RingError&) {
   }
-  (void)::shm_unlink(("/" + damaged).c_str());
+  std::filesystem::remove("/dev/shm/" + damaged);
 }
 
 }  // namespace Fuzz

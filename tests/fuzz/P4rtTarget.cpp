@@ -1,9 +1,5 @@
 // Messages of controllers, below gRPC, on a whole switch: the model's random ones, as they are and
 // with any of their fields changed.
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "platform/Korm/Exceptions.h"
 #include "tests/fuzz/Targets.h"
 #include "tests/p4rt/core/EngineFixture.h"
@@ -14,57 +10,33 @@ namespace {
 using google::protobuf::FieldDescriptor;
 using google::protobuf::Message;
 using google::protobuf::Reflection;
+using google::protobuf::TextFormat;
 using p4::v1::Entity;
-using p4::v1::Update;
-using p4::v1::WriteRequest;
-using P4rtTest::Words;
+using P4rtTest::Texts;
+using P4rtTest::Update;
 
-// Numbers from the front of some bytes, zero behind their end.
-class Source {
- public:
-  explicit Source(Bytes bytes) : rest_{bytes} {}
+int below(Source& source, int limit) { return source.next() % limit; }
 
-  [[nodiscard]] bool empty() const { return rest_.empty(); }
-  unsigned byte() {
-    if (rest_.empty()) {
-      return 0;
-    }
-    const unsigned first = rest_[0];
-    rest_ = rest_.subspan(1);
-    return first;
+// Mostly a small number.
+std::uint32_t number(Source& source) {
+  std::uint32_t word = source.next();
+  for (int at = 0; word >= 250 && at < 3; ++at) {
+    word = word << 8U | source.next();
   }
-  int below(int limit) { return static_cast<int>(byte()) % limit; }
-  // Mostly a small number.
-  std::uint32_t number() {
-    std::uint32_t word = byte();
-    for (int at = 0; word >= 250 && at < 3; ++at) {
-      word = word << 8U | byte();
-    }
-    return word;
-  }
-  std::string text(std::size_t longest) {
-    const std::size_t wanted = byte() % (longest + 1);
-    const std::size_t size = std::min(wanted, rest_.size());
-    std::string taken{rest_.begin(), rest_.begin() + static_cast<std::ptrdiff_t>(size)};
-    rest_ = rest_.subspan(size);
-    return taken;
-  }
-
- private:
-  Bytes rest_;
-};
+  return word;
+}
 
 void damage(Source& source, Message& message);
 
 void damageList(Source& source, Message& message, const FieldDescriptor* field) {
   const Reflection& has = *message.GetReflection();
   const int size = has.FieldSize(message, field);
-  if (size > 0 && source.below(3) == 0) {
+  if (size > 0 && below(source, 3) == 0) {
     has.RemoveLast(&message, field);
   } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_UINT32) {
-    has.AddUInt32(&message, field, source.number());
+    has.AddUInt32(&message, field, number(source));
   } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
-    const int at = source.below(size + 1);
+    const int at = below(source, size + 1);
     damage(source, at == size ? *has.AddMessage(&message, field)
                               : *has.MutableRepeatedMessage(&message, field, at));
   }
@@ -76,7 +48,7 @@ void damage(Source& source, Message& message) {
   const auto& type = *message.GetDescriptor();
   std::vector<const FieldDescriptor*> fields;
   has.ListFields(message, &fields);
-  if (fields.empty() || source.below(4) == 0) {
+  if (fields.empty() || below(source, 4) == 0) {
     for (int at = 0; at < type.field_count(); ++at) {
       fields.push_back(type.field(at));
     }
@@ -84,61 +56,36 @@ void damage(Source& source, Message& message) {
   if (fields.empty()) {
     return;
   }
-  const FieldDescriptor* const field = fields[source.byte() % fields.size()];
+  const FieldDescriptor* const field = fields[source.next() % fields.size()];
   if (field->is_repeated()) {
     damageList(source, message, field);
-    return;
-  }
-  switch (field->cpp_type()) {
-    case FieldDescriptor::CPPTYPE_MESSAGE:
-      damage(source, *has.MutableMessage(&message, field));
-      break;
-    case FieldDescriptor::CPPTYPE_STRING:
-      has.SetString(&message, field, source.text(17));
-      break;
-    case FieldDescriptor::CPPTYPE_UINT32:
-      has.SetUInt32(&message, field, has.GetUInt32(message, field) ^ source.number());
-      break;
-    case FieldDescriptor::CPPTYPE_INT32:
-      has.SetInt32(&message, field, static_cast<std::int32_t>(source.number()));
-      break;
-    case FieldDescriptor::CPPTYPE_INT64:
-      has.SetInt64(&message, field, source.number());
-      break;
-    case FieldDescriptor::CPPTYPE_UINT64:
-      has.SetUInt64(&message, field, source.number());
-      break;
-    case FieldDescriptor::CPPTYPE_BOOL:
-      has.SetBool(&message, field, source.below(2) == 0);
-      break;
-    case FieldDescriptor::CPPTYPE_ENUM:
-      has.SetEnumValue(&message, field, source.below(9));
-      break;
-    default:
-      break;
+  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
+    damage(source, *has.MutableMessage(&message, field));
+  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+    const std::size_t longest = source.next() % 18;
+    has.SetString(&message, field, textOf(source.take(longest)));
+  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_UINT32) {
+    has.SetUInt32(&message, field, has.GetUInt32(message, field) ^ number(source));
+  } else {  // a number that its type does not have is left out
+    const bool isFlag = field->cpp_type() == FieldDescriptor::CPPTYPE_BOOL;
+    const int value = isFlag ? below(source, 2) : static_cast<int>(number(source));
+    TextFormat::ParseFieldValueFromString(std::to_string(value), field, &message);
   }
 }
 
 // What reads an entity alone.
-Entity filterOf(const Entity& entity) {
-  Entity filter;
+Entity filterOf(Entity entity) {
   if (entity.has_table_entry()) {
-    filter = entity;
-    auto& entry = *filter.mutable_table_entry();
+    auto& entry = *entity.mutable_table_entry();
     entry.clear_action();
     entry.clear_metadata();
     entry.clear_controller_metadata();
     entry.clear_counter_data();
-  } else if (entity.has_action_profile_member()) {
-    filter.mutable_action_profile_member()->set_member_id(
-        entity.action_profile_member().member_id());
-  } else {
-    filter.mutable_action_profile_group()->set_group_id(entity.action_profile_group().group_id());
   }
-  return filter;
+  return entity;
 }
 
-bool hasAll(const Words& all, const Words& some) {
+bool hasAll(const Texts& all, const Texts& some) {
   return std::includes(all.begin(), all.end(), some.begin(), some.end());
 }
 
@@ -148,7 +95,7 @@ class Play : public P4rtTest::EngineTest {
   explicit Play(Source& source) : source_{source} { commitShipped(); }
 
   void step() {
-    switch (source_.below(12)) {
+    switch (below(source_, 12)) {
       case 0:
         pipeline();
         break;
@@ -156,7 +103,7 @@ class Play : public P4rtTest::EngineTest {
         hardware();
         break;
       case 2:
-        (void)read(entity());
+        readDamaged();
         break;
       default:
         write();
@@ -179,44 +126,35 @@ class Play : public P4rtTest::EngineTest {
     }
     Korm::assertTrue(done, "a request is answered");
   }
-  [[nodiscard]] bool isCertain() const {
-    return agent->automatic() && !agent->flowCapacity() && !agent->groupCapacity();
-  }
-
-  WriteRequest updates() { return random_.write(hint_, source_.below(2) == 0); }
-  Entity entity() {
-    const WriteRequest made = updates();
+  P4rtTest::WriteRequest updates() { return random_.write(hint_, below(source_, 2) == 0); }
+  void readDamaged() {
+    const auto made = updates();
     Entity entity = made.updates().empty() ? Entity{} : made.updates(0).entity();
     damage(source_, entity);
-    return entity;
+    (void)read(entity);
   }
-  Words read(const Entity& filter) {
+  Texts read(const Entity& filter) {
     p4::v1::ReadRequest request;
     *request.add_entities() = filter;
     return EngineTest::read(request).entities;
   }
 
   void pipeline() {
-    const Words before = everything();
+    const Texts before = everything();
     SetPipeline request;
-    request.set_action(static_cast<SetPipeline::Action>(source_.below(7)));
+    request.set_action(static_cast<SetPipeline::Action>(below(source_, 7)));
     if (request.action() != SetPipeline::COMMIT) {
       *request.mutable_config()->mutable_p4info() = P4rtTest::shippedP4Info();
-      for (int count = source_.below(4); count > 0; --count) {
+      for (int count = below(source_, 4); count > 0; --count) {
         damage(source_, *request.mutable_config()->mutable_p4info());
       }
     }
-    bool done = false;
-    bool ok = false;
-    engine->setPipeline(request, [&](const P4rt::RpcStatus& status) {
-      done = true;
-      ok = status.ok();
-    });
-    await(done);
-    const Words after = everything();
-    if (!ok || request.action() <= SetPipeline::VERIFY_AND_SAVE) {
+    const auto call = begin(request);
+    await(call->done);
+    const Texts after = everything();
+    if (!call->status.ok() || request.action() <= SetPipeline::VERIFY_AND_SAVE) {
       // The hardware may have no room any more for what was to go.
-      Korm::assertTrue(isCertain() ? after == before : hasAll(before, after),
+      Korm::assertTrue(hardwareTakesAll() ? after == before : hasAll(before, after),
                        "a pipeline that is refused changes nothing");
       return;
     }
@@ -227,10 +165,10 @@ class Play : public P4rtTest::EngineTest {
   }
 
   void hardware() {
-    agent->automaticIs(source_.below(2) == 0);
-    answers_ = source_.below(4) != 0;
+    agent->automaticIs(below(source_, 2) == 0);
+    answers_ = below(source_, 4) != 0;
     const auto room = [&]() -> std::optional<std::size_t> {
-      return source_.below(2) == 0 ? std::nullopt : std::optional<std::size_t>(source_.below(9));
+      return below(source_, 2) == 0 ? std::nullopt : std::optional<std::size_t>(below(source_, 9));
     };
     agent->flowCapacityIs(room());
     agent->groupCapacityIs(room());
@@ -238,12 +176,12 @@ class Play : public P4rtTest::EngineTest {
   }
 
   void write() {
-    const WriteRequest made = updates();
+    const auto made = updates();
     std::vector<Update> updates{made.updates().begin(), made.updates().end()};
-    for (int count = source_.below(4); count > 1 && !updates.empty(); --count) {
-      damage(source_, updates[source_.byte() % updates.size()]);
+    for (int count = below(source_, 4); count > 1 && !updates.empty(); --count) {
+      damage(source_, updates[source_.next() % updates.size()]);
     }
-    const Words before = everything();
+    const Texts before = everything();
     const WriteCall call = begin(updates, made.atomicity());
     await(call->done);
     const auto& details = call->status.details;
@@ -271,7 +209,7 @@ class Play : public P4rtTest::EngineTest {
   }
 
   Source& source_;
-  P4rtTest::RandomUpdates random_{[this] { return source_.byte(); }};
+  P4rtTest::RandomUpdates random_{[this] { return source_.next(); }};
   P4rtTest::Model hint_;  // roughly what is stored
   bool answers_ = true;
 };

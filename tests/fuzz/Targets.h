@@ -5,7 +5,7 @@
 // once.
 #pragma once
 
-#include <cstddef>
+#include <algorithm>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -39,5 +39,29 @@ inline constexpr Target targets[] = {
 };
 
 inline std::string textOf(Bytes bytes) { return {bytes.begin(), bytes.end()}; }
+
+// Values from the front of some bytes, zero behind their end.
+class Source {
+ public:
+  explicit Source(Bytes bytes) : rest_{bytes} {}
+
+  [[nodiscard]] bool empty() const { return rest_.empty(); }
+  // At most so many bytes.
+  Bytes take(std::size_t most) {
+    const Bytes taken = rest_.first(std::min(most, rest_.size()));
+    rest_ = rest_.subspan(taken.size());
+    return taken;
+  }
+  template <class T = std::uint8_t>
+  T next() {
+    T value{};
+    const Bytes taken = take(sizeof value);
+    std::copy(taken.begin(), taken.end(), reinterpret_cast<std::uint8_t*>(&value));
+    return value;
+  }
+
+ private:
+  Bytes rest_;
+};
 
 }  // namespace Fuzz

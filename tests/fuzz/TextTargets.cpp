@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <type_traits>
 
 #include "Ostra/FlowUtil.h"
@@ -26,45 +25,32 @@ void takesOnlyWhatItPrints(const std::string& text) {
   }
 }
 
-// Values from the front of some bytes, zero behind their end.
-class Values {
- public:
-  explicit Values(Bytes bytes) : rest_{bytes} {}
-
-  template <class T>
-  T next() {
-    if constexpr (std::is_same_v<T, bool>) {
-      return (next<std::uint8_t>() & 1U) != 0;
-    } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
-      const auto family = next<std::uint8_t>() % 3;
-      return family == 0   ? Korm::IpAddr{}
-             : family == 1 ? Korm::IpAddr{next<Korm::Ip4Addr>()}
-                           : Korm::IpAddr{next<Korm::Ip6Addr>()};
-    } else {
-      T value{};
-      const std::size_t size = std::min(sizeof(T), rest_.size());
-      std::memcpy(&value, rest_.data(), size);
-      rest_ = rest_.subspan(size);
-      return value;
-    }
+template <class T>
+T valueFrom(Source& source) {
+  if constexpr (std::is_same_v<T, bool>) {
+    return (source.next() & 1U) != 0;
+  } else if constexpr (std::is_same_v<T, Korm::IpAddr>) {
+    const auto family = source.next() % 3;
+    return family == 0   ? Korm::IpAddr{}
+           : family == 1 ? Korm::IpAddr{source.next<Korm::Ip4Addr>()}
+                         : Korm::IpAddr{source.next<Korm::Ip6Addr>()};
+  } else {
+    return source.next<T>();
   }
+}
 
- private:
-  Bytes rest_;
-};
-
-Ostra::OstraKey keyOf(Values& values) {
+Ostra::OstraKey keyOf(Source& source) {
   Ostra::OstraKey key;
-  key.tableTypeIs(values.next<std::int32_t>());
-  key.priorityGroupTypeIs(values.next<std::uint32_t>());
-  key.priorityIs(values.next<std::int32_t>());
-  const auto chosen = values.next<std::uint32_t>();
-  const auto given = values.next<std::uint32_t>();
+  key.tableTypeIs(source.next<std::int32_t>());
+  key.priorityGroupTypeIs(source.next<std::uint32_t>());
+  key.priorityIs(source.next<std::int32_t>());
+  const auto chosen = source.next<std::uint32_t>();
+  const auto given = source.next<std::uint32_t>();
   unsigned number = 0;
 #define OSTRA_FUZZ_FIELD(member, Type, ...)                            \
   if ((chosen >> number & 1U) != 0) {                                  \
-    const Type value = values.next<Type>();                            \
-    key.member##Is(value, values.next<Type>());                        \
+    const Type value = valueFrom<Type>(source);                        \
+    key.member##Is(value, valueFrom<Type>(source));                    \
     key.givenIs(Ostra::MatchFieldId::member##_, given >> number & 1U); \
   }                                                                    \
   ++number;
@@ -119,21 +105,21 @@ void checkMac(const std::string& text) {
 
 void key(Bytes bytes) {
   takesOnlyWhatItPrints<Ostra::OstraKey>(textOf(bytes));
-  Values values{bytes};
-  const Ostra::OstraKey made = keyOf(values);
+  Source source{bytes};
+  const Ostra::OstraKey made = keyOf(source);
   const auto read = Korm::strepToValue<Ostra::OstraKey>(made.valueToStrep());
   Korm::assertTrue(read == made && read.hash(0) == made.hash(0), "a key round-trips");
 }
 
 void status(Bytes bytes) {
   takesOnlyWhatItPrints<Ostra::OstraStatusEntry>(textOf(bytes));
-  Values values{bytes};
+  Source source{bytes};
   P4Runtime::TableStatusEntryBase base;
-  base.genId = values.next<std::uint64_t>();
-  base.entryHandle = values.next<std::uint64_t>();
-  base.errorCode = P4Runtime::ErrorCode{values.next<std::uint8_t>()};
-  base.deleted = values.next<bool>();
-  const Ostra::OstraStatusEntry made{base, keyOf(values)};
+  base.genId = source.next<std::uint64_t>();
+  base.entryHandle = source.next<std::uint64_t>();
+  base.errorCode = P4Runtime::ErrorCode{source.next<std::uint8_t>()};
+  base.deleted = valueFrom<bool>(source);
+  const Ostra::OstraStatusEntry made{base, keyOf(source)};
   Korm::assertTrue(Korm::strepToValue<Ostra::OstraStatusEntry>(Korm::valueToStrep(made)) == made,
                    "a status entry round-trips");
 }

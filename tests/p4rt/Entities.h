@@ -3,19 +3,13 @@
 
 #include <google/protobuf/text_format.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <initializer_list>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "p4/v1/p4runtime.pb.h"
+#include "tests/Testing.h"
 
 namespace P4rtTest {
+
+using namespace TestSupport;
+using p4::v1::Update;
 
 // Ids of the shipped P4Info.
 inline constexpr std::uint32_t l3AclId = 0x02000002;
@@ -27,8 +21,6 @@ Message parse(std::string_view text) {
   EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(std::string{text}, &message)) << text;
   return message;
 }
-
-using p4::v1::Update;
 
 inline Update update(Update::Type type, std::string_view entity) {
   Update made;
@@ -45,16 +37,27 @@ inline std::string octal(int value) {
   return std::string{'\\'} + static_cast<char>('0' + value / 64) +
          static_cast<char>('0' + value / 8 % 8) + static_cast<char>('0' + value % 8);
 }
-// An entry of the ACL that matches IPv4 packets to 10.N; `rest` is its action and what else it has.
-inline std::string acl(int number, std::string_view rest = "", int priority = 10) {
-  return "table_entry { table_id: 0x02000001 priority: " + std::to_string(priority) +
+// An entry that matches IPv4 packets to an address; `rest` is its action and what else it has.
+inline std::string entryTo(const std::string& address, std::uint32_t table, int priority,
+                           std::string_view rest) {
+  return "table_entry { table_id: " + std::to_string(table) +
+         " priority: " + std::to_string(priority) +
          " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
-         " match { field_id: 8 ternary { value: '\\x0a" +
-         octal(number / 65536) + octal(number / 256 % 256) + octal(number % 256) +
-         "' mask: '\\xff\\xff\\xff\\xff' } } " + std::string{rest} + " }";
+         " match { field_id: 8 ternary { value: '" +
+         address + "' mask: '\\xff\\xff\\xff\\xff' } } " + std::string{rest} + " }";
+}
+// An entry of the ACL for the packets to 10.N.
+inline std::string acl(int number, std::string_view rest = "", int priority = 10) {
+  const std::string address =
+      "\\x0a" + octal(number / 65536) + octal(number / 256 % 256) + octal(number % 256);
+  return entryTo(address, 0x02000001, priority, rest);
+}
+// An entry of the ECMP table for the packets to 11.0.0.N.
+inline std::string route(int number, const std::string& action) {
+  return entryTo("\\x0b\\x00\\x00" + octal(number), ecmpId, 7, "action { " + action + " }");
 }
 inline std::string drop() { return "action { action { action_id: 0x01000002 } }"; }
-inline std::string action(int id, std::initializer_list<std::string> values) {
+inline std::string action(int id, const Texts& values) {
   std::string text = "action_id: " + std::to_string(0x01000000 + id);
   int param = 0;
   for (const std::string& value : values) {
@@ -62,7 +65,7 @@ inline std::string action(int id, std::initializer_list<std::string> values) {
   }
   return text;
 }
-inline std::string does(int id, std::initializer_list<std::string> values) {
+inline std::string does(int id, const Texts& values) {
   return "action { action { " + action(id, values) + " } }";
 }
 inline std::string forward(int port) { return does(3, {octal(port)}); }
@@ -84,14 +87,6 @@ inline std::string group(int id, const std::vector<std::pair<int, int>>& members
   }
   return text + " }";
 }
-// An entry of the ECMP table.
-inline std::string route(int number, std::string_view action, int priority = 7) {
-  return "table_entry { table_id: 0x02000003 priority: " + std::to_string(priority) +
-         " match { field_id: 5 ternary { value: '\\x08\\x00' mask: '\\xff\\xff' } }"
-         " match { field_id: 8 ternary { value: '\\x0b\\x00\\x00" +
-         octal(number) + "' mask: '\\xff\\xff\\xff\\xff' } } action { " + std::string{action} +
-         " } }";
-}
 inline std::string oneShot(const std::vector<std::pair<std::string, int>>& actions) {
   std::string text = "action_profile_action_set {";
   for (const auto& [does, weight] : actions) {
@@ -101,27 +96,9 @@ inline std::string oneShot(const std::vector<std::pair<std::string, int>>& actio
   return text + " }";
 }
 
-// Repeated fields in order of their text.
-inline std::string text(p4::v1::Entity entity) {
-  const auto sortBy = [](auto* repeated) {
-    std::sort(repeated->begin(), repeated->end(), [](const auto& a, const auto& b) {
-      return a.SerializeAsString() < b.SerializeAsString();
-    });
-  };
-  if (entity.has_table_entry()) {
-    p4::v1::TableEntry& entry = *entity.mutable_table_entry();
-    sortBy(entry.mutable_match());
-    if (entry.action().has_action_profile_action_set()) {
-      sortBy(entry.mutable_action()
-                 ->mutable_action_profile_action_set()
-                 ->mutable_action_profile_actions());
-    }
-  }
-  if (entity.has_action_profile_group()) {
-    sortBy(entity.mutable_action_profile_group()->mutable_members());
-  }
-  return entity.ShortDebugString();
+// The entity as it is shown when it is read back.
+inline std::string shown(std::string_view entity) {
+  return parse<p4::v1::Entity>(entity).ShortDebugString();
 }
-inline std::string shown(std::string_view entity) { return text(parse<p4::v1::Entity>(entity)); }
 
 }  // namespace P4rtTest

@@ -1,12 +1,8 @@
 // Time that moves when somebody says so.
 #pragma once
 
-#include <algorithm>
-#include <functional>
-#include <map>
-#include <utility>
-
 #include "p4rt/Timers.h"
+#include "tests/Testing.h"
 
 namespace P4rtTest {
 

@@ -1,8 +1,5 @@
 #include "tests/p4rt/Model.h"
 
-#include <algorithm>
-#include <sstream>
-
 namespace P4rtTest {
 namespace {
 
@@ -49,8 +46,8 @@ std::string keyOf(Entity entity) {
   return entity.ShortDebugString();
 }
 
-Words usesOf(const Entity& entity) {
-  Words uses;
+Texts usesOf(const Entity& entity) {
+  Texts uses;
   for (const auto& one : entity.action_profile_group().members()) {
     uses.push_back("member " + std::to_string(one.member_id()));
   }
@@ -96,11 +93,7 @@ std::string codeName(std::int32_t code) {
       "OK CANCELLED UNKNOWN INVALID_ARGUMENT DEADLINE_EXCEEDED NOT_FOUND ALREADY_EXISTS "
       "PERMISSION_DENIED RESOURCE_EXHAUSTED FAILED_PRECONDITION ABORTED OUT_OF_RANGE "
       "UNIMPLEMENTED INTERNAL UNAVAILABLE"};
-  std::string name;
-  for (; code >= 0; --code) {
-    names >> name;
-  }
-  return name;
+  return *std::next(std::istream_iterator<std::string>{names}, code);
 }
 
 std::string wordOf(const p4::v1::Error& error) {
@@ -140,7 +133,7 @@ std::string Model::apply(const Update& update) {
 
 bool Model::isUsed(const std::string& key) const {
   return std::any_of(entities_.begin(), entities_.end(), [&](const auto& one) {
-    const Words uses = usesOf(one.second);
+    const Texts uses = usesOf(one.second);
     return std::find(uses.begin(), uses.end(), key) != uses.end();
   });
 }
@@ -165,7 +158,7 @@ std::string Model::styleFault(const Update& update) const {
 
 std::string Model::referenceFault(const Update& update) const {
   const Entity& entity = update.entity();
-  const Words uses = usesOf(entity);
+  const Texts uses = usesOf(entity);
   for (const std::string& used : uses) {
     if (!entities_.contains(used)) {
       return "NOT_FOUND";
@@ -187,14 +180,14 @@ std::string Model::referenceFault(const Update& update) const {
   return "";
 }
 
-void Model::answered(const WriteRequest& request, const Words& outcomes,
+void Model::answered(const WriteRequest& request, const Texts& outcomes,
                      const std::function<bool(const std::string&)>& mayFail) {
   const bool rollsBack = request.atomicity() == WriteRequest::ROLLBACK_ON_ERROR;
   Model next = *this;
   bool failed = false;
   for (int at = 0; at < request.updates_size(); ++at) {
     const std::string& outcome =
-        outcomes.at(outcomes == Words{"OK"} ? 0 : static_cast<std::size_t>(at));
+        outcomes.at(outcomes == Texts{"OK"} ? 0 : static_cast<std::size_t>(at));
     if (rollsBack && outcome == "ABORTED") {
       failed = true;
       continue;
@@ -241,10 +234,10 @@ Model Model::without(std::uint32_t table) const {
   return rest;
 }
 
-Words Model::everything() const {
-  Words all;
+Texts Model::everything() const {
+  Texts all;
   for (const auto& [key, entity] : entities_) {
-    all.push_back(text(entity));
+    all.push_back(entity.ShortDebugString());
   }
   std::sort(all.begin(), all.end());
   return all;

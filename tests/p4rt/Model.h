@@ -2,18 +2,11 @@
 // shipped P4Info, and random updates for it.
 #pragma once
 
-#include <functional>
-#include <map>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "tests/p4rt/Entities.h"
 
 namespace P4rtTest {
 
 using p4::v1::WriteRequest;
-using Words = std::vector<std::string>;
 
 // "OK", "NOT_FOUND", or "INVALID_ARGUMENT/15" with the library's number where there is one.
 [[nodiscard]] std::string wordOf(const p4::v1::Error& error);
@@ -25,7 +18,7 @@ class Model {
   std::string apply(const Update& update);
   // Takes what came of a Write. `mayFail`: whether an outcome is the hardware's, where OK was
   // expected.
-  void answered(const WriteRequest& request, const Words& outcomes,
+  void answered(const WriteRequest& request, const Texts& outcomes,
                 const std::function<bool(const std::string&)>& mayFail);
   // What a Write may have made of it whose server died: a first part of the updates, or of one that
   // rolls back all or nothing.
@@ -34,7 +27,7 @@ class Model {
   [[nodiscard]] Model without(std::uint32_t table) const;
 
   // What is read back, in order of the text.
-  [[nodiscard]] Words everything() const;
+  [[nodiscard]] Texts everything() const;
 
  private:
   [[nodiscard]] bool isUsed(const std::string& key) const;

@@ -1,16 +1,5 @@
-#include <algorithm>
-#include <map>
-#include <random>
-#include <set>
-#include <string>
-#include <utility>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "p4rt/core/Arbitration.h"
-#include "tests/Sanitizers.h"
+#include "tests/Testing.h"
 
 namespace P4rt {
 namespace {

@@ -10,8 +10,6 @@
 namespace P4rtTest {
 namespace {
 
-using TestSupport::setting;
-
 // The cookie of a pipeline says what it is like: whether its action profile takes one shots, and
 // whether it lacks the table l3Acl.
 bool takesOneShots(std::uint64_t cookie) { return (cookie & 1U) != 0; }
@@ -106,7 +104,8 @@ class P4rtCrash : public EngineTest {
   void ask(const Request& request) {
     if (request.action == SetPipeline::UNSPECIFIED) {
       Model model = held_.model;
-      model.answered(request.write, write(request.write), [](const auto&) { return false; });
+      model.answered(request.write, wordsOf(begin(request.write)->status),
+                     [](const auto&) { return false; });
       return;
     }
     SetPipeline asked;
@@ -115,7 +114,7 @@ class P4rtCrash : public EngineTest {
       *asked.mutable_config() = configOf(request.cookie);
     }
     const bool lacks = request.action == SetPipeline::COMMIT && held_.saved == 0;
-    EXPECT_EQ(setPipeline(asked).code, lacks ? P4rt::Code::notFound_ : P4rt::Code::ok_);
+    EXPECT_EQ(begin(asked)->status.code, lacks ? P4rt::Code::notFound_ : P4rt::Code::ok_);
   }
 
   // What was answered is there, and what was not as a whole, in a first part, or not at all.
@@ -123,7 +122,7 @@ class P4rtCrash : public EngineTest {
     const auto config = configured();
     const std::uint64_t cookie = config.cookie().cookie();
     EXPECT_EQ(config.SerializeAsString(), configOf(cookie).SerializeAsString());
-    const Words seen = cookie == 0 ? Words{} : everything();
+    const Texts seen = cookie == 0 ? Texts{} : everything();
     const auto found = std::find_if(possible.begin(), possible.end(), [&](const Held& held) {
       return held.cookie == cookie && held.model.everything() == seen;
     });

@@ -4,19 +4,6 @@
 // library's number where there is one.
 #pragma once
 
-#include <algorithm>
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "p4rt/Engine.h"
 #include "platform/Korm/Activity.h"
 #include "sim/HwAgent.h"
@@ -27,39 +14,48 @@
 
 namespace P4rtTest {
 
-using testing::ElementsAre;
-using testing::IsEmpty;
+using p4::config::v1::P4Info;
+using Atomicity = WriteRequest::Atomicity;
 
 // Of the whole request, or of each of its parts.
-inline Words wordsOf(const P4rt::RpcStatus& status) {
+inline Texts wordsOf(const P4rt::RpcStatus& status) {
   if (status.details.empty()) {
     return {codeName(static_cast<std::int32_t>(status.code))};
   }
   EXPECT_EQ(status.code, P4rt::Code::unknown_);
-  Words words;
+  Texts words;
   for (const p4::v1::Error& error : status.details) {
     words.push_back(wordOf(error));
   }
   return words;
 }
 
-inline const p4::config::v1::P4Info& shippedP4Info() {
-  static const auto info = [] {
-    std::ifstream file{OSTRA_P4INFO};
-    return parse<p4::config::v1::P4Info>(std::string{std::istreambuf_iterator<char>{file}, {}});
-  }();
-  return info;
+// The shipped P4Info with the first of each of these texts replaced.
+inline P4Info shippedP4Info(const std::vector<std::pair<std::string, std::string>>& edits = {}) {
+  std::ifstream file{OSTRA_P4INFO};
+  std::string text{std::istreambuf_iterator<char>{file}, {}};
+  std::replace(text.begin(), text.end(), '"', '\'');
+  for (const auto& [from, to] : edits) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    text.replace(at, from.size(), to);
+  }
+  return parse<P4Info>(text);
 }
 
-// A Write under way, with what has come of it.
+// A request that waits for its answer, or has had it.
+template <class Request>
 struct Call {
-  WriteRequest request;
+  Request request;
   bool done = false;
-  P4rt::RpcStatus status{};
+  P4rt::RpcStatus status{.code = P4rt::Code::cancelled_};
 };
 
 class EngineTest : public testing::Test {
  protected:
+  using SetPipeline = p4::v1::SetForwardingPipelineConfigRequest;
+  using WriteCall = std::shared_ptr<Call<WriteRequest>>;
+
   // With a name, the switch and what the engine holds are in that shared memory.
   explicit EngineTest(std::string sharedName = {}) : sharedName_{std::move(sharedName)} {
     boot(Sim::Leftover::discard_);
@@ -73,9 +69,13 @@ class EngineTest : public testing::Test {
     }
   }
   ~EngineTest() override {
-    Korm::activity().run();
+    agent->automaticIs(true);
+    runHardware();
     service->verify();
     agent->verify();
+    if (engine->hasPipeline()) {
+      engine->verify();
+    }
   }
 
   // As if the process were killed.
@@ -100,11 +100,6 @@ class EngineTest : public testing::Test {
     }
     service->start();
   }
-  // Another one goes on.
-  void restart() {
-    die();
-    boot(Sim::Leftover::resume_);
-  }
 
   // Lets the hardware do all that waits, and the engine what follows from it.
   void runHardware() {
@@ -112,81 +107,69 @@ class EngineTest : public testing::Test {
     service->settle();
     timers.pass(0);
   }
-
-  // Pipelines.
-  using SetPipeline = p4::v1::SetForwardingPipelineConfigRequest;
-  P4rt::RpcStatus setPipeline(SetPipeline::Action action,
-                              const p4::config::v1::P4Info* info = nullptr) {
-    SetPipeline request;
-    request.set_action(action);
-    if (info != nullptr) {
-      *request.mutable_config()->mutable_p4info() = *info;
-    }
-    return setPipeline(request);
-  }
-  P4rt::RpcStatus setPipeline(const SetPipeline& request) {
-    P4rt::RpcStatus result{.code = P4rt::Code::cancelled_};
-    engine->setPipeline(request, [&result](P4rt::RpcStatus status) { result = std::move(status); });
-    timers.pass(0);
-    return result;
-  }
-  p4::v1::ForwardingPipelineConfig configured() {
-    const p4::v1::GetForwardingPipelineConfigRequest request;
-    p4::v1::GetForwardingPipelineConfigResponse response;
-    bool done = false;
-    engine->getPipeline(request, response,
-                        [&done](const P4rt::RpcStatus& status) { done = status.ok(); });
-    EXPECT_TRUE(done);
-    return response.config();
-  }
-  void commitShipped() {
-    ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, &shippedP4Info()).ok());
+  // Whether the hardware takes everything at once.
+  [[nodiscard]] bool hardwareTakesAll() const {
+    return agent->automatic() && !agent->flowCapacity() && !agent->groupCapacity();
   }
 
-  // Writes.
-  using WriteCall = std::shared_ptr<Call>;
-  WriteCall begin(WriteRequest request) {
-    auto call = std::make_shared<Call>();
-    call->request = std::move(request);
-    engine->write(call->request, [call](P4rt::RpcStatus status) {
+  // Begins a Write, or a change of the pipeline.
+  template <class Request>
+  std::shared_ptr<Call<Request>> begin(const Request& request) {
+    auto call = std::make_shared<Call<Request>>(Call<Request>{request});
+    const auto done = [call](P4rt::RpcStatus status) {
       EXPECT_FALSE(call->done) << "answered twice";
       call->done = true;
       call->status = std::move(status);
-    });
+    };
+    if constexpr (std::is_same_v<Request, WriteRequest>) {
+      engine->write(call->request, done);
+    } else {
+      engine->setPipeline(call->request, done);
+    }
     timers.pass(0);
     return call;
   }
-  // What came of each update; one "OK" when all went well.
-  Words write(WriteRequest request) {
-    const WriteCall call = begin(std::move(request));
-    EXPECT_TRUE(call->done);
-    return wordsOf(call->status);
-  }
-  static WriteRequest requestOf(const std::vector<Update>& updates,
-                                WriteRequest::Atomicity atomicity) {
+  WriteCall begin(const std::vector<Update>& updates,
+                  Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
     WriteRequest request;
     request.mutable_updates()->Assign(updates.begin(), updates.end());
     request.set_atomicity(atomicity);
-    return request;
+    return begin(request);
   }
-  WriteCall begin(const std::vector<Update>& updates,
-                  WriteRequest::Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
-    return begin(requestOf(updates, atomicity));
-  }
-  Words write(const std::vector<Update>& updates,
-              WriteRequest::Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
-    return write(requestOf(updates, atomicity));
+  // What came of each update; one "OK" when all went well.
+  Texts write(const std::vector<Update>& updates,
+              Atomicity atomicity = WriteRequest::CONTINUE_ON_ERROR) {
+    return wordsOf(begin(updates, atomicity)->status);
   }
   void expectTaken(const std::vector<Update>& updates) {
     EXPECT_THAT(write(updates), ElementsAre("OK"));
   }
 
-  // What the filters let through, as text in order of the text, and what came of the filters.
+  P4rt::RpcStatus setPipeline(SetPipeline::Action action, const std::optional<P4Info>& info = {}) {
+    SetPipeline request;
+    request.set_action(action);
+    if (info) {
+      *request.mutable_config()->mutable_p4info() = *info;
+    }
+    return begin(request)->status;
+  }
+  void commitShipped() {
+    ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, shippedP4Info()).ok());
+  }
+  p4::v1::ForwardingPipelineConfig configured() {
+    p4::v1::GetForwardingPipelineConfigResponse response;
+    bool done = false;
+    engine->getPipeline({}, response, [&](const P4rt::RpcStatus& status) { done = status.ok(); });
+    EXPECT_TRUE(done);
+    return response.config();
+  }
+
+  // What the filters let through, as sorted texts, and what came of the filters.
   struct Answer {
-    Words entities;
-    Words outcome;
+    Texts entities;
+    Texts outcome;
   };
-  Answer read(const std::vector<std::string>& filters) {
+  Answer read(const Texts& filters) {
     p4::v1::ReadRequest request;
     for (const std::string& filter : filters) {
       *request.add_entities() = parse<p4::v1::Entity>(filter);
@@ -197,10 +180,10 @@ class EngineTest : public testing::Test {
     Answer answer;
     engine->read(
         request,
-        [&answer](p4::v1::ReadResponse&& response) {
+        [&answer](const p4::v1::ReadResponse& response) {
           EXPECT_LE(response.entities_size(), P4rt::Engine::readChunk);
           for (const auto& entity : response.entities()) {
-            answer.entities.push_back(text(entity));
+            answer.entities.push_back(entity.ShortDebugString());
           }
         },
         [&answer](const P4rt::RpcStatus& status) { answer.outcome = wordsOf(status); });
@@ -208,7 +191,7 @@ class EngineTest : public testing::Test {
     std::sort(answer.entities.begin(), answer.entities.end());
     return answer;
   }
-  Words everything() {
+  Texts everything() {
     return read({"table_entry {}", "action_profile_member {}", "action_profile_group {}"}).entities;
   }
 
@@ -229,7 +212,6 @@ class Programmed : public EngineTest {
   explicit Programmed(std::string sharedName = {}) : EngineTest{std::move(sharedName)} {
     commitShipped();
   }
-  ~Programmed() override { engine->verify(); }
 };
 
 }  // namespace P4rtTest

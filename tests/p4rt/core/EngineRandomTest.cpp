@@ -2,15 +2,7 @@
 // late or broken. After every batch everything is read back, and the switch's own tables, groups
 // and VRFs are looked at. Now and then the process dies, also in the middle of a batch, and another
 // one goes on with what it has kept.
-
-#include <algorithm>
-#include <optional>
-#include <random>
-#include <set>
-
 #include "EngineFixture.h"
-#include "tests/Sanitizers.h"
-#include "tests/UniqueName.h"
 
 namespace P4rtTest {
 namespace {
@@ -33,10 +25,6 @@ class EngineRandom : public Programmed {
     agent->groupCapacityIs(room(4, 9));
   }
 
-  [[nodiscard]] bool isCertain() const {
-    return agent->automatic() && !agent->flowCapacity() && !agent->groupCapacity();
-  }
-
   // Lets the hardware answer, or time pass, until the write is answered.
   void carryThrough(const WriteCall& call) {
     for (int round = 0; !call->done && round < 200; ++round) {
@@ -47,10 +35,10 @@ class EngineRandom : public Programmed {
       }
     }
     EXPECT_TRUE(call->done);
-    const Words outcomes = wordsOf(call->status);
+    const Texts outcomes = wordsOf(call->status);
     seen_.insert(outcomes.begin(), outcomes.end());
     model_.answered(call->request, outcomes, [&](const std::string& outcome) {
-      return !isCertain() &&
+      return !hardwareTakesAll() &&
              ((!agent->automatic() && outcome == "DEADLINE_EXCEEDED") ||
               outcome == "RESOURCE_EXHAUSTED/1" || outcome == "FAILED_PRECONDITION/16");
     });
@@ -66,8 +54,9 @@ class EngineRandom : public Programmed {
       model_.answered(call->request, wordsOf(call->status), [](const auto&) { return false; });
       possible = {model_};
     }
-    restart();
-    const Words seen = everything();
+    die();
+    boot(Sim::Leftover::resume_);
+    const Texts seen = everything();
     const auto found = std::find_if(possible.begin(), possible.end(),
                                     [&](const Model& model) { return model.everything() == seen; });
     ASSERT_NE(found, possible.end())
@@ -101,7 +90,7 @@ class EngineRandom : public Programmed {
 };
 
 TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
-  const int writes = TestSupport::threadSanitized ? 300 : 1200;
+  const int writes = threadSanitized ? 300 : 1200;
   for (int number = 0; number < writes && !HasFailure(); ++number) {
     SCOPED_TRACE("write " + std::to_string(number));
     if (number % 100 == 0) {
@@ -109,16 +98,16 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
       model_ = {};
     } else if (oneIn(8)) {
       // The same pipeline keeps everything.
-      EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &shippedP4Info()).ok());
+      EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, shippedP4Info()).ok());
     }
     const bool crashes = oneIn(6);
     moodIs(crashes);
     WriteRequest request = random_.write(model_, number / 100 % 2 == 1);
     // What is late, or has no room, may refuse to take back what was there.
-    if (!isCertain() && !(crashes && model_.outcomes(request).size() == 2)) {
+    if (!hardwareTakesAll() && !(crashes && model_.outcomes(request).size() == 2)) {
       request.set_atomicity(WriteRequest::CONTINUE_ON_ERROR);
     }
-    const WriteCall call = begin(std::move(request));
+    const WriteCall call = begin(request);
     if (crashes) {
       crash(call);
     } else {

@@ -1,7 +1,6 @@
 // Table entries, members, groups and one shots: what is taken, what is refused and why, what is
 // read back.
 #include <regex>
-#include <sstream>
 
 #include "EngineFixture.h"
 
@@ -11,22 +10,25 @@ namespace {
 class EntryTest : public Programmed {};
 
 TEST_F(EntryTest, IsReadBackAsWrittenInItsShortestForm) {
-  // With so many zeros before each number that may have some.
-  const auto spelled = [](const std::string& zeros) {
-    const std::string text =
-        "table_entry { table_id: 0x02000001 priority: 65536"
-        " match { field_id: 5 ternary { value: '~\\x08\\x00' mask: '\\xff\\xff' } }"
-        " match { field_id: 8 ternary { value: '\\x0a\\x00\\x00\\x00'"
-        "                               mask: '\\xff\\x00\\x00\\x00' } }"
-        " match { field_id: 6 ternary { value: '~\\000' mask: '\\x0f\\xff' } }"
-        " match { field_id: 1 optional { value: '~\\001' } }"
-        " match { field_id: 25 optional { value: '~\\001' } } " +
-        does(5, {"~\\005", "~\\002"}) + " metadata: 'a\\000b' controller_metadata: 77 }";
+  Texts fields{"1 optional { value: '~\\001' }",
+               "5 ternary { value: '~\\x08\\x00' mask: '\\xff\\xff' }",
+               "6 ternary { value: '~\\000' mask: '\\x0f\\xff' }",
+               "8 ternary { value: '\\x0a\\x00\\x00\\x00' mask: '\\xff\\x00\\x00\\x00' }",
+               "25 optional { value: '~\\001' }"};
+  // The entry with these bytes before each number that may have leading zeros.
+  const auto spelled = [&fields](const std::string& zeros) {
+    std::string text = "table_entry { table_id: 0x02000001 priority: 65536";
+    for (const std::string& field : fields) {
+      text += " match { field_id: " + field + " }";
+    }
+    text += does(5, {"~\\005", "~\\002"}) + " metadata: 'a\\000b' controller_metadata: 77 }";
     return std::regex_replace(text, std::regex{"~"}, zeros);
   };
+  const std::string shortest = shown(spelled(""));
+  std::reverse(fields.begin(), fields.end());
   const std::string written = spelled("\\000\\000\\000\\000");
   expectTaken({insert(written)});
-  EXPECT_THAT(everything(), ElementsAre(shown(spelled(""))));
+  EXPECT_THAT(everything(), ElementsAre(shortest));
   // The same entry, however it is spelled.
   EXPECT_THAT(write({insert(written), remove(written)}), ElementsAre("ALREADY_EXISTS", "OK"));
 }
@@ -39,7 +41,7 @@ TEST_F(EntryTest, GoesIntoItsFlowTableWithEveryAction) {
                insert(acl(6, does(0x0b, {"\\012", macs, macs, "\\x0f\\xfe"}))),
                insert(acl(7, does(0x0c, {"\\001\\000", "\\002"}))),
                insert(acl(8, does(0x0d, {"Ethernet2"})))});
-  Words actions;
+  Texts actions;
   for (const Sim::FlowView& flow : service->flows()) {
     const OpenFlowTable::Actions& does = flow.flow->actions();
     std::ostringstream line;
@@ -77,7 +79,7 @@ class RefusalTest : public Programmed {
 
   // Each is refused, alone and between others that are not, and changes nothing.
   void expectRefused(const Refusals& refusals) {
-    const Words before = everything();
+    const Texts before = everything();
     for (const auto& [outcome, updates] : refusals) {
       for (const Update& refused : updates) {
         SCOPED_TRACE(refused.ShortDebugString());
@@ -202,16 +204,16 @@ TEST_F(RefusalTest, MembersGroupsAndOtherEntities) {
 }
 
 TEST_F(RefusalTest, AFullTableAndAProgramWithoutGroupsToSpare) {
-  p4::config::v1::P4Info info = shippedP4Info();
+  P4Info info = shippedP4Info();
   info.mutable_tables(0)->set_size(2);
   info.mutable_action_profiles(0)->set_size(6);
-  ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
+  ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, info).ok());
   expectRefused({{"RESOURCE_EXHAUSTED", {modify(group(3, {{1, 4}})), insert(group(2, {{1, 3}}))}}});
   // What fails frees its place again.
   EXPECT_THAT(write({insert(acl(2, forward(0))), insert(acl(3, drop())), insert(acl(4, drop()))}),
               ElementsAre("INVALID_ARGUMENT/15", "OK", "RESOURCE_EXHAUSTED"));
   expectTaken({modify(group(3, {{1, 3}}))});
-  EXPECT_THAT(write({remove(acl(1))}, p4::v1::WriteRequest::DATAPLANE_ATOMIC),
+  EXPECT_THAT(write({remove(acl(1))}, WriteRequest::DATAPLANE_ATOMIC),
               ElementsAre("UNIMPLEMENTED"));
 }
 
@@ -257,9 +259,9 @@ TEST_F(EntryTest, OneShotsAreReadBackAndLeaveNothing) {
     EXPECT_LT(group->id() % 0x80000000U, 9U);
   }
   // What is replaced makes room.
-  p4::config::v1::P4Info info = shippedP4Info();
+  P4Info info = shippedP4Info();
   info.mutable_action_profiles(0)->set_size(6);
-  ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, &info).ok());
+  ASSERT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, info).ok());
   EXPECT_THAT(write({modify(route(1, one)), modify(route(2, oneShot({{nexthop(), 4}})))}),
               ElementsAre("OK", "RESOURCE_EXHAUSTED"));
   expectTaken({remove(route(1, "")), remove(route(2, "")), insert(member(1))});

@@ -12,10 +12,6 @@ constexpr OpenFlowTable::GroupId memberBase = 4294967296;
 
 class HardwareTest : public Programmed {
  protected:
-  ~HardwareTest() override {
-    agent->automaticIs(true);
-    runHardware();
-  }
   // The name of the flow that was written last.
   [[nodiscard]] Korm::Name lastFlow() const { return *service->flows().back().name; }
 };
@@ -70,7 +66,7 @@ TEST_F(HardwareTest, WhatSharedMemoryHasNoRoomForFailsAndLeavesNothing) {
   for (int number = 1; number <= 200; ++number) {
     updates.push_back(insert(acl(number, drop())));
   }
-  const TestSupport::Limit limit{RLIMIT_FSIZE, 128 * 1024};
+  const Limit limit{RLIMIT_FSIZE, 128 * 1024};
   const WriteCall whole = begin(updates, WriteRequest::ROLLBACK_ON_ERROR);
   runHardware();
   ASSERT_TRUE(whole->done);
@@ -79,7 +75,7 @@ TEST_F(HardwareTest, WhatSharedMemoryHasNoRoomForFailsAndLeavesNothing) {
   engine->verify();
   const WriteCall each = begin(updates);
   runHardware();
-  const Words words = wordsOf(each->status);
+  const Texts words = wordsOf(each->status);
   const auto taken = static_cast<std::size_t>(std::count(words.begin(), words.end(), "OK"));
   EXPECT_GT(taken, 0U);
   EXPECT_EQ(std::count(words.begin(), words.end(), "RESOURCE_EXHAUSTED"),
@@ -112,11 +108,10 @@ TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
     agent->automaticIs(true);
     runHardware();
     EXPECT_TRUE(call->done);
-    Words expected(done.size(), "ABORTED");
+    Texts expected(done.size(), "ABORTED");
     expected.push_back("RESOURCE_EXHAUSTED/1");
     EXPECT_EQ(wordsOf(call->status), expected);
-    EXPECT_THAT(call->status.details[done.size() - 1].message(),
-                testing::HasSubstr("refused to restore"));
+    EXPECT_THAT(call->status.details[done.size() - 1].message(), HasSubstr("refused to restore"));
     engine->verify();
     agent->flowCapacityIs(std::nullopt);
     agent->groupCapacityIs(std::nullopt);
@@ -199,7 +194,7 @@ TEST_F(HardwareTest, AnAnswerToWhatWasThereBeforeIsNone) {
 TEST_F(HardwareTest, AStoppedSwitchIsUnavailableAndLosesNothing) {
   expectTaken({insert(member(1)), insert(acl(1, does(4, {"\\005"}))),
                insert(acl(2, does(5, {"\\005", "\\001"})))});
-  const Words before = everything();
+  const Texts before = everything();
   agent->automaticIs(false);
   const WriteCall under = begin({insert(acl(3, drop()))});
   service->stop();

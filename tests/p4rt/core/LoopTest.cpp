@@ -1,16 +1,11 @@
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "p4rt/core/Loop.h"
+#include "tests/Testing.h"
 
 namespace P4rt {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace TestSupport;
 
 TEST(LoopTest, RunsTimersInTheirOrderAndAfterStopOnlyWhatIsPosted) {
   Loop loop;

@@ -1,8 +1,4 @@
 // ostra-p4rt as a process: its options, its console and its end.
-
-#include <csignal>
-
-#include "tests/UniqueName.h"
 #include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
@@ -12,7 +8,6 @@ using CliTest::Arguments;
 using CliTest::Finished;
 using CliTest::Json;
 using CliTest::Process;
-using testing::AllOf;
 
 Finished finished(Arguments arguments) {
   arguments.insert(arguments.begin(), {"--listen", "127.0.0.1:0"});

@@ -5,7 +5,6 @@
 namespace P4rtTest {
 namespace {
 
-using testing::IsEmpty;
 using GetRequest = p4::v1::GetForwardingPipelineConfigRequest;
 
 class RequestTest : public testing::Test {

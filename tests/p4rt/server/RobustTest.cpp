@@ -1,6 +1,4 @@
 // Clients that go, send too much or take nothing.
-#include <set>
-
 #include "p4rt/server/Server.h"
 #include "tests/p4rt/server/TestProgram.h"
 

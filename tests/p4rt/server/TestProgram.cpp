@@ -1,7 +1,5 @@
 #include "tests/p4rt/server/TestProgram.h"
 
-#include <utility>
-
 #include "google/rpc/status.pb.h"
 #include "p4rt/server/Files.h"
 

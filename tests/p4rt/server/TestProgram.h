@@ -3,16 +3,7 @@
 
 #include <grpcpp/grpcpp.h>
 
-#include <chrono>
-#include <cstdint>
 #include <future>
-#include <memory>
-#include <optional>
-#include <string>
-#include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "p4/v1/p4runtime.grpc.pb.h"
 #include "p4rt/RpcStatus.h"
@@ -22,7 +13,6 @@
 namespace P4rtTest {
 
 using P4rt::Code;
-using testing::HasSubstr;
 
 // A server on a free port that has said where it listens.
 class Program {

@@ -1,7 +1,4 @@
 // TLS: who is let in.
-#include <cstdlib>
-#include <filesystem>
-
 #include "tests/p4rt/server/TestProgram.h"
 
 namespace P4rtTest {
