@@ -47,9 +47,9 @@ RowGeometry::RowGeometry(std::uint32_t recordBytes, std::uint32_t keyStart,
       keyOffset{keyStart},
       keySize{keyBytes},
       recordWords{static_cast<std::uint32_t>((recordBytes + wordSize - 1) / wordSize)},
-      cellWords{recordWords + 3},
-      secondCell{wholeCacheLines(1 + cellWords)},
-      rowWords{secondCell + wholeCacheLines(cellWords)} {}
+      cellWords{recordWords + 2},
+      firstRow{wholeCacheLines(cellWords)},
+      rowWords{wholeCacheLines(1 + cellWords)} {}
 
 std::uint64_t layoutHash(const RecordLayout& layout) {
   const RowGeometry geometry{layout.recordSize, layout.keyOffset, layout.keySize};

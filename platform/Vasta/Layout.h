@@ -2,16 +2,21 @@
 //
 // A table is three kinds of segments:
 // - the header: the words of `Header` below;
-// - the rows: one after the other, each a version word and two cells; row n never moves;
+// - the rows: a spare cell, and then the rows, each a version word and a cell; row n never moves;
 // - the index, one segment per generation: see Index.h.
 //
-// A cell is {record words, live, change sequence, checksum}. The upper half of the live word is the
-// number of record words that are stored; its lowest bit says whether there is a record. The lowest
-// bit of the version selects the cell in force; version 0 means that no cell was ever written. The
-// writer fills the other cell and then publishes it by adding one to the version, so a writer that
-// dies at any instant leaves the record as it was. A reader copies the cell in force and then reads
-// the version again. If it is unchanged, the copy is the record, because the writer changes a cell
-// only after it has moved the version away from it.
+// A cell is {record words, live, checksum}. The upper half of the live word is the number of record
+// words that are stored; its lowest bit says whether there is a record. The version is the change
+// sequence of the row's latest change and, as its lowest bit, which cell is in force: the row's own
+// one or the spare one. Version 0 means that the row was never written.
+//
+// To change a row, the writer fills the spare cell, sets the version to the spare cell, copies the
+// spare cell to the row's own one, and sets the version to that one. A row that was never written
+// is filled first and then gets its version. So the change is made by one store, and a writer that
+// dies at any instant leaves either the previous record or the new one. The next writer finishes
+// the copy. A reader copies the cell in force and then reads the version again. If it is unchanged,
+// the copy is the record, because the writer changes a cell only after it has moved the version
+// away from it, and no change has the version of another.
 //
 // No reader trusts these words. The version and the counters of the header are checked words, a
 // cell has its checksum, and everything constant is compared with what the reader expects.
@@ -43,7 +48,7 @@ inline void storeWord(std::uint64_t& word, std::uint64_t value) noexcept {
 
 inline constexpr std::size_t wordSize = sizeof(std::uint64_t);
 inline constexpr std::uint64_t tableMagic = 0x5641'5354'4154'424CU;
-inline constexpr std::uint64_t formatVersion = 2;
+inline constexpr std::uint64_t formatVersion = 3;
 
 // A number below 2^48 with a check in the upper 16 bits of its word, which detects any single
 // flipped bit. The word of 0 is 0, as in fresh memory.
@@ -84,7 +89,7 @@ inline constexpr std::uint64_t removedMark = 0x5641'5354'4147'4F4EU;
 inline constexpr std::size_t headerBytes = Header::words_ * wordSize;
 inline constexpr std::size_t rowsReservation = std::size_t{64} << 30U;
 
-// The sizes of a record, a cell and a row.
+// The sizes of a record, a cell and a row, and where they lie in the rows segment.
 struct RowGeometry {
   RowGeometry(std::uint32_t recordBytes, std::uint32_t keyStart, std::uint32_t keyBytes) noexcept;
 
@@ -93,12 +98,11 @@ struct RowGeometry {
   std::uint32_t keySize;      // bytes
   std::uint32_t recordWords;  // the last one filled up with zeros
   std::uint32_t cellWords;
-  std::uint32_t secondCell;  // words from the start of the row; begins a cache line
-  std::uint32_t rowWords;    // a whole number of cache lines
+  std::uint32_t firstRow;  // words from the start of the segment, where the spare cell is
+  std::uint32_t rowWords;  // this and `firstRow` are whole numbers of cache lines
 
   [[nodiscard]] std::size_t liveWord() const noexcept { return recordWords; }
-  [[nodiscard]] std::size_t sequenceWord() const noexcept { return recordWords + 1; }
-  [[nodiscard]] std::size_t checksumWord() const noexcept { return recordWords + 2; }
+  [[nodiscard]] std::size_t checksumWord() const noexcept { return recordWords + 1; }
   [[nodiscard]] static std::uint64_t makeLiveWord(std::size_t storedWords, bool live) noexcept {
     return std::uint64_t{storedWords} << 32U | (live ? 1U : 0U);
   }
@@ -107,18 +111,40 @@ struct RowGeometry {
   [[nodiscard]] std::size_t storedWords(std::uint64_t live) const noexcept {
     return std::min<std::uint64_t>(live >> 32U, recordWords);
   }
+  [[nodiscard]] std::size_t rowOffset(std::size_t row) const noexcept {  // in words
+    return firstRow + row * rowWords;
+  }
   [[nodiscard]] std::size_t bytesForRows(std::size_t rows) const noexcept {
-    return rows * rowWords * wordSize;
+    return rowOffset(rows) * wordSize;
+  }
+  // How many rows a segment of this size has room for.
+  [[nodiscard]] std::size_t rowsWithin(std::size_t bytes) const noexcept {
+    const std::size_t words = bytes / wordSize;
+    return words < firstRow ? 0 : (words - firstRow) / rowWords;
   }
 };
 
+// The number in a row's version word.
+namespace Version {
+[[nodiscard]] constexpr std::uint64_t of(std::uint64_t sequence, bool inSpareCell) noexcept {
+  return sequence << 1U | (inSpareCell ? 1U : 0U);
+}
+[[nodiscard]] constexpr bool isInSpareCell(std::uint64_t version) noexcept {
+  return (version & 1U) != 0;
+}
+// The change sequence of the row's latest change.
+[[nodiscard]] constexpr std::uint64_t sequence(std::uint64_t version) noexcept {
+  return (version & checkedNumberMask) >> 1U;
+}
+}  // namespace Version
+
 // The right value of a cell's checksum word: a hash of its other words, without the record words
-// that are not stored. The seed is the row's number and version, so that a record in the wrong row
-// is detected too. Requires: nobody writes to `cell` meanwhile.
+// that are not stored. The seed is the row's number and its latest change, so that a record in the
+// wrong row is detected too. Requires: nobody writes to `cell` meanwhile.
 [[nodiscard]] inline std::uint64_t cellChecksum(const std::uint64_t* cell, std::uint32_t row,
-                                                std::uint64_t version,
+                                                std::uint64_t sequence,
                                                 const RowGeometry& geometry) noexcept {
-  const std::uint64_t place = (version * 0x9E3779B97F4A7C15U) ^ row;
+  const std::uint64_t place = (sequence * 0x9E3779B97F4A7C15U) ^ row;
   const std::size_t stored = geometry.storedWords(cell[geometry.liveWord()]);
   if (stored == geometry.recordWords) {  // the usual case takes one call
     return Korm::hashBytes(cell, geometry.checksumWord() * wordSize, place);
@@ -128,9 +154,11 @@ struct RowGeometry {
                          (geometry.checksumWord() - geometry.liveWord()) * wordSize, ofRecord);
 }
 
-[[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* row, std::uint64_t version,
+// The cell that a version selects; `rows` is the start of the rows segment.
+[[nodiscard]] inline const std::uint64_t* cellOf(const std::uint64_t* rows, std::uint32_t row,
+                                                 std::uint64_t version,
                                                  const RowGeometry& geometry) noexcept {
-  return row + ((version & 1U) != 0 ? geometry.secondCell : 1);
+  return Version::isInSpareCell(version) ? rows : rows + geometry.rowOffset(row) + 1;
 }
 
 enum class RowState { vacant_, removed_, live_, corrupt_ };
@@ -154,7 +182,7 @@ struct RowCheck {
     return {RowState::corrupt_, versionWord, checkedWord(version)};
   }
   const std::uint64_t stored = cell[geometry.checksumWord()];
-  const std::uint64_t computed = cellChecksum(cell, row, version, geometry);
+  const std::uint64_t computed = cellChecksum(cell, row, Version::sequence(version), geometry);
   if (stored != computed) [[unlikely]] {
     return {RowState::corrupt_, stored, computed};
   }

@@ -30,8 +30,8 @@ class Table {
   // Requires: a hash that is passed to a function below is hashOf(key).
   [[nodiscard]] static std::uint32_t hashOf(const Key& key) noexcept { return hashOfKey<R>(key); }
 
-  // The committed record in place, or null. It stays readable and unchanged until the second change
-  // of its row from now.
+  // The committed record in place, or null. It stays readable, and unchanged until the next change
+  // of its row.
   // Throws: Corruption.
   [[nodiscard]] const R* find(const Key& key) const { return find(key, hashOf(key)); }
   [[nodiscard]] const R* find(const Key& key, std::uint32_t hash) const {

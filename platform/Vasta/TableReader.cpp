@@ -92,20 +92,19 @@ bool TableReader::refreshIndex() {
   return false;
 }
 
-const std::uint64_t* TableReader::rowWords(std::uint32_t row) const noexcept {
-  return rows_->words() + std::size_t{row} * geometry_.rowWords;
+std::uint64_t TableReader::versionOf(std::uint32_t row) const noexcept {
+  return loadWord(rows_->words()[geometry_.rowOffset(row)]);
 }
 
 RowState TableReader::copyRow(std::uint32_t row) {
-  const std::uint64_t* words = rowWords(row);
   std::uint64_t version = 0;
   std::size_t stored = 0;
   do {
-    version = loadWord(words[0]);
+    version = versionOf(row);
     if (version == 0) {
       return RowState::vacant_;
     }
-    const std::uint64_t* cell = cellOf(words, version, geometry_);
+    const std::uint64_t* cell = cellOf(rows_->words(), row, version, geometry_);
     stored = geometry_.storedWords(loadWord(cell[geometry_.liveWord()]));
     for (std::size_t i = 0; i < stored; ++i) {
       cell_[i] = loadWord(cell[i]);
@@ -114,7 +113,8 @@ RowState TableReader::copyRow(std::uint32_t row) {
     for (std::size_t i = geometry_.liveWord(); i < geometry_.cellWords; ++i) {
       cell_[i] = loadWord(cell[i]);
     }
-  } while (loadWord(words[0]) != version);
+  } while (versionOf(row) != version);
+  sequence_ = Version::sequence(version);
   std::fill_n(cell_.begin() + static_cast<std::ptrdiff_t>(stored), used_ - stored, 0);
   used_ = stored;
   const RowCheck found = checkRow(cell_.data(), row, version, geometry_);
@@ -159,13 +159,6 @@ bool TableReader::next(Hint& hint, std::byte* record) {
   return false;
 }
 
-// The change sequence of the cell in force. It is not checked here but when the row is copied.
-std::uint64_t TableReader::sequenceOf(std::uint32_t row) const noexcept {
-  const std::uint64_t* words = rowWords(row);
-  const std::uint64_t version = loadWord(words[0]);
-  return version == 0 ? 0 : loadWord(cellOf(words, version, geometry_)[geometry_.sequenceWord()]);
-}
-
 FollowResult TableReader::follow(FollowCursor& cursor, Follower& follower) {
   FollowResult result;
   const std::uint64_t writer = writerGeneration();
@@ -182,7 +175,8 @@ FollowResult TableReader::follow(FollowCursor& cursor, Follower& follower) {
               .passEnd = end};
   }
   for (; cursor.nextRow < rowCount(); ++cursor.nextRow) {
-    if (sequenceOf(cursor.nextRow) > cursor.sequence) {
+    // Whether the version is damaged is checked when the row is copied.
+    if (Version::sequence(versionOf(cursor.nextRow)) > cursor.sequence) {
       tell(cursor, follower, result);
     }
   }
@@ -204,7 +198,7 @@ void TableReader::tell(FollowCursor& cursor, Follower& follower, FollowResult& r
   }
   ++result.told;
   follower.rowChanged({.row = row,
-                       .sequence = cell_[geometry_.sequenceWord()],
+                       .sequence = sequence_,
                        .live = state == RowState::live_,
                        .record = std::as_bytes(std::span{cell_}).first(geometry_.recordSize)});
 }

@@ -103,8 +103,7 @@ class TableReader {
   // Throws: AttachError when that number is damaged.
   [[nodiscard]] std::uint32_t rowCount();
   // Requires: there is such a row.
-  [[nodiscard]] const std::uint64_t* rowWords(std::uint32_t row) const noexcept;
-  [[nodiscard]] std::uint64_t sequenceOf(std::uint32_t row) const noexcept;
+  [[nodiscard]] std::uint64_t versionOf(std::uint32_t row) const noexcept;
   // Copies the row's committed cell to cell_.
   // Throws: Corruption.
   RowState copyRow(std::uint32_t row);
@@ -121,8 +120,10 @@ class TableReader {
   std::shared_ptr<Korm::Segment> index_;
   IndexView indexView_;
   std::uint64_t generation_ = 0;
+  // The row that was copied last.
   std::vector<std::uint64_t> cell_;
   std::size_t used_ = 0;  // record words in cell_; zeros behind them
+  std::uint64_t sequence_ = 0;
 };
 
 }  // namespace Vasta

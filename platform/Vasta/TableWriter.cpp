@@ -20,12 +20,11 @@ constexpr std::size_t largestGrowth = std::size_t{32} << 10U;
 }  // namespace
 
 std::uint64_t* TableWriter::rowWords(std::uint32_t row) const noexcept {
-  return rows_ + std::size_t{row} * geometry_.rowWords;
+  return rows_ + geometry_.rowOffset(row);
 }
 
 const std::uint64_t* TableWriter::activeCell(std::uint32_t row) const noexcept {
-  const std::uint64_t* words = rowWords(row);
-  return cellOf(words, loadWord(words[0]), geometry_);
+  return cellOf(rows_, row, loadWord(rowWords(row)[0]), geometry_);
 }
 
 const std::byte* TableWriter::recordOf(std::uint32_t row) const noexcept {
@@ -145,10 +144,9 @@ void TableWriter::copyRecord(std::uint32_t row, std::byte* out) const noexcept {
   std::memset(out + used, 0, geometry_.recordSize - used);
 }
 
-void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept {
-  std::uint64_t* words = rowWords(row);
-  const std::uint64_t version = (loadWord(words[0]) + 1) & checkedNumberMask;
-  auto* cell = const_cast<std::uint64_t*>(cellOf(words, version, geometry_));
+// Requires: no reader looks at the cell.
+void TableWriter::fillCell(std::uint64_t* cell, std::uint32_t row, const std::byte* record,
+                           bool live) const noexcept {
   const std::size_t used = usedSize(record);
   const std::size_t wholeWords = used / wordSize;
   for (std::size_t i = 0; i < wholeWords; ++i) {
@@ -164,9 +162,36 @@ void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool liv
   }
   const std::size_t stored = wholeWords + (rest != 0 ? 1 : 0);
   storeWord(cell[geometry_.liveWord()], RowGeometry::makeLiveWord(stored, live));
-  storeWord(cell[geometry_.sequenceWord()], ++changeSequence_);
-  storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, version, geometry_));
-  storeWord(words[0], checkedWord(version));
+  storeWord(cell[geometry_.checksumWord()], cellChecksum(cell, row, changeSequence_, geometry_));
+}
+
+// Makes the row's own cell the one in force.
+// Requires: the spare cell is, and it is intact.
+void TableWriter::copySpareCell(std::uint32_t row) noexcept {
+  std::uint64_t* words = rowWords(row);
+  std::uint64_t* own = words + 1;
+  const std::size_t stored = geometry_.storedWords(rows_[geometry_.liveWord()]);
+  for (std::size_t i = 0; i < stored; ++i) {
+    storeWord(own[i], rows_[i]);
+  }
+  for (std::size_t i = geometry_.liveWord(); i < geometry_.cellWords; ++i) {
+    storeWord(own[i], rows_[i]);
+  }
+  const std::uint64_t sequence = Version::sequence(words[0]);
+  storeWord(words[0], checkedWord(Version::of(sequence, false)));
+}
+
+void TableWriter::commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept {
+  std::uint64_t* words = rowWords(row);
+  ++changeSequence_;
+  if (loadWord(words[0]) == 0) {
+    fillCell(words + 1, row, record, live);
+    storeWord(words[0], checkedWord(Version::of(changeSequence_, false)));
+  } else {
+    fillCell(rows_, row, record, live);
+    storeWord(words[0], checkedWord(Version::of(changeSequence_, true)));
+    copySpareCell(row);
+  }
   // The caller reads records in place through another type, so the compiler must not move its
   // reads.
   std::atomic_signal_fence(std::memory_order_seq_cst);
@@ -213,7 +238,7 @@ bool TableWriter::del(const void* key, std::uint32_t hash, std::byte* removed) {
   return true;
 }
 
-// The record stays in the new cell and is only marked as removed, so that a follower sees its key.
+// The record stays in the cell and is only marked as removed, so that a follower sees its key.
 void TableWriter::removeRow(std::uint32_t row, std::optional<std::size_t> slot) {
   freeRows_.push_back(row);
   commitRow(row, recordOf(row), false);

@@ -65,8 +65,8 @@ class TableWriter {
   TableWriter(const TableWriter&) = delete;
   TableWriter& operator=(const TableWriter&) = delete;
 
-  // The committed record of this key, in place, or null. It stays readable and unchanged until the
-  // second change of its row from now. A removal is a change, and the row may then be reused.
+  // The committed record of this key, in place, or null. It stays readable, and unchanged until the
+  // next change of its row. A removal is a change, and the row may then be reused.
   // Throws: Corruption.
   [[nodiscard]] const std::byte* find(const void* key, std::uint32_t hash) const;
 
@@ -158,6 +158,9 @@ class TableWriter {
   [[nodiscard]] std::uint32_t takeRow();
   [[nodiscard]] std::size_t usedSize(const std::byte* record) const noexcept;
   void copyRecord(std::uint32_t row, std::byte* out) const noexcept;
+  void fillCell(std::uint64_t* cell, std::uint32_t row, const std::byte* record,
+                bool live) const noexcept;
+  void copySpareCell(std::uint32_t row) noexcept;
   void commitRow(std::uint32_t row, const std::byte* record, bool live) noexcept;
   void publishChange() noexcept;
   void overwrite(std::uint32_t row, const std::byte* record);

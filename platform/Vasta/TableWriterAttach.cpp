@@ -161,10 +161,10 @@ void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
     return checkedNumber(loadWord(header->words()[word])).value_or(0);
   };
   if (rows == nullptr || rows->identity() != loadWord(header->words()[Header::identity_]) ||
-      counter(Header::rowCount_) > rows->size() / geometry_.bytesForRows(1)) {
+      counter(Header::rowCount_) > geometry_.rowsWithin(rows->size())) {
     throw AttachError{AttachFailure::truncated, options_.name, "rows are missing"};
   }
-  const std::size_t rowsThere = std::min(rows->size(), rows->mapped()) / geometry_.bytesForRows(1);
+  const std::size_t rowsThere = geometry_.rowsWithin(std::min(rows->size(), rows->mapped()));
   if (counter(Header::rowCount_) > rowsThere) {
     throwSystemError(ENOMEM, options_.name, "map all rows");
   }
@@ -188,7 +188,7 @@ void TableWriter::takeOverRows() {
   occupied_.resize(rowCount_);
   for (std::uint32_t row = 0; row < rowCount_; ++row) {
     if (takeOverRow(row) != RowState::corrupt_) {
-      changeSequence_ = std::max(changeSequence_, activeCell(row)[geometry_.sequenceWord()]);
+      changeSequence_ = std::max(changeSequence_, Version::sequence(loadWord(rowWords(row)[0])));
     }
   }
 }
@@ -197,16 +197,21 @@ void TableWriter::takeOverRows() {
 // because its key cannot be trusted.
 RowState TableWriter::takeOverRow(std::uint32_t row) {
   const RowCheck found = check(row);
-  if (found.state != RowState::live_ && found.state != RowState::corrupt_) {
+  if (found.state == RowState::corrupt_) {
+    occupied_[row] = true;
+    ++size_;
+    reportCorruption(corruptionOf(row, found).what());
+    return found.state;
+  }
+  if (Version::isInSpareCell(loadWord(rowWords(row)[0]))) {
+    copySpareCell(row);  // the previous writer died while it did that
+  }
+  if (found.state != RowState::live_) {
     freeRows_.push_back(row);
     return found.state;
   }
   occupied_[row] = true;
   ++size_;
-  if (found.state == RowState::corrupt_) {
-    reportCorruption(corruptionOf(row, found).what());
-    return found.state;
-  }
   const std::uint32_t hash = layout_.hashOfKey(keyOf(row));
   index_->insert(index_->prepareInsert(hash), hash, row);
   return found.state;

@@ -15,7 +15,7 @@ std::optional<std::string> TableWriter::verify() const {
       loadWord(header_[Header::writerGeneration_]) != checkedWord(writerGeneration_)) {
     return "the header does not count what the writer counts";
   }
-  if (rowsSegment_->size() < geometry_.bytesForRows(rowCount_)) {
+  if (geometry_.rowsWithin(rowsSegment_->size()) < rowCount_) {
     return "rows lie beyond what is allocated";
   }
   if (auto violation = index_->verify()) {
@@ -59,7 +59,7 @@ std::optional<std::string> TableWriter::verifyRow(std::uint32_t row) const {
   if (occupied_[row] != (state == RowState::live_)) {
     return name + " is " + (occupied_[row] ? "occupied but not live" : "live but not occupied");
   }
-  if (activeCell(row)[geometry_.sequenceWord()] > changeSequence_) {
+  if (Version::sequence(loadWord(rowWords(row)[0])) > changeSequence_) {
     return name + " is newer than the latest change";
   }
   if (state == RowState::live_) {

@@ -157,6 +157,63 @@ TEST_F(VastaTakeOver, LeavesNoIndexBehindHoweverOften) {
   }
 }
 
+// Puts a row in the state in which a writer leaves it that dies while it copies the spare cell.
+void leaveInSpareCell(const Vasta::SegmentNames& names, std::uint32_t row) {
+  const Vasta::RowGeometry geometry{sizeof(Route), 0, sizeof(Route::Key)};
+  Tampering rows{names.rows()};
+  const std::size_t at = geometry.rowOffset(row);
+  for (std::size_t word = 0; word < geometry.cellWords; ++word) {
+    rows.wordIs(word, rows.word(at + 1 + word));
+    if (word % 2 == 0) {
+      rows.wordIs(at + 1 + word, 0);
+    }
+  }
+  const std::uint64_t sequence = Vasta::Version::sequence(rows.word(at));
+  rows.wordIs(at, Vasta::checkedWord(Vasta::Version::of(sequence, true)));
+}
+
+TEST_F(VastaTakeOver, AChangeWhoseWriterDiedWhileItCopiedItIsSeenByAllAndCompletedByTheNext) {
+  const auto present = [](auto& table) {
+    std::vector<bool> found;
+    for (std::uint64_t prefix = 0; prefix < 4; ++prefix) {
+      const auto route = table.find(prefix);
+      found.push_back(route && *route == Route::of(prefix, 1));
+    }
+    return found;
+  };
+  for (const std::uint32_t underWay : {1U, 3U}) {
+    const TableName name;
+    leave(name, 4);
+    Table<Route>{name.options()}.del(3, nullptr);
+    leaveInSpareCell(names(name), underWay);
+    const std::vector<bool> expected{true, true, true, false};
+    Reader<Route> reader{*name};
+    EXPECT_EQ(present(reader), expected);
+    Table<Route> table{name.options()};
+    EXPECT_EQ(violation(table), "none");
+    EXPECT_EQ(present(table), expected);
+    table.is(Route::of(0, 1));  // uses the spare cell again
+    EXPECT_EQ(present(table), expected);
+    EXPECT_EQ(present(reader), expected);
+    table.is(Route::of(9, 1));
+    EXPECT_EQ(violation(table), "none");
+  }
+}
+
+// The record is lost then, but nothing else.
+TEST_F(VastaTakeOver, ADamagedSpareCellIsACorruptRow) {
+  leave(name_, 3);
+  leaveInSpareCell(names(name_), 1);
+  Tampering{names(name_).rows()}.flipByte(40);
+  EXPECT_THROW(static_cast<void>(Reader<Route>{*name_}.find(1)), Corruption);
+  Table<Route> table{name_.options()};
+  EXPECT_EQ(table.corruptionCount(), 1U);
+  table.is(Route::of(0, 2));
+  EXPECT_THAT(violation(table), HasSubstr("row 1"));
+  EXPECT_TRUE(table.discard(1));
+  EXPECT_EQ(violation(table), "none");
+}
+
 TEST_F(VastaTakeOver, AFollowerOfANewWriterLearnsOfNothingTwice) {
   leave(name_, 3);
   Vasta::FollowCursor cursor;

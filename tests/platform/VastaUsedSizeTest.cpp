@@ -58,8 +58,7 @@ TEST_F(VastaUsedSize, CopiesOfAListThatGrowsAndShrinksHaveZerosBehindIt) {
 }
 
 TEST_F(VastaUsedSize, DamageIsNoticedWithinTheListAndOfNoConsequenceBehindIt) {
-  table_.is(List::of(1, 300));
-  table_.is(List::of(1, 300));  // both cells hold a long list
+  table_.is(List::of(1, 300));  // stays in the row behind the shorter one
   const List shorter = List::of(1, 40);
   table_.is(shorter);
   Tampering rows{Vasta::SegmentNames{*name_}.rows()};

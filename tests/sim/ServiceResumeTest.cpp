@@ -112,9 +112,9 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
     service.blobs().is(1, 1, "value");
     shared.keep();
   }
-  // A byte of the first row's record, which lies in its second cell.
-  const Vasta::RowGeometry row{sizeof(Ostra::OstraConfigEntry), 0, 0};
-  damageRows(Sim::flowTablePath(0), row.secondCell * Vasta::wordSize + 40, 100000);
+  // A byte of the first row's record.
+  const Vasta::RowGeometry rows{sizeof(Ostra::OstraConfigEntry), 0, 0};
+  damageRows(Sim::flowTablePath(0), rows.rowOffset(0) * Vasta::wordSize + 40, 100000);
   damageRows(Sim::portTablePath(), 0, 1);  // all of it
   damageRows(Sim::blobTablePath(), 0, 1);
   {
