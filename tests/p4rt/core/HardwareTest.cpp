@@ -63,7 +63,7 @@ TEST_F(HardwareTest, RequestsBehindAWriteWaitAndSeeAllOfIt) {
 
 TEST_F(HardwareTest, WhatSharedMemoryHasNoRoomForFailsAndLeavesNothing) {
   std::vector<Update> updates;
-  for (int number = 1; number <= 200; ++number) {
+  for (int number = 1; number <= 400; ++number) {
     updates.push_back(insert(acl(number, drop())));
   }
   const Limit limit{RLIMIT_FSIZE, 128 * 1024};
