@@ -193,6 +193,7 @@ TEST_F(Context, ASecondCompletionRebuildsWhatHasNewInputsAndKeepsTheRest) {
 }
 
 TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
+  publishHwStatus();
   makeComplete();
   // Stores it with the same inputs, and then with another one.
   const auto expectReplaced = [](const auto& stored, const auto& store) {
@@ -204,6 +205,14 @@ TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
     EXPECT_TRUE(after->hasNotificationActive());
     EXPECT_FALSE(before->hasNotificationActive()) << "somebody may still hold the old one";
   };
+  expectReplaced([this] { return context->ostraStatusDirSm()->p4RtCxStatusSm(); },
+                 [this](bool same) {
+                   const auto& dirSm = context->ostraStatusDirSm();
+                   const auto in = dirSm->p4RtCxStatusSm()->inputs();
+                   return dirSm->p4RtCxStatusSmIs(in.cxHwStatus, same ? in.batchStatus : nullptr,
+                                                  in.ostraStatusInfo, in.p4rtEcmpGroupTable,
+                                                  in.p4rtEcmpMemberTable);
+                 });
   expectReplaced([this] { return context->ostraStatusDirSm(); },
                  [this](bool same) {
                    const auto in = context->ostraStatusDirSm()->inputs();

@@ -23,9 +23,12 @@ class Ecmp : public ServiceFixture {
     encaps->corruptionHandlerIs([this](const auto&) { corruptions_.emplace_back("encaps"); });
   }
 
-  void start() {
-    sm = Ostra::ostraEcmpGroupSmFactory(cxHwConfig, groups, members, encaps, ports, validation,
-                                        batchStatus, handles);
+  // Makes a state machine on the tables, as the context does. `change` gives it other inputs.
+  void start(const std::function<void(Ostra::OstraEcmpGroupSm::Inputs&)>& change = [](auto&) {}) {
+    Ostra::OstraEcmpGroupSm::Inputs inputs{cxHwConfig, groups,     members,     encaps,
+                                           ports,      validation, batchStatus, handles};
+    change(inputs);
+    sm = Ostra::ostraEcmpGroupSmFactory(inputs);
   }
 
   // Changes a row behind the back of its table, as stray writes to shared memory do.

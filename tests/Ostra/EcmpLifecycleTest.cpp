@@ -17,27 +17,21 @@ class EcmpLifecycle : public Ecmp {
 
 TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
   writeAll();
-  const auto without = [this](const auto& groupTable, const auto& memberTable,
-                              const auto& encapTable) {
-    forgetWhatHappened();
-    sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groupTable, memberTable, encapTable, ports,
-                                   validation, batchStatus, handles);
-  };
-  without(groups, nullptr, encaps);
+  start([](auto& inputs) { inputs.p4rtEcmpMemberTable = nullptr; });
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(told(),
               ElementsAre("2003 invalidArgument: Action profile group: 3 member 5 not found"));
   writeMember({.id = 5});
   EXPECT_THAT(writes(), IsEmpty());
 
-  without(groups, members, nullptr);
+  start([](auto& inputs) { inputs.ipv4EncapTable = nullptr; });
   EXPECT_THAT(writes(), IsEmpty());
   EXPECT_THAT(told(),
               ElementsAre("1005 invalidArgument: Action profile member: 5 has invalid encapId: 9",
                           "1006 invalidArgument: Action profile member: 6 has invalid encapId: 9",
                           "2003 invalidArgument: Action profile group: 3 member 5 not found"));
 
-  without(nullptr, members, encaps);
+  start([](auto& inputs) { inputs.p4rtEcmpGroupTable = nullptr; });
   EXPECT_NE(corvexMember(5), nullptr);
   EXPECT_EQ(corvexGroup(3), nullptr);
   EXPECT_THAT(told(), IsEmpty());
@@ -45,20 +39,25 @@ TEST_F(EcmpLifecycle, MissingTablesAreAsGoodAsEmptyOnes) {
 
 TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   writeAll();
-  sm = Ostra::OstraEcmpGroupSmIs(nullptr, groups, members, encaps, nullptr, nullptr, nullptr,
-                                 nullptr);
+  start([](auto& inputs) {
+    inputs.cxHwConfig = nullptr;
+    inputs.validationHelper = nullptr;
+    inputs.batchStatus = nullptr;
+    inputs.p4HandleMgr = nullptr;
+  });
   members->entryDel(6);
   groups->entryDel(3);
-  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, nullptr, validation,
-                                 batchStatus, nullptr);
+  start([](auto& inputs) {
+    inputs.p4RtPortMappingStatus = nullptr;
+    inputs.p4HandleMgr = nullptr;
+  });
   EXPECT_TRUE(memberActions(5).outputIntf().empty());
   EXPECT_TRUE(memberActions(5).has(Action::outputIntf_));
   members->entryDel(5);
   EXPECT_EQ(corvexMember(5), nullptr);
   EXPECT_THAT(told(), IsEmpty());
   forgetWhatHappened();
-  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports, nullptr, batchStatus,
-                                 handles);
+  start([](auto& inputs) { inputs.validationHelper = nullptr; });
   writeAll();
   EXPECT_THAT(writes(), IsEmpty()) << "what cannot be checked is not written";
 }
@@ -299,8 +298,7 @@ TEST_F(EcmpFailure, ADamagedListStopsAMemberChangeAtThatGroup) {
 }
 
 TEST_F(EcmpFailure, OnlyEntryErrorsAreContained) {
-  sm = Ostra::OstraEcmpGroupSmIs(cxHwConfig, groups, members, encaps, ports,
-                                 Korm::makePtr<OwnRules>(), batchStatus, handles);
+  start([](auto& inputs) { inputs.validationHelper = Korm::makePtr<OwnRules>(); });
   writeGroup(3, {5});  // an entry error of the service's own
   EXPECT_THAT([&] { writeMember({.id = 5, .port = 3}); },
               testing::ThrowsMessage<std::logic_error>("1005 3 Action profile member 5"));

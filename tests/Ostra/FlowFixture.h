@@ -13,12 +13,13 @@ using VrfId = Vrf::VrfIdMap::VrfId;
 
 class FlowFixture : public ServiceFixture {
  protected:
-  // A state machine on the table, as the context makes it.
-  [[nodiscard]] Korm::Ptr<Ostra::OstraSm> makeSm() const {
-    return Ostra::ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir, table, vrfs, ports,
-                                 validation, statusInfo, batchStatus, telemetry);
+  // Makes a state machine on the table, as the context does. `change` gives it other inputs.
+  void start(const std::function<void(Ostra::OstraSm::Inputs&)>& change = [](auto&) {}) {
+    Ostra::OstraSm::Inputs inputs{cxHwConfig, cxConfig,   cxHwStatusDir, table,       vrfs,
+                                  ports,      validation, statusInfo,    batchStatus, telemetry};
+    change(inputs);
+    sm = Ostra::ostraSmFactory(inputs);
   }
-  void start() { sm = makeSm(); }
 
   // An entry of this handle with nothing but a key; its entry id is a thousand more than the
   // handle.

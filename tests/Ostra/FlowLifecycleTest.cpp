@@ -41,18 +41,17 @@ TEST_F(FlowLifecycle, StartUpDeletesTheFlowsWhoseHandleTheTableDoesNotHold) {
 }
 
 TEST_F(FlowLifecycle, StartsWithoutWhatMayBeMissing) {
-  const auto startOn = [this](const auto& hwConfig, const auto& statusDir, const auto& flows) {
-    sm = Ostra::ostraSmFactory(hwConfig, hwConfig ? cxConfig : nullptr, statusDir, flows, vrfs,
-                               ports, validation, statusInfo, batchStatus, telemetry);
-  };
   store(flowInVrf(7, 1, 5));
-  startOn(Korm::Ptr<OpenFlowTable::CorvexHwConfig>{}, nullptr, table);
+  start([](auto& inputs) { inputs.cxHwConfig = nullptr; });
   EXPECT_EQ(write(flowInVrf(8, 2, 5)), "");
   EXPECT_EQ(remove(flowInVrf(7, 1, 5)), "");
   EXPECT_EQ(books(5), neverUsed);
   EXPECT_EQ(telemetry->total(), 0U);
 
-  startOn(cxHwConfig, nullptr, table);
+  start([](auto& inputs) {
+    inputs.cxConfig = nullptr;
+    inputs.cxHwStatusDir = nullptr;
+  });
   cxHwConfig->groupEntryIs(3);
   OstraConfigEntry entry = flow(7, plainKey(1));
   entry.groupGiven = true;
@@ -60,7 +59,7 @@ TEST_F(FlowLifecycle, StartsWithoutWhatMayBeMissing) {
   EXPECT_EQ(write(entry), "7 notFound: Group id: 3 is not found") << "no group is ready";
 
   placeCxFlow("flow-0");
-  startOn(cxHwConfig, cxHwStatusDir, nullptr);
+  start([](auto& inputs) { inputs.ostraConfigTable = nullptr; });
   EXPECT_EQ(cxFlows(), Names{}) << "without a table every flow is stale";
   EXPECT_EQ(sm->ostraConfigTable(), nullptr);
   EXPECT_TRUE(sm->hasNotificationActive());
@@ -85,8 +84,7 @@ TEST_F(FlowLifecycle, PrefetchingABatchOfAnySizeChangesNothing) {
   EXPECT_EQ(sm->indexedKeys(), before.size());
   sm->verify();
 
-  sm = Ostra::ostraSmFactory(nullptr, nullptr, nullptr, table, vrfs, ports, validation, statusInfo,
-                             batchStatus, telemetry);
+  start([](auto& inputs) { inputs.cxHwConfig = nullptr; });
   sm->flowKeyToEntryHandleIs(*keys.front(), 1);
   sm->prefetch(keys);
 }
@@ -115,8 +113,7 @@ TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
 
 TEST_F(FlowLifecycle, EveryErrorOfTheServiceReportsItselfAndOthersPassOn) {
   const auto rules = Korm::makePtr<OwnRules>();
-  sm = Ostra::ostraSmFactory(cxHwConfig, cxConfig, cxHwStatusDir, table, vrfs, ports, rules,
-                             statusInfo, batchStatus, telemetry);
+  start([&](auto& inputs) { inputs.validationHelper = rules; });
   OstraKey badPort;
   badPort.ingressPortIs(1, 0xFFFFFFFF);
   EXPECT_EQ(write(flow(1, badPort)), "");

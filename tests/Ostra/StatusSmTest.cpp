@@ -104,20 +104,6 @@ TEST_F(StatusSm, FollowsTheEntityNamedP4rtOnly) {
   EXPECT_EQ(heard(), "") << "also while somebody still holds the state machine";
 }
 
-TEST_F(StatusSm, AStateMachineIsKeptForTheVerySameInputsOnly) {
-  start();
-  const Korm::Ptr<OstraStatusSm> before = sm->p4RtCxStatusSm();
-  const auto made = [&](const Korm::Ptr<P4Runtime::BatchStatus>& batch) {
-    const OstraStatusSm::Inputs& in = before->inputs();
-    return sm->p4RtCxStatusSmIs(in.cxHwStatus, batch, in.ostraStatusInfo, in.p4rtEcmpGroupTable,
-                                in.p4rtEcmpMemberTable);
-  };
-  EXPECT_EQ(made(batchStatus), before);
-  EXPECT_NE(made(nullptr), before);
-  EXPECT_FALSE(before->hasNotificationActive());
-  EXPECT_TRUE(sm->p4RtCxStatusSm()->hasNotificationActive());
-}
-
 TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, nullptr, nullptr, nullptr);
   flow("flow-1", FlowStatus::programmed_).statusIs(FlowStatus::hardwareFull_);

@@ -11,23 +11,22 @@ namespace {
 
 using namespace SwitchTest;
 
-const Flow inVrf{.number = 1, .vrf = 5};
-const Flow withPort{.number = 2, .output = 2};
-const Flow plain{.number = 3};
-const Flow toGroup{.number = 4, .group = 4};
+// Of the flow that has this priority and matches everything.
+Ostra::OstraKey keyOf(int priority) {
+  Ostra::OstraKey key;
+  key.priorityIs(priority);
+  return key;
+}
 
-// Entries 1 to 4: members 5 and 6, group 3 of member 5, group 4 of member 6; entries 5 to 8: the
-// flows.
+// Entries 1 to 4: members 5 and 6, group 3 of member 5, group 4 of member 6. Entries 5 to 8: flows.
 class Audit : public Switch {
  protected:
   Audit() {
-    now = 1000;
-    Korm::clockIs([] { return now; });
-    service.portIs(2, Interface::IntfId{"Ethernet2"});
-    step({write(Op::insert_, Member{.id = 5}), write(Op::insert_, Member{.id = 6})});
-    step({write(Op::insert_, Group{.id = 3, .members = {5}}),
-          write(Op::insert_, Group{.id = 4, .members = {6}})});
-    step({insert(inVrf), insert(withPort), insert(plain), insert(toGroup)});
+    play(
+        "port 2 Ethernet2\ninsert member 5 port=1 encap=9\ninsert member 6 port=1 encap=9\n"
+        "insert group 3 members=5\ninsert group 4 members=6\n"
+        "insert flow priority=1 -> vrf=5\ninsert flow priority=2 -> output=2\n"
+        "insert flow priority=3 -> drop\ninsert flow priority=4 -> group=4");
     now += 100;
   }
   // So that the service's own checks find their books as they were.
@@ -35,12 +34,7 @@ class Audit : public Switch {
     if (flipped_ != nullptr) {
       *flipped_ ^= 1;
     }
-    service.apply(modify(inVrf));
-  }
-
-  void step(const std::vector<Update>& batch) {
-    now += 1;
-    service.apply(batch);
+    play("hw publish\nmodify flow priority=1 -> vrf=5");
   }
 
  public:
@@ -60,13 +54,11 @@ class Audit : public Switch {
     flipped_ = const_cast<char*>(reinterpret_cast<const char*>(&value));
     *flipped_ ^= 1;
   }
+  [[nodiscard]] const auto& flows() const { return *machine().ostraConfigTable(); }
   [[nodiscard]] const auto& ecmp() const { return service.context()->ostraEcmpGroupSm()->inputs(); }
-  [[nodiscard]] const auto& row() const {
-    return *machine().ostraConfigTable()->entry(rowOf(inVrf).flowKey);
-  }
   // "fault flow-differs flow-5"
-  [[nodiscard]] Lines findings() const {
-    Lines lines;
+  [[nodiscard]] Texts findings() const {
+    Texts lines;
     const Ostra::AuditReport report = service.audit().value();
     for (const Ostra::AuditFinding& finding : report.findings) {
       EXPECT_FALSE(finding.expected.empty() || finding.found.empty() || finding.cause.empty());
@@ -75,8 +67,6 @@ class Audit : public Switch {
     }
     return lines;
   }
-
-  static inline double now = 1000;
 
  private:
   char* flipped_ = nullptr;
@@ -89,7 +79,8 @@ struct Plant {
 };
 
 const Plant plants[] = {
-    {[](Audit& it) { it.flip(it.row().flowKey); }, {"fault corrupt-row flow table"}},
+    {[](Audit& it) { it.flip(it.flows().entry(keyOf(1))->flowKey); },
+     {"fault corrupt-row flow table"}},
     {[](Audit& it) { it.flip(it.ecmp().p4rtEcmpMemberTable->entry(5)->p4PortId); },
      {"fault corrupt-row member table"}},
     {[](Audit& it) { it.flip(it.ecmp().p4rtEcmpMemberTable->entry(5)->memberId); },
@@ -98,12 +89,12 @@ const Plant plants[] = {
      {"fault corrupt-row group table"}},
     {[](Audit& it) { it.flip(it.ecmp().ipv4EncapTable->entry(9)->src); },
      {"fault corrupt-row encapsulation table"}},
-    {[](Audit& it) { it.index(rowOf(plain).flowKey, 99); }, {"fault index-differs entry 7"}},
-    {[](Audit& it) { it.index(rowOf(toGroup).flowKey, 99); }, {"fault index-differs entry 8"}},
+    {[](Audit& it) { it.index(keyOf(3), 99); }, {"fault index-differs entry 7"}},
+    {[](Audit& it) { it.index(keyOf(4), 99); }, {"fault index-differs entry 8"}},
     {[](Audit& it) { it.index({}, 7); }, {"fault index-without-row entry 7"}},
     {[](Audit& it) { it.index({}, 77); }, {"expected index-without-row entry 77"}},
     {[](Audit& it) {
-       it.machine().vrfIdIs(rowOf(inVrf).flowKey, 6);
+       it.machine().vrfIdIs(keyOf(1), 6);
        it.books().vrfIdRefCountDec(5, 1);
        it.books().vrfIdRefCountInc(6, 1);
      },
@@ -123,12 +114,10 @@ const Plant plants[] = {
      {"fault group-without-row Corvex group 77"}},
     {[](Audit& it) { it.service.hwConfig()->groupEntry(3)->bucketDelAll(); },
      {"fault group-differs group 3"}},
-    {[](Audit& it) { it.agent.publishedIs(false); },
+    {[](Audit& it) { it.play("hw unpublish"); },
      {"expected flow-without-group flow-8", "fault hardware-withdrawn the hardware status"}},
-    {[](Audit& it) { it.agent.flowStatusIs("flow-7", FlowStatus::hardwareFull_); },
-     {"expected hardware-failed flow-7"}},
-    {[](Audit& it) { it.agent.flowStatusIs("flow-7", FlowStatus::programming_); },
-     {"fault hardware-silent flow-7"}},
+    {[](Audit& it) { it.play("hw flow flow-7 7"); }, {"expected hardware-failed flow-7"}},
+    {[](Audit& it) { it.play("hw flow flow-7 3"); }, {"fault hardware-silent flow-7"}},
 };
 
 class PlantedFault : public Audit, public testing::WithParamInterface<std::size_t> {};
@@ -138,15 +127,12 @@ TEST_P(PlantedFault, IsFoundAndNothingElse) {
   plants[GetParam()].damage(*this);
   EXPECT_EQ(findings(), plants[GetParam()].found);
   EXPECT_THAT(service.takeFaults(), IsEmpty());
-  agent.publishedIs(true);
 }
 
 INSTANTIATE_TEST_SUITE_P(All, PlantedFault, testing::Range(std::size_t{0}, std::size(plants)));
 
 TEST_F(Audit, GivesTheHardwareTimeToAnswer) {
-  agent.automaticIs(false);
-  service.apply(modify(plain));
-  agent.flowStatusIs("flow-7", FlowStatus::programming_);
+  play("hw manual\nmodify flow priority=3 -> drop\nhw flow flow-7 3");
   now += 4;
   EXPECT_THAT(findings(), IsEmpty());
   ASSERT_EQ(service.pending().size(), 1U);
@@ -154,42 +140,33 @@ TEST_F(Audit, GivesTheHardwareTimeToAnswer) {
   EXPECT_EQ(service.pending()[0].since, now - 4);
   now += 4;
   EXPECT_THAT(findings(), ElementsAre("fault hardware-silent flow-7"));
-  agent.automaticIs(true);
-  Sim::Service::settle();
-  agent.flowStatusIs("flow-7", FlowStatus::programmed_);
+  play("hw auto\nhw flow flow-7 1");
   EXPECT_THAT(findings(), IsEmpty());
   EXPECT_THAT(service.pending(), IsEmpty());
 }
 
 TEST_F(Audit, ADryRunSaysWhatTheWriteThenDoesAndChangesNothing) {
   using Outcome = Ostra::FlowPreview::Outcome;
-  const Flow flows[] = {
-      inVrf,
-      {.number = 1, .vrf = 6},
-      {.number = 1, .group = 3},
-      {.number = 5, .vrf = 6},
-      {.number = 5, .vrf = 5, .group = 3},
-      {.number = 6, .vrf = 7, .group = 9},
-      {.number = 6, .vrf = 7, .output = 0},
-      {.number = 6, .vrf = 8, .cpuTrafficClass = 17},
-      {.number = 7, .vrf = 8, .output = 2, .priority = 70000},
-      {.number = 7, .priority = -1},
-  };
-  for (const Flow& flow : flows) {
-    SCOPED_TRACE(flow.number);
-    const auto before = std::tuple{this->flows(), vrfs(), hardware()};
+  for (const char* const words :
+       {"priority=1 -> vrf=5", "priority=1 -> vrf=6", "priority=1 -> group=3",
+        "priority=5 -> vrf=6", "priority=5 -> vrf=5 group=3", "priority=6 -> vrf=7 group=9",
+        "priority=6 -> vrf=7 output=0", "priority=6 -> vrf=8 cpu-traffic-class=17",
+        "priority=70000 -> vrf=8 output=2", "priority=-1 -> drop"}) {
+    SCOPED_TRACE(words);
+    const auto row = rowOf(words);
+    const auto state = [this] { return play("show flows\nshow vrfs\nshow hw"); };
+    const std::string before = state();
     const std::uint64_t stamps = machine().inputs().telemetry->total();
-    const Ostra::FlowPreview preview = *service.explain(0, rowOf(flow));
-    EXPECT_EQ((std::tuple{this->flows(), vrfs(), hardware()}), before);
+    const Ostra::FlowPreview preview = *service.explain(0, row);
+    EXPECT_EQ(state(), before);
     EXPECT_EQ(machine().inputs().telemetry->total(), stamps);
-    EXPECT_THAT(reports(), IsEmpty());
+    EXPECT_THAT(service.takeReports(), IsEmpty());
 
-    const auto oldVrf = preview.countedVrf;
-    std::vector<Sim::Result> results = service.apply(insert(flow));
-    if (results[0].state == Sim::State::rejected_) {
-      results = service.apply(modify(flow));
+    const auto apply = [&](Sim::Op op) { return service.apply(Sim::Update::flow(op, 0, row))[0]; };
+    Sim::Result result = apply(Sim::Op::insert_);
+    if (result.state == Sim::State::rejected_) {
+      result = apply(Sim::Op::modify_);
     }
-    const Sim::Result& result = results[0];
     EXPECT_EQ(preview.name, "flow-" + std::to_string(result.handle));
     EXPECT_EQ(result.succeeded(), preview.accepted());
     EXPECT_EQ(result.message, preview.message);
@@ -202,13 +179,13 @@ TEST_F(Audit, ADryRunSaysWhatTheWriteThenDoesAndChangesNothing) {
       const auto& written = *service.hwConfig()->flowEntry(preview.name);
       EXPECT_TRUE(written.match() == preview.match && written.actions() == preview.actions);
       EXPECT_EQ(written.priority().value(), preview.priority);
-      EXPECT_EQ(preview.outcome == Outcome::modifies_, result.op == Op::modify_);
+      EXPECT_EQ(preview.outcome == Outcome::modifies_, result.op == Sim::Op::modify_);
     }
-    const auto vrf = machine().vrfId(rowOf(flow).flowKey);
+    const auto vrf = machine().vrfId(row.flowKey);
     const auto counted = vrf == Vrf::VrfIdMap::none ? std::nullopt : std::optional{vrf};
     EXPECT_EQ(counted, preview.vrf.taken      ? preview.vrf.taken
                        : preview.vrf.released ? std::nullopt
-                                              : oldVrf);
+                                              : preview.countedVrf);
   }
 }
 

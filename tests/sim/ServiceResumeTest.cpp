@@ -16,6 +16,10 @@ using Sim::SharedMemory;
 
 const std::string name = uniqueName("ostra-resume-test");
 
+Sim::Update insertOf(const std::string& priority) {
+  return Sim::Update::flow(Sim::Op::insert_, 0, rowOf("priority=" + priority + " -> drop"));
+}
+
 // Flips a bit of every `step`th byte in the rows of a table that nobody has open.
 void damageRows(const std::string& path, std::size_t from, std::size_t step) {
   Tampering rows{Vasta::SegmentNames{KormVasta::segmentName(name, path)}.rows()};
@@ -105,8 +109,8 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
   {
     SharedMemory shared{name, Leftover::discard_};
     Sim::Service service{&shared};
-    for (std::uint32_t number = 0; number < 4; ++number) {
-      service.apply(insert({.number = number}));
+    for (const char* const priority : {"1", "2", "3", "4"}) {
+      service.apply(insertOf(priority));
     }
     service.portIs(1, Interface::IntfId{"Ethernet1"});
     service.blobs().is(1, 1, "value");
@@ -125,7 +129,7 @@ TEST(ServiceResume, DamagedRowsAreReportedAndDroppedAndAForeignTableStaysAsItIs)
     EXPECT_EQ(service.flows().size(), 3U);
     EXPECT_FALSE(service.portDel(1));
     EXPECT_EQ(service.blobs().find(1, 1), std::nullopt);
-    EXPECT_EQ(service.apply(insert({.number = 9})).front().handle, 5U);
+    EXPECT_EQ(service.apply(insertOf("9")).front().handle, 5U);
     service.verify();
     shared.keep();
   }
