@@ -3,8 +3,9 @@
 //
 // Threads: the activity thread. A record is stored in shared memory, so it is trivially copyable
 // and has no padding. A status table has one writer, its entity, and any number of reading
-// processes. Ownership: an OstraStatus owns its table. After its last outside reference has been
-// dropped, it lives on as long as somebody holds its collection control.
+// processes.
+// Ownership: an OstraStatus owns its table. After its last outside reference has been dropped, it
+// lives on as long as somebody holds its collection control.
 #pragma once
 
 #include <array>

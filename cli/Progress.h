@@ -10,8 +10,8 @@
 
 namespace Cli {
 
-// Shows nothing in the first second, and then a line that it keeps rewriting. Requires: clear() is
-// called before anything else is written to the same terminal.
+// Shows nothing in the first second, and then a line that it keeps rewriting.
+// Requires: clear() is called before anything else is written to the same terminal.
 class Progress {
  public:
   // Writes to the descriptor, a terminal.

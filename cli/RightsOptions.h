@@ -10,7 +10,8 @@
 
 namespace Cli {
 
-// The group of that name or number. Throws CommandError when there is none of that name.
+// The group of that name or number.
+// Throws: CommandError when there is none of that name.
 [[nodiscard]] gid_t parseGroup(std::string_view text);
 
 // Options has a member Korm::SegmentRights rights.

@@ -22,8 +22,8 @@
 // up to date when it is published again. Flows that were deleted meanwhile are then published as
 // pending_ and withdrawn, so that their deletes are answered.
 //
-// Threads: the activity thread. What the agent publishes reaches the library, and
-// the service, before the operation here returns. What it defers is done by Korm::activity().run().
+// Threads: the activity thread. What the agent publishes reaches the library, and the service,
+// before the operation here returns. What it defers is done by Korm::activity().run().
 // Ownership: holds references to the Corvex entities. The agent does not depend on the library, and
 // may live longer or shorter. What it has published stays when it is destroyed.
 #pragma once

@@ -27,9 +27,9 @@
 // process, under the same handles; start() announces them. Counters, statuses and everything in
 // Corvex start empty.
 //
-// Threads: one thread, the activity thread. The shared memory and the switch for
-// thread-safe pointers are set before the service is made. There is one service at a time in a
-// process, as there is one activity and one clock. It uses Korm::currentTime() only.
+// Threads: one thread, the activity thread. The shared memory and the switch for thread-safe
+// pointers are set before the service is made. There is one service at a time in a process, as
+// there is one activity and one clock. It uses Korm::currentTime() only.
 // Ownership: the service owns its tables and objects and holds the library's context. A hardware
 // agent shares the Corvex entities and may outlive the library, though not the service's use of
 // them.
@@ -195,7 +195,8 @@ class Service {
   Failure portIs(P4Runtime::P4PortId port, const Interface::IntfId& intf);
   bool portDel(P4Runtime::P4PortId port);
   // Write or remove an encapsulation entry. Members that use it are programmed again or refused,
-  // which is reported. Requires: the type is IP in IP, the only one that members may use.
+  // which is reported.
+  // Requires: the type is IP in IP, the only one that members may use.
   Failure encapIs(const NexthopGroup::EncapEntry& entry);
   [[nodiscard]] bool hasEncap(NexthopGroup::EncapId id) const;
   Failure encapDel(NexthopGroup::EncapId id);

@@ -9,9 +9,8 @@
 // process that dies leaves its tables under the name. The next one chooses whether to resume or to
 // remove them.
 //
-// Threads: one process has a name at a time, and within it the activity thread. It
-// is made before the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and
-// outlives them.
+// Threads: one process has a name at a time, and within it the activity thread. It is made before
+// the tables of its service, sets where they lie (KormVasta::sharedMemoryIs), and outlives them.
 #pragma once
 
 #include <cstdint>

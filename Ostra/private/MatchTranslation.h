@@ -7,7 +7,8 @@
 namespace Ostra {
 
 // Copies every constrained field by its rule in OSTRA_MATCH_FIELDS, except the ports, which need
-// the service's port mapping. Throws: Korm::RangeException for a VLAN id or mask out of range.
+// the service's port mapping.
+// Throws: Korm::RangeException for a VLAN id or mask out of range.
 void copyMatchFields(const OstraKey& key, OpenFlowTable::Match& match);
 
 // In tables of type 1, replaces an exact IPv4 or IPv6 ether type by the layer-3 packet type,

@@ -1,7 +1,6 @@
 // Plays commands: reads lines, executes them by the table of commands, and prints the results.
 //
-// Threads: the activity thread. requestStop() alone may be called from a signal
-// handler.
+// Threads: the activity thread. requestStop() alone may be called from a signal handler.
 // Ownership: the service, the agent, the printer and the streams belong to the host and outlive the
 // interpreter.
 #pragma once

@@ -41,11 +41,14 @@ class Json {
       : Json{std::string_view{value}} {}
   Json(const char* value) : Json{std::string_view{value}} {}  // NOLINT(google-explicit-constructor)
 
-  // Adds a member. Requires: this is an object without one of that name.
+  // Adds a member.
+  // Requires: this is an object without one of that name.
   void add(std::string_view name, const Json& value);
-  // Adds an element. Requires: this is an array.
+  // Adds an element.
+  // Requires: this is an array.
   void push(const Json& value);
-  // Adds the members of another object. Requires: both are objects, without a name in common.
+  // Adds the members of another object.
+  // Requires: both are objects, without a name in common.
   void addAll(const Json& members);
 
   // Whether it is an object or an array with nothing in it.

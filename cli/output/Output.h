@@ -1,7 +1,6 @@
 // Standard output as a stream that knows why it failed.
 //
-// Threads: one thread. The host ignores SIGPIPE, so that a closed pipe is an error
-// here.
+// Threads: one thread. The host ignores SIGPIPE, so that a closed pipe is an error here.
 #pragma once
 
 #include <array>

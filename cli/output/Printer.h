@@ -75,8 +75,8 @@ struct TextStyle {
                                                    TextStyle style);
 
 // One JSON object a line, with its members in the order that docs/simulator.md gives. Bytes that
-// are not UTF-8 are replaced, so that every line is JSON. Requires: the stream outlives the
-// printer.
+// are not UTF-8 are replaced, so that every line is JSON.
+// Requires: the stream outlives the printer.
 [[nodiscard]] std::unique_ptr<Printer> jsonPrinter(std::ostream& out);
 
 }  // namespace Cli

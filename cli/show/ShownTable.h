@@ -1,7 +1,7 @@
 // The shared tables of a running ostra-sim as ostra-show prints them, from another process.
 //
-// Threads: one thread of a process that only reads. The writer may start, stop or
-// be killed at any moment: whatever is missing then is skipped.
+// Threads: one thread of a process that only reads. The writer may start, stop or be killed at any
+// moment: whatever is missing then is skipped.
 #pragma once
 
 #include <iosfwd>

@@ -1,7 +1,7 @@
 // Shows the tables and the trace ring of another process, an ostra-sim with --shm.
 //
-// Threads: one thread of a process that only reads. The other process may start,
-// stop or be killed at any moment. The viewer never blocks on it.
+// Threads: one thread of a process that only reads. The other process may start, stop or be killed
+// at any moment. The viewer never blocks on it.
 #pragma once
 
 #include <cstddef>

@@ -6,8 +6,9 @@
 //
 // Threads: a ring has one owning process. Any number of its threads write at once without waiting
 // for each other. A thread that is suspended while it writes a record keeps only that record from
-// the others. Invariant: published records are complete. A record that was being written when its
-// process died is never shown.
+// the others.
+// Invariant: published records are complete. A record that was being written when its process died
+// is never shown.
 #pragma once
 
 #include <cstddef>
@@ -40,12 +41,13 @@ struct RingWriter;
 class Ring {
  public:
   // Creates a ring. It replaces a ring of the same name whose owner has died; readers of the old
-  // ring keep what they have mapped. All memory is allocated here. Throws: RingError if the owner
-  // lives, if the segment of that name is not a ring, or if there is not enough memory.
+  // ring keep what they have mapped. All memory is allocated here.
+  // Throws: RingError if the owner lives, if the segment of that name is not a ring, or if there is
+  // not enough memory.
   [[nodiscard]] static std::unique_ptr<Ring> create(const RingOptions& options = {});
 
-  // Removes the name, unless keepName() was called, and unmaps the memory. Requires: no thread is
-  // tracing into this ring.
+  // Removes the name, unless keepName() was called, and unmaps the memory.
+  // Requires: no thread is tracing into this ring.
   ~Ring();
   Ring(const Ring&) = delete;
   Ring& operator=(const Ring&) = delete;

@@ -12,9 +12,9 @@
 // Threads: any thread may trace and change levels. A forked child goes on writing into a named ring
 // of its parent until it sets a ring of its own.
 // Ownership: handles and points have static storage and live as long as the program traces. The
-// texts that they are given are not copied, so they must be string literals. Invariant: a call
-// never throws. Where there is no memory for a ring or for a text, the record or the text is
-// dropped.
+// texts that they are given are not copied, so they must be string literals.
+// Invariant: a call never throws. Where there is no memory for a ring or for a text, the record or
+// the text is dropped.
 #pragma once
 
 #include <array>

@@ -1,7 +1,7 @@
 // The framework's clock.
 //
-// Threads: currentTime() may be called from any thread; clockIs() is for the host's
-// start-up and for tests, while no other thread reads the clock.
+// Threads: currentTime() may be called from any thread; clockIs() is for the host's start-up and
+// for tests, while no other thread reads the clock.
 #pragma once
 
 namespace Korm {

@@ -13,8 +13,8 @@ namespace Korm {
 
 // A keyed collection that tells its reactors the key of every change, and nothing else.
 //
-// An overload with a hash is for a caller that has computed it before. Requires: it is
-// Map::hash(key). A look-up accepts any type that compares with a key and has the same hash.
+// A look-up accepts any type that compares with a key and has the same hash. An overload with a
+// hash is for a caller that has computed it before. Requires: the hash is Map::hash(key).
 template <class Key, class Value>
 class Collection {
  public:

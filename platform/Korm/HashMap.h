@@ -130,7 +130,8 @@ class HashMap {
   [[nodiscard]] std::size_t size() const noexcept { return size_; }
   [[nodiscard]] bool empty() const noexcept { return size_ == 0; }
 
-  // The element, or null. Requires: `hash` is hash(key), where it is given.
+  // The element, or null.
+  // Requires: `hash` is hash(key), where it is given.
   template <class K>
   [[nodiscard]] Entry* find(const K& key) noexcept {
     return find(key, hash(key));

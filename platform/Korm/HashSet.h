@@ -11,7 +11,8 @@ namespace Korm {
 template <class Key, class HashOf = Hash<Key>>
 class HashSet {
  public:
-  // Adds the key; false when it is there already. Requires: `hash` is the key's, where it is given.
+  // Adds the key; false when it is there already.
+  // Requires: `hash` is the key's, where it is given.
   bool insert(const Key& key) { return map_.tryEmplace(key).second; }
   bool insert(const Key& key, std::uint32_t hash) {
     return map_.tryEmplaceHashed(hash, key).second;

@@ -106,7 +106,8 @@ class NotifieeList : public NotifieeListBase {
  public:
   using NotifieeType = Notifiee<Args...>;
 
-  // Attaches behind all others. Requires: the reactor is not attached anywhere.
+  // Attaches behind all others.
+  // Requires: the reactor is not attached anywhere.
   void attach(NotifieeType& reactor) noexcept { attachReactor(reactor); }
 
   void notify(Args... args) const {
@@ -134,7 +135,8 @@ class NotifieeList : public NotifieeListBase {
   }
 };
 
-// A reactor that calls one member function of its owner. Requires: the owner outlives it.
+// A reactor that calls one member function of its owner.
+// Requires: the owner outlives it.
 template <class Owner, auto handler, class... Args>
 class MemberNotifiee final : public Notifiee<Args...> {
  public:

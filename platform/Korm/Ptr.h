@@ -1,8 +1,8 @@
 // Intrusive reference counting.
 //
 // Threads: counts are plain integers unless the process calls threadSafePtrIs(true) before its
-// first counted object exists. From then on they are atomic. Ownership: a counted object belongs to
-// the pointers to it and is destroyed with the last of them.
+// first counted object exists. From then on they are atomic.
+// Ownership: a counted object belongs to the pointers to it and is destroyed with the last of them.
 #pragma once
 
 #include <atomic>

@@ -61,7 +61,8 @@ class Segment {
   // Throws: std::system_error when the system refuses, when the object is not a plain shared-memory
   // object, or when it belongs to another user and such are not trusted.
 
-  // A new and empty object. Requires: `name` does not exist.
+  // A new and empty object.
+  // Requires: `name` does not exist.
   [[nodiscard]] static std::unique_ptr<Segment> create(const SegmentName& name, std::size_t reserve,
                                                        const std::string& subject);
   [[nodiscard]] static std::unique_ptr<Segment> createAnonymous(std::size_t reserve,
@@ -102,10 +103,12 @@ class Segment {
   // Identifies the object for as long as anyone has it open.
   [[nodiscard]] std::uint64_t identity() const noexcept { return identity_; }
 
-  // Allocates up to `bytes` in all. Throws: std::system_error when memory, the mapping, or the
-  // process's file-size limit runs out; the segment is unchanged then.
+  // Allocates up to `bytes` in all.
+  // Throws: std::system_error when memory, the mapping, or the process's file-size limit runs out;
+  // the segment is unchanged then.
   void grow(std::size_t bytes);
-  // Releases the memory beyond `bytes`. Requires: nobody reads there any more, in any process.
+  // Releases the memory beyond `bytes`.
+  // Requires: nobody reads there any more, in any process.
   void shrink(std::size_t bytes) noexcept;
 
   // Lock the whole object, exclusively or shared, without waiting. The system releases a lock when

@@ -37,7 +37,8 @@ class BatchStatusEntry final : public Korm::Entity {
 };
 
 // Collects the results of dependent entries: the creation or removal of a VRF waits for the results
-// of the entries that use it. Requires: not used after the batch status is destroyed.
+// of the entries that use it.
+// Requires: not used after the batch status is destroyed.
 class RootStatusEntry final : public Korm::Entity {
  public:
   RootStatusEntry(BatchStatus& batch, EntryHandle handle) : batch_{batch}, handle_{handle} {}

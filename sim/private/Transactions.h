@@ -7,8 +7,7 @@
 // - the current update, when it is for the same row; an entry error always comes in this way;
 // - all open updates of its row, because the hardware sees them as one;
 // - the current delete, when the result acknowledges a handle without an open update: the library
-// has
-//   found the key under an earlier handle, or under none.
+//   has found the key under an earlier handle, or under none.
 // Any other result is a report. When the batch is finished, an open update of a flow is pending. An
 // open update of a member or group has succeeded, unless the hardware has left an error in its
 // batch status entry.
@@ -107,7 +106,7 @@ class Transactions {
   // Ends the current update after it was applied. It is open unless it has a result. A row that was
   // deleted is no longer stored.
   void end();
-  // Ends it with the text of the range exception that left the library.
+  // Ends it with the text of the exception that left the library.
   void endFailed(std::string_view text);
   // Ends it as rejected, because the change could not be made. Returns whether its row is removed,
   // which is so for an insert.
@@ -125,7 +124,8 @@ class Transactions {
     return reportNotifiees_;
   }
 
-  // Asserts every invariant. Requires: there is no batch.
+  // Asserts every invariant.
+  // Requires: there is no batch.
   void verify() const;
 
  private:
