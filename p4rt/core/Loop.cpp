@@ -5,7 +5,7 @@ namespace P4rt {
 void Loop::post(Task task) {
   bool wasEmpty = false;
   {
-    const std::lock_guard lock{mutex_};
+    const Korm::Lock lock{mutex_};
     wasEmpty = posted_.empty();
     posted_.push_back(std::move(task));
   }
@@ -16,7 +16,7 @@ void Loop::post(Task task) {
 
 void Loop::stop() {
   {
-    const std::lock_guard lock{mutex_};
+    const Korm::Lock lock{mutex_};
     stopped_ = true;
   }
   wake_.notify_one();
@@ -45,7 +45,7 @@ void Loop::run() {
     }
     runTimers();
     if (tasks.empty()) {
-      const std::lock_guard lock{mutex_};
+      const Korm::Lock lock{mutex_};
       if (stopped_ && posted_.empty()) {
         return;
       }
@@ -54,12 +54,14 @@ void Loop::run() {
 }
 
 std::vector<Loop::Task> Loop::awaitTasks() {
-  std::unique_lock lock{mutex_};
-  const auto awake = [this] { return stopped_ || !posted_.empty(); };
-  if (timers_.empty()) {
-    wake_.wait(lock, awake);
-  } else {
-    wake_.wait_until(lock, timers_.begin()->first.first, awake);
+  const Korm::Lock lock{mutex_};
+  bool due = false;
+  while (!stopped_ && posted_.empty() && !due) {
+    if (timers_.empty()) {
+      wake_.wait(mutex_);
+    } else {
+      due = wake_.wait_until(mutex_, timers_.begin()->first.first) == std::cv_status::timeout;
+    }
   }
   return std::exchange(posted_, {});
 }

@@ -10,11 +10,11 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <utility>
 #include <vector>
 
 #include "p4rt/Timers.h"
+#include "platform/Korm/Mutex.h"
 
 namespace P4rt {
 
@@ -41,10 +41,10 @@ class Loop final : public Timers {
   void runTimers();
 
   // Shared by all threads.
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::vector<Task> posted_;
-  bool stopped_ = false;
+  Korm::Mutex mutex_;
+  std::condition_variable_any wake_;
+  std::vector<Task> posted_ KORM_GUARDED_BY(mutex_);
+  bool stopped_ KORM_GUARDED_BY(mutex_) = false;
 
   // The loop's thread.
   std::map<std::pair<Clock::time_point, Id>, Task> timers_;

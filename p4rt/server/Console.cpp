@@ -35,7 +35,7 @@ Console::Console(Loop& loop, Sim::Service& service, Sim::HwAgent& agent, Cli::Pr
 
 Console::~Console() {
   {
-    const std::lock_guard lock{mutex_};
+    const Korm::Lock lock{mutex_};
     ending_ = true;
   }
   changed_.notify_one();
@@ -71,12 +71,14 @@ void Console::readLines() {
       if (!line) {
         return;
       }
-      std::unique_lock lock{mutex_};
+      const Korm::Lock lock{mutex_};
       line_ = *line;
       where_ = "-:" + std::to_string(number);
       waiting_ = true;
       loop_.post([this] { playLine(); });
-      changed_.wait(lock, [this] { return !waiting_ || ending_; });
+      while (waiting_ && !ending_) {
+        changed_.wait(mutex_);
+      }
       if (ending_) {
         return;
       }
@@ -100,9 +102,16 @@ void Console::awaitInput() {
 }
 
 void Console::playLine() {
+  Cli::LineReader::Line line;
+  std::string where;
+  {
+    const Korm::Lock lock{mutex_};
+    line = line_;
+    where = where_;
+  }
   // Collect the reports of this command only, not those of the controllers' writes.
   service_.reportsGatheredIs(true);
-  interpreter_.playLine(line_, where_);
+  interpreter_.playLine(line, where);
   service_.reportsGatheredIs(false);
   const bool ended = interpreter_.ended();
   if (ended) {
@@ -112,7 +121,7 @@ void Console::playLine() {
   }
   out_.flush();
   {
-    const std::lock_guard lock{mutex_};
+    const Korm::Lock lock{mutex_};
     waiting_ = false;
     ending_ = ended;
   }

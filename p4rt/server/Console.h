@@ -10,7 +10,6 @@
 #include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -18,6 +17,7 @@
 #include "cli/language/Interpreter.h"
 #include "cli/output/Output.h"
 #include "p4rt/core/Loop.h"
+#include "platform/Korm/Mutex.h"
 
 namespace P4rt {
 
@@ -59,12 +59,12 @@ class Console {
   std::string promptText_;
 
   // Shared by the reader thread and the loop's thread, under mutex_.
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  Cli::LineReader::Line line_;
-  std::string where_;
-  bool waiting_ = false;  // a line has been read and not been played
-  bool ending_ = false;
+  Korm::Mutex mutex_;
+  std::condition_variable_any changed_;
+  Cli::LineReader::Line line_ KORM_GUARDED_BY(mutex_);
+  std::string where_ KORM_GUARDED_BY(mutex_);
+  bool waiting_ KORM_GUARDED_BY(mutex_) = false;  // a line has been read and not been played
+  bool ending_ KORM_GUARDED_BY(mutex_) = false;
 
   std::thread reader_;
 };
