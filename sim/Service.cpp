@@ -4,6 +4,7 @@
 #include <system_error>
 #include <utility>
 
+#include "Ostra/OstraCounter.h"
 #include "platform/Korm/Activity.h"
 #include "sim/private/RowWriter.h"
 #include "sim/private/Rows.h"
@@ -12,9 +13,6 @@
 
 namespace Sim {
 namespace {
-
-// The id under which the library registers the reader of direct counters.
-constexpr std::uint32_t directCounter = 0;
 
 // Makes a change to which the library reacts.
 template <class Change>
@@ -51,20 +49,11 @@ Service::Service(SharedMemory* shared)
 void Service::restore() {
   resumed_ = true;
   RowWriter{*objects_, *transactions_, nullptr}.restore();
-  const auto drop = [this](auto& table) {
-    return [this, &table](const Vasta::Corruption& corruption) {
-      objects_->faults.add(std::string{corruption.what()} + "; it is dropped");
-      table.table().discard(corruption.row());
-    };
-  };
-  forEachRow(
-      *objects_->portTable,
-      [this](const PortRow& row) { objects_->ports->portIs(row.port, row.intf); },
-      drop(*objects_->portTable));
-  forEachRow(
-      *objects_->encapTable, [](const NexthopGroup::EncapEntry&) {}, drop(*objects_->encapTable));
+  restoreRows(*objects_->portTable, objects_->faults,
+              [this](const PortRow& row) { objects_->ports->portIs(row.port, row.intf); });
+  restoreRows(*objects_->encapTable, objects_->faults, [](const NexthopGroup::EncapEntry&) {});
   for (const std::string& fault : blobs_->recover()) {
-    objects_->faults.add(fault + "; it is dropped");
+    objects_->faults.addDropped(fault);
   }
   settle();
 }
@@ -171,7 +160,7 @@ void Service::handleReport(const Report& report) {
 std::vector<std::string> Service::takeFaults() { return objects_->faults.take(); }
 
 std::optional<P4Runtime::P4CounterData> Service::counter(P4Runtime::EntryHandle handle) const {
-  const auto reader = objects_->counters->counterImplMap(directCounter);
+  const auto reader = objects_->counters->counterImplMap(Ostra::directCounterId);
   return reader ? std::optional{reader->getCounters(handle)} : std::nullopt;
 }
 

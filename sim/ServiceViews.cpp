@@ -95,10 +95,9 @@ std::vector<TableView> Service::entries() const {
         context_ ? context_->ostraSmColl().at(index).get() : nullptr;
     TableView view{.table = index, .entries = {}};
     view.entries.reserve(table.entries());
-    forEachRow(
-        table,
-        [&](const Ostra::OstraConfigEntry& row) { view.entries.push_back(viewOf(row, machine)); },
-        [this](const Vasta::Corruption& corruption) { objects_->faults.add(corruption.what()); });
+    forEachIntactRow(table, objects_->faults, [&](const Ostra::OstraConfigEntry& row) {
+      view.entries.push_back(viewOf(row, machine));
+    });
     std::sort(view.entries.begin(), view.entries.end(),
               [](const EntryView& a, const EntryView& b) { return a.handle < b.handle; });
     views.push_back(std::move(view));
@@ -109,9 +108,7 @@ std::vector<TableView> Service::entries() const {
 ProfileView Service::storedProfile() const {
   ProfileView view;
   const auto collect = [this](const auto& table, auto idOf, auto& ids) {
-    forEachRow(
-        table, [&](const auto& row) { ids.push_back(idOf(row)); },
-        [this](const Vasta::Corruption& corruption) { objects_->faults.add(corruption.what()); });
+    forEachIntactRow(table, objects_->faults, [&](const auto& row) { ids.push_back(idOf(row)); });
     std::sort(ids.begin(), ids.end());
   };
   collect(

@@ -20,6 +20,8 @@ class Faults {
       texts_.emplace_back(text);
     }
   }
+  // Adds the fault of something that has been removed for it.
+  void addDropped(const std::string& text) { add(text + "; it is dropped"); }
   [[nodiscard]] std::vector<std::string> take() { return std::exchange(texts_, {}); }
 
  private:

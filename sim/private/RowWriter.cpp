@@ -273,32 +273,22 @@ std::size_t RowWriter::storedRows() {
 
 void RowWriter::restore() {
   forEachKind([this](const auto& rows) {
-    auto& table = rows.table();
-    forEachRow(
-        table,
-        [&](const auto& row) {
-          rows.stored(row);
-          transactions_.handleTaken(row.entryHandle);
-        },
-        [&](const Vasta::Corruption& corruption) {
-          objects_.faults.add(std::string{corruption.what()} + "; it is dropped");
-          table.table().discard(corruption.row());
-        });
+    restoreRows(rows.table(), objects_.faults, [&](const auto& row) {
+      rows.stored(row);
+      transactions_.handleTaken(row.entryHandle);
+    });
   });
 }
 
 void RowWriter::addAnnouncements() {
   forEachKind([this](const auto& rows) {
     using Rows = std::remove_cvref_t<decltype(rows)>;
-    forEachRow(
-        rows.table(),
-        [this](const auto& row) {
-          transactions_.addAnnouncement({.op = Op::announce_,
-                                         .kind = Rows::kind,
-                                         .handle = row.entryHandle,
-                                         .id = Rows::id(row)});
-        },
-        faultCollector());
+    forEachIntactRow(rows.table(), objects_.faults, [this](const auto& row) {
+      transactions_.addAnnouncement({.op = Op::announce_,
+                                     .kind = Rows::kind,
+                                     .handle = row.entryHandle,
+                                     .id = Rows::id(row)});
+    });
   });
 }
 
@@ -327,14 +317,11 @@ void RowWriter::announce(bool groupsFirst) {
         Korm::activity().run();
       }
     }
-    forEachRow(
-        table,
-        [&](const typename Rows::Record& stored) {
-          const typename Rows::Record row = stored;
-          transactions_.replay(row.entryHandle);
-          perform(rows, row, [&] { table.entryIs(row); });
-        },
-        faultCollector());
+    forEachIntactRow(table, objects_.faults, [&](const typename Rows::Record& stored) {
+      const typename Rows::Record row = stored;
+      transactions_.replay(row.entryHandle);
+      perform(rows, row, [&] { table.entryIs(row); });
+    });
   });
 }
 

@@ -69,10 +69,6 @@ class RowWriter {
 
   template <class Visit>
   void forEachKind(Visit visit);
-  // For damaged rows that are skipped.
-  [[nodiscard]] auto faultCollector() const {
-    return [this](const std::exception& fault) { objects_.faults.add(fault.what()); };
-  }
 
   void prefetchFlows(std::uint8_t table, std::span<const Ostra::OstraKey* const> keys) const;
   // The library's state machine for a flow table; null when the library is stopped.

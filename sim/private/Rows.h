@@ -1,10 +1,11 @@
-// A walk over the rows of a table, some of which may be damaged.
+// Walks over the rows of a table, some of which may be damaged.
 //
 // Threads: the activity thread.
 #pragma once
 
 #include "platform/Vasta/Errors.h"
 #include "platform/Vasta/Record.h"
+#include "sim/private/Faults.h"
 
 namespace Sim {
 
@@ -25,6 +26,22 @@ void forEachRow(const Table& table, Visit visit, Damaged damaged) {
   while (const auto* const row = next()) {
     visit(*row);
   }
+}
+
+// Calls visit(row) for each intact row, and adds the others to the faults.
+template <class Table, class Visit>
+void forEachIntactRow(const Table& table, Faults& faults, Visit visit) {
+  forEachRow(table, visit,
+             [&faults](const Vasta::Corruption& corruption) { faults.add(corruption.what()); });
+}
+
+// The same for rows that an earlier process has left: damaged ones are removed.
+template <class Table, class Visit>
+void restoreRows(Table& table, Faults& faults, Visit visit) {
+  forEachRow(table, visit, [&](const Vasta::Corruption& corruption) {
+    faults.addDropped(corruption.what());
+    table.table().discard(corruption.row());
+  });
 }
 
 }  // namespace Sim
