@@ -1,7 +1,6 @@
 #include "Ostra/Audit.h"
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 
 #include "Ostra/FlowUtil.h"
@@ -9,6 +8,7 @@
 #include "Ostra/StatePaths.h"
 #include "Ostra/private/AuditState.h"
 #include "platform/Korm/Clock.h"
+#include "platform/Korm/Text.h"
 #include "platform/P4Runtime/BatchStatus.h"
 #include "platform/P4Runtime/Telemetry.h"
 #include "platform/P4Runtime/VrfIdCollection.h"
@@ -16,15 +16,28 @@
 namespace Ostra {
 
 std::string_view auditKindText(AuditKind kind) noexcept {
-  static constexpr std::array<std::string_view, 19> texts{
-      "corrupt-row",        "row-without-flow", "flow-without-row",   "flow-differs",
-      "flow-without-group", "index-differs",    "index-without-row",  "vrf-differs",
-      "vrf-count",          "vrf-record",       "dependent",          "row-without-group",
-      "group-without-row",  "group-differs",    "hardware-withdrawn", "hardware-lacks",
-      "hardware-holds",     "hardware-failed",  "hardware-silent",
-  };
-  static_assert(texts.size() == static_cast<std::size_t>(AuditKind::hardwareSilent_) + 1);
-  return texts[static_cast<std::size_t>(kind)];
+  static constexpr Korm::EnumTexts<AuditKind, 19> texts{{
+      {AuditKind::corruptRow_, "corrupt-row"},
+      {AuditKind::rowWithoutFlow_, "row-without-flow"},
+      {AuditKind::flowWithoutRow_, "flow-without-row"},
+      {AuditKind::flowDiffers_, "flow-differs"},
+      {AuditKind::flowWithoutGroup_, "flow-without-group"},
+      {AuditKind::indexDiffers_, "index-differs"},
+      {AuditKind::indexWithoutRow_, "index-without-row"},
+      {AuditKind::vrfDiffers_, "vrf-differs"},
+      {AuditKind::vrfCount_, "vrf-count"},
+      {AuditKind::vrfRecord_, "vrf-record"},
+      {AuditKind::dependent_, "dependent"},
+      {AuditKind::rowWithoutGroup_, "row-without-group"},
+      {AuditKind::groupWithoutRow_, "group-without-row"},
+      {AuditKind::groupDiffers_, "group-differs"},
+      {AuditKind::hardwareWithdrawn_, "hardware-withdrawn"},
+      {AuditKind::hardwareLacks_, "hardware-lacks"},
+      {AuditKind::hardwareHolds_, "hardware-holds"},
+      {AuditKind::hardwareFailed_, "hardware-failed"},
+      {AuditKind::hardwareSilent_, "hardware-silent"},
+  }};
+  return Korm::enumText(texts, kind);
 }
 
 std::size_t AuditReport::faults() const noexcept {
@@ -33,11 +46,10 @@ std::size_t AuditReport::faults() const noexcept {
 }
 
 std::optional<std::uint64_t> handleOf(const Korm::Name& flow) {
-  constexpr std::string_view prefix = "flow-";
   std::uint64_t handle = 0;
   const char* const end = flow.data() + flow.size();
-  if (!flow.starts_with(prefix) ||
-      std::from_chars(flow.data() + prefix.size(), end, handle).ptr != end ||
+  if (!flow.starts_with(flowNamePrefix) ||
+      std::from_chars(flow.data() + flowNamePrefix.size(), end, handle).ptr != end ||
       FlowName{handle}.text() != flow) {
     return std::nullopt;
   }

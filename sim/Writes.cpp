@@ -1,6 +1,7 @@
 #include "sim/Writes.h"
 
 #include "platform/Korm/Exceptions.h"
+#include "platform/Korm/Text.h"
 
 namespace Sim {
 namespace {
@@ -12,49 +13,30 @@ const Row& rowOf(const auto& rows) {
   return *row;
 }
 
+constexpr Korm::EnumTexts<Op, 4> ops{{
+    {Op::insert_, "insert"},
+    {Op::modify_, "modify"},
+    {Op::delete_, "delete"},
+    {Op::announce_, "announce"},
+}};
+constexpr Korm::EnumTexts<Kind, 3> kinds{{
+    {Kind::flow_, "flow"},
+    {Kind::member_, "member"},
+    {Kind::group_, "group"},
+}};
+constexpr Korm::EnumTexts<State, 5> states{{
+    {State::done_, "done"},
+    {State::pending_, "pending"},
+    {State::rejected_, "rejected"},
+    {State::failed_, "failed"},
+    {State::stored_, "stored"},
+}};
+
 }  // namespace
 
-std::string_view text(Op op) noexcept {
-  switch (op) {
-    case Op::insert_:
-      return "insert";
-    case Op::modify_:
-      return "modify";
-    case Op::delete_:
-      return "delete";
-    case Op::announce_:
-      return "announce";
-  }
-  return {};
-}
-
-std::string_view text(Kind kind) noexcept {
-  switch (kind) {
-    case Kind::flow_:
-      return "flow";
-    case Kind::member_:
-      return "member";
-    case Kind::group_:
-      return "group";
-  }
-  return {};
-}
-
-std::string_view text(State state) noexcept {
-  switch (state) {
-    case State::done_:
-      return "done";
-    case State::pending_:
-      return "pending";
-    case State::rejected_:
-      return "rejected";
-    case State::failed_:
-      return "failed";
-    case State::stored_:
-      return "stored";
-  }
-  return {};
-}
+std::string_view text(Op op) noexcept { return Korm::enumText(ops, op); }
+std::string_view text(Kind kind) noexcept { return Korm::enumText(kinds, kind); }
+std::string_view text(State state) noexcept { return Korm::enumText(states, state); }
 
 const Ostra::OstraConfigEntry& Update::flow() const { return rowOf<Ostra::OstraConfigEntry>(row_); }
 

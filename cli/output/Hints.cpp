@@ -1,7 +1,5 @@
 #include "cli/output/Hints.h"
 
-#include <array>
-
 #include "cli/output/TextValues.h"
 #include "platform/Korm/Text.h"
 #include "platform/P4Runtime/Validation.h"
@@ -9,6 +7,7 @@
 namespace Cli {
 namespace {
 
+namespace EtherType = Ostra::EtherType;
 using Ostra::FlowPreview;
 using Ostra::FlowStep;
 using Ostra::GroupNeed;
@@ -29,7 +28,7 @@ std::string etherTypeText(std::uint16_t type) {
 // "hdr.ethernet.ether_type=0x0800 or 0x86dd"
 std::string needsText(MatchNeeds needs) {
   std::string types;
-  for (const std::uint16_t type : std::array<std::uint16_t, 3>{0x0800, 0x0806, 0x86DD}) {
+  for (const std::uint16_t type : {EtherType::ipv4, EtherType::arp, EtherType::ipv6}) {
     if (isMetBy(needs, type)) {
       types += (types.empty() ? "" : " or ") + etherTypeText(type);
     }
@@ -51,7 +50,7 @@ std::string matchHint(const OstraConfigEntry& entry, const FlowPreview& preview)
   }
   if (*preview.field == MatchFieldId::isIpPacket_) {
     const std::uint16_t type = entry.flowKey.etherType().value;
-    const bool isIp = isMetBy(MatchNeeds::ip4OrIp6_, type);
+    const bool isIp = EtherType::isIp(type);
     return etherTypeIs(etherTypeText(type)) + (isIp ? " is" : " is not") + " IP, so " + name +
            (isIp ? " is true" : " is false") + " or is left out";
   }
@@ -117,10 +116,21 @@ std::string hintText(const OstraConfigEntry& entry, const FlowPreview& preview) 
 }
 
 std::string_view stepText(FlowStep step) noexcept {
-  static constexpr std::array<std::string_view, 12> texts{
-      "ports", "match-fields", "match-values", "actions", "output-port", "vlan",
-      "vrf",   "more-actions", "group",        "index",   "priority",    "write"};
-  return texts[static_cast<std::size_t>(step)];
+  static constexpr Korm::EnumTexts<FlowStep, 12> texts{{
+      {FlowStep::ports_, "ports"},
+      {FlowStep::matchFields_, "match-fields"},
+      {FlowStep::matchValues_, "match-values"},
+      {FlowStep::actions_, "actions"},
+      {FlowStep::outputPort_, "output-port"},
+      {FlowStep::vlan_, "vlan"},
+      {FlowStep::bookVrf_, "vrf"},
+      {FlowStep::moreActions_, "more-actions"},
+      {FlowStep::group_, "group"},
+      {FlowStep::mapKey_, "index"},
+      {FlowStep::priority_, "priority"},
+      {FlowStep::write_, "write"},
+  }};
+  return Korm::enumText(texts, step);
 }
 
 bool isCheck(FlowStep step) noexcept {

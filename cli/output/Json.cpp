@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <ostream>
 
+#include "platform/Korm/Text.h"
+
 namespace Cli {
 namespace {
 
@@ -43,12 +45,10 @@ std::size_t characterLength(std::string_view text) noexcept {
 
 void appendControl(std::string& to, char c) {
   static constexpr std::string_view named = "\b\t\n\f\r";
-  static constexpr std::string_view digits = "0123456789abcdef";
   if (const std::size_t at = named.find(c); at != std::string_view::npos) {
     to.append({'\\', "btnfr"[at]});
   } else {
-    const auto code = static_cast<unsigned char>(c);
-    to.append("\\u00").append({digits[code >> 4U], digits[code & 0xFU]});
+    Korm::appendHex(to.append("\\u00"), static_cast<std::uint8_t>(c));
   }
 }
 

@@ -5,16 +5,16 @@
 #include <string>
 #include <utility>
 
+#include "Ostra/FlowUtil.h"
 #include "cli/output/Hints.h"
 #include "cli/output/JsonValues.h"
 #include "cli/output/Printer.h"
 #include "cli/output/TextValues.h"
 #include "platform/Korm/Clock.h"
+#include "platform/Korm/Text.h"
 
 namespace Cli {
 namespace {
-
-Json object(std::string_view type) { return {{"type", type}}; }
 
 std::uint64_t number(P4Runtime::EntryHandle handle) { return handle; }
 
@@ -36,34 +36,21 @@ Json toJson(const Sim::EntryView& entry) {
 }
 
 using Ostra::FlowPreview;
+using Ostra::GroupNeed;
 
-const char* outcomeText(FlowPreview::Outcome outcome) {
-  switch (outcome) {
-    case FlowPreview::Outcome::inserts_:
-      return "inserts";
-    case FlowPreview::Outcome::modifies_:
-      return "modifies";
-    case FlowPreview::Outcome::refused_:
-      return "refused";
-    case FlowPreview::Outcome::outOfRange_:
-      return "out-of-range";
-    case FlowPreview::Outcome::nowhere_:
-      break;
-  }
-  return "nowhere";
-}
+constexpr Korm::EnumTexts<FlowPreview::Outcome, 5> outcomes{{
+    {FlowPreview::Outcome::inserts_, "inserts"},
+    {FlowPreview::Outcome::modifies_, "modifies"},
+    {FlowPreview::Outcome::refused_, "refused"},
+    {FlowPreview::Outcome::outOfRange_, "out-of-range"},
+    {FlowPreview::Outcome::nowhere_, "nowhere"},
+}};
 
-const char* stateText(Ostra::GroupNeed::State state) {
-  switch (state) {
-    case Ostra::GroupNeed::State::missing_:
-      return "missing";
-    case Ostra::GroupNeed::State::notReady_:
-      return "not-ready";
-    case Ostra::GroupNeed::State::ready_:
-      break;
-  }
-  return "ready";
-}
+constexpr Korm::EnumTexts<GroupNeed::State, 3> groupStates{{
+    {GroupNeed::State::missing_, "missing"},
+    {GroupNeed::State::notReady_, "not-ready"},
+    {GroupNeed::State::ready_, "ready"},
+}};
 
 Json vrfToJson(const Ostra::VrfChange& change) {
   Json json = Json::object();
@@ -78,8 +65,8 @@ Json vrfToJson(const Ostra::VrfChange& change) {
   return json;
 }
 
-Json groupNeedToJson(const Ostra::GroupNeed& need) {
-  Json json{{"id", need.id}, {"state", stateText(need.state)}};
+Json groupNeedToJson(const GroupNeed& need) {
+  Json json{{"id", need.id}, {"state", Korm::enumText(groupStates, need.state)}};
   if (need.status) {
     json.add("status", static_cast<std::uint32_t>(*need.status));
   }
@@ -87,7 +74,7 @@ Json groupNeedToJson(const Ostra::GroupNeed& need) {
 }
 
 Json previewToJson(const Ostra::OstraConfigEntry& entry, const FlowPreview& preview) {
-  Json json{{"outcome", outcomeText(preview.outcome)}};
+  Json json{{"outcome", Korm::enumText(outcomes, preview.outcome)}};
   if (preview.code) {
     json.add("code", static_cast<std::uint32_t>(*preview.code));
   }
@@ -121,9 +108,7 @@ class JsonPrinter final : public Printer {
   explicit JsonPrinter(std::ostream& out) : out_{out} {}
 
   void result(const Sim::Result& result) override {
-    Json line = object("result");
-    line.add("op", text(result.op));
-    line.add("kind", text(result.kind));
+    Json line{{"type", "result"}, {"op", text(result.op)}, {"kind", text(result.kind)}};
     if (result.kind != Sim::Kind::flow_) {
       line.add("id", result.id);
     }
@@ -135,22 +120,18 @@ class JsonPrinter final : public Printer {
       line.add("code", static_cast<std::uint32_t>(result.code));
     }
     line.add("message", result.message);
-    out_ << line << '\n';
+    print(line);
   }
 
   void report(const Sim::Report& report) override {
-    Json line = object("report");
-    line.add("handle", number(report.handle));
-    line.add("code", static_cast<std::uint32_t>(report.code));
-    line.add("message", report.message);
-    out_ << line << '\n';
+    print({{"type", "report"},
+           {"handle", number(report.handle)},
+           {"code", static_cast<std::uint32_t>(report.code)},
+           {"message", report.message}});
   }
 
   void error(std::string_view where, std::string_view message) override {
-    Json line = object("error");
-    line.add("where", where);
-    line.add("message", message);
-    out_ << line << '\n';
+    print({{"type", "error"}, {"where", where}, {"message", message}});
   }
 
   void failure(std::string_view where, std::string_view /*command*/,
@@ -160,88 +141,77 @@ class JsonPrinter final : public Printer {
 
   void note(std::string_view /*text*/) override {}
 
-  void echo(std::string_view text) override {
-    Json line = object("echo");
-    line.add("text", text);
-    out_ << line << '\n';
-  }
+  void echo(std::string_view text) override { print({{"type", "echo"}, {"text", text}}); }
 
   void help(std::span<const HelpEntry> commands, bool grammar) override {
-    Json line = object("help");
-    line.add("commands", arrayOf(commands, [grammar](const HelpEntry& command) {
-               Json entry{{"name", command.name}, {"summary", command.summary}};
-               if (grammar) {
-                 entry.add("grammar", command.grammar);
-               }
-               return entry;
-             }));
-    out_ << line << '\n';
+    print({{"type", "help"}, {"commands", arrayOf(commands, [grammar](const HelpEntry& command) {
+                                Json entry{{"name", command.name}, {"summary", command.summary}};
+                                if (grammar) {
+                                  entry.add("grammar", command.grammar);
+                                }
+                                return entry;
+                              })}});
   }
 
   void counter(P4Runtime::EntryHandle handle, const P4Runtime::P4CounterData& data) override {
-    Json line = object("counter");
-    line.add("handle", number(handle));
-    line.add("packets", data.packets);
-    line.add("bytes", data.bytes);
-    out_ << line << '\n';
+    print({{"type", "counter"},
+           {"handle", number(handle)},
+           {"packets", data.packets},
+           {"bytes", data.bytes}});
   }
 
   void flows(const std::vector<Sim::FlowView>& flows) override {
-    Json line = object("flows");
-    line.add("flows", arrayOf(flows, [](const Sim::FlowView& view) {
-               return flowToJson(*view.name, *view.flow);
-             }));
-    out_ << line << '\n';
+    print({{"type", "flows"}, {"flows", arrayOf(flows, [](const Sim::FlowView& view) {
+                                 return flowToJson(*view.name, *view.flow);
+                               })}});
   }
 
   void groups(const std::vector<const OpenFlowTable::GroupEntry*>& groups) override {
-    Json line = object("groups");
-    line.add("groups", arrayOf(groups, [](const OpenFlowTable::GroupEntry* group) {
-               return groupToJson(*group);
-             }));
-    out_ << line << '\n';
+    print({{"type", "groups"},
+           {"groups", arrayOf(groups, [](const auto* group) { return groupToJson(*group); })}});
   }
 
   void vrfs(const std::vector<Sim::VrfView>& vrfs,
             const std::vector<Sim::DependentView>& dependents) override {
-    Json line = object("vrfs");
-    line.add("vrfs", arrayOf(vrfs, [](const Sim::VrfView& view) {
-               return Json{{"vrf", view.vrf},
-                           {"refCount", view.refCount},
-                           {"creator", number(view.creator)},
-                           {"deletor", number(view.deletor)}};
-             }));
-    line.add("dependents", arrayOf(dependents, [](const Sim::DependentView& view) {
-               return Json{{"handle", number(view.handle)}, {"vrf", view.vrf}};
-             }));
-    out_ << line << '\n';
+    print({{"type", "vrfs"},
+           {"vrfs", arrayOf(vrfs,
+                            [](const Sim::VrfView& view) {
+                              return Json{{"vrf", view.vrf},
+                                          {"refCount", view.refCount},
+                                          {"creator", number(view.creator)},
+                                          {"deletor", number(view.deletor)}};
+                            })},
+           {"dependents", arrayOf(dependents, [](const Sim::DependentView& view) {
+              return Json{{"handle", number(view.handle)}, {"vrf", view.vrf}};
+            })}});
   }
 
   void entries(const std::vector<Sim::TableView>& tables) override {
-    Json line = object("entries");
-    line.add("tables", arrayOf(tables, [](const Sim::TableView& table) {
-               return Json{{"table", table.table}, {"entries", arrayOf(table.entries, toJson)}};
-             }));
-    out_ << line << '\n';
+    print({{"type", "entries"},
+           {"tables", arrayOf(tables, [](const Sim::TableView& table) {
+              return Json{{"table", table.table}, {"entries", arrayOf(table.entries, toJson)}};
+            })}});
   }
 
   void hw(const Sim::HwAgent& agent) override {
-    Json line = object("hw");
-    line.add(
-        "flows", arrayOf(agent.publishedFlows(), [](const Sim::HwAgent::FlowView& view) {
-          return Json{{"name", *view.name}, {"status", static_cast<std::uint32_t>(view.status)}};
-        }));
-    line.add("groups", arrayOf(agent.publishedGroups(), [](const Sim::HwAgent::GroupView& view) {
-               return Json{{"id", view.id}, {"status", static_cast<std::uint32_t>(view.status)}};
-             }));
-    line.add("counterPoll", agent.counterPoll());
-    out_ << line << '\n';
+    print({{"type", "hw"},
+           {"flows", arrayOf(agent.publishedFlows(),
+                             [](const Sim::HwAgent::FlowView& view) {
+                               return Json{{"name", *view.name},
+                                           {"status", static_cast<std::uint32_t>(view.status)}};
+                             })},
+           {"groups",
+            arrayOf(
+                agent.publishedGroups(),
+                [](const Sim::HwAgent::GroupView& view) {
+                  return Json{{"id", view.id}, {"status", static_cast<std::uint32_t>(view.status)}};
+                })},
+           {"counterPoll", agent.counterPoll()}});
   }
 
   void trace(const std::vector<std::string>& lines) override {
-    Json line = object("trace");
-    line.add("lines", arrayOf(lines, [](const std::string& text) { return Json{text}; }));
-    out_ << line << '\n';
+    print({{"type", "trace"},
+           {"lines", arrayOf(lines, [](const std::string& text) { return Json{text}; })}});
   }
 
   void hint(std::string_view /*text*/) override {}
@@ -249,20 +219,19 @@ class JsonPrinter final : public Printer {
   void explanation(const Ostra::OstraConfigEntry& entry, const FlowPreview& preview) override {
     Json json{{"type", "explanation"}};
     json.addAll(previewToJson(entry, preview));
-    out_ << json << '\n';
+    print(json);
   }
 
   void storedFlow(const Sim::StoredFlow& flow) override {
     const Ostra::OstraConfigEntry& row = *flow.row;
     Json json{{"type", "entry"},
-              {"handle", static_cast<std::uint64_t>(row.entryHandle)},
+              {"handle", number(row.entryHandle)},
               {"table", flow.table},
               {"pending", flow.pending},
               {"storedAt", secondsToJson(flow.storedAt)},
               {"row", keyText(row.flowKey) + " -> " + entryActionsText(row)}};
     if (flow.flow != nullptr) {
-      json.add("flow",
-               flowToJson(Korm::Name{"flow-" + std::to_string(row.entryHandle)}, *flow.flow));
+      json.add("flow", flowToJson(Ostra::buildFlowName(row.entryHandle), *flow.flow));
       json.add("configuredAt", secondsToJson(flow.configuredAt));
     }
     if (flow.hardware != nullptr) {
@@ -272,44 +241,46 @@ class JsonPrinter final : public Printer {
     if (flow.preview) {
       json.add("explanation", previewToJson(row, *flow.preview));
     }
-    out_ << json << '\n';
+    print(json);
   }
 
   void audit(const Ostra::AuditReport& report) override {
-    Json findings = Json::array();
-    for (const Ostra::AuditFinding& finding : report.findings) {
-      findings.push({{"kind", auditKindText(finding.kind)},
-                     {"fault", finding.fault},
-                     {"about", finding.about},
-                     {"expected", finding.expected},
-                     {"found", finding.found},
-                     {"cause", finding.cause}});
-    }
-    out_ << Json{{"type", "audit"},           {"findings", std::move(findings)},
-                 {"faults", report.faults()}, {"rows", report.rows},
-                 {"flows", report.flows},     {"groups", report.groups},
-                 {"seconds", report.seconds}}
-         << '\n';
+    const auto toJson = [](const Ostra::AuditFinding& finding) {
+      return Json{{"kind", auditKindText(finding.kind)},
+                  {"fault", finding.fault},
+                  {"about", finding.about},
+                  {"expected", finding.expected},
+                  {"found", finding.found},
+                  {"cause", finding.cause}};
+    };
+    print({{"type", "audit"},
+           {"findings", arrayOf(report.findings, toJson)},
+           {"faults", report.faults()},
+           {"rows", report.rows},
+           {"flows", report.flows},
+           {"groups", report.groups},
+           {"seconds", report.seconds}});
   }
 
   void pending(const std::vector<Sim::PendingView>& writes) override {
-    Json array = Json::array();
-    for (const Sim::PendingView& write : writes) {
-      Json json{{"handle", static_cast<std::uint64_t>(write.handle)},
-                {"op", text(write.op)},
-                {"table", write.table},
-                {"match", keyText(*write.key)},
-                {"age", secondsToJson(Korm::currentTime() - write.since)}};
-      if (write.status) {
-        json.add("status", static_cast<std::uint32_t>(*write.status));
-        json.add("words", flowStatusText(*write.status));
-      }
-      array.push(json);
-    }
-    out_ << Json{{"type", "pending"}, {"writes", std::move(array)}} << '\n';
+    print({{"type", "pending"}, {"writes", arrayOf(writes, [](const Sim::PendingView& write) {
+                                   Json json{
+                                       {"handle", number(write.handle)},
+                                       {"op", text(write.op)},
+                                       {"table", write.table},
+                                       {"match", keyText(*write.key)},
+                                       {"age", secondsToJson(Korm::currentTime() - write.since)}};
+                                   if (write.status) {
+                                     json.add("status", static_cast<std::uint32_t>(*write.status));
+                                     json.add("words", flowStatusText(*write.status));
+                                   }
+                                   return json;
+                                 })}});
   }
 
  private:
+  void print(const Json& line) { out_ << line << '\n'; }
+
   std::ostream& out_;
 };
 

@@ -22,8 +22,6 @@ constexpr std::string_view green = "\x1b[32m";
 constexpr std::string_view yellow = "\x1b[33m";
 constexpr std::string_view plain = "\x1b[0m";
 
-std::string numberText(std::uint64_t number) { return std::to_string(number); }
-
 // "-" for none.
 std::string handleText(P4Runtime::EntryHandle handle) {
   const std::uint64_t number = handle;
@@ -174,11 +172,11 @@ class TextPrinter final : public Printer {
                      "match", "actions"}};
     for (const Sim::FlowView& view : flows) {
       const OpenFlowTable::FlowEntry& flow = *view.flow;
-      table.rowIs({*view.name, numberText(flow.entryId()), std::to_string(flow.priority().value()),
-                   numberText(flow.priorityGroupType()),
-                   std::to_string(static_cast<std::int32_t>(flow.tableType())),
-                   secondsText(flow.changeCount()), matchText(flow.match()),
-                   actionsText(flow.actions())});
+      table.rowIs(
+          {*view.name, std::to_string(flow.entryId()), std::to_string(flow.priority().value()),
+           std::to_string(flow.priorityGroupType()),
+           std::to_string(static_cast<std::int32_t>(flow.tableType())),
+           secondsText(flow.changeCount()), matchText(flow.match()), actionsText(flow.actions())});
     }
     printTable(out_, "flows", flows.size(), table);
   }
@@ -187,7 +185,7 @@ class TextPrinter final : public Printer {
     TextTable table{{">id", "type", "ready", ">changed", ">bucket", "actions"}};
     for (const OpenFlowTable::GroupEntry* group : groups) {
       const std::string state = group->deleted() ? "deleted" : yesNo(group->ready());
-      std::vector<std::string> cells{numberText(group->id()),
+      std::vector<std::string> cells{std::to_string(group->id()),
                                      groupTypeText(group->groupType()),
                                      state,
                                      secondsText(group->changeCount()),
@@ -195,7 +193,7 @@ class TextPrinter final : public Printer {
                                      "-"};
       std::size_t number = 0;
       for (const OpenFlowTable::Bucket& bucket : group->bucket()) {
-        cells[4] = numberText(++number);
+        cells[4] = std::to_string(++number);
         cells[5] = actionsText(bucket.actions);
         table.rowIs(cells);
         cells = {"", "", "", "", "", ""};
@@ -211,14 +209,14 @@ class TextPrinter final : public Printer {
             const std::vector<Sim::DependentView>& dependents) override {
     TextTable table{{">vrf", ">entries", ">creator", ">deletor"}};
     for (const Sim::VrfView& view : vrfs) {
-      table.rowIs({numberText(view.vrf), numberText(view.refCount), handleText(view.creator),
-                   handleText(view.deletor)});
+      table.rowIs({std::to_string(view.vrf), std::to_string(view.refCount),
+                   handleText(view.creator), handleText(view.deletor)});
     }
     printTable(out_, "VRFs", vrfs.size(), table);
     if (!dependents.empty()) {
       TextTable waiting{{">entry", ">for VRF"}};
       for (const Sim::DependentView& view : dependents) {
-        waiting.rowIs({handleText(view.handle), numberText(view.vrf)});
+        waiting.rowIs({handleText(view.handle), std::to_string(view.vrf)});
       }
       printTable(out_, "entries that a VRF waits for", dependents.size(), waiting);
     }
@@ -230,8 +228,8 @@ class TextPrinter final : public Printer {
     for (const Sim::TableView& view : tables) {
       rows += view.entries.size();
       for (const Sim::EntryView& entry : view.entries) {
-        table.rowIs({numberText(view.table), handleText(entry.handle), yesNo(entry.indexed),
-                     entry.vrf ? numberText(*entry.vrf) : "-"});
+        table.rowIs({std::to_string(view.table), handleText(entry.handle), yesNo(entry.indexed),
+                     entry.vrf ? std::to_string(*entry.vrf) : "-"});
       }
     }
     printTable(out_, "flow entries", rows, table);
@@ -251,7 +249,7 @@ class TextPrinter final : public Printer {
     const auto groups = agent.publishedGroups();
     TextTable groupTable{{">id", "status"}};
     for (const Sim::HwAgent::GroupView& view : groups) {
-      groupTable.rowIs({numberText(view.id), groupStatusText(view.status)});
+      groupTable.rowIs({std::to_string(view.id), groupStatusText(view.status)});
     }
     printTable(out_, "hardware groups, " + capacityText(agent.groupCapacity()), groups.size(),
                groupTable);

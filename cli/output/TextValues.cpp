@@ -20,10 +20,11 @@ using OpenFlowTable::GroupType;
 using OpenFlowTable::Masked;
 using P4Runtime::ErrorCode;
 
-template <class Enum>
-std::string numberAndWords(Korm::EnumTexts<Enum> texts, Enum value) {
-  return std::to_string(static_cast<std::uint32_t>(value)) + " " +
-         std::string{Korm::enumText(texts, value).value_or("unknown")};
+template <class Enum, std::size_t count>
+std::string numberAndWords(const Korm::EnumTexts<Enum, count>& texts, Enum value) {
+  return std::to_string(static_cast<std::uint32_t>(value))
+      .append(" ")
+      .append(Korm::enumText(texts, value, "unknown"));
 }
 
 // The length of a mask of leading ones, or nothing for any other mask.
@@ -87,9 +88,15 @@ std::string valueText(const OpenFlowTable::FixedBlock& block) {
   return Korm::hexText(block.data(), block.size());
 }
 std::string valueText(OpenFlowTable::L3PacketType type) {
-  static constexpr std::array<std::string_view, 4> names{"ip", "non-ip", "ipv4", "ipv6"};
-  const auto number = static_cast<std::size_t>(type);
-  return number < names.size() ? std::string{names[number]} : std::to_string(number);
+  using OpenFlowTable::L3PacketType;
+  static constexpr Korm::EnumTexts<L3PacketType, 4> words{{
+      {L3PacketType::ip_, "ip"},
+      {L3PacketType::nonIp_, "non-ip"},
+      {L3PacketType::ipv4_, "ipv4"},
+      {L3PacketType::ipv6_, "ipv6"},
+  }};
+  const std::string_view text = Korm::enumText(words, type);
+  return text.empty() ? std::to_string(static_cast<unsigned>(type)) : std::string{text};
 }
 std::string valueText(const OpenFlowTable::EncapInfo& encap) {
   return encapTypeText(encap.type) + "(" + encap.src.text() + "->" + encap.dst.text() +
@@ -173,7 +180,7 @@ std::string entryActionsText(const Ostra::OstraConfigEntry& entry) {
 }
 
 std::string flowStatusText(FlowStatus status) {
-  static constexpr std::array<std::pair<FlowStatus, std::string_view>, 14> words{{
+  static constexpr Korm::EnumTexts<FlowStatus, 14> words{{
       {FlowStatus::pending_, "pending"},
       {FlowStatus::programmed_, "programmed"},
       {FlowStatus::programmedInSoftware_, "programmed in software"},
@@ -189,32 +196,32 @@ std::string flowStatusText(FlowStatus status) {
       {FlowStatus::actionSetNotSupported_, "actions not supported together"},
       {FlowStatus::deleting_, "being deleted"},
   }};
-  return numberAndWords<FlowStatus>(words, status);
+  return numberAndWords(words, status);
 }
 
 std::string groupStatusText(GroupStatus status) {
-  static constexpr std::array<std::pair<GroupStatus, std::string_view>, 5> words{{
+  static constexpr Korm::EnumTexts<GroupStatus, 5> words{{
       {GroupStatus::ready_, "ready"},
       {GroupStatus::pending_, "pending"},
       {GroupStatus::actionNotSupported_, "action not supported"},
       {GroupStatus::hardwareFull_, "hardware full"},
       {GroupStatus::hardwareError_, "hardware error"},
   }};
-  return numberAndWords<GroupStatus>(words, status);
+  return numberAndWords(words, status);
 }
 
 std::string groupTypeText(GroupType type) {
-  static constexpr std::array<std::pair<GroupType, std::string_view>, 4> words{{
+  static constexpr Korm::EnumTexts<GroupType, 4> words{{
       {GroupType::all_, "all"},
       {GroupType::select_, "select"},
       {GroupType::indirect_, "indirect"},
       {GroupType::fastFailover_, "fast failover"},
   }};
-  return numberAndWords<GroupType>(words, type);
+  return numberAndWords(words, type);
 }
 
 std::string errorText(ErrorCode code) {
-  static constexpr std::array<std::pair<ErrorCode, std::string_view>, 9> words{{
+  static constexpr Korm::EnumTexts<ErrorCode, 9> words{{
       {ErrorCode::hardwareResourceExhausted_, "the hardware has no room for it"},
       {ErrorCode::actionNotSupported_, "the hardware does not support the actions"},
       {ErrorCode::matchNotSupported_, "the hardware does not support the match"},
@@ -225,7 +232,7 @@ std::string errorText(ErrorCode code) {
       {ErrorCode::invalidMask_, "a mask is not valid"},
       {ErrorCode::hardwareError_, "the hardware failed to program it"},
   }};
-  return std::string{Korm::enumText<ErrorCode>(words, code).value_or("no reason given")};
+  return std::string{Korm::enumText(words, code, "no reason given")};
 }
 
 std::string encapTypeText(std::uint8_t type) {

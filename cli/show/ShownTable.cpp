@@ -32,8 +32,6 @@ using Cells = std::vector<std::string>;
 template <class R>
 struct Columns;
 
-std::string numberText(std::uint64_t number) { return std::to_string(number); }
-
 std::string macText(const P4RuntimeRouting::LinkLayerWords& words) {
   const Korm::EthAddr address = P4RuntimeRouting::toEthAddr(words);
   return address.isZero() ? "-" : address.text();
@@ -42,7 +40,7 @@ std::string macText(const P4RuntimeRouting::LinkLayerWords& words) {
 std::string listText(std::span<const std::uint32_t> numbers) {
   std::string text;
   for (const std::uint32_t number : numbers) {
-    text.append(text.empty() ? "" : ",").append(numberText(number));
+    text.append(text.empty() ? "" : ",").append(std::to_string(number));
   }
   return text.empty() ? "-" : text;
 }
@@ -53,7 +51,7 @@ struct Columns<OstraConfigEntry> {
                                                           "actions"};
   static std::uint64_t number(const OstraConfigEntry& row) { return row.entryHandle; }
   static Cells cells(const OstraConfigEntry& row) {
-    return {numberText(row.entryHandle), std::to_string(row.flowKey.priority()),
+    return {std::to_string(row.entryHandle), std::to_string(row.flowKey.priority()),
             keyText(row.flowKey), entryActionsText(row)};
   }
 };
@@ -64,8 +62,9 @@ struct Columns<NexthopInfo> {
                                                           ">encap", "dst-mac", "src-mac"};
   static std::uint64_t number(const NexthopInfo& row) { return row.memberId; }
   static Cells cells(const NexthopInfo& row) {
-    return {numberText(row.memberId), numberText(row.entryHandle), numberText(row.p4PortId),
-            numberText(row.encapId),  macText(row.dstMac),         macText(row.srcMac)};
+    return {std::to_string(row.memberId), std::to_string(row.entryHandle),
+            std::to_string(row.p4PortId), std::to_string(row.encapId),
+            macText(row.dstMac),          macText(row.srcMac)};
   }
 };
 
@@ -74,7 +73,7 @@ struct Columns<EcmpMemberList> {
   static constexpr std::array<std::string_view, 4> titles{">id", ">entry", "members", "weights"};
   static std::uint64_t number(const EcmpMemberList& row) { return row.groupId; }
   static Cells cells(const EcmpMemberList& row) {
-    return {numberText(row.groupId), numberText(row.entryHandle), listText(row.memberIds()),
+    return {std::to_string(row.groupId), std::to_string(row.entryHandle), listText(row.memberIds()),
             listText(row.weights())};
   }
 };
@@ -86,7 +85,7 @@ struct Columns<OstraStatusEntry> {
   static Cells cells(const OstraStatusEntry& row) {
     const bool success = row.errorCode == P4Runtime::ErrorCode::success_;
     const std::string result = success ? "done" : errorText(row.errorCode);
-    return {numberText(row.entryHandle), row.deleted ? "deleted" : result, keyText(row.key())};
+    return {std::to_string(row.entryHandle), row.deleted ? "deleted" : result, keyText(row.key())};
   }
 };
 
@@ -222,7 +221,7 @@ class ShownTableOf final : public ShownTable {
   [[nodiscard]] Cells cells(std::size_t source, const R& row) const {
     Cells cells = Columns<R>::cells(row);
     if (numbered_) {
-      cells.insert(cells.begin(), numberText(source));
+      cells.insert(cells.begin(), std::to_string(source));
     }
     return cells;
   }

@@ -1,10 +1,9 @@
 // Texts of bytes, numbers and enumerations.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -39,31 +38,19 @@ inline void appendHex(std::string& text, std::uint8_t byte) {
 }
 
 // The texts of an enumeration: one line for each value that has one.
-template <class Enum>
-using EnumTexts = std::span<const std::pair<Enum, std::string_view>>;
+template <class Enum, std::size_t count>
+using EnumTexts = std::array<std::pair<Enum, std::string_view>, count>;
 
-// Nothing for a value without a text.
-template <class Enum>
-[[nodiscard]] constexpr std::optional<std::string_view> enumText(EnumTexts<Enum> texts,
-                                                                 Enum value) noexcept {
+// `otherwise` for a value without a text.
+template <class Enum, std::size_t count>
+[[nodiscard]] constexpr std::string_view enumText(const EnumTexts<Enum, count>& texts, Enum value,
+                                                  std::string_view otherwise = {}) noexcept {
   for (const auto& [named, text] : texts) {
     if (named == value) {
       return text;
     }
   }
-  return std::nullopt;
-}
-
-// The value with that text, or nothing.
-template <class Enum>
-[[nodiscard]] constexpr std::optional<Enum> enumValue(EnumTexts<Enum> texts,
-                                                      std::string_view text) noexcept {
-  for (const auto& [value, known] : texts) {
-    if (known == text) {
-      return value;
-    }
-  }
-  return std::nullopt;
+  return otherwise;
 }
 
 }  // namespace Korm

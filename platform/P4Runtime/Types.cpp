@@ -1,11 +1,9 @@
 #include "platform/P4Runtime/Types.h"
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <charconv>
 #include <ostream>
-#include <utility>
 
 #include "platform/Korm/Exceptions.h"
 #include "platform/Korm/Text.h"
@@ -13,7 +11,7 @@
 namespace P4Runtime {
 namespace {
 
-constexpr std::array<std::pair<ErrorCode, std::string_view>, 10> codeTexts{{
+constexpr Korm::EnumTexts<ErrorCode, 10> codeTexts{{
     {ErrorCode::success_, "success"},
     {ErrorCode::hardwareResourceExhausted_, "hardwareResourceExhausted"},
     {ErrorCode::actionNotSupported_, "actionNotSupported"},
@@ -33,8 +31,8 @@ std::ostream& operator<<(std::ostream& out, EntryHandle handle) {
 }
 
 std::string errorCodeText(ErrorCode code) {
-  const auto text = Korm::enumText<ErrorCode>(codeTexts, code);
-  return text ? std::string{*text} : std::to_string(static_cast<std::uint32_t>(code));
+  const std::string_view text = Korm::enumText(codeTexts, code);
+  return text.empty() ? std::to_string(static_cast<std::uint32_t>(code)) : std::string{text};
 }
 
 ErrorCode parseErrorCode(std::string::const_iterator& current, std::string::const_iterator end) {
