@@ -10,8 +10,6 @@
 namespace Ostra {
 namespace {
 
-constexpr std::string_view prefix = "flow-";
-
 constinit Brisklog::TracePoint traceInvalidName{traceHandle,
                                                 TraceLevel::failure,
                                                 "Ostra::",
@@ -23,7 +21,7 @@ constinit Brisklog::TracePoint traceInvalidName{traceHandle,
 }  // namespace
 
 FlowName::FlowName(std::uint64_t identifier, std::string_view suffix) noexcept {
-  char* const digits = std::copy(prefix.begin(), prefix.end(), text_.data());
+  char* const digits = std::copy(flowNamePrefix.begin(), flowNamePrefix.end(), text_.data());
   char* const end = std::to_chars(digits, text_.data() + text_.size(), identifier).ptr;
   Korm::assertTrue(suffix.size() <= longestSuffix, "a flow name's suffix is short");
   length_ = static_cast<std::size_t>(std::copy(suffix.begin(), suffix.end(), end) - text_.data());
@@ -36,10 +34,10 @@ Korm::String buildFlowName(std::uint64_t identifier) {
 std::uint64_t flowIdFromName(const Korm::String& name) {
   // The usual name has digits directly behind the prefix, and needs no sscanf. Overflow, blanks and
   // signs are left to sscanf, whose rules are the grammar.
-  if (name.starts_with(prefix)) {
+  if (name.starts_with(flowNamePrefix)) {
     std::uint64_t identifier = 0;
     const auto [end, error] =
-        std::from_chars(name.data() + prefix.size(), name.data() + name.size(), identifier);
+        std::from_chars(name.data() + flowNamePrefix.size(), name.data() + name.size(), identifier);
     if (error == std::errc{}) {
       return identifier;
     }

@@ -14,6 +14,8 @@ namespace Ostra {
 // The hardware units keep the statistics of a flow of this library under its name and this suffix.
 inline constexpr std::string_view flowCounterSuffix = "-p4rt";
 
+inline constexpr std::string_view flowNamePrefix = "flow-";
+
 // "flow-" and the identifier, an entry handle, in decimal.
 [[nodiscard]] Korm::String buildFlowName(std::uint64_t identifier);
 
@@ -28,7 +30,8 @@ class FlowName {
   [[nodiscard]] std::string_view text() const noexcept { return {text_.data(), length_}; }
 
  private:
-  std::array<char, 5 + 20 + longestSuffix> text_;  // 20 digits hold any 64-bit number
+  // 20 digits hold any 64-bit number.
+  std::array<char, flowNamePrefix.size() + 20 + longestSuffix> text_;
   std::size_t length_;
 };
 

@@ -19,17 +19,19 @@
 #include <limits>
 #include <string_view>
 
+#include "Ostra/EtherType.h"
+
 namespace Ostra {
 
 // What else an entry must match so that a field may be constrained. The ether type must be exact,
 // because the hardware must know which header it reads, and the is-IP-packet flag does not say
 // that. The needs are checked in this order.
 enum class MatchNeeds : std::uint8_t {
-  ip6_,       // ether type 0x86DD
-  ip4_,       // ether type 0x0800
-  arp_,       // ether type 0x0806
-  ip4OrIp6_,  // one of the first two
-  ipPacket_,  // one of the first two, or the is-IP-packet flag
+  ip6_,
+  ip4_,
+  arp_,
+  ip4OrIp6_,
+  ipPacket_,  // IPv4, IPv6, or the is-IP-packet flag
   none_,
 };
 
@@ -37,14 +39,14 @@ enum class MatchNeeds : std::uint8_t {
 [[nodiscard]] constexpr bool isMetBy(MatchNeeds needs, std::uint16_t etherType) noexcept {
   switch (needs) {
     case MatchNeeds::ip6_:
-      return etherType == 0x86DD;
+      return etherType == EtherType::ipv6;
     case MatchNeeds::ip4_:
-      return etherType == 0x0800;
+      return etherType == EtherType::ipv4;
     case MatchNeeds::arp_:
-      return etherType == 0x0806;
+      return etherType == EtherType::arp;
     case MatchNeeds::ip4OrIp6_:
     case MatchNeeds::ipPacket_:
-      return etherType == 0x0800 || etherType == 0x86DD;
+      return EtherType::isIp(etherType);
     case MatchNeeds::none_:
       break;
   }

@@ -37,11 +37,6 @@ constexpr std::array<MountRecord, 4> mounts{{
     {StatePath::flowCounterDir, "Korm::Dir", "ri"},
 }};
 
-// Flow state machines exist for the indexes 0 to 14, but not for the last FlowTableIndex.
-constexpr std::uint8_t flowTables = FlowTableIndex::max;
-
-constexpr std::uint32_t directCounterId = 0;
-
 Korm::Ptr<NexthopGroup::L2NexthopGroupEncapTable> mountEncapTable(
     const Korm::Ptr<Tessel::EntityManager>& entityManager) {
   const auto mount = Korm::makePtr<KormVasta::TableMount>(entityManager);

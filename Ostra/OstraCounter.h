@@ -11,6 +11,9 @@
 
 namespace Ostra {
 
+// The id under which the library registers its reader of direct counters.
+inline constexpr std::uint32_t directCounterId = 0;
+
 // Answers the service's reads of the direct counter of a flow entry.
 class FlowDirectCounterImpl final : public P4Runtime::CounterImpl {
  public:

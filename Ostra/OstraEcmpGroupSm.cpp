@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "Ostra/GroupNumbering.h"
 #include "Ostra/Trace.h"
-#include "Ostra/private/GroupNumbering.h"
 #include "Ostra/private/StepTrace.h"
 #include "Ostra/private/TableRows.h"
 #include "Ostra/private/WriteWatch.h"

@@ -4,9 +4,9 @@
 #include <array>
 
 #include "Ostra/FlowUtil.h"
+#include "Ostra/GroupNumbering.h"
 #include "Ostra/Trace.h"
 #include "Ostra/private/FlowIndex.h"
-#include "Ostra/private/GroupNumbering.h"
 #include "Ostra/private/MatchTranslation.h"
 #include "Ostra/private/StepTrace.h"
 #include "Ostra/private/TableRows.h"

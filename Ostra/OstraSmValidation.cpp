@@ -4,10 +4,10 @@
 #include <array>
 #include <optional>
 
+#include "Ostra/EtherType.h"
 #include "Ostra/OstraSm.h"
 #include "Ostra/StatePaths.h"
 #include "Ostra/Trace.h"
-#include "Ostra/private/EtherType.h"
 #include "Ostra/private/StepTrace.h"
 #include "platform/OpenFlowTable/HwStatus.h"
 

@@ -55,6 +55,9 @@ template <class T>
 // The number of a flow table, by which its configuration and its status are found.
 using FlowTableIndex = Korm::BoundedValue<std::uint8_t, detail::FlowTableIndexLimits>;
 
+// The flow tables that have a state machine: indexes 0 to flowTables - 1. The last index has none.
+inline constexpr std::uint8_t flowTables = FlowTableIndex::max;
+
 // A copy of one match field of a key.
 template <class T>
 struct MatchField {

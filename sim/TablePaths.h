@@ -12,9 +12,7 @@
 
 namespace Sim {
 
-// The flow tables that have a state machine in the library: indexes 0 to flowTables - 1. The last
-// slot of the collection of tables stays empty.
-inline constexpr std::uint8_t flowTables = Ostra::FlowTableIndex::max;
+using Ostra::flowTables;
 
 // The directories of the tables, under each of which an entity is named after its index in decimal.
 inline constexpr std::string_view flowTableDir = "p4runtime/flowTable";

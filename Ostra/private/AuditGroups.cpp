@@ -2,9 +2,9 @@
 
 #include <vector>
 
+#include "Ostra/GroupNumbering.h"
 #include "Ostra/OstraEcmpGroupSm.h"
 #include "Ostra/private/AuditState.h"
-#include "Ostra/private/GroupNumbering.h"
 #include "platform/Korm/HashSet.h"
 
 namespace Ostra {

@@ -2,8 +2,8 @@
 
 #include <tuple>
 
+#include "Ostra/EtherType.h"
 #include "Ostra/Trace.h"
-#include "Ostra/private/EtherType.h"
 #include "Ostra/private/StepTrace.h"
 #include "platform/Bridging/Bridging.h"
 #include "platform/Brisklog/Addresses.h"

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Ostra/FlowUtil.h"
 #include "cli/language/FlowParser.h"
 #include "cli/language/Interpreter.h"
 #include "cli/language/NearMatch.h"
@@ -269,13 +270,12 @@ void explainEntry(Interpreter& interpreter, Words& words) {
 }
 void explainName(Interpreter& interpreter, Words& words) {
   static constexpr std::string_view what = "'flow', 'entry', or the name of a Corvex flow";
-  static constexpr std::string_view prefix = "flow-";
   const std::string name = takeName(words, what);
   words.end();
-  if (!name.starts_with(prefix)) {
+  if (!name.starts_with(Ostra::flowNamePrefix)) {
     throwUnexpected(name, what);
   }
-  explainHandle(interpreter, parseNumber<std::uint64_t>(name.substr(prefix.size()),
+  explainHandle(interpreter, parseNumber<std::uint64_t>(name.substr(Ostra::flowNamePrefix.size()),
                                                         "the number in the name of a flow"));
 }
 void audit(Interpreter& interpreter, Words& words) {

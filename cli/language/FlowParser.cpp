@@ -34,7 +34,8 @@ constexpr std::array placementWords{
     ValueWord<FlowWrite>{"priority", putInKey<&OstraKey::priorityIs>},
     ValueWord<FlowWrite>{"table",
                          [](FlowWrite& flow, std::string_view value, std::string_view name) {
-                           flow.table = parseNumber<std::uint8_t>(value, name, maxFlowTable);
+                           flow.table =
+                               parseNumber<std::uint8_t>(value, name, Ostra::flowTables - 1);
                          }},
     ValueWord<FlowWrite>{"table-type", putInKey<&OstraKey::tableTypeIs>},
     ValueWord<FlowWrite>{"priority-group", putInKey<&OstraKey::priorityGroupTypeIs>},

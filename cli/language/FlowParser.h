@@ -15,9 +15,6 @@
 
 namespace Cli {
 
-// The index of the last flow table that commands can name; the next one has no state machine.
-inline constexpr std::uint8_t maxFlowTable = 14;
-
 // A flow entry as a controller gives it. The service fills in the handle and the entry id.
 struct FlowWrite {
   std::uint8_t table = 0;

@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 
+#include "Ostra/GroupNumbering.h"
 #include "p4rt/core/Change.h"
 #include "platform/Korm/Exceptions.h"
 
@@ -14,8 +15,6 @@ namespace {
 using Handles = std::map<std::uint8_t, std::set<std::uint64_t>>;  // by flow table
 using VrfUsers = std::map<Vrf::VrfIdMap::VrfId, std::uint32_t>;
 using GroupIds = std::set<OpenFlowTable::GroupId>;
-
-constexpr OpenFlowTable::GroupId memberBit = OpenFlowTable::GroupId{1} << 32U;
 
 struct Holdings {
   Handles handles;
@@ -33,19 +32,19 @@ Holdings storedHoldings(const Pipeline& pipeline, const Store& store) {
         ++holdings.vrfUsers[row.vrfId];
       }
       if (flow.value.oneShot) {
-        holdings.groups.insert(flow.value.oneShot->group);
+        holdings.groups.insert(Ostra::ecmpGroupId(flow.value.oneShot->group));
         for (const OneShot::Action& action : flow.value.oneShot->actions) {
-          holdings.groups.insert(memberBit | action.member);
+          holdings.groups.insert(Ostra::memberGroupId(action.member));
         }
       }
     }
   }
   for (const auto& member : store.members()) {
-    holdings.groups.insert(memberBit | member.key);
+    holdings.groups.insert(Ostra::memberGroupId(member.key));
   }
   for (const auto& group : store.groups()) {
     if (!group.value.members.empty()) {
-      holdings.groups.insert(group.key);
+      holdings.groups.insert(Ostra::ecmpGroupId(group.key));
     }
   }
   return holdings;

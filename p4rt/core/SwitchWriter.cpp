@@ -3,6 +3,8 @@
 #include <string>
 #include <utility>
 
+#include "Ostra/GroupNumbering.h"
+
 namespace P4rt {
 namespace {
 
@@ -10,10 +12,10 @@ using Sim::Kind;
 using Sim::Op;
 using Sim::State;
 
-// The id of the Corvex group. A member is a Corvex group too, whose upper half is 1.
+// The id of the Corvex group.
 Sim::GroupAnswers::GroupId groupIdOf(const Sim::Update& write) {
-  return write.kind() == Kind::member_ ? OpenFlowTable::GroupId{1} << 32U | write.member().memberId
-                                       : OpenFlowTable::GroupId{write.group().groupId};
+  return write.kind() == Kind::member_ ? Ostra::memberGroupId(write.member().memberId)
+                                       : Ostra::ecmpGroupId(write.group().groupId);
 }
 
 // A group without members is not sent to the hardware.

@@ -39,7 +39,7 @@ using PriorityGroupType = std::uint32_t;
 // Which layer-3 packets a flow matches.
 enum class L3PacketType : std::uint8_t { ip_ = 0, nonIp_ = 1, ipv4_ = 2, ipv6_ = 3 };
 
-// Group ids: 64 bits, the upper half zero for select groups, see memberGroupId().
+// The writer of a group chooses its id.
 using GroupId = std::uint64_t;
 
 // OpenFlow's group types (OpenFlow 1.3.5, 7.3.4.2, enum ofp_group_type).

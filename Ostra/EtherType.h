@@ -1,4 +1,4 @@
-// Ether types (IEEE 802 Numbers, IANA). Private to the library.
+// Ether types (IEEE 802 Numbers, IANA).
 #pragma once
 
 #include <cstdint>
@@ -6,6 +6,7 @@
 namespace Ostra::EtherType {
 
 inline constexpr std::uint16_t ipv4 = 0x0800;
+inline constexpr std::uint16_t arp = 0x0806;
 inline constexpr std::uint16_t ipv6 = 0x86DD;
 inline constexpr std::uint16_t exactMask = 0xFFFF;
 
