@@ -15,25 +15,23 @@ namespace Bench {
 inline constexpr std::uint32_t vrfs = 64;
 inline constexpr std::uint32_t ports = 128;
 
-// The n-th entry: a mix of IPv4 prefixes, IPv6 hosts, layer-2 stations and transport flows, some of
-// which are placed in a VRF. Entries differ in their match.
-inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
+// The match of the n-th entry, which no other entry has.
+inline Ostra::OstraKey makeKey(std::uint32_t n) {
   using Korm::Ip4Addr;
   using Korm::Ip6Addr;
   using Korm::IpAddr;
   const auto byte = [n](unsigned at) { return static_cast<std::uint8_t>(n >> (8 * at)); };
-  Ostra::OstraConfigEntry entry;
-  Ostra::OstraKey& key = entry.flowKey;
+  Ostra::OstraKey key;
   key.priorityIs(static_cast<std::int32_t>(n % 1000));
   switch (n % 4) {
     case 0:
-      key.etherTypeIs(0x0800, 0xFFFF);
+      key.etherTypeIs(Ostra::EtherType::ipv4, 0xFFFF);
       key.ip4DstIs(IpAddr{Ip4Addr{{byte(0), byte(1), byte(2), byte(3)}}},
                    IpAddr::prefixMask(Korm::AddressFamily::ipv4_, 32));
       key.dscpIs(static_cast<std::uint8_t>(n % 64), 0x3F);
       break;
     case 1:
-      key.etherTypeIs(0x86DD, 0xFFFF);
+      key.etherTypeIs(Ostra::EtherType::ipv6, 0xFFFF);
       key.ip6SrcIs(IpAddr{Ip6Addr{{0x20, 0x01, 0x0D, 0xB8, byte(0), byte(1), byte(2), byte(3)}}},
                    IpAddr::prefixMask(Korm::AddressFamily::ipv6_, 128));
       key.nextHeaderIs(6, 0xFF);
@@ -43,7 +41,7 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
       key.vlanIdIs(static_cast<std::uint16_t>(n % 4095), 0x0FFF);
       break;
     default:
-      key.etherTypeIs(0x0800, 0xFFFF);
+      key.etherTypeIs(Ostra::EtherType::ipv4, 0xFFFF);
       key.ip4SrcIs(IpAddr{Ip4Addr{{10, byte(2), byte(3), 0}}},
                    IpAddr::prefixMask(Korm::AddressFamily::ipv4_, 24));
       key.ip4ProtocolIs(17, 0xFF);
@@ -51,6 +49,14 @@ inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
       key.l4SrcPortIs(static_cast<std::uint16_t>(n >> 16), 0xFFFF);
       break;
   }
+  return key;
+}
+
+// The n-th entry: a mix of IPv4 prefixes, IPv6 hosts, layer-2 stations and transport flows, some of
+// which are placed in a VRF.
+inline Ostra::OstraConfigEntry makeEntry(std::uint32_t n) {
+  Ostra::OstraConfigEntry entry;
+  entry.flowKey = makeKey(n);
   entry.entryHandle = std::uint64_t{n} + 1;
   entry.entryId = n + 1;
   entry.outputPortIs(1 + n % ports);

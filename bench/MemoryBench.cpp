@@ -35,6 +35,14 @@ double bytesEach(std::size_t count, Fill fill) {
   return (residentBytes() - before) / static_cast<double>(count);
 }
 
+double rowBytes(Ostra::OstraConfig& table, const std::vector<Ostra::OstraConfigEntry>& entries) {
+  return bytesEach(entries.size(), [&] {
+    for (const auto& entry : entries) {
+      table.entryIs(entry);
+    }
+  });
+}
+
 void memory(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const auto entries = makeEntries(count);
@@ -42,11 +50,7 @@ void memory(benchmark::State& state) {
     malloc_trim(0);  // or memory that other benchmarks have freed would be reused and not seen
     Library library;
     const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
-    const auto row = bytesEach(count, [&] {
-      for (const auto& entry : entries) {
-        library.table->entryIs(entry);
-      }
-    });
+    const auto row = rowBytes(*library.table, entries);
     // The state machine fills its index and Corvex together. So an index of the same keys is
     // measured by itself, and subtracted below.
     Ostra::FlowIndex index;

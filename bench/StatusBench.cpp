@@ -28,6 +28,24 @@ class ResultCounter final : public Korm::Notifiee<const P4Runtime::TransactionRe
   std::size_t failures = 0;
 };
 
+struct Flow {
+  std::uint64_t handle;
+  Korm::Name name;
+  std::uint32_t nameHash;
+};
+
+// Publishes the flows 1 to `count`, and returns them in random order.
+std::vector<Flow> publishFlows(OpenFlowTable::HwStatus& status, std::uint32_t count) {
+  std::vector<Flow> flows;
+  for (std::uint32_t n = 0; n < count; ++n) {
+    const Korm::Name name = Ostra::buildFlowName(n + 1);
+    status.flowStatsIs(name, FlowStatus::pending_);
+    flows.push_back({n + 1, name, Korm::HashedName{name}.hash()});
+  }
+  shuffle(flows);
+  return flows;
+}
+
 // Changes the status of N flows in random order, and times the way of each into the batch status.
 // As in the switch, the service opens the entries of a batch of 64 and closes them when they have
 // their results.
@@ -35,20 +53,9 @@ void flowStatus(benchmark::State& state) {
   const auto count = static_cast<std::uint32_t>(state.range(0));
   const auto hwStatus = Korm::makePtr<OpenFlowTable::HwStatus>(Ostra::p4rtName);
   const auto batchStatus = Korm::makePtr<P4Runtime::BatchStatus>();
-  struct Flow {
-    std::uint64_t handle;
-    Korm::Name name;
-    std::uint32_t nameHash;
-  };
-  std::vector<Flow> flows;
-  for (std::uint32_t n = 0; n < count; ++n) {
-    const Korm::Name name = Ostra::buildFlowName(n + 1);
-    hwStatus->flowStatsIs(name, FlowStatus::pending_);
-    flows.push_back({n + 1, name, Korm::HashedName{name}.hash()});
-  }
+  const std::vector<Flow> flows = publishFlows(*hwStatus, count);
   const auto sm = Ostra::ostraStatusSmFactory(hwStatus, batchStatus,
                                               Ostra::ostraStatusInfoFactory(), nullptr, nullptr);
-  shuffle(flows);
   FlowStatus next = FlowStatus::programmed_;
   for (auto _ : state) {
     ResultCounter counter{*batchStatus};
