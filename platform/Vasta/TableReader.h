@@ -119,7 +119,7 @@ class TableReader {
   std::uint64_t readableRows_ = 0;
   std::shared_ptr<Korm::Segment> index_;
   IndexView indexView_;
-  std::uint64_t generation_ = 0;
+  std::optional<std::uint64_t> generation_;  // of the index that is mapped
   // The row that was copied last.
   std::vector<std::uint64_t> cell_;
   std::size_t used_ = 0;  // record words in cell_; zeros behind them
