@@ -11,6 +11,12 @@
 
 namespace Soak {
 
+// The value under the key; null if there is none.
+auto* valueAt(auto& map, const auto& key) {
+  const auto found = map.find(key);
+  return found == map.end() ? nullptr : &found->second;
+}
+
 struct VrfState {
   std::uint32_t users = 0;
   Handle creator = 0, deletor = 0;  // 0: none
@@ -38,10 +44,17 @@ struct Update {
   std::string_view kind;
   std::uint32_t id = 0;
   Handle handle = 0;
+  Handle alias = 0;  // another one under which the library knows the key of a delete; 0 for none
   std::string_view state = "rejected";
   unsigned code = 0;
   std::string message{};
   Handle openUnder = 0;  // the entry whose result it waits for once it is applied
+
+  void stateIs(std::string_view newState, unsigned newCode = 0, std::string newMessage = {}) {
+    state = newState;
+    code = newCode;
+    message = std::move(newMessage);
+  }
 };
 // What the service remembers of an entry.
 struct Book {
@@ -65,8 +78,6 @@ struct Books {
   bool batchActive = false;
   bool live = false;
   std::optional<std::size_t> current;
-  std::vector<Handle> aliases;
-  Handle currentAlias = 0;
   std::vector<Report> reports;
   std::uint64_t generation = 0;
   double now = 0;
@@ -82,25 +93,19 @@ struct Books {
     book.statusOpen = true;
     book.status = {};
   }
-  // `alias` is another handle under which the library knows the key of a delete; 0 for none.
-  void enter(const Update& update, Handle alias) {
+  void enter(const Update& update) {
     current = batch.size();
     batch.push_back(update);
     batch.back().state = live ? "pending" : "stored";
-    currentAlias = alias;
-    if (alias != 0) {
-      aliases.push_back(alias);
-      if (!books.contains(alias)) {
-        books[alias].key = books.at(update.handle).key;
-        books[alias].stored = false;
-      }
+    if (update.alias != 0 && !books.contains(update.alias)) {
+      books[update.alias].key = books.at(update.handle).key;
+      books[update.alias].stored = false;
     }
-    for (const Handle handle :
-         alias == 0 ? std::vector{update.handle} : std::vector{update.handle, alias}) {
-      if (live) {
+    for (const Handle handle : {update.handle, update.alias}) {
+      if (live && handle != 0) {
         hold(handle);
       }
-      if (update.op != "announce") {
+      if (update.op != "announce" && handle != 0) {
         books.at(handle).op = update.op;
         books.at(handle).since = now;
       }
@@ -116,11 +121,9 @@ struct Books {
     }
     Update& update = batch[*current];
     if (failure) {
-      update.state = "failed";
-      update.code = 15;
-      update.message = *failure;
+      update.stateIs("failed", 15, *failure);
     } else if (update.state == "pending") {
-      update.openUnder = currentAlias != 0 ? currentAlias : update.handle;
+      update.openUnder = update.alias != 0 ? update.alias : update.handle;
     }
     if (update.op == delete_) {
       books.at(update.handle).stored = false;
@@ -129,15 +132,13 @@ struct Books {
       }
     }
     current.reset();
-    currentAlias = 0;
   }
 
   // A result completes the update that is being applied, if it is for its entry; otherwise all that
   // wait under its handle; otherwise the delete that is being applied, of which the library has
   // said under which handle it knew the key. Any other is a report.
   void result(const Report& report) {
-    const auto found = books.find(report.handle);
-    Book* const book = found == books.end() ? nullptr : &found->second;
+    Book* const book = valueAt(books, report.handle);
     if (book != nullptr && book->statusOpen) {
       book->status = report;
     }
@@ -166,9 +167,7 @@ struct Books {
     return batchActive && book.batch == batchNumber;
   }
   void complete(Update& update, const Report& report) {
-    update.state = "done";
-    update.code = report.code;
-    update.message = report.message;
+    update.stateIs("done", report.code, report.message);
     update.openUnder = 0;
     books.at(update.handle).status = {};
   }
@@ -205,9 +204,9 @@ struct Books {
         }
       }
     }
-    for (const Handle alias : std::exchange(aliases, {})) {
-      if (books.contains(alias)) {
-        settleEntry(alias, open);
+    for (const Update& update : batch) {
+      if (update.alias != 0 && books.contains(update.alias)) {
+        settleEntry(update.alias, open);
       }
     }
     batchActive = false;
@@ -216,9 +215,7 @@ struct Books {
   void decide(Update& update) {
     const Book& book = books.at(update.handle);
     if (update.state == "pending" && !book.ofFlow && update.op != delete_) {
-      update.state = "done";
-      update.code = book.status.code;
-      update.message = book.status.message;
+      update.stateIs("done", book.status.code, book.status.message);
     }
     if (book.ofFlow && book.stored && update.state != "pending") {
       statusRows[book.key] = {update.handle, update.code, false, ++generation};
@@ -244,9 +241,8 @@ struct Books {
   // Null if the flow has none.
   StatusRow* statusOf(Handle handle) {
     const Book& book = books.at(handle);
-    const auto row = statusRows.find(book.key);
-    return book.ofFlow && row != statusRows.end() && row->second.handle == handle ? &row->second
-                                                                                  : nullptr;
+    StatusRow* const row = valueAt(statusRows, book.key);
+    return book.ofFlow && row != nullptr && row->handle == handle ? row : nullptr;
   }
   void dropEntry(Handle handle) {
     if (statusOf(handle) != nullptr) {
@@ -255,13 +251,11 @@ struct Books {
     books.erase(handle);
   }
   void clearVrfRecords(Handle handle) {
-    for (auto vrf = vrfs.begin(); vrf != vrfs.end();) {
-      VrfState& state = vrf->second;
-      const bool recorded = state.creator == handle || state.deletor == handle;
+    for (auto& [vrf, state] : vrfs) {
       state.creator = state.creator == handle ? 0 : state.creator;
       state.deletor = state.deletor == handle ? 0 : state.deletor;
-      vrf = recorded && state == VrfState{} ? vrfs.erase(vrf) : std::next(vrf);
     }
+    std::erase_if(vrfs, [](const auto& vrf) { return vrf.second == VrfState{}; });
   }
   // "insert in 3 since 7", by handle.
   [[nodiscard]] std::map<Handle, std::string> pending() const {
@@ -277,9 +271,7 @@ struct Books {
   void forgetWaiting() {
     batchActive = false;
     current.reset();
-    currentAlias = 0;
     batch.clear();
-    aliases.clear();
     vrfs.clear();
     for (auto next = books.begin(); next != books.end();) {
       auto& [handle, book] = *next++;

@@ -132,14 +132,13 @@ struct Model : Library {
       return;
     }
     update.handle = stored == nullptr ? ++lastHandle : stored->handle;
-    Handle alias = 0;
     books[update.handle].ofFlow = ofFlow;
     if constexpr (ofFlow) {
       books[update.handle].key = key;
       const Handle known = valueIn(handleOf, key).value_or(update.handle);
-      alias = live && op == delete_ && known != update.handle ? known : 0;
+      update.alias = live && op == delete_ && known != update.handle ? known : 0;
     }
-    enter(update, alias);
+    enter(update);
     apply([&] {
       damaged.erase(update.handle);
       if (op == delete_) {
@@ -185,7 +184,7 @@ struct Model : Library {
       if constexpr (std::is_integral_v<std::remove_cvref_t<decltype(key)>>) {
         update.id = key;
       }
-      enter(update, 0);
+      enter(update);
       apply([] {});
     });
   }
@@ -198,9 +197,7 @@ struct Model : Library {
       hold(row.handle);
       Update& update = batch[at];
       update.openUnder = 0;
-      update.state = "pending";
-      update.code = 0;
-      update.message.clear();
+      update.stateIs("pending");
       current = at++;
       apply([&] { hear(key, row); });
     });

@@ -13,15 +13,27 @@
 namespace Soak {
 namespace {
 
-std::string differenceOf(const Lines& real, const Lines& expected) {
-  for (std::size_t at = 0; at < std::max(real.size(), expected.size()); ++at) {
-    const std::string is = at < real.size() ? real[at] : "nothing";
-    const std::string expectedLine = at < expected.size() ? expected[at] : "nothing";
-    if (is != expectedLine) {
-      return std::string{"is       "}.append(is).append("\n# expected ").append(expectedLine);
-    }
+// A map of what `pairOf` makes of each.
+auto mapOf(const auto& all, auto pairOf) {
+  using Pair = decltype(pairOf(*all.begin()));
+  std::map<typename Pair::first_type, typename Pair::second_type> map;
+  for (const auto& one : all) {
+    map.insert(pairOf(one));
   }
-  return {};
+  return map;
+}
+
+// A line, or the key of an element and its value if that can be printed.
+std::string textOf(const auto& one) {
+  std::ostringstream text;
+  if constexpr (requires { text << one; }) {
+    text << one;
+  } else if constexpr (requires { text << one.second; }) {
+    text << one.first << ": " << one.second;
+  } else {
+    text << one.first;
+  }
+  return text.str();
 }
 
 // The real switch behind the command language, and the model.
@@ -35,17 +47,7 @@ class Pair {
   // Plays the command on both, looks at everything that can be seen, and says what differs first.
   std::string difference(std::span<Step> command) {
     const Lines expected = model_.play(command);
-    for (const std::string& line : model_.played) {
-      interpreter_.playLine({.text = line}, "soak");
-    }
-    Lines out;
-    for (std::string line; std::getline(out_, line);) {
-      if (line.find("is corrupt: ") == std::string::npos) {
-        out.push_back(line);
-      }
-    }
-    out_ = std::stringstream{};
-    difference_ = differenceOf(out, expected);
+    same("the output", printed(), expected);
     if (!difference_.empty()) {
       return difference_;
     }
@@ -53,99 +55,85 @@ class Pair {
       service_.verify();
     }
     agent_.verify();
-    whole();
-    flows();
-    groups();
-    vrfs();
-    entries();
-    hardware();
-    statusTables();
-    pending();
-    audit();
+    compareCorvex();
+    compareLibrary();
+    compareHardware();
+    // All that an audit finds, with every answer of the hardware overdue.
+    if (const auto findings = model_.running ? model_.audit() : std::nullopt) {
+      same("the audit", audited(), *findings);
+    }
     return difference_;
   }
   Model& model() { return model_; }
 
  private:
-  template <class Key, class Value>
-  void same(const std::string& what, const std::map<Key, Value>& real,
-            const std::map<Key, Value>& expected) {
+  // Notes the first difference of two lists or maps, unless one is noted already.
+  void same(const std::string& what, const auto& real, const auto& expected) {
     const auto [is, wanted] =
         std::mismatch(real.begin(), real.end(), expected.begin(), expected.end());
     if (difference_.empty() && (is != real.end() || wanted != expected.end())) {
-      std::ostringstream text;
-      const auto print = [&text](const std::string& words, auto at, auto end) {
-        text << words;
-        if (at == end) {
-          text << "nothing";
-        } else if constexpr (requires { text << at->second; }) {
-          text << at->first << ": " << at->second;
-        } else {
-          text << at->first;
-        }
-      };
-      print(what + ": is ", is, real.end());
-      print(", expected ", wanted, expected.end());
-      difference_ = text.str();
+      difference_ = what + " is " + (is == real.end() ? "nothing" : textOf(*is)) + "\n# expected " +
+                    (wanted == expected.end() ? "nothing" : textOf(*wanted));
     }
   }
 
-  void whole() {
-    using Whole = std::map<std::string, std::size_t>;
-    same("the switch",
-         Whole{{"running", service_.running()},
-               {"waiting for the hardware", agent_.waiting()},
-               {"published flows", agent_.publishedFlows().size()}},
-         Whole{{"running", model_.running},
-               {"waiting for the hardware", model_.queue.size()},
-               {"published flows", model_.published ? model_.flowStatus.size() : 0}});
-  }
-  void flows() {
-    std::map<std::string, CorvexFlowState> real;
-    for (const auto& [name, flow] : service_.flows()) {
-      real[*name] = {flow->match(),
-                     flow->actions(),
-                     flow->priority().value(),
-                     flow->priorityGroupType(),
-                     static_cast<std::int32_t>(flow->tableType()),
-                     flow->entryId(),
-                     flow->changeCount()};
-      if (!flow->persistent() || flow->sendFlowRemoved() || flow->cookie() != 0 ||
-          flow->idleTimeout() != 0 || flow->hardTimeout() != 0) {
-        real.erase(*name);  // which is not the flow that is expected
+  // What the interpreter prints of the command that the model has played.
+  Lines printed() {
+    for (const std::string& line : model_.played) {
+      interpreter_.playLine({.text = line}, "soak");
+    }
+    Lines lines;
+    for (std::string line; std::getline(out_, line);) {
+      if (line.find("is corrupt: ") == std::string::npos) {
+        lines.push_back(line);
       }
     }
-    same("Corvex flow", real, model_.corvexFlows.asMap());
+    out_ = std::stringstream{};
+    return lines;
   }
 
-  void groups() {
-    std::map<std::uint64_t, CorvexGroupState> real;
-    for (const auto* const group : service_.groups()) {
-      CorvexGroupState state{static_cast<unsigned>(group->groupType()), {}, group->changeCount()};
-      for (const auto& bucket : group->bucket()) {
+  void compareCorvex() {
+    const auto flow = [](const Sim::FlowView& view) {
+      const OpenFlowTable::FlowEntry& is = *view.flow;
+      const bool isOdd = !is.persistent() || is.sendFlowRemoved() || is.cookie() != 0 ||
+                         is.idleTimeout() != 0 || is.hardTimeout() != 0;
+      return std::pair{
+          *view.name + (isOdd ? " with other attributes" : ""),
+          CorvexFlowState{is.match(), is.actions(), is.priority().value(), is.priorityGroupType(),
+                          static_cast<std::int32_t>(is.tableType()), is.entryId(),
+                          is.changeCount()}};
+    };
+    same("Corvex flow", mapOf(service_.flows(), flow), model_.corvexFlows.asMap());
+    const auto group = [](const OpenFlowTable::GroupEntry* is) {
+      CorvexGroupState state{static_cast<unsigned>(is->groupType()), {}, is->changeCount()};
+      for (const auto& bucket : is->bucket()) {
         state.buckets.push_back(bucket.actions);
       }
-      if (group->ready() && !group->deleted()) {
-        real[group->id()] = state;
-      }
-    }
-    same("Corvex group", real, model_.corvexGroups);
+      return std::pair{is->ready() && !is->deleted() ? is->id() : ~is->id(), state};
+    };
+    same("Corvex group", mapOf(service_.groups(), group), model_.corvexGroups);
   }
 
-  void vrfs() {
-    std::map<std::uint32_t, VrfState> real;
-    for (const Sim::VrfView& view : service_.vrfs()) {
-      real[view.vrf] = {view.refCount, Handle{view.creator}, Handle{view.deletor}};
-    }
-    same("VRF", real, model_.vrfs);
-    std::map<Handle, std::uint32_t> dependents;
-    for (const Sim::DependentView& view : service_.dependents()) {
-      dependents[view.handle] = view.vrf;
-    }
-    same("dependent", dependents, model_.dependents);
+  void compareLibrary() {
+    const auto vrf = [](const Sim::VrfView& is) {
+      return std::pair{is.vrf, VrfState{is.refCount, Handle{is.creator}, Handle{is.deletor}}};
+    };
+    same("VRF", mapOf(service_.vrfs(), vrf), model_.vrfs);
+    const auto dependent = [](const Sim::DependentView& is) {
+      return std::pair{Handle{is.handle}, is.vrf};
+    };
+    same("dependent", mapOf(service_.dependents(), dependent), model_.dependents);
+    const auto pending = [](const Sim::PendingView& is) {
+      return std::pair{Handle{is.handle}, std::string{text(is.op)} + " in " +
+                                              std::to_string(is.table) + " since " +
+                                              std::to_string(is.since)};
+    };
+    same("the pending entry", mapOf(service_.pending(), pending), model_.pending());
+    compareEntries();
+    compareStatusRows();
   }
 
-  void entries() {
+  void compareEntries() {
     const auto text = [](unsigned table, bool indexed, std::optional<std::uint32_t> vrf) {
       return std::to_string(table) + (indexed ? " indexed " : " ") +
              std::to_string(vrf.value_or(noVrf));
@@ -165,31 +153,13 @@ class Pair {
     }
     same("entry", real, expected);
   }
-  void hardware() {
-    std::map<std::string, std::uint32_t> flows;
-    for (const auto& flow : agent_.status().flowStats()) {
-      flows[flow.key] = static_cast<std::uint32_t>(flow.value.status());
-    }
-    same("the status of flow", flows, model_.flowStatus.asMap());
-    std::map<std::uint64_t, std::uint32_t> groups;
-    for (const auto& group : agent_.status().groupStats()) {
-      groups[group.key] = static_cast<std::uint32_t>(group.value.status());
-    }
-    same("the status of group", groups, model_.groupStatus.asMap());
-    auto counts = model_.counts;
-    for (auto& [name, count] : counts) {
-      const Handle handle = handleIn(name);
-      if (const auto real = service_.counter(handle); real && flowName(handle) == name) {
-        count = {real->packets, real->bytes};
-      }
-    }
-    same("the counters of", counts, model_.counts);
-  }
-  void statusTables() {
-    std::map<Handle, StatusRow> real;
-    std::map<Handle, StatusRow> expected;
-    const auto place = [](std::uint64_t table, Handle handle) { return table << 56U | handle; };
-    for (std::uint64_t table = 0; table < model_.flowTables.size(); ++table) {
+
+  void compareStatusRows() {
+    std::map<std::string, StatusRow> real;
+    const auto place = [](unsigned table, Handle handle) {
+      return std::to_string(table) + " " + std::to_string(handle);
+    };
+    for (unsigned table = 0; table < model_.flowTables.size(); ++table) {
       const auto status = service_.entityManager()->entity<Ostra::OstraStatus>(
           std::string{Sim::flowStatusDir} + "/" + std::to_string(table));
       Vasta::Hint hint;
@@ -198,37 +168,47 @@ class Pair {
             row->entryHandle, static_cast<std::uint32_t>(row->errorCode), row->deleted, row->genId};
       }
     }
-    for (const auto& [key, row] : model_.statusRows) {
-      expected[place(key.table, row.handle)] = row;
-    }
-    same("status row", real, expected);
+    const auto expected = [&place](const auto& one) {
+      return std::pair{place(one.first.table, one.second.handle), one.second};
+    };
+    same("status row", real, mapOf(model_.statusRows, expected));
   }
 
-  void pending() {
-    std::map<Handle, std::string> real;
-    for (const Sim::PendingView& view : service_.pending()) {
-      real[view.handle] = std::string{text(view.op)} + " in " + std::to_string(view.table) +
-                          " since " + std::to_string(view.since);
-    }
-    same("the pending entry", real, model_.pending());
+  void compareHardware() {
+    using Whole = std::map<std::string, std::size_t>;
+    same("the switch",
+         Whole{{"running", service_.running()},
+               {"waiting for the hardware", agent_.waiting()},
+               {"published flows", agent_.publishedFlows().size()}},
+         Whole{{"running", model_.running},
+               {"waiting for the hardware", model_.queue.size()},
+               {"published flows", model_.published ? model_.flowStatus.size() : 0}});
+    const auto status = [](const auto& is) {
+      return std::pair{is.key, static_cast<std::uint32_t>(is.value.status())};
+    };
+    same("the status of flow", mapOf(agent_.status().flowStats(), status),
+         model_.flowStatus.asMap());
+    same("the status of group", mapOf(agent_.status().groupStats(), status),
+         model_.groupStatus.asMap());
+    const auto count = [this](const auto& expected) {
+      const Handle handle = handleIn(expected.first);
+      const auto real = service_.counter(handle);
+      return real && flowName(handle) == expected.first
+                 ? std::pair{expected.first, std::pair{real->packets, real->bytes}}
+                 : std::pair{expected.first, expected.second};
+    };
+    same("the counters of", mapOf(model_.counts, count), model_.counts);
   }
 
-  // All that an audit finds, with every answer of the hardware overdue.
-  void audit() {
-    const auto expected = model_.running ? model_.audit() : std::nullopt;
-    if (!expected) {
-      return;
-    }
-    Lines real;
+  Lines audited() {
+    Lines found;
     const auto report = service_.audit({.answerLimit = -1});
     for (const Ostra::AuditFinding& finding : report.value().findings) {
-      real.push_back((finding.fault ? "fault " : "expected ") +
-                     std::string{auditKindText(finding.kind)} + " " + finding.about);
+      found.push_back((finding.fault ? "fault " : "expected ") +
+                      std::string{auditKindText(finding.kind)} + " " + finding.about);
     }
-    std::sort(real.begin(), real.end());
-    if (difference_.empty()) {
-      difference_ = differenceOf(real, *expected);
-    }
+    std::sort(found.begin(), found.end());
+    return found;
   }
 
   Sim::Service service_;
