@@ -31,7 +31,7 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   EXPECT_THAT(program.type("bogus"), HasSubstr("expected a command"));
 
   // What the console makes the hardware say reaches both it and the controller.
-  EXPECT_EQ(program.type("hw manual"), "");
+  program.automaticIs(false);
   auto written = controller.writeLater({flow(Update::INSERT, 2, 3)});
   program.awaitEntries(2);
   EXPECT_THAT(program.type("show pending"), HasSubstr("\"handle\":2,\"op\":\"insert\""));
@@ -56,7 +56,7 @@ struct Ending {
     program.awaitEntries(1);
     program.process.kill(signal);
     // One that comes before the signal waits behind the Write under way.
-    while (codeOf(controller.write(flows(Update::INSERT, 2, 1), std::chrono::milliseconds{100})) !=
+    while (codeOf(controller.write(flows(Update::INSERT, 2, 1), milliseconds{100})) !=
            Code::unavailable_) {
     }
   }
