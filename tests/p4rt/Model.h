@@ -16,10 +16,8 @@ class Model {
  public:
   // The outcome of an update on hardware that takes everything; "OK" has its effect.
   std::string apply(const Update& update);
-  // Takes what came of a Write. `mayFail`: whether an outcome is the hardware's, where OK was
-  // expected.
-  void answered(const WriteRequest& request, const Texts& outcomes,
-                const std::function<bool(const std::string&)>& mayFail);
+  // Takes what came of a Write. `ofHardware` are the outcomes that may come where OK was expected.
+  void answered(const WriteRequest& request, const Texts& outcomes, const Texts& ofHardware = {});
   // What a Write may have made of it whose server died: a first part of the updates, or of one that
   // rolls back all or nothing.
   [[nodiscard]] std::vector<Model> outcomes(const WriteRequest& request) const;
@@ -30,7 +28,6 @@ class Model {
   [[nodiscard]] Texts everything() const;
 
  private:
-  [[nodiscard]] bool isUsed(const std::string& key) const;
   // What is wrong with it beside what it refers to.
   [[nodiscard]] std::string styleFault(const Update& update) const;
   [[nodiscard]] std::string referenceFault(const Update& update) const;

@@ -36,7 +36,6 @@ class P4rtCrash : public EngineTest {
   };
 
   P4rtCrash() : EngineTest{uniqueName("p4rt-crash")} {}
-  ~P4rtCrash() override { ::munmap(&progress_, sizeof(Progress)); }
 
   // Follows from what is held and the random numbers alone, so that the parent knows what its child
   // has asked for.
@@ -104,8 +103,7 @@ class P4rtCrash : public EngineTest {
   void ask(const Request& request) {
     if (request.action == SetPipeline::UNSPECIFIED) {
       Model model = held_.model;
-      model.answered(request.write, wordsOf(begin(request.write)->status),
-                     [](const auto&) { return false; });
+      model.answered(request.write, wordsOf(begin(request.write)->status));
       return;
     }
     SetPipeline asked;
@@ -182,13 +180,9 @@ class P4rtCrash : public EngineTest {
   RandomUpdates random_{std::mt19937{static_cast<unsigned>(setting("OSTRA_CRASH_SEED", 1))}};
 
  private:
-  static Progress& newProgress() {
-    return *new (::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
-                        MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress;
-  }
-
   Held held_;
-  Progress& progress_ = newProgress();
+  Progress& progress_ = *new (::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE,
+                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0)) Progress;
 };
 
 TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {

@@ -157,9 +157,11 @@ class EngineTest : public testing::Test {
     ASSERT_TRUE(setPipeline(SetPipeline::VERIFY_AND_COMMIT, shippedP4Info()).ok());
   }
   p4::v1::ForwardingPipelineConfig configured() {
+    const p4::v1::GetForwardingPipelineConfigRequest request;
     p4::v1::GetForwardingPipelineConfigResponse response;
     bool done = false;
-    engine->getPipeline({}, response, [&](const P4rt::RpcStatus& status) { done = status.ok(); });
+    engine->getPipeline(request, response,
+                        [&](const P4rt::RpcStatus& status) { done = status.ok(); });
     EXPECT_TRUE(done);
     return response.config();
   }

@@ -37,11 +37,12 @@ class EngineRandom : public Programmed {
     EXPECT_TRUE(call->done);
     const Texts outcomes = wordsOf(call->status);
     seen_.insert(outcomes.begin(), outcomes.end());
-    model_.answered(call->request, outcomes, [&](const std::string& outcome) {
-      return !hardwareTakesAll() &&
-             ((!agent->automatic() && outcome == "DEADLINE_EXCEEDED") ||
-              outcome == "RESOURCE_EXHAUSTED/1" || outcome == "FAILED_PRECONDITION/16");
-    });
+    Texts ofHardware;
+    if (!hardwareTakesAll()) {
+      ofHardware = {"RESOURCE_EXHAUSTED/1", "FAILED_PRECONDITION/16",
+                    agent->automatic() ? "" : "DEADLINE_EXCEEDED"};
+    }
+    model_.answered(call->request, outcomes, ofHardware);
   }
 
   // The process dies before the write is answered, if that takes long enough.
@@ -51,7 +52,7 @@ class EngineRandom : public Programmed {
     }
     std::vector<Model> possible = model_.outcomes(call->request);
     if (call->done) {
-      model_.answered(call->request, wordsOf(call->status), [](const auto&) { return false; });
+      model_.answered(call->request, wordsOf(call->status));
       possible = {model_};
     }
     die();
