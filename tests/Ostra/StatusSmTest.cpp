@@ -26,11 +26,11 @@ class StatusSm : public ServiceFixture {
     return hw->flowStatsIs(name, status);
   }
   // A group's or member's row, with its write under way.
-  void groupRow(Id id) {
+  void openGroup(Id id) {
     writeGroup(id, {});
     batchStatus->batchStatusEntryIs(groupHandle(id));
   }
-  void memberRow(Id id) {
+  void openMember(Id id) {
     writeMember({.id = id});
     batchStatus->batchStatusEntryIs(memberHandle(id));
   }
@@ -64,7 +64,7 @@ TEST_F(StatusSm, ADependentResultGoesToTheRootOnce) {
 
 // What each status means is in the model of the whole switch (tests/soak).
 TEST_F(StatusSm, AGroupWithAnyBitInTheUpperHalfOfItsIdIsAMember) {
-  memberRow(5);
+  openMember(5);
   start();
   for (const GroupId id : {memberBase | 5, 2 * memberBase | 5}) {
     batchStatus->batchStatusEntryIs(memberHandle(5));
@@ -73,23 +73,6 @@ TEST_F(StatusSm, AGroupWithAnyBitInTheUpperHalfOfItsIdIsAMember) {
               "hardwareResourceExhausted: Hardware resource exhausted for profile member 5");
   }
   EXPECT_EQ(heard(), "") << "members have no result of their own";
-}
-
-TEST_F(StatusSm, ACorruptRowIsReportedAndPassedOver) {
-  start();
-  groupRow(4);
-  memberRow(5);
-  std::vector<std::string> reports;
-  const auto handler = [&](const std::string& text) { reports.push_back(text); };
-  groups->corruptionHandlerIs(handler);
-  members->corruptionHandlerIs(handler);
-  const_cast<P4RuntimeRouting::EcmpMemberList*>(groups->entry(4))->reserved ^= 1U;
-  const_cast<P4RuntimeRouting::NexthopInfo*>(members->entry(5))->p4PortId ^= 1U;
-  hw->groupStatsIs(4, GroupStatus::hardwareFull_);
-  hw->groupStatsIs(memberBase | 5, GroupStatus::hardwareFull_);
-  EXPECT_EQ(reports.size(), 2U);
-  EXPECT_EQ(outcome(groupHandle(4)), "success: ");
-  EXPECT_EQ(outcome(memberHandle(5)), "success: ");
 }
 
 TEST_F(StatusSm, FollowsTheEntityNamedP4rtOnly) {
@@ -111,7 +94,7 @@ TEST_F(StatusSm, WorksWithoutWhatMayBeMissing) {
   hw->groupStatsIs(memberBase | 5, GroupStatus::hardwareFull_);
   statusInfo->dependentHandleToVrfMapIs(2, 5);
   sm = Ostra::ostraStatusDirSmFactory(cxHwStatusDir, nullptr, statusInfo, groups, members);
-  groupRow(6);
+  openGroup(6);
   flow("flow-2", FlowStatus::programmed_);
   hw->groupStatsIs(6, GroupStatus::hardwareFull_);
   EXPECT_EQ(statusInfo->dependentHandleToVrfMap(2), Vrf::VrfIdMap::none)
@@ -174,7 +157,7 @@ TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
     flow(name, FlowStatus::programmed_);
   }
   for (const GroupId id : {4U, 5U}) {
-    groupRow(static_cast<Id>(id));
+    openGroup(static_cast<Id>(id));
     hw->groupStatsIs(id);
   }
   start();

@@ -29,10 +29,8 @@ struct Seen {
   std::map<std::string, std::uint64_t> handles;
 };
 
-class CliCrash : public testing::Test {
+class CliCrash : public SharedSwitch {
  protected:
-  ~CliCrash() override { (void)sim("", {"--shm", name_, "--discard"}); }
-
   unsigned below(unsigned limit) { return static_cast<unsigned>(random_() % limit); }
   std::string upTo(unsigned limit) { return std::to_string(1 + below(limit)); }
 
@@ -103,12 +101,10 @@ class CliCrash : public testing::Test {
     return text + echo();
   }
 
-  std::unique_ptr<Process> start(Arguments arguments) {
-    arguments.insert(arguments.end(), {"--json", "--shm", name_});
-    if (below(3) == 0) {
-      arguments.emplace_back("--verify");
-    }
-    return std::make_unique<Process>(OSTRA_SIM_PROGRAM, arguments);
+  // One with JSON output, that checks itself now and then.
+  std::unique_ptr<Process> startJson(const std::string& leftover) {
+    return start(below(3) == 0 ? Arguments{"--json", leftover, "--verify"}
+                               : Arguments{"--json", leftover});
   }
 
   // Whether the service takes it.
@@ -248,14 +244,14 @@ class CliCrash : public testing::Test {
     rows_.clear();
     steps_.clear();
     lastHandle_ = 0;
-    const auto process = start({"--discard"});
+    const auto process = startJson("--discard");
     process->write(setUp());
     takeAnswers(process->readUntil("\"" + std::to_string(steps_.size()) + "\"}\n"));
     takeAnswers(process->finishBy(SIGKILL).out);
   }
 
   void round() {
-    const auto process = start({"--resume"});
+    const auto process = startJson("--resume");
     if (below(4) == 0) {  // dies while it resumes, perhaps
       std::this_thread::sleep_for(std::chrono::microseconds{below(patience)});
     } else {
@@ -273,7 +269,6 @@ class CliCrash : public testing::Test {
   static constexpr unsigned members = 6;
   static constexpr unsigned patience = 12000;  // microseconds
 
-  const std::string name_ = uniqueName("ostra-crash-test");
   std::mt19937 random_{static_cast<unsigned>(setting("OSTRA_CRASH_SEED", 1))};
   std::map<std::string, Row> rows_;
   std::map<std::string, std::string> surroundings_;  // ports and the encapsulation
@@ -293,7 +288,7 @@ TEST_F(CliCrash, NothingAnsweredIsLostAndNothingElseIsTorn) {
 }
 
 TEST_F(CliCrash, WhatAKilledOneLeftIsGoneOnWithOrRemovedAndNeverLostSilently) {
-  const auto killed = start({});
+  const auto killed = start();
   killed->play("port 1 Ethernet1\ninsert flow priority=1 -> drop\n");
   // One name, one process.
   EXPECT_THAT(sim("", {"--shm", name_, "--discard"}).errors,

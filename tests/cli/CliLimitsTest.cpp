@@ -57,7 +57,7 @@ const std::vector<Shortage> shortages{
 };
 
 // A switch that is running under $NAME, and $OTHER, a name that is free.
-class CliLimits : public testing::Test {
+class CliLimits : public SharedSwitch {
  protected:
   CliLimits() {
     ::setenv("SIM", OSTRA_SIM_PROGRAM, 1);
@@ -67,22 +67,19 @@ class CliLimits : public testing::Test {
   }
   ~CliLimits() override {
     switch_.reset();
-    (void)shell("$SHOW $NAME --remove");
     for (const std::string& path : segmentsOf(other_)) {
       ::unlink(path.c_str());
     }
   }
 
-  void startSwitch(Arguments arguments = {}) {
-    arguments.insert(arguments.end(), {"--shm", name_});
-    switch_ = std::make_unique<Process>(OSTRA_SIM_PROGRAM, arguments);
+  void startSwitch(const Arguments& arguments = {}) {
+    switch_ = start(arguments);
     switch_->play("insert flow priority=1 -> mirror-ingress=a\x1b[31mb\n");
   }
   static Finished shell(const std::string& command) {
     return Process{"/bin/sh", {"-c", command}}.finish();
   }
 
-  const std::string name_ = uniqueName("ostra-limits-test");
   const std::string other_ = uniqueName("ostra-limits-other");
   std::unique_ptr<Process> switch_;
 };
@@ -135,8 +132,7 @@ TEST_F(CliLimits, OfSeveralThatStartAtOnceAfterAKillOneComesUp) {
     const TemporaryFile script{"show entries\n"};
     std::vector<std::unique_ptr<Process>> all;
     for (int number = 0; number < 5; ++number) {
-      all.push_back(std::make_unique<Process>(OSTRA_SIM_PROGRAM,
-                                              Arguments{"--shm", name_, how, script.path(), "-"}));
+      all.push_back(start({how, script.path(), "-"}));
     }
     // The one that has the name waits for more. The others end by themselves.
     int refused = 0;

@@ -51,12 +51,9 @@ bool isWrite(const std::string& line) {
 // Which allocation of the programs that are started from now on fails; none for an empty text.
 void failingIs(const std::string& plan) { ::setenv("OSTRA_FAIL_NEW", plan.c_str(), 1); }
 
-class CliMemory : public testing::Test {
+class CliMemory : public SharedSwitch {
  protected:
-  ~CliMemory() override {
-    failingIs("");
-    (void)show({name_, "--remove"});
-  }
+  ~CliMemory() override { failingIs(""); }
 
   Finished play(const std::string& text, Arguments arguments) const {
     arguments.insert(arguments.end(), {"--clock", "steps", "-k", "--shm", name_});
@@ -112,34 +109,32 @@ class CliMemory : public testing::Test {
 
   // The rows after each write of the script.
   std::vector<std::string> rowsByWrites() {
-    Process process{OSTRA_SIM_PROGRAM, {"--json", "--shm", name_}};
-    process.play("");
+    const auto process = start({"--json"});
+    process->play("");
     std::vector<std::string> states{rows()};
     for (const std::string& command : script) {
       for (const std::string& line : linesOf(command)) {
         if (line == "begin" || line == "commit" || line == "bogus") {
           continue;
         }
-        process.play(line + "\n");
+        process->play(line + "\n");
         if (isWrite(line)) {
           states.push_back(rows());
         }
       }
     }
-    process.finish();
+    process->finish();
     return states;
   }
 
   // A switch that goes on with what is there finds no fault in it, and shows these rows.
   std::string rowsResumed() {
-    Process process{OSTRA_SIM_PROGRAM, {"--json", "--verify", "--shm", name_, "--resume"}};
-    EXPECT_THAT(process.play("audit\n"), HasSubstr("\"faults\":0,"));
+    const auto process = start({"--json", "--verify", "--resume"});
+    EXPECT_THAT(process->play("audit\n"), HasSubstr("\"faults\":0,"));
     std::string shown = rows();
-    EXPECT_EQ(process.finish().status, 0);
+    EXPECT_EQ(process->finish().status, 0);
     return shown;
   }
-
-  const std::string name_ = uniqueName("ostra-memory-test");
 };
 
 std::string whole() {
@@ -186,9 +181,9 @@ TEST_F(CliMemory, WhatHadBeenAnsweredIsThereForTheNextOne) {
 
 TEST_F(CliMemory, ThatFailsWhileOneResumesOrLooksOnCostsNothing) {
   const auto leave = [this] {
-    Process process{OSTRA_SIM_PROGRAM, {"--json", "--shm", name_, "--discard"}};
-    process.play(whole().substr(0, whole().find("corvex")));
-    process.finishBy(SIGKILL);
+    const auto process = start({"--json", "--discard"});
+    process->play(whole().substr(0, whole().find("corvex")));
+    process->finishBy(SIGKILL);
   };
   leave();
   const std::string left = rows();

@@ -196,6 +196,13 @@ std::string contentOf(const std::string& path) {
   return {std::istreambuf_iterator<char>{file}, {}};
 }
 
+SharedSwitch::~SharedSwitch() { (void)sim("", {"--shm", name_, "--discard"}); }
+
+std::unique_ptr<Process> SharedSwitch::start(Arguments arguments) const {
+  arguments.insert(arguments.end(), {"--shm", name_});
+  return std::make_unique<Process>(OSTRA_SIM_PROGRAM, arguments);
+}
+
 TemporaryFile::TemporaryFile(std::string_view content)
     : path_{testing::TempDir() + "ostra-cli-XXXXXX"} {
   ::close(::mkstemp(path_.data()));

@@ -74,6 +74,16 @@ class Process {
 
 [[nodiscard]] std::string contentOf(const std::string& path);
 
+// Switches whose tables are in shared memory of one name, which goes with the test.
+class SharedSwitch : public testing::Test {
+ protected:
+  ~SharedSwitch() override;
+  // An ostra-sim of that name.
+  [[nodiscard]] std::unique_ptr<Process> start(Arguments arguments = {}) const;
+
+  const std::string name_ = uniqueName("ostra-cli-test");
+};
+
 // A file that goes with the test.
 class TemporaryFile {
  public:

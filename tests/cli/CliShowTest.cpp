@@ -16,15 +16,10 @@ const std::string script =
     "insert flow priority=10 local_metadata.dscp=46 -> traffic-class=7\n"
     "echo ready\n";
 
-class CliShow : public testing::Test {
+class CliShow : public SharedSwitch {
  protected:
-  ~CliShow() override { (void)sim("", {"--shm", name_, "--discard"}); }
-
-  const std::string name_ = uniqueName("ostra-show-test");
-
   std::unique_ptr<Process> startSim() const {
-    auto process = std::make_unique<Process>(
-        OSTRA_SIM_PROGRAM, Arguments{"--clock", "steps", "--shm", name_, "--discard"});
+    auto process = start({"--clock", "steps", "--discard"});
     process->write(script);
     process->readUntil("ready\n");
     return process;
@@ -95,11 +90,11 @@ TEST_F(CliShow, SurvivesKillsAtAnyMoment) {
   Process viewer{OSTRA_SHOW_PROGRAM, {name_, "--follow", "flows", "status", "trace"}};
   std::mt19937 random{1};
   for (int round = 0; round < 20; ++round) {
-    Process victim{OSTRA_SIM_PROGRAM, {"--shm", name_, "--discard", file.path(), "-"}};
+    const auto victim = start({"--discard", file.path(), "-"});
     std::this_thread::sleep_for(std::chrono::microseconds{random() % 40000});
     const Finished once = show({name_, "flows"});
     EXPECT_TRUE(once.status == 0 || once.status == 1) << once.status << once.errors;
-    victim.finishBy(SIGKILL);
+    victim->finishBy(SIGKILL);
     EXPECT_EQ(show({name_, "flows"}).errors.find("corrupt"), std::string::npos);
   }
   const auto process = startSim();
