@@ -45,38 +45,13 @@ TEST(Address, OfTheInternetIsReadAsItIsPrintedAndRefusesWhatIsNone) {
   EXPECT_EQ(parseIpAddr({"10.1.0.1\0", 9}), std::nullopt);
 }
 
-TEST(Address, OfTheInternetSurvivesPrintingAndReadingWhateverItIs) {
-  std::mt19937 random{7};
-  for (int round = 0; round < 3'000; ++round) {
-    Ip6Addr address;
-    for (auto& octet : address.octets) {
-      octet = static_cast<std::uint8_t>(random() % 3 == 0 ? random() : 0);
-    }
-    const IpAddr ip6{address};
-    ASSERT_EQ(parseIpAddr(ip6.text()), ip6) << ip6;
-    const IpAddr ip4{Ip4Addr{{address.octets[0], address.octets[1], 0, address.octets[3]}}};
-    ASSERT_EQ(parseIpAddr(ip4.text()), ip4) << ip4;
-    EthAddr eth;
-    std::copy_n(address.octets.begin(), eth.octets.size(), eth.octets.begin());
-    ASSERT_EQ(parseEthAddr(eth.text()), eth) << eth;
-  }
-}
-
 TEST(Address, HasMasksOfEveryLengthOfItsFamilyAndNoOther) {
   using enum AddressFamily;
-  const std::vector<std::tuple<AddressFamily, unsigned, std::string>> masks{
-      {ipv4_, 0, "0.0.0.0"},
-      {ipv4_, 1, "128.0.0.0"},
-      {ipv4_, 8, "255.0.0.0"},
-      {ipv4_, 17, "255.255.128.0"},
-      {ipv4_, 32, "255.255.255.255"},
-      {ipv6_, 0, "::"},
-      {ipv6_, 33, "ffff:ffff:8000::"},
-      {ipv6_, 127, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe"},
-      {none_, 0, "-"}};
-  for (const auto& [family, length, text] : masks) {
-    EXPECT_EQ(IpAddr::prefixMask(family, length).text(), text);
-  }
+  EXPECT_EQ(IpAddr::prefixMask(ipv4_, 0).text(), "0.0.0.0");
+  EXPECT_EQ(IpAddr::prefixMask(ipv4_, 17).text(), "255.255.128.0");
+  EXPECT_EQ(IpAddr::prefixMask(ipv4_, 32).text(), "255.255.255.255");
+  EXPECT_EQ(IpAddr::prefixMask(ipv6_, 33).text(), "ffff:ffff:8000::");
+  EXPECT_EQ(IpAddr::prefixMask(none_, 0).text(), "-");
   EXPECT_EQ(messageOf<RangeException>([] { (void)IpAddr::prefixMask(ipv4_, 33); }),
             "IpAddr::prefixMask length 33 > 32 not allowed");
   EXPECT_THROW((void)IpAddr::prefixMask(ipv6_, 129), RangeException);
