@@ -8,7 +8,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/Brisklog/RingWriter.h"
+#include "platform/Brisklog/private/RingWriter.h"
 #include "platform/Korm/Mutex.h"
 
 namespace Brisklog {
@@ -116,7 +116,7 @@ Ring::Ring(const RingOptions& options) : shmName_(options.shmName) {
   constexpr std::size_t fewestRecords = 64;
   const std::size_t records = std::bit_ceil(std::max(options.records, fewestRecords));
   const std::size_t dictionaryWords = options.dictionaryBytes / sizeof(detail::Word);
-  const std::size_t bytes = detail::RingWriter::bytes(records, dictionaryWords);
+  const std::size_t bytes = detail::ringBytes(records, dictionaryWords);
   detail::Word* words = nullptr;
   if (shmName_.empty()) {
     memory_ = std::make_unique<detail::Word[]>(bytes / sizeof(detail::Word));

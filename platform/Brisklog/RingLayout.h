@@ -94,6 +94,12 @@ constexpr std::size_t entryHandleWord = 3;   // length of the handle's name
 constexpr std::size_t entryTextWord = 4;     // the five texts, one after the other
 constexpr std::size_t maxEntryText = 4095;   // bytes of one text
 
+// The size of a whole ring.
+[[nodiscard]] constexpr std::size_t ringBytes(std::size_t recordCount,
+                                              std::size_t dictionaryWords) noexcept {
+  return (headerWords + recordCount * recordWords + dictionaryWords) * sizeof(Word);
+}
+
 // A hash of the layout: it changes when the layout does, so that a program does not misread the
 // ring of another build.
 constexpr Word ringLayout = [] {

@@ -10,8 +10,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/Brisklog/RingWriter.h"
-#include "platform/Brisklog/TextFormat.h"
+#include "platform/Brisklog/private/TextFormat.h"
 
 namespace Brisklog {
 
@@ -110,7 +109,7 @@ void checkRing(const std::string& name, const Korm::Segment& segment) {
   const Word dictionaryWords = loadShared(header[detail::dictionaryWordsWord]);
   const Word words = segment.size() / sizeof(Word);
   if (!std::has_single_bit(records) || records > words || dictionaryWords > words ||
-      detail::RingWriter::bytes(records, dictionaryWords) > segment.size()) {
+      detail::ringBytes(records, dictionaryWords) > segment.size()) {
     fail("shorter than its header says");
   }
 }

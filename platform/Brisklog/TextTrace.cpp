@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Brisklog/TextFormat.h"
 #include "platform/Brisklog/TracePoint.h"
+#include "platform/Brisklog/private/TextFormat.h"
 #include "platform/Korm/Mutex.h"
 
 namespace Brisklog {

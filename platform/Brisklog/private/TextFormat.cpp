@@ -1,4 +1,4 @@
-#include "platform/Brisklog/TextFormat.h"
+#include "platform/Brisklog/private/TextFormat.h"
 
 #include <array>
 #include <charconv>

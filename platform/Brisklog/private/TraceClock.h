@@ -1,4 +1,4 @@
-// The time of a record, as cheap as the machine allows. For Brisklog's own use.
+// The time of a record, as cheap as the machine allows. Private to Brisklog.
 //
 // Where the processor has a time-stamp counter with a constant rate, records hold its ticks. A
 // reader converts them with a calibration against the system clock, which the writer keeps in the

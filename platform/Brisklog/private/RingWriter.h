@@ -1,4 +1,4 @@
-// The writing side of a ring: claiming records, the dictionary, the clock. For Brisklog's own use.
+// The writing side of a ring: claiming records, the dictionary, the clock. Private to Brisklog.
 //
 // Threads: any thread. Writers claim records without waiting for each other. Entering a trace point
 // in the dictionary and renewing the clock's calibration take a lock of the process.
@@ -9,8 +9,8 @@
 #include <cstdint>
 
 #include "platform/Brisklog/RingLayout.h"
-#include "platform/Brisklog/TraceClock.h"
 #include "platform/Brisklog/TracePoint.h"
+#include "platform/Brisklog/private/TraceClock.h"
 
 namespace Brisklog::detail {
 
@@ -20,11 +20,6 @@ struct RingWriter {
 
   // Stands for a ring that does not exist yet: no trace point is registered with it.
   constexpr RingWriter() noexcept : generation(~std::uint32_t{0}) {}
-
-  [[nodiscard]] static constexpr std::size_t bytes(std::size_t recordCount,
-                                                   std::size_t dictionaryWords) noexcept {
-    return (headerWords + recordCount * recordWords + dictionaryWords) * sizeof(Word);
-  }
 
   [[nodiscard]] ClaimedRecord claim() noexcept;
   [[nodiscard]] Word now() noexcept;

@@ -1,4 +1,4 @@
-#include "platform/Brisklog/TraceClock.h"
+#include "platform/Brisklog/private/TraceClock.h"
 
 #include <time.h>
 

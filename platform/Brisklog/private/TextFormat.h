@@ -1,5 +1,5 @@
-// The texts of values and messages. The text trace and the reader of a ring share them. For
-// Brisklog's own use.
+// The texts of values and messages. The text trace and the reader of a ring share them.
+// Private to Brisklog.
 #pragma once
 
 #include <cstdint>

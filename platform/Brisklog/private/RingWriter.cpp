@@ -1,4 +1,4 @@
-#include "platform/Brisklog/RingWriter.h"
+#include "platform/Brisklog/private/RingWriter.h"
 
 #include <time.h>
 #include <unistd.h>
