@@ -102,9 +102,8 @@ Vrf::VrfIdMap::VrfId OstraSm::vrfIdDel(const OstraKey& key) noexcept {
 }
 void OstraSm::vrfIdDelAll() noexcept { index_->vrfDelAll(); }
 
-std::optional<std::uint64_t> OstraSm::flowKeyToEntryHandle(const OstraKey& key,
-                                                           std::uint32_t hash) const noexcept {
-  return index_->handle(HashedKey{key, hash});
+std::optional<std::uint64_t> OstraSm::flowKeyToEntryHandle(const HashedKey& key) const noexcept {
+  return index_->handle(key);
 }
 void OstraSm::flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle) {
   index_->handleIs(HashedKey{key}, handle);

@@ -34,7 +34,6 @@
 namespace Ostra {
 
 class FlowIndex;
-struct HashedKey;
 
 class OstraSm final : public Korm::Entity {
  public:
@@ -75,12 +74,11 @@ class OstraSm final : public Korm::Entity {
   void vrfIdDelAll() noexcept;
 
   // The entry handle under which the flow of a key was written, if it was.
-  // Requires: `hash` is key.hash(0).
   [[nodiscard]] std::optional<std::uint64_t> flowKeyToEntryHandle(
-      const OstraKey& key, std::uint32_t hash) const noexcept;
+      const HashedKey& key) const noexcept;
   [[nodiscard]] std::optional<std::uint64_t> flowKeyToEntryHandle(
       const OstraKey& key) const noexcept {
-    return flowKeyToEntryHandle(key, key.hash(0));
+    return flowKeyToEntryHandle(HashedKey{key});
   }
   void flowKeyToEntryHandleIs(const OstraKey& key, std::uint64_t handle);
   // The handle removed, 0 when there was none.

@@ -232,15 +232,13 @@ void OstraStatusSm::handleStats(const GroupStats& stats) {
 
 void OstraStatusSm::handleFlowStats(const Korm::Name& name) {
   const auto self = Korm::keptAlive(*this);
-  const auto& flows = inputs_.cxHwStatus->flowStats();
-  const std::uint32_t hash = OpenFlowTable::HwStatus::Flows::hash(name);
-  const auto* flow = flows.find(name, hash);
-  reportFlow(name, flow == nullptr ? nullptr : &flow->value);
-  flow = flows.find(name, hash);  // the service may have changed the status in reaction
-  if (flow != nullptr) {
-    flowStatsIs(flow->value, hash);
+  const Korm::HashedName hashed{name};
+  reportFlow(name, inputs_.cxHwStatus->flowStats(hashed));
+  // Looked up again, because the service may have changed the status in reaction.
+  if (const auto* const stats = inputs_.cxHwStatus->flowStats(hashed)) {
+    flowStatsIs(*stats, hashed.hash());
   } else {
-    flowStats_.erase(name, hash);
+    flowStats_.erase(name, hashed.hash());
   }
 }
 

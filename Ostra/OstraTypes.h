@@ -236,6 +236,16 @@ static_assert(std::is_trivially_copyable_v<OstraKey>);
 static_assert(std::has_unique_object_representations_v<OstraKey>);
 static_assert(static_cast<unsigned>(MatchFieldId::count_) <= 32, "a bit of given_ per field");
 
+// A key with its hash, for a caller that looks it up several times.
+// Requires: the key outlives this object, which only refers to it. `itsHash` is itsKey.hash(0).
+struct HashedKey {
+  explicit HashedKey(const OstraKey& itsKey) noexcept : HashedKey{itsKey, itsKey.hash(0)} {}
+  HashedKey(const OstraKey& itsKey, std::uint32_t itsHash) noexcept : key{itsKey}, hash{itsHash} {}
+
+  const OstraKey& key;
+  const std::uint32_t hash;
+};
+
 // One flow entry as the service stores it.
 //
 // The values are those of the controller, unchecked: the translation checks them. The plain actions

@@ -13,16 +13,6 @@
 
 namespace Ostra {
 
-// A key with its hash, so that a key is hashed once on its way through the library.
-// Requires: the key outlives this object, which only refers to it.
-struct HashedKey {
-  explicit HashedKey(const OstraKey& itsKey) noexcept : HashedKey{itsKey, itsKey.hash(0)} {}
-  HashedKey(const OstraKey& itsKey, std::uint32_t itsHash) noexcept : key{itsKey}, hash{itsHash} {}
-
-  const OstraKey& key;
-  const std::uint32_t hash;
-};
-
 // Two indexes in one map, so that a key of some hundred bytes is stored once: the VRF that a flow
 // counts against, and the entry handle under which it was written. Also records, for audits, the
 // keys whose last write was refused.

@@ -47,7 +47,7 @@ struct RowWriter::FlowRows {
     if (machine == nullptr) {
       return {};
     }
-    const EntryHandle known{machine->flowKeyToEntryHandle(row.flowKey, hash).value_or(0)};
+    const EntryHandle known{machine->flowKeyToEntryHandle({row.flowKey, hash}).value_or(0)};
     return known == handle ? EntryHandle{} : known;
   }
 
@@ -153,7 +153,7 @@ void RowWriter::prefetchFlows(std::uint8_t table,
   }
   its->prefetch(keys);
   for (std::size_t i = 0; i < keys.size(); ++i) {
-    if (const auto handle = its->flowKeyToEntryHandle(*keys[i], hashes[i])) {
+    if (const auto handle = its->flowKeyToEntryHandle({*keys[i], hashes[i]})) {
       transactions_.prefetch(EntryHandle{*handle});
     }
   }
