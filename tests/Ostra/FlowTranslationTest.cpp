@@ -1,5 +1,5 @@
-// What Corvex is told of a flow, and when, and what its VRF's books owe to others. How every match
-// and action is translated is in tests/soak.
+// What Corvex is told of a flow, and when, what is refused, and what its VRF's books owe to others.
+// How every match and action is translated is in tests/soak.
 
 #include "FlowFixture.h"
 
@@ -13,9 +13,13 @@ class FlowTranslation : public FlowFixture {
   FlowTranslation() { start(); }
 };
 
+const Korm::IpAddr ip4 = *Korm::parseIpAddr("10.1.2.3");
+const Korm::IpAddr ip4Mask = *Korm::parseIpAddr("255.255.255.0");
+const Korm::IpAddr ip6 = *Korm::parseIpAddr("2001:db8::1");
+const Korm::IpAddr ip6Mask = *Korm::parseIpAddr("ffff::");
+
 // What a controller cannot write, but a row can hold.
 TEST_F(FlowTranslation, BitsOutsideAFieldAndAddressesWithoutAFamilyAreOfNoAccount) {
-  const Korm::IpAddr ip4 = *Korm::parseIpAddr("10.1.2.3");
   OstraConfigEntry entry = flow(7, OstraKey{});
   entry.flowKey.etherTypeIs(0x0800, 0xFFFF);
   entry.flowKey.ip4DstIs(Korm::IpAddr{}, ip4);
@@ -31,7 +35,7 @@ TEST_F(FlowTranslation, BitsOutsideAFieldAndAddressesWithoutAFamilyAreOfNoAccoun
   EXPECT_TRUE(theFlow(7).match() == match);
 
   OstraConfigEntry absent = flow(8, OstraKey{});
-  absent.flowKey.forEachField([&ip4](std::string_view, const auto& field, auto put) {
+  absent.flowKey.forEachField([](std::string_view, const auto& field, auto put) {
     using T = decltype(field.value);
     if constexpr (std::is_same_v<T, Korm::IpAddr>) {
       put(ip4, T{});
@@ -79,8 +83,6 @@ TEST_F(FlowTranslation, EachWriteIsToldOnceAndStampedWhenItIsDone) {
   EXPECT_EQ(write(entry), "");
   expectStamp();
   const auto* const made = cxFlow(entry.entryHandle);
-  EXPECT_TRUE(made->persistent()) << "it stays when the service restarts";
-  EXPECT_FALSE(made->sendFlowRemoved());
   now = 1010.5;
   EXPECT_EQ(write(entry), "");
   expectStamp();
@@ -120,6 +122,52 @@ TEST_F(FlowTranslation, IndexesKeepVrfAndHandleApart) {
   sm->flowKeyToEntryHandleDelAll();
   sm->verify();
   EXPECT_EQ(sm->vrfId(plainKey(1)), 3U);
+}
+
+// The other checks of keys, and their order, are in tests/soak.
+TEST_F(FlowTranslation, AnAddressOfTheOtherFamilyIsRefusedUnlessItIsAWildcard) {
+  const auto expectFamily = [this](const char* name, auto put, std::uint16_t etherType,
+                                   bool isIp6) {
+    const auto& [value, mask] = isIp6 ? std::pair{ip6, ip6Mask} : std::pair{ip4, ip4Mask};
+    const auto& [other, otherMask] = isIp6 ? std::pair{ip4, ip4Mask} : std::pair{ip6, ip6Mask};
+    const std::string error = std::string{"7 invalidArgument: "} + name + " should be " +
+                              (isIp6 ? "an IPv6" : "an IPv4") + " address";
+    const auto came = [&](const Korm::IpAddr& given, const Korm::IpAddr& givenMask) {
+      OstraKey key;
+      key.etherTypeIs(etherType, 0xFFFF);
+      (key.*put)(given, givenMask);
+      const std::string result = write(flow(7, key));
+      EXPECT_EQ(cxFlow(7) != nullptr, result.empty());
+      EXPECT_EQ(sm->flowKeyToEntryHandle(key).has_value(), result.empty());
+      remove(flow(7, key));
+      return result;
+    };
+    EXPECT_EQ(came(value, mask), "");
+    EXPECT_EQ(came(Korm::IpAddr{}, mask), "") << "no family stands for zero";
+    EXPECT_EQ(came(other, otherMask), error);
+    EXPECT_EQ(came(other, mask), error);
+    EXPECT_EQ(came(value, otherMask), error);
+    EXPECT_EQ(came(other, isIp6 ? Korm::IpAddr{Korm::Ip4Addr{}} : Korm::IpAddr{Korm::Ip6Addr{}}),
+              "");
+  };
+  expectFamily("hdr.ipv4_base.src_addr", &OstraKey::ip4SrcIs, 0x0800, false);
+  expectFamily("hdr.ipv4_base.dst_addr", &OstraKey::ip4DstIs, 0x0800, false);
+  expectFamily("hdr.arp.target_proto_addr", &OstraKey::arpTargetIs, 0x0806, false);
+  expectFamily("hdr.ipv6_base.src_addr", &OstraKey::ip6SrcIs, 0x86DD, true);
+  expectFamily("hdr.ipv6_base.dst_addr", &OstraKey::ip6DstIs, 0x86DD, true);
+}
+
+TEST_F(FlowTranslation, ActionsAreCheckedInTheirOrder) {
+  OstraConfigEntry entry = flow(7, plainKey(1));
+  entry.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(17, true);
+  entry.outputPortIs(0);
+  entry.vlanGiven = true;
+  entry.vlanId = 4097;  // no VLAN id, though its lower bits are one
+  EXPECT_THAT(write(entry), StartsWith("raised: TrafficClass::value"));
+  entry.actions.uncheckedIs<OpenFlowTable::Action::trafficClass_>(16, true);
+  EXPECT_THAT(write(entry), HasSubstr("egress port-id: port id 0 "));
+  entry.outputPortIs(2);
+  EXPECT_EQ(write(entry), "raised: VlanIdOrNone::value > 4094 not allowed");
 }
 
 }  // namespace

@@ -1,7 +1,8 @@
-// The commands, through the program: scripts are played, and what is printed is compared with what
-// stands beside them.
+// The commands: scripts are played, and what is printed is compared with what stands beside them.
 
 #include "CliProgram.h"
+#include "tests/Transcript.h"
+#include "tests/sim/SwitchFixture.h"
 
 namespace {
 
@@ -21,12 +22,10 @@ std::vector<fs::path> scriptsIn(const fs::path& folder) {
   return scripts;
 }
 
-class Script : public testing::TestWithParam<fs::path> {};
-
 const auto nameOf = [](const auto& script) { return script.param.stem().string(); };
 
 // The scenarios are documentation: what each prints is in a file beside it.
-using Scenario = Script;
+class Scenario : public testing::TestWithParam<fs::path> {};
 
 TEST_P(Scenario, PrintsWhatItSays) {
   const Finished played = sim({}, {"--audit", "--clock", "steps", GetParam()});
@@ -45,23 +44,14 @@ TEST(Scenarios, AllThatTheManualNamesAreThere) {
   EXPECT_THAT(names, ElementsAre("ecmp", "failures", "flows", "restart", "tour", "vrfs"));
 }
 
-// A transcript has each command behind "> ", and below it the JSON that comes of it.
-using Transcript = Script;
+// The transcripts are answered in JSON, by a switch in this process.
+class Transcript : public SwitchTest::Switch, public testing::WithParamInterface<fs::path> {
+ protected:
+  Transcript() : Switch{Output::json_} {}
+};
 
 TEST_P(Transcript, IsAnsweredToTheLetter) {
-  std::string commands;
-  std::string answers;
-  for (const std::string& line : linesOf(contentOf(GetParam()))) {
-    if (line.starts_with("> ")) {
-      commands += line.substr(2) + "\n";
-    } else if (!line.empty() && !line.starts_with('#')) {
-      answers += line + "\n";
-    }
-  }
-  const Finished played = sim(commands, {"--json", "--keep-going", "--clock", "steps"});
-  EXPECT_EQ(played.out, answers);
-  const bool hasMistake = answers.find(R"({"type":"error")") != std::string::npos;
-  EXPECT_EQ(played.status, hasMistake ? 2 : 0);
+  expectTranscript(GetParam(), [this](const std::string& command) { return play(command); });
 }
 
 INSTANTIATE_TEST_SUITE_P(All, Transcript, testing::ValuesIn(scriptsIn(OSTRA_TRANSCRIPTS)), nameOf);

@@ -84,8 +84,14 @@ TEST(CliMistake, EndsTheRunUnlessToldToKeepGoing) {
   const Finished kept = sim({}, {"--keep-going", file.path()});
   EXPECT_EQ(kept.status, 2);
   EXPECT_EQ(kept.out, "one\ntwo\n");
+  const std::string batch =
+      "begin\ninsert flow priority=1 -> drop\ninsert flow priority=2 -> drop\n";
+  const auto open = simJson(batch, 2);
+  ASSERT_EQ(open.size(), 1U);
+  EXPECT_EQ(open[0]["where"], "-:1");
+  EXPECT_THAT(open[0]["message"], HasSubstr("expected a 'commit' after it; 2 writes not applied"));
   // A mistake inside a batch ends the run too, and one message is enough.
-  EXPECT_EQ(simJson("begin\ninsert flow priority=1 -> drop\nbogus\n", 2).size(), 1U);
+  EXPECT_EQ(simJson(batch + "bogus\n", 2).size(), 1U);
 }
 
 TEST(CliMistake, IsShownInOneLineOfPrintableCharacters) {

@@ -21,11 +21,14 @@ inline Ostra::OstraConfigEntry rowOf(std::string_view text) {
 
 class Switch : public testing::Test {
  protected:
-  Switch() {
-    now = 1000;
+  enum class Output { text_, json_ };
+
+  explicit Switch(Output output = Output::text_)
+      : printer_{output == Output::json_ ? Cli::jsonPrinter(out_)
+                                         : Cli::textPrinter(out_, out_, {})} {
+    now = 0;
     Korm::clockIs([] { return now; });
     service.start();
-    play("port 1 Ethernet1\nencap 9 src=192.0.2.1 dst=198.51.100.7");
   }
   ~Switch() override {
     Korm::activity().run();
@@ -35,10 +38,11 @@ class Switch : public testing::Test {
   }
 
  public:
-  // Plays commands, and returns what they print.
+  // Plays commands, a second each, and returns what they print.
   std::string play(const std::string& commands) {
     std::istringstream lines{commands};
     for (std::string line; std::getline(lines, line);) {
+      ++now;
       interpreter_.playLine({.text = line}, "test");
     }
     std::string said = out_.str();
@@ -46,14 +50,14 @@ class Switch : public testing::Test {
     return said;
   }
 
-  static inline double now = 1000;
+  static inline double now = 0;
 
   Sim::Service service;
   Sim::HwAgent agent{service.hwConfig(), service.hwStatusDir(), service.hwUnitDir()};
 
  private:
   std::ostringstream out_;
-  const std::unique_ptr<Cli::Printer> printer_ = Cli::textPrinter(out_, out_, {});
+  const std::unique_ptr<Cli::Printer> printer_;
   Cli::Interpreter interpreter_{service, agent, *printer_, {.keepGoing = true}};
 };
 

@@ -1,8 +1,9 @@
 // What an operator reads: every line that the library traces, with its level and the unit that it
-// names, below the command that it comes of.
+// names.
 
 #include "Ostra/Trace.h"
 #include "platform/Brisklog/TextTrace.h"
+#include "tests/Transcript.h"
 #include "tests/sim/SwitchFixture.h"
 
 namespace {
@@ -26,18 +27,10 @@ class Trace : public SwitchTest::Switch {
 };
 
 TEST_F(Trace, IsThatOfTheTranscript) {
-  std::ifstream file{OSTRA_TRACE_TRANSCRIPT};
-  std::string expected;
-  for (std::string line; std::getline(file, line);) {
-    expected += line + "\n";
-    if (line.empty() || line.starts_with('#')) {
-      traced_ += line + "\n";
-    } else if (line.starts_with("> ")) {
-      traced_ += line + "\n";
-      play(line.substr(2));
-    }
-  }
-  EXPECT_EQ(traced_, expected);
+  TestSupport::expectTranscript(OSTRA_TRACE_TRANSCRIPT, [this](const std::string& command) {
+    play(command);
+    return std::exchange(traced_, {});
+  });
 }
 
 }  // namespace
