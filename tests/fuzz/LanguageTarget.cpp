@@ -1,7 +1,4 @@
 // Commands, on a whole switch whose output is read again.
-#include <algorithm>
-#include <sstream>
-
 #include "cli/StepClock.h"
 #include "cli/language/Interpreter.h"
 #include "platform/Korm/Exceptions.h"

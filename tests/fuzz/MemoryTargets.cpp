@@ -1,9 +1,4 @@
 // Shared memory that somebody has damaged, or written from scratch.
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <stdexcept>
-
 #include "platform/Brisklog/Ring.h"
 #include "platform/Brisklog/RingReader.h"
 #include "platform/Brisklog/TracePoint.h"
@@ -12,7 +7,6 @@
 #include "platform/Vasta/Reader.h"
 #include "platform/Vasta/SegmentNames.h"
 #include "platform/Vasta/Table.h"
-#include "tests/UniqueName.h"
 #include "tests/fuzz/Targets.h"
 
 namespace Fuzz {

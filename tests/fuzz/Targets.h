@@ -5,11 +5,9 @@
 // once.
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
 #include <span>
-#include <string>
-#include <string_view>
+
+#include "tests/Testing.h"
 
 namespace Fuzz {
 

@@ -1,10 +1,6 @@
 // Texts that become values.
 #include <arpa/inet.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <type_traits>
-
 #include "Ostra/FlowUtil.h"
 #include "Ostra/OstraStatus.h"
 #include "Ostra/OstraTypes.h"

@@ -3,10 +3,6 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <map>
-#include <set>
-#include <stdexcept>
-
 #include "tests/soak/Commands.h"
 
 namespace Soak {

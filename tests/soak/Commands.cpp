@@ -1,7 +1,6 @@
 #include "tests/soak/Commands.h"
 
 #include <iomanip>
-#include <sstream>
 
 namespace Soak {
 namespace {

@@ -3,17 +3,9 @@
 // Thread and process rule: plain values.
 #pragma once
 
-#include <array>
-#include <compare>
-#include <cstdint>
-#include <functional>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <vector>
-
 #include "platform/OpenFlowTable/Actions.h"
 #include "platform/OpenFlowTable/Match.h"
+#include "tests/Testing.h"
 
 namespace Soak {
 
@@ -99,12 +91,22 @@ struct Step {
   std::function<void(Model&)> play;
   Handle about = 0;  // the handle in the history that was played first
   Handle given = 0;  // the same, to the row that this write has inserted
-  // The writes of a batch follow each other and have its number. An odd one is bracketed also if it
-  // is a single write. 0: no write.
-  std::size_t batch = 0;
 };
-using History = std::vector<Step>;
+// A command, or a batch of writes.
+struct Command {
+  std::vector<Step> steps{};
+  bool isBatch = false;
+  bool isBracketed = false;  // by "begin" and "commit"
+};
+using History = std::vector<Command>;
 
+// The words with a space between.
+std::string words(const auto& first, const auto&... more) {
+  std::ostringstream text;
+  text << first;
+  ((text << ' ' << more), ...);
+  return text.str();
+}
 [[nodiscard]] std::string macText(const Bits& address);
 [[nodiscard]] std::string ip4Text(const Bits& address);
 [[nodiscard]] std::string keyText(const FlowKey& key);

@@ -4,8 +4,6 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <random>
-
 #include "tests/soak/Model.h"
 
 namespace Soak {
@@ -20,7 +18,7 @@ class Generator {
   }
 
   // The next command for a switch in that state.
-  History next(Model& model) {
+  Command next(Model& model) {
     std::uint64_t dice = below(100);
     const auto falls = [&dice](std::uint64_t share) {
       const bool hit = dice < share;
@@ -28,27 +26,26 @@ class Generator {
       return hit;
     };
     if (falls(model.running ? life_ : 20)) {
-      return {life(model)};
+      return {{life(model)}};
     }
     if (falls(hardware_)) {
       Step step = hardware();
       step.about = recent(model);
-      return {step};
+      return {{step}};
     }
     if (falls(configuration_)) {
-      return {configuration()};
+      return {{configuration()}};
     }
     if (falls(3 + 2 * damage_)) {
-      return {other(model)};
+      return {{other(model)}};
     }
-    lastBatch_ += 1 + below(2);
-    History batch;
+    Command batch{.isBatch = true, .isBracketed = oneIn(2)};
     for (auto count = 1 + below(longestBatch_); count > 0; --count) {
-      batch.push_back(below(100) >= members_ ? flow(model)
-                      : oneIn(2)             ? member(model)
-                                             : group(model));
-      batch.back().batch = lastBatch_;
+      batch.steps.push_back(below(100) >= members_ ? flow(model)
+                            : oneIn(2)             ? member(model)
+                                                   : group(model));
     }
+    batch.isBracketed = batch.isBracketed || batch.steps.size() != 1;
     return batch;
   }
 
@@ -189,7 +186,7 @@ class Generator {
     const FlowKey& key = anyOf(keys_);
     const Op op = this->op(model.flowTables.at(key.table).find(key) != nullptr);
     const FlowActions given = actions();
-    return {std::string{op} + " flow" + keyText(key) + (op == delete_ ? "" : " ->" + given.text),
+    return {words(op, "flow") + keyText(key) + (op == delete_ ? "" : " ->" + given.text),
             [=](Model& m) { m.write(op, key, FlowRow{.actions = given}); }};
   }
 
@@ -201,7 +198,7 @@ class Generator {
         .encap = static_cast<std::uint16_t>(below(100) < 2 * faults_ ? 65535 : below(3)),
         .dstMac = oneIn(3) ? 0 : random_() >> 16U,
         .srcMac = oneIn(3) ? 0 : random_() >> 16U};
-    std::string line = std::string{op} + " member " + std::to_string(id);
+    std::string line = words(op, "member", id);
     if (op != delete_) {
       line += " port=" + std::to_string(row.port) + " encap=" + std::to_string(row.encap);
       line += row.dstMac != 0 ? " dst-mac=" + macText({row.dstMac}) : "";
@@ -223,8 +220,7 @@ class Generator {
         text += (text.empty() ? "" : ",") + std::to_string(member);
       }
     }
-    return {std::string{op} + " group " + std::to_string(id) +
-                (op == delete_ ? "" : " members=" + text),
+    return {words(op, "group", id) + (op == delete_ ? "" : " members=" + text),
             [=](Model& m) { m.write(op, id, GroupRow{.members = list}); }};
   }
 
@@ -247,20 +243,19 @@ class Generator {
     const std::string places = room ? std::to_string(*room) : "none";
     const Step run{"hw run", [](Model& m) { m.program(); }};
     const Step publish{"hw publish", [](Model& m) { m.publishedIs(true); }};
-    const Step flow{"hw flow " + name + " " + std::to_string(flowStatus),
+    const Step flow{words("hw flow", name, flowStatus),
                     [=](Model& m) { m.publishFlow(m.named(name), flowStatus); }};
-    const Step group{"hw group " + std::to_string(id) + " " + std::to_string(groupStatus),
+    const Step group{words("hw group", id, groupStatus),
                      [=](Model& m) { m.publishGroup(id, groupStatus); }};
     const Step rare = anyOf<Step>(
         {{"hw unpublish", [](Model& m) { m.publishedIs(false); }},
          {"hw auto", [](Model& m) { m.automatic = true; }},
          {"hw manual", [](Model& m) { m.automatic = false; }},
          {"hw remove flow " + name, [=](Model& m) { m.withdrawFlow(m.named(name)); }},
-         {"hw remove group " + std::to_string(id), [=](Model& m) { m.groupStatus.erase(id); }},
+         {words("hw remove group", id), [=](Model& m) { m.groupStatus.erase(id); }},
          oneIn(3) ? Step{"hw capacity groups " + places, [=](Model& m) { m.groupRoom = room; }}
                   : Step{"hw capacity flows " + places, [=](Model& m) { m.flowRoom = room; }},
-         {"hw count " + name + " " + std::to_string(number % 1000) + " " + std::to_string(number) +
-              " unit" + std::to_string(below(3)),
+         {words("hw count", name, number % 1000, number, "unit" + std::to_string(below(3))),
           [=](Model& m) { m.count(m.named(name), number % 1000, number); }}});
     return anyOf<Step>({rare, rare, rare, rare, run, flow, flow, group, publish});
   }
@@ -271,30 +266,24 @@ class Generator {
   }
 
   Step life(const Model& model) {
-    if (!model.running) {
-      const bool bare = oneIn(4);
-      return {bare ? "start bare" : "start",
-              [=](Model& m) { m.isReadyFor("start", false) ? m.start(bare) : void(); }};
-    }
-    return oneIn(3)
-               ? Step{"resync",
-                      [](Model& m) { m.isReadyFor("resync", true) ? m.resync() : void(); }}
-               : Step{"stop", [](Model& m) { m.isReadyFor("stop", true) ? m.forget() : void(); }};
+    const std::string command =
+        model.running ? (oneIn(3) ? "resync" : "stop") : (oneIn(4) ? "start bare" : "start");
+    return {command, [=](Model& m) { m.lifeIs(command); }};
   }
 
   Step configuration() {
     if (oneIn(3)) {
       const std::uint32_t port = anyOf(ports_);
       if (oneIn(3)) {
-        return {"no port " + std::to_string(port), [=](Model& m) { m.ports.erase(port); }};
+        return {words("no port", port), [=](Model& m) { m.ports.erase(port); }};
       }
       const std::string name =
           "Ethernet" + std::to_string(below(3)) + "/" + std::to_string(below(1000));
-      return {"port " + std::to_string(port) + " " + name, [=](Model& m) { m.ports[port] = name; }};
+      return {words("port", port, name), [=](Model& m) { m.ports[port] = name; }};
     }
     const auto id = static_cast<std::uint16_t>(below(3));
     if (oneIn(5)) {
-      return {"no encap " + std::to_string(id), [=](Model& m) { m.encapIs(id, std::nullopt); }};
+      return {words("no encap", id), [=](Model& m) { m.encapIs(id, std::nullopt); }};
     }
     const std::uint64_t src = random_() >> 32U;
     const std::uint64_t dst = random_() >> 32U;
@@ -345,7 +334,6 @@ class Generator {
   const std::uint64_t members_ = anyOf<std::uint64_t>({0, 20, 60});
   const std::uint64_t damage_ = anyOf<std::uint64_t>({0, 0, 2});
   const std::uint64_t longestBatch_ = 1 + below(12);
-  std::uint64_t lastBatch_ = 0;
   const std::vector<std::uint32_t> memberIds_{0, 1, 2, 5, 8, 4294967295};
   const std::vector<std::uint32_t> groupIds_{0, 1, 5, 7, 4294967295};
   const std::vector<std::uint32_t> ports_{1, 2, 3, 9, 4294967039};

@@ -3,8 +3,6 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <algorithm>
-
 #include "tests/soak/Commands.h"
 #include "tests/soak/SlotMap.h"
 

@@ -3,8 +3,6 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <cstdio>
-
 #include "tests/soak/Books.h"
 #include "tests/soak/Hardware.h"
 

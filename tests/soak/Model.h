@@ -4,8 +4,6 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <span>
-
 #include "tests/soak/Library.h"
 
 namespace Soak {
@@ -19,25 +17,23 @@ struct Model : Library {
   std::map<Handle, Handle> renamed;  // from the first history's to this one's
 
   // Plays a command or the writes of a batch, and returns what ostra-sim --json prints of it.
-  Lines play(std::span<Step> steps) {
-    const std::size_t number = steps.front().batch;
-    const bool bracketed = number != 0 && (number % 2 != 0 || steps.size() != 1);
-    played = bracketed ? Lines{"begin"} : Lines{};
-    now += static_cast<double>(steps.size() + (bracketed ? 2 : 0));
-    if (number != 0) {
+  Lines play(Command& command) {
+    played = command.isBracketed ? Lines{"begin"} : Lines{};
+    now += static_cast<double>(command.steps.size() + (command.isBracketed ? 2 : 0));
+    if (command.isBatch) {
       beginBatch(running);
     }
-    for (Step& step : steps) {
+    for (Step& step : command.steps) {
       play(step);
     }
     settle();
-    if (number != 0) {
-      writes += steps.size();
+    if (command.isBatch) {
+      writes += command.steps.size();
       for (const Update& update : finishBatch()) {
         print(update);
       }
     }
-    if (bracketed) {
+    if (command.isBracketed) {
       played.emplace_back("commit");
     }
     for (const Report& report : std::exchange(reports, {})) {
@@ -76,14 +72,6 @@ struct Model : Library {
   }
   void error(const std::string& text) {
     out.push_back(R"({"type":"error","where":"soak","message":")" + text + "\"}");
-  }
-  // Whether the library runs as the command needs it; otherwise prints an error.
-  bool isReadyFor(const std::string& command, bool needsRunning) {
-    if (running != needsRunning) {
-      error("read '" + command + "', expected '" + (running ? "stop" : "start") +
-            "' first: the library is " + (running ? "running" : "stopped"));
-    }
-    return running == needsRunning;
   }
 
   void encapIs(std::uint16_t id, const std::optional<OpenFlowTable::EncapInfo>& encap) {
@@ -154,8 +142,24 @@ struct Model : Library {
     });
   }
 
-  // The library's life.
+  // The library's life: "start", "start bare", "resync" or "stop".
 
+  void lifeIs(const std::string& command) {
+    const bool starts = command.starts_with("start");
+    if (starts == running) {
+      error("read '" + command.substr(0, command.find(' ')) + "', expected '" +
+            (running ? "stop" : "start") + "' first: the library is " +
+            (running ? "running" : "stopped"));
+    } else if (starts) {
+      start(command != "start");
+    } else if (command == "resync") {
+      enterAnnouncements();
+      hearAll();
+      finishAnnouncements();
+    } else {
+      forget();
+    }
+  }
   void start(bool bare) {
     enterAnnouncements();
     try {
@@ -164,11 +168,10 @@ struct Model : Library {
       forget();
       return error(refused.what());
     }
-    announce(!bare);
-  }
-  void resync() {
-    enterAnnouncements();
-    announce(true);
+    if (!bare) {
+      hearAll();
+    }
+    finishAnnouncements();
   }
   void eachStored(auto visit) {
     eachRow(members, AtDamage::goOn_, visit);
@@ -188,12 +191,9 @@ struct Model : Library {
       apply([] {});
     });
   }
-  void announce(bool rowsAreHeard) {
+  void hearAll() {
     std::size_t at = 0;  // in the same order as they were entered
     eachStored([&](const auto& key, const auto& row) {
-      if (!rowsAreHeard) {
-        return;
-      }
       hold(row.handle);
       Update& update = batch[at];
       update.openUnder = 0;
@@ -201,6 +201,8 @@ struct Model : Library {
       current = at++;
       apply([&] { hear(key, row); });
     });
+  }
+  void finishAnnouncements() {
     settle();
     for (const Update& update : finishBatch()) {
       if (update.state != "done" || update.code != 0) {

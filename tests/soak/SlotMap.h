@@ -4,12 +4,9 @@
 // Thread and process rule: a value.
 #pragma once
 
-#include <cstddef>
 #include <deque>
-#include <map>
-#include <optional>
-#include <utility>
-#include <vector>
+
+#include "tests/Testing.h"
 
 namespace Soak {
 

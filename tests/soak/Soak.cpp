@@ -1,9 +1,5 @@
 #include "tests/soak/Soak.h"
 
-#include <algorithm>
-#include <memory>
-#include <sstream>
-
 #include "Ostra/OstraStatus.h"
 #include "cli/StepClock.h"
 #include "cli/language/Interpreter.h"
@@ -45,7 +41,7 @@ class Pair {
   }
 
   // Plays the command on both, looks at everything that can be seen, and says what differs first.
-  std::string difference(std::span<Step> command) {
+  std::string difference(Command& command) {
     const Lines expected = model_.play(command);
     same("the output", printed(), expected);
     if (!difference_.empty()) {
@@ -221,14 +217,17 @@ class Pair {
   std::string difference_;
 };
 
-// `next` gives the next command, or nothing at the end.
+// `next` gives the next command, or one without a step at the end.
 Outcome play(auto next) {
   Outcome outcome;
   Pair pair;
-  for (History command; outcome.difference.empty() && !(command = next(pair.model())).empty();) {
-    ++outcome.commands;
+  while (outcome.difference.empty()) {
+    Command command = next(pair.model());
+    if (command.steps.empty()) {
+      break;
+    }
     outcome.difference = pair.difference(command);
-    outcome.played.insert(outcome.played.end(), command.begin(), command.end());
+    outcome.played.push_back(std::move(command));
     for (const std::string& line : pair.model().played) {
       outcome.script += line + "\n";
     }
@@ -240,44 +239,54 @@ Outcome play(auto next) {
   return outcome;
 }
 
-Outcome replay(const History& history) {
-  return play([at = history.begin(), end = history.end()](const Model&) mutable {
-    const auto first = at;
-    while (at != end && (at == first || (at->batch != 0 && at->batch == first->batch))) {
-      ++at;
+std::size_t stepsOf(const History& history) {
+  return std::accumulate(
+      history.begin(), history.end(), std::size_t{0},
+      [](std::size_t sum, const Command& command) { return sum + command.steps.size(); });
+}
+
+// All but so many steps from that one on.
+History without(const History& history, std::size_t first, std::size_t count) {
+  History rest;
+  std::size_t number = 0;
+  for (Command command : history) {
+    std::erase_if(command.steps, [&](const Step&) {
+      const std::size_t at = number++;
+      return at >= first && at < first + count;
+    });
+    if (!command.steps.empty()) {
+      rest.push_back(std::move(command));
     }
-    return History(first, at);
-  });
+  }
+  return rest;
 }
 
 }  // namespace
 
 Outcome soak(std::uint64_t seed, std::size_t commands) {
   Generator generator{seed};
-  return play([&](Model& model) { return commands-- > 0 ? generator.next(model) : History{}; });
+  return play([&](Model& model) { return commands-- > 0 ? generator.next(model) : Command{}; });
 }
 
 // Removes runs of steps, halving their length down to one, until none can be removed.
-Outcome shrunk(const History& history) {
-  History kept = history;
-  Outcome shortest = replay(kept);
-  for (std::size_t before = 0; before != kept.size();) {
-    before = kept.size();
+Outcome shrunk(Outcome outcome) {
+  for (std::size_t before = 0; before != stepsOf(outcome.played);) {
+    before = stepsOf(outcome.played);
     for (std::size_t length = std::max<std::size_t>(before / 2, 1); length > 0; length /= 2) {
-      for (std::size_t at = 0; at < kept.size();) {
-        History fewer = kept;
-        const auto begin = fewer.begin() + static_cast<std::ptrdiff_t>(at);
-        fewer.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(length, kept.size() - at)));
-        if (Outcome outcome = replay(fewer); !outcome.difference.empty()) {
-          kept = std::move(fewer);
-          shortest = std::move(outcome);
+      for (std::size_t at = 0; at < stepsOf(outcome.played);) {
+        const History fewer = without(outcome.played, at, length);
+        auto next = fewer.begin();
+        Outcome shorter =
+            play([&](const Model&) { return next == fewer.end() ? Command{} : *next++; });
+        if (!shorter.difference.empty()) {
+          outcome = std::move(shorter);
         } else {
           at += length;
         }
       }
     }
   }
-  return shortest;
+  return outcome;
 }
 
 }  // namespace Soak

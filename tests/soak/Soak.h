@@ -8,16 +8,15 @@
 namespace Soak {
 
 struct Outcome {
-  std::string difference;    // empty: there is none
-  std::size_t commands = 0;  // that were played
-  std::size_t writes = 0;    // of a controller among them
-  History played;            // up to the difference
-  std::string script;        // the difference and the commands, for ostra-sim
+  std::string difference;  // empty: there is none
+  std::size_t writes = 0;  // of a controller
+  History played;          // up to the difference
+  std::string script;      // the difference and the commands, for ostra-sim
 };
 
 // Plays `commands` random commands.
 [[nodiscard]] Outcome soak(std::uint64_t seed, std::size_t commands);
-// The shortest part of the history that is found, and that still ends in a difference.
-[[nodiscard]] Outcome shrunk(const History& history);
+// The shortest part of its history that is found, and that still ends in a difference.
+[[nodiscard]] Outcome shrunk(Outcome outcome);
 
 }  // namespace Soak

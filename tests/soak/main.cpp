@@ -19,12 +19,13 @@ int main(int argc, char** argv) {
   for (double now = 0, said = 0; histories == 0 || now < limit; ++seed) {
     const Soak::Outcome outcome = Soak::soak(seed, commandsOfSeed);
     if (!outcome.difference.empty()) {
-      std::cout << "seed " << seed << " differs at command " << outcome.commands << "; shrinking\n"
-                << std::flush << Soak::shrunk(outcome.played).script;
+      std::cout << "seed " << seed << " differs at command " << outcome.played.size()
+                << "; shrinking\n"
+                << std::flush << Soak::shrunk(outcome).script;
       return 1;
     }
     ++histories;
-    commands += outcome.commands;
+    commands += outcome.played.size();
     writes += outcome.writes;
     now = Seconds{std::chrono::steady_clock::now() - start}.count();
     if (histories == 20 || now > said + 60 || now >= limit) {

@@ -1,11 +1,4 @@
 // Every input that the fuzzer has found worth keeping, once.
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <vector>
-
-#include <gtest/gtest.h>
-
 #include "tests/fuzz/Targets.h"
 
 namespace {
