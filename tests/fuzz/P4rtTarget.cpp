@@ -26,22 +26,6 @@ std::uint32_t number(Source& source) {
   return word;
 }
 
-void damage(Source& source, Message& message);
-
-void damageList(Source& source, Message& message, const FieldDescriptor* field) {
-  const Reflection& has = *message.GetReflection();
-  const int size = has.FieldSize(message, field);
-  if (size > 0 && below(source, 3) == 0) {
-    has.RemoveLast(&message, field);
-  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_UINT32) {
-    has.AddUInt32(&message, field, number(source));
-  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
-    const int at = below(source, size + 1);
-    damage(source, at == size ? *has.AddMessage(&message, field)
-                              : *has.MutableRepeatedMessage(&message, field, at));
-  }
-}
-
 // Changes a field, mostly one that is set, of the message or of one within it.
 void damage(Source& source, Message& message) {
   const Reflection& has = *message.GetReflection();
@@ -57,18 +41,25 @@ void damage(Source& source, Message& message) {
     return;
   }
   const FieldDescriptor* const field = fields[source.next() % fields.size()];
-  if (field->is_repeated()) {
-    damageList(source, message, field);
-  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_MESSAGE) {
-    damage(source, *has.MutableMessage(&message, field));
-  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_STRING) {
+  const auto kind = field->cpp_type();
+  const bool isList = field->is_repeated();
+  const int size = isList ? has.FieldSize(message, field) : 0;
+  if (size > 0 && below(source, 3) == 0) {
+    has.RemoveLast(&message, field);
+  } else if (kind == FieldDescriptor::CPPTYPE_MESSAGE) {
+    const int at = isList ? below(source, size + 1) : 0;
+    damage(source, !isList      ? *has.MutableMessage(&message, field)
+                   : at == size ? *has.AddMessage(&message, field)
+                                : *has.MutableRepeatedMessage(&message, field, at));
+  } else if (kind == FieldDescriptor::CPPTYPE_STRING && !isList) {
     const std::size_t longest = source.next() % 18;
     has.SetString(&message, field, textOf(source.take(longest)));
-  } else if (field->cpp_type() == FieldDescriptor::CPPTYPE_UINT32) {
+  } else if (kind == FieldDescriptor::CPPTYPE_UINT32 && !isList) {
     has.SetUInt32(&message, field, has.GetUInt32(message, field) ^ number(source));
-  } else {  // a number that its type does not have is left out
-    const bool isFlag = field->cpp_type() == FieldDescriptor::CPPTYPE_BOOL;
+  } else if (kind != FieldDescriptor::CPPTYPE_STRING) {
+    const bool isFlag = kind == FieldDescriptor::CPPTYPE_BOOL;
     const int value = isFlag ? below(source, 2) : static_cast<int>(number(source));
+    // A number that its type does not have is left out.
     TextFormat::ParseFieldValueFromString(std::to_string(value), field, &message);
   }
 }

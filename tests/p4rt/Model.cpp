@@ -68,7 +68,7 @@ Texts usesOf(const Entity& entity) {
 }
 
 // What is wrong with it whatever is stored.
-std::string faultOf(const Entity& entity) {
+std::string ownFaultOf(const Entity& entity) {
   const auto isBad = [](const p4::v1::Action& action) { return Own{action}.params[1] == noEncap; };
   const auto& shots = oneShotOf(entity);
   if ((entity.has_action_profile_member() && isBad(entity.action_profile_member().action())) ||
@@ -126,42 +126,32 @@ std::string Model::apply(const Update& update) {
     entry.set_controller_metadata(entity.table_entry().controller_metadata());
     return "OK";
   }
-  for (const std::string& fault : {styleFault(update), referenceFault(update)}) {
-    if (!fault.empty()) {
-      return fault;
-    }
+  if (const std::string fault = faultOf(update); !fault.empty()) {
+    return fault;
   }
   entities_[key] = entity;
   return "OK";
 }
 
-std::string Model::styleFault(const Update& update) const {
-  bool oneShots = false;
-  bool others = false;
-  for (const auto& [key, entity] : entities_) {
-    oneShots = oneShots || !oneShotOf(entity).empty();
-    others = others || !entity.has_table_entry();
-  }
-  const Entity& entity = update.entity();
-  if (!oneShotOf(entity).empty()) {
-    return others ? "INVALID_ARGUMENT" : "";
-  }
-  // What a group refers to is looked at before.
-  const bool indirect = entity.has_table_entry()
-                            ? entity.table_entry().table_id() == ecmpId
-                            : update.type() == Update::INSERT && usesOf(entity).empty();
-  return oneShots && indirect ? "INVALID_ARGUMENT" : "";
-}
-
-std::string Model::referenceFault(const Update& update) const {
+std::string Model::faultOf(const Update& update) const {
   const Entity& entity = update.entity();
   const Texts uses = usesOf(entity);
+  // One shots exclude members and groups. What a group refers to is looked at before.
+  const bool isShot = !oneShotOf(entity).empty();
+  const bool isIndirect = entity.has_table_entry()
+                              ? entity.table_entry().table_id() == ecmpId
+                              : update.type() == Update::INSERT && uses.empty();
+  for (const auto& [key, other] : entities_) {
+    if (isShot ? !other.has_table_entry() : isIndirect && !oneShotOf(other).empty()) {
+      return "INVALID_ARGUMENT";
+    }
+  }
   for (const std::string& used : uses) {
     if (!entities_.contains(used)) {
       return "NOT_FOUND";
     }
   }
-  if (const std::string fault = faultOf(entity); !fault.empty()) {
+  if (const std::string fault = ownFaultOf(entity); !fault.empty()) {
     return fault;
   }
   if (entity.has_action_profile_group()) {

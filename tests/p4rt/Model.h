@@ -28,9 +28,8 @@ class Model {
   [[nodiscard]] Texts everything() const;
 
  private:
-  // What is wrong with it beside what it refers to.
-  [[nodiscard]] std::string styleFault(const Update& update) const;
-  [[nodiscard]] std::string referenceFault(const Update& update) const;
+  // Empty if nothing is wrong.
+  [[nodiscard]] std::string faultOf(const Update& update) const;
 
   std::map<std::string, p4::v1::Entity> entities_;
 };

@@ -33,6 +33,9 @@ class RandomArbitration {
 
  private:
   struct Controller {
+    // Whether it has been told that it is the primary.
+    [[nodiscard]] bool mayWrite() const { return heard && heard->standing == Standing::primary_; }
+
     std::optional<ElectionId> id;
     std::optional<Notice> heard;
   };
@@ -55,27 +58,26 @@ class RandomArbitration {
 
   void claim(StreamId stream) {
     Realm& realm = realms_[roleOf(stream)];
-    const Claim claim{.device = device, .role = roleOf(stream), .electionId = someId()};
-    const bool used =
-        std::any_of(realm.controllers.begin(), realm.controllers.end(), [&](const auto& other) {
-          return other.first != stream && claim.electionId && other.second.id == claim.electionId;
-        });
-    const Arbitration::Outcome outcome = arbitration_.claim(stream, claim);
+    const std::optional<ElectionId> id = someId();
+    const bool used = std::any_of(
+        realm.controllers.begin(), realm.controllers.end(),
+        [&](const auto& other) { return other.first != stream && id && other.second.id == id; });
+    const Arbitration::Outcome outcome =
+        arbitration_.claim(stream, {.device = device, .role = roleOf(stream), .electionId = id});
     ASSERT_EQ(outcome.refusal.code == Code::invalidArgument_, used);
     if (used) {
       drop(stream);
-      hear(outcome.notices, {});
-      return;
+      return hear(outcome.notices, {});
     }
-    realm.controllers[stream].id = claim.electionId;
-    const auto before = realm.primary;
-    if (claim.electionId && (!realm.highest || *claim.electionId >= *realm.highest)) {
-      realm.highest = claim.electionId;
+    realm.controllers[stream].id = id;
+    const bool wasPrimary = realm.primary == stream;
+    if (id && id >= realm.highest) {
+      realm.highest = id;
       realm.primary = stream;
-    } else if (realm.primary == stream) {
+    } else if (wasPrimary) {
       realm.primary.reset();
     }
-    const bool concernsAll = before == stream || realm.primary == stream;
+    const bool concernsAll = wasPrimary || realm.primary == stream;
     hear(outcome.notices, concernsAll ? std::nullopt : std::optional{stream});
   }
 
@@ -102,13 +104,9 @@ class RandomArbitration {
     }
   }
 
-  // Whether the primary has been told that it is.
+  // Whether there is a primary that knows that it is.
   static bool mayWrite(const Realm& realm) {
-    if (!realm.primary) {
-      return false;
-    }
-    const auto& heard = realm.controllers.at(*realm.primary).heard;
-    return heard && heard->standing == Standing::primary_;
+    return realm.primary && realm.controllers.at(*realm.primary).mayWrite();
   }
 
   // `only`: nobody else is told anything.
@@ -124,10 +122,7 @@ class RandomArbitration {
         EXPECT_THAT(realm.writes, testing::Each(notice.to)) << "writes of the one before it";
       }
       EXPECT_LE(std::count_if(realm.controllers.begin(), realm.controllers.end(),
-                              [](const auto& controller) {
-                                const auto& heard = controller.second.heard;
-                                return heard && heard->standing == Standing::primary_;
-                              }),
+                              [](const auto& one) { return one.second.mayWrite(); }),
                 1);
     }
   }
