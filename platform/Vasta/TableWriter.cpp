@@ -144,7 +144,7 @@ void TableWriter::copyRecord(std::uint32_t row, std::byte* out) const noexcept {
   std::memset(out + used, 0, geometry_.recordSize - used);
 }
 
-// Requires: no reader looks at the cell.
+// Requires: the cell is not the one in force.
 void TableWriter::fillCell(std::uint64_t* cell, std::uint32_t row, const std::byte* record,
                            bool live) const noexcept {
   const std::size_t used = usedSize(record);
