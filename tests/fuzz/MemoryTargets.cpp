@@ -12,7 +12,7 @@
 namespace Fuzz {
 namespace {
 
-// All of its payload follows from its key.
+// A row whose payload is computed from its key.
 struct Row {
   using Key = std::uint64_t;
   static constexpr std::string_view vastaName = "Fuzz::Row";
@@ -32,9 +32,9 @@ void mustBeWhole(const Row& row) {
   Korm::assertTrue(row.isWhole(), "a record is whole or refused");
 }
 
-// Changes a segment, if there is one, as the bytes say. The first one chooses: even, what follows
-// is its content; odd, each twelve of what follows are a place and a word that is written, added or
-// mixed in there, or a new size.
+// Changes a segment, if there is one. If the first byte is even, the others are written over it.
+// Otherwise each twelve of the others give a place and a word that is written, added or xored
+// there, or a new size.
 void damage(const std::string& segment, Bytes bytes) {
   const std::string file = "/dev/shm" + segment;
   std::ifstream in{file, std::ios::binary};
@@ -69,7 +69,7 @@ void damage(const std::string& segment, Bytes bytes) {
   std::ofstream{file, std::ios::binary} << content;
 }
 
-// Calls step() until it is through; what is corrupt is passed over.
+// Calls step() until it returns false. Corruption is skipped.
 template <class Step>
 void passingCorruption(Step step) {
   for (unsigned tries = 0; tries < 10'000; ++tries) {
@@ -120,8 +120,7 @@ void takeTableOver(const Vasta::TableOptions& options) {
 
 }  // namespace
 
-// The first byte chooses the segment, the second whether the reader, the next writer or both come
-// to it.
+// The first byte chooses the segment, the second whether a reader, the next writer or both attach.
 void table(Bytes bytes) {
   if (bytes.size() < 2) {
     return;

@@ -1,5 +1,4 @@
-// Messages of controllers, below gRPC, on a whole switch: the model's random ones, as they are and
-// with any of their fields changed.
+// Requests of controllers, below gRPC, on a whole switch: valid ones, and such with changed fields.
 #include "platform/Korm/Exceptions.h"
 #include "tests/fuzz/Targets.h"
 #include "tests/p4rt/core/EngineFixture.h"
@@ -59,12 +58,12 @@ void damage(Source& source, Message& message) {
   } else if (kind != FieldDescriptor::CPPTYPE_STRING) {
     const bool isFlag = kind == FieldDescriptor::CPPTYPE_BOOL;
     const int value = isFlag ? below(source, 2) : static_cast<int>(number(source));
-    // A number that its type does not have is left out.
+    // A number outside the range of the field changes nothing.
     TextFormat::ParseFieldValueFromString(std::to_string(value), field, &message);
   }
 }
 
-// What reads an entity alone.
+// A filter that reads this entity alone.
 Entity filterOf(Entity entity) {
   if (entity.has_table_entry()) {
     auto& entry = *entity.mutable_table_entry();
@@ -144,7 +143,7 @@ class Play : public P4rtTest::EngineTest {
     await(call->done);
     const Texts after = everything();
     if (!call->status.ok() || request.action() <= SetPipeline::VERIFY_AND_SAVE) {
-      // The hardware may have no room any more for what was to go.
+      // The hardware may have no room to restore the entries.
       Korm::assertTrue(hardwareTakesAll() ? after == before : hasAll(before, after),
                        "a pipeline that is refused changes nothing");
       return;
@@ -177,7 +176,7 @@ class Play : public P4rtTest::EngineTest {
     await(call->done);
     const auto& details = call->status.details;
     if (!call->status.ok() && (details.empty() || made.atomicity() != 0)) {
-      // The hardware may have no room for what was there, and says so.
+      // The hardware may have no room to restore entities; the message then says so.
       const bool lost = std::any_of(details.begin(), details.end(), [](const p4::v1::Error& error) {
         return error.message().find("refused to restore") != std::string::npos;
       });
@@ -192,7 +191,7 @@ class Play : public P4rtTest::EngineTest {
       }
     }
     if (!updates.empty() && (details.empty() || details.back().canonical_code() == 0)) {
-      // What the last update has made shows in what is read.
+      // The effect of the last update can be read.
       Korm::assertTrue((read(filterOf(updates.back().entity())).size() == 1) ==
                            (updates.back().type() != Update::DELETE),
                        "what was written is read back");

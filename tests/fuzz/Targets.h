@@ -1,8 +1,7 @@
-// What the fuzzer calls with any bytes. A target returns whatever they are, unless it finds a
-// fault: it then ends the process.
+// The functions that the fuzzer calls with random bytes. A target that finds a fault ends the
+// process.
 //
-// Threads: one thread; the language, the table and the ring use what a process has
-// once.
+// Threads: one thread.
 #pragma once
 
 #include <span>
@@ -18,8 +17,8 @@ void status(Bytes bytes);    // the text form of a status entry
 void name(Bytes bytes);      // flow names, against sscanf
 void address(Bytes bytes);   // addresses, against inet_pton
 void language(Bytes bytes);  // commands, on a whole switch
-void table(Bytes bytes);     // a shared table with bytes of somebody else's
-void ring(Bytes bytes);      // a trace ring with bytes of somebody else's
+void table(Bytes bytes);     // a shared table that is damaged
+void ring(Bytes bytes);      // a trace ring that is damaged
 #ifdef OSTRA_P4RT
 void p4rt(Bytes bytes);  // messages of P4Runtime controllers, on a whole switch
 #endif

@@ -11,7 +11,7 @@
 namespace Fuzz {
 namespace {
 
-// A text that is taken is the one that would be printed.
+// A text that is parsed is the one that would be printed.
 template <class T>
 void takesOnlyWhatItPrints(const std::string& text) {
   try {

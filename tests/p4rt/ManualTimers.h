@@ -1,4 +1,4 @@
-// Time that moves when somebody says so.
+// Timers whose time a test moves.
 #pragma once
 
 #include "p4rt/Timers.h"

@@ -35,7 +35,7 @@ const auto& oneShotOf(const Entity& entity) {
   return entity.table_entry().action().action_profile_action_set().action_profile_actions();
 }
 
-// What an entity is named by.
+// The key of an entity.
 std::string keyOf(Entity entity) {
   if (entity.has_action_profile_group()) {
     return "group " + std::to_string(entity.action_profile_group().group_id());
@@ -67,7 +67,7 @@ Texts usesOf(const Entity& entity) {
   return uses;
 }
 
-// What is wrong with it whatever is stored.
+// What is wrong with it, whatever is stored.
 std::string ownFaultOf(const Entity& entity) {
   const auto isBad = [](const p4::v1::Action& action) { return Own{action}.params[1] == noEncap; };
   const auto& shots = oneShotOf(entity);
@@ -136,7 +136,7 @@ std::string Model::apply(const Update& update) {
 std::string Model::faultOf(const Update& update) const {
   const Entity& entity = update.entity();
   const Texts uses = usesOf(entity);
-  // One shots exclude members and groups. What a group refers to is looked at before.
+  // One shots exclude members and groups. The members of a group are checked before that.
   const bool isShot = !oneShotOf(entity).empty();
   const bool isIndirect = entity.has_table_entry()
                               ? entity.table_entry().table_id() == ecmpId
@@ -181,7 +181,7 @@ void Model::answered(const WriteRequest& request, const Texts& outcomes, const T
     Model tried = next;
     const std::string expected = tried.apply(request.updates(at));
     if (outcome != expected && !(rollsBack && failed)) {
-      // What the library refuses has got as far as the hardware, perhaps.
+      // The hardware may refuse an update before the library does.
       const bool reached = expected == "OK" || expected.find('/') != std::string::npos;
       EXPECT_TRUE(reached && contains(ofHardware, outcome))
           << at << ": " << request.updates(at).ShortDebugString() << "\n expected " << expected
@@ -234,7 +234,7 @@ WriteRequest RandomUpdates::write(const Model& model, bool oneShots, bool l3Acl)
   if (oneIn(3)) {
     request.set_atomicity(WriteRequest::ROLLBACK_ON_ERROR);
   }
-  // The model refuses none of a long one, and of the others some or many.
+  // A long Write has no invalid updates, the others have some or many.
   const bool isLong = oneIn(8);
   const int chances = oneIn(2) ? 12 : 2;
   Model next = model;

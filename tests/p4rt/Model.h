@@ -1,4 +1,4 @@
-// What a switch holds that controllers write to, written from the rules of P4Runtime and of the
+// A model of the entities that a switch stores, written from the rules of P4Runtime and of the
 // shipped P4Info, and random updates for it.
 #pragma once
 
@@ -14,12 +14,13 @@ using p4::v1::WriteRequest;
 
 class Model {
  public:
-  // The outcome of an update on hardware that takes everything; "OK" has its effect.
+  // Applies an update if it is valid. Returns its outcome on hardware that takes everything.
   std::string apply(const Update& update);
-  // Takes what came of a Write. `ofHardware` are the outcomes that may come where OK was expected.
+  // Checks the outcomes of a Write, and applies the updates that succeeded. The outcomes in
+  // `ofHardware` are right too where OK was expected.
   void answered(const WriteRequest& request, const Texts& outcomes, const Texts& ofHardware = {});
-  // What a Write may have made of it whose server died: a first part of the updates, or of one that
-  // rolls back all or nothing.
+  // What may be stored after a Write whose server died: the effect of the first updates, or of all
+  // or none if it rolls back.
   [[nodiscard]] std::vector<Model> outcomes(const WriteRequest& request) const;
   // Without the entries of a table that is gone.
   [[nodiscard]] Model without(std::uint32_t table) const;

@@ -1,4 +1,4 @@
-// What an audit of the switch in this state has to find.
+// The findings that an audit of the switch must have.
 #include "tests/soak/Model.h"
 
 namespace Soak {

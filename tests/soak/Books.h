@@ -1,4 +1,4 @@
-// What the service must remember of entries that wait for a result, and tell a controller.
+// The service's record of entries that wait for a result, and what it reports to a controller.
 //
 // Thread and process rule: a value.
 #pragma once
@@ -25,7 +25,7 @@ struct StatusRow {
   std::uint64_t generation = 0;
   friend bool operator==(const StatusRow&, const StatusRow&) = default;
 };
-// What is said of an entry; thrown, it refuses one.
+// A result for an entry. It is also thrown to refuse an entry.
 struct Report {
   Handle handle = 0;
   unsigned code = 0;
@@ -34,17 +34,17 @@ struct Report {
   friend bool operator==(const Report&, const Report&) = default;
 };
 
-// A write, or the announcement of a stored row; kind and state as ostra-sim prints them.
+// A write, or the announcement of a stored row. Kind and state are the words of ostra-sim.
 struct Update {
   Op op;
   std::string_view kind;
   std::uint32_t id = 0;
   Handle handle = 0;
-  Handle alias = 0;  // another one under which the library knows the key of a delete; 0 for none
+  Handle alias = 0;  // another handle under which the library knows a deleted key; 0 for none
   std::string_view state = "rejected";
   unsigned code = 0;
   std::string message{};
-  Handle openUnder = 0;  // the entry whose result it waits for once it is applied
+  Handle openUnder = 0;  // once it is applied: the entry whose result it waits for
 
   void stateIs(std::string_view newState, unsigned newCode = 0, std::string newMessage = {}) {
     state = newState;
@@ -130,9 +130,9 @@ struct Books {
     current.reset();
   }
 
-  // A result completes the update that is being applied, if it is for its entry; otherwise all that
-  // wait under its handle; otherwise the delete that is being applied, of which the library has
-  // said under which handle it knew the key. Any other is a report.
+  // A result completes, in this order: the update that is being applied, if it is for its entry;
+  // all updates that wait under its handle; the delete that is being applied. Any other is a
+  // report.
   void result(const Report& report) {
     Book* const book = valueAt(books, report.handle);
     if (book != nullptr && book->statusOpen) {
@@ -186,7 +186,7 @@ struct Books {
   }
 
   std::vector<Update> finishBatch() {
-    std::set<Handle> open;  // under which something still waits
+    std::set<Handle> open;  // the handles under which an update still waits
     std::map<Handle, const Update*> last;
     for (const Update& update : batch) {
       open.insert(update.openUnder);

@@ -15,8 +15,8 @@ using Handle = std::uint64_t;
 using Op = std::string_view;
 inline constexpr Op insert_ = "insert", modify_ = "modify", delete_ = "delete";
 
-// The match fields in the order of the key, by number. First come those that say of which type a
-// packet is, last those that need a type, in the order in which they are checked.
+// The match fields, numbered in the order of the key. The first give the type of a packet. Those
+// from firstNeedy on require a type, and are checked in this order.
 enum Field : std::uint8_t { etherType_, isIpPacket_, ingressPort_, egressPort_, vlanId_ };
 inline constexpr std::uint8_t firstNeedy = 16, fieldCount = 25;
 
@@ -25,7 +25,7 @@ struct Bits {
   std::uint64_t high = 0;  // of an IPv6 address; otherwise 0
   friend auto operator<=>(const Bits&, const Bits&) = default;
 };
-// The value as an address, or as a number that is moved to the left.
+// The value as an address, or as a number that is shifted to the left.
 template <class T>
 T valueOf(const Bits& bits, unsigned shift = 0) {
   if constexpr (std::is_integral_v<T>) {
@@ -48,9 +48,9 @@ struct MatchField {
   friend auto operator<=>(const MatchField&, const MatchField&) = default;
 };
 
-// The types of packets, of which a field needs one.
+// The packet types that a field may require.
 enum Type : std::uint8_t { ip4_ = 1, ip6_ = 2, arp_ = 4, ipPacket_ = 8 };
-// Those that an Ethernet type says.
+// Those of an Ethernet type.
 [[nodiscard]] unsigned typesOf(std::uint64_t etherType);
 
 struct FieldInfo {
@@ -58,7 +58,7 @@ struct FieldInfo {
   unsigned bits;
   std::string (*text)(const Bits& bits);
   unsigned needs;  // one of these types; 0: none
-  // What becomes of it in Corvex; null: of a port, which takes a table to say.
+  // Writes it to the match in Corvex. Null for ports, which need the table of ports.
   void (*place)(OpenFlowTable::Match& match, const MatchField& field);
 };
 [[nodiscard]] const FieldInfo& info(Field field);
@@ -89,8 +89,8 @@ struct Model;
 struct Step {
   std::string line;  // with '#' for a handle
   std::function<void(Model&)> play;
-  Handle about = 0;  // the handle in the history that was played first
-  Handle given = 0;  // the same, to the row that this write has inserted
+  Handle about = 0;  // the handle of the row, in the first play of the history
+  Handle given = 0;  // the handle of the row that it inserted, in that play
 };
 // A command, or a batch of writes.
 struct Command {

@@ -97,7 +97,7 @@ class Generator {
     key.priority =
         static_cast<std::int32_t>(isFaulty() ? anyOf<int>({-2, 65537, -2147483647 - 1, 2147483647})
                                              : anyOf<int>({-1, 0, 10, 65536}));
-    // Fields that go together, so that most keys are right, and some that need not.
+    // Fields that go together, so that most keys are valid.
     if (oneIn(2)) {
       addField(key, etherType_);
       const unsigned types = typesOf(key.fields.back().value.low);
@@ -107,7 +107,7 @@ class Generator {
         }
       }
     }
-    if (faults_ != 0 && oneIn(4)) {  // the two that say of what type packets are, and who needs one
+    if (faults_ != 0 && oneIn(4)) {  // both fields that give a type, and one that requires a type
       addField(key, etherType_);
       addField(key, isIpPacket_);
       addField(key, static_cast<unsigned>(firstNeedy + below(fieldCount - firstNeedy)));
@@ -224,7 +224,7 @@ class Generator {
             [=](Model& m) { m.write(op, id, GroupRow{.members = list}); }};
   }
 
-  // Of the handle that the step is about, or an odd one.
+  // The name of the step's flow, or an unusual name.
   std::string flowName() {
     return !oneIn(6)
                ? "flow-#"
@@ -260,7 +260,7 @@ class Generator {
     return anyOf<Step>({rare, rare, rare, rare, run, flow, flow, group, publish});
   }
 
-  // A handle given lately, or the next.
+  // One of the last handles, or the next one.
   Handle recent(const Model& model) {
     return model.lastHandle + 1 - below(std::min<std::uint64_t>(model.lastHandle, 40) + 1);
   }
@@ -312,7 +312,8 @@ class Generator {
     }
     std::string name = flowName();
     Handle about = recent(model);
-    for (const auto& [key, mapped] : model.handleOf) {  // one that the library still knows, perhaps
+    for (const auto& [key, mapped] :
+         model.handleOf) {  // sometimes one that only the library still knows
       const FlowRow* const row = model.flowTables.at(key.table).find(key);
       if ((row == nullptr || row->handle != mapped) && oneIn(2)) {
         name = "flow-#";
@@ -326,7 +327,7 @@ class Generator {
   }
 
   std::mt19937_64 random_;
-  // How often, of 100.
+  // Percentages.
   const std::uint64_t faults_ = anyOf<std::uint64_t>({0, 2, 15});
   const std::uint64_t hardware_ = anyOf<std::uint64_t>({0, 5, 25, 50});
   const std::uint64_t configuration_ = anyOf<std::uint64_t>({1, 5, 20});

@@ -39,7 +39,7 @@ struct Hardware {
   std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> counts;
 
   virtual ~Hardware() = default;
-  // The library hears of a status.
+  // Called when a status has changed.
   virtual void flowReported(const std::string& name) = 0;
   virtual void groupReported(std::uint64_t id) = 0;
 
@@ -101,7 +101,7 @@ struct Hardware {
       unanswered.push_back(name);
     }
   }
-  // Whether what has the status `held` has room, or finds some.
+  // Whether it is programmed already, with the status `held`, or there is room for it.
   static bool hasRoom(auto& statuses, const auto& name, std::uint32_t held,
                       std::optional<std::uint32_t> room) {
     std::size_t count = 0;
@@ -115,8 +115,7 @@ struct Hardware {
     counts[name].second += bytes;
   }
 
-  // A status that is there already is told of by the status, if that changes, and by its change
-  // count.
+  // If there is a status already, its change and the change of its change count are two reports.
   void publishFlow(const std::string& name, std::uint32_t status) {
     std::uint32_t* const present = flowStatus.find(name);
     if (present == nullptr) {
@@ -137,7 +136,7 @@ struct Hardware {
     groupStatus.at(id) = status;
     groupReported(id);
   }
-  // Nobody has seen a status of it: it comes, as pending, and goes.
+  // For a flow without a status: one is published as pending, and withdrawn.
   void answerDelete(const std::string& name) {
     if (published) {
       flowReported(name);

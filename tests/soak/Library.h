@@ -1,4 +1,4 @@
-// What must become of the stored rows in Corvex, and of the hardware's words for the service.
+// What the library must make of stored rows and of the hardware's statuses.
 //
 // Thread and process rule: a value.
 #pragma once
@@ -29,11 +29,11 @@ struct GroupRow {
   Handle handle = 0;
   std::vector<std::uint32_t> members{};
 };
-// How far a row came on its way into Corvex.
+// The result of translating a row.
 struct Translation {
   CorvexFlowState flow;
-  bool counted = false;     // in its VRF
-  bool translated = false;  // all of it
+  bool counted = false;     // as a user of its VRF
+  bool translated = false;  // completely
 };
 
 [[nodiscard]] inline std::string flowName(Handle handle) {
@@ -67,7 +67,7 @@ struct Library : Hardware, Books {
   std::map<Handle, std::uint32_t> dependents;
   std::set<FlowKey> refusedFlows;  // whose last write was refused
   std::set<std::uint64_t> refusedGroups;
-  // Rows that all who walk pass over, until they are written again.
+  // Damaged rows. Every walk skips them until they are written again.
   std::set<Handle> damaged;
 
   // Calls visit(key, row) for the rows that are not damaged, up to the first that is or all.
@@ -90,7 +90,7 @@ struct Library : Hardware, Books {
       eachRow(table, AtDamage::goOn_, heard);
     }
     startedAt = now;
-    running = true;  // from here on the hardware's word is heard
+    running = true;  // from here on statuses are handled
     if (published) {
       reportAll();
     }
@@ -98,7 +98,7 @@ struct Library : Hardware, Books {
     eachRow(members, AtDamage::stop_, heard);
     eachRow(groups, AtDamage::stop_, heard);
   }
-  // Each of the fifteen removes what its own table does not hold.
+  // Each table removes all flows that are not its own, also those of the other tables.
   void removeStaleFlows(SlotMap<FlowKey, FlowRow>& table) {
     std::set<Handle> handles;
     eachRow(table, AtDamage::goOn_,
@@ -266,25 +266,24 @@ struct Library : Hardware, Books {
 
   // Members and groups.
 
-  // What is refused is noted until it is processed again.
-  void processGroup(std::uint64_t corvexId, auto step) {
+  // What is refused is noted until it is processed again. Only a write of the row removes it.
+  void processGroup(const auto* row, std::uint64_t corvexId, auto configure) {
     refusedGroups.erase(corvexId);
+    if (row == nullptr) {
+      removeGroup(corvexId);
+      return result({batch[*current].handle});
+    }
     try {
-      step();
+      configure(*row);
     } catch (const Report& refusal) {
       refusedGroups.insert(corvexId);
       result(refusal);
     }
   }
   void handleMember(std::uint32_t id) {
-    processGroup(memberBase + id, [&] {
-      const MemberRow* const row = members.find(id);
-      if (row == nullptr) {
-        removeGroup(memberBase + id);
-        return result({batch[*current].handle});  // only a write of the member removes it
-      }
+    processGroup(members.find(id), memberBase + id, [&](const MemberRow& row) {
       configureGroup(memberBase + id,
-                     {.type = 2, .buckets = {bucketOf(id, *row)}, .changeCount = now});
+                     {.type = 2, .buckets = {bucketOf(id, row)}, .changeCount = now});
       eachRow(groups, AtDamage::stop_, [&](std::uint32_t group, const GroupRow& list) {
         if (std::count(list.members.begin(), list.members.end(), id) != 0 &&
             corvexGroups.contains(group)) {
@@ -311,17 +310,12 @@ struct Library : Hardware, Books {
     return bucket;
   }
   void handleGroup(std::uint32_t id) {
-    processGroup(id, [&] {
-      const GroupRow* const row = groups.find(id);
-      if (row == nullptr) {
-        removeGroup(id);
-        return result({batch[*current].handle});
-      }
+    processGroup(groups.find(id), id, [&](const GroupRow& row) {
       CorvexGroupState group{.type = 1, .buckets = {}, .changeCount = now};
-      for (const std::uint32_t member : row->members) {
+      for (const std::uint32_t member : row.members) {
         const auto programmed = corvexGroups.find(memberBase + member);
         if (programmed == corvexGroups.end()) {
-          throw Report{row->handle, 15,
+          throw Report{row.handle, 15,
                        "Action profile group: " + std::to_string(id) + " member " +
                            std::to_string(member) + " not found"};
         }
@@ -340,7 +334,7 @@ struct Library : Hardware, Books {
     });
   }
 
-  // The hardware's word.
+  // Statuses of the hardware.
 
   void flowReported(const std::string& name) override {
     const std::uint32_t* const status = flowStatus.find(name);
@@ -353,7 +347,7 @@ struct Library : Hardware, Books {
     const Handle handle = handleIn(name);
     if (!running || !published || code == notFinal ||
         (dependents.erase(handle) != 0 && !isStatusOpen(handle))) {
-      return;  // or the entry under which it would be told has gone
+      return;  // also when the entry that it would be reported for is gone
     }
     result({handle, code});
   }

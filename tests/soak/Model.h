@@ -1,5 +1,5 @@
-// What the whole switch must do, command by command. Of its code the model uses the plain types of
-// matches and actions alone.
+// A model of the whole switch. Of the code of the switch it uses only the plain types of matches
+// and actions.
 //
 // Thread and process rule: a value.
 #pragma once
@@ -43,7 +43,7 @@ struct Model : Library {
     }
     return std::exchange(out, {});
   }
-  // When inserts were left out of the history, later rows have other handles than at first.
+  // When inserts have been removed from the history, later rows have other handles than at first.
   void play(Step& step) {
     about = valueIn(renamed, step.about).value_or(step.about);
     played.push_back(named(step.line));
@@ -211,8 +211,8 @@ struct Model : Library {
     }
   }
 
-  // "fault row-without-flow entry 7", sorted, with no time given to the hardware; nothing when it
-  // depends on the order in which an audit looks (Audit.cpp).
+  // The findings of an audit that gives the hardware no time, such as "fault row-without-flow entry
+  // 7", sorted. Nothing when they depend on the order in which an audit looks.
   [[nodiscard]] std::optional<Lines> audit();
 };
 

@@ -1,5 +1,5 @@
-// A map that is walked in the order of its slots, of which the one freed last is filled first: the
-// order in which the switch's tables and collections are walked.
+// A map that is walked in the order of its slots. The slot that was freed last is filled first. The
+// switch's tables and collections are walked in the same order.
 //
 // Thread and process rule: a value.
 #pragma once

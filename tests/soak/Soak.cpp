@@ -9,7 +9,7 @@
 namespace Soak {
 namespace {
 
-// A map of what `pairOf` makes of each.
+// A map of the pairs that `pairOf` makes of the elements.
 auto mapOf(const auto& all, auto pairOf) {
   using Pair = decltype(pairOf(*all.begin()));
   std::map<typename Pair::first_type, typename Pair::second_type> map;
@@ -245,7 +245,7 @@ std::size_t stepsOf(const History& history) {
       [](std::size_t sum, const Command& command) { return sum + command.steps.size(); });
 }
 
-// All but so many steps from that one on.
+// The history without `count` steps from number `first` on.
 History without(const History& history, std::size_t first, std::size_t count) {
   History rest;
   std::size_t number = 0;

@@ -1,4 +1,4 @@
-// The long run: seed after seed until the time is up or a history ends in a difference.
+// Plays random histories, seed after seed, until the time is up or one ends in a difference.
 //
 //   ostra-soak [MINUTES [FIRST-SEED]]
 #include <sys/resource.h>

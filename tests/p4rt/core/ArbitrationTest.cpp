@@ -6,8 +6,8 @@ namespace {
 
 constexpr std::uint64_t device = 1;
 
-// Random controllers of two roles. What they believe, from the notices alone, is compared with what
-// the claims that stand amount to.
+// Random controllers of two roles. Their standings, as they know them from the notices alone, are
+// compared with those that follow from their claims.
 class RandomArbitration {
  public:
   explicit RandomArbitration(unsigned seed) : random_{seed} {}
@@ -43,7 +43,7 @@ class RandomArbitration {
     std::map<StreamId, Controller> controllers;
     std::optional<ElectionId> highest;
     std::optional<StreamId> primary;
-    // Which primary each write under way was for.
+    // The primary of each Write in progress.
     std::vector<StreamId> writes;
   };
 

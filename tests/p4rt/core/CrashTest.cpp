@@ -1,7 +1,6 @@
-// An engine that is killed at any moment while a controller writes, and another one that goes on
-// with what it has kept.
+// An engine is killed at any moment while a controller writes, and another one resumes.
 //
-// OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment make it longer and other.
+// OSTRA_CRASH_ROUNDS and OSTRA_CRASH_SEED in the environment set its length and its seed.
 #include <sys/mman.h>
 
 #include "EngineFixture.h"
@@ -10,14 +9,14 @@
 namespace P4rtTest {
 namespace {
 
-// The cookie of a pipeline says what it is like: whether its action profile takes one shots, and
-// whether it lacks the table l3Acl.
+// The cookie of a pipeline tells whether its action profile takes one shots, and whether it lacks
+// the table l3Acl.
 bool takesOneShots(std::uint64_t cookie) { return (cookie & 1U) != 0; }
 bool isReduced(std::uint64_t cookie) { return (cookie & 2U) != 0; }
 
 class P4rtCrash : public EngineTest {
  protected:
-  // What is asked for: a Write, or with an action something of the pipeline.
+  // A Write or, if it has an action, a change of the pipeline.
   struct Request {
     WriteRequest write{};
     SetPipeline::Action action = SetPipeline::UNSPECIFIED;
@@ -28,7 +27,7 @@ class P4rtCrash : public EngineTest {
     std::uint64_t saved = 0;   // of the saved one
     Model model{};
   };
-  // What the child has come to. It shares this with its parent.
+  // The child's progress, in memory that it shares with its parent.
   struct Progress {
     std::atomic<bool> goesOn = false;  // it has resumed
     std::atomic<unsigned> asked = 0;
@@ -37,8 +36,8 @@ class P4rtCrash : public EngineTest {
 
   P4rtCrash() : EngineTest{uniqueName("p4rt-crash")} {}
 
-  // Follows from what is held and the random numbers alone, so that the parent knows what its child
-  // has asked for.
+  // Depends on `held_` and the random numbers alone, so that the parent knows the requests of its
+  // child.
   Request next() {
     const int kind = random_.below(24);
     const auto fresh = [this](std::uint64_t style) {
@@ -75,7 +74,8 @@ class P4rtCrash : public EngineTest {
     return config;
   }
 
-  // What comes of a request, at the end of the list, and what it may leave when it is not answered.
+  // What may be held after a request that was not answered. The last one is what is held when it
+  // was.
   [[nodiscard]] std::vector<Held> outcomes(const Request& request) const {
     std::vector<Held> all{held_};
     switch (request.action) {
@@ -100,7 +100,7 @@ class P4rtCrash : public EngineTest {
     return all;
   }
 
-  // Waits for the answer, on hardware that takes its time.
+  // Waits for the answer, on hardware that is slow.
   P4rt::RpcStatus answerTo(const auto& request) {
     const auto call = begin(request);
     while (!call->done) {
@@ -125,7 +125,7 @@ class P4rtCrash : public EngineTest {
     EXPECT_EQ(answerTo(asked).code, lacks ? P4rt::Code::notFound_ : P4rt::Code::ok_);
   }
 
-  // What was answered is there, and what was not as a whole, in a first part, or not at all.
+  // Checks that one of these is held.
   void compare(const std::vector<Held>& possible) {
     const auto config = configured();
     const std::uint64_t cookie = config.cookie().cookie();
@@ -138,7 +138,7 @@ class P4rtCrash : public EngineTest {
     engine->verify();
     held_ = *found;
     if (possible.back().saved != held_.saved && possible.back().cookie == cookie) {
-      // Whether it was saved shows when it is committed.
+      // Whether a pipeline was saved shows when it is committed.
       const bool had = setPipeline(SetPipeline::COMMIT).ok();
       const std::uint64_t committed = configured().cookie().cookie();
       EXPECT_TRUE(committed == possible.back().saved || committed == held_.saved || !had);
@@ -147,9 +147,8 @@ class P4rtCrash : public EngineTest {
     }
   }
 
-  // A child goes on with what was kept and does that work again and again until it is killed or
-  // something is wrong. Then this process goes on with what the child has kept. `early`: it may be
-  // killed while it resumes.
+  // A child resumes, and repeats the work until it is killed or a check fails. Then this process
+  // resumes. `early`: the child may be killed while it resumes.
   template <class Work>
   void killWithin(int microseconds, bool early, Work work) {
     const auto delay = static_cast<useconds_t>(random_.below(microseconds));
@@ -173,11 +172,11 @@ class P4rtCrash : public EngineTest {
 
   void round() {
     const bool early = random_.oneIn(4);
-    const bool slow = !random_.oneIn(3);  // the hardware, so that it may be killed within a Write
+    const bool slow = !random_.oneIn(3);  // so that the kill may hit the middle of a Write
     ASSERT_NO_FATAL_FAILURE(killWithin(30'000, early, [&] {
       const Request request = next();
       const std::vector<Held> possible = outcomes(request);
-      // Late hardware may refuse to take back what was there before a Write that fails.
+      // Slow hardware may refuse to restore what a failed Write has deleted.
       agent->automaticIs(!slow || possible.size() == 2);
       ++progress_.asked;
       ask(request);
@@ -209,7 +208,7 @@ TEST_F(P4rtCrash, WhatWasAnsweredStandsAndNothingElseIsTorn) {
 
 TEST_F(P4rtCrash, AWriteThatRollsBackIsKeptAsAWhole) {
   constexpr int many = 100;
-  // It takes long to keep.
+  // So much metadata takes long to keep.
   const std::string metadata = " metadata: '" + std::string(10'000, 'm') + "'";
   std::vector<Update> inserts;
   std::vector<Update> deletes;

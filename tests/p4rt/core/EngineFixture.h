@@ -56,7 +56,7 @@ class EngineTest : public testing::Test {
   using SetPipeline = p4::v1::SetForwardingPipelineConfigRequest;
   using WriteCall = std::shared_ptr<Call<WriteRequest>>;
 
-  // With a name, the switch and what the engine holds are in that shared memory.
+  // With a name, the switch and the engine's state are in shared memory of that name.
   explicit EngineTest(std::string sharedName = {}) : sharedName_{std::move(sharedName)} {
     boot(Sim::Leftover::discard_);
     service->portIs(1, Interface::IntfId{"Ethernet1"});
@@ -101,7 +101,7 @@ class EngineTest : public testing::Test {
     service->start();
   }
 
-  // Lets the hardware do all that waits, and the engine what follows from it.
+  // Lets the hardware do all that waits, and the engine handle the answers.
   void runHardware() {
     agent->run();
     service->settle();
@@ -166,7 +166,7 @@ class EngineTest : public testing::Test {
     return response.config();
   }
 
-  // What the filters let through, as sorted texts, and what came of the filters.
+  // The entities that were read, as sorted texts, and the outcomes of the filters.
   struct Answer {
     Texts entities;
     Texts outcome;

@@ -8,7 +8,7 @@ namespace {
 
 class EngineRandom : public Programmed {
  protected:
-  // Automatic, full, or late: programmed when the test says so, at random, or not in time.
+  // Makes it automatic or manual, and full or not, at random.
   void changeHardware() {
     const auto room = [this](int chances, int most) {
       return random_.oneIn(chances) ? std::optional<std::size_t>(random_.below(most))
@@ -39,7 +39,7 @@ class EngineRandom : public Programmed {
     model_.answered(call->request, outcomes, ofHardware);
   }
 
-  // The hardware has room and answers again, also for what it had no room for.
+  // The hardware has room again, and programs also what it had no room for.
   void recover() {
     agent->flowCapacityIs(std::nullopt);
     agent->groupCapacityIs(std::nullopt);
@@ -73,7 +73,7 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
     }
     changeHardware();
     WriteRequest request = random_.write(model_, number / 100 % 2 == 1);
-    // What is late, or has no room, may refuse to take back what was there.
+    // Hardware that is late or full may refuse to restore what was there.
     if (!hardwareTakesAll()) {
       request.set_atomicity(WriteRequest::CONTINUE_ON_ERROR);
     }

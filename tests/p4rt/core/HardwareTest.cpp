@@ -10,7 +10,7 @@ using OpenFlowTable::GroupStatus;
 
 class HardwareTest : public Programmed {
  protected:
-  // How often the hardware does all that waits until the request is answered.
+  // How often the hardware must run until the request is answered.
   int roundsOf(const WriteCall& call) {
     int rounds = 0;
     for (; !call->done && rounds < 100; ++rounds) {
@@ -32,7 +32,7 @@ TEST_F(HardwareTest, AWriteWaitsForTheAnswersToEachKindInTurn) {
   EXPECT_EQ(roundsOf(call), 3);
   EXPECT_TRUE(call->status.ok() && after);
 
-  // What changes and what goes is waited for as well.
+  // Modifications and deletions are waited for as well.
   const WriteCall second = begin({modify(acl(1, forward(1))), modify(member(2, nexthop(9, 2))),
                                   modify(group(1, {{2, 1}})), remove(acl(1)), remove(route(1, "")),
                                   remove(group(1, {})), remove(member(1))});
@@ -88,8 +88,8 @@ TEST_F(HardwareTest, WhatSharedMemoryHasNoRoomForFailsAndLeavesNothing) {
 }
 
 TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
-  // The updates take so many rounds of the hardware. It then has no room for one more entry, nor
-  // for what is to come back.
+  // The hardware runs so often to apply the updates. Then it has no room for one more entry, nor to
+  // restore what was deleted.
   const auto rollBack = [this](const std::vector<Update>& done, int rounds) {
     agent->automaticIs(false);
     std::vector<Update> updates = done;
@@ -115,12 +115,12 @@ TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
   rollBack({remove(route(1, ""))}, 3);
   EXPECT_THAT(everything(), IsEmpty());
   EXPECT_THAT(service->groups(), IsEmpty());
-  // No more is what the Write itself has made of it before.
+  // Nor is what an earlier update of the same Write has made.
   rollBack({insert(acl(1, drop())), remove(acl(1))}, 2);
   expectTaken({insert(acl(1, drop()))});
   rollBack({modify(acl(1, forward(1))), remove(acl(1))}, 2);
   EXPECT_THAT(everything(), IsEmpty());
-  // Others may use a member, so it stays.
+  // A member is restored in any case, because other entities may use it.
   expectTaken({insert(acl(1, does(4, {"\\007"}))), insert(member(1))});
   rollBack({remove(member(1)), remove(acl(1))}, 2);
   EXPECT_THAT(everything(), ElementsAre(shown(member(1))));
@@ -130,8 +130,8 @@ using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
 
 TEST_F(HardwareTest, EachStatusHasItsCode) {
   agent->automaticIs(false);
-  // What comes of an insert when the hardware says the first status, which is none of its end, and
-  // then the second.
+  // The outcome of an insert when the hardware publishes two statuses, of which the first is not
+  // final.
   const auto outcomeOf = [this](const std::string& entity, auto say, std::uint32_t first,
                                 std::uint32_t second) {
     const WriteCall call = begin({insert(entity)});

@@ -1,5 +1,4 @@
-// Pipelines: which P4Infos the switch can realize, and what the actions on them do. Reads by
-// filter.
+// Pipelines: which P4Infos the switch accepts, and what the actions on them do. Filters of reads.
 #include "EngineFixture.h"
 
 namespace P4rtTest {
@@ -135,7 +134,7 @@ TEST_F(Replacing, NothingIsReplacedWhileTheHardwareKeepsWhatIsThere) {
   request.set_action(SetPipeline::VERIFY_AND_COMMIT);
   *request.mutable_config()->mutable_p4info() = shippedP4Info({{"name: 'ostra'", "name: 'other'"}});
   const auto call = begin(request);
-  runHardware();  // the entries go, and come back
+  runHardware();  // deletes the entries, which are then restored
   timers.pass(5000);
   EXPECT_EQ(call->status.code, P4rt::Code::deadlineExceeded_);
   agent->automaticIs(true);
@@ -162,13 +161,13 @@ TEST_F(Replacing, ReconcilingKeepsWhatStillMeansTheSame) {
     EXPECT_THAT(before, testing::Contains(kept));
   }
   engine->verify();
-  // What stays has its row, and its counter.
+  // Entries that are kept keep their rows and counters.
   EXPECT_EQ(service->flows().size(), 2U);
   EXPECT_THAT(read({"direct_counter_entry { " + acl(1) + " }"}).entities,
               ElementsAre(HasSubstr("packet_count: 5")));
   EXPECT_THAT(write({modify(acl(1, drop())), insert(acl(3, forward(1)))}),
               ElementsAre("OK", "INVALID_ARGUMENT"));
-  // A table that is now another one keeps nothing.
+  // An entry is not kept when its table is another one in the switch.
   auto moved = edits;
   moved.push_back({table1, "key: 'table' value { int64_value: 9 }"});
   moved.push_back({"key: 'table' value { int64_value: 0 }", table1});
@@ -233,7 +232,7 @@ TEST_F(Replacing, FiltersSelectWhatIsRead) {
     outcomes.push_back(one.outcome);
     all += one.entities;
   }
-  // Together: what makes sense is answered.
+  // All filters in one request: the valid ones are answered.
   const Answer answer = read(filters);
   EXPECT_EQ(answer.entities.size(), all);
   EXPECT_EQ(answer.outcome, outcomes);

@@ -18,8 +18,7 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   Program program{{"--p4info", OSTRA_P4INFO}};
   EXPECT_THAT(program.greeting.at("p4info"), HasSubstr("ostra.p4info.txt"));
   Controller controller{program};
-  controller.claim();
-  EXPECT_EQ(controller.standing(), "primary 1");
+  EXPECT_EQ(controller.claimAndHear(), "primary 1");
   EXPECT_EQ(codeOf(controller.write(flows(Update::INSERT, 1, 1))), Code::failedPrecondition_)
       << "a P4Info that is offered is not set";
   ASSERT_EQ(codeOf(controller.set(pipelineRequest())), Code::ok_);
@@ -30,7 +29,7 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   EXPECT_THAT(program.type("begin"), HasSubstr("P4Runtime controllers"));
   EXPECT_THAT(program.type("bogus"), HasSubstr("expected a command"));
 
-  // What the console makes the hardware say reaches both it and the controller.
+  // An answer of the hardware is shown on the console, and ends the controller's Write.
   program.automaticIs(false);
   auto written = controller.writeLater({flow(Update::INSERT, 2, 3)});
   program.awaitEntries(2);
@@ -40,7 +39,7 @@ TEST(ProgramTest, TheConsoleIsTheSimulatorsButForTheControllersEntries) {
   EXPECT_THAT(program.type("hw run"), HasSubstr("\"type\":\"report\""));
   EXPECT_EQ(codeOf(written.get()), Code::ok_);
 
-  // The end of the input is not that of the server; here somebody else asks for it.
+  // The end of the input does not end the server; a signal does.
   program.process.closeInput();
   EXPECT_EQ(controller.entries().size(), 2U);
   program.process.kill(SIGTERM);
@@ -55,7 +54,7 @@ struct Ending {
     written = controller.writeLater({flow(Update::INSERT, 1)});
     program.awaitEntries(1);
     program.process.kill(signal);
-    // One that comes before the signal waits behind the Write under way.
+    // A Write that arrives before the signal waits, and runs into its deadline.
     while (codeOf(controller.write(flows(Update::INSERT, 2, 1), milliseconds{100})) !=
            Code::unavailable_) {
     }
@@ -95,18 +94,18 @@ TEST(ProgramTest, GoesOnWithWhatIsItsOwnAndLosesNothingSilently) {
   const Finished refused = finished({"--shm", name});
   EXPECT_EQ(refused.status, 1);
   EXPECT_THAT(refused.errors, AllOf(HasSubstr("--resume"), HasSubstr("--discard")));
-  // One that does not come up leaves everything as it was.
+  // A server that fails to start leaves everything as it was.
   EXPECT_EQ(finished({"--shm", name, "--resume", "--config", OSTRA_P4INFO}).status, 2);
   {
     Program resumed{{"--no-console", "--shm", name, "--resume"}};
     Controller controller{resumed};
-    controller.claim();
-    EXPECT_EQ(controller.standing(), "primary 1") << "election ids begin anew";
+    EXPECT_EQ(controller.claimAndHear(), "primary 1") << "election ids begin anew";
     EXPECT_EQ(controller.entries().size(), 3U);
     resumed.process.kill(SIGTERM);
     EXPECT_EQ(resumed.process.finish().status, 0);
   }
-  Process other{OSTRA_SIM_PROGRAM, {"--shm", name, "--json"}};  // nothing is left of it
+  Process other{OSTRA_SIM_PROGRAM,
+                {"--shm", name, "--json"}};  // the shared memory is gone, so the name is free
   other.write("insert flow priority=1 -> drop\necho ready\n");
   other.readUntil("ready");
   other.kill(SIGKILL);

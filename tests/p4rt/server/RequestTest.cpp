@@ -44,8 +44,7 @@ TEST_F(RequestTest, IsCheckedForDeviceRolePrimaryAndPipelineInThatOrder) {
   expect(Code::notFound_, "'nobody'");
   request.clear_role();
   expect(Code::permissionDenied_, "there is none");
-  controller_.claim();
-  EXPECT_EQ(controller_.standing(), "primary 1");
+  EXPECT_EQ(controller_.claimAndHear(), "primary 1");
   expect(Code::failedPrecondition_, "no forwarding pipeline");
   EXPECT_EQ(read(1), Code::failedPrecondition_);
   EXPECT_EQ(read(2), Code::notFound_);
@@ -63,8 +62,7 @@ TEST_F(RequestTest, IsCheckedForDeviceRolePrimaryAndPipelineInThatOrder) {
 }
 
 TEST_F(RequestTest, APipelineComesBackInThePartsThatAreAskedFor) {
-  controller_.claim();
-  EXPECT_EQ(controller_.standing(), "primary 1");
+  EXPECT_EQ(controller_.claimAndHear(), "primary 1");
   EXPECT_EQ(get(GetRequest::ALL), Code::ok_);
   EXPECT_FALSE(got_.has_config()) << "none was set";
   auto pipeline = pipelineRequest();
@@ -112,8 +110,7 @@ TEST_F(RequestTest, ErrorsAreCutToWhatAClientTakesSoThatItKeepsItsConnection) {
   const grpc::Status cut = statusFor(300, 0, 0);
   EXPECT_THAT(cut.error_details(), IsEmpty());
   EXPECT_THAT(cut.error_message(), HasSubstr("too long to send"));
-  controller_.claim();
-  EXPECT_EQ(controller_.standing(), "primary 1") << "the connection lives";
+  EXPECT_EQ(controller_.claimAndHear(), "primary 1") << "the connection lives";
 
   Program generous{{"--max-error-details", "1048576"}};
   grpc::ChannelArguments arguments;

@@ -29,16 +29,13 @@ TEST_F(StreamTest, SaysWhyItEndsAStream) {
       << "no role configuration";
 
   Controller backup{program_, {2}};
-  backup.claim();
-  EXPECT_EQ(backup.standing(), "backup of 3");
+  EXPECT_EQ(backup.claimAndHear(), "backup of 3");
   primary.say(
       message("arbitration { device_id: 1 election_id { low: 2 } role { name: 'another' } }"));
   EXPECT_EQ(primary.standing(), "end 9");
   EXPECT_EQ(backup.standing(), "no primary 3");
-  backup.claim(std::nullopt);
-  EXPECT_EQ(backup.standing(), "no primary 3");
-  backup.claim(Id{2, 1});
-  EXPECT_EQ(backup.standing(), "primary 1:2");
+  EXPECT_EQ(backup.claimAndHear(std::nullopt), "no primary 3");
+  EXPECT_EQ(backup.claimAndHear(Id{2, 1}), "primary 1:2");
 }
 
 TEST_F(StreamTest, AnswersWhatIsNoArbitrationWithAnErrorThatNamesIt) {
@@ -74,8 +71,7 @@ TEST_F(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
   std::size_t refused = 0;
   for (std::uint64_t id = 1; id <= P4rt::Arbitration::mostStreams + 20; ++id) {
     auto& controller = *flood.emplace_back(std::make_unique<Controller>(program_, Id{id}));
-    controller.claim();
-    const std::string standing = controller.standing();
+    const std::string standing = controller.claimAndHear();
     served += standing.starts_with("primary") ? 1U : 0U;
     refused += standing == "end 8" ? 1U : 0U;
   }
@@ -85,30 +81,26 @@ TEST_F(StreamTest, AFloodOfStreamsIsRefusedAndLeavesRoomForOthersWhenItIsOver) {
   std::string standing;
   for (int attempt = 0; attempt < 100 && !standing.starts_with("primary"); ++attempt) {
     Controller late{program_, {10'000}};
-    late.claim();
-    standing = late.standing();
+    standing = late.claimAndHear();
   }
   EXPECT_EQ(standing, "primary 10000");
 }
 
 TEST_F(StreamTest, AControllerThatTakesNothingIsCutOffAndTheOthersAreServed) {
-  // It leaves the notices where they are, and its system does not buffer many.
+  // It does not read its notices, and its system does not buffer many.
   grpc::ChannelArguments arguments;
   arguments.SetInt(GRPC_ARG_HTTP2_BDP_PROBE, 0);
   Controller deaf{program_, {1}, {}, arguments};
-  deaf.claim();
-  EXPECT_EQ(deaf.standing(), "primary 1");
+  EXPECT_EQ(deaf.claimAndHear(), "primary 1");
   // Each change of the primary's id is a notice to it.
   Controller lively{program_, {2}};
   const auto cutOff = [&] {
     Controller heir{program_, {1}};
-    heir.claim();
-    return heir.standing().starts_with("backup");  // the id of the deaf one is free
+    return heir.claimAndHear().starts_with("backup");  // the id of the deaf one is free
   };
   bool seen = false;
   for (std::uint64_t id = 2; id < 20'000 && !seen; ++id) {
-    lively.claim(Id{id});
-    ASSERT_EQ(lively.standing(), "primary " + std::to_string(id));
+    ASSERT_EQ(lively.claimAndHear(Id{id}), "primary " + std::to_string(id));
     seen = id % 500 == 0 && cutOff();
   }
   EXPECT_TRUE(seen);

@@ -74,12 +74,12 @@ struct Program {
   }
 
   [[nodiscard]] std::string address() const { return greeting.at("address"); }
-  // What the console says to a command, and to one that marks its end.
+  // What the console prints for a command, and for one that marks its end.
   std::string type(const std::string& command) {
     process.write(command + "\necho played\n");
     return process.readUntil("played\"}\n");
   }
-  // Whether the hardware programs by itself; runs it when it is to.
+  // Sets whether the hardware is automatic. If so, it is run.
   void automaticIs(bool automatic) { type(automatic ? "hw auto\nhw run" : "hw manual"); }
   // Waits until the switch stores so many flows, which the hardware may not have programmed yet.
   void awaitEntries(std::size_t count) {
@@ -151,6 +151,12 @@ class Controller {
     }
     say(message);
   }
+  // The same, and the notice that comes next.
+  std::string claimAndHear() { return claimAndHear(id_); }
+  std::string claimAndHear(std::optional<Id> id) {
+    claim(id);
+    return standing();
+  }
   // The next message; nothing when the stream has ended.
   std::optional<Response> hear() {
     Response message;
@@ -190,8 +196,7 @@ class Controller {
   }
   // Becomes the primary, and sets the shipped pipeline.
   void takeOver() {
-    claim();
-    EXPECT_EQ(standing(), "primary " + std::to_string(id_.low));
+    EXPECT_EQ(claimAndHear(), "primary " + std::to_string(id_.low));
     EXPECT_EQ(codeOf(set(pipelineRequest(id_))), Code::ok_);
   }
 

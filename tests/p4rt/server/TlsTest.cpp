@@ -40,8 +40,7 @@ TEST(TlsTest, LetsInWhoKnowsTheServerAndWithAClientRootWhoIsKnownToIt) {
   const Certificates files;
   const auto standingAt = [](const Program& program, const Controller::Credentials& credentials) {
     Controller controller{program, {1}, "monitor", {}, credentials};
-    controller.claim();
-    return controller.standing();
+    return controller.claimAndHear();
   };
   const auto tls = [&](const std::string& root, const std::string& own = {}) {
     grpc::SslCredentialsOptions options;
