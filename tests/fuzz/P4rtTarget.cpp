@@ -105,17 +105,6 @@ class Play : public P4rtTest::EngineTest {
  private:
   void TestBody() override {}
 
-  // Lets the hardware answer, or time pass, until the request is answered.
-  void await(const bool& done) {
-    for (int round = 0; !done && round < 1000; ++round) {
-      if (answers_) {
-        runHardware();
-      } else {
-        timers.pass(2000);
-      }
-    }
-    Korm::assertTrue(done, "a request is answered");
-  }
   P4rtTest::WriteRequest updates() { return random_.write(hint_, below(source_, 2) == 0); }
   void readDamaged() {
     const auto made = updates();
@@ -140,7 +129,7 @@ class Play : public P4rtTest::EngineTest {
       }
     }
     const auto call = begin(request);
-    await(call->done);
+    await(call, [this] { return answers_; });
     const Texts after = everything();
     if (!call->status.ok() || request.action() <= SetPipeline::VERIFY_AND_SAVE) {
       // The hardware may have no room to restore the entries.
@@ -155,13 +144,8 @@ class Play : public P4rtTest::EngineTest {
   }
 
   void hardware() {
-    agent->automaticIs(below(source_, 2) == 0);
     answers_ = below(source_, 4) != 0;
-    const auto room = [&]() -> std::optional<std::size_t> {
-      return below(source_, 2) == 0 ? std::nullopt : std::optional<std::size_t>(below(source_, 9));
-    };
-    agent->flowCapacityIs(room());
-    agent->groupCapacityIs(room());
+    changeHardware(random_);
     runHardware();
   }
 
@@ -173,7 +157,7 @@ class Play : public P4rtTest::EngineTest {
     }
     const Texts before = everything();
     const WriteCall call = begin(updates, made.atomicity());
-    await(call->done);
+    await(call, [this] { return answers_; });
     const auto& details = call->status.details;
     if (!call->status.ok() && (details.empty() || made.atomicity() != 0)) {
       // The hardware may have no room to restore entities; the message then says so.

@@ -107,6 +107,26 @@ class EngineTest : public testing::Test {
     service->settle();
     timers.pass(0);
   }
+  // Makes the hardware automatic or manual, and full or not.
+  void changeHardware(RandomUpdates& random) {
+    const auto room = [&random] {
+      return random.oneIn(2) ? std::nullopt : std::optional<std::size_t>(random.below(13));
+    };
+    agent->automaticIs(!random.oneIn(4));
+    agent->flowCapacityIs(room());
+    agent->groupCapacityIs(room());
+  }
+  // Until the request is answered, lets the hardware answer or, if it does not, time pass.
+  void await(const auto& call, const std::function<bool()>& hardwareAnswers) {
+    for (int round = 0; !call->done && round < 1000; ++round) {
+      if (hardwareAnswers()) {
+        runHardware();
+      } else {
+        timers.pass(1700);
+      }
+    }
+    EXPECT_TRUE(call->done);
+  }
   // Whether the hardware takes everything at once.
   [[nodiscard]] bool hardwareTakesAll() const {
     return agent->automatic() && !agent->flowCapacity() && !agent->groupCapacity();

@@ -8,27 +8,9 @@ namespace {
 
 class EngineRandom : public Programmed {
  protected:
-  // Makes it automatic or manual, and full or not, at random.
-  void changeHardware() {
-    const auto room = [this](int chances, int most) {
-      return random_.oneIn(chances) ? std::optional<std::size_t>(random_.below(most))
-                                    : std::nullopt;
-    };
-    agent->automaticIs(!random_.oneIn(4));
-    agent->flowCapacityIs(room(3, 13));
-    agent->groupCapacityIs(room(4, 9));
-  }
-
-  // Lets the hardware answer, or time pass, until the write is answered.
+  // Waits for the answer to the write, and applies it to the model.
   void carryThrough(const WriteCall& call) {
-    for (int round = 0; !call->done && round < 200; ++round) {
-      if (random_.oneIn(4)) {
-        timers.pass(random_.below(2500));
-      } else {
-        runHardware();
-      }
-    }
-    EXPECT_TRUE(call->done);
+    await(call, [this] { return !random_.oneIn(4); });
     const Texts outcomes = wordsOf(call->status);
     seen_.insert(outcomes.begin(), outcomes.end());
     Texts ofHardware;
@@ -71,7 +53,7 @@ TEST_F(EngineRandom, HoldsWhatTheModelHoldsAndLeavesNothingBehind) {
       // The same pipeline keeps everything.
       EXPECT_TRUE(setPipeline(SetPipeline::RECONCILE_AND_COMMIT, shippedP4Info()).ok());
     }
-    changeHardware();
+    changeHardware(random_);
     WriteRequest request = random_.write(model_, number / 100 % 2 == 1);
     // Hardware that is late or full may refuse to restore what was there.
     if (!hardwareTakesAll()) {
