@@ -294,7 +294,7 @@ TEST_F(Context, KeepsAStateMachineWhoseEveryInputIsTheSame) {
   EXPECT_FALSE(context->ostraStatusDirSmDel());
 }
 
-TEST_F(Context, GoingItLeavesCorvexAndLetsGoOfEverything) {
+TEST_F(Context, ReleasesItsInputsAndLeavesTheFlowsInCorvex) {
   const auto before = references();
   makeComplete();
   complete();
@@ -311,7 +311,7 @@ TEST_F(Context, GoingItLeavesCorvexAndLetsGoOfEverything) {
   EXPECT_NE(cxFlow(7), nullptr);
 }
 
-TEST_F(Context, IsTakenDownStatusFirstInputsLast) {
+TEST_F(Context, DestroysTheStatusFirstAndReleasesItsInputsLast) {
   Texts order;
   std::vector<std::unique_ptr<Listener<>>> departures;
   // Writes down when the entity goes, and checks whether its notifications are on then.

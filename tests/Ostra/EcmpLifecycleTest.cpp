@@ -161,7 +161,7 @@ TEST_F(EcmpLifecycle, MissingServicesAreTolerated) {
   EXPECT_THAT(writes(), IsEmpty()) << "what cannot be checked is not written";
 }
 
-TEST_F(EcmpLifecycle, SwitchedOffItHearsNothing) {
+TEST_F(EcmpLifecycle, IgnoresChangesWhileItIsSwitchedOff) {
   writeAll();
   start();
   sm->hasNotificationActiveIs(false);
@@ -276,7 +276,7 @@ class EcmpReentry : public Ecmp {
   Listener<const GroupId&> reactor_{cxHwConfig->groupEntryNotifiees()};
 };
 
-TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {
+TEST_F(EcmpReentry, WhatAReactorDoesToANewGroupIsKept) {
   const auto writeGroupWhile = [this](const std::function<void()>& act) {
     groups->entryDelAll();
     writeMembers({5, 6});
@@ -295,7 +295,7 @@ TEST_F(EcmpReentry, WhatAReactorToANewGroupDoesStands) {
       << "a group keeps its copies of members that go";
 }
 
-TEST_F(EcmpReentry, WhatAReactorToANewMemberDoesStands) {
+TEST_F(EcmpReentry, WhatAReactorDoesToANewMemberIsKept) {
   constexpr GroupId id = memberBase + 5;
   const auto writeMemberWhile = [this](const std::function<void()>& act) {
     members->entryDelAll();
@@ -311,7 +311,7 @@ TEST_F(EcmpReentry, WhatAReactorToANewMemberDoesStands) {
 }
 
 // Whether the state machine is still there shows in when it goes.
-TEST_F(EcmpReentry, DroppedWhileItWorksItFinishesItsWalk) {
+TEST_F(EcmpReentry, FinishesItsWalkWhenItIsDroppedMeanwhile) {
   writeMembers({5, 6});
   writeGroup(3, {5});
   writeGroup(4, {5});

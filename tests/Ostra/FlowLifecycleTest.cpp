@@ -111,7 +111,7 @@ TEST_F(FlowLifecycle, AConstructorThatRaisesLeavesNothingBehind) {
   EXPECT_EQ(cxFlows(), (Names{"flow-1", "flow-3", "flow-4"}));
 }
 
-TEST_F(FlowLifecycle, EveryErrorOfTheServiceReportsItselfAndOthersPassOn) {
+TEST_F(FlowLifecycle, ReportsErrorsOfTheServiceAndPassesOthersOn) {
   const auto rules = Korm::makePtr<OwnRules>();
   start([&](auto& inputs) { inputs.validationHelper = rules; });
   OstraKey badPort;
@@ -221,7 +221,7 @@ struct Case {
   std::string after;
 };
 
-TEST_F(FlowReentry, WhatAReactorToAWriteDoesStands) {
+TEST_F(FlowReentry, WhatAReactorDoesToAWriteIsKept) {
   const OstraKey key = plainKey(1);
   const Case cases[] = {
       {"nothing", [] {}, ""},
@@ -253,7 +253,7 @@ TEST_F(FlowReentry, WhatAReactorToAWriteDoesStands) {
   }
 }
 
-TEST_F(FlowReentry, AFlowThatAReactorToItsDeleteWritesAgainKeepsItsBooks) {
+TEST_F(FlowReentry, AFlowWrittenAgainByAReactorToItsDeleteKeepsItsBooks) {
   const Case cases[] = {
       {"inserts the entry again", [&] { table->entryIs(entry(7, 9, 6)); },
        "flow-7 id 9 dscp 9 changed 0; handle 7 vrf 6"},
@@ -272,7 +272,7 @@ TEST_F(FlowReentry, AFlowThatAReactorToItsDeleteWritesAgainKeepsItsBooks) {
 }
 
 // Whether the state machine is still there shows in when it goes.
-TEST_F(FlowReentry, DroppedWhileItWorksItFinishesFirst) {
+TEST_F(FlowReentry, FinishesItsWriteWhenItIsDroppedMeanwhile) {
   Texts order;
   const auto drop = [&](const char* what) {
     sm = nullptr;

@@ -19,7 +19,7 @@ const Korm::IpAddr ip6 = *Korm::parseIpAddr("2001:db8::1");
 const Korm::IpAddr ip6Mask = *Korm::parseIpAddr("ffff::");
 
 // What a controller cannot write, but a row can hold.
-TEST_F(FlowTranslation, BitsOutsideAFieldAndAddressesWithoutAFamilyAreOfNoAccount) {
+TEST_F(FlowTranslation, BitsOutsideAFieldAndAddressesWithoutAFamilyAreIgnored) {
   OstraConfigEntry entry = flow(7, OstraKey{});
   entry.flowKey.etherTypeIs(0x0800, 0xFFFF);
   entry.flowKey.ip4DstIs(Korm::IpAddr{}, ip4);
@@ -60,7 +60,7 @@ TEST_F(FlowTranslation, BitsOutsideAFieldAndAddressesWithoutAFamilyAreOfNoAccoun
   EXPECT_TRUE(theFlow(8).actions() == OpenFlowTable::Actions{});
 }
 
-TEST_F(FlowTranslation, EachWriteIsToldOnceAndStampedWhenItIsDone) {
+TEST_F(FlowTranslation, EachWriteIsNotifiedOnceAndThenTimestamped) {
   std::size_t stamps = 0;
   OstraConfigEntry entry = flowInVrf(0xFFFFFFFFFFFFFFFF, 1, 5);
   Listener<const Korm::Name&> told{
@@ -93,7 +93,7 @@ TEST_F(FlowTranslation, EachWriteIsToldOnceAndStampedWhenItIsDone) {
   EXPECT_EQ(sm->vrfId(entry.key()), noVrf);
 }
 
-TEST_F(FlowTranslation, AVrfIsBookedByTheCountsThatThePlatformKeepsAndInsideABatchOrNot) {
+TEST_F(FlowTranslation, VrfsAreBookedOutsideABatchAndWithoutACount) {
   write(flowInVrf(1, 1, 5));
   EXPECT_TRUE(isDependent(1));
   table->entryIs(flowInVrf(2, 2, 6));

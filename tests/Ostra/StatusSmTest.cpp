@@ -152,7 +152,7 @@ TEST_F(StatusSm, AChangeMadeDuringTheFirstReportsIsReportedToo) {
   EXPECT_EQ(flowReactors(), 2U);
 }
 
-TEST_F(StatusSm, SwitchedOnAgainItFollowsWhatIsThereByThen) {
+TEST_F(StatusSm, FollowsWhatIsThereWhenItIsSwitchedOnAgain) {
   for (const char* const name : {"flow-1", "flow-2", "flow-3"}) {
     flow(name, FlowStatus::programmed_);
   }
@@ -212,7 +212,7 @@ TEST_F(StatusSm, SettlesOnTheEntityThatIsInTheDirectory) {
   EXPECT_EQ(hw->references(), 2U) << "dropped: held here and by the directory";
 }
 
-TEST_F(StatusSm, DestroyedItSilencesAStateMachineThatSomebodyElseHolds) {
+TEST_F(StatusSm, SilencesItsStateMachineWhenItIsDestroyed) {
   auto& stats = flow("flow-1", FlowStatus::programmed_);
   start();
   const Korm::Ptr<OstraStatusSm> held = sm->p4RtCxStatusSm();

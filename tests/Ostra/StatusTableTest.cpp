@@ -84,7 +84,7 @@ TEST_F(StatusTable, ACorruptRowGoesToTheHandlerAndToNobodyElse) {
   EXPECT_EQ(status_->table().verify(), std::nullopt);
 }
 
-TEST_F(StatusTable, AnObserversExceptionLeavesWithTheChangeMade) {
+TEST_F(StatusTable, AnExceptionOfAnObserverDoesNotUndoTheChange) {
   told_.actionIs([](const OstraKey&) { throw Vasta::Corruption{"another table", 1, 2, 3}; });
   EXPECT_THROW(status_->tableIs(entry(1, 10)), Vasta::Corruption);
   EXPECT_EQ(status_->table().corruptionCount(), 0U) << "it is not this table that is corrupt";
@@ -115,7 +115,7 @@ TEST_F(StatusTable, TheControlFollowsTheTable) {
 }
 
 // Whether an entity is still there shows in what is attached to it.
-TEST_F(StatusTable, GoesWithItsLastOutsideReference) {
+TEST_F(StatusTable, IsDestroyedWithItsLastOutsideReference) {
   Listener<> watch{status_->zeroReferencesNotifiees()};
   status_->tableControlIs(status_->tableControl());
   status_->tableIs(entry(1, 10));

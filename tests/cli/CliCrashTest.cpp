@@ -276,7 +276,7 @@ class CliCrash : public SharedSwitch {
   std::uint64_t lastHandle_ = 0;
 };
 
-TEST_F(CliCrash, NothingAnsweredIsLostAndNothingElseIsTorn) {
+TEST_F(CliCrash, AnsweredWritesAreKeptAndOthersAreWholeOrAbsent) {
   const unsigned long rounds = setting("OSTRA_CRASH_ROUNDS", 25);
   for (unsigned long number = 0; number < rounds && !HasFailure(); ++number) {
     SCOPED_TRACE("round " + std::to_string(number));
@@ -287,7 +287,7 @@ TEST_F(CliCrash, NothingAnsweredIsLostAndNothingElseIsTorn) {
   }
 }
 
-TEST_F(CliCrash, WhatAKilledOneLeftIsGoneOnWithOrRemovedAndNeverLostSilently) {
+TEST_F(CliCrash, WhatAKilledSwitchLeftIsResumedOrDiscardedOnlyOnRequest) {
   const auto killed = start();
   killed->play("port 1 Ethernet1\ninsert flow priority=1 -> drop\n");
   // One name, one process.

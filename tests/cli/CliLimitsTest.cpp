@@ -84,7 +84,7 @@ class CliLimits : public SharedSwitch {
   std::unique_ptr<Process> switch_;
 };
 
-TEST_F(CliLimits, WhatIsMissingIsSaidAndNothingIsLeft) {
+TEST_F(CliLimits, AShortageIsReportedAndLeavesNothingBehind) {
   startSwitch();
   for (const Shortage& tried : shortages) {
     if (sanitized && !tried.withSanitizers) {
@@ -102,7 +102,7 @@ TEST_F(CliLimits, WhatIsMissingIsSaidAndNothingIsLeft) {
   EXPECT_THAT(switch_->finish().out, HasSubstr("a?[31mb"));
 }
 
-TEST_F(CliLimits, SomethingElseOfItsNameIsNeitherReadNorWrittenNorWaitedFor) {
+TEST_F(CliLimits, AForeignObjectOfItsNameIsLeftAlone) {
   for (const std::string& segment :
        {"ostra." + other_, other_ + ".trace", "vasta." + other_ + ".p4runtime.flowTable.0.entry"}) {
     const std::string path = "/dev/shm/" + segment;
@@ -124,7 +124,7 @@ TEST_F(CliLimits, SomethingElseOfItsNameIsNeitherReadNorWrittenNorWaitedFor) {
   }
 }
 
-TEST_F(CliLimits, OfSeveralThatStartAtOnceAfterAKillOneComesUp) {
+TEST_F(CliLimits, OneOfSeveralStartedAtOnceAfterAKillComesUp) {
   for (int round = 0; round < 6; ++round) {
     startSwitch({"--discard"});
     switch_->finishBy(SIGKILL);

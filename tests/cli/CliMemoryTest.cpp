@@ -154,7 +154,7 @@ TEST_F(CliMemory, AnyAllocationThatFailsEndsTheRunInOrder) {
   ASSERT_NO_FATAL_FAILURE(exhaust(strideOr(211), true, text, nothingIsLeft));
 }
 
-TEST_F(CliMemory, WhatHadBeenAnsweredIsThereForTheNextOne) {
+TEST_F(CliMemory, AnsweredWritesSurviveAFailedAllocation) {
   const std::vector<std::string> states = rowsByWrites();
   std::string text;
   std::vector<std::size_t> writes{0};  // before each command
@@ -179,7 +179,7 @@ TEST_F(CliMemory, WhatHadBeenAnsweredIsThereForTheNextOne) {
   });
 }
 
-TEST_F(CliMemory, ThatFailsWhileOneResumesOrLooksOnCostsNothing) {
+TEST_F(CliMemory, AFailureWhileResumingOrShowingLosesNothing) {
   const auto leave = [this] {
     const auto process = start({"--json", "--discard"});
     process->play(whole().substr(0, whole().find("corvex")));

@@ -9,7 +9,7 @@ using namespace SwitchTest;
 
 class ServiceRows : public Switch {};
 
-TEST_F(ServiceRows, WrittenAgainBeforeTheirResultHaveItAsAReport) {
+TEST_F(ServiceRows, WrittenAgainWhilePendingGetTheirFirstResultAsAReport) {
   play(
       "hw manual\ninsert flow priority=1 -> drop\ninsert flow priority=2 -> drop\n"
       "insert flow priority=3 -> drop");
@@ -22,7 +22,7 @@ TEST_F(ServiceRows, WrittenAgainBeforeTheirResultHaveItAsAReport) {
                      "report for entry 1: done\nreport for entry 2: done\n")));
 }
 
-TEST_F(ServiceRows, ThatAreDamagedAreReportedUntilTheyAreWritten) {
+TEST_F(ServiceRows, DamagedAreReportedUntilTheyAreWrittenAgain) {
   play("insert flow priority=1 -> drop\ninsert flow priority=2 -> drop");
   EXPECT_TRUE(service.rowDamaged(1) && service.rowDamaged(2));
   EXPECT_FALSE(service.rowDamaged(1));
