@@ -147,31 +147,31 @@ struct Model : Library {
   void lifeIs(const std::string& command) {
     const bool starts = command.starts_with("start");
     if (starts == running) {
-      error("read '" + command.substr(0, command.find(' ')) + "', expected '" +
-            (running ? "stop" : "start") + "' first: the library is " +
-            (running ? "running" : "stopped"));
-    } else if (starts) {
-      start(command != "start");
-    } else if (command == "resync") {
-      enterAnnouncements();
-      hearAll();
-      finishAnnouncements();
-    } else {
-      forget();
+      return error("read '" + command.substr(0, command.find(' ')) + "', expected '" +
+                   (running ? "stop" : "start") + "' first: the library is " +
+                   (running ? "running" : "stopped"));
     }
-  }
-  void start(bool bare) {
+    if (command == "stop") {
+      return forget();
+    }
     enterAnnouncements();
     try {
-      create();
+      if (starts) {
+        create();
+      }
     } catch (const std::range_error& refused) {
       forget();
       return error(refused.what());
     }
-    if (!bare) {
+    if (command != "start bare") {
       hearAll();
     }
-    finishAnnouncements();
+    settle();
+    for (const Update& update : finishBatch()) {
+      if (update.state != "done" || update.code != 0) {
+        print(update);
+      }
+    }
   }
   void eachStored(auto visit) {
     eachRow(members, AtDamage::goOn_, visit);
@@ -201,14 +201,6 @@ struct Model : Library {
       current = at++;
       apply([&] { hear(key, row); });
     });
-  }
-  void finishAnnouncements() {
-    settle();
-    for (const Update& update : finishBatch()) {
-      if (update.state != "done" || update.code != 0) {
-        print(update);
-      }
-    }
   }
 
   // The findings of an audit that gives the hardware no time, such as "fault row-without-flow entry

@@ -14,19 +14,20 @@ class RandomArbitration {
 
   void step() {
     const StreamId stream = pick(8);
-    switch (pick(6)) {
-      case 0:
-        hear(arbitration_.gone(stream), {});
-        drop(stream);
-        break;
-      case 1:
-        beginWrite(roleOf(stream));
-        break;
-      case 2:
-        endWrite(roleOf(stream));
-        break;
-      default:
-        claim(stream);
+    const Role role = roleOf(stream);
+    Realm& realm = realms_[role];
+    const auto action = pick(6);
+    if (action == 0) {
+      hear(arbitration_.gone(stream), {});
+      drop(stream);
+    } else if (action == 1 && mayWrite(realm)) {
+      arbitration_.writeBegins(role);
+      realm.writes.push_back(*realm.primary);
+    } else if (action == 2 && !realm.writes.empty()) {
+      realm.writes.pop_back();
+      hear(arbitration_.writeEnds(role), realm.primary);
+    } else if (action > 2) {
+      claim(stream);
     }
     compare();
   }
@@ -86,21 +87,6 @@ class RandomArbitration {
     realm.controllers.erase(stream);
     if (realm.primary == stream) {
       realm.primary.reset();
-    }
-  }
-
-  void beginWrite(const Role& role) {
-    Realm& realm = realms_[role];
-    if (mayWrite(realm)) {
-      arbitration_.writeBegins(role);
-      realm.writes.push_back(*realm.primary);
-    }
-  }
-  void endWrite(const Role& role) {
-    Realm& realm = realms_[role];
-    if (!realm.writes.empty()) {
-      realm.writes.pop_back();
-      hear(arbitration_.writeEnds(role), realm.primary);
     }
   }
 

@@ -68,8 +68,8 @@ using Refusals = std::vector<std::pair<std::string, std::vector<Update>>>;
 
 class RefusalTest : public Programmed {
  protected:
-  // Entry 1 with a VRF; members 1 and 2, group 1 of both, group 3 of member 1, routes 1 and 2 by
-  // group 1.
+  // Entry 1 with a VRF; members 1 and 2; group 1 of both, group 3 of member 1; route 1 by group 1,
+  // route 2 by member 2.
   RefusalTest() {
     expectTaken({insert(acl(1, does(4, {"\\007"}))), insert(member(1)), insert(member(2)),
                  insert(group(1, {{1, 2}, {2, 1}})), insert(group(3, {{1, 1}})),
