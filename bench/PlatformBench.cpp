@@ -38,10 +38,7 @@ void tableOverwrite(benchmark::State& state) {
   const auto count = argument(state);
   auto entries = makeEntries(count);
   Table table{anonymous()};
-  for (const auto& entry : entries) {
-    table.is(entry);
-    table.is(entry);  // now both cells of the row are in memory, as after any modify
-  }
+  writeAll(table, entries);
   shuffle(entries, 2);
   std::uint32_t generation = 0;
   for (auto _ : state) {
