@@ -58,10 +58,6 @@ TEST(Address, HasMasksOfEveryLengthOfItsFamilyAndNoOther) {
   EXPECT_THROW((void)IpAddr::prefixMask(none_, 1), RangeException);
 }
 
-static_assert(std::has_unique_object_representations_v<EthAddr> &&
-              std::has_unique_object_representations_v<IpAddr> &&
-              std::has_unique_object_representations_v<PodArrayPair<std::uint32_t, 3>>);
-
 // Limits.
 
 template <class Bounded>

@@ -1,9 +1,7 @@
-// The service's side: results, entry errors, interfaces.
+// The service's side: results and interfaces. Which ports are allowed is in tests/soak.
 
 #include "platform/Interface/Interface.h"
 #include "platform/Korm/Exceptions.h"
-#include "platform/P4Runtime/Types.h"
-#include "platform/P4Runtime/Validation.h"
 #include "tests/Heard.h"
 
 namespace P4Runtime {
@@ -74,40 +72,6 @@ TEST_F(BatchStatusTest, TheServiceMayCloseOrMarkTheEntryThatItHearsOf) {
   root->dependentEntryStatusIs(batch_->batchStatusEntry(5));
   EXPECT_EQ(batch_->entries(), 0U);
   EXPECT_THAT(second.takeEach(), ElementsAre("5 notFound: x", "dependent 5 success: " + message));
-}
-
-// Which ports are allowed is in tests/soak.
-TEST_F(BatchStatusTest, AnEntryErrorIsRecordedWhenItIsReported) {
-  DefaultValidationHelper helper{batch_};
-  const auto entry = batch_->batchStatusEntryIs(7);
-  try {
-    helper.validatePortId(7, 0, "ingress port-id");
-    ADD_FAILURE() << "port 0 is taken";
-  } catch (const P4RuntimeExceptionBase& error) {
-    EXPECT_EQ(entry->errorCode(), ErrorCode::success_);
-    error.report();
-    EXPECT_EQ(entry->errorCode(), ErrorCode::invalidArgument_);
-    EXPECT_EQ(entry->message(), error.what());
-  }
-  for (const P4PortId mask : {0x7FFFFFFFU, 254U}) {
-    EXPECT_THROW(helper.validatePortIdMask(7, mask, "egress port-id"), EntryErrorException);
-  }
-}
-
-TEST(ErrorCodes, AreReadAsTheyArePrintedAndInNoOtherWay) {
-  for (const std::uint32_t number :
-       {0U, 1U, 2U, 6U, 7U, 13U, 14U, 15U, 16U, 17U, 19U, 0xFFFFFFFFU}) {
-    const std::string text = errorCodeText(ErrorCode{number}) + "'}";
-    auto current = text.begin();
-    EXPECT_EQ(parseErrorCode(current, text.end()), ErrorCode{number});
-    EXPECT_EQ(std::string(current, text.end()), "'}");
-  }
-  for (const std::string text :
-       {"", "Success", "successful", "0", "15", "002", "-2", "4294967296"}) {
-    auto current = text.begin();
-    EXPECT_THROW((void)parseErrorCode(current, text.end()), Korm::RangeException) << text;
-    EXPECT_EQ(current, text.begin());
-  }
 }
 
 // Interfaces.
