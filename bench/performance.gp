@@ -20,8 +20,11 @@ set multiplot layout 1,3
 do for [operation in "Insert Modify Delete"] {
   set title operation.", ns"
   base = operation eq "Modify" ? "Overwrite" : operation
-  plot points("BM_Floor".base) with linespoints lw 2 pt 7 lc rgb "#888888" title "two standard maps", \
-       points("BM_Flow".operation) with linespoints lw 2 pt 7 lc rgb "#1f77b4" title "the library", \
-       points("BM_Write".operation) with linespoints lw 2 pt 7 lc rgb "#d62728" title "a whole write"
+  plot points("BM_Floor".base) with linespoints lw 2 pt 7 lc rgb "#888888" \
+         title "two standard maps", \
+       points("BM_Flow".operation) with linespoints lw 2 pt 7 lc rgb "#1f77b4" \
+         title "the library", \
+       points("BM_Write".operation) with linespoints lw 2 pt 7 lc rgb "#d62728" \
+         title "a whole write"
 }
 unset multiplot

@@ -14,27 +14,30 @@ function(ostra_target target)
 
   if(OSTRA_SANITIZE)
     target_compile_options(
-      ${target} PRIVATE -fsanitize=${OSTRA_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+      ${target} PRIVATE -fsanitize=${OSTRA_SANITIZE} -fno-sanitize-recover=all
+                        -fno-omit-frame-pointer)
     # Public: whoever links an instrumented archive needs the run-time library.
     target_link_options(${target} PUBLIC -fsanitize=${OSTRA_SANITIZE})
   endif()
 endfunction()
 
 # ostra_library(<target> <folder> <sources>...)
-#   A library that is installed and exported as ostra::<folder in lower case>. Its headers are included
-#   as "<folder>/...", in this tree and when installed. Those below a folder "private" are not installed.
+#   A library that is installed and exported as ostra::<folder in lower case>. Its headers are
+#   included as "<folder>/...", in this tree and when installed. Those below a folder "private" are
+#   not installed.
 function(ostra_library target folder)
   string(TOLOWER "${folder}" name)
   add_library(${target} ${ARGN})
   add_library(ostra::${name} ALIAS ${target})
   ostra_target(${target})
   set_target_properties(
-    ${target} PROPERTIES EXPORT_NAME ${name} VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
+    ${target} PROPERTIES EXPORT_NAME ${name} VERSION ${PROJECT_VERSION}
+                         SOVERSION ${PROJECT_VERSION_MAJOR})
 
   set(root "${PROJECT_SOURCE_DIR}")
   if(NOT OSTRA_OWN_PLATFORM)
-    # With the project's root on the include path, a header that the integrator's platform lacks would be
-    # found in this tree instead of being reported.
+    # With the project's root on the include path, a header that the integrator's platform lacks
+    # would be found in this tree instead of being reported.
     set(root "${CMAKE_CURRENT_BINARY_DIR}/include")
     file(MAKE_DIRECTORY "${root}")
     file(CREATE_LINK "${CMAKE_CURRENT_SOURCE_DIR}" "${root}/${folder}" SYMBOLIC)

@@ -3,8 +3,8 @@
 # SOURCE, BUILD    Ostra's source and build folders
 # WORK             where to put everything
 # COMPILER         the C++ compiler
-# PLATFORM         the archive of the platform, to build Ostra once more as an integrator does who brings
-#                  the platform; empty to install what BUILD holds
+# PLATFORM         the archive of the platform, to build Ostra once more as an integrator does who
+#                  brings the platform; empty to install what BUILD holds
 
 function(run)
   execute_process(COMMAND ${ARGV} COMMAND_ECHO STDOUT RESULT_VARIABLE result)

@@ -1,5 +1,5 @@
-# A platform that is not Ostra's, as an integrator would package it: headers under include/platform and an
-# archive, both beside this file.
+# A platform that is not Ostra's, as an integrator would package it: headers under include/platform
+# and an archive, both beside this file.
 include(CMakeFindDependencyMacro)
 find_dependency(Threads)
 

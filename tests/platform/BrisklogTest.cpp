@@ -28,7 +28,6 @@ using namespace TestSupport;
 
 using namespace Brisklog;
 using Shapes::Color;
-using Strings = Texts;
 
 constinit TraceHandle handle{"Shapes"};
 constinit TracePoint plain{handle, 5, "Drawer::", "draw"};
@@ -36,8 +35,6 @@ constinit TracePoint flowPoint{
     handle, 5, "OstraSm::", "handleFlowConfigImpl", " insert flow:%s", "Ostra/OstraSm", 123};
 constinit TracePoint pairPoint{handle, 7, "Drawer::", "pair", " %s then %s"};
 constinit TracePoint countedPoint{handle, 7, "Writer::", "run", " %s %s %s"};
-
-double hostTime = 1;
 
 class BrisklogTest : public testing::Test {
  protected:
@@ -53,11 +50,6 @@ class BrisklogTest : public testing::Test {
     const auto previous = ringIs(Ring::create(options));
   }
 
-  static void useHostClock(double time) {
-    hostTime = time;
-    Korm::clockIs([] { return hostTime; });
-  }
-
   // What the sink is given from now on.
   void collectText(int level) {
     handle.levelIs(level);
@@ -71,7 +63,7 @@ class BrisklogTest : public testing::Test {
 
   static std::string shmName() { return uniqueName("/brisklog-test"); }
 
-  Strings texts_;
+  Texts texts_;
 };
 
 TEST_F(BrisklogTest, TextAndRingSayTheSame) {
@@ -88,18 +80,18 @@ TEST_F(BrisklogTest, TextAndRingSayTheSame) {
   pairPoint("alone");
   countedPoint(1, 2, 3, 4, 5, 6, 7, 8);
 
-  const Strings expected{"Drawer::draw",
-                         "Drawer::pair true then false",
-                         "Drawer::pair -128 then 18446744073709551615",
-                         "Drawer::pair 0.1 then 1e+300",
-                         "Drawer::pair 100%s sure then %s",
-                         "Drawer::pair (null) then ",
-                         "Drawer::pair x then 65",
-                         "Drawer::pair 007fff then ",
-                         "Drawer::pair alone then %s",
-                         "Writer::run 1 2 3 4 5 6 7 8"};
+  const Texts expected{"Drawer::draw",
+                       "Drawer::pair true then false",
+                       "Drawer::pair -128 then 18446744073709551615",
+                       "Drawer::pair 0.1 then 1e+300",
+                       "Drawer::pair 100%s sure then %s",
+                       "Drawer::pair (null) then ",
+                       "Drawer::pair x then 65",
+                       "Drawer::pair 007fff then ",
+                       "Drawer::pair alone then %s",
+                       "Writer::run 1 2 3 4 5 6 7 8"};
   EXPECT_EQ(texts_, expected);
-  Strings decoded;
+  Texts decoded;
   for (const DecodedRecord& record : RingReader::attach(ring()).newest(64)) {
     decoded.push_back(record.text());
   }
@@ -113,7 +105,7 @@ TEST_F(BrisklogTest, LevelOfTheHandleDecidesAboutTextAndNeverAboutTheRing) {
     plain(level);
     pairPoint(Color::green_, level);
   }
-  EXPECT_EQ(texts_, (Strings{"Drawer::draw 7", "Drawer::pair green then 7"}));
+  EXPECT_EQ(texts_, (Texts{"Drawer::draw 7", "Drawer::pair green then 7"}));
   EXPECT_EQ(Shapes::printed, 1) << "values are formatted only when their text is wanted";
   const auto records = RingReader::attach(ring()).newest(64);
   ASSERT_EQ(records.size(), 6U);
@@ -122,7 +114,7 @@ TEST_F(BrisklogTest, LevelOfTheHandleDecidesAboutTextAndNeverAboutTheRing) {
 
 TEST_F(BrisklogTest, SinkLearnsWhereTheMessageComesFromAndMayTraceItself) {
   handle.levelIs(7);
-  Strings seen;
+  Texts seen;
   textSinkIs([&](const TextMessage& message) {
     seen.push_back(std::string(message.handle) + '|' + std::to_string(message.level) + '|' +
                    std::string(message.unit) + ':' + std::to_string(message.line) + '|' +
@@ -130,17 +122,18 @@ TEST_F(BrisklogTest, SinkLearnsWhereTheMessageComesFromAndMayTraceItself) {
     plain("from the sink");
   });
   flowPoint("flow-1");
-  EXPECT_EQ(seen, Strings{"Shapes|5|Ostra/OstraSm:123|handleFlowConfigImpl"});
+  EXPECT_EQ(seen, Texts{"Shapes|5|Ostra/OstraSm:123|handleFlowConfigImpl"});
   EXPECT_EQ(last().text(), "Drawer::draw from the sink");
 }
 
 TEST_F(BrisklogTest, TheHostsClockIsRecordedExactlyAndALineIsPrintable) {
-  for (const double time : {0.1, -3.5, 1e300, 1700000000.123456789}) {
-    useHostClock(time);
+  static double time;
+  Korm::clockIs([] { return time; });
+  for (const double now : {0.1, -3.5, 1e300, 1700000000.123456789, 1.0}) {
+    time = now;
     plain();
-    EXPECT_EQ(last().time, time);
+    EXPECT_EQ(last().time, now);
   }
-  useHostClock(1);
   flowPoint("a\nb\x1b");
   EXPECT_EQ(last().printedLine(),
             "1.000000 5 Ostra/OstraSm:123 OstraSm::handleFlowConfigImpl insert flow:a\\x0ab\\x1b");
@@ -149,17 +142,16 @@ TEST_F(BrisklogTest, TheHostsClockIsRecordedExactlyAndALineIsPrintable) {
 TEST_F(BrisklogTest, LongTextIsCutWithAMarkAndTakesNobodysPlace) {
   const std::string longText = "0123456789" + std::string(300, 'x');
   plain(longText);
-  EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103) + "..."});
+  EXPECT_EQ(last().arguments, Texts{longText.substr(0, 103) + "..."});
   plain(longText.substr(0, 103));
-  EXPECT_EQ(last().arguments, Strings{longText.substr(0, 103)}) << "fits to the byte";
+  EXPECT_EQ(last().arguments, Texts{longText.substr(0, 103)}) << "fits to the byte";
   countedPoint(1, longText, -1.5, longText, true, Bytes{longText.data(), 100});
-  EXPECT_EQ(last().arguments,
-            (Strings{"1", longText.substr(0, 8 * 8 - 1) + "...", "-1.5",
-                     longText.substr(0, 7) + "...", "true", "30313233343536..."}));
+  EXPECT_EQ(last().arguments, (Texts{"1", longText.substr(0, 8 * 8 - 1) + "...", "-1.5",
+                                     longText.substr(0, 7) + "...", "true", "30313233343536..."}));
 
   collectText(7);
   plain(longText);
-  EXPECT_EQ(texts_, Strings{"Drawer::draw " + longText}) << "the text trace is never cut";
+  EXPECT_EQ(texts_, Texts{"Drawer::draw " + longText}) << "the text trace is never cut";
 }
 
 TEST_F(BrisklogTest, FullDictionaryCostsTheDescriptionAndNotTheRecord) {

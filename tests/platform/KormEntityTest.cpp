@@ -63,12 +63,10 @@ void hammerFromThreads() {
   for (int round = 0; round < 200; ++round) {
     std::vector<std::jthread> threads;
     for (auto shared = makePtr<Shared>(); threads.size() < 4;) {
-      threads.emplace_back([mine = shared]() mutable {
+      threads.emplace_back([mine = shared] {
         for (int copy = 0; copy < 50; ++copy) {
           const Ptr<Entity> other = mine;
-          const Ptr<Entity> third{other};
         }
-        mine = nullptr;
       });
     }
   }
@@ -96,7 +94,6 @@ class DirTest : public testing::Test {
   Listener<const Name&> teller_{dir_->notifiees(), [this](const Name& name) {
                                   told_.push_back(name + (dir_->entityPtr(name) ? "+" : "-"));
                                 }};
-  Listener<const Name&> reactor_{dir_->notifiees()};
 };
 
 TEST_F(DirTest, TellsTheNameOfWhatIsAddedReplacedAndRemoved) {
@@ -123,7 +120,8 @@ TEST_F(DirTest, MayBeChangedByItsReactors) {
   take();
   // The name told may be the key of the very entity that goes.
   const Name& name = dir_->entities().begin()->first;
-  reactor_.nextIs([this] { dir_->entityDel("a"); });
+  Listener<const Name&> remover{dir_->notifiees()};
+  remover.nextIs([this] { dir_->entityDel("a"); });
   dir_->entityIs(name, makePtr<Lamp>("a"));
   EXPECT_EQ(take(), (Texts{"a+", "a-"}));
 }

@@ -19,9 +19,9 @@ class SegmentTest : public testing::Test {
     EXPECT_EQ(::stat(path().c_str(), &status), 0);
     return status.st_mode & 0777U;
   }
-  [[nodiscard]] int openError(Segment::Access access = Segment::Access::readOnly_) const {
+  [[nodiscard]] int openError() const {
     try {
-      return Segment::open(name_, access, 0, "test") == nullptr ? ENOENT : 0;
+      return Segment::open(name_, Segment::Access::readOnly_, 0, "test") == nullptr ? ENOENT : 0;
     } catch (const std::system_error& error) {
       return error.code().value();
     }
