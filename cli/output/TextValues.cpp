@@ -17,7 +17,6 @@ namespace {
 using OpenFlowTable::FlowStatus;
 using OpenFlowTable::GroupStatus;
 using OpenFlowTable::GroupType;
-using OpenFlowTable::Masked;
 using P4Runtime::ErrorCode;
 
 template <class Enum, std::size_t count>
