@@ -3,8 +3,9 @@
 
     run.py SOURCE WORK [FILE...]
 
-SOURCE is the project, WORK a folder for a copy of it with a build tree of its own. Faults are those of
-faults.txt, or only those in the FILEs named. A fault that no test catches is printed as it stands there.
+SOURCE is the project, WORK a folder for a copy of it with a build tree of its own. Faults are those
+of faults.txt, or only those in the FILEs named. A fault that no test catches is printed as it
+stands there.
 """
 import os
 import pathlib
@@ -22,8 +23,8 @@ TESTS = {
     "p4rt": ["p4rt-core-tests", "p4rt-server-tests"],
 }
 # A fault may leave something unused, which is no reason to refuse it.
-LENIENT = "".join(f'#pragma GCC diagnostic ignored "-Wunused-{what}"\n'
-                  for what in ("function", "variable", "parameter", "but-set-variable", "const-variable"))
+UNUSED = ("function", "variable", "parameter", "but-set-variable", "const-variable")
+LENIENT = "".join(f'#pragma GCC diagnostic ignored "-Wunused-{what}"\n' for what in UNUSED)
 SECONDS = 180  # after which a test program is taken to hang
 
 
@@ -44,13 +45,13 @@ def say(words):
 
 
 class Tree:
-    """A copy of the project, built as the everyday build is, so that a compiler cache serves both."""
+    """A copy of the project, built as the everyday build is, so that a cache serves both."""
 
     def __init__(self, source, work):
         self.copy, self.build = work, work / "build/dev"
         self.environment = os.environ | {"CCACHE_BASEDIR": str(work)}
-        listed = subprocess.run(["git", "ls-files", "-z"], cwd=source, check=True, capture_output=True)
-        names = set(filter(None, listed.stdout.decode().split("\0")))
+        listed = subprocess.check_output(["git", "ls-files", "-z"], cwd=source, text=True)
+        names = set(filter(None, listed.split("\0")))
         for old in [path for path in self.copy.rglob("*") if path.is_file()]:
             name = old.relative_to(self.copy).as_posix()
             if name not in names and not name.startswith("build/"):
@@ -67,16 +68,18 @@ class Tree:
 
     def make(self, targets):
         """The compiler's words if it refuses."""
-        done = subprocess.run(["cmake", "--build", self.build, "--parallel", str(os.cpu_count()), "--target",
-                               *targets], capture_output=True, text=True, env=self.environment)
+        build = ["cmake", "--build", self.build, "--parallel", str(os.cpu_count()), "--target"]
+        done = subprocess.run([*build, *targets], capture_output=True, text=True,
+                              env=self.environment)
         return "" if done.returncode == 0 else done.stdout
 
     def failing(self, test):
         """Whether a test of the program fails, in whatever way."""
         quick = ["--gtest_fail_fast", "--gtest_brief=1", "--gtest_catch_exceptions=0"]
+        none = subprocess.DEVNULL
         try:
-            done = subprocess.run([self.build / "tests" / test, *quick], stdout=subprocess.DEVNULL,
-                                  stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL, timeout=SECONDS)
+            done = subprocess.run([self.build / "tests" / test, *quick], stdin=none, stdout=none,
+                                  stderr=none, timeout=SECONDS)
         except subprocess.TimeoutExpired:
             return True
         return done.returncode != 0
@@ -107,7 +110,8 @@ def judge(tree, file, text, replacement):
 
 
 def main():
-    source, work, wanted = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]).resolve(), sys.argv[3:]
+    source, work = pathlib.Path(sys.argv[1]), pathlib.Path(sys.argv[2]).resolve()
+    wanted = sys.argv[3:]
     faults = [fault for fault in read_faults(source / "tests/mutants/faults.txt")
               if not wanted or fault[0] in wanted]
     if not faults:
