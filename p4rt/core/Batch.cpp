@@ -88,33 +88,66 @@ Batch::~Batch() {
 
 void Batch::advance() {
   for (;;) {
-    if (run_.empty()) {
-      fillRun();
-    }
-    if (run_.empty()) {
-      break;
-    }
-    while (stage_ < stages.size()) {
-      if (!writeStage() && !expired_) {
-        if (!deadline_) {
-          deadline_ = parts_.timers.after(parts_.timeout, [this] { expire(); });
+    switch (phase_) {
+      case Phase::plan_:
+        fillRun();
+        phase_ = run_.empty() ? Phase::settle_ : Phase::write_;
+        break;
+      case Phase::write_:
+        if (stage_ == stages.size()) {
+          endRun();
+        } else if (mustWait(writeStage())) {
+          return;
+        } else {
+          takeStage();
         }
-        waiting_ = true;
-        return;
-      }
-      takeStage();
+        break;
+      case Phase::undo_:
+        if (undoStage_ == 0) {
+          endUndo();
+        } else if (mustWait(writeUndo())) {
+          return;
+        } else {
+          takeUndo();
+        }
+        break;
+      case Phase::settle_:
+        if (!stopped_ && (!rollsBack_ || keepAll())) {
+          finish();
+          return;
+        }
+        parts_.keeper.forgetNoted();
+        phase_ = Phase::rollBack_;
+        break;
+      case Phase::rollBack_:
+        if (runs_.empty()) {
+          finish();
+          return;
+        }
+        beginUndo(runs_.back());
+        break;
     }
-    finishRun();
   }
-  if (stopped_ || (rollsBack_ && !keepAll())) {
-    rollBack();
+}
+
+bool Batch::mustWait(bool answered) {
+  if (answered || expired_) {
+    return false;
   }
-  finish();
+  if (!deadline_) {
+    deadline_ = parts_.timers.after(parts_.timeout, [this] { expire(); });
+  }
+  waiting_ = true;
+  return true;
 }
 
 void Batch::resume() {
   waiting_ = false;
-  takeStage();
+  if (phase_ == Phase::undo_) {
+    takeUndo();
+  } else {
+    takeStage();
+  }
   advance();
 }
 
@@ -231,32 +264,17 @@ Fault Batch::faultOf(const Sim::Result& result, const Sim::Update& write) const 
   return fault;
 }
 
-void Batch::finishRun() {
-  std::vector<Job*> undone;
-  for (Job& job : run_) {
-    if (!failed(job) && !rollsBack_) {
-      keep(job);
+void Batch::endRun() {
+  for (const Job& job : run_) {
+    if (rollsBack_ || failed(job)) {
+      continue;
     }
-    if (failed(job)) {
-      undone.push_back(&job);
-    } else if (!rollsBack_) {
+    keep(job);
+    if (!failed(job)) {
       releaseOldHidden(job.change, parts_.store);
     }
   }
-  undo(undone);
-  for (const Job* const job : undone) {
-    if (job->lost) {
-      outcomes_[job->update]->message += notRestored();
-    }
-  }
-  stopped_ = rollsBack_ && !undone.empty();
-  if (rollsBack_) {
-    std::erase_if(run_, [this](const Job& job) { return failed(job); });
-    runs_.push_back(std::exchange(run_, {}));
-  }
-  run_.clear();
-  stage_ = 0;
-  manyStages_ = false;
+  beginUndo(run_);
 }
 
 void Batch::keep(const Job& job) {
@@ -286,23 +304,57 @@ bool Batch::keepAll() {
   return true;
 }
 
-void Batch::undo(std::vector<Job*> jobs) {
-  // A later update has deleted the entry, and the switch has refused to restore it.
-  std::erase_if(jobs, [this](Job* job) {
-    if (job->change.op == Op::delete_ || isStored(job->change, parts_.store)) {
-      return false;
+void Batch::beginUndo(std::vector<Job>& run) {
+  const bool all = phase_ == Phase::rollBack_;
+  for (Job& job : run) {
+    if (!all && !failed(job)) {
+      continue;
     }
-    releaseOldHidden(job->change, parts_.store);
-    job->lost = job->change.op == Op::modify_;
-    return true;
-  });
-  if (jobs.empty()) {
+    if (job.change.op == Op::delete_ || isStored(job.change, parts_.store)) {
+      undone_.push_back(&job);
+      continue;
+    }
+    // A later update has deleted the entry, and the switch has refused to restore it.
+    releaseOldHidden(job.change, parts_.store);
+    job.lost = job.change.op == Op::modify_;
+  }
+  undoStage_ = undone_.empty() ? 0 : stages.size();
+  rollingBack_ = all;
+  phase_ = Phase::undo_;
+}
+
+bool Batch::writeUndo() {
+  --undoStage_;
+  writes_.clear();
+  written_.clear();
+  bool restores = isCleanUp(undoStage_);
+  for (std::size_t at = 0; at < undone_.size(); ++at) {
+    const Job& job = *undone_[at];
+    if (job.reached > undoStage_) {
+      appendUndo(job.change, stages[undoStage_], job.refused, parts_.store, writes_);
+      written_.resize(writes_.size(), at);
+      restores = restores || (stages[undoStage_] == Stage::main_ && job.change.op != Op::insert_);
+    }
+  }
+  return writes_.empty() || writer_.begin(writes_) || !restores;
+}
+
+void Batch::takeUndo() {
+  const std::vector<Sim::Result> results =
+      writes_.empty() ? std::vector<Sim::Result>{} : writer_.take();
+  if (stages[undoStage_] != Stage::main_) {
     return;
   }
-  for (std::size_t stage = stages.size(); stage-- > 0;) {
-    undoStage(stage, jobs);
+  // The last write of a job restores its row.
+  for (std::size_t at = 0; at < results.size(); ++at) {
+    if (at + 1 == results.size() || written_[at + 1] != written_[at]) {
+      takeRestored(*undone_[written_[at]], results[at]);
+    }
   }
-  for (Job* const job : jobs) {
+}
+
+void Batch::endUndo() {
+  for (Job* const job : std::exchange(undone_, {})) {
     if (job->lost) {
       parts_.keeper.drop(job->change);
       releaseOldHidden(job->change, parts_.store);
@@ -312,32 +364,43 @@ void Batch::undo(std::vector<Job*> jobs) {
       drop(job->change, parts_.store);
     }
   }
+  if (rollingBack_) {
+    endRunRolledBack();
+  } else {
+    endRunUndone();
+  }
 }
 
-void Batch::undoStage(std::size_t stage, const std::vector<Job*>& jobs) {
-  const bool isMain = stages[stage] == Stage::main_;
-  Writes writes;
-  std::vector<std::size_t> ends;  // by job, where its writes end
-  for (const Job* const job : jobs) {
-    if (job->reached > stage) {
-      appendUndo(job->change, stages[stage], job->refused, parts_.store, writes);
-    }
-    ends.push_back(writes.size());
-  }
-  if (writes.empty()) {
-    return;
-  }
-  const std::vector<Sim::Result> results = writer_.applyNow(writes);
-  for (std::size_t at = 0; isMain && at < jobs.size(); ++at) {
-    if (ends[at] > (at == 0 ? 0 : ends[at - 1])) {
-      takeUndone(*jobs[at], results[ends[at] - 1]);
+void Batch::endRunUndone() {
+  for (const Job& job : run_) {
+    if (job.lost) {
+      outcomes_[job.update]->message += notRestored();
     }
   }
+  if (rollsBack_) {
+    stopped_ = std::erase_if(run_, [this](const Job& job) { return failed(job); }) != 0;
+    runs_.push_back(std::move(run_));
+  }
+  run_.clear();
+  stage_ = 0;
+  manyStages_ = false;
+  phase_ = Phase::plan_;
+}
+
+void Batch::endRunRolledBack() {
+  for (const Job& job : runs_.back()) {
+    if (!failed(job)) {  // keepAll() may have set its outcome
+      outcomes_[job.update] = {Code::aborted_,
+                               job.lost ? "rolled back" + notRestored() : "rolled back"};
+    }
+  }
+  runs_.pop_back();
+  phase_ = Phase::rollBack_;
 }
 
 // A deleted row that is written again gets a new handle. The entry must have it before earlier
 // updates of the batch are undone.
-void Batch::takeUndone(Job& job, const Sim::Result& result) {
+void Batch::takeRestored(Job& job, const Sim::Result& result) {
   job.restored = result.handle;
   if (job.change.op != Op::delete_) {
     return;
@@ -352,33 +415,14 @@ void Batch::takeUndone(Job& job, const Sim::Result& result) {
   }
 }
 
-void Batch::rollBack() {
-  parts_.keeper.forgetNoted();
-  for (auto run = runs_.rbegin(); run != runs_.rend(); ++run) {
-    std::vector<Job*> jobs;
-    for (Job& job : *run) {
-      jobs.push_back(&job);
-    }
-    undo(jobs);
-    for (const Job& job : *run) {
-      if (failed(job)) {  // keepAll() has set its outcome
-        continue;
-      }
-      outcomes_[job.update] = {Code::aborted_,
-                               job.lost ? "rolled back" + notRestored() : "rolled back"};
-    }
-  }
-  runs_.clear();
-  for (; next_ < outcomes_.size(); ++next_) {
-    outcomes_[next_] = {Code::aborted_, "not attempted"};
-  }
-}
-
 void Batch::finish() {
   for (const auto& run : runs_) {
     for (const Job& job : run) {
       releaseOldHidden(job.change, parts_.store);
     }
+  }
+  for (; next_ < outcomes_.size(); ++next_) {
+    outcomes_[next_] = {Code::aborted_, "not attempted"};
   }
   if (deadline_) {
     parts_.timers.cancel(*std::exchange(deadline_, std::nullopt));

@@ -4,7 +4,9 @@
 // together: a run. A run ends early at an update that the planner refuses, or that changes an
 // entity of the same run. The next run begins when the hardware has answered every update of this
 // one, or when the batch's time is up. Before that, updates that failed or were not answered are
-// undone, so that each update starts from the state that the updates before it have left.
+// undone, so that each update starts from the state that the updates before it have left. Where
+// this restores something, it waits for the hardware too, stage by stage, until the batch's time is
+// up: a flow can only be restored once its group is ready.
 //
 // Successful updates are kept (Keeper.h): with CONTINUE_ON_ERROR at the end of each run, with
 // ROLLBACK_ON_ERROR at the end of the batch, together with what the keeper has noted before.
@@ -63,7 +65,15 @@ class Batch {
     bool lost = false;                  // a deleted flow that the switch refused to restore
   };
 
-  // Plans and writes until the hardware has to be waited for or the batch is finished.
+  enum class Phase : std::uint8_t {
+    plan_,
+    write_,     // the stages of the run
+    undo_,      // the stages of what failed in the run, or of a whole run, the last one first
+    settle_,    // everything is written
+    rollBack_,  // the finished runs, the last one first
+  };
+
+  // Plans, writes and undoes until the hardware has to be waited for or the batch is finished.
   void advance();
   // Goes on after the stage that was waited for.
   void resume();
@@ -77,7 +87,10 @@ class Batch {
   [[nodiscard]] bool writeStage();
   // Takes the results of the stage.
   void takeStage();
-  void finishRun();
+  // Keeps what succeeded, and begins to undo what failed.
+  void endRun();
+  // Whether the batch waits for the hardware, which has answered or not.
+  [[nodiscard]] bool mustWait(bool answered);
   // Keeps the job's change. If that fails, the fault becomes the outcome of its update.
   void keep(const Job& job);
   // Keeps the changes of the whole batch together. False when that failed.
@@ -85,11 +98,17 @@ class Batch {
 
   [[nodiscard]] bool failed(const Job& job) const { return outcomes_[job.update].has_value(); }
   [[nodiscard]] Fault faultOf(const Sim::Result& result, const Sim::Update& write) const;
-  // Undoes the jobs' writes and reverts their changes in the store.
-  void undo(std::vector<Job*> jobs);
-  void undoStage(std::size_t stage, const std::vector<Job*>& jobs);
-  void takeUndone(Job& job, const Sim::Result& result);
-  void rollBack();
+  // Begins to undo the jobs of the run that failed, or all of them while the batch rolls back.
+  void beginUndo(std::vector<Job>& run);
+  // Undoes the next stage. True when nothing has to be waited for.
+  [[nodiscard]] bool writeUndo();
+  // Takes the results of that.
+  void takeUndo();
+  void takeRestored(Job& job, const Sim::Result& result);
+  // Reverts the changes of the undone jobs in the store.
+  void endUndo();
+  void endRunUndone();
+  void endRunRolledBack();
   void finish();
 
   const Parts parts_;
@@ -100,15 +119,20 @@ class Batch {
   SwitchWriter writer_;
 
   Outcomes outcomes_;
+  Phase phase_ = Phase::plan_;
   std::size_t next_ = 0;  // the next update to be planned
   std::vector<Job> run_;
   std::uint32_t runNumber_ = 0;
-  bool manyStages_ = false;           // some job of the run has more than the main stage
-  std::size_t stage_ = 0;             // the stage to be written next
-  std::vector<std::size_t> written_;  // for each write of the stage, the index of its job in run_
+  bool manyStages_ = false;  // some job of the run has more than the main stage
+  std::size_t stage_ = 0;    // the stage to be written next
+  // For each write of the stage, the index of its job in run_, or in undone_.
+  std::vector<std::size_t> written_;
   Writes writes_;
   std::vector<std::vector<Job>> runs_;  // with ROLLBACK_ON_ERROR: the finished runs, in order
   bool stopped_ = false;                // an update failed and the batch will be rolled back
+  bool rollingBack_ = false;            // what is being undone is a whole run
+  std::vector<Job*> undone_;            // the jobs that are being undone
+  std::size_t undoStage_ = 0;           // the stages below this one are still to be undone
 
   std::optional<Timers::Id> deadline_;
   std::optional<Timers::Id> wake_;

@@ -35,7 +35,7 @@ SwitchWriter::SwitchWriter(Sim::Service& service, std::function<void()> answered
 
 bool SwitchWriter::begin(std::span<const Sim::Update> writes) {
   for (const Sim::Update& write : writes) {
-    if (write.kind() != Kind::flow_) {
+    if (write.kind() != Kind::flow_ && reachesHardware(write)) {
       groups_.expect(groupIdOf(write), write.op() == Op::delete_);
     }
   }
@@ -51,8 +51,9 @@ void SwitchWriter::await(std::size_t at, const Sim::Update& write) {
   Sim::Result& result = results_[at];
   if (write.kind() == Kind::flow_) {
     if (result.state == State::pending_) {
-      flowsAwaited_.tryEmplace(result.handle, at);
-      ++awaited_;
+      const auto [entry, isNew] = flowsAwaited_.tryEmplace(result.handle, at);
+      entry.value = at;  // the latest write of the row is the one that counts
+      awaited_ += isNew ? 1 : 0;
     }
     return;
   }

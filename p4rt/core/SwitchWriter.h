@@ -25,7 +25,8 @@ class SwitchWriter {
 
   // Applies the writes. Returns true when the hardware has answered all of them; otherwise
   // `answered` is called when it has.
-  // Requires: no two writes are of the same row, and the previous results have been taken.
+  // Requires: the previous results have been taken. Of several writes of a row, only the last one
+  // changes it for the hardware, or they are of a flow: then the first answer stands for the last.
   bool begin(std::span<const Sim::Update> writes);
   // The result of each write, in order; pending_ where the hardware has not answered. Ends the
   // waiting.

@@ -126,6 +126,31 @@ TEST_F(HardwareTest, WhatHasNoRoomAnyMoreIsNotRestored) {
   EXPECT_THAT(everything(), ElementsAre(shown(member(1))));
 }
 
+TEST_F(HardwareTest, WhatWasDeletedIsRestoredOnHardwareThatIsLate) {
+  const auto rollBack = [this](const std::vector<Update>& there, std::vector<Update> updates) {
+    expectTaken(there);
+    const Texts before = everything();
+    agent->automaticIs(false);
+    updates.push_back(remove(acl(99)));
+    const WriteCall call = begin(updates, WriteRequest::ROLLBACK_ON_ERROR);
+    for (int round = 0; round < 30 && !call->done; ++round) {
+      runHardware();
+    }
+    Texts expected(updates.size() - 1, "ABORTED");
+    expected.push_back("NOT_FOUND");
+    EXPECT_EQ(wordsOf(call->status), expected);
+    EXPECT_EQ(everything(), before);
+    agent->automaticIs(true);
+    runHardware();
+  };
+  const std::string oneShots = route(1, oneShot({{nexthop(), 1}}));
+  rollBack({insert(oneShots)}, {remove(oneShots), insert(oneShots), remove(oneShots)});
+  expectTaken({remove(oneShots)});
+  const std::string user = route(1, "action_profile_group_id: 1");
+  rollBack({insert(member(1)), insert(group(1, {{1, 1}})), insert(user)},
+           {remove(user), remove(group(1, {})), remove(member(1)), insert(member(1))});
+}
+
 using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
 
 TEST_F(HardwareTest, EachStatusHasItsCode) {
