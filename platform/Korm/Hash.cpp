@@ -9,6 +9,7 @@ namespace {
 constexpr std::uint64_t laneA = 0x9FB21C651E98DF25U;
 constexpr std::uint64_t laneB = 0xD6E8FEB86659FD93U;
 constexpr std::uint64_t laneC = 0xA0761D6478BD642FU;
+constexpr std::uint64_t laneD = 0x91D93080F9B439FDU;
 
 __extension__ using Wide = unsigned __int128;
 
@@ -25,15 +26,29 @@ std::uint64_t load(const unsigned char* at) noexcept {
 
 }  // namespace
 
-// Folds 16 bytes a multiplication, in two independent chains so that the multiplier stays busy.
+// Folds 16 bytes a multiplication, in independent chains so that the multiplier stays busy.
 std::uint64_t hashBytes(const void* data, std::size_t size, std::uint64_t seed) noexcept {
   const auto* at = static_cast<const unsigned char*>(data);
   std::uint64_t first = seed ^ laneC ^ (size * laneA);
   std::uint64_t second = first;
   std::size_t left = size;
-  for (; left >= 32; left -= 32, at += 32) {
+  if (left >= 64) {
+    std::uint64_t third = first;
+    std::uint64_t fourth = first;
+    for (; left >= 64; left -= 64, at += 64) {
+      first = fold(load(at) ^ laneA, load(at + 8) ^ first);
+      second = fold(load(at + 16) ^ laneB, load(at + 24) ^ second);
+      third = fold(load(at + 32) ^ laneC, load(at + 40) ^ third);
+      fourth = fold(load(at + 48) ^ laneD, load(at + 56) ^ fourth);
+    }
+    first ^= third;
+    second ^= fourth;
+  }
+  if (left >= 32) {
     first = fold(load(at) ^ laneA, load(at + 8) ^ first);
     second = fold(load(at + 16) ^ laneB, load(at + 24) ^ second);
+    left -= 32;
+    at += 32;
   }
   if (left >= 16) {
     first = fold(load(at) ^ laneA, load(at + 8) ^ first);
