@@ -151,6 +151,18 @@ TEST_F(HardwareTest, WhatWasDeletedIsRestoredOnHardwareThatIsLate) {
            {remove(user), remove(group(1, {})), remove(member(1)), insert(member(1))});
 }
 
+TEST_F(HardwareTest, AnUpdateSucceedsOnceItIsWrittenEvenIfItsFormerOneShotIsNotGoneInTime) {
+  expectTaken({insert(route(1, oneShot({{nexthop(), 1}})))});
+  agent->automaticIs(false);
+  const WriteCall call = begin({modify(route(1, oneShot({{nexthop(), 2}})))});
+  for (int round = 0; round < 3; ++round) {  // the members, the group and the entry
+    runHardware();
+  }
+  EXPECT_FALSE(call->done);
+  timers.pass(5000);
+  EXPECT_THAT(wordsOf(call->status), ElementsAre("OK"));
+}
+
 using Statuses = std::vector<std::pair<std::uint32_t, std::string>>;
 
 TEST_F(HardwareTest, EachStatusHasItsCode) {
