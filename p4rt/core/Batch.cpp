@@ -94,21 +94,9 @@ void Batch::advance() {
         phase_ = run_.empty() ? Phase::settle_ : Phase::write_;
         break;
       case Phase::write_:
-        if (stage_ == stages.size()) {
-          endRun();
-        } else if (mustWait(writeStage())) {
-          return;
-        } else {
-          takeStage();
-        }
-        break;
       case Phase::undo_:
-        if (undoStage_ == 0) {
-          endUndo();
-        } else if (mustWait(writeUndo())) {
+        if (!advanceStage()) {
           return;
-        } else {
-          takeUndo();
         }
         break;
       case Phase::settle_:
@@ -130,6 +118,21 @@ void Batch::advance() {
   }
 }
 
+bool Batch::advanceStage() {
+  const bool undoes = phase_ == Phase::undo_;
+  const bool ended = undoes ? undoStage_ == 0 : stage_ == stages.size();
+  if (ended) {
+    undoes ? endUndo() : endRun();
+  } else if (mustWait(undoes ? writeUndo() : writeStage())) {
+    return false;
+  } else {
+    takeResults();
+  }
+  return true;
+}
+
+void Batch::takeResults() { phase_ == Phase::undo_ ? takeUndo() : takeStage(); }
+
 bool Batch::mustWait(bool answered) {
   if (answered || expired_) {
     return false;
@@ -143,11 +146,7 @@ bool Batch::mustWait(bool answered) {
 
 void Batch::resume() {
   waiting_ = false;
-  if (phase_ == Phase::undo_) {
-    takeUndo();
-  } else {
-    takeStage();
-  }
+  takeResults();
   advance();
 }
 

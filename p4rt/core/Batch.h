@@ -75,6 +75,10 @@ class Batch {
 
   // Plans, writes and undoes until the hardware has to be waited for or the batch is finished.
   void advance();
+  // Writes or undoes the next stage, or ends that. False when the hardware has to be waited for.
+  [[nodiscard]] bool advanceStage();
+  // Takes the results of the stage that was written or undone.
+  void takeResults();
   // Goes on after the stage that was waited for.
   void resume();
   // The batch's time is up.
