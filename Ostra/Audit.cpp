@@ -37,6 +37,7 @@ std::string_view auditKindText(AuditKind kind) noexcept {
       {AuditKind::hardwareFailed_, "hardware-failed"},
       {AuditKind::hardwareSilent_, "hardware-silent"},
   }};
+  static_assert(Korm::hasAllTexts(texts, AuditKind::hardwareSilent_));
   return Korm::enumText(texts, kind);
 }
 

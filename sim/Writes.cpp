@@ -31,6 +31,8 @@ constexpr Korm::EnumTexts<State, 5> states{{
     {State::failed_, "failed"},
     {State::stored_, "stored"},
 }};
+static_assert(Korm::hasAllTexts(ops, Op::announce_) && Korm::hasAllTexts(kinds, Kind::group_) &&
+              Korm::hasAllTexts(states, State::stored_));
 
 }  // namespace
 

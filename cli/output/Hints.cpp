@@ -130,6 +130,7 @@ std::string_view stepText(FlowStep step) noexcept {
       {FlowStep::priority_, "priority"},
       {FlowStep::write_, "write"},
   }};
+  static_assert(Korm::hasAllTexts(texts, FlowStep::write_));
   return Korm::enumText(texts, step);
 }
 

@@ -105,6 +105,7 @@ void Batch::advance() {
           return;
         }
         parts_.keeper.forgetNoted();
+        rollingBack_ = true;
         phase_ = Phase::rollBack_;
         break;
       case Phase::rollBack_:
@@ -304,9 +305,8 @@ bool Batch::keepAll() {
 }
 
 void Batch::beginUndo(std::vector<Job>& run) {
-  const bool all = phase_ == Phase::rollBack_;
   for (Job& job : run) {
-    if (!all && !failed(job)) {
+    if (!rollingBack_ && !failed(job)) {
       continue;
     }
     if (job.change.op == Op::delete_ || isStored(job.change, parts_.store)) {
@@ -318,7 +318,6 @@ void Batch::beginUndo(std::vector<Job>& run) {
     job.lost = job.change.op == Op::modify_;
   }
   undoStage_ = undone_.empty() ? 0 : stages.size();
-  rollingBack_ = all;
   phase_ = Phase::undo_;
 }
 

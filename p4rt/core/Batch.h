@@ -134,7 +134,7 @@ class Batch {
   Writes writes_;
   std::vector<std::vector<Job>> runs_;  // with ROLLBACK_ON_ERROR: the finished runs, in order
   bool stopped_ = false;                // an update failed and the batch will be rolled back
-  bool rollingBack_ = false;            // what is being undone is a whole run
+  bool rollingBack_ = false;            // whole runs are being undone
   std::vector<Job*> undone_;            // the jobs that are being undone
   std::size_t undoStage_ = 0;           // the stages below this one are still to be undone
 

@@ -25,8 +25,9 @@ class SwitchWriter {
 
   // Applies the writes. Returns true when the hardware has answered all of them; otherwise
   // `answered` is called when it has.
-  // Requires: the previous results have been taken. Of several writes of a row, only the last one
-  // changes it for the hardware, or they are of a flow: then the first answer stands for the last.
+  // Requires: the previous results have been taken. Of several writes of one member or group, at
+  // most one reaches the hardware. Of several writes of one flow, only the last one is waited for;
+  // the first answer is taken as its answer.
   bool begin(std::span<const Sim::Update> writes);
   // The result of each write, in order; pending_ where the hardware has not answered. Ends the
   // waiting.

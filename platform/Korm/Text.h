@@ -53,4 +53,15 @@ template <class Enum, std::size_t count>
   return otherwise;
 }
 
+// Whether each value from 0 to `last` has a text, for a static assertion.
+template <class Enum, std::size_t count>
+[[nodiscard]] constexpr bool hasAllTexts(const EnumTexts<Enum, count>& texts, Enum last) noexcept {
+  for (std::size_t value = 0; value <= static_cast<std::size_t>(last); ++value) {
+    if (enumText(texts, static_cast<Enum>(value)).empty()) {
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace Korm

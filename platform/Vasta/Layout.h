@@ -126,6 +126,8 @@ struct RowGeometry {
 
 // The number in a row's version word.
 namespace Version {
+// No table gets that far, so a larger number is damage.
+inline constexpr std::uint64_t maximumSequence = checkedNumberMask >> 2U;
 [[nodiscard]] constexpr std::uint64_t of(std::uint64_t sequence, bool inSpareCell) noexcept {
   return sequence << 1U | (inSpareCell ? 1U : 0U);
 }

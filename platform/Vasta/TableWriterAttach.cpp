@@ -170,7 +170,9 @@ void TableWriter::takeOver(std::shared_ptr<Korm::Segment> header) {
   }
   const std::uint64_t generation = counter(Header::indexGeneration_);
   writerGeneration_ = counter(Header::writerGeneration_) + 1;
-  changeSequence_ = counter(Header::changeSequence_);
+  // Where the counter is damaged, the rows tell how far the sequence has come.
+  const std::uint64_t sequence = counter(Header::changeSequence_);
+  changeSequence_ = sequence <= Version::maximumSequence ? sequence : 0;
   attachSegments(std::move(header), std::move(rows));
   rowCount_ = static_cast<std::uint32_t>(std::min<std::size_t>(maximumRows, rowsThere));
   index_.emplace(makeIndex(generation + 1));

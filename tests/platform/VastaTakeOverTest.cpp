@@ -229,6 +229,16 @@ TEST_F(VastaTakeOver, AFollowerOfANewWriterLearnsOfNothingTwice) {
   EXPECT_THAT(follow(cursor), ElementsAre(0));
 }
 
+TEST_F(VastaTakeOver, ASequenceThatLeavesNoRoomForChangesIsDamage) {
+  leave(name_, 3);
+  Tampering{names(name_).header()}.wordIs(Header::changeSequence_,
+                                          Vasta::checkedWord(Vasta::checkedNumberMask - 1));
+  Table<Route> table{name_.options()};
+  table.is(Route::of(1, 2));
+  EXPECT_EQ(Reader<Route>{*name_}.find(1), Route::of(1, 2));
+  EXPECT_EQ(violation(table), "none");
+}
+
 TEST_F(VastaTakeOver, AFollowerBeginsAgainWithATableThatBeganAgain) {
   leave(name_, 20);
   Vasta::FollowCursor cursor;
